@@ -1,0 +1,2 @@
+file(SIZE ${FILE} bytes)
+message(STATUS "${FILE}: ${bytes} bytes")
