@@ -1,0 +1,127 @@
+#include "daemon/board.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "support/configuration.h"
+#include "support/handle.h"
+#include "support/process_file.h"
+#include "support/shell.h"
+
+int wireTotal;
+int wirelessTotal;
+int support_freq;
+char systemProduct[60];
+volatile sig_atomic_t factoryResetFlag;
+
+namespace {
+
+constexpr char kIfconfig[] = "/sbin/ifconfig";
+constexpr char kIpLink[] = "/bin/ip link";
+
+// /tmp is a RAM disk: what is copied here goes on working while the root file system is overwritten.
+void copyToRam() {
+    if (access("/tmp/busybox", F_OK) == 0) return;
+    my_system("/bin/cp -a /dev/ /tmp/ > /dev/null 2>&1");
+    my_system("/bin/cp /bin/busybox /tmp/ > /dev/null 2>&1");
+    my_system("/bin/ln -s busybox /tmp/echo > /dev/null 2>&1");
+    my_system("/bin/ln -s busybox /tmp/reboot > /dev/null 2>&1");
+}
+
+// Reads words 2 and 3. False when the list ends before word 3: what follows the counts is then left unread as well.
+bool readCounts(const char *macArguments) {
+    const char *const wired = strchr(macArguments, ' ');
+    if (wired == nullptr) return false;
+    wireTotal = atoi(wired + 1);
+    const char *const wireless = strchr(wired + 1, ' ');
+    if (wireless == nullptr) return false;
+    wirelessTotal = atoi(wireless + 1);
+    return true;
+}
+
+void swapNames(const char *a, const char *b) {
+    my_system("%s %s down", kIfconfig, a);
+    my_system("%s %s down", kIfconfig, b);
+    my_system("%s set dev %s name eth_temp", kIpLink, a);
+    my_system("%s set dev %s name %s", kIpLink, b, a);
+    my_system("%s set dev eth_temp name %s", kIpLink, b);
+    my_system("%s %s up", kIfconfig, a);
+    my_system("%s %s up", kIfconfig, b);
+}
+
+// `pair` is cut in place. False when it holds no '_'.
+bool exchangePair(char *pair) {
+    char *const underscore = strchr(pair, '_');
+    if (underscore == nullptr) return false;
+    *underscore = '\0';
+    swapNames(pair, underscore + 1);
+    return true;
+}
+
+// syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none.
+void logFromHandler(const char *message, size_t length) {
+    const int interruptedErrno = errno;
+    const DescriptorHandle log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, "/dev/log", sizeof "/dev/log");
+    sendto(log, message, length, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    errno = interruptedErrno;
+}
+
+}  // namespace
+
+void initialFunc() {
+    memset(systemProduct, 0, sizeof systemProduct);
+    copyToRam();
+    const char *const macArguments = RETURN_DEF_STR("SYSTEM_MAC_ARGS");
+    // Counts that are cut short leave the radio mask unread: intended, a board with half a description has no radios.
+    if (macArguments != nullptr && !readCounts(macArguments)) return;
+    support_freq = RETURN_DEF_INT("WIFI_DEV_DEFINE");
+}
+
+void interfaceCmd() {
+    for (int i = 0; i < wireTotal; ++i) my_system("%s eth%d 192.168.%d.1 > /dev/null 2>&1", kIfconfig, i, i + 1);
+    my_system("/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &");
+}
+
+void resetSwitch() {}
+
+void reboot_func() {
+    my_system("/tmp/reboot 2>&1");
+    my_killproc("hardware_reset", SIGTERM);
+}
+
+void exchangePorts(const char *pairs) {
+    char *const copy = strdup(pairs);
+    if (copy == nullptr) return;
+    char *pair = copy;
+    bool going = true;
+    while (going) {
+        char *const blank = strchr(pair, ' ');
+        if (blank != nullptr) *blank = '\0';
+        going = exchangePair(pair) && blank != nullptr;
+        if (going) pair = blank + 1;
+    }
+    free(copy);
+}
+
+void onResetSignal(int) {
+    constexpr char kMessage[] = "<9>fabtestd: Factory Reset Signal (SIGUSR2)\n";
+    static_assert((LOG_USER | LOG_ALERT) == 9);
+    logFromHandler(kMessage, sizeof kMessage - 1);
+    factoryResetFlag = 2;
+}
+
+void onReleaseSignal(int) {
+    constexpr char kMessage[] = "<9>fabtestd: Factory Reset Signal (SIGUSR1)\n";
+    logFromHandler(kMessage, sizeof kMessage - 1);
+    factoryResetFlag = 0;
+}

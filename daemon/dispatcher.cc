@@ -1,0 +1,102 @@
+#include "daemon/dispatcher.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/board.h"
+
+int pingFlag;
+
+namespace {
+
+struct Request {
+    int socket;
+    char *pkbuf;
+    int length;
+    const char *argument;  // what follows the command word in pkbuf
+};
+
+// The first `length` bytes: with what the connection clears before it receives, the reply's frame is all NUL.
+void clearReply(const Request &request) { memset(request.pkbuf, 0, static_cast<size_t>(request.length)); }
+
+void reply(const Request &request, const char *text) {
+    clearReply(request);
+    snprintf(request.pkbuf, kPkbufSize, "%s", text);
+}
+
+void ping(const Request &request) {
+    pingFlag = 1;
+    clearReply(request);
+    snprintf(request.pkbuf, kPkbufSize, "%s %d", "PING", wireTotal);
+}
+
+void factoryReset(const Request &request) {
+    factoryResetFlag = 1;
+    do sleep(1);
+    while (factoryResetFlag == 1);
+    reply(request, "WAITING FACTORY RESET");
+}
+
+void waiting(const Request &request) {
+    while (factoryResetFlag != 0) sleep(1);
+    reply(request, "OK");
+}
+
+void reboot(const Request &request) {
+    reboot_func();
+    reply(request, "OK");
+}
+
+void answerOk(const Request &request) { reply(request, "OK"); }
+
+// The command itself is the reply: nothing is cleared.
+void echo(const Request &) {}
+
+void programMac(const Request &request) {
+    clearReply(request);
+    snprintf(request.pkbuf, kPkbufSize, "%s %d", "MAC", wireTotal + wirelessTotal);
+}
+
+void bye(const Request &request) { reply(request, "BYE"); }
+
+void unknown(const Request &request) { reply(request, "UNKNOWN"); }
+
+struct Command {
+    const char *word;
+    void (*run)(const Request &request);
+};
+
+// The first word that the text begins with wins: the order is part of the interface. The empty word ends the table,
+// as every text begins with it.
+constexpr Command kCommands[] = {
+    {"VERSION ", answerOk},
+    {"FW IMAGE ", answerOk},
+    {"FW KERNEL ", answerOk},
+    {"FW ROOTFS ", answerOk},
+    {"FW CONFIG ", answerOk},
+    {"SHELL", echo},
+    {"PING", ping},
+    {"MAC ", programMac},
+    {"COUNTRY ", answerOk},
+    {"FACTORY RESET", factoryReset},
+    {"WAITING", waiting},
+    {"REBOOT", reboot},
+    {"INFO", clearReply},
+    {"BYE", bye},
+    {"", unknown},
+};
+
+}  // namespace
+
+void ParseCmd(int socket, char *pkbuf, int length) {
+    syslog(LOG_ALERT, "====== ParseCmd len=%d, cmd=%s ======\n", length, pkbuf);
+    for (const Command &command : kCommands) {
+        const size_t wordLength = strlen(command.word);
+        if (strncmp(pkbuf, command.word, wordLength) != 0) continue;
+        command.run({socket, pkbuf, length, pkbuf + wordLength});
+        return;
+    }
+}

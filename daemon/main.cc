@@ -1,0 +1,137 @@
+// The command line: one mode word and at most one argument. The exit status is 0 on every path.
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/board.h"
+#include "daemon/dispatcher.h"
+#include "daemon/qc_connection.h"
+#include "support/configuration.h"
+#include "support/shell.h"
+
+namespace {
+
+// Holds each command and its reply; in the one-shot modes the report or the country code.
+char pkbuf[kPkbufSize];
+
+constexpr char kReboot[] = "/tmp/reboot";  // a link that initialFunc made, in an earlier run
+
+constexpr char kUsage[] =
+    "%s command:\n\n"
+    "%s [daemon | qconly | info | switch | domcheck | country | image | kernel | rootfs | config]\n"
+    "\tdaemon - normal\n"
+    "\tqconly - recv packet 0x55aa & run QC Client\n"
+    "\tinfo - get Information\n"
+    "\tswitch - reset switch & set QC ip\n"
+    "\tdomcheck - rewrite DOMCheck\n"
+    "\tmac - set mac\n"
+    "\tcountry XX - set Country\n"
+    "\timage filename - write image\n"
+    "\tkernel filename - write kernel\n"
+    "\trootfs filename - write rootfs\n"
+    "\tconfig filename - write config\n"
+    "\n\n";
+
+// The file that a mode is to write: the third of exactly three words, if it exists. Otherwise prints the error line
+// and returns null.
+const char *fileArgument(int argc, char **argv) {
+    if (argc == 3 && access(argv[2], F_OK) == 0) return argv[2];
+    printf("%s %s filename\n\n", argv[0], argv[1]);
+    return nullptr;
+}
+
+void startService() {
+    if (fork() != 0) return;
+    for (int standard = 0; standard <= 2; ++standard) close(standard);
+    init_configuration();
+    initialFunc();
+    interfaceCmd();
+    sleep(1);
+    memset(pkbuf, 0, sizeof pkbuf);
+    signal(SIGUSR1, onReleaseSignal);
+    signal(SIGUSR2, onResetSignal);
+    serveStation(pkbuf);
+}
+
+void daemonMode(int, char **) { startService(); }
+
+void qconlyMode(int, char **) { startService(); }
+
+void infoMode(int, char **) {
+    open_configuration();
+    initialFunc();
+    printf("%s", pkbuf);
+}
+
+void switchMode(int, char **) {
+    open_configuration();
+    initialFunc();
+    resetSwitch();
+    interfaceCmd();
+}
+
+void domcheckMode(int, char **) {}
+
+// A text with colons must have the length of an address; one without is a number of any length.
+void macMode(int argc, char **argv) {
+    if (argc != 3) {
+        printf("%s %s mac\n\n", argv[0], argv[1]);
+        return;
+    }
+    if (strchr(argv[2], ':') != nullptr && strlen(argv[2]) != 17) return;
+    open_configuration();
+}
+
+void countryMode(int, char **) { open_configuration(); }
+
+void imageMode(int argc, char **argv) {
+    if (fileArgument(argc, argv) == nullptr) return;
+    my_system(kReboot);
+}
+
+void kernelMode(int argc, char **argv) { fileArgument(argc, argv); }
+
+void rootfsMode(int argc, char **argv) {
+    if (fileArgument(argc, argv) == nullptr) return;
+    my_system(kReboot);
+}
+
+void configMode(int argc, char **argv) { fileArgument(argc, argv); }
+
+void testMode(int, char **) {
+    open_configuration();
+    initialFunc();
+}
+
+void portChangeMode(int, char **) {
+    if (init_configuration() == nullptr) return;
+    const char *const pairs = RETURN_DEF_STR("SYSTEM_PORT_CHANGE");
+    if (pairs != nullptr) exchangePorts(pairs);
+}
+
+struct Mode {
+    const char *word;
+    void (*run)(int argc, char **argv);
+};
+
+constexpr Mode kModes[] = {
+    {"daemon", daemonMode},          {"qconly", qconlyMode}, {"info", infoMode},       {"switch", switchMode},
+    {"domcheck", domcheckMode},      {"mac", macMode},       {"country", countryMode}, {"image", imageMode},
+    {"kernel", kernelMode},          {"rootfs", rootfsMode}, {"config", configMode},   {"test", testMode},
+    {"port_change", portChangeMode},
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    for (const Mode &mode : kModes) {
+        if (argc < 2 || argv[1] == nullptr || strcmp(argv[1], mode.word) != 0) continue;
+        mode.run(argc, argv);
+        return 0;
+    }
+    printf(kUsage, argv[0], argv[0]);
+    return 0;
+}

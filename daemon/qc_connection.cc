@@ -1,0 +1,128 @@
+#include "daemon/qc_connection.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/dispatcher.h"
+#include "support/shell.h"
+
+namespace {
+
+constexpr char kStationAddress[] = "192.168.1.2";
+constexpr uint16_t kStationPort = 55688;
+constexpr int kConnectSeconds = 3;
+constexpr unsigned kRetrySeconds = 3;
+constexpr int kWaitSeconds = 30;
+constexpr size_t kFrame = 64;  // a command is at most this long, a reply at least
+
+sockaddr_in stationAddress() {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kStationPort);
+    inet_aton(kStationAddress, &address.sin_addr);
+    return address;
+}
+
+// The programs that commands run must find an output: "/tmp/reboot 2>&1", for one, is not started at all by a shell
+// whose descriptor 1 is closed. So what was closed at the start becomes /dev/null, and the socket moves out of its
+// way. Descriptor 0 is left to serveStation to judge. Returns the socket's descriptor.
+int makeRoomForOutput(int socket) {
+    if (socket == 0 || socket > STDERR_FILENO) return socket;
+    const int moved = fcntl(socket, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (moved < 0) return socket;
+    close(socket);
+    int null;
+    do null = open("/dev/null", O_RDWR);
+    while (null >= 0 && null <= STDERR_FILENO);
+    if (null >= 0) close(null);
+    return moved;
+}
+
+// A socket whose attempt has failed for good would fail the next attempt as well, without trying, only to say so
+// (ECONNABORTED); connecting it to no family makes it a new one. An attempt that is still under way goes on.
+void forgetFailedAttempt(int socket) {
+    if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return;
+    sockaddr none = {};
+    none.sa_family = AF_UNSPEC;
+    static_cast<void>(connect(socket, &none, sizeof none));
+}
+
+void connectStation(int socket) {
+    const sockaddr_in station = stationAddress();
+    int attempt = 1;
+    syslog(LOG_ALERT, "connecting %d\n", attempt);
+    while (my_connect_t(socket, reinterpret_cast<const sockaddr *>(&station), sizeof station, kConnectSeconds) < 0) {
+        const int reason = errno;
+        syslog(LOG_ALERT, "connecting %d (%s)\n", attempt, strerror(reason));
+        errno = reason;
+        forgetFailedAttempt(socket);
+        sleep(kRetrySeconds);
+        syslog(LOG_ALERT, "connecting %d\n", ++attempt);
+    }
+}
+
+// False when the wait ended without anything to read: the time ran out or a signal came.
+bool waitForCommand(int socket) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(socket, &readable);
+    timeval limit = {kWaitSeconds, 0};
+    return select(socket + 1, &readable, nullptr, nullptr, &limit) > 0;
+}
+
+// Sends the text as one frame: 64 bytes, or with its NUL when it is longer. Returns what send returns. A station that
+// has gone must not end the process by a signal.
+ssize_t sendReply(int socket, const char *pkbuf) {
+    const size_t length = strlen(pkbuf);
+    return send(socket, pkbuf, length <= kFrame ? kFrame : length + 1, MSG_NOSIGNAL);
+}
+
+// Receives one command, carries it out and answers it. False when the session has ended.
+bool serveCommand(int socket, char *pkbuf) {
+    memset(pkbuf, 0, kFrame);
+    const ssize_t received = recv(socket, pkbuf, kFrame, 0);
+    if (received <= 0) return false;
+    ParseCmd(socket, pkbuf, static_cast<int>(received));
+    if (pkbuf[0] == '\0') return true;
+
+    syslog(LOG_ALERT, "====== send pkbuf=%s ======\n", pkbuf);
+    const ssize_t sent = sendReply(socket, pkbuf);
+    if (sent <= 0) {
+        syslog(LOG_ALERT, "fabtestd(send)");
+        return true;
+    }
+    syslog(LOG_ALERT, "====== send pktlen=%d ======\n", static_cast<int>(sent));
+    return strcmp(pkbuf, "BYE") != 0;
+}
+
+}  // namespace
+
+void serveStation(char *pkbuf) {
+    // Close-on-exec: nothing that a command's program prints may enter the protocol stream.
+    const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    if (made < 0) {
+        perror("fabtestd(initSocket - socket)");
+        return;
+    }
+    const int station = makeRoomForOutput(made);
+    connectStation(station);
+    syslog(LOG_ALERT, "Socketid = %d\n", station);
+    // Descriptor 0 ends the program although standard input was closed at the start: intended. The first socket of a
+    // process is its system log's; if this one is the first, there is no log, and nobody would see what was done.
+    if (station == 0) return;
+
+    while (!waitForCommand(station) || serveCommand(station, pkbuf)) {
+    }
+    syslog(LOG_ALERT, "closeSocket (Socketid = %d)\n", station);
+    close(station);
+}
