@@ -1,0 +1,175 @@
+#include "station/session.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <utility>
+
+namespace station {
+namespace {
+
+// How long a reply of 64 characters without a NUL is given to turn out longer.
+constexpr Milliseconds kLongReplyGrace{300};
+
+// True when the descriptor became ready before the deadline.
+bool waitFor(int descriptor, short events, Clock::time_point deadline) {
+    for (;;) {
+        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+        pollfd waiting = {descriptor, events, 0};
+        const int ready = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        if (ready >= 0 || errno != EINTR) return ready > 0;
+    }
+}
+
+std::string describe(std::string_view what) { return fmt::format("{}: {}", what, strerror(errno)); }
+
+// Bytes of the frame at the start of `bytes`, as far as it can be told yet.
+size_t frameLength(std::string_view bytes) {
+    const size_t end = bytes.find('\0');
+    if (end == std::string_view::npos) return bytes.size() == kFrame ? kFrame : bytes.size() + 1;
+    return end <= kFrame ? kFrame : end + 1;
+}
+
+sockaddr_in addressOf(const std::string &address, uint16_t port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    if (inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) {
+        throw SessionError(fmt::format("{} is not an IPv4 address", address));
+    }
+    return result;
+}
+
+}  // namespace
+
+Socket::~Socket() {
+    if (descriptor_ >= 0) close(descriptor_);
+}
+
+Socket::Socket(Socket &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+Socket &Socket::operator=(Socket &&other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+}
+
+void Session::sendCommand(std::string_view text) {
+    if (text.size() > kFrame) throw SessionError(fmt::format("a command has at most {} bytes", kFrame));
+    std::string frame(text);
+    frame.resize(kFrame, '\0');
+    sendBytes(frame);
+}
+
+void Session::sendBytes(std::string_view bytes, const Progress &progress) {
+    uint64_t done = 0;
+    while (done < bytes.size()) {
+        // cppcheck-suppress invalidLifetime
+        const ssize_t sent = send(socket_.descriptor(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent < 0) throw SessionError(describe("sending failed"));
+        done += static_cast<uint64_t>(sent);
+        if (progress) progress(done, bytes.size());
+    }
+}
+
+void Session::sendFile(const std::filesystem::path &path, const Progress &progress) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw SessionError(describe("cannot open " + path.string()));
+    const uint64_t total = std::filesystem::file_size(path);
+    uint64_t done = 0;
+    std::array<char, 65536> part;
+    while (file.read(part.data(), part.size()), file.gcount() > 0) {
+        const auto length = static_cast<size_t>(file.gcount());
+        sendBytes({part.data(), length});
+        done += length;
+        if (progress) progress(done, total);
+    }
+}
+
+bool Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
+    if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return false;
+    std::array<char, kLongestReply + 1> part;
+    const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
+    if (received < 0) throw SessionError(describe("receiving failed"));
+    if (received == 0) throw SessionError("the board closed the connection");
+    bytes.append(part.data(), static_cast<size_t>(received));
+    return true;
+}
+
+std::string Session::receiveReply(Milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    std::string bytes;
+    while (bytes.size() < frameLength(bytes)) {
+        if (receiveSome(bytes, deadline)) continue;
+        if (bytes.empty()) throw SessionError(fmt::format("no reply within {:.1f} s", double(limit.count()) / 1000));
+        throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
+    }
+    // 64 characters are a whole frame, or the first of a longer one.
+    if (bytes.find('\0') == std::string::npos) {
+        while (receiveSome(bytes, Clock::now() + kLongReplyGrace) && bytes.find('\0') == std::string::npos) {
+        }
+    }
+    const size_t length = frameLength(bytes);
+    std::string text = bytes.substr(0, std::min(bytes.find('\0'), length));
+    if (bytes.size() > length) {
+        throw SessionError(fmt::format("{} bytes behind the reply's frame", bytes.size() - length));
+    }
+    if (bytes.find_first_not_of('\0', text.size()) != std::string::npos) {
+        throw SessionError("the reply's frame is not filled with NUL");
+    }
+    if (length > kLongestReply) throw SessionError(fmt::format("a reply of {} bytes", length));
+    return text;
+}
+
+void Session::expectClose(Milliseconds limit) {
+    if (!waitFor(socket_.descriptor(), POLLIN, Clock::now() + limit)) {
+        throw SessionError("the board left the connection open");
+    }
+    char byte;
+    if (recv(socket_.descriptor(), &byte, 1, 0) > 0) throw SessionError("the board sent more instead of closing");
+}
+
+void Session::reset() {
+    const linger now = {1, 0};
+    setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    socket_ = Socket(-1);
+}
+
+Listener::Listener(const std::string &address, uint16_t port)
+    : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_in bound = addressOf(address, port);
+    const int on = 1;
+    setsockopt(socket_.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
+        listen(socket_.descriptor(), SOMAXCONN) != 0) {
+        throw SessionError(describe(fmt::format("cannot listen on {}:{}", address, port)));
+    }
+}
+
+uint16_t Listener::port() const {
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(socket_.descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
+    return ntohs(bound.sin_port);
+}
+
+Session Listener::accept(Milliseconds limit) {
+    if (!waitFor(socket_.descriptor(), POLLIN, Clock::now() + limit)) throw SessionError("no board connected");
+    const int board = accept4(socket_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+    if (board < 0) throw SessionError(describe("accepting a board failed"));
+    const int on = 1;
+    setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return Session(Socket(board));
+}
+
+}  // namespace station

@@ -1,0 +1,86 @@
+#pragma once
+// The station's end of the QC connection: listening, and the framing of commands, payloads and replies.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace station {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr char kDefaultAddress[] = "192.168.1.2";
+constexpr uint16_t kDefaultPort = 55688;
+constexpr size_t kFrame = 64;           // bytes of a padded command, and of a reply that fits
+constexpr size_t kLongestReply = 1500;  // bytes, its NUL included
+
+// What went wrong on the connection, in words for the line engineer.
+struct SessionError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// An open socket. Movable, closed at the end of its life.
+class Socket {
+public:
+    explicit Socket(int descriptor) : descriptor_(descriptor) {}
+    ~Socket();
+    Socket(Socket &&other) noexcept;
+    Socket &operator=(Socket &&other) noexcept;
+    int descriptor() const { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+// Told how many bytes of a payload have been sent, and of how many.
+using Progress = std::function<void(uint64_t sent, uint64_t total)>;
+
+// One board's connection. Every call throws SessionError when the board closes or resets the connection.
+class Session {
+public:
+    explicit Session(Socket socket) : socket_(std::move(socket)) {}
+
+    // Sends a command of at most 64 bytes, padded with NUL, so that a payload can follow at once.
+    void sendCommand(std::string_view text);
+    // Sends bytes as they are. `progress`, when set, is called after each part that was taken.
+    void sendBytes(std::string_view bytes, const Progress &progress = {});
+    void sendFile(const std::filesystem::path &path, const Progress &progress = {});
+
+    // Receives one reply and returns its text. Throws when it does not arrive within the limit, or when its frame is
+    // not exact: 64 bytes, NUL behind the text; or the text and one NUL when it is longer; and nothing behind that.
+    std::string receiveReply(Milliseconds limit);
+
+    // Waits for the board to close the connection. Throws when it sends something or does not close in time.
+    void expectClose(Milliseconds limit);
+
+    // Ends the connection with a reset instead of a close.
+    void reset();
+
+private:
+    // Appends what has arrived; false when nothing did before the deadline. Throws when the connection has ended.
+    bool receiveSome(std::string &bytes, Clock::time_point deadline);
+
+    Socket socket_;
+};
+
+class Listener {
+public:
+    // Throws SessionError when the address cannot be listened on. Port 0 takes a free one.
+    Listener(const std::string &address, uint16_t port);
+
+    uint16_t port() const;
+
+    // The next board, within the limit; throws SessionError when none connects.
+    Session accept(Milliseconds limit);
+
+private:
+    Socket socket_;
+};
+
+}  // namespace station
