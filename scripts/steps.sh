@@ -1,0 +1,38 @@
+# Steps of a script, to be sourced from the project's root: each prints one line and keeps what it prints in
+# build/logs; a failure names the step and its log.
+# shellcheck shell=bash
+
+logs=build/logs
+mkdir -p "$logs"
+steps=0
+failed_steps=0
+
+# step NAME LOG COMMAND...: runs the command with its output in build/logs/LOG.log. Returns the command's status.
+step() {
+    local name=$1 log=$logs/$2.log status=0 start=$SECONDS
+    shift 2
+    steps=$((steps + 1))
+    "$@" > "$log" 2>&1 < /dev/null || status=$?
+    if [ "$status" -eq 0 ]; then
+        printf 'ok      %4d s  %s\n' $((SECONDS - start)) "$name"
+    else
+        failed_steps=$((failed_steps + 1))
+        printf 'FAILED  %4d s  %s (status %d)\n' $((SECONDS - start)) "$name" "$status"
+        tail -n 25 "$log" | sed 's/^/        /'
+        printf '        the whole log: %s\n' "$log"
+    fi
+    return "$status"
+}
+
+# build PRESET: configures and builds it.
+build() { cmake --preset "$1" && cmake --build --preset "$1"; }
+
+# wait_for SECONDS COMMAND...: until the command succeeds; fails when it has not within the time.
+wait_for() {
+    local deadline=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ "$SECONDS" -lt "$deadline" ] || return 1
+        sleep 0.2
+    done
+}
