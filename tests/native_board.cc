@@ -1,0 +1,321 @@
+#include "tests/native_board.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <system_error>
+#include <thread>
+
+#include "support/configuration.h"
+
+namespace board {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kApplets[] = {"sh",    "cp",   "mv", "rm",    "ln",   "ls",   "cat",      "echo", "sleep",
+                                    "chmod", "ping", "ip", "mkdir", "kill", "true", "ifconfig", "tail", "logger"};
+
+int stationNetwork = -1;
+int boardNetwork = -1;
+
+void check(bool succeeded, const char *what) {
+    if (succeeded) return;
+    perror(what);
+    _exit(99);
+}
+
+void shell(const std::string &line) { check(system(line.c_str()) == 0, line.c_str()); }
+
+// Without root's rights the board has root's rights of its own, over what belongs to the caller.
+void enterNamespaces() {
+    const uid_t user = geteuid();
+    const gid_t group = getegid();
+    const int everything = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWPID | CLONE_NEWUTS;
+    check(unshare(everything | (user != 0 ? CLONE_NEWUSER : 0)) == 0, "unshare");
+    if (user == 0) return;
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+    std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+}
+
+// Ends with the status of `child`, and takes in whatever loses its parent on the board meanwhile.
+[[noreturn]] void actAsInit(pid_t child) {
+    for (;;) {
+        int status = 0;
+        const pid_t ended = waitpid(-1, &status, 0);
+        if (ended == child) _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    }
+}
+
+void bindFrom(const fs::path &root, const fs::path &path) {
+    const fs::path target = root / path.relative_path();
+    if (fs::is_directory(path)) {
+        fs::create_directories(target);
+    } else {
+        fs::create_directories(target.parent_path());
+        std::ofstream(target, std::ios::app);
+    }
+    check(mount(path.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, path.c_str());
+}
+
+void makeRoot(const fs::path &root) {
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+    check(mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") == 0, "tmpfs");
+    for (const char *folder : {"bin", "etc", "var", "tmp", "sys", "proc", "dev"}) fs::create_directories(root / folder);
+    fs::create_symlink("bin", root / "sbin");
+    for (const char *libraries : {"/lib", "/lib32", "/lib64", "/libx32"}) {
+        if (fs::is_symlink(libraries)) fs::copy_symlink(libraries, root / fs::path(libraries).relative_path());
+    }
+    bindFrom(root, "/usr");
+    bindFrom(root, PROJECT_BINARY_DIR);
+    for (const char *device : {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom"}) bindFrom(root, device);
+    check(mount("proc", (root / "proc").c_str(), "proc", 0, nullptr) == 0, "proc");
+    fs::copy_file("/bin/busybox", root / "bin/busybox");
+    for (const char *applet : kApplets) fs::create_symlink("busybox", root / "bin" / applet);
+}
+
+int openNetwork() { return open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC); }
+
+// The caller is in the station's network; it comes back in the board's, with one end of the cable.
+void makeNetworks() {
+    stationNetwork = openNetwork();
+    shell("/usr/bin/ip link add eth0 type veth peer name station");
+    shell("ip link set lo up; ip addr add 192.168.1.2/24 dev station; ip link set station up");
+    check(unshare(CLONE_NEWNET) == 0, "unshare");
+    boardNetwork = openNetwork();
+    shell("ip link set lo up");
+    const pid_t self = getpid();
+    wait(fork([self] {
+        check(setns(stationNetwork, CLONE_NEWNET) == 0, "setns");
+        shell("/usr/bin/ip link set eth0 netns " + std::to_string(self));
+    }));
+}
+
+// Receives what any process of the board logs. Messages reach the socket in order, so a message of the reader's own
+// says that everything before it has been read.
+class SystemLog {
+public:
+    void open() {
+        fs::remove(kPath);
+        socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, kPath);
+        check(bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "bind /dev/log");
+        reader_ = std::thread([this] { read(); });
+    }
+
+    void close() {
+        send(kEnd);
+        reader_.join();
+        ::close(socket_);
+        fs::remove(kPath);
+        closelog();
+    }
+
+    std::vector<LogMessage> messages() {
+        const int awaited = ++sent_;
+        send(kMark + std::to_string(awaited));
+        while (seen_ < awaited) std::this_thread::sleep_for(std::chrono::microseconds(200));
+        const std::lock_guard lock(mutex_);
+        return messages_;
+    }
+
+    void clear() {
+        messages();
+        const std::lock_guard lock(mutex_);
+        messages_.clear();
+    }
+
+private:
+    static constexpr char kPath[] = "/dev/log";
+    static inline const std::string kMark = "mark ";
+    static inline const std::string kEnd = "end";
+
+    static void send(const std::string &text) {
+        const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, kPath);
+        sendto(socket, text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        ::close(socket);
+    }
+
+    void read() {
+        std::vector<char> datagram(65536);
+        for (;;) {
+            const ssize_t length = recv(socket_, datagram.data(), datagram.size(), 0);
+            if (length < 0) continue;
+            const std::string text(datagram.data(), static_cast<size_t>(length));
+            if (text == kEnd) return;
+            if (text.starts_with(kMark)) {
+                seen_ = std::stoi(text.substr(kMark.size()));
+            } else {
+                add(text);
+            }
+        }
+    }
+
+    // "<priority>[date] identity: text"
+    void add(const std::string &datagram) {
+        const size_t text = datagram.find(": ");
+        const std::lock_guard lock(mutex_);
+        messages_.push_back(
+            {std::stoi(datagram.substr(1)), text == std::string::npos ? "" : datagram.substr(text + 2)});
+    }
+
+    int socket_ = -1;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::vector<LogMessage> messages_;
+    int sent_ = 0;
+    std::atomic<int> seen_ = 0;
+};
+
+// Never destroyed: processes that a test forks end without their reader.
+SystemLog &systemLog() {
+    static SystemLog *const log = new SystemLog;
+    return *log;
+}
+
+void empty(const fs::path &folder) {
+    for (const auto &entry : fs::directory_iterator(folder)) fs::remove_all(entry.path());
+}
+
+}  // namespace
+
+void enter() {
+    char root[] = "/tmp/native-board.XXXXXX";
+    check(mkdtemp(root) != nullptr, "mkdtemp");
+    const pid_t outside = ::fork();
+    check(outside >= 0, "fork");
+    if (outside > 0) {
+        int status = 0;
+        waitpid(outside, &status, 0);
+        rmdir(root);
+        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    enterNamespaces();
+    const pid_t init = ::fork();  // the first process of the PID namespace: when it ends, all others do
+    check(init >= 0, "fork");
+    if (init > 0) actAsInit(init);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+
+    const pid_t self = ::fork();
+    check(self >= 0, "fork");
+    if (self > 0) actAsInit(self);
+    makeRoot(root);
+    check(chroot(root) == 0 && chdir("/") == 0, "chroot");
+    setenv("PATH", "/bin:/usr/sbin:/usr/bin", 1);
+    makeNetworks();
+    systemLog().open();
+}
+
+std::vector<LogMessage> logMessages() { return systemLog().messages(); }
+
+std::vector<std::string> logTexts() {
+    std::vector<std::string> texts;
+    for (const LogMessage &message : logMessages()) {
+        texts.push_back(message.text);
+        if (texts.back().ends_with('\n')) texts.back().pop_back();
+    }
+    return texts;
+}
+
+bool waitForLog(std::string_view part, double seconds) {
+    return waitFor(seconds, [&] {
+        for (const std::string &text : logTexts()) {
+            if (text.find(part) != std::string::npos) return true;
+        }
+        return false;
+    });
+}
+
+bool waitFor(double seconds, const std::function<bool()> &condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+void removeSystemLog() { systemLog().close(); }
+
+void restoreSystemLog() { systemLog().open(); }
+
+void writeFile(const std::string &path, std::string_view content) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(content.data(), static_cast<std::streamsize>(content.size()));
+    ASSERT_TRUE(file.flush()) << path;
+}
+
+std::string readFile(const std::string &path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+void inStationNetwork(const std::function<void()> &function) {
+    check(setns(stationNetwork, CLONE_NEWNET) == 0, "setns");
+    function();
+    check(setns(boardNetwork, CLONE_NEWNET) == 0, "setns");
+}
+
+pid_t fork(const std::function<void()> &function) {
+    const pid_t child = ::fork();
+    if (child != 0) return child;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    function();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+int wait(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+void NativeBoardTest::SetUp() {
+    for (const char *folder : {"/etc", "/var", "/tmp", "/sys"}) empty(folder);
+    fs::create_directories("/etc/sysconfig/.firewall");
+    for (const auto &entry : fs::directory_iterator("/dev")) {
+        if (entry.path().filename().string().starts_with("mtd")) fs::remove_all(entry.path());
+    }
+    memset(static_cast<void *>(get_configuration()), 0, kConfigurationSize);
+    systemLog().clear();
+}
+
+}  // namespace board
+
+int main(int argc, char **argv) {
+    bool listing = false;
+    for (int i = 1; i < argc; ++i) listing = listing || strstr(argv[i], "gtest_list_tests") != nullptr;
+    if (!listing) board::enter();
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}
