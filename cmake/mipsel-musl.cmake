@@ -26,7 +26,8 @@ set(cxx_headers /usr/mipsel-linux-gnu/include/c++/${compiler_version})
 
 # The C++ headers were configured for glibc and ask for its version; what the daemon uses of them lives in headers
 # alone and needs no more than an answer.
-set(musl_headers "-isystem ${board_root}/usr/include/mipsel-linux-musl -isystem ${compiler_headers}")
+set(musl_headers "-isystem ${board_root}/usr/include/mipsel-linux-musl \
+-isystem ${board_root}/usr/include/kernel -isystem ${compiler_headers}")
 set(CMAKE_C_FLAGS_INIT "-nostdinc ${musl_headers} -fno-pie")
 set(CMAKE_CXX_FLAGS_INIT "-nostdinc '-D__GLIBC_PREREQ(a,b)=0' -isystem ${cxx_headers} \
 -isystem ${cxx_headers}/mipsel-linux-gnu ${musl_headers} -fno-pie")

@@ -4,9 +4,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "daemon/board.h"
+#include "firmware/partition.h"
+#include "firmware/product_block.h"
+#include "firmware/upgrade.h"
+#include "firmware/upload.h"
+#include "support/shell.h"
 
 int pingFlag;
 
@@ -50,17 +56,47 @@ void reboot(const Request &request) {
     reply(request, "OK");
 }
 
-void answerOk(const Request &request) { reply(request, "OK"); }
+// Receives the payload that the command announces; a size that is no number is 0.
+void receivePayload(const Request &request) { saveFile(request.socket, atoi(request.argument), kReceiveFile); }
+
+void version(const Request &request) {
+    receivePayload(request);
+    getProduct(kReceiveFile, nullptr, nullptr);
+    reply(request, "OK");
+}
+
+void flashImage(const Request &request) {
+    receivePayload(request);
+    clearReply(request);
+    reply(request, writeImage(kReceiveFile) < 0 ? "ERROR" : "OK");
+}
+
+template <int Partition>
+void flashPartition(const Request &request) {
+    receivePayload(request);
+    writePartitions(Partition, kReceiveFile, nullptr, 0);
+    reply(request, "OK");
+}
 
 // The command itself is the reply: nothing is cleared.
-void echo(const Request &) {}
+void shell(const Request &request) {
+    // One separator is skipped, whatever it is. Behind a command of five characters stands the NUL of the cleared
+    // buffer, and another behind that.
+    saveFile(request.socket, atoi(request.argument + 1), kReceiveFile);
+    my_system("chmod 755 %s; %s", kReceiveFile, kReceiveFile);
+}
+
+void answerOk(const Request &request) { reply(request, "OK"); }
 
 void programMac(const Request &request) {
     clearReply(request);
     snprintf(request.pkbuf, kPkbufSize, "%s %d", "MAC", wireTotal + wirelessTotal);
 }
 
-void bye(const Request &request) { reply(request, "BYE"); }
+void bye(const Request &request) {
+    writeDOMCheck(nullptr);
+    reply(request, "BYE");
+}
 
 void unknown(const Request &request) { reply(request, "UNKNOWN"); }
 
@@ -72,12 +108,12 @@ struct Command {
 // The first word that the text begins with wins: the order is part of the interface. The empty word ends the table,
 // as every text begins with it.
 constexpr Command kCommands[] = {
-    {"VERSION ", answerOk},
-    {"FW IMAGE ", answerOk},
-    {"FW KERNEL ", answerOk},
-    {"FW ROOTFS ", answerOk},
-    {"FW CONFIG ", answerOk},
-    {"SHELL", echo},
+    {"VERSION ", version},
+    {"FW IMAGE ", flashImage},
+    {"FW KERNEL ", flashPartition<kKernelPartition>},
+    {"FW ROOTFS ", flashPartition<kRootfsPartition>},
+    {"FW CONFIG ", flashPartition<kConfigPartition>},
+    {"SHELL", shell},
     {"PING", ping},
     {"MAC ", programMac},
     {"COUNTRY ", answerOk},

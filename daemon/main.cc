@@ -9,8 +9,12 @@
 #include "daemon/board.h"
 #include "daemon/dispatcher.h"
 #include "daemon/qc_connection.h"
+#include "firmware/partition.h"
+#include "firmware/product_block.h"
+#include "firmware/upgrade.h"
 #include "support/configuration.h"
 #include "support/shell.h"
+#include "support/system_info.h"
 
 namespace {
 
@@ -43,6 +47,14 @@ const char *fileArgument(int argc, char **argv) {
     return nullptr;
 }
 
+// False when there was no file to flash.
+bool flashFile(int partition, int argc, char **argv) {
+    const char *const file = fileArgument(argc, argv);
+    if (file == nullptr) return false;
+    writePartitions(partition, file, nullptr, 0);
+    return true;
+}
+
 void startService() {
     if (fork() != 0) return;
     for (int standard = 0; standard <= 2; ++standard) close(standard);
@@ -73,7 +85,10 @@ void switchMode(int, char **) {
     interfaceCmd();
 }
 
-void domcheckMode(int, char **) {}
+void domcheckMode(int argc, char **argv) {
+    if (argc == 2) getProduct(kSystemInfo, nullptr, nullptr);
+    writeDOMCheck(argc == 2 ? nullptr : argv[2]);
+}
 
 // A text with colons must have the length of an address; one without is a number of any length.
 void macMode(int argc, char **argv) {
@@ -88,18 +103,21 @@ void macMode(int argc, char **argv) {
 void countryMode(int, char **) { open_configuration(); }
 
 void imageMode(int argc, char **argv) {
-    if (fileArgument(argc, argv) == nullptr) return;
+    const char *const file = fileArgument(argc, argv);
+    if (file == nullptr) return;
+    writeImage(file);
     my_system(kReboot);
 }
 
-void kernelMode(int argc, char **argv) { fileArgument(argc, argv); }
+// Writing the kernel or the configuration does not reboot the board: intended, only a new root file system pulls the
+// ground from under what is running.
+void kernelMode(int argc, char **argv) { flashFile(kKernelPartition, argc, argv); }
 
 void rootfsMode(int argc, char **argv) {
-    if (fileArgument(argc, argv) == nullptr) return;
-    my_system(kReboot);
+    if (flashFile(kRootfsPartition, argc, argv)) my_system(kReboot);
 }
 
-void configMode(int argc, char **argv) { fileArgument(argc, argv); }
+void configMode(int argc, char **argv) { flashFile(kConfigPartition, argc, argv); }
 
 void testMode(int, char **) {
     open_configuration();

@@ -242,6 +242,18 @@ std::vector<std::string> logTexts() {
     return texts;
 }
 
+std::vector<std::string> logTextsWithoutLines() {
+    std::vector<std::string> texts = logTexts();
+    for (std::string &text : texts) {
+        const size_t comma = text.find(',');
+        const size_t bracket = text.find_first_not_of("0123456789", comma + 1);
+        if (text.starts_with('[') && bracket != std::string::npos && text[bracket] == ']') {
+            text.erase(comma, bracket - comma);
+        }
+    }
+    return texts;
+}
+
 bool waitForLog(std::string_view part, double seconds) {
     return waitFor(seconds, [&] {
         for (const std::string &text : logTexts()) {
@@ -299,6 +311,21 @@ int wait(pid_t child) {
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
+
+NamedProcess::NamedProcess(const std::string &name) {
+    const std::string path = "/var/" + name;
+    if (!fs::exists(path)) fs::copy_file("/usr/bin/sleep", path);
+    pid_ = board::fork([&] { execl(path.c_str(), path.c_str(), "60", nullptr); });
+    const std::string comm = "/proc/" + std::to_string(pid_) + "/comm";
+    waitFor(5, [&] { return readFile(comm) == name.substr(0, 15) + "\n"; });
+}
+
+NamedProcess::~NamedProcess() {
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    if (pid_ > 0) waitForEnd();
+}
+
+int NamedProcess::waitForEnd() { return board::wait(std::exchange(pid_, -1)); }
 
 void NativeBoardTest::SetUp() {
     for (const char *folder : {"/etc", "/var", "/tmp", "/sys"}) empty(folder);

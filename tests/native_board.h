@@ -38,6 +38,8 @@ struct LogMessage {
 std::vector<LogMessage> logMessages();
 // Their texts, line ends removed.
 std::vector<std::string> logTexts();
+// The same with "[name,line] " in front cut to "[name] ": the line is the source's own business.
+std::vector<std::string> logTextsWithoutLines();
 // True when a message containing `part` has been logged; waits for it up to `seconds`.
 bool waitForLog(std::string_view part, double seconds);
 // True when `condition` came to hold; waits for it up to `seconds`.
@@ -59,6 +61,20 @@ void inStationNetwork(const std::function<void()> &function);
 pid_t fork(const std::function<void()> &function);
 // Waits for a child to end. Returns its exit status, or minus the signal that ended it.
 int wait(pid_t child);
+
+// A process that waits under a name of its own, killed at the end of its life.
+class NamedProcess {
+public:
+    explicit NamedProcess(const std::string &name);
+    ~NamedProcess();
+    NamedProcess(const NamedProcess &) = delete;
+
+    pid_t pid() const { return pid_; }
+    int waitForEnd();  // as wait()
+
+private:
+    pid_t pid_;
+};
 
 // Puts the board's files, configuration table and log into their first state before each test.
 class NativeBoardTest : public testing::Test {

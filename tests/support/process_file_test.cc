@@ -22,32 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A process that waits under a name of its own, ended at the end of its life.
-class NamedProcess {
-public:
-    explicit NamedProcess(const std::string &name) {
-        const std::string path = "/tmp/" + name;
-        if (!fs::exists(path)) fs::copy_file("/usr/bin/sleep", path);
-        pid_ = board::fork([&] { execl(path.c_str(), path.c_str(), "60", nullptr); });
-        board::waitFor(5, [&] { return board::readFile(procFile("comm")) == name.substr(0, 15) + "\n"; });
-    }
-    ~NamedProcess() {
-        if (pid_ > 0) end();
-    }
-    NamedProcess(const NamedProcess &) = delete;
-
-    int end() {
-        kill(pid_, SIGKILL);
-        return waitForEnd();
-    }
-    int waitForEnd() { return board::wait(std::exchange(pid_, -1)); }
-    pid_t pid() const { return pid_; }
-
-private:
-    std::string procFile(const char *name) const { return "/proc/" + std::to_string(pid_) + "/" + name; }
-    pid_t pid_;
-};
-
 std::vector<pid_t> findAll(const char *name) {
     const std::unique_ptr<my_proc, decltype(&my_freeproc)> chain(my_findproc(name), my_freeproc);
     std::vector<pid_t> pids;
@@ -62,11 +36,11 @@ std::vector<pid_t> findAll(const char *name) {
 class Processes : public board::NativeBoardTest {};
 
 TEST_F(Processes, AreFoundByTheirWholeName) {
-    const NamedProcess first("target");
-    const NamedProcess second("target");
-    const NamedProcess other("target2");
-    const NamedProcess odd("a) S (b");
-    const NamedProcess cut("sixteen-letters-");
+    const board::NamedProcess first("target");
+    const board::NamedProcess second("target");
+    const board::NamedProcess other("target2");
+    const board::NamedProcess odd("a) S (b");
+    const board::NamedProcess cut("sixteen-letters-");
     EXPECT_THAT(findAll("target"), UnorderedElementsAre(first.pid(), second.pid()));
     EXPECT_THAT(findAll("targe"), IsEmpty());
     EXPECT_THAT(findAll("Target"), IsEmpty());
@@ -78,15 +52,15 @@ TEST_F(Processes, AreFoundByTheirWholeName) {
 }
 
 TEST_F(Processes, AreSignalledByName) {
-    NamedProcess first("target");
-    NamedProcess second("target");
-    const NamedProcess spared("spared");
+    board::NamedProcess first("target");
+    board::NamedProcess second("target");
+    const board::NamedProcess spared("spared");
     my_killproc("target", SIGTERM);
     EXPECT_EQ(first.waitForEnd(), -SIGTERM);
     EXPECT_EQ(second.waitForEnd(), -SIGTERM);
     EXPECT_EQ(kill(spared.pid(), 0), 0);
 
-    NamedProcess third("target");
+    board::NamedProcess third("target");
     my_killproc_retry("target", 1, SIGTERM);
     EXPECT_EQ(kill(third.pid(), 0), 0) << "another tag";
     my_killproc_retry("target", 0, SIGTERM);
@@ -94,7 +68,7 @@ TEST_F(Processes, AreSignalledByName) {
 }
 
 TEST_F(Processes, OthersLeavesTheCallerOut) {
-    NamedProcess other("twin");
+    board::NamedProcess other("twin");
     const pid_t child = board::fork([] {
         std::ofstream("/proc/self/comm") << "twin";
         my_killproc_others("twin", SIGTERM);
