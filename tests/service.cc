@@ -79,6 +79,12 @@ station::Session ServiceTest::startSession() {
     return listener.accept(station::Milliseconds(10000));
 }
 
+void ServiceTest::makePartition(int number, const std::string &content) {
+    writeFile("/dev/mtd" + std::to_string(number), content);
+}
+
+std::string ServiceTest::partition(int number) { return readFile("/tmp/dev/mtd" + std::to_string(number)); }
+
 pid_t ServiceTest::servicePid() { return my_procisrun("fabtestd"); }
 
 void ServiceTest::signalService(int signal) { my_killproc("fabtestd", signal); }

@@ -34,6 +34,10 @@ protected:
     // Listens, starts the service and accepts it.
     station::Session startSession();
 
+    // Partition `number` of the fake flash, filled with `content`; it is copied to /tmp/dev when the service starts.
+    static void makePartition(int number, const std::string &content);
+    static std::string partition(int number);
+
     static pid_t servicePid();
     static void signalService(int signal);
     // True when the service has ended by itself; waits for that.
