@@ -4,8 +4,8 @@
 #include <yaml-cpp/yaml.h>
 
 #include <cmath>
-#include <functional>
 #include <map>
+#include <set>
 #include <string_view>
 
 #include "station/session.h"
@@ -21,55 +21,103 @@ struct Fault {
     std::string text;
 };
 
-template <typename T>
-T valueOf(const YAML::Node &node, std::string_view kind) {
-    try {
-        return node.as<T>();
-    } catch (const YAML::Exception &) {
-        throw Fault{node.Mark(), fmt::format("expected {}", kind)};
+// Where a step is being read.
+struct Place {
+    YAML::Node value;
+    fs::path folder;
+
+    [[noreturn]] void fail(std::string text) const { throw Fault{value.Mark(), std::move(text)}; }
+
+    template <typename T>
+    T as(std::string_view kind) const {
+        try {
+            return value.as<T>();
+        } catch (const YAML::Exception &) {
+            fail(fmt::format("expected {}", kind));
+        }
     }
+    std::string text() const { return as<std::string>("a text"); }
+    bool flag() const { return as<bool>("true or false"); }
+    fs::path file() const {
+        fs::path path = folder / text();
+        if (!fs::is_regular_file(path)) fail(fmt::format("no file {}", path.string()));
+        return path;
+    }
+};
+
+void readSend(Step &step, const Place &place) {
+    step.send = place.text();
+    if (step.send.empty()) place.fail("an empty command cannot be sent");
 }
 
-std::string textOf(const YAML::Node &node) { return valueOf<std::string>(node, "a text"); }
-
-void readSend(Step &step, const YAML::Node &node, const fs::path &) {
-    step.send = textOf(node);
-    if (step.send.empty()) throw Fault{node.Mark(), "an empty command cannot be sent"};
-}
-
-void readUpload(Step &step, const YAML::Node &node, const fs::path &folder) {
-    step.upload = folder / textOf(node);
-    if (!fs::is_regular_file(*step.upload)) throw Fault{node.Mark(), fmt::format("no file {}", step.upload->string())};
-}
-
-void readMatch(Step &step, const YAML::Node &node, const fs::path &) {
-    step.matchText = textOf(node);
+void readMatch(Step &step, const Place &place) {
+    step.expected.matchText = place.text();
     try {
-        step.match = std::regex(step.matchText);
+        step.expected.match = std::regex(step.expected.matchText);
     } catch (const std::regex_error &error) {
-        throw Fault{node.Mark(), fmt::format("bad expression: {}", error.what())};
+        place.fail(fmt::format("bad expression: {}", error.what()));
     }
 }
 
-void readTimeout(Step &step, const YAML::Node &node, const fs::path &) {
-    const double seconds = valueOf<double>(node, "a number of seconds");
-    if (!(seconds > 0 && seconds <= 86400)) throw Fault{node.Mark(), "a time limit lies between 0 and 86400 seconds"};
+void readTimeout(Step &step, const Place &place) {
+    const double seconds = place.as<double>("a number of seconds");
+    if (!(seconds > 0 && seconds <= 86400)) place.fail("a time limit lies between 0 and 86400 seconds");
     step.timeout = std::chrono::milliseconds(std::llround(seconds * 1000));
 }
 
-using Reader = void (*)(Step &step, const YAML::Node &value, const fs::path &folder);
+void readStatus(Step &step, const Place &place) {
+    step.status = place.as<int>("a number");
+    if (step.status < 0 || step.status > 255) place.fail("an exit status lies between 0 and 255");
+}
 
-const std::map<std::string_view, Reader> kKeys = {
-    {"send", readSend},
-    {"upload", readUpload},
-    {"expect", [](Step &step, const YAML::Node &node, const fs::path &) { step.expect = textOf(node); }},
-    {"match", readMatch},
-    {"timeout", readTimeout},
-    {"bare",
-     [](Step &step, const YAML::Node &node, const fs::path &) { step.bare = valueOf<bool>(node, "true or false"); }},
-    {"closes",
-     [](Step &step, const YAML::Node &node, const fs::path &) { step.closes = valueOf<bool>(node, "true or false"); }},
+void readPartition(Step &step, const Place &place) {
+    step.partition = place.as<int>("a number");
+    if (step.partition < 0) place.fail("a partition's number is not negative");
+}
+
+void readFile(Step &step, const Place &place) { step.file = place.file(); }
+
+using Reader = void (*)(Step &step, const Place &place);
+
+// The keys of each kind of step, of which the first says which kind it is.
+struct KindOfStep {
+    std::string_view word;
+    Kind kind;
+    std::map<std::string_view, Reader> keys;
 };
+
+const std::vector<KindOfStep> kKinds = {
+    {"send",
+     Kind::kCommand,
+     {{"send", readSend},
+      {"upload", readFile},
+      {"expect", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
+      {"match", readMatch},
+      {"timeout", readTimeout},
+      {"bare", [](Step &step, const Place &place) { step.bare = place.flag(); }},
+      {"closes", [](Step &step, const Place &place) { step.closes = place.flag(); }}}},
+    {"script",
+     Kind::kScript,
+     {{"script", readFile},
+      {"output", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
+      {"match", readMatch},
+      {"status", readStatus},
+      {"timeout", readTimeout}}},
+    {"verify",
+     Kind::kVerify,
+     {{"verify", readFile},
+      {"partition", readPartition},
+      {"erased", [](Step &step, const Place &place) { step.erased = place.flag(); }},
+      {"timeout", readTimeout}}},
+};
+
+const KindOfStep &kindOf(const YAML::Node &node) {
+    if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
+    for (const KindOfStep &kind : kKinds) {
+        if (node[std::string(kind.word)]) return kind;
+    }
+    throw Fault{node.Mark(), "a step needs \"send\", \"script\" or \"verify\""};
+}
 
 void replaceSize(std::string &text, uintmax_t size) {
     constexpr std::string_view kPlaceholder = "{size}";
@@ -77,32 +125,64 @@ void replaceSize(std::string &text, uintmax_t size) {
     if (position != std::string::npos) text.replace(position, kPlaceholder.size(), std::to_string(size));
 }
 
-Step readStep(const YAML::Node &node, const fs::path &folder) {
-    if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
-    Step step;
-    for (const auto &entry : node) {
-        const std::string key = textOf(entry.first);
-        const auto reader = kKeys.find(key);
-        if (reader == kKeys.end()) throw Fault{entry.first.Mark(), fmt::format("unknown key \"{}\"", key)};
-        reader->second(step, entry.second, folder);
-    }
-    if (step.send.empty()) throw Fault{node.Mark(), "a step needs \"send\""};
-    if (!step.expect && !step.match) throw Fault{node.Mark(), "a step needs \"expect\" or \"match\""};
-    if (step.expect && step.match) throw Fault{node.Mark(), "\"expect\" and \"match\" exclude each other"};
-    if (step.upload) {
-        const uintmax_t size = fs::file_size(*step.upload);
+// What can only be told when all keys are known. Returns the fault, empty for none.
+std::string completeStep(Step &step) {
+    if (step.expected.text && step.expected.match) return "the whole text and a match exclude each other";
+    if (step.kind == Kind::kVerify && step.partition < 0) return "\"verify\" needs \"partition\"";
+    if (step.kind != Kind::kCommand) return {};
+    if (!step.expected.text && !step.expected.match) return "a command needs \"expect\" or \"match\"";
+    if (step.file) {
+        const uintmax_t size = fs::file_size(*step.file);
         replaceSize(step.send, size);
-        if (step.expect) replaceSize(*step.expect, size);
+        if (step.expected.text) replaceSize(*step.expected.text, size);
     }
-    if (!step.bare && step.send.size() > kFrame) {
-        throw Fault{node.Mark(), fmt::format("a command has at most {} bytes", kFrame)};
+    if (step.bare || step.send.size() <= kFrame) return {};
+    return fmt::format("a command has at most {} bytes", kFrame);
+}
+
+Step readStep(const YAML::Node &node, const fs::path &folder) {
+    const KindOfStep &kind = kindOf(node);
+    Step step;
+    step.kind = kind.kind;
+    std::set<std::string> seen;
+    for (const auto &entry : node) {
+        const std::string key = Place{entry.first, {}}.text();
+        const auto reader = kind.keys.find(key);
+        if (reader == kind.keys.end()) {
+            throw Fault{entry.first.Mark(), fmt::format("unknown key \"{}\" in a \"{}\" step", key, kind.word)};
+        }
+        if (!seen.insert(key).second) throw Fault{entry.first.Mark(), fmt::format("\"{}\" stands twice", key)};
+        reader->second(step, {entry.second, folder});
     }
+    const std::string fault = completeStep(step);
+    if (!fault.empty()) throw Fault{node.Mark(), fault};
     return step;
 }
 
 }  // namespace
 
-Plan loadPlan(const fs::path &path) {
+std::string Expectation::judge(const std::string &actual) const {
+    if (text && actual != *text) return fmt::format("expected \"{}\", got \"{}\"", *text, actual);
+    if (match && !std::regex_search(actual, *match)) {
+        return fmt::format("expected a match of \"{}\", got \"{}\"", matchText, actual);
+    }
+    return {};
+}
+
+std::string Step::title() const {
+    const std::string name = file ? file->filename().string() : "";
+    switch (kind) {
+    case Kind::kScript:
+        return "script " + name;
+    case Kind::kVerify:
+        return fmt::format("verify partition {} against {}", partition, name);
+    case Kind::kCommand:
+        break;
+    }
+    return file ? fmt::format("{}  [{}]", send, name) : send;
+}
+
+Plan loadPlan(const fs::path &path, const fs::path &files) {
     const auto place = [&](const YAML::Mark &mark) {
         return mark.is_null() ? path.string() : fmt::format("{}:{}:{}", path.string(), mark.line + 1, mark.column + 1);
     };
@@ -110,7 +190,9 @@ Plan loadPlan(const fs::path &path) {
         const YAML::Node list = YAML::LoadFile(path.string());
         if (!list.IsSequence() || list.size() == 0) throw Fault{list.Mark(), "a plan is a list of steps"};
         Plan plan{path.stem().string(), {}};
-        for (const YAML::Node &node : list) plan.steps.push_back(readStep(node, path.parent_path()));
+        for (const YAML::Node &node : list) {
+            plan.steps.push_back(readStep(node, files.empty() ? path.parent_path() : files));
+        }
         return plan;
     } catch (const Fault &fault) {
         throw PlanError(fmt::format("{}: {}", place(fault.mark), fault.text));

@@ -3,16 +3,84 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "image/md5.h"
+#include "station/script.h"
 
 namespace station {
 namespace {
 
-std::string judge(const Step &step, const std::string &reply) {
-    if (step.expect && reply != *step.expect) return fmt::format("expected \"{}\", got \"{}\"", *step.expect, reply);
-    if (step.match && !std::regex_search(reply, *step.match)) {
-        return fmt::format("expected a match of \"{}\", got \"{}\"", step.matchText, reply);
+namespace fs = std::filesystem;
+
+// One step while it runs.
+struct Running {
+    Session &session;
+    const Step &step;
+    const Progress &progress;
+    Clock::time_point deadline;
+
+    Milliseconds left() const {
+        return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
     }
-    return {};
+};
+
+void runCommand(const Running &running, StepResult &result) {
+    const Step &step = running.step;
+    if (step.bare) {
+        running.session.sendBytes(step.send);
+    } else {
+        running.session.sendCommand(step.send);
+    }
+    if (step.file) running.session.sendFile(*step.file, running.progress);
+    result.reply = running.session.receiveReply(running.left());
+    result.failure = step.expected.judge(result.reply);
+    if (step.closes) running.session.expectClose(running.left());
+}
+
+void runScriptStep(const Running &running, StepResult &result) {
+    std::ostringstream content;
+    content << std::ifstream(*running.step.file, std::ios::binary).rdbuf();
+    const ScriptResult script = runScript(running.session, content.str(), running.deadline, running.progress);
+    result.reply = script.output;
+    result.failure = running.step.expected.judge(script.output);
+    if (script.status != running.step.status) {
+        result.failure =
+            fmt::format("ended with status {} instead of {}: {}", script.status, running.step.status, script.output);
+    }
+}
+
+void runVerify(const Running &running, StepResult &result) {
+    const Step &step = running.step;
+    const uintmax_t size = fs::file_size(*step.file);
+    const ScriptResult script =
+        runScript(running.session, digestScript(step.partition, size), running.deadline, running.progress);
+    std::istringstream lines(script.output);
+    std::string digest;
+    long written = -1;  // bytes behind the file that are not erased
+    if (!(lines >> digest >> written)) {
+        result.failure = fmt::format("the board could not read the partition: {}", script.output);
+        return;
+    }
+    const std::string expected = fwimage::md5OfFile(*step.file);
+    result.reply = fmt::format("{} bytes, MD5 {}", size, digest);
+    if (digest != expected) {
+        result.failure = fmt::format("the partition's digest is {}, the file's {}", digest, expected);
+    } else if (step.erased && written != 0) {
+        result.failure = fmt::format("{} bytes behind the file are not erased", written);
+    }
+}
+
+void runKind(const Running &running, StepResult &result) {
+    switch (running.step.kind) {
+    case Kind::kCommand:
+        return runCommand(running, result);
+    case Kind::kScript:
+        return runScriptStep(running, result);
+    case Kind::kVerify:
+        return runVerify(running, result);
+    }
 }
 
 }  // namespace
@@ -20,30 +88,31 @@ std::string judge(const Step &step, const std::string &reply) {
 StepResult runStep(Session &session, const Step &step, bool &connected, const Progress &progress) {
     StepResult result;
     const auto start = Clock::now();
-    const auto left = [&] {
-        const auto used = std::chrono::duration_cast<Milliseconds>(Clock::now() - start);
-        return std::max(step.timeout - used, Milliseconds(0));
-    };
     try {
-        if (step.bare) {
-            session.sendBytes(step.send);
-        } else {
-            session.sendCommand(step.send);
-        }
-        if (step.upload) session.sendFile(*step.upload, progress);
-        result.reply = session.receiveReply(left());
-        result.failure = judge(step, result.reply);
-        if (step.closes) {
-            session.expectClose(left());
-            connected = false;
-        }
-    } catch (const SessionError &error) {
+        runKind({session, step, progress, start + step.timeout}, result);
+        if (step.closes) connected = false;
+    } catch (const std::exception &error) {
         result.failure = error.what();
         connected = false;
     }
     result.passed = result.failure.empty();
     result.duration = std::chrono::duration_cast<Milliseconds>(Clock::now() - start);
     return result;
+}
+
+std::vector<StepResult> runPlan(Session &session, const Plan &plan, Observer &observer) {
+    std::vector<StepResult> results;
+    bool connected = true;
+    for (const Step &step : plan.steps) {
+        observer.stepStarts(step);
+        StepResult result;
+        result.failure = "not run: the session had ended";
+        const Progress progress = [&](uint64_t sent, uint64_t total) { observer.uploads(sent, total); };
+        if (connected) result = runStep(session, step, connected, progress);
+        observer.stepEnds(step, result);
+        results.push_back(std::move(result));
+    }
+    return results;
 }
 
 }  // namespace station

@@ -139,6 +139,27 @@ void Session::expectClose(Milliseconds limit) {
     if (recv(socket_.descriptor(), &byte, 1, 0) > 0) throw SessionError("the board sent more instead of closing");
 }
 
+std::string Session::receiveAll(Milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    std::string bytes;
+    std::array<char, 65536> part;
+    for (;;) {
+        if (!waitFor(socket_.descriptor(), POLLIN, deadline)) throw SessionError("the board did not finish in time");
+        const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
+        if (received < 0) throw SessionError(describe("receiving failed"));
+        if (received == 0) return bytes;
+        bytes.append(part.data(), static_cast<size_t>(received));
+    }
+}
+
+std::string Session::localAddress() const {
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(socket_.descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
+    std::array<char, INET_ADDRSTRLEN> text{};
+    return inet_ntop(AF_INET, &bound.sin_addr, text.data(), text.size());
+}
+
 void Session::reset() {
     const linger now = {1, 0};
     setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
@@ -170,6 +191,16 @@ Session Listener::accept(Milliseconds limit) {
     const int on = 1;
     setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return Session(Socket(board));
+}
+
+bool Listener::waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const {
+    while (Clock::now() < deadline) {
+        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+        pollfd waiting[] = {{socket_.descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
+        if (poll(waiting, 2, static_cast<int>(left.count())) <= 0) continue;
+        return waiting[0].revents != 0 || waitFor(socket_.descriptor(), POLLIN, Clock::now() + grace);
+    }
+    return false;
 }
 
 }  // namespace station

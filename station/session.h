@@ -59,8 +59,14 @@ public:
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
+    // Everything that arrives until the peer closes. Throws when it does not close in time.
+    std::string receiveAll(Milliseconds limit);
+
     // Ends the connection with a reset instead of a close.
     void reset();
+
+    std::string localAddress() const;  // this machine's, on this connection
+    int descriptor() const { return socket_.descriptor(); }
 
 private:
     // Appends what has arrived; false when nothing did before the deadline. Throws when the connection has ended.
@@ -78,6 +84,10 @@ public:
 
     // The next board, within the limit; throws SessionError when none connects.
     Session accept(Milliseconds limit);
+
+    // True when a board is waiting to be accepted; false when `session` has something to receive and nothing came here
+    // for `grace` after that, or at the deadline.
+    bool waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const;
 
 private:
     Socket socket_;

@@ -173,8 +173,8 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
     const struct {
         const char *plan, *fault;
     } cases[] = {
-        {"- {send: PING}\n", "plan.yaml:1:3: a step needs \"expect\" or \"match\""},
-        {"- {expect: OK}\n", "plan.yaml:1:3: a step needs \"send\""},
+        {"- {send: PING}\n", "plan.yaml:1:3: a command needs \"expect\" or \"match\""},
+        {"- {expect: OK}\n", "plan.yaml:1:3: a step needs \"send\", \"script\" or \"verify\""},
         {"- send: PING\n  expect: OK\n  timeuot: 3\n", "plan.yaml:3:3: unknown key \"timeuot\""},
         {"- {send: PING, expect: OK, match: OK}\n", "exclude each other"},
         {"- {send: PING, match: '(['}\n", "plan.yaml:1:23: bad expression"},
@@ -190,6 +190,12 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"", "a plan is a list of steps"},
         {"- PING\n", "a step is a map of keys"},
         {"- {send: PING\n", "plan.yaml:2:1"},
+        {"- {send: PING, expect: OK, expect: OK}\n", "plan.yaml:1:28: \"expect\" stands twice"},
+        {"- {verify: plan.yaml}\n", "needs \"partition\""},
+        {"- {verify: plan.yaml, partition: -1}\n", "not negative"},
+        {"- {script: none.sh}\n", "no file"},
+        {"- {script: plan.yaml, expect: OK}\n", "unknown key \"expect\" in a \"script\" step"},
+        {"- {script: plan.yaml, status: 256}\n", "between 0 and 255"},
     };
     for (const auto &test : cases) {
         try {

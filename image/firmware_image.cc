@@ -1,0 +1,277 @@
+#include "image/firmware_image.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <string_view>
+
+#include "image/md5.h"
+
+namespace fwimage {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kBlockSize = 60;
+constexpr size_t kHeaderSize = 64;
+constexpr size_t kDigestLength = 32;
+constexpr size_t kTrailerSize = kDigestLength + 1;
+// The board counts an image's length, without the trailer, in a signed 32-bit number.
+constexpr uint64_t kLongestImage = std::numeric_limits<int32_t>::max();
+
+std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
+
+// A new file that replaces `path` when it is kept; until then, and without that, nothing is there.
+class NewFile {
+public:
+    explicit NewFile(const fs::path &path) : path_(path), temporary_(path.string() + ".XXXXXX") {
+        descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
+        if (descriptor_ < 0) throw ImageError(describe("cannot write " + path.string()));
+    }
+    ~NewFile() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+            unlink(temporary_.c_str());
+        }
+    }
+    NewFile(const NewFile &) = delete;
+    NewFile &operator=(const NewFile &) = delete;
+
+    void write(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const ssize_t written = ::write(descriptor_, bytes.data(), bytes.size());
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) throw ImageError(describe("cannot write " + path_.string()));
+            bytes.remove_prefix(static_cast<size_t>(written));
+        }
+    }
+
+    void keep() {
+        const mode_t mask = umask(0);
+        umask(mask);
+        if (fchmod(descriptor_, 0666 & ~mask) != 0 || fsync(descriptor_) != 0 ||
+            rename(temporary_.c_str(), path_.c_str()) != 0) {
+            throw ImageError(describe("cannot write " + path_.string()));
+        }
+        close(descriptor_);
+        descriptor_ = -1;
+    }
+
+private:
+    fs::path path_;
+    std::string temporary_;
+    int descriptor_;
+};
+
+bool isGraphic(char c) { return c > ' ' && c < 0x7F; }
+
+void checkText(std::string_view what, std::string_view text, size_t longest) {
+    if (text.empty()) throw ImageError(fmt::format("the {} is empty", what));
+    if (text.size() > longest) {
+        throw ImageError(fmt::format("the {} \"{}\" has more than {} characters", what, text, longest));
+    }
+    if (!std::all_of(text.begin(), text.end(), isGraphic)) {
+        throw ImageError(fmt::format("the {} \"{}\" holds a blank or an unprintable character", what, text));
+    }
+}
+
+// "1.2.3" as "01.02.03".
+std::string versionField(const std::string &version) {
+    std::array<unsigned, 3> numbers{};
+    const char *position = version.data();
+    const char *const end = position + version.size();
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        const auto [behind, error] = std::from_chars(position, end, numbers[i]);
+        const bool lastOrDot = i == 2 ? behind == end : behind != end && *behind == '.';
+        if (error != std::errc() || numbers[i] > 99 || !lastOrDot) {
+            throw ImageError(fmt::format("the version \"{}\" is not three numbers of 0 to 99 with dots", version));
+        }
+        position = behind + (i < 2 ? 1 : 0);
+    }
+    return fmt::format("{:02}.{:02}.{:02}", numbers[0], numbers[1], numbers[2]);
+}
+
+std::string productBlock(const Product &product) {
+    checkText("vendor", product.vendor, 20);
+    checkText("product", product.product, 19);
+    checkText("mark", product.mark, 8);
+    return fmt::format("{: <21}{: <20}{} {: <8}  ", product.vendor, product.product, versionField(product.version),
+                       product.mark);
+}
+
+// Empty, or what is wrong with a section's name.
+std::string nameFault(std::string_view name) {
+    const size_t dot = name.find('.');
+    if (dot == std::string_view::npos) return "has no dot: the board would end its walk over the sections there";
+    unsigned number = 0;
+    const auto [behind, error] = std::from_chars(name.data(), name.data() + dot, number);
+    if (error != std::errc() || behind != name.data() + dot)
+        return "does not begin with a partition's number and a dot";
+    if (!std::all_of(name.begin(), name.end(), isGraphic)) return "holds a blank or an unprintable character";
+    return {};
+}
+
+std::string sectionHeader(const Source &source) {
+    const std::string fault = nameFault(source.name);
+    if (!fault.empty()) throw ImageError(fmt::format("the section \"{}\" {}", source.name, fault));
+    std::error_code error;
+    if (!fs::is_regular_file(source.file, error)) throw ImageError(fmt::format("no file {}", source.file.string()));
+    const uint64_t length = fs::file_size(source.file);
+    if (length > kLongestImage) throw ImageError(fmt::format("{} is too long", source.file.string()));
+    std::string header = fmt::format("{} {}", length, source.name);
+    if (header.size() >= kHeaderSize) {
+        throw ImageError(fmt::format("the section's name \"{}\" is too long for its header", source.name));
+    }
+    header.resize(kHeaderSize, '\0');
+    return header;
+}
+
+// Hands the file to `take` in pieces; `length` bytes of it, or all.
+template <typename Take>
+void readPieces(std::ifstream &file, uint64_t length, const Take &take) {
+    std::array<char, 65536> piece;
+    while (length > 0) {
+        file.read(piece.data(), static_cast<std::streamsize>(std::min<uint64_t>(length, piece.size())));
+        const auto count = static_cast<size_t>(file.gcount());
+        if (count == 0) return;
+        take(std::string_view(piece.data(), count));
+        length -= count;
+    }
+}
+
+// Fit for a terminal.
+std::string printable(std::string_view text) {
+    std::string result(text);
+    for (char &c : result) c = isGraphic(c) ? c : '?';
+    return result;
+}
+
+// The text of a field, which ends at its first blank or NUL.
+std::string fieldText(std::string_view field) { return printable(field.substr(0, field.find_first_of({" \0", 2}))); }
+
+void readProduct(std::string_view block, Contents &contents) {
+    const std::string_view vendor = block.substr(0, 21);
+    const std::string_view product = block.substr(21, 20);
+    contents.product = {fieldText(vendor), fieldText(product), printable(block.substr(41, 8)),
+                        fieldText(block.substr(50, 8))};
+    if (contents.product.vendor.size() == vendor.size()) {
+        contents.fault = "the vendor has no end";
+    } else if (contents.product.product.size() == product.size()) {
+        contents.fault = "the product has no end";
+    }
+}
+
+// Reads the header at `offset`; `end` is where the trailer begins. False, with a fault, when there is no going on.
+bool readSection(std::string_view header, uint64_t offset, uint64_t end, Contents &contents) {
+    const auto fail = [&](std::string text) {
+        if (contents.fault.empty()) contents.fault = fmt::format("the section at {} {}", offset, text);
+        return false;
+    };
+    if (header.size() < kHeaderSize) return fail(fmt::format("is cut off after {} bytes of its header", header.size()));
+    const std::string_view text = header.substr(0, header.find('\0'));
+    uint64_t length = 0;
+    const auto [behind, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    const auto blank = static_cast<size_t>(behind - text.data());
+    if (error != std::errc() || blank >= text.size() || text[blank] != ' ') return fail("has no length and name");
+    const std::string name(text.substr(blank + 1));
+    const std::string fault = nameFault(name);
+    if (!fault.empty()) return fail(fmt::format("is called \"{}\", which {}", printable(name), fault));
+    const uint64_t data = offset + kHeaderSize;
+    if (length > end - data) {
+        return fail(fmt::format("({}) is {} bytes long, but only {} follow", name, length, end - data));
+    }
+    contents.sections.push_back({name, static_cast<uint32_t>(length), data});
+    return true;
+}
+
+void readSections(std::ifstream &file, uint64_t end, Contents &contents) {
+    for (uint64_t offset = kBlockSize; offset < end;) {
+        std::string header(std::min<uint64_t>(kHeaderSize, end - offset), '\0');
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(header.data(), static_cast<std::streamsize>(header.size()));
+        if (!readSection(header, offset, end, contents)) return;
+        offset = contents.sections.back().offset + contents.sections.back().length;
+    }
+}
+
+void readTrailer(std::ifstream &file, uint64_t end, Contents &contents) {
+    Md5 digest;
+    file.clear();
+    file.seekg(0);
+    readPieces(file, end, [&](std::string_view piece) { digest.feed(piece); });
+    contents.digest = digest.text();
+    contents.trailer.resize(kDigestLength);
+    file.read(contents.trailer.data(), kDigestLength);
+    if (contents.fault.empty() && contents.trailer != contents.digest) {
+        contents.fault = "the digest in the trailer is not that of the image";
+    }
+    contents.trailer = printable(contents.trailer);
+}
+
+}  // namespace
+
+void create(const fs::path &path, const Product &product, const std::vector<Source> &sources) {
+    const std::string block = productBlock(product);
+    std::vector<std::string> headers;
+    uint64_t length = block.size();
+    for (const Source &source : sources) {
+        headers.push_back(sectionHeader(source));
+        length += kHeaderSize + fs::file_size(source.file);
+    }
+    if (length > kLongestImage) throw ImageError(fmt::format("the image would have {} bytes, too many", length));
+
+    NewFile image(path);
+    Md5 digest;
+    const auto write = [&](std::string_view bytes) {
+        digest.feed(bytes);
+        image.write(bytes);
+    };
+    write(block);
+    uint64_t written = block.size();
+    for (size_t i = 0; i < sources.size(); ++i) {
+        write(headers[i]);
+        written += kHeaderSize;
+        std::ifstream file(sources[i].file, std::ios::binary);
+        if (!file) throw ImageError(describe("cannot read " + sources[i].file.string()));
+        readPieces(file, kLongestImage, [&](std::string_view piece) {
+            write(piece);
+            written += piece.size();
+        });
+        if (file.bad()) throw ImageError(describe("cannot read " + sources[i].file.string()));
+    }
+    if (written != length) throw ImageError("a file changed while it was read");
+    image.write(digest.text() + "\n");
+    image.keep();
+}
+
+Contents inspect(const fs::path &path) {
+    std::error_code error;
+    if (fs::is_directory(path, error)) throw ImageError(fmt::format("{} is a directory", path.string()));
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw ImageError(describe("cannot open " + path.string()));
+    file.seekg(0, std::ios::end);
+    const auto size = static_cast<uint64_t>(file.tellg());
+    Contents contents;
+    if (size < kBlockSize + kTrailerSize) {
+        contents.fault = fmt::format("{} bytes are too few for a product block and a trailer", size);
+        return contents;
+    }
+    std::string block(kBlockSize, '\0');
+    file.seekg(0);
+    file.read(block.data(), kBlockSize);
+    readProduct(block, contents);
+    readSections(file, size - kTrailerSize, contents);
+    readTrailer(file, size - kTrailerSize, contents);
+    return contents;
+}
+
+}  // namespace fwimage

@@ -1,0 +1,74 @@
+#include "station/script.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace station {
+namespace {
+
+// How long the board's reply may wait for a result that was sent on another connection before it.
+constexpr Milliseconds kResultGrace{1000};
+
+// The script follows the wrapper, which finds it at the byte after its own end. The board has the station's fixed
+// address, whatever this machine calls it.
+std::string wrapperFor(uint16_t port, size_t ownLength) {
+    return fmt::format("#!/bin/sh\n"
+                       "script=/tmp/fabtestd.script\n"
+                       "output=/tmp/fabtestd.output\n"
+                       "tail -c +{:06} \"$0\" > $script\n"
+                       "chmod 755 $script\n"
+                       "$script < /dev/null > $output 2>&1\n"
+                       "status=$?\n"
+                       "{{ echo $status; cat $output; }} | nc {} {}\n"
+                       "exit 0\n",
+                       ownLength + 1, kDefaultAddress, port);
+}
+
+std::string wrap(const std::string &script, uint16_t port) {
+    return wrapperFor(port, wrapperFor(port, 0).size()) + script;
+}
+
+ScriptResult parseResult(const std::string &bytes) {
+    ScriptResult result;
+    const size_t lineEnd = bytes.find('\n');
+    const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
+    if (error != std::errc() || lineEnd == std::string::npos || behind != bytes.data() + lineEnd) {
+        throw SessionError("the script's result is not complete");
+    }
+    result.output = bytes.substr(lineEnd + 1);
+    return result;
+}
+
+Milliseconds until(Clock::time_point deadline) {
+    return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
+}
+
+}  // namespace
+
+ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
+                       const Progress &progress) {
+    Listener results(session.localAddress(), 0);
+    const std::string payload = wrap(script, results.port());
+    const std::string command = fmt::format("SHELL {}", payload.size());
+    session.sendCommand(command);
+    session.sendBytes(payload, progress);
+    // The reply comes when the wrapper has ended, so the result is there before it, or never.
+    if (!results.waitForBoard(session, deadline, kResultGrace)) {
+        throw SessionError("the board sent no result of the script: has it no \"nc\"?");
+    }
+    ScriptResult result = parseResult(results.accept(until(deadline)).receiveAll(until(deadline)));
+    const std::string reply = session.receiveReply(until(deadline));
+    if (reply != command) throw SessionError(fmt::format("expected \"{}\", got \"{}\"", command, reply));
+    return result;
+}
+
+std::string digestScript(int partition, uint64_t size) {
+    return fmt::format("#!/bin/sh\n"
+                       "head -c {0} /dev/mtd{2} | md5sum | cut -d ' ' -f 1\n"
+                       "tail -c +{1} /dev/mtd{2} | tr -d '\\377' | wc -c\n",
+                       size, size + 1, partition);
+}
+
+}  // namespace station
