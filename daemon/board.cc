@@ -65,7 +65,8 @@ bool exchangePair(char *pair) {
     return true;
 }
 
-// syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none.
+// syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none. The message
+// carries its priority and, as every line on the board, an empty identity.
 void logFromHandler(const char *message, size_t length) {
     const int interruptedErrno = errno;
     const DescriptorHandle log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -114,14 +115,14 @@ void exchangePorts(const char *pairs) {
 }
 
 void onResetSignal(int) {
-    constexpr char kMessage[] = "<9>fabtestd: Factory Reset Signal (SIGUSR2)\n";
+    constexpr char kMessage[] = "<9>: Factory Reset Signal (SIGUSR2)\n";
     static_assert((LOG_USER | LOG_ALERT) == 9);
     logFromHandler(kMessage, sizeof kMessage - 1);
     factoryResetFlag = 2;
 }
 
 void onReleaseSignal(int) {
-    constexpr char kMessage[] = "<9>fabtestd: Factory Reset Signal (SIGUSR1)\n";
+    constexpr char kMessage[] = "<9>: Factory Reset Signal (SIGUSR1)\n";
     logFromHandler(kMessage, sizeof kMessage - 1);
     factoryResetFlag = 0;
 }

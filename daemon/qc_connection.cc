@@ -50,8 +50,8 @@ int makeRoomForOutput(int socket) {
 
 // A socket whose attempt has failed for good would fail the next attempt as well, without trying, only to say so
 // (ECONNABORTED); connecting it to no family makes it a new one. An attempt that is still under way goes on.
-void forgetFailedAttempt(int socket) {
-    if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return;
+void forgetFailedAttempt(int socket, int reason) {
+    if (reason == EINPROGRESS || reason == EALREADY || reason == EINTR) return;
     sockaddr none = {};
     none.sa_family = AF_UNSPEC;
     static_cast<void>(connect(socket, &none, sizeof none));
@@ -64,8 +64,7 @@ void connectStation(int socket) {
     while (my_connect_t(socket, reinterpret_cast<const sockaddr *>(&station), sizeof station, kConnectSeconds) < 0) {
         const int reason = errno;
         syslog(LOG_ALERT, "connecting %d (%s)\n", attempt, strerror(reason));
-        errno = reason;
-        forgetFailedAttempt(socket);
+        forgetFailedAttempt(socket, reason);
         sleep(kRetrySeconds);
         syslog(LOG_ALERT, "connecting %d\n", ++attempt);
     }
@@ -117,8 +116,9 @@ void serveStation(char *pkbuf) {
     const int station = makeRoomForOutput(made);
     connectStation(station);
     syslog(LOG_ALERT, "Socketid = %d\n", station);
-    // Descriptor 0 ends the program although standard input was closed at the start: intended. The first socket of a
-    // process is its system log's; if this one is the first, there is no log, and nobody would see what was done.
+    // Descriptor 0 ends the program although standard input was closed at the start: intended. On the board the system
+    // log's socket has it, log or no log; a C library that gives its socket back when there is no log leaves it to the
+    // connection, and nobody would see what was done.
     if (station == 0) return;
 
     while (!waitForCommand(station) || serveCommand(station, pkbuf)) {

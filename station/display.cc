@@ -24,7 +24,8 @@ public:
     void stepEnds(const Step &step, const StepResult &result) override {
         std::string text = oneLine(result.passed ? result.reply : result.failure);
         if (text.size() > kLineWidth) text.replace(kLineWidth, std::string::npos, "...");
-        fmt::print("{}  {:7.2f} s  {}  ->  {}\n", verdict(result.passed), seconds(result.duration), step.title(), text);
+        fmt::print("{}  {:7.2f} s  {}  ->  {}\n", verdict(result.passed), seconds(result.duration),
+                   oneLine(step.title()), text);
         std::fflush(stdout);
     }
 
@@ -38,7 +39,7 @@ public:
     explicit TerminalDisplay(bool coloured) : coloured_(coloured) {}
 
     void stepStarts(const Step &step) override {
-        title_ = step.title();
+        title_ = oneLine(step.title());
         start_ = Clock::now();
         show("");
     }

@@ -48,7 +48,9 @@ int main(int argc, char **argv) try {
     runCommand->add_option("--files", options.files, "Folder of the plan's files, instead of its own");
     runCommand->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
     runCommand->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
-    runCommand->add_option("--wait", options.wait, "Seconds to wait for the board")->capture_default_str();
+    runCommand->add_option("--wait", options.wait, "Seconds to wait for the board")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     return run(options);
 } catch (const std::exception &error) {

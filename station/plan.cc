@@ -4,6 +4,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include <cmath>
+#include <ios>
 #include <map>
 #include <set>
 #include <string_view>
@@ -36,7 +37,10 @@ struct Place {
             fail(fmt::format("expected {}", kind));
         }
     }
-    std::string text() const { return as<std::string>("a text"); }
+    std::string text() const {
+        if (!value.IsScalar()) fail("expected a text");
+        return value.Scalar();
+    }
     bool flag() const { return as<bool>("true or false"); }
     fs::path file() const {
         fs::path path = folder / text();
@@ -121,8 +125,10 @@ const KindOfStep &kindOf(const YAML::Node &node) {
 
 void replaceSize(std::string &text, uintmax_t size) {
     constexpr std::string_view kPlaceholder = "{size}";
-    const size_t position = text.find(kPlaceholder);
-    if (position != std::string::npos) text.replace(position, kPlaceholder.size(), std::to_string(size));
+    const std::string digits = std::to_string(size);
+    for (size_t at = 0; (at = text.find(kPlaceholder, at)) != std::string::npos; at += digits.size()) {
+        text.replace(at, kPlaceholder.size(), digits);
+    }
 }
 
 // What can only be told when all keys are known. Returns the fault, empty for none.
@@ -197,6 +203,8 @@ Plan loadPlan(const fs::path &path, const fs::path &files) {
     } catch (const Fault &fault) {
         throw PlanError(fmt::format("{}: {}", place(fault.mark), fault.text));
     } catch (const YAML::BadFile &) {
+        throw PlanError(fmt::format("{}: cannot be read", path.string()));
+    } catch (const std::ios_base::failure &) {
         throw PlanError(fmt::format("{}: cannot be read", path.string()));
     } catch (const YAML::Exception &error) {
         throw PlanError(fmt::format("{}: {}", place(error.mark), error.msg));

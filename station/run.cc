@@ -36,7 +36,8 @@ void runCommand(const Running &running, StepResult &result) {
     if (step.file) running.session.sendFile(*step.file, running.progress);
     result.reply = running.session.receiveReply(running.left());
     result.failure = step.expected.judge(result.reply);
-    if (step.closes) running.session.expectClose(running.left());
+    if (!step.closes || !result.failure.empty()) return;
+    running.session.expectClose(running.left());
 }
 
 void runScriptStep(const Running &running, StepResult &result) {
@@ -89,6 +90,7 @@ StepResult runStep(Session &session, const Step &step, bool &connected, const Pr
     StepResult result;
     const auto start = Clock::now();
     try {
+        session.setSendDeadline(start + step.timeout);
         runKind({session, step, progress, start + step.timeout}, result);
         if (step.closes) connected = false;
     } catch (const std::exception &error) {

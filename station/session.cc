@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <utility>
 
 namespace station {
@@ -21,14 +22,20 @@ namespace {
 // How long a reply of 64 characters without a NUL is given to turn out longer.
 constexpr Milliseconds kLongReplyGrace{300};
 
+// Milliseconds until the deadline, as poll takes them.
+int pollLimit(Clock::time_point deadline) {
+    const int64_t left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
+}
+
 // True when the descriptor became ready before the deadline.
 bool waitFor(int descriptor, short events, Clock::time_point deadline) {
-    for (;;) {
-        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+    while (Clock::now() < deadline) {
         pollfd waiting = {descriptor, events, 0};
-        const int ready = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        const int ready = poll(&waiting, 1, pollLimit(deadline));
         if (ready >= 0 || errno != EINTR) return ready > 0;
     }
+    return false;
 }
 
 std::string describe(std::string_view what) { return fmt::format("{}: {}", what, strerror(errno)); }
@@ -73,9 +80,13 @@ void Session::sendCommand(std::string_view text) {
 void Session::sendBytes(std::string_view bytes, const Progress &progress) {
     uint64_t done = 0;
     while (done < bytes.size()) {
+        if (!waitFor(socket_.descriptor(), POLLOUT, sendDeadline_)) {
+            throw SessionError("the board does not take what is sent to it");
+        }
         // cppcheck-suppress invalidLifetime
-        const ssize_t sent = send(socket_.descriptor(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
+        const ssize_t sent =
+            send(socket_.descriptor(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (sent < 0) throw SessionError(describe("sending failed"));
         done += static_cast<uint64_t>(sent);
         if (progress) progress(done, bytes.size());
@@ -96,38 +107,39 @@ void Session::sendFile(const std::filesystem::path &path, const Progress &progre
     }
 }
 
-bool Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
-    if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return false;
+Session::Arrival Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
+    if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return Arrival::kNothing;
     std::array<char, kLongestReply + 1> part;
     const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
     if (received < 0) throw SessionError(describe("receiving failed"));
-    if (received == 0) throw SessionError("the board closed the connection");
     bytes.append(part.data(), static_cast<size_t>(received));
-    return true;
+    return received > 0 ? Arrival::kBytes : Arrival::kEnd;
 }
 
 std::string Session::receiveReply(Milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     std::string bytes;
-    while (bytes.size() < frameLength(bytes)) {
-        if (receiveSome(bytes, deadline)) continue;
-        if (bytes.empty()) throw SessionError(fmt::format("no reply within {:.1f} s", double(limit.count()) / 1000));
-        throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
+    while (bytes.size() < frameLength(bytes) && bytes.size() <= kLongestReply) {
+        const Arrival arrival = receiveSome(bytes, deadline);
+        if (arrival == Arrival::kBytes) continue;
+        if (!bytes.empty()) throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
+        if (arrival == Arrival::kEnd) throw SessionError("the board closed the connection");
+        throw SessionError(fmt::format("no reply within {:.1f} s", double(limit.count()) / 1000));
     }
     // 64 characters are a whole frame, or the first of a longer one.
-    if (bytes.find('\0') == std::string::npos) {
-        while (receiveSome(bytes, Clock::now() + kLongReplyGrace) && bytes.find('\0') == std::string::npos) {
-        }
+    while (bytes.find('\0') == std::string::npos && bytes.size() <= kLongestReply &&
+           receiveSome(bytes, Clock::now() + kLongReplyGrace) == Arrival::kBytes) {
     }
     const size_t length = frameLength(bytes);
-    std::string text = bytes.substr(0, std::min(bytes.find('\0'), length));
+    if (length > kLongestReply) throw SessionError(fmt::format("a reply of {} bytes", length));
+    if (bytes.size() < length) throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
     if (bytes.size() > length) {
         throw SessionError(fmt::format("{} bytes behind the reply's frame", bytes.size() - length));
     }
+    std::string text = bytes.substr(0, std::min(bytes.find('\0'), length));
     if (bytes.find_first_not_of('\0', text.size()) != std::string::npos) {
         throw SessionError("the reply's frame is not filled with NUL");
     }
-    if (length > kLongestReply) throw SessionError(fmt::format("a reply of {} bytes", length));
     return text;
 }
 
@@ -195,9 +207,8 @@ Session Listener::accept(Milliseconds limit) {
 
 bool Listener::waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const {
     while (Clock::now() < deadline) {
-        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
         pollfd waiting[] = {{socket_.descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
-        if (poll(waiting, 2, static_cast<int>(left.count())) <= 0) continue;
+        if (poll(waiting, 2, pollLimit(deadline)) <= 0) continue;
         return waiting[0].revents != 0 || waitFor(socket_.descriptor(), POLLIN, Clock::now() + grace);
     }
     return false;

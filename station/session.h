@@ -46,6 +46,9 @@ class Session {
 public:
     explicit Session(Socket socket) : socket_(std::move(socket)) {}
 
+    // Every send throws when the board does not take everything before this; an hour from now on at first.
+    void setSendDeadline(Clock::time_point deadline) { sendDeadline_ = deadline; }
+
     // Sends a command of at most 64 bytes, padded with NUL, so that a payload can follow at once.
     void sendCommand(std::string_view text);
     // Sends bytes as they are. `progress`, when set, is called after each part that was taken.
@@ -69,10 +72,12 @@ public:
     int descriptor() const { return socket_.descriptor(); }
 
 private:
-    // Appends what has arrived; false when nothing did before the deadline. Throws when the connection has ended.
-    bool receiveSome(std::string &bytes, Clock::time_point deadline);
+    enum class Arrival { kBytes, kNothing, kEnd };
+    // Appends what arrives before the deadline.
+    Arrival receiveSome(std::string &bytes, Clock::time_point deadline);
 
     Socket socket_;
+    Clock::time_point sendDeadline_ = Clock::now() + std::chrono::hours(1);
 };
 
 class Listener {

@@ -23,6 +23,7 @@ namespace {
 constexpr int kPermissions = IPC_CREAT | 0777;
 constexpr int kMaxTokens = 10;
 constexpr int kIdentityLines = 10;
+constexpr time_t kTurnSeconds = 10;
 constexpr int kLockPolls = 300;
 constexpr useconds_t kLockPollPause = 10000;
 
@@ -56,14 +57,21 @@ size_t recordCount() {
 // the segment is what the board's other programs know; being a private one it wakes nobody in another process, so it
 // is polled, and only whoever has the turn may judge that its holder is dead: two that did so at once would both
 // come to hold the fresh lock.
-void takeTurn() {
+// False when the turn was not to be had in time; the caller goes on without it, and must not end it.
+bool takeTurn() {
     sembuf free_then_taken[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
     const int turn = semget(kConfigurationKey, 1, kPermissions);
-    while (semop(turn, free_then_taken, 2) != 0 && errno == EINTR) {
+    timespec limit = {kTurnSeconds, 0};
+    while (semtimedop(turn, free_then_taken, 2, &limit) != 0) {
+        if (errno == EINTR) continue;
+        syslog(LOG_ALERT, "configuration: another process keeps its turn, going on without (%s)\n", strerror(errno));
+        return false;
     }
+    return true;
 }
 
-void endTurn() {
+void endTurn(bool taken) {
+    if (!taken) return;
     sembuf given_back = {0, -1, SEM_UNDO | IPC_NOWAIT};
     semop(semget(kConfigurationKey, 1, kPermissions), &given_back, 1);
 }
@@ -283,17 +291,17 @@ bool writeSettings(const char *path, const char *key, const char *value) {
 
 ConfigurationSegment *init_configuration() {
     if (!attach()) return nullptr;
-    takeTurn();
+    const bool turn = takeTurn();
     loadTable();
-    endTurn();
+    endTurn(turn);
     return segment;
 }
 
 ConfigurationSegment *open_configuration() {
     if (!attach()) return nullptr;
-    takeTurn();
+    const bool turn = takeTurn();
     if (recordCount() == 0 && segment->identity[0] == '\0') loadTable();
-    endTurn();
+    endTurn(turn);
     return segment;
 }
 
@@ -320,7 +328,7 @@ const char *RETURN_DEF_STR(const char *key) { return findValue(key); }
 
 int add_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const bool turn = takeTurn();
     lockTable();
     ConfigurationRecord *const record = key != nullptr ? findRecord(key) : nullptr;
     bool stored = true;
@@ -330,24 +338,24 @@ int add_configuration(const char *key, const char *value) {
         stored = insertRecord(key, value);
     }
     const int unlocked = unlockTable();
-    endTurn();
+    endTurn(turn);
     return stored ? unlocked : -1;
 }
 
 int set_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const bool turn = takeTurn();
     lockTable();
     ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) overwriteValue(record, value);
     unlockTable();
-    endTurn();
+    endTurn(turn);
     return record != nullptr ? 0 : -1;
 }
 
 int del_configuration(const char *key) {
     if (!attach()) return -1;
-    takeTurn();
+    const bool turn = takeTurn();
     lockTable();
     const ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) {
@@ -361,13 +369,13 @@ int del_configuration(const char *key) {
         segment->count = static_cast<int32_t>(count - 1);
     }
     unlockTable();
-    endTurn();
+    endTurn(turn);
     return record != nullptr ? 0 : -1;
 }
 
 int save_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const bool turn = takeTurn();
     selectFile();
     const char *const temporary = M("%s.new", kPersistentConfiguration);
     const bool written = writeSettings(temporary, key, value);
@@ -377,6 +385,6 @@ int save_configuration(const char *key, const char *value) {
     } else {
         unlink(temporary);
     }
-    endTurn();
+    endTurn(turn);
     return written ? 0 : -1;
 }

@@ -25,9 +25,10 @@ constexpr size_t kCopyBlock = 4096;
 
 // Fills `record` when /proc/ENTRY belongs to a process of this name.
 bool readProcess(const char *entry, const char *name, my_proc *record) {
-    const DescriptorHandle stat(open(M("/proc/%s/stat", entry), O_RDONLY | O_CLOEXEC));
-    if (stat < 0) return false;
     char text[256];
+    snprintf(text, sizeof text, "/proc/%s/stat", entry);
+    const DescriptorHandle stat(open(text, O_RDONLY | O_CLOEXEC));
+    if (stat < 0) return false;
     const ssize_t length = read(stat, text, sizeof text - 1);
     if (length <= 0) return false;
     text[length] = '\0';
@@ -117,7 +118,7 @@ int copyContent(const char *source, const char *destination, mode_t mode) {
     const DescriptorHandle from(open(source, O_RDONLY | O_CLOEXEC));
     if (from < 0) return -1;
     unlink(destination);
-    const DescriptorHandle to(open(destination, O_WRONLY | O_CREAT | O_CLOEXEC, mode));
+    const DescriptorHandle to(open(destination, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     if (to < 0) return -1;
     char block[kCopyBlock];
     for (;;) {

@@ -20,6 +20,6 @@ constexpr char kDebugSwitch[] = "/var/debug";
 [[gnu::format(printf, 1, 2)]] int my_system(const char *format, ...);
 
 // Connects within timeout_seconds (60 when below 1). `address` has `address_length` bytes.
-// Returns 0, with the socket blocking; or -1 with errno saying why and the socket left non-blocking. A connect that
-// is still under way at the time limit leaves errno at EINPROGRESS, and the kernel goes on with it.
+// Returns 0, with the socket blocking; or -1 with errno saying why and the socket, if it is one, left non-blocking. A
+// connect that is still under way at the time limit leaves errno at EINPROGRESS, and the kernel goes on with it.
 int my_connect_t(int socket, const sockaddr *address, socklen_t address_length, int timeout_seconds);

@@ -12,7 +12,8 @@
 int string_parse(char **tokens, int max, char *line);
 
 // Returns `previous` (a heap string, or null for none) followed by the formatted text, and frees `previous`.
-// When formatting fails the result is null and `previous` stays as it was.
+// When formatting fails the result is null and `previous` stays as it was; when joining the two does, `previous` is
+// gone.
 [[gnu::format(printf, 2, 3)]] char *my_string(char *previous, const char *format, ...);
 
 // New heap string: `text` with every `old` replaced by `replacement`; a copy of `text` when `old` is empty.

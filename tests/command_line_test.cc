@@ -67,6 +67,19 @@ TEST_F(CommandLine, TestPreparesTheBoardOnce) {
     EXPECT_EQ(board::logTexts().size(), 4U) << "a second time copies nothing";
 }
 
+// The modes of the console find what others have set in the table; the service loads it anew.
+TEST_F(CommandLine, OnlyTheServiceReloadsTheTable) {
+    open_configuration();
+    for (const char *mode : {"test", "switch", "info", "mac", "country"}) {
+        add_configuration("RECORDED", "yes");
+        printedBy(mode == std::string("mac") ? std::vector<std::string>{"mac", "1"} : std::vector<std::string>{mode});
+        EXPECT_EQ(if_exist("RECORDED"), 1) << mode;
+    }
+    start("daemon");
+    ASSERT_TRUE(board::waitForLog("connecting 1", 10));
+    EXPECT_EQ(if_exist("RECORDED"), 0);
+}
+
 TEST_F(CommandLine, SwitchAddressesThePorts) {
     board::writeFile("/tmp/busybox", "");
     const struct {

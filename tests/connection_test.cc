@@ -47,19 +47,11 @@ TEST_F(Connection, EveryCommandGetsItsReplyInItsFrame) {
     const struct {
         std::string command, reply;
     } cases[] = {
-        {"PING", "PING 2"},
-        {"PINGPONG", "PING 2"},
-        {"ping", "UNKNOWN"},
-        {"MAC", "UNKNOWN"},
-        {"WAITING", "OK"},
-        {"FW", "UNKNOWN"},
-        {"WAITING FACTORY RESET", "OK"},
-        {" PING", "UNKNOWN"},
-        {"FW KERNEL", "UNKNOWN"},
-        {"\x80\xFF\xFE", "UNKNOWN"},
-        {"FACTORY RESE", "UNKNOWN"},
-        {"%s%n%d", "UNKNOWN"},
-        {std::string(64, 'x'), "UNKNOWN"},
+        {"PING", "PING 2"},          {"PINGPONG", "PING 2"},   {"ping", "UNKNOWN"},
+        {"MAC", "UNKNOWN"},          {"WAITING", "OK"},        {"MAC x", "MAC 4"},
+        {"COUNTRY ", "OK"},          {"FW", "UNKNOWN"},        {"WAITING FACTORY RESET", "OK"},
+        {" PING", "UNKNOWN"},        {"FW KERNEL", "UNKNOWN"}, {"\x80\xFF\xFE", "UNKNOWN"},
+        {"FACTORY RESE", "UNKNOWN"}, {"%s%n%d", "UNKNOWN"},    {std::string(64, 'x'), "UNKNOWN"},
     };
     for (const auto &test : cases) {
         session.sendCommand(test.command);
@@ -69,6 +61,11 @@ TEST_F(Connection, EveryCommandGetsItsReplyInItsFrame) {
     }
     session.sendBytes("PINGWAITING");
     EXPECT_EQ(session.receiveReply(kSoon), "PING 2") << "two commands in one segment are one command";
+    session.sendBytes(std::string(64, 'x') + "PING");
+    std::string replies(128, '?');
+    ASSERT_EQ(recv(session.descriptor(), replies.data(), replies.size(), MSG_WAITALL), 128);
+    EXPECT_STREQ(replies.c_str(), "UNKNOWN") << "a command ends at 64 bytes";
+    EXPECT_STREQ(replies.c_str() + 64, "PING 2");
     session.sendBytes("P");
     EXPECT_EQ(session.receiveReply(kSoon), "UNKNOWN");
     session.sendBytes("BYEBYE");
@@ -194,10 +191,12 @@ TEST_F(Connection, ProgramsOfTheBoardRunApartFromTheConnection) {
     board::writeFile("/tmp/reboot",
                      "#!/bin/sh\necho printed && echo printed >&2 && ls -l /proc/self/fd > /tmp/descriptors\n");
     std::filesystem::permissions("/tmp/reboot", std::filesystem::perms::owner_all);
+    board::NamedProcess resetProcess("hardware_reset");
     start("daemon");
     Session session = listener.accept(kSoon);
     session.sendCommand("REBOOT");
     EXPECT_EQ(session.receiveReply(kSoon), "OK");
+    EXPECT_EQ(resetProcess.waitForEnd(), -SIGTERM);
     EXPECT_THAT(board::readFile("/tmp/descriptors"), AllOf(HasSubstr("/dev/null"), testing::Not(HasSubstr("socket"))));
     session.sendCommand("PING");
     EXPECT_EQ(session.receiveReply(kSoon), "PING 2");

@@ -53,6 +53,7 @@ TEST_F(Configuration, LinesAreReadByTheirSyntax) {
          "KEY5 : plain more words\n"
          "KEY6 =\n"
          "KEY7 = \"open\n"
+         "KEY7 = v \"open\n"
          "KEY8 = a b c d e f g h i j k l\n"
          "KEY9\t=\tv\r\n"
          "KEY10 = \n" +
@@ -131,7 +132,23 @@ TEST_F(Configuration, ANewerOrOtherDefaultReplacesTheFile) {
     EXPECT_EQ(init_configuration()->version, 1U) << "the eleventh does not";
 }
 
+TEST_F(Configuration, OtherProgramsFindTheSegment) {
+    load("K = v\n");
+    const int id = shmget(0x20120422, 12868, 0);
+    shmid_ds status = {};
+    ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
+    EXPECT_EQ(status.shm_segsz, 12868U);
+    EXPECT_EQ(status.shm_perm.mode & 0777, 0777);
+    const char *const bytes = static_cast<const char *>(shmat(id, nullptr, SHM_RDONLY));
+    EXPECT_STREQ(bytes + sizeof(pthread_mutex_t) + 44 + 4, "K") << "the first record's key";
+    EXPECT_STREQ(bytes + sizeof(pthread_mutex_t) + 44 + 36, "v");
+    shmdt(bytes);
+}
+
 TEST_F(Configuration, WithoutFilesTheTableIsEmpty) {
+    load("K = v\n");
+    std::filesystem::remove_all("/etc/sysconfig");
+    std::filesystem::remove(kDefaultConfiguration);
     ASSERT_NE(init_configuration(), nullptr);
     EXPECT_EQ(count(), 0U);
     EXPECT_EQ(valueOf("K"), "(none)");
