@@ -12,6 +12,9 @@
 #include "firmware/product_block.h"
 #include "firmware/upgrade.h"
 #include "firmware/upload.h"
+#include "identity/country.h"
+#include "identity/mac.h"
+#include "identity/report.h"
 #include "support/shell.h"
 
 int pingFlag;
@@ -22,7 +25,7 @@ struct Request {
     int socket;
     char *pkbuf;
     int length;
-    const char *argument;  // what follows the command word in pkbuf
+    char *argument;  // what follows the command word in pkbuf
 };
 
 // The first `length` bytes: with what the connection clears before it receives, the reply's frame is all NUL.
@@ -86,11 +89,20 @@ void shell(const Request &request) {
     my_system("chmod 755 %s; %s", kReceiveFile, kReceiveFile);
 }
 
-void answerOk(const Request &request) { reply(request, "OK"); }
-
 void programMac(const Request &request) {
+    setMac(request.argument);
     clearReply(request);
     snprintf(request.pkbuf, kPkbufSize, "%s %d", "MAC", wireTotal + wirelessTotal);
+}
+
+void setCountry(const Request &request) {
+    CountryRW(1, request.argument);
+    reply(request, "OK");
+}
+
+void info(const Request &request) {
+    clearReply(request);
+    getInfo(request.pkbuf, pingFlag);
 }
 
 void bye(const Request &request) {
@@ -116,11 +128,11 @@ constexpr Command kCommands[] = {
     {"SHELL", shell},
     {"PING", ping},
     {"MAC ", programMac},
-    {"COUNTRY ", answerOk},
+    {"COUNTRY ", setCountry},
     {"FACTORY RESET", factoryReset},
     {"WAITING", waiting},
     {"REBOOT", reboot},
-    {"INFO", clearReply},
+    {"INFO", info},
     {"BYE", bye},
     {"", unknown},
 };

@@ -1,11 +1,13 @@
 #pragma once
 // The commands of the test station.
 
+#include "identity/report.h"
+
 // Every payload of the connection is received into this file.
 constexpr char kReceiveFile[] = "/tmp/fabtestd.file";
 
 // Size of the buffer that holds a command and then its reply. The longest reply, the report, fits with its NUL.
-constexpr int kPkbufSize = 1500;
+constexpr int kPkbufSize = kReportSize;
 
 // 0 until the first PING, then 1: the report names failed checks in its first line only once the station asked.
 extern int pingFlag;

@@ -7,13 +7,18 @@
 #include <cstring>
 
 #include "daemon/board.h"
+#include "daemon/discovery.h"
 #include "daemon/dispatcher.h"
 #include "daemon/qc_connection.h"
 #include "firmware/partition.h"
 #include "firmware/product_block.h"
 #include "firmware/upgrade.h"
+#include "identity/country.h"
+#include "identity/mac.h"
+#include "identity/report.h"
 #include "support/configuration.h"
 #include "support/shell.h"
+#include "support/string_utils.h"
 #include "support/system_info.h"
 
 namespace {
@@ -55,12 +60,16 @@ bool flashFile(int partition, int argc, char **argv) {
     return true;
 }
 
-void startService() {
+void startService(bool discovered) {
     if (fork() != 0) return;
     for (int standard = 0; standard <= 2; ++standard) close(standard);
     init_configuration();
     initialFunc();
     interfaceCmd();
+    if (discovered) {
+        run_fabtestd();
+        sleep(1);
+    }
     sleep(1);
     memset(pkbuf, 0, sizeof pkbuf);
     signal(SIGUSR1, onReleaseSignal);
@@ -68,13 +77,14 @@ void startService() {
     serveStation(pkbuf);
 }
 
-void daemonMode(int, char **) { startService(); }
+void daemonMode(int, char **) { startService(false); }
 
-void qconlyMode(int, char **) { startService(); }
+void qconlyMode(int, char **) { startService(true); }
 
 void infoMode(int, char **) {
     open_configuration();
     initialFunc();
+    getInfo(pkbuf, 0);
     printf("%s", pkbuf);
 }
 
@@ -98,9 +108,23 @@ void macMode(int argc, char **argv) {
     }
     if (strchr(argv[2], ':') != nullptr && strlen(argv[2]) != 17) return;
     open_configuration();
+    setMac(argv[2]);
 }
 
-void countryMode(int, char **) { open_configuration(); }
+void countryMode(int argc, char **argv) {
+    open_configuration();
+    CountryRW(0, pkbuf);
+    if (argc != 3) {
+        printf("Country: %s\n", pkbuf);
+        return;
+    }
+    printf("Country: %s -> ", pkbuf);
+    char code[3] = "";  // two bytes of it are written, however short the argument is
+    my_copyText(code, argv[2], sizeof code);
+    CountryRW(1, code);
+    CountryRW(0, pkbuf);
+    printf("%s\n", pkbuf);
+}
 
 void imageMode(int argc, char **argv) {
     const char *const file = fileArgument(argc, argv);

@@ -79,6 +79,8 @@ void readPartition(Step &step, const Place &place) {
     if (step.partition < 0) place.fail("a partition's number is not negative");
 }
 
+void readShow(Step &step, const Place &place) { step.show = place.flag(); }
+
 void readFile(Step &step, const Place &place) { step.file = place.file(); }
 
 using Reader = void (*)(Step &step, const Place &place);
@@ -98,6 +100,7 @@ const std::vector<KindOfStep> kKinds = {
       {"expect", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
       {"match", readMatch},
       {"timeout", readTimeout},
+      {"show", readShow},
       {"bare", [](Step &step, const Place &place) { step.bare = place.flag(); }},
       {"closes", [](Step &step, const Place &place) { step.closes = place.flag(); }}}},
     {"script",
@@ -106,12 +109,14 @@ const std::vector<KindOfStep> kKinds = {
       {"output", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
       {"match", readMatch},
       {"status", readStatus},
+      {"show", readShow},
       {"timeout", readTimeout}}},
     {"verify",
      Kind::kVerify,
      {{"verify", readFile},
       {"partition", readPartition},
       {"erased", [](Step &step, const Place &place) { step.erased = place.flag(); }},
+      {"show", readShow},
       {"timeout", readTimeout}}},
 };
 

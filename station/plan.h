@@ -17,7 +17,8 @@
 //     partition: 2               the number of its MTD device
 //     erased: true               and 0xFF behind the file, to its end
 //
-// Each takes "timeout": seconds for the whole step, 10 by default.
+// Each takes "timeout": seconds for the whole step, 10 by default; and "show": true, to have the reply or the output
+// printed as it is when the plan has ended.
 
 #include <chrono>
 #include <filesystem>
@@ -52,6 +53,7 @@ struct Step {
     int status = 0;
     int partition = -1;
     bool erased = false;
+    bool show = false;
 
     std::string title() const;  // for the log: the command, or what is done with which file
 };

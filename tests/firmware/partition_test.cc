@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tests/fake_mtd.h"
+#include "tests/fake_devices.h"
 #include "tests/native_board.h"
 
 using testing::Contains;

@@ -1,6 +1,9 @@
-#include "tests/fake_mtd.h"
+#include "tests/fake_devices.h"
 
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
 #include <mtd/mtd-user.h>
+#include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -107,7 +110,31 @@ std::string content(int number) {
 
 }  // namespace fake_mtd
 
-// In the place of the C library's: what is not for the fake flash goes to the kernel.
+namespace fake_link {
+
+std::map<std::string, Link> links;
+
+namespace {
+
+int answer(const ifreq &request) {
+    const auto link = links.find(request.ifr_name);
+    if (link == links.end()) return fake_mtd::failWith(ENODEV);
+    auto *const value = reinterpret_cast<ethtool_value *>(request.ifr_data);
+    if (value->cmd == ETHTOOL_GLINK) {
+        value->data = link->second.up ? 1 : 0;
+        return 0;
+    }
+    if (value->cmd != ETHTOOL_GSET || !link->second.told) return fake_mtd::failWith(EOPNOTSUPP);
+    auto *const settings = reinterpret_cast<ethtool_cmd *>(request.ifr_data);
+    settings->speed = link->second.speed;
+    settings->duplex = link->second.duplex;
+    return 0;
+}
+
+}  // namespace
+}  // namespace fake_link
+
+// In the place of the C library's: what is not for the fake devices goes to the kernel.
 extern "C" int ioctl(int descriptor, unsigned long number, ...) noexcept {
     va_list arguments;
     va_start(arguments, number);
@@ -115,6 +142,7 @@ extern "C" int ioctl(int descriptor, unsigned long number, ...) noexcept {
     va_end(arguments);
     const bool ofFlash = number == MEMGETINFO || number == MEMUNLOCK || number == MEMERASE;
     if (ofFlash && fake_mtd::isFlash(descriptor)) return fake_mtd::request(descriptor, number, argument);
+    if (number == SIOCETHTOOL && !fake_link::links.empty()) return fake_link::answer(*static_cast<ifreq *>(argument));
     return static_cast<int>(syscall(SYS_ioctl, descriptor, number, argument));
 }
 

@@ -1,9 +1,12 @@
 #pragma once
-// Flash for the native board: regular files under /tmp/dev whose names begin with "mtd" answer the MTD requests, and
-// are written as NOR flash is: a write only clears bits, an erase sets them. For the process that it is linked into.
+// Flash and Ethernet links for the native board, for the process that this is linked into.
+//
+// Flash: regular files under /tmp/dev whose names begin with "mtd" answer the MTD requests, and
+// are written as NOR flash is: a write only clears bits, an erase sets them.
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,3 +34,17 @@ void create(int number, const std::string &content);
 std::string content(int number);
 
 }  // namespace fake_mtd
+
+// What the ethtool request answers for interfaces of these names; for others it fails.
+namespace fake_link {
+
+struct Link {
+    bool up = true;
+    uint16_t speed = 1000;
+    uint8_t duplex = 1;
+    bool told = true;  // false: the settings cannot be read
+};
+
+extern std::map<std::string, Link> links;
+
+}  // namespace fake_link

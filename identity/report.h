@@ -1,0 +1,10 @@
+#pragma once
+// The status report for the test station.
+
+// Room that the report is given, its NUL included; a longer one is cut there.
+constexpr int kReportSize = 1500;
+
+// Builds the report: product, memory, country code, MAC addresses, and a verdict on memory, radios and wired ports,
+// failures marked by colour sequences. Copies it into `buffer` (kReportSize bytes) unless that is null. With pingFlag
+// set the first line names the failed checks.
+void getInfo(char *buffer, int pingFlag);

@@ -1,0 +1,199 @@
+#include "station/discovery.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+
+namespace station {
+namespace {
+
+constexpr size_t kSource = 6;
+constexpr size_t kEtherType = 12;
+constexpr size_t kPayload = 14;
+constexpr size_t kLongestAnswer = 1024;
+constexpr int kAnswers = 3;
+constexpr Milliseconds kRepeat{1000};
+constexpr std::string_view kRequestType = "\x55\xAA";
+constexpr std::string_view kAnswerType = "\xAA\x55";
+constexpr Mac kDatagramStation = {0x02, 0, 0, 0, 0, 0x02};  // locally administered
+
+std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
+
+std::string bytesOf(const Mac &mac) { return {mac.begin(), mac.end()}; }
+
+Mac macAt(const std::string &frame, size_t offset) {
+    Mac mac{};
+    std::copy_n(frame.begin() + static_cast<std::ptrdiff_t>(offset), mac.size(), mac.begin());
+    return mac;
+}
+
+std::string receiveFrame(int socket, Clock::time_point deadline) {
+    while (Clock::now() < deadline) {
+        pollfd waiting = {socket, POLLIN, 0};
+        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+        if (poll(&waiting, 1, static_cast<int>(left.count())) <= 0) continue;
+        std::string frame(65536, '\0');
+        const ssize_t length = recv(socket, frame.data(), frame.size(), 0);
+        if (length <= 0) continue;
+        frame.resize(static_cast<size_t>(length));
+        return frame;
+    }
+    return {};
+}
+
+// A packet socket on a network interface.
+class InterfaceLink : public FrameLink {
+public:
+    explicit InterfaceLink(const std::string &name)
+        : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL))) {
+        if (socket_.descriptor() < 0) throw SessionError(describe("cannot open a packet socket"));
+        ifreq request{};
+        name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+        if (ioctl(socket_.descriptor(), SIOCGIFHWADDR, &request) < 0) throw SessionError(describe("interface " + name));
+        std::copy_n(request.ifr_hwaddr.sa_data, address_.size(), address_.begin());
+        sockaddr_ll bound{};
+        bound.sll_family = AF_PACKET;
+        bound.sll_protocol = htons(ETH_P_ALL);
+        bound.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
+        if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0) {
+            throw SessionError(describe("interface " + name));
+        }
+    }
+
+    void send(const std::string &frame) override {
+        if (::send(socket_.descriptor(), frame.data(), frame.size(), 0) < 0) throw SessionError(describe("sending"));
+    }
+    std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
+    Mac address() const override { return address_; }
+
+private:
+    Socket socket_;
+    Mac address_{};
+};
+
+class DatagramLink : public FrameLink {
+public:
+    DatagramLink(uint16_t local, uint16_t remote) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_in here = loopback(local);
+        const sockaddr_in there = loopback(remote);
+        if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&here), sizeof here) != 0 ||
+            connect(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&there), sizeof there) != 0) {
+            throw SessionError(describe("the datagram link"));
+        }
+    }
+
+    // Nobody at the other end yet is no failure.
+    void send(const std::string &frame) override { ::send(socket_.descriptor(), frame.data(), frame.size(), 0); }
+    std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
+    Mac address() const override { return kDatagramStation; }
+
+private:
+    static sockaddr_in loopback(uint16_t port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
+
+    Socket socket_;
+};
+
+uint16_t parsePort(const std::string &text) {
+    uint16_t port = 0;
+    const auto [behind, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    if (error != std::errc() || behind != text.data() + text.size()) {
+        throw SessionError(fmt::format("\"{}\" is not a port", text));
+    }
+    return port;
+}
+
+std::string makeRequest(const Mac &destination, const Mac &source, size_t size) {
+    std::string frame = bytesOf(destination) + bytesOf(source);
+    frame += kRequestType;
+    for (size_t i = frame.size(); i < size; ++i) frame += static_cast<char>(i);
+    return frame;
+}
+
+bool isAnswer(const std::string &frame) {
+    return frame.size() >= kPayload && frame.compare(kEtherType, kAnswerType.size(), kAnswerType) == 0;
+}
+
+// The answer that a board of this address owes to a request.
+std::string expectedAnswer(const std::string &request, const Mac &board) {
+    std::string answer = request.substr(0, kLongestAnswer);
+    if (macAt(request, 0) != kBroadcast) answer.replace(0, board.size(), request, kSource, board.size());
+    answer.replace(kSource, board.size(), bytesOf(board));
+    answer.replace(kEtherType, kAnswerType.size(), kAnswerType);
+    return answer;
+}
+
+// The next frame of the answers' EtherType.
+std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
+    for (;;) {
+        std::string frame = link.receive(deadline);
+        if (frame.empty() || isAnswer(frame)) return frame;
+    }
+}
+
+}  // namespace
+
+Mac parseMac(const std::string &text) {
+    Mac mac{};
+    int length = 0;
+    const int fields = std::sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &mac[0], &mac[1], &mac[2],
+                                   &mac[3], &mac[4], &mac[5], &length);
+    if (fields != 6 || text.size() != 17 || length != 17) {
+        throw SessionError(fmt::format("\"{}\" is not a MAC address", text));
+    }
+    return mac;
+}
+
+std::string formatMac(const Mac &mac) {
+    return fmt::format("{:02X}:{:02X}:{:02X}:{:02X}:{:02X}:{:02X}", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+}
+
+std::unique_ptr<FrameLink> openLink(const std::string &name) {
+    constexpr std::string_view kDatagrams = "udp:";
+    if (!name.starts_with(kDatagrams)) return std::make_unique<InterfaceLink>(name);
+    const size_t colon = name.find(':', kDatagrams.size());
+    if (colon == std::string::npos) throw SessionError(fmt::format("\"{}\" is not udp:LOCAL:REMOTE", name));
+    const std::string local = name.substr(kDatagrams.size(), colon - kDatagrams.size());
+    return std::make_unique<DatagramLink>(parsePort(local), parsePort(name.substr(colon + 1)));
+}
+
+Mac discover(FrameLink &link, const Mac &destination, size_t size, Milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    const std::string request = makeRequest(destination, link.address(), size);
+    std::string answer;
+    while (answer.empty()) {
+        if (Clock::now() >= deadline) throw SessionError("no board answered");
+        link.send(request);
+        answer = receiveAnswer(link, std::min(deadline, Clock::now() + kRepeat));
+    }
+    const Mac board = macAt(answer, kSource);
+    if (destination != kBroadcast && board != destination) {
+        throw SessionError(fmt::format("{} answered instead", formatMac(board)));
+    }
+    const std::string expected = expectedAnswer(request, board);
+    for (int i = 1; i <= kAnswers; ++i) {
+        if (i > 1) answer = receiveAnswer(link, Clock::now() + kRepeat);
+        if (answer.empty()) throw SessionError(fmt::format("{} answers instead of {}", i - 1, kAnswers));
+        if (answer != expected) throw SessionError(fmt::format("answer {} is not what was asked for", i));
+    }
+    return board;
+}
+
+}  // namespace station

@@ -1,0 +1,42 @@
+#pragma once
+// The layer-2 handshake with a board that waits in the mode "qconly", before there is a connection: a frame of
+// EtherType 0x55AA, which the board answers three times with EtherType 0xAA55.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "station/session.h"
+
+namespace station {
+
+using Mac = std::array<uint8_t, 6>;
+
+constexpr Mac kBroadcast = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+constexpr size_t kShortestRequest = 14;   // bytes of a frame: the header alone
+constexpr size_t kLongestRequest = 1514;  // answered with the 1024 bytes that the board keeps
+
+// Six pairs of hexadecimal digits with colons. Throws SessionError for anything else.
+Mac parseMac(const std::string &text);
+std::string formatMac(const Mac &mac);
+
+// Carries whole Ethernet frames.
+class FrameLink {
+public:
+    virtual ~FrameLink() = default;
+    virtual void send(const std::string &frame) = 0;
+    // The next frame that arrives before the deadline; empty when none does.
+    virtual std::string receive(Clock::time_point deadline) = 0;
+    virtual Mac address() const = 0;  // this end's
+};
+
+// Opens a link by its name: a network interface of this machine (as root); or "udp:LOCAL:REMOTE", the virtual board's
+// datagram link, one frame a datagram between these two ports of the loopback address. Throws SessionError.
+std::unique_ptr<FrameLink> openLink(const std::string &name);
+
+// Sends a request of `size` bytes to `destination`, once a second until it is answered, and checks the three answers
+// byte for byte. Returns the board's address. Throws SessionError when there is no answer in time, or a wrong one.
+Mac discover(FrameLink &link, const Mac &destination, size_t size, Milliseconds limit);
+
+}  // namespace station
