@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "support/handle.h"
+#include "support/string_utils.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ bool readOwnMac(uint8_t *mac) {
     const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
     if (socket < 0) return false;
     ifreq request = {};
-    strcpy(request.ifr_name, "eth0");
+    my_copyText(request.ifr_name, "eth0", sizeof request.ifr_name);
     // Left open on failure, and to be inherited: intended. It holds the place of an output that programs of the board
     // are started with.
     if (ioctl(socket, SIOCGIFHWADDR, &request) < 0) return false;

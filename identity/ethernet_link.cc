@@ -6,20 +6,18 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "support/handle.h"
+#include "support/string_utils.h"
 
 namespace {
 
-constexpr uint32_t kSpeeds[] = {10, 100, 1000, 2500, 10000};
+constexpr std::array<uint32_t, 5> kSpeeds = {10, 100, 1000, 2500, 10000};
 
-bool isUsual(uint32_t speed) {
-    for (const uint32_t usual : kSpeeds) {
-        if (speed == usual) return true;
-    }
-    return false;
-}
+bool isUsual(uint32_t speed) { return std::find(kSpeeds.begin(), kSpeeds.end(), speed) != kSpeeds.end(); }
 
 // Sends an ethtool command, which is answered in place.
 bool ask(int socket, ifreq *request, void *command) {
@@ -32,7 +30,7 @@ bool ask(int socket, ifreq *request, void *command) {
 int my_get_ethtool(const char *name, uint32_t *speed, uint32_t *duplex) {
     ifreq request = {};
     if (strlen(name) >= sizeof request.ifr_name) return -1;
-    strcpy(request.ifr_name, name);
+    my_copyText(request.ifr_name, name, sizeof request.ifr_name);
     const DescriptorHandle socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (socket < 0) return -1;
 

@@ -153,7 +153,7 @@ std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
 Mac parseMac(const std::string &text) {
     Mac mac{};
     int length = 0;
-    const int fields = std::sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &mac[0], &mac[1], &mac[2],
+    const int fields = std::sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", mac.data(), &mac[1], &mac[2],
                                    &mac[3], &mac[4], &mac[5], &length);
     if (fields != 6 || text.size() != 17 || length != 17) {
         throw SessionError(fmt::format("\"{}\" is not a MAC address", text));

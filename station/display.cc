@@ -23,7 +23,7 @@ public:
     void uploads(uint64_t, uint64_t) override {}
     void stepEnds(const Step &step, const StepResult &result) override {
         std::string text = oneLine(result.passed ? result.reply : result.failure);
-        if (text.size() > kLineWidth) text.replace(kLineWidth, std::string::npos, "...");
+        if (text.size() > kLineWidth) text.erase(kLineWidth).append("...");
         fmt::print("{}  {:7.2f} s  {}  ->  {}\n", verdict(result.passed), seconds(result.duration),
                    oneLine(step.title()), text);
         std::fflush(stdout);
