@@ -83,6 +83,14 @@ private:
     Mac address_{};
 };
 
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 class DatagramLink : public FrameLink {
 public:
     DatagramLink(uint16_t local, uint16_t remote) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -100,14 +108,6 @@ public:
     Mac address() const override { return kDatagramStation; }
 
 private:
-    static sockaddr_in loopback(uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-
     Socket socket_;
 };
 

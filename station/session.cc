@@ -83,9 +83,9 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
         if (!waitFor(socket_.descriptor(), POLLOUT, sendDeadline_)) {
             throw SessionError("the board does not take what is sent to it");
         }
+        const std::string_view rest = bytes.substr(done);
         // cppcheck-suppress invalidLifetime
-        const ssize_t sent =
-            send(socket_.descriptor(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent = send(socket_.descriptor(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (sent < 0) throw SessionError(describe("sending failed"));
         done += static_cast<uint64_t>(sent);
