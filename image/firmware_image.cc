@@ -1,9 +1,6 @@
 #include "image/firmware_image.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,6 +12,7 @@
 #include <string_view>
 
 #include "image/md5.h"
+#include "image/new_file.h"
 
 namespace fwimage {
 namespace {
@@ -29,48 +27,6 @@ constexpr size_t kTrailerSize = kDigestLength + 1;
 constexpr uint64_t kLongestImage = std::numeric_limits<int32_t>::max();
 
 std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
-
-// A new file that replaces `path` when it is kept; until then, and without that, nothing is there.
-class NewFile {
-public:
-    explicit NewFile(const fs::path &path) : path_(path), temporary_(path.string() + ".XXXXXX") {
-        descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
-        if (descriptor_ < 0) throw ImageError(describe("cannot write " + path.string()));
-    }
-    ~NewFile() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-            unlink(temporary_.c_str());
-        }
-    }
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
-
-    void write(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const ssize_t written = ::write(descriptor_, bytes.data(), bytes.size());
-            if (written < 0 && errno == EINTR) continue;
-            if (written < 0) throw ImageError(describe("cannot write " + path_.string()));
-            bytes.remove_prefix(static_cast<size_t>(written));
-        }
-    }
-
-    void keep() {
-        const mode_t mask = umask(0);
-        umask(mask);
-        if (fchmod(descriptor_, 0666 & ~mask) != 0 || fsync(descriptor_) != 0 ||
-            rename(temporary_.c_str(), path_.c_str()) != 0) {
-            throw ImageError(describe("cannot write " + path_.string()));
-        }
-        close(descriptor_);
-        descriptor_ = -1;
-    }
-
-private:
-    fs::path path_;
-    std::string temporary_;
-    int descriptor_;
-};
 
 bool isGraphic(char c) { return c > ' ' && c < 0x7F; }
 

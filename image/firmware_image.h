@@ -29,7 +29,7 @@ struct Source {
 };
 
 // Writes an image. Everything is checked before anything is written, and the file appears whole or not at all.
-// Throws ImageError.
+// Throws ImageError, or std::runtime_error when it cannot be written.
 void create(const std::filesystem::path &path, const Product &product, const std::vector<Source> &sources);
 
 struct Section {

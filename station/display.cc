@@ -1,88 +1,188 @@
 #include "station/display.h"
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <mutex>
 
 namespace station {
 namespace {
 
 constexpr Milliseconds kRefresh{100};
 constexpr uint64_t kBarWidth = 30;
-constexpr size_t kLineWidth = 160;  // of a reply or failure
+constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
-// A line for each step when it has ended.
+// In front of a line where there are several boards.
+std::string prefix(int board, int boards) { return boards > 1 ? fmt::format("board {:>2}  ", board) : ""; }
+
+// A line when a board connects, for each step that has ended, and for each board.
 class PlainDisplay : public Observer {
 public:
-    void stepStarts(const Step &) override {}
-    void uploads(uint64_t, uint64_t) override {}
-    void stepEnds(const Step &step, const StepResult &result) override {
-        std::string text = oneLine(result.passed ? result.reply : result.failure);
-        if (text.size() > kLineWidth) text.erase(kLineWidth).append("...");
-        fmt::print("{}  {:7.2f} s  {}  ->  {}\n", verdict(result.passed), seconds(result.duration),
-                   oneLine(step.title()), text);
-        std::fflush(stdout);
+    explicit PlainDisplay(int boards) : boards_(boards) {}
+
+    void boardConnects(int board, const std::string &peer) override {
+        if (boards_ > 1) print(board, "connected from " + peer);
     }
-
-protected:
-    virtual std::string verdict(bool passed) const { return passed ? "ok    " : "FAILED"; }
-};
-
-// The same, and one line below that shows the step under way.
-class TerminalDisplay : public PlainDisplay {
-public:
-    explicit TerminalDisplay(bool coloured) : coloured_(coloured) {}
-
-    void stepStarts(const Step &step) override {
-        title_ = oneLine(step.title());
-        start_ = Clock::now();
-        show("");
+    void stepStarts(int, const Step &) override {}
+    void uploads(int, uint64_t, uint64_t) override {}
+    void stepEnds(int board, const Step &step, const StepResult &result) override {
+        print(board, describeStep(step, result));
     }
-
-    void uploads(uint64_t sent, uint64_t total) override {
-        if (sent < total && Clock::now() - shown_ < kRefresh) return;
-        const double elapsed = std::max(seconds(Clock::now() - start_), 0.001);
-        const double rate = double(sent) / elapsed;
-        const uint64_t filled = total > 0 ? sent * kBarWidth / total : kBarWidth;
-        show(fmt::format("[{:#<{}}{: <{}}] {:3} %  {:.1f} MB/s  {:.0f} s left", "", filled, "", kBarWidth - filled,
-                         total > 0 ? sent * 100 / total : 100, rate / 1e6, double(total - sent) / rate));
-    }
-
-    void stepEnds(const Step &step, const StepResult &result) override {
-        fmt::print("\r\033[K");
-        PlainDisplay::stepEnds(step, result);
-    }
-
-protected:
-    std::string verdict(bool passed) const override {
-        if (!coloured_) return PlainDisplay::verdict(passed);
-        return fmt::format("\033[{}m{}\033[0m", passed ? "32" : "1;31", PlainDisplay::verdict(passed));
+    void boardEnds(const BoardResult &result) override {
+        if (boards_ == 1 && !result.peer.empty()) return;
+        if (result.peer.empty()) {
+            print(result.board, "never connected");
+        } else {
+            print(result.board, fmt::format("{} steps, {} failed", result.steps.size(), result.failures()));
+        }
     }
 
 private:
-    void show(const std::string &progress) {
-        fmt::print("\r\033[K...     {}  {}", title_, progress);
+    void print(int board, const std::string &text) {
+        const std::lock_guard lock(mutex_);
+        fmt::print("{}{}\n", prefix(board, boards_), text);
         std::fflush(stdout);
-        shown_ = Clock::now();
     }
 
-    bool coloured_;
-    std::string title_;
-    Clock::time_point start_;
-    Clock::time_point shown_;
+    int boards_;
+    std::mutex mutex_;
+};
+
+// A live line for each board, at the bottom of the terminal. Above them, for good, go the steps of a single board, and
+// of several those that failed.
+class TerminalDisplay : public Observer {
+public:
+    TerminalDisplay(const Plan &plan, int boards, bool coloured)
+        : steps_(plan.steps.size()), boards_(boards), coloured_(coloured) {
+        for (int board = 1; board <= boards; ++board) lines_[board].state = "waiting";
+        const std::lock_guard lock(mutex_);
+        draw();
+    }
+
+    void boardConnects(int board, const std::string &) override {
+        change(board, [](Line &) {});
+    }
+
+    void stepStarts(int board, const Step &step) override {
+        change(board, [&](Line &line) {
+            ++line.step;
+            line.start = Clock::now();
+            line.title = oneLine(step.title());
+            line.state = fmt::format("{:>2}/{}  {}", line.step, steps_, line.title);
+        });
+    }
+
+    void uploads(int board, uint64_t sent, uint64_t total) override {
+        const std::lock_guard lock(mutex_);
+        Line &line = lines_[board];
+        line.state = fmt::format("{:>2}/{}  {}  {}", line.step, steps_, line.title, progress(line, sent, total));
+        if (sent == total || Clock::now() - drawn_ > kRefresh) draw();
+    }
+
+    void stepEnds(int board, const Step &step, const StepResult &result) override {
+        const std::lock_guard lock(mutex_);
+        if (boards_ > 1 && result.passed) return;
+        erase();
+        fmt::print("{}{}\n", prefix(board, boards_), colour(describeStep(step, result), result.passed));
+        draw();
+    }
+
+    void boardEnds(const BoardResult &result) override {
+        change(result.board, [&](Line &line) {
+            const double time = std::chrono::duration<double>(result.end - result.start).count();
+            if (result.peer.empty()) {
+                line.state = colour("FAILED  never connected", false);
+            } else if (result.passed()) {
+                line.state = colour(fmt::format("ok      {} steps in {:.1f} s", steps_, time), true);
+            } else {
+                line.state =
+                    colour(fmt::format("FAILED  {} of {} steps in {:.1f} s", result.failures(), steps_, time), false);
+            }
+        });
+    }
+
+private:
+    struct Line {
+        size_t step = 0;
+        std::string title;
+        std::string state;
+        Clock::time_point start;
+    };
+
+    template <typename Change>
+    void change(int board, const Change &apply) {
+        const std::lock_guard lock(mutex_);
+        apply(lines_[board]);
+        draw();
+    }
+
+    static std::string progress(const Line &line, uint64_t sent, uint64_t total) {
+        const double rate = double(sent) / std::max(seconds(Clock::now() - line.start), 0.001);
+        const uint64_t filled = total > 0 ? sent * kBarWidth / total : kBarWidth;
+        return fmt::format("[{:#<{}}{: <{}}] {:3} %  {:.1f} MB/s  {:.0f} s left", "", filled, "", kBarWidth - filled,
+                           total > 0 ? sent * 100 / total : 100, rate / 1e6, double(total - sent) / rate);
+    }
+
+    // The verdict at the start of the text, green or red.
+    std::string colour(const std::string &text, bool passed) const {
+        if (!coloured_) return text;
+        const size_t end = text.find(' ');
+        return fmt::format("\033[{}m{}\033[0m{}", passed ? "32" : "1;31", text.substr(0, end), text.substr(end));
+    }
+
+    void erase() {
+        if (height_ > 0) fmt::print("\033[{}A\r\033[J", height_);
+        height_ = 0;
+    }
+
+    void draw() {
+        erase();
+        const size_t width = terminalWidth();
+        for (const auto &[board, line] : lines_) {
+            std::string text = prefix(board, boards_) + line.state;
+            // A line that wrapped could not be erased. Colours take no room, and stand only in short lines.
+            if (text.size() > width && text.find('\033') == std::string::npos) text.resize(width);
+            fmt::print("{}\n", text);
+            ++height_;
+        }
+        std::fflush(stdout);
+        drawn_ = Clock::now();
+    }
+
+    static size_t terminalWidth() {
+        winsize size{};
+        return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col - 1 : 79;
+    }
+
+    const size_t steps_;
+    const int boards_;
+    const bool coloured_;
+    std::mutex mutex_;
+    std::map<int, Line> lines_;
+    int height_ = 0;  // lines drawn
+    Clock::time_point drawn_;
 };
 
 }  // namespace
 
-std::unique_ptr<Observer> makeDisplay() {
-    if (isatty(STDOUT_FILENO) == 0) return std::make_unique<PlainDisplay>();
+std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards) {
+    if (isatty(STDOUT_FILENO) == 0) return std::make_unique<PlainDisplay>(boards);
     const char *const noColour = std::getenv("NO_COLOR");
-    return std::make_unique<TerminalDisplay>(noColour == nullptr || *noColour == '\0');
+    return std::make_unique<TerminalDisplay>(plan, boards, noColour == nullptr || *noColour == '\0');
+}
+
+std::string describeStep(const Step &step, const StepResult &result) {
+    std::string text = oneLine(result.passed ? result.reply : result.failure);
+    if (text.size() > kReplyWidth) text.erase(kReplyWidth).append("...");
+    return fmt::format("{}  {:7.2f} s  {}  ->  {}", result.passed ? "ok    " : "FAILED", seconds(result.duration),
+                       oneLine(step.title()), text);
 }
 
 std::string oneLine(const std::string &text) {
@@ -93,7 +193,7 @@ std::string oneLine(const std::string &text) {
         } else if (c == '\033') {
             result += "\\e";
         } else {
-            result += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+            result += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? '?' : c;
         }
     }
     return result;

@@ -1,5 +1,6 @@
 #pragma once
-// What the line engineer sees of a run: on a terminal with colours and the progress of an upload, else plain lines.
+// What the line engineer sees of a run: on a terminal a live line for each board, with step and progress, green or red
+// at the end; elsewhere a plain line for each step.
 
 #include <memory>
 
@@ -7,8 +8,11 @@
 
 namespace station {
 
-// Writes to standard output. Colours and progress need a terminal; NO_COLOR (https://no-color.org) takes the colours.
-std::unique_ptr<Observer> makeDisplay();
+// Writes to standard output. NO_COLOR (https://no-color.org) takes the colours.
+std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards);
+
+// A step's line: verdict, time, title, and the reply or what is wrong.
+std::string describeStep(const Step &step, const StepResult &result);
 
 // A text in one line: line ends and control characters become visible.
 std::string oneLine(const std::string &text);

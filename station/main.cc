@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "station/discovery.h"
 #include "station/display.h"
 #include "station/plan.h"
+#include "station/results.h"
 #include "station/run.h"
 #include "station/session.h"
 
@@ -20,44 +22,67 @@ struct Options {
     std::string files;  // where the plan's files are; empty: beside it
     std::string address = station::kDefaultAddress;
     uint16_t port = station::kDefaultPort;
-    double wait = 60;  // seconds for a board to answer, and to connect
-    std::string link;  // where a board is discovered first; empty: not at all
+    std::vector<std::string> interfaces;
+    int boards = 1;
+    std::string results;  // folder; empty: none
+    double wait = 60;     // seconds for a board to answer, and for all to connect
+    std::string link;     // where a board is discovered first; empty: not at all
     std::string board = "FF:FF:FF:FF:FF:FF";
     size_t size = 60;
 
     station::Milliseconds limit() const { return station::Milliseconds(static_cast<int64_t>(wait * 1000)); }
 };
 
-void discover(const Options &options) {
+int discover(const Options &options) {
     const auto link = station::openLink(options.link);
     const station::Mac board =
         station::discover(*link, station::parseMac(options.board), options.size, options.limit());
     fmt::print("board {} answered three times\n", station::formatMac(board));
     std::fflush(stdout);
+    return 0;
 }
 
 // What the plan wants to be seen as the board sent it, colours and all.
-void showReplies(const station::Plan &plan, const std::vector<station::StepResult> &results) {
-    for (size_t i = 0; i < results.size(); ++i) {
-        if (plan.steps[i].show) fmt::print("\n{}\n", results[i].reply);
+void showReplies(const station::Plan &plan, const station::BoardResult &result) {
+    for (size_t i = 0; i < plan.steps.size(); ++i) {
+        if (plan.steps[i].show) fmt::print("\n{}\n", result.steps[i].reply);
     }
 }
 
 int run(const Options &options) {
     const station::Plan plan = station::loadPlan(options.plan, options.files);
+    if (!options.results.empty()) station::prepareResults(options.results);
     if (!options.link.empty()) discover(options);
-    station::Listener listener(options.address, options.port);
-    fmt::print("plan {}: {} steps, waiting for a board on {}:{}\n", plan.name, plan.steps.size(), options.address,
+    station::Listener listener(options.address, options.port, options.interfaces);
+    fmt::print("plan {}: {} steps, waiting for {} on {}:{}\n", plan.name, plan.steps.size(),
+               options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address,
                listener.port());
     std::fflush(stdout);
-    station::Session session = listener.accept(options.limit());
-    const auto display = station::makeDisplay();
-    const std::vector<station::StepResult> results = station::runPlan(session, plan, *display);
-    showReplies(plan, results);
-    const auto failed =
-        std::count_if(results.begin(), results.end(), [](const auto &result) { return !result.passed; });
-    fmt::print("plan {}: {} steps, {} failed\n", plan.name, results.size(), failed);
+
+    const auto start = station::WallClock::now();
+    const auto display = station::makeDisplay(plan, options.boards);
+    const std::vector<station::BoardResult> results =
+        station::runBoards(listener, plan, options.boards, options.limit(), *display);
+    if (!options.results.empty()) station::writeResults(options.results, plan, start, results);
+    for (const station::BoardResult &result : results) showReplies(plan, result);
+    const auto failed = std::count_if(results.begin(), results.end(), [](const auto &r) { return !r.passed(); });
+    if (options.boards == 1) {
+        fmt::print("plan {}: {} steps, {} failed\n", plan.name, plan.steps.size(), results.front().failures());
+    } else {
+        fmt::print("plan {}: {} boards, {} failed\n", plan.name, options.boards, failed);
+    }
     return failed == 0 ? 0 : 1;
+}
+
+int check(const Options &options) {
+    const station::Plan plan = station::loadPlan(options.plan, options.files);
+    fmt::print("plan {}: {} steps, no faults\n", plan.name, plan.steps.size());
+    return 0;
+}
+
+void addPlan(CLI::App *command, Options &options) {
+    command->add_option("plan", options.plan, "The plan, a YAML list of steps")->required();
+    command->add_option("--files", options.files, "Folder of the plan's files, instead of its own");
 }
 
 void addDiscovery(CLI::App *command, Options &options) {
@@ -65,32 +90,45 @@ void addDiscovery(CLI::App *command, Options &options) {
     command->add_option("--size", options.size, "Bytes of the discovery frame")
         ->check(CLI::Range(station::kShortestRequest, station::kLongestRequest))
         ->capture_default_str();
-    command->add_option("--wait", options.wait, "Seconds to wait for the board")
+    command->add_option("--wait", options.wait, "Seconds to wait for the boards")
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
+}
+
+CLI::App *addRun(CLI::App &app, Options &options) {
+    CLI::App *const command = app.add_subcommand("run", "Run a plan on the next boards that connect");
+    addPlan(command, options);
+    command->add_option("--boards", options.boards, "Number of boards, each with its own session and result")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    command->add_option("--results", options.results, "Folder for a JSON file and a log a board, and a JUnit XML file");
+    command->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
+    command->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
+    command->add_option("--interface", options.interfaces,
+                        "Listen on this interface alone; give it several times for boards that are cabled one each");
+    command->add_option("--discover", options.link, "Discover a board first, on this interface or udp:LOCAL:REMOTE");
+    addDiscovery(command, options);
+    return command;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) try {
-    CLI::App app("The test station of the factory line: accepts a board and runs a plan on it.", "qcstation");
+    CLI::App app("The test station of the factory line: accepts boards and runs a plan on each.", "qcstation");
     app.require_subcommand(1);
     Options options;
-    CLI::App *const runCommand = app.add_subcommand("run", "Run a plan on the next board that connects");
-    runCommand->add_option("plan", options.plan, "The plan, a YAML list of steps")->required();
-    runCommand->add_option("--files", options.files, "Folder of the plan's files, instead of its own");
-    runCommand->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
-    runCommand->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
-    runCommand->add_option("--discover", options.link,
-                           "Discover the board first, on this interface or udp:LOCAL:REMOTE");
-    addDiscovery(runCommand, options);
+    CLI::App *const runCommand = addRun(app, options);
     CLI::App *const discoverCommand = app.add_subcommand("discover", "Discover a board that waits in the mode qconly");
     discoverCommand->add_option("link", options.link, "A network interface, or udp:LOCAL:REMOTE")->required();
     addDiscovery(discoverCommand, options);
+    CLI::App *const checkCommand = app.add_subcommand("check", "Find every fault of a plan, without a board");
+    addPlan(checkCommand, options);
     CLI11_PARSE(app, argc, argv);
     if (runCommand->parsed()) return run(options);
-    discover(options);
-    return 0;
+    return checkCommand->parsed() ? check(options) : discover(options);
+} catch (const station::PlanError &error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
 } catch (const std::exception &error) {
     std::fprintf(stderr, "qcstation: %s\n", error.what());
     return 1;

@@ -4,7 +4,6 @@
 #include <yaml-cpp/yaml.h>
 
 #include <cmath>
-#include <ios>
 #include <map>
 #include <set>
 #include <string_view>
@@ -151,22 +150,39 @@ std::string completeStep(Step &step) {
     return fmt::format("a command has at most {} bytes", kFrame);
 }
 
-Step readStep(const YAML::Node &node, const fs::path &folder) {
-    const KindOfStep &kind = kindOf(node);
-    Step step;
-    step.kind = kind.kind;
-    std::set<std::string> seen;
-    for (const auto &entry : node) {
-        const std::string key = Place{entry.first, {}}.text();
-        const auto reader = kind.keys.find(key);
-        if (reader == kind.keys.end()) {
-            throw Fault{entry.first.Mark(), fmt::format("unknown key \"{}\" in a \"{}\" step", key, kind.word)};
-        }
-        if (!seen.insert(key).second) throw Fault{entry.first.Mark(), fmt::format("\"{}\" stands twice", key)};
-        reader->second(step, {entry.second, folder});
+// Reads one key of a step.
+void readKey(Step &step, const KindOfStep &kind, const YAML::Node &name, const YAML::Node &value,
+             const fs::path &folder, std::set<std::string> &seen) {
+    const std::string key = Place{name, {}}.text();
+    const auto reader = kind.keys.find(key);
+    if (reader == kind.keys.end()) {
+        throw Fault{name.Mark(), fmt::format("unknown key \"{}\" in a \"{}\" step", key, kind.word)};
     }
-    const std::string fault = completeStep(step);
-    if (!fault.empty()) throw Fault{node.Mark(), fault};
+    if (!seen.insert(key).second) throw Fault{name.Mark(), fmt::format("\"{}\" stands twice", key)};
+    reader->second(step, {value, folder});
+}
+
+// Adds what is wrong with the step to `faults`.
+Step readStep(const YAML::Node &node, const fs::path &folder, std::vector<Fault> &faults) {
+    Step step;
+    const size_t before = faults.size();
+    try {
+        const KindOfStep &kind = kindOf(node);
+        step.kind = kind.kind;
+        std::set<std::string> seen;
+        for (const auto &entry : node) {
+            try {
+                readKey(step, kind, entry.first, entry.second, folder, seen);
+            } catch (Fault &fault) {
+                faults.push_back(std::move(fault));
+            }
+        }
+    } catch (Fault &fault) {
+        faults.push_back(std::move(fault));
+    }
+    // A step with a wrong key would only be found incomplete for that.
+    const std::string fault = faults.size() == before ? completeStep(step) : "";
+    if (!fault.empty()) faults.push_back({node.Mark(), fault});
     return step;
 }
 
@@ -194,26 +210,31 @@ std::string Step::title() const {
 }
 
 Plan loadPlan(const fs::path &path, const fs::path &files) {
-    const auto place = [&](const YAML::Mark &mark) {
-        return mark.is_null() ? path.string() : fmt::format("{}:{}:{}", path.string(), mark.line + 1, mark.column + 1);
-    };
+    std::vector<Fault> faults;
+    Plan plan{path.stem().string(), {}};
     try {
         const YAML::Node list = YAML::LoadFile(path.string());
         if (!list.IsSequence() || list.size() == 0) throw Fault{list.Mark(), "a plan is a list of steps"};
-        Plan plan{path.stem().string(), {}};
         for (const YAML::Node &node : list) {
-            plan.steps.push_back(readStep(node, files.empty() ? path.parent_path() : files));
+            plan.steps.push_back(readStep(node, files.empty() ? path.parent_path() : files, faults));
         }
-        return plan;
-    } catch (const Fault &fault) {
-        throw PlanError(fmt::format("{}: {}", place(fault.mark), fault.text));
-    } catch (const YAML::BadFile &) {
-        throw PlanError(fmt::format("{}: cannot be read", path.string()));
-    } catch (const std::ios_base::failure &) {
-        throw PlanError(fmt::format("{}: cannot be read", path.string()));
-    } catch (const YAML::Exception &error) {
-        throw PlanError(fmt::format("{}: {}", place(error.mark), error.msg));
+    } catch (Fault &fault) {
+        faults.push_back(std::move(fault));
+    } catch (const YAML::ParserException &error) {
+        faults.push_back({error.mark, error.msg});
+    } catch (const std::exception &) {
+        faults.push_back({YAML::Mark::null_mark(), "cannot be read"});
     }
+    if (faults.empty()) return plan;
+
+    std::string text;
+    for (const Fault &fault : faults) {
+        text += text.empty() ? "" : "\n";
+        text += fault.mark.is_null() ? fmt::format("{}: {}", path.string(), fault.text)
+                                     : fmt::format("{}:{}:{}: {}", path.string(), fault.mark.line + 1,
+                                                   fault.mark.column + 1, fault.text);
+    }
+    throw PlanError(text);
 }
 
 }  // namespace station

@@ -63,13 +63,13 @@ struct Plan {
     std::vector<Step> steps;
 };
 
-// A fault of a plan, with file, line and column.
+// The faults of a plan, a line each: FILE:LINE:COLUMN: what is wrong.
 struct PlanError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 // Reads a plan and makes sure that it can be run: the keys, the expressions, that the files are there. Files are
-// looked for in `files`, or beside the plan when that is empty. Throws PlanError for the first fault.
+// looked for in `files`, or beside the plan when that is empty. Throws PlanError with every fault.
 Plan loadPlan(const std::filesystem::path &path, const std::filesystem::path &files = {});
 
 }  // namespace station

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "image/md5.h"
 #include "station/script.h"
@@ -102,18 +103,47 @@ StepResult runStep(Session &session, const Step &step, bool &connected, const Pr
     return result;
 }
 
-std::vector<StepResult> runPlan(Session &session, const Plan &plan, Observer &observer) {
-    std::vector<StepResult> results;
+size_t BoardResult::failures() const {
+    return static_cast<size_t>(
+        std::count_if(steps.begin(), steps.end(), [](const auto &step) { return !step.passed; }));
+}
+
+BoardResult runPlan(Session &session, const Plan &plan, int board, Observer &observer) {
+    BoardResult result{board, session.peer(), WallClock::now(), {}, {}};
+    observer.boardConnects(board, result.peer);
     bool connected = true;
     for (const Step &step : plan.steps) {
-        observer.stepStarts(step);
-        StepResult result;
-        result.failure = "not run: the session had ended";
-        const Progress progress = [&](uint64_t sent, uint64_t total) { observer.uploads(sent, total); };
-        if (connected) result = runStep(session, step, connected, progress);
-        observer.stepEnds(step, result);
-        results.push_back(std::move(result));
+        observer.stepStarts(board, step);
+        StepResult &last = result.steps.emplace_back();
+        last.failure = "not run: the session had ended";
+        const Progress progress = [&](uint64_t sent, uint64_t total) { observer.uploads(board, sent, total); };
+        if (connected) last = runStep(session, step, connected, progress);
+        observer.stepEnds(board, step, last);
     }
+    result.end = WallClock::now();
+    observer.boardEnds(result);
+    return result;
+}
+
+std::vector<BoardResult> runBoards(Listener &listener, const Plan &plan, int boards, Milliseconds wait,
+                                   Observer &observer) {
+    const auto deadline = Clock::now() + wait;
+    std::vector<BoardResult> results(static_cast<size_t>(boards));
+    std::vector<std::thread> threads;
+    for (int board = 1; board <= boards; ++board) {
+        BoardResult &result = results[static_cast<size_t>(board) - 1];
+        try {
+            const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
+            threads.emplace_back([&result, &plan, &observer, board, session = listener.accept(left)]() mutable {
+                result = runPlan(session, plan, board, observer);
+            });
+        } catch (const SessionError &error) {
+            result = {board, "", WallClock::now(), WallClock::now(), {}};
+            result.steps.assign(plan.steps.size(), {false, "", error.what(), Milliseconds(0)});
+            observer.boardEnds(result);
+        }
+    }
+    for (std::thread &thread : threads) thread.join();
     return results;
 }
 

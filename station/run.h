@@ -1,5 +1,5 @@
 #pragma once
-// Running a plan against one board.
+// Running a plan against one board, or against any number at once.
 
 #include <chrono>
 #include <string>
@@ -17,19 +17,38 @@ struct StepResult {
     Milliseconds duration{0};
 };
 
-// Is told how a run goes on, in its thread.
+using WallClock = std::chrono::system_clock;
+
+struct BoardResult {
+    int board = 1;     // numbered from 1, in the order in which they connected
+    std::string peer;  // empty: it never connected
+    WallClock::time_point start, end;
+    std::vector<StepResult> steps;  // one for each step of the plan
+
+    size_t failures() const;
+    bool passed() const { return failures() == 0; }
+};
+
+// Is told how a run goes on; with several boards, by several threads at once.
 class Observer {
 public:
     virtual ~Observer() = default;
-    virtual void stepStarts(const Step &step) = 0;
-    virtual void uploads(uint64_t sent, uint64_t total) = 0;
-    virtual void stepEnds(const Step &step, const StepResult &result) = 0;
+    virtual void boardConnects(int board, const std::string &peer) = 0;
+    virtual void stepStarts(int board, const Step &step) = 0;
+    virtual void uploads(int board, uint64_t sent, uint64_t total) = 0;
+    virtual void stepEnds(int board, const Step &step, const StepResult &result) = 0;
+    virtual void boardEnds(const BoardResult &result) = 0;
 };
 
 // Runs one step. `connected` turns false when the session cannot go on.
 StepResult runStep(Session &session, const Step &step, bool &connected, const Progress &progress = {});
 
 // Runs every step; those behind the end of the session fail without being run.
-std::vector<StepResult> runPlan(Session &session, const Plan &plan, Observer &observer);
+BoardResult runPlan(Session &session, const Plan &plan, int board, Observer &observer);
+
+// Runs the plan on the next `boards` boards that connect within `wait`, each in a thread of its own. The result has one
+// entry a board, those that never connected included: what one board does spoils no other's.
+std::vector<BoardResult> runBoards(Listener &listener, const Plan &plan, int boards, Milliseconds wait,
+                                   Observer &observer);
 
 }  // namespace station

@@ -49,7 +49,9 @@ Milliseconds until(Clock::time_point deadline) {
 
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const Progress &progress) {
-    Listener results(session.localAddress(), 0);
+    const std::string interface = session.interface();
+    Listener results(session.localAddress(), 0,
+                     interface.empty() ? std::vector<std::string>{} : std::vector{interface});
     const std::string payload = wrap(script, results.port());
     const std::string command = fmt::format("SHELL {}", payload.size());
     session.sendCommand(command);

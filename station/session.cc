@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -55,6 +56,11 @@ sockaddr_in addressOf(const std::string &address, uint16_t port) {
         throw SessionError(fmt::format("{} is not an IPv4 address", address));
     }
     return result;
+}
+
+std::string textOf(const sockaddr_in &address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    return inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
 }
 
 }  // namespace
@@ -168,8 +174,7 @@ std::string Session::localAddress() const {
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
     getsockname(socket_.descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
-    std::array<char, INET_ADDRSTRLEN> text{};
-    return inet_ntop(AF_INET, &bound.sin_addr, text.data(), text.size());
+    return textOf(bound);
 }
 
 void Session::reset() {
@@ -178,27 +183,59 @@ void Session::reset() {
     socket_ = Socket(-1);
 }
 
-Listener::Listener(const std::string &address, uint16_t port)
-    : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+std::string Session::peer() const {
+    sockaddr_in board{};
+    socklen_t length = sizeof board;
+    getpeername(socket_.descriptor(), reinterpret_cast<sockaddr *>(&board), &length);
+    const std::string bound = interface();
+    return fmt::format("{}:{}{}{}", textOf(board), ntohs(board.sin_port), bound.empty() ? "" : "%", bound);
+}
+
+std::string Session::interface() const {
+    std::array<char, IFNAMSIZ> name{};
+    socklen_t length = name.size();
+    getsockopt(socket_.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
+    return name.data();
+}
+
+Listener::Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces) {
     const sockaddr_in bound = addressOf(address, port);
-    const int on = 1;
-    setsockopt(socket_.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
-        listen(socket_.descriptor(), SOMAXCONN) != 0) {
-        throw SessionError(describe(fmt::format("cannot listen on {}:{}", address, port)));
+    for (const std::string &interface : interfaces.empty() ? std::vector<std::string>{""} : interfaces) {
+        Socket &socket = sockets_.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const int on = 1;
+        setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        const auto length = static_cast<socklen_t>(interface.size());
+        if ((length > 0 &&
+             setsockopt(socket.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
+            bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
+            listen(socket.descriptor(), SOMAXCONN) != 0) {
+            throw SessionError(describe(fmt::format("cannot listen on {}:{} {}", address, port, interface)));
+        }
     }
 }
 
 uint16_t Listener::port() const {
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
-    getsockname(socket_.descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
+    getsockname(sockets_.front().descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
     return ntohs(bound.sin_port);
 }
 
+std::optional<size_t> Listener::waiting(Clock::time_point deadline) const {
+    std::vector<pollfd> polled;
+    for (const Socket &socket : sockets_) polled.push_back({socket.descriptor(), POLLIN, 0});
+    while (Clock::now() < deadline) {
+        if (poll(polled.data(), polled.size(), pollLimit(deadline)) <= 0) continue;
+        const auto ready = std::find_if(polled.begin(), polled.end(), [](const pollfd &p) { return p.revents != 0; });
+        return static_cast<size_t>(ready - polled.begin());
+    }
+    return std::nullopt;
+}
+
 Session Listener::accept(Milliseconds limit) {
-    if (!waitFor(socket_.descriptor(), POLLIN, Clock::now() + limit)) throw SessionError("no board connected");
-    const int board = accept4(socket_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+    const std::optional<size_t> ready = waiting(Clock::now() + limit);
+    if (!ready) throw SessionError("no board connected");
+    const int board = accept4(sockets_[*ready].descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
     if (board < 0) throw SessionError(describe("accepting a board failed"));
     const int on = 1;
     setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -207,9 +244,9 @@ Session Listener::accept(Milliseconds limit) {
 
 bool Listener::waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const {
     while (Clock::now() < deadline) {
-        pollfd waiting[] = {{socket_.descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
-        if (poll(waiting, 2, pollLimit(deadline)) <= 0) continue;
-        return waiting[0].revents != 0 || waitFor(socket_.descriptor(), POLLIN, Clock::now() + grace);
+        pollfd polled[] = {{sockets_.front().descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
+        if (poll(polled, 2, pollLimit(deadline)) <= 0) continue;
+        return polled[0].revents != 0 || waiting(Clock::now() + grace).has_value();
     }
     return false;
 }

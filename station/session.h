@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace station {
 
@@ -69,6 +71,8 @@ public:
     void reset();
 
     std::string localAddress() const;  // this machine's, on this connection
+    std::string peer() const;          // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one
+    std::string interface() const;     // that the connection is bound to; empty for none
     int descriptor() const { return socket_.descriptor(); }
 
 private:
@@ -82,8 +86,10 @@ private:
 
 class Listener {
 public:
-    // Throws SessionError when the address cannot be listened on. Port 0 takes a free one.
-    Listener(const std::string &address, uint16_t port);
+    // Listens at the address; with `interfaces`, on each of these apart, so that boards that all have one address can
+    // be cabled to one interface each, and every interface of this machine can have the station's. Port 0 takes a free
+    // one. Throws SessionError when that cannot be had.
+    Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces = {});
 
     uint16_t port() const;
 
@@ -95,7 +101,10 @@ public:
     bool waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const;
 
 private:
-    Socket socket_;
+    // The index of a socket at which a board is waiting, before the deadline.
+    std::optional<size_t> waiting(Clock::time_point deadline) const;
+
+    std::vector<Socket> sockets_;
 };
 
 }  // namespace station

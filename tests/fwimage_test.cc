@@ -102,7 +102,7 @@ TEST_F(Image, BadArgumentsAreRefusedBeforeAnythingIsWritten) {
         }
         EXPECT_FALSE(fs::exists(path("image")));
     }
-    EXPECT_THROW(fwimage::create(path("none") / "image", kProduct, {}), ImageError);
+    EXPECT_THROW(fwimage::create(path("none") / "image", kProduct, {}), std::runtime_error);
 }
 
 TEST_F(Image, TheFirstThingWrongIsNamed) {

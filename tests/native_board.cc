@@ -31,8 +31,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char *kApplets[] = {"sh",    "cp",   "mv", "rm",    "ln",   "ls",   "cat",      "echo", "sleep",
-                                    "chmod", "ping", "ip", "mkdir", "kill", "true", "ifconfig", "tail", "logger"};
+constexpr const char *kApplets[] = {"cat",   "chmod", "cp", "echo", "ifconfig", "ip", "kill",  "ln",   "logger", "ls",
+                                    "mkdir", "mv",    "nc", "ping", "rm",       "sh", "sleep", "tail", "true"};
 
 int stationNetwork = -1;
 int boardNetwork = -1;
@@ -308,6 +308,7 @@ pid_t fork(const std::function<void()> &function) {
     if (child != 0) return child;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     function();
+    fflush(stdout);
     _exit(testing::Test::HasFailure() ? 1 : 0);
 }
 

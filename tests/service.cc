@@ -19,7 +19,9 @@ constexpr char kSettings[] = "#& 1\n"
                              "SYSTEM_MAC_ARGS = \"6 2 2 1_0 2_6 50_1002 60_5006\"\n"
                              "WIFI_DEV_DEFINE = \"3\"\n";
 
-[[noreturn]] void execute(const std::vector<std::string> &arguments) {
+}  // namespace
+
+void ServiceTest::execute(const std::vector<std::string> &arguments) {
     std::vector<char *> words = {const_cast<char *>("fabtestd")};
     for (const std::string &argument : arguments) words.push_back(const_cast<char *>(argument.c_str()));
     words.push_back(nullptr);
@@ -27,8 +29,6 @@ constexpr char kSettings[] = "#& 1\n"
     execv(FABTESTD, words.data());
     _exit(127);
 }
-
-}  // namespace
 
 void ServiceTest::SetUp() {
     NativeBoardTest::SetUp();

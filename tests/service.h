@@ -28,6 +28,9 @@ protected:
     // Runs the binary with these arguments behind its name, "fabtestd", to its end, standard error included.
     static Outcome run(const std::vector<std::string> &arguments);
 
+    // Replaces this process by the binary.
+    [[noreturn]] static void execute(const std::vector<std::string> &arguments);
+
     // Starts the service by `mode`; comes back when the process that was started has ended, as it does at once.
     void start(const std::string &mode);
     static station::Listener listenAsStation();

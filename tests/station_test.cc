@@ -190,6 +190,8 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"", "a plan is a list of steps"},
         {"- PING\n", "a step is a map of keys"},
         {"- {send: PING\n", "plan.yaml:2:1"},
+        {"- {send: PING, expct: OK}\n- {send: PING}\n", "plan.yaml:1:16: unknown key \"expct\" in a \"send\" step\n"},
+        {"- {send: PING, expct: OK}\n- {send: PING}\n", "plan.yaml:2:3: a command needs"},
         {"- {send: PING, expect: OK, expect: OK}\n", "plan.yaml:1:28: \"expect\" stands twice"},
         {"- {verify: plan.yaml}\n", "needs \"partition\""},
         {"- {verify: plan.yaml, partition: -1}\n", "not negative"},

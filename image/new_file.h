@@ -1,0 +1,28 @@
+#pragma once
+// A file that appears whole or not at all.
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace fwimage {
+
+// A new file that replaces `path` when it is kept; until then, and without that, nothing is there. Every failure throws
+// std::runtime_error.
+class NewFile {
+public:
+    explicit NewFile(const std::filesystem::path &path);
+    ~NewFile();
+    NewFile(const NewFile &) = delete;
+    NewFile &operator=(const NewFile &) = delete;
+
+    void write(std::string_view bytes);
+    void keep();
+
+private:
+    std::filesystem::path path_;
+    std::string temporary_;
+    int descriptor_;
+};
+
+}  // namespace fwimage
