@@ -92,7 +92,7 @@ TEST_F(Boards, SixteenAtOnceEachWithItsOwnResult) {
     addBoard([] { misbehave(false); });
 
     std::vector<const char *> words = {QCSTATION, "run", "/var/plan/line.yaml", "--boards",    "16",
-                                       "--wait",  "8",  "--results",           "/var/results"};
+                                       "--wait",  "8",   "--results",           "/var/results"};
     for (const std::string &line : lines_) words.insert(words.end(), {"--interface", line.c_str()});
     words.push_back(nullptr);
     int status = -1;
