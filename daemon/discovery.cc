@@ -34,7 +34,7 @@ void logMac(const char *label, const uint8_t *mac) {
     syslog(LOG_ALERT, "%s = %02x:%02x:%02x:%02x:%02x:%02x\n", label, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
 }
 
-bool readOwnMac(uint8_t *mac) {
+bool readOwnMac(uint8_t *my_mac) {
     const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
     if (socket < 0) return false;
     ifreq request = {};
@@ -42,7 +42,7 @@ bool readOwnMac(uint8_t *mac) {
     // Left open on failure, and to be inherited: intended. It holds the place of an output that programs of the board
     // are started with.
     if (ioctl(socket, SIOCGIFHWADDR, &request) < 0) return false;
-    memcpy(mac, request.ifr_hwaddr.sa_data, kMacSize);
+    memcpy(my_mac, request.ifr_hwaddr.sa_data, kMacSize);
     close(socket);
     return true;
 }
@@ -68,21 +68,21 @@ bool waitForFrame(int socket, int64_t *limit) {
 }
 
 // Turns a request into its answer, in place. False when it is none, or not for this board.
-bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *mac) {
+bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *my_mac) {
     if (length < kEtherType + sizeof kRequest || memcmp(frame + kEtherType, kRequest, sizeof kRequest) != 0)
         return false;
     logMac("dest mac", frame);
     logMac("source mac", frame + kSource);
     if (memcmp(frame, kBroadcast, kMacSize) != 0) {
-        if (memcmp(frame, mac, kMacSize) != 0) return false;
+        if (memcmp(frame, my_mac, kMacSize) != 0) return false;
         memcpy(frame, frame + kSource, kMacSize);
     }
-    memcpy(frame + kSource, mac, kMacSize);
+    memcpy(frame + kSource, my_mac, kMacSize);
     memcpy(frame + kEtherType, kAnswer, sizeof kAnswer);
     return true;
 }
 
-void serveOneRequest(int socket, const uint8_t *mac) {
+void serveOneRequest(int socket, const uint8_t *my_mac) {
     int64_t limit = int64_t{kWaitSeconds} * 1000000;
     uint8_t frame[kFrameSize];
     for (;;) {
@@ -90,7 +90,7 @@ void serveOneRequest(int socket, const uint8_t *mac) {
         sockaddr peer = {};
         socklen_t peerSize = sizeof peer;
         const ssize_t length = recvfrom(socket, frame, sizeof frame, 0, &peer, &peerSize);
-        if (length <= 0 || !answerInPlace(frame, static_cast<size_t>(length), mac)) continue;
+        if (length <= 0 || !answerInPlace(frame, static_cast<size_t>(length), my_mac)) continue;
         // The kernel tells the full size of an address that it has cut.
         for (int i = 0; i < kAnswers; ++i) sendto(socket, frame, static_cast<size_t>(length), 0, &peer, sizeof peer);
         return;
@@ -100,9 +100,9 @@ void serveOneRequest(int socket, const uint8_t *mac) {
 }  // namespace
 
 void run_fabtestd() {
-    uint8_t mac[kMacSize];
-    if (!readOwnMac(mac)) return;
-    logMac("my_mac", mac);
+    uint8_t my_mac[kMacSize];
+    if (!readOwnMac(my_mac)) return;
+    logMac("my_mac", my_mac);
     syslog(LOG_ALERT, "wait 0x55aa\n");
     {
         const DescriptorHandle socket(::socket(AF_PACKET, SOCK_PACKET | SOCK_CLOEXEC, htons(kAllEtherTypes)));
@@ -111,7 +111,7 @@ void run_fabtestd() {
             [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
             return;
         }
-        serveOneRequest(socket, mac);
+        serveOneRequest(socket, my_mac);
     }
     syslog(LOG_ALERT, "run_fabtestd = %d\n", 1);
 }

@@ -51,6 +51,7 @@ struct PortEntry {
 struct Ports {
     uint32_t status;
     uint32_t expected;
+    unsigned entries;
     bool pass() const { return status == expected; }
 };
 
@@ -69,7 +70,7 @@ void loadProduct() {
     cutProductFields(systemProduct);
 }
 
-// The radio, if any, whose interface a line of /proc/net/dev is about. A key that is missing or empty names none.
+// The radio, if any, whose interface a line of /proc/net/dev is about. A missing key matches no line, and an empty value every one.
 unsigned radioOf(const char *line) {
     constexpr struct {
         const char *key;
@@ -78,7 +79,7 @@ unsigned radioOf(const char *line) {
         {"WIFI_24G_DEVICE", k24G}, {"WIFI_24G_DEV", k24G}, {"WIFI_5G_DEVICE", k5G}, {"WIFI_5G_DEV", k5G}};
     for (const auto &interface : kInterfaces) {
         const char *const name = RETURN_DEF_STR(interface.key);
-        if (name != nullptr && name[0] != '\0' && strstr(line, name) != nullptr) return interface.radio;
+        if (name != nullptr && strstr(line, name) != nullptr) return interface.radio;
     }
     return 0;
 }
@@ -169,14 +170,15 @@ Ports examinePorts() {
                               (link.duplex == 1 ? kFullDuplex : 0) | kExamined;
         ports.status |= bits << shiftOf(i);
         ports.expected |= kEntryMask << shiftOf(i);
+        ports.entries = i + 1;
     }
 }
 
-int readMemory() {
+// In kB. False, and 0, when the kernel does not tell.
+bool readMemory(int *total) {
+    *total = 0;
     const FileHandle file(fopen("/proc/meminfo", "re"));
-    int total = 0;
-    if (file == nullptr || fscanf(file, "%*s %d", &total) != 1) return 0;
-    return total;
+    return file != nullptr && fscanf(file, "%*s %d", total) == 1;
 }
 
 Facts collect() {
@@ -185,8 +187,7 @@ Facts collect() {
     facts.radios = findRadios();
     facts.ports = examinePorts();
     const int minimum = RETURN_DEF_INT("SYSTEM_MEMORY_MINIMUM");
-    facts.memory = readMemory();
-    facts.memoryPasses = minimum < facts.memory;
+    facts.memoryPasses = readMemory(&facts.memory) && minimum < facts.memory;
     return facts;
 }
 
@@ -242,7 +243,8 @@ char *writePorts(char *text, const Ports &ports) {
     if (ports.pass()) return text;
     text = my_string(text, "\n%s %s | %s | %s | %s %s\n", kColour, "PortNum", "Link", "Speed", "Duplex", kReset);
     for (int i = 1; i <= wireTotal; ++i) {
-        const unsigned bits = ports.status >> shiftOf(static_cast<unsigned>(i) - 1);
+        const unsigned entry = static_cast<unsigned>(i) - 1;
+        const unsigned bits = entry < ports.entries ? ports.status >> shiftOf(entry) : 0;
         const auto verdict = [bits](unsigned bit) { return (bits & bit) != 0 ? kPassed : kFailed; };
         text = my_string(text, "%s    %d    |   %s  |   %s   |    %s   %s\n", kColour, i, verdict(kLinkUp),
                          verdict(kGigabit), verdict(kFullDuplex), kReset);
@@ -262,6 +264,8 @@ void getInfo(char *buffer, int pingFlag) {
     text = writeRadios(text, facts);
     text = writePorts(text, facts.ports);
     text = my_string(text, "%s%s%s\n", kColour, kRule, kReset);
-    if (buffer != nullptr) my_copyText(buffer, text != nullptr ? text : "", kReportSize);
+    // Memory that ran out on the way took the beginning along: no report then, rather than one without its verdicts.
+    const bool whole = text != nullptr && strncmp(text, "INFO ", 5) == 0;
+    if (buffer != nullptr) my_copyText(buffer, whole ? text : "", kReportSize);
     free(text);
 }

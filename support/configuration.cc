@@ -57,23 +57,25 @@ size_t recordCount() {
 // the segment is what the board's other programs know; being a private one it wakes nobody in another process, so it
 // is polled, and only whoever has the turn may judge that its holder is dead: two that did so at once would both
 // come to hold the fresh lock.
-// False when the turn was not to be had in time; the caller goes on without it, and must not end it.
-bool takeTurn() {
+int heldTurn = -1;  // the semaphore, while this process has the turn
+
+// When the turn is not to be had in time the caller goes on without it.
+void takeTurn() {
+    if (heldTurn >= 0) return;  // could not be given back the last time
     sembuf free_then_taken[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
     const int turn = semget(kConfigurationKey, 1, kPermissions);
     timespec limit = {kTurnSeconds, 0};
     while (semtimedop(turn, free_then_taken, 2, &limit) != 0) {
         if (errno == EINTR) continue;
         syslog(LOG_ALERT, "configuration: another process keeps its turn, going on without (%s)\n", strerror(errno));
-        return false;
+        return;
     }
-    return true;
+    heldTurn = turn;
 }
 
-void endTurn(bool taken) {
-    if (!taken) return;
+void endTurn() {
     sembuf given_back = {0, -1, SEM_UNDO | IPC_NOWAIT};
-    semop(semget(kConfigurationKey, 1, kPermissions), &given_back, 1);
+    if (heldTurn >= 0 && semop(heldTurn, &given_back, 1) == 0) heldTurn = -1;
 }
 
 void lockTable() {
@@ -197,18 +199,16 @@ void selectFile() {
     segment->version = loaded.version;
 }
 
-void readSettings(bt_tree *tree) {
+// False when the table is full before the file ends; the key of the first record left out is then in tokens[0].
+bool readSettings(bt_tree *tree) {
     const FileHandle file(fopen(kPersistentConfiguration, "re"));
-    if (file == nullptr) return;
+    if (file == nullptr) return true;
     while (fgets(line, sizeof line, file) != nullptr) {
         if (strchr("# \t\n", line[0]) != nullptr || !parseSetting()) continue;
-        if (static_cast<size_t>(bt_count(tree)) == kConfigurationCapacity) {
-            syslog(LOG_ALERT, "configuration: more than %zu records, \"%s\" and what follows left out\n",
-                   kConfigurationCapacity, tokens[0]);
-            return;
-        }
-        if (!addToTree(tree, tokens[0], tokens[2])) return;
+        if (static_cast<size_t>(bt_count(tree)) == kConfigurationCapacity) return false;
+        if (!addToTree(tree, tokens[0], tokens[2])) break;
     }
+    return true;
 }
 
 // Loads the table of an attached segment; for whoever has the turn.
@@ -218,7 +218,11 @@ void loadTable() {
     bt_tree *const tree = bt_init(compareKeys);
     if (tree != nullptr) {
         selectFile();
-        readSettings(tree);
+        // Logged when the file is closed: the socket of the log, which stays, must not find the file in descriptor 0.
+        if (!readSettings(tree)) {
+            syslog(LOG_ALERT, "configuration: more than %zu records, \"%s\" and what follows left out\n",
+                   kConfigurationCapacity, tokens[0]);
+        }
         buildTable(tree);
     }
     unlockTable();
@@ -291,17 +295,17 @@ bool writeSettings(const char *path, const char *key, const char *value) {
 
 ConfigurationSegment *init_configuration() {
     if (!attach()) return nullptr;
-    const bool turn = takeTurn();
+    takeTurn();
     loadTable();
-    endTurn(turn);
+    endTurn();
     return segment;
 }
 
 ConfigurationSegment *open_configuration() {
     if (!attach()) return nullptr;
-    const bool turn = takeTurn();
+    takeTurn();
     if (recordCount() == 0 && segment->identity[0] == '\0') loadTable();
-    endTurn(turn);
+    endTurn();
     return segment;
 }
 
@@ -328,7 +332,7 @@ const char *RETURN_DEF_STR(const char *key) { return findValue(key); }
 
 int add_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    const bool turn = takeTurn();
+    takeTurn();
     lockTable();
     ConfigurationRecord *const record = key != nullptr ? findRecord(key) : nullptr;
     bool stored = true;
@@ -338,24 +342,24 @@ int add_configuration(const char *key, const char *value) {
         stored = insertRecord(key, value);
     }
     const int unlocked = unlockTable();
-    endTurn(turn);
+    endTurn();
     return stored ? unlocked : -1;
 }
 
 int set_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    const bool turn = takeTurn();
+    takeTurn();
     lockTable();
     ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) overwriteValue(record, value);
     unlockTable();
-    endTurn(turn);
+    endTurn();
     return record != nullptr ? 0 : -1;
 }
 
 int del_configuration(const char *key) {
     if (!attach()) return -1;
-    const bool turn = takeTurn();
+    takeTurn();
     lockTable();
     const ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) {
@@ -369,13 +373,13 @@ int del_configuration(const char *key) {
         segment->count = static_cast<int32_t>(count - 1);
     }
     unlockTable();
-    endTurn(turn);
+    endTurn();
     return record != nullptr ? 0 : -1;
 }
 
 int save_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    const bool turn = takeTurn();
+    takeTurn();
     selectFile();
     const char *const temporary = M("%s.new", kPersistentConfiguration);
     const bool written = writeSettings(temporary, key, value);
@@ -385,6 +389,6 @@ int save_configuration(const char *key, const char *value) {
     } else {
         unlink(temporary);
     }
-    endTurn(turn);
+    endTurn();
     return written ? 0 : -1;
 }
