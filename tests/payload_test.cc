@@ -1,7 +1,6 @@
 // Commands that carry a payload, over the wire, on the fake flash.
 
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -136,19 +135,6 @@ TEST_F(Payload, AStationThatGoesInTheMiddleEndsTheService) {
     }
 }
 
-TEST_F(Payload, AResetInTheMiddleEndsTheService) {
-    const std::string data = pattern(3000);
-    Session session = startSession();
-    session.sendCommand("FW KERNEL 1000000");
-    session.sendBytes(data);
-    ASSERT_TRUE(board::waitFor(5, [] { return board::waitForLog("saveFile", 0); }));
-    session.reset();
-    ASSERT_TRUE(hasEnded());
-    const std::string received = board::readFile(kReceived);
-    EXPECT_EQ(received, data.substr(0, received.size())) << "a reset may discard what was not yet read";
-    EXPECT_TRUE(partition(2) == flashed(received));
-}
-
 TEST_F(Payload, ASlowStationIsWaitedFor) {
     Session session = startSession();
     session.sendCommand("FW ROOTFS 2000");
@@ -170,17 +156,6 @@ TEST_F(Payload, WhatIsBehindThePayloadIsACommand) {
     ASSERT_EQ(recv(session.descriptor(), replies.data(), replies.size(), MSG_WAITALL), 128);
     EXPECT_STREQ(replies.c_str(), "OK");
     EXPECT_STREQ(replies.c_str() + 64, "PING 2");
-}
-
-TEST_F(Payload, AFullDiskTakesThePayloadAndGoesOn) {
-    board::writeFile("/tmp/busybox", "");
-    Session session = startSession();
-    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=64k"), 0);
-    EXPECT_EQ(ask(session, "VERSION 300000", pattern(300000)), "OK");
-    EXPECT_LE(board::readFile(kReceived).size(), 65536U);
-    session.sendBytes("PING");
-    EXPECT_EQ(session.receiveReply(kSoon), "PING 2");
-    umount("/tmp");
 }
 
 // The modes of the console, on the device nodes that an earlier run has copied.

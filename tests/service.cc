@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <stdexcept>
 
 #include "support/configuration.h"
@@ -37,7 +38,14 @@ void ServiceTest::SetUp() {
     configure(kSettings);
 }
 
-void ServiceTest::TearDown() { my_killproc("fabtestd", SIGKILL); }
+void ServiceTest::TearDown() {
+    // The station has gone: a service that was connected ends by itself, and tells what it leaked.
+    if (!waitFor(1, [] { return servicePid() < 0; })) my_killproc("fabtestd", SIGKILL);
+    for (const auto &entry : std::filesystem::directory_iterator("/var")) {
+        const std::string path = entry.path();
+        if (path.starts_with("/var/sanitizer")) ADD_FAILURE() << readFile(path);
+    }
+}
 
 void ServiceTest::configure(const std::string &text) {
     writeFile(kDefaultConfiguration, text);

@@ -1,0 +1,123 @@
+// Calls of the C library that fail on demand, linked in front of the library's own (the linker's --wrap) for the
+// daemon's own code; and waits that are a hundred times shorter. Steered by the environment:
+//
+//   HURRY=1       the short waits
+//   FAIL_CALL=C   the first call from the place C of the code fails, with EIO
+//   LIST_CALLS=F  each place that calls, on its first call, is added to the file F
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+extern "C" FILE *__real_fopen(const char *path, const char *mode);
+
+namespace {
+
+// True when this call is the one to fail. A place is told by the function's name and the distance from here, which is
+// the same in every process.
+bool fails(const char *name, const void *place) {
+    static const char *const wanted = getenv("FAIL_CALL");
+    static const char *const list = getenv("LIST_CALLS");
+    static std::set<const void *> places;
+    if ((wanted == nullptr && list == nullptr) || !places.insert(place).second) return false;
+    const intptr_t distance = reinterpret_cast<intptr_t>(place) - reinterpret_cast<intptr_t>(&fails);
+    const std::string call = std::string(name) + "@" + std::to_string(distance);
+    if (list != nullptr) {
+        FILE *const file = __real_fopen(list, "ae");
+        fprintf(file, "%s\n", call.c_str());
+        fclose(file);
+    }
+    if (wanted == nullptr || call != wanted) return false;
+    errno = EIO;
+    return true;
+}
+
+unsigned hurry() { return getenv("HURRY") != nullptr ? 100 : 1; }
+
+}  // namespace
+
+#define CALL(result, failure, name, parameters, arguments)                                      \
+    extern "C" result __real_##name parameters;                                                 \
+    extern "C" result __wrap_##name parameters {                                                \
+        return fails(#name, __builtin_return_address(0)) ? (failure) : __real_##name arguments; \
+    }
+
+// clang-format off
+CALL(DIR *, nullptr, opendir, (const char *path), (path))
+CALL(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
+CALL(FILE *, nullptr, popen, (const char *line, const char *mode), (line, mode))
+CALL(char *, nullptr, fgets, (char *line, int size, FILE *file), (line, size, file))
+CALL(char *, nullptr, strdup, (const char *text), (text))
+CALL(int, -1, access, (const char *path, int mode), (path, mode))
+CALL(int, -1, connect, (int s, const sockaddr *address, socklen_t size), (s, address, size))
+CALL(int, -1, fcntl, (int file, int command, long value), (file, command, value))
+CALL(int, -1, fflush, (FILE *file), (file))
+CALL(int, -1, fork, (), ())
+CALL(int, -1, fseek, (FILE *file, long offset, int from), (file, offset, from))
+CALL(int, -1, fsync, (int file), (file))
+CALL(int, -1, getsockopt, (int s, int l, int o, void *value, socklen_t *size), (s, l, o, value, size))
+CALL(int, -1, ioctl, (int file, unsigned long request, void *value), (file, request, value))
+CALL(int, -1, kill, (pid_t process, int signal), (process, signal))
+CALL(int, -1, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
+CALL(int, -1, pclose, (FILE *file), (file))
+CALL(int, -1, rename, (const char *from, const char *to), (from, to))
+CALL(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
+CALL(int, -1, semop, (int id, sembuf *steps, size_t count), (id, steps, count))
+CALL(int, -1, semtimedop, (int id, sembuf *s, size_t n, const timespec *limit), (id, s, n, limit))
+CALL(int, -1, shmget, (key_t key, size_t size, int flags), (key, size, flags))
+CALL(int, -1, socket, (int family, int type, int protocol), (family, type, protocol))
+CALL(int, -1, system, (const char *line), (line))
+CALL(int, -1, truncate, (const char *path, off_t size), (path, size))
+CALL(size_t, 0, fread, (void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
+CALL(size_t, 0, fwrite, (const void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
+CALL(ssize_t, -1, lseek, (int file, off_t offset, int from), (file, offset, from))
+CALL(ssize_t, -1, pread, (int file, void *data, size_t size, off_t at), (file, data, size, at))
+CALL(ssize_t, -1, pwrite, (int file, const void *data, size_t size, off_t at), (file, data, size, at))
+CALL(ssize_t, -1, read, (int file, void *data, size_t size), (file, data, size))
+CALL(ssize_t, -1, recv, (int s, void *data, size_t size, int flags), (s, data, size, flags))
+CALL(ssize_t, -1, recvfrom, (int s, void *data, size_t size, int flags, sockaddr *from, socklen_t *length), (s, data, size, flags, from, length))
+CALL(ssize_t, -1, send, (int s, const void *data, size_t size, int flags), (s, data, size, flags))
+CALL(ssize_t, -1, sendto, (int s, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length), (s, data, size, flags, to, length))
+CALL(ssize_t, -1, write, (int file, const void *data, size_t size), (file, data, size))
+CALL(void *, nullptr, calloc, (size_t count, size_t size), (count, size))
+CALL(void *, nullptr, malloc, (size_t size), (size))
+CALL(void *, reinterpret_cast<void *>(-1), shmat, (int id, const void *at, int flags), (id, at, flags))
+// clang-format on
+
+extern "C" int __real_vasprintf(char **text, const char *format, va_list arguments);
+extern "C" int __wrap_vasprintf(char **text, const char *format, va_list arguments) {
+    return fails("vasprintf", __builtin_return_address(0)) ? -1 : __real_vasprintf(text, format, arguments);
+}
+
+extern "C" int __real_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit);
+extern "C" int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit) {
+    if (fails("select", __builtin_return_address(0))) return -1;
+    const int64_t wait = (int64_t{limit->tv_sec} * 1000000 + limit->tv_usec) / hurry();
+    *limit = {wait / 1000000, wait % 1000000};
+    return __real_select(count, in, out, bad, limit);
+}
+
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+    usleep(seconds * 1000000 / hurry());
+    return 0;
+}
+
+// The service closes its standard error: what the sanitizers find goes to a file. Leaks are found with the help of
+// /proc.
+extern "C" const char *__asan_default_options() {
+    return __real_access("/proc/self", F_OK) == 0 ? "log_path=/var/sanitizer"
+                                                  : "log_path=/var/sanitizer:detect_leaks=0";
+}
+extern "C" const char *__ubsan_default_options() { return "log_path=/var/sanitizer"; }
