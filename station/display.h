@@ -8,7 +8,7 @@
 
 namespace station {
 
-// Writes to standard output. NO_COLOR (https://no-color.org) takes the colours.
+// Writes to standard output. NO_COLOR, unless empty, takes the colours.
 std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards);
 
 // A step's line: verdict, time, title, and the reply or what is wrong.
