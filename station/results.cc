@@ -101,7 +101,7 @@ void prepareResults(const fs::path &folder) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) throw std::runtime_error(fmt::format("cannot make {}: {}", folder.string(), error.message()));
-    fwimage::NewFile(folder / "probe");  // gone at once, as it is not kept
+    const fwimage::NewFile probe(folder / "probe");  // gone at the end, as it is not kept
 }
 
 void writeResults(const fs::path &folder, const Plan &plan, WallClock::time_point start,

@@ -278,6 +278,8 @@ bool waitFor(double seconds, const std::function<bool()> &condition) {
     return true;
 }
 
+void clearLog() { systemLog().clear(); }
+
 void removeSystemLog() { systemLog().close(); }
 
 void restoreSystemLog() { systemLog().open(); }
@@ -341,7 +343,7 @@ void NativeBoardTest::SetUp() {
         if (entry.path().filename().string().starts_with("mtd")) fs::remove_all(entry.path());
     }
     memset(static_cast<void *>(get_configuration()), 0, kConfigurationSize);
-    systemLog().clear();
+    clearLog();
 }
 
 }  // namespace board

@@ -45,6 +45,9 @@ bool waitForLog(std::string_view part, double seconds);
 // True when `condition` came to hold; waits for it up to `seconds`.
 bool waitFor(double seconds, const std::function<bool()> &condition);
 
+// Forgets what has been logged so far.
+void clearLog();
+
 // Takes the system log away, socket and all, and gives it back.
 void removeSystemLog();
 void restoreSystemLog();
