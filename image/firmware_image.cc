@@ -70,7 +70,8 @@ std::string nameFault(std::string_view name) {
     if (dot == std::string_view::npos) return "has no dot: the board would end its walk over the sections there";
     unsigned number = 0;
     const auto [behind, error] = std::from_chars(name.data(), name.data() + dot, number);
-    if (error != std::errc() || behind != name.data() + dot)
+    // The board reads the number with atoi: a larger one would be another there.
+    if (error != std::errc() || behind != name.data() + dot || number > std::numeric_limits<int32_t>::max())
         return "does not begin with a partition's number and a dot";
     if (!std::all_of(name.begin(), name.end(), isGraphic)) return "holds a blank or an unprintable character";
     return {};

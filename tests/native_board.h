@@ -1,7 +1,6 @@
 #pragma once
-// The native board: the test process in namespaces of its own (mount, network, IPC, PID, UTS), on a root file system
-// in memory that looks like the board's: busybox behind the shell and the network tools, an empty /etc, /var, /tmp and
-// /sys, and a system log whose messages the tests read. Every absolute path of the code is the real one.
+// The native board: the test process in the namespaces and on the root file system of board_root.h, with a system log
+// whose messages the tests read.
 //
 // Interface eth0 is one end of a cable whose other end is a second network, the station's, at 192.168.1.2.
 
