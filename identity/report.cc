@@ -70,7 +70,8 @@ void loadProduct() {
     cutProductFields(systemProduct);
 }
 
-// The radio, if any, whose interface a line of /proc/net/dev is about. A missing key matches no line, and an empty value every one.
+// The radio, if any, whose interface a line of /proc/net/dev is about. A missing key matches no line, and an empty
+// value every one.
 unsigned radioOf(const char *line) {
     constexpr struct {
         const char *key;
