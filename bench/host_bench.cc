@@ -37,7 +37,7 @@ void makeSettings() {
 void lookUp(benchmark::State &state) {
     makeSettings();
     int i = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (RETURN_DEF_STR(keyOf(i++ % kRecords).c_str()) == nullptr) state.SkipWithError("not found");
     }
 }
@@ -47,7 +47,7 @@ void scanTheTable(benchmark::State &state) {
     makeSettings();
     const ConfigurationSegment *const segment = get_configuration();
     int i = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const std::string key = keyOf(i++ % kRecords);
         const ConfigurationRecord *record = segment->table;
         while (record < segment->table + segment->count && strcmp(record->key, key.c_str()) != 0) ++record;
@@ -59,7 +59,7 @@ BENCHMARK(scanTheTable);
 void grepTheFile(benchmark::State &state) {
     makeSettings();
     int i = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const std::string line = "grep '^" + keyOf(i++ % kRecords) + " ' " + kSettingsFile;
         FILE *const output = popen(line.c_str(), "r");
         char text[256];
@@ -104,8 +104,9 @@ void sessions(benchmark::State &state) {
     plan.steps.assign(kCommands, step);
     station::Listener listener("127.0.0.1", 0);
     Silent silent;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         std::vector<std::thread> threads;
+        threads.reserve(static_cast<size_t>(boards));
         for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), kCommands);
         for (const auto &result : runBoards(listener, plan, boards, station::Milliseconds(10000), silent)) {
             if (!result.passed()) state.SkipWithError("a session failed");
