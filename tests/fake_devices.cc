@@ -11,30 +11,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-
-namespace fake_mtd {
-
-Faults faults;
-uint32_t eraseSize = 65536;
-size_t largestWrite;
-std::vector<std::string> requests;
 
 namespace {
 
-int writes;
-
-std::string pathOf(int number) { return "/tmp/dev/mtd" + std::to_string(number); }
-
 bool isFlash(int descriptor) {
-    char target[PATH_MAX];
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length = readlink(link.c_str(), target, sizeof target);
-    return length > 0 && std::string(target, static_cast<size_t>(length)).starts_with("/tmp/dev/mtd");
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
+    return target.string().starts_with("/tmp/dev/mtd");
 }
 
 int failWith(int error) {
@@ -42,97 +27,55 @@ int failWith(int error) {
     return -1;
 }
 
-off_t sizeOf(int descriptor) {
+int answerFlash(int descriptor, unsigned long number, void *argument) {
     struct stat status = {};
     fstat(descriptor, &status);
-    return status.st_size;
-}
-
-int erase(int descriptor, const erase_info_user &block) {
-    if (int64_t{block.start} + block.length > sizeOf(descriptor)) return failWith(EINVAL);
-    const std::string ones(block.length, '\xFF');
-    return pwrite(descriptor, ones.data(), ones.size(), static_cast<off_t>(block.start)) < 0 ? -1 : 0;
-}
-
-int request(int descriptor, unsigned long number, void *argument) {
     if (number == MEMGETINFO) {
-        if (faults.info) return failWith(EIO);
+        if (fakeFlash.failInfo) return failWith(EIO);
         mtd_info_user info = {};
-        info.type = MTD_NORFLASH;
-        info.size = static_cast<uint32_t>(sizeOf(descriptor));
-        info.erasesize = eraseSize;
+        info.size = static_cast<uint32_t>(status.st_size);
+        info.erasesize = fakeFlash.eraseSize;
         *static_cast<mtd_info_user *>(argument) = info;
         return 0;
     }
     const erase_info_user block = *static_cast<erase_info_user *>(argument);
-    requests.push_back((number == MEMUNLOCK ? "unlock " : "erase ") + std::to_string(block.start));
-    if (faults.erase) return failWith(EROFS);
-    return number == MEMERASE ? erase(descriptor, block) : 0;
+    fakeFlash.requests.push_back((number == MEMUNLOCK ? "unlock " : "erase ") + std::to_string(block.start));
+    if (fakeFlash.failErase) return failWith(EROFS);
+    if (number == MEMUNLOCK) return 0;
+    if (int64_t{block.start} + block.length > status.st_size) return failWith(EINVAL);
+    const std::string ones(block.length, '\xFF');
+    return pwrite(descriptor, ones.data(), ones.size(), static_cast<off_t>(block.start)) < 0 ? -1 : 0;
 }
 
 ssize_t program(int descriptor, const char *data, size_t length) {
-    ++writes;
-    largestWrite = std::max(largestWrite, length);
-    if (faults.failingWrite == writes) return failWith(EIO);
-    if (faults.interruptEvery > 0 && writes % faults.interruptEvery == 0) return failWith(EINTR);
-    if (faults.atOnce > 0) length = std::min(length, faults.atOnce);
+    ++fakeFlash.writes;
+    if (fakeFlash.failingWrite == fakeFlash.writes) return failWith(EIO);
+    if (fakeFlash.interruptEvery > 0 && fakeFlash.writes % fakeFlash.interruptEvery == 0) return failWith(EINTR);
     const off_t position = lseek(descriptor, 0, SEEK_CUR);
-    const off_t room = sizeOf(descriptor) - position;
-    if (room <= 0) return failWith(ENOSPC);
-    std::string bits(std::min(length, static_cast<size_t>(room)), '\0');
-    if (pread(descriptor, bits.data(), bits.size(), position) < 0) return -1;
+    std::string bits(std::min(length, fakeFlash.atOnce), '\0');
+    bits.resize(static_cast<size_t>(std::max<ssize_t>(pread(descriptor, bits.data(), bits.size(), position), 0)));
+    if (bits.empty()) return failWith(ENOSPC);
     for (size_t i = 0; i < bits.size(); ++i) bits[i] = static_cast<char>(bits[i] & data[i]);
     return syscall(SYS_write, descriptor, bits.data(), bits.size());
 }
 
-}  // namespace
-
-void reset() {
-    faults = {};
-    eraseSize = 65536;
-    largestWrite = 0;
-    writes = 0;
-    requests.clear();
-}
-
-void create(int number, const std::string &content) {
-    for (const std::string folder : {"/dev", "/tmp/dev"}) {
-        std::filesystem::create_directories(folder);
-        std::ofstream(folder + "/mtd" + std::to_string(number), std::ios::binary) << content;
-    }
-}
-
-std::string content(int number) {
-    std::ostringstream content;
-    content << std::ifstream(pathOf(number), std::ios::binary).rdbuf();
-    return content.str();
-}
-
-}  // namespace fake_mtd
-
-namespace fake_link {
-
-std::map<std::string, Link> links;
-
-namespace {
-
-int answer(const ifreq &request) {
-    const auto link = links.find(request.ifr_name);
-    if (link == links.end()) return fake_mtd::failWith(ENODEV);
+int answerLink(const ifreq &request) {
+    const auto link = fakeLinks.find(request.ifr_name);
+    if (link == fakeLinks.end()) return failWith(ENODEV);
+    const auto [up, speed, duplex, told] = link->second;
     auto *const value = reinterpret_cast<ethtool_value *>(request.ifr_data);
+    auto *const settings = reinterpret_cast<ethtool_cmd *>(request.ifr_data);
     if (value->cmd == ETHTOOL_GLINK) {
-        value->data = link->second.up ? 1 : 0;
+        value->data = up ? 1 : 0;
         return 0;
     }
-    if (value->cmd != ETHTOOL_GSET || !link->second.told) return fake_mtd::failWith(EOPNOTSUPP);
-    auto *const settings = reinterpret_cast<ethtool_cmd *>(request.ifr_data);
-    settings->speed = link->second.speed;
-    settings->duplex = link->second.duplex;
+    if (value->cmd != ETHTOOL_GSET || !told) return failWith(EOPNOTSUPP);
+    settings->speed = speed;
+    settings->duplex = duplex;
     return 0;
 }
 
 }  // namespace
-}  // namespace fake_link
 
 // In the place of the C library's: what is not for the fake devices goes to the kernel.
 extern "C" int ioctl(int descriptor, unsigned long number, ...) noexcept {
@@ -141,12 +84,12 @@ extern "C" int ioctl(int descriptor, unsigned long number, ...) noexcept {
     void *const argument = va_arg(arguments, void *);
     va_end(arguments);
     const bool ofFlash = number == MEMGETINFO || number == MEMUNLOCK || number == MEMERASE;
-    if (ofFlash && fake_mtd::isFlash(descriptor)) return fake_mtd::request(descriptor, number, argument);
-    if (number == SIOCETHTOOL && !fake_link::links.empty()) return fake_link::answer(*static_cast<ifreq *>(argument));
+    if (ofFlash && isFlash(descriptor)) return answerFlash(descriptor, number, argument);
+    if (number == SIOCETHTOOL && !fakeLinks.empty()) return answerLink(*static_cast<ifreq *>(argument));
     return static_cast<int>(syscall(SYS_ioctl, descriptor, number, argument));
 }
 
 extern "C" ssize_t write(int descriptor, const void *data, size_t length) {
-    if (fake_mtd::isFlash(descriptor)) return fake_mtd::program(descriptor, static_cast<const char *>(data), length);
+    if (isFlash(descriptor)) return program(descriptor, static_cast<const char *>(data), length);
     return syscall(SYS_write, descriptor, data, length);
 }

@@ -5,20 +5,18 @@
 
 namespace image_bytes {
 
-inline std::string header(std::string text) {
-    text.resize(64, '\0');
+inline std::string padded(std::string text, size_t length, char filling = ' ') {
+    text.resize(length, filling);
     return text;
 }
+
+inline std::string header(const std::string &text) { return padded(text, 64, '\0'); }
 
 inline std::string section(const std::string &name, const std::string &data) {
     return header(std::to_string(data.size()) + " " + name) + data;
 }
 
 // 60 bytes: ACME AP-1 01.02.03 00012003.
-inline std::string productBlock() {
-    std::string block = "ACME                 AP-1                01.02.03 00012003";
-    block.resize(60, ' ');
-    return block;
-}
+inline std::string productBlock() { return padded("ACME                 AP-1                01.02.03 00012003", 60); }
 
 }  // namespace image_bytes

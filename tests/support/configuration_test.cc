@@ -3,32 +3,40 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/shm.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <thread>
 
 #include "tests/native_board.h"
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
-
 using namespace std::string_literals;
+using testing::ElementsAre, testing::HasSubstr, testing::IsEmpty;
 
 namespace {
 
 const std::string kHeader = "#& 3\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\n";
 constexpr size_t kHeaderRecords = 2;
+constexpr size_t kRoom = kConfigurationCapacity - kHeaderRecords;
 
-std::string valueOf(const char *key) {
-    const char *const value = RETURN_DEF_STR(key);
-    return value != nullptr ? value : "(none)";
+std::string repeated(const std::string &text, int times) {
+    std::string result;
+    while (times-- > 0) result += text;
+    return result;
+}
+
+std::string records(size_t number) {
+    std::string text;
+    for (size_t i = 0; i < number; ++i) text += "R" + std::to_string(i) + " = " + std::to_string(i) + "\n";
+    return text;
+}
+
+// The keys' values, each with a '|' behind it; '-' for a missing key.
+std::string values(const std::vector<std::string> &keys) {
+    std::string text;
+    for (const std::string &key : keys) text += (if_exist(key.c_str()) ? RETURN_DEF_STR(key.c_str()) : "-") + "|"s;
+    return text;
 }
 
 class Configuration : public board::NativeBoardTest {
@@ -41,95 +49,52 @@ protected:
     }
 
     static size_t count() { return static_cast<size_t>(get_configuration()->count); }
+    static std::string file() { return board::readFile(kPersistentConfiguration); }
 };
 
 TEST_F(Configuration, LinesAreReadByTheirSyntax) {
-    load("# KEY1 = no\n"
-         "  KEY2 = \"no\"\n"
-         "\tKEY2 = no\n"
-         "\n"
-         "KEY3 = \"a b\"\n"
-         "KEY4 = \"a\\\"b\\\\\"\n"
-         "KEY5 : plain more words\n"
-         "KEY6 =\n"
-         "KEY7 = \"open\n"
-         "KEY7 = v \"open\n"
-         "KEY8 = a b c d e f g h i j k l\n"
-         "KEY9\t=\tv\r\n"
-         "KEY10 = \n" +
-         std::string(40, 'K') + " = " + std::string(70, 'v') + "\n" + "LAST = \"end\"");
-    const std::map<const char *, const char *> expected = {
-        {"KEY1", "(none)"}, {"KEY2", "(none)"}, {"KEY3", "a b"}, {"KEY4", "a\"b\\"}, {"KEY5", "plain"},
-        {"KEY6", "(none)"}, {"KEY7", "(none)"}, {"KEY8", "a"},   {"KEY9", "v"},      {"KEY10", ""},
-        {"LAST", "end"},    {"key3", "(none)"}, {"#", "(none)"}};
-    for (const auto &[key, value] : expected) EXPECT_EQ(valueOf(key), value) << key;
-    EXPECT_EQ(valueOf(std::string(31, 'K').c_str()), std::string(63, 'v'));
-    EXPECT_EQ(valueOf(std::string(40, 'K').c_str()), "(none)");
+    load("# NO = 1\n  NO = 1\n\tNO = 1\n\nNO =\nNO = \"open\nNO = v \"open\nA = \"a b\"\nB : plain more words\n"
+         "C = \"a\\\"b\\\\\"\nD = a b c d e f g h i j k l\nE\t=\tv\r\nF = \n" +
+         repeated("K", 40) + " = " + repeated("v", 70) + "\nLAST = \"end\"");
+    EXPECT_EQ(values({"NO", "#", "a", "A", "B", "C", "D", "E", "F", "LAST", repeated("K", 31), repeated("K", 40)}),
+              "-|-|-|a b|plain|a\"b\\|a|v||end|" + repeated("v", 63) + "|-|");
 }
 
 TEST_F(Configuration, ValuesAreTextNumberOrFlag) {
-    load("a = Y\nb = yes\nc = y1\nd = 1\ne = true\nf = 0x10\ng = 12abc\nh = -5\ni = 4294967295\nj = 4294967296\n");
-    for (const char *key : {"a", "b", "c"}) EXPECT_EQ(IF_DEFINE(key), 1) << key;
-    for (const char *key : {"d", "e", "none"}) EXPECT_EQ(IF_DEFINE(key), 0) << key;
-    EXPECT_EQ(if_exist("d"), 1);
-    EXPECT_EQ(if_exist("none"), 0);
-    const std::map<const char *, int> numbers = {{"f", 0}, {"g", 12}, {"h", -5}, {"none", 0}};
-    for (const auto &[key, value] : numbers) EXPECT_EQ(RETURN_DEF_INT(key), value) << key;
-    EXPECT_EQ(RETURN_DEF_UINT("g"), 12U);
-    EXPECT_EQ(RETURN_DEF_UINT("i"), 4294967295U);
-    EXPECT_EQ(RETURN_DEF_UINT("j"), 4294967295U);
+    load("Y = yes\nCAP = Y\nN = 1\nI = -12abc\nHEX = 0x10\nU = 4294967295\nMORE = 4294967296\n");
+    EXPECT_THAT((std::vector{IF_DEFINE("Y"), IF_DEFINE("CAP"), IF_DEFINE("N"), IF_DEFINE("none"), if_exist("N"),
+                             if_exist("none"), RETURN_DEF_INT("I"), RETURN_DEF_INT("HEX"), RETURN_DEF_INT("none")}),
+                ElementsAre(1, 1, 0, 0, 1, 0, -12, 0, 0));
+    for (const char *key : {"U", "MORE"}) EXPECT_EQ(RETURN_DEF_UINT(key), UINT32_MAX);
     EXPECT_EQ(RETURN_DEF_UINT("none"), 0U);
 }
 
-// Of equal keys the file's order is kept in the table, and the probe order decides: among the table's n records the
-// middle one, n/2, is looked at first.
+// Of equal keys the file's order is kept in the table, and the probe order decides: n/2 of n records comes first.
 TEST_F(Configuration, TheProbeOrderDecidesBetweenEqualKeys) {
     load("K = 1\nK = 2\nK = 3\n");
-    EXPECT_EQ(count(), 5U);
-    EXPECT_EQ(valueOf("K"), "3") << "K K K SYSTEM_BRAND SYSTEM_MODEL: the third is probed first";
+    EXPECT_EQ(values({"K"}), "3|") << "K K K SYSTEM_BRAND SYSTEM_MODEL: the third";
     load("K = 1\nK = 2\nK = 3\nA = 0\nB = 0\nC = 0\n");
-    EXPECT_EQ(valueOf("K"), "2") << "A B C K K K and two more: the fifth";
-    load("Z = 1\nZ = 2\n");
-    EXPECT_EQ(valueOf("Z"), "1") << "SYSTEM_BRAND SYSTEM_MODEL Z Z: the third";
+    EXPECT_EQ(values({"K"}), "2|") << "A B C K K K and two more: the fifth";
 }
 
+// What is loaded (whose, from which file, of which version) with a default of this version and model and a persistent
+// file, of model M, that has its version in this line.
 TEST_F(Configuration, ANewerOrOtherDefaultReplacesTheFile) {
-    const auto file = [](const char *version, const char *brand, const char *model, const char *mark) {
-        return std::string(version) + "\nSYSTEM_BRAND = " + brand + "\nSYSTEM_MODEL = " + model + "\nMARK = " + mark +
-               "\n";
-    };
-    const struct {
-        const char *what;
-        std::string shipped, persistent;
-        const char *mark, *identity;
-        uint32_t version;
-    } cases[] = {
-        {"same version", file("#& 3", "B", "M", "d"), file("#& 3", "B", "M", "p"), "p", "B_M", 3},
-        {"newer default", file("#& 4", "B", "M", "d"), file("#& 3", "B", "M", "p"), "d", "B_M", 4},
-        {"older default", file("#& 2", "B", "M", "d"), file("#& 3", "B", "M", "p"), "p", "B_M", 3},
-        {"other model", file("#& 1", "B", "N", "d"), file("#& 3", "B", "M", "p"), "d", "B_N", 1},
-        {"unsigned version", file("#& 4294967295", "B", "M", "d"), file("#& 3", "B", "M", "p"), "d", "B_M",
-         4294967295U},
-        {"version on line 10", file("#& 1", "B", "M", "d"), "#\n#\n#\n#\n#\n#\n#" + file("\n#", "B", "M", "p"), "d",
-         "B_M", 1},
-        {"no persistent file", file("#& 1", "B", "M", "d"), "", "d", "B_M", 1},
-    };
-    for (const auto &test : cases) {
-        SetUp();
-        board::writeFile(kDefaultConfiguration, test.shipped);
-        if (!test.persistent.empty()) board::writeFile(kPersistentConfiguration, test.persistent);
+    const std::tuple<std::string, const char *, int, const char *, const char *> cases[] = {
+        {"3", "M", 3, "3", "B_M old|3"},
+        {"4", "M", 3, "3", "B_M new|4"},
+        {"2", "M", 3, "3", "B_M old|3"},
+        {"1", "N", 3, "3", "B_N new|1"},
+        {"1", "M", 10, "9", "B_M old|9"},
+        {"1", "M", 11, "9", "B_M new|1"},
+        {"4294967295", "M", 3, "3", "B_M new|4294967295"}};
+    for (const auto &[version, model, line, persistent, loaded] : cases) {
+        const std::string brand = "SYSTEM_BRAND = B\nSYSTEM_MODEL = ", padding(static_cast<size_t>(line) - 3, '\n');
+        board::writeFile(kDefaultConfiguration, brand + model + "\n#& " + version + "\nFROM = new\n");
+        board::writeFile(kPersistentConfiguration, padding + brand + "M\n#& " + persistent + "\nFROM = old\n");
         const ConfigurationSegment *const segment = init_configuration();
-        EXPECT_EQ(valueOf("MARK"), test.mark) << test.what;
-        EXPECT_STREQ(segment->identity, test.identity) << test.what;
-        EXPECT_EQ(segment->version, test.version) << test.what;
+        EXPECT_EQ(segment->identity + " "s + values({"FROM"}) + std::to_string(segment->version), loaded);
     }
-    SetUp();
-    board::writeFile(kDefaultConfiguration, "#& 1\n" + std::string("#\n") + "SYSTEM_BRAND = B\nSYSTEM_MODEL = M\n");
-    board::writeFile(kPersistentConfiguration,
-                     "#\n#\n#\n#\n#\n#\n#\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\n#& 9\nMARK = p\n");
-    EXPECT_EQ(init_configuration()->version, 9U) << "the tenth line still counts";
-    board::writeFile(kPersistentConfiguration, "#\n#\n#\n#\n#\n#\n#\n#\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\n#& 9\n");
-    EXPECT_EQ(init_configuration()->version, 1U) << "the eleventh does not";
 }
 
 TEST_F(Configuration, OtherProgramsFindTheSegment) {
@@ -137,206 +102,129 @@ TEST_F(Configuration, OtherProgramsFindTheSegment) {
     const int id = shmget(0x20120422, 12868, 0);
     shmid_ds status = {};
     ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
-    EXPECT_EQ(status.shm_segsz, 12868U);
     EXPECT_EQ(status.shm_perm.mode & 0777, 0777);
-    const char *const bytes = static_cast<const char *>(shmat(id, nullptr, SHM_RDONLY));
-    EXPECT_STREQ(bytes + sizeof(pthread_mutex_t) + 44 + 4, "K") << "the first record's key";
-    EXPECT_STREQ(bytes + sizeof(pthread_mutex_t) + 44 + 36, "v");
-    shmdt(bytes);
-}
-
-TEST_F(Configuration, WithoutFilesTheTableIsEmpty) {
-    load("K = v\n");
-    std::filesystem::remove_all("/etc/sysconfig");
-    std::filesystem::remove(kDefaultConfiguration);
-    ASSERT_NE(init_configuration(), nullptr);
-    EXPECT_EQ(count(), 0U);
-    EXPECT_EQ(valueOf("K"), "(none)");
-    EXPECT_EQ(set_configuration("K", "v"), -1);
-    EXPECT_EQ(del_configuration("K"), -1);
-    EXPECT_EQ(save_configuration("K", "v"), -1);
-}
-
-// Whatever the files hold, nothing outside the table is written: the rest of the segment's last page stays as it was.
-TEST_F(Configuration, FilesOfAnySizeAndContentStayInsideTheTable) {
-    const auto records = [](size_t number) {
-        std::string text;
-        for (size_t i = 0; i < number; ++i) text += "R" + std::to_string(i) + " = " + std::to_string(i) + "\n";
-        return text;
-    };
-    const struct {
-        const char *what;
-        std::string text;
-        size_t added;
-        bool overflow;
-    } cases[] = {
-        {"one record", records(1), 1, false},
-        {"a full table", records(kConfigurationCapacity - kHeaderRecords), kConfigurationCapacity - kHeaderRecords,
-         false},
-        {"one too many", records(kConfigurationCapacity - kHeaderRecords + 1), kConfigurationCapacity - kHeaderRecords,
-         true},
-        {"100,000 records", records(100000), kConfigurationCapacity - kHeaderRecords, true},
-        {"a long line", "L = " + std::string(10000, 'x') + "\nA = 1\n", 2, false},
-        {"long lines of words",
-         std::string(10000, 'x') + "\n" +
-             [] {
-                 std::string s;
-                 while (s.size() < 9000) s += "a b ";
-                 return s;
-             }() +
-             "\n",
-         2, false},
-        {"NUL bytes", "A = 1\0B = 2\nC\0 = 3\n\0\0\0\nD = 4\n"s, 2, false},
-        {"unclosed quotes", "A = \"x\nB \"= y\n\"C = z\nD = \"\\\"\nE = 1\n", 1, false},
-        {"a long key in quotes", "\"" + std::string(3000, 'k') + "\" = \"" + std::string(5000, 'v') + "\"\nA = 1\n", 1,
-         false},
-    };
-    auto *const bytes = reinterpret_cast<unsigned char *>(get_configuration());
-    const size_t page = 16384;  // 12868 bytes take four pages of 4096
-    for (const auto &test : cases) {
-        SetUp();
-        memset(bytes + kConfigurationSize, 0xA5, page - kConfigurationSize);
-        load(test.text);
-        EXPECT_EQ(count(), test.added + kHeaderRecords) << test.what;
-        EXPECT_THAT(board::logTexts(), SizeIs(test.overflow ? 1 : 0)) << test.what;
-        const ConfigurationRecord *const table = get_configuration()->table;
-        for (size_t i = 0; i < count(); ++i) {
-            EXPECT_EQ(table[i].index, i) << test.what;
-            EXPECT_EQ(table[i].key[31], '\0') << test.what;
-            EXPECT_EQ(table[i].value[63], '\0') << test.what;
-            EXPECT_LE(strcmp(table[i > 0 ? i - 1 : 0].key, table[i].key), 0) << test.what;
-        }
-        EXPECT_TRUE(std::all_of(bytes + kConfigurationSize, bytes + page, [](int b) { return b == 0xA5; }))
-            << test.what;
-    }
-}
-
-TEST_F(Configuration, SettersChangeTheTableOnly) {
-    load("B = 1\nD = 1\n");
-    EXPECT_EQ(add_configuration("C", "new"), 0);
-    EXPECT_EQ(add_configuration("B", std::string(70, 'v').c_str()), 0);
-    EXPECT_EQ(add_configuration("D", nullptr), 0);
-    EXPECT_EQ(set_configuration("C", "newer"), 0);
-    EXPECT_EQ(set_configuration("E", "1"), -1);
-    EXPECT_EQ(valueOf("B"), std::string(63, 'v'));
-    EXPECT_EQ(valueOf("C"), "newer");
-    EXPECT_EQ(valueOf("D"), "1");
-    EXPECT_EQ(valueOf("E"), "(none)");
-    EXPECT_EQ(del_configuration("B"), 0);
-    EXPECT_EQ(valueOf("B"), "(none)");
-    EXPECT_EQ(valueOf("C"), "newer");
-    EXPECT_EQ(count(), 2 + kHeaderRecords);
-    EXPECT_EQ(board::readFile(kPersistentConfiguration), kHeader + "B = 1\nD = 1\n");
-}
-
-// The stored index says where the gap is, and what moved up keeps its own: a second deletion behind the first takes
-// the neighbour until the table is built again.
-TEST_F(Configuration, DeletionGoesByTheStoredIndex) {
-    load("A = 1\nB = 2\nC = 3\nD = 4\n");
-    EXPECT_EQ(del_configuration("A"), 0);
-    EXPECT_EQ(del_configuration("C"), 0);
-    EXPECT_EQ(valueOf("C"), "3");
-    EXPECT_EQ(valueOf("D"), "(none)");
-    for (int i = 0; i < 200; ++i) del_configuration("SYSTEM_MODEL");
-    EXPECT_EQ(valueOf("SYSTEM_MODEL"), "(none)");
-    EXPECT_LE(count(), 4U);
-}
-
-TEST_F(Configuration, AFullTableTakesNoNewKey) {
-    std::string text;
-    for (size_t i = kHeaderRecords; i < kConfigurationCapacity; ++i) text += "R" + std::to_string(i) + " = 1\n";
-    load(text);
-    EXPECT_EQ(add_configuration("NEW", "1"), -1);
-    EXPECT_EQ(add_configuration("R5", "2"), 0);
-    EXPECT_EQ(valueOf("R5"), "2");
-    EXPECT_EQ(valueOf("NEW"), "(none)");
-    EXPECT_EQ(count(), kConfigurationCapacity);
-    EXPECT_THAT(board::logTexts(), ElementsAre(HasSubstr("NEW")));
-}
-
-TEST_F(Configuration, SavingRewritesEveryMatchingLine) {
-    const std::string longLine = "LONG = " + std::string(10000, 'x') + "\n";
-    load("K = 1\nKK = 2\nK = 3\nK=4\n# K = 5\n" + longLine + "N\0 = 6\n"s + "E = 7");
-    EXPECT_EQ(save_configuration("K", "a b"), 0);
-    EXPECT_EQ(board::readFile(kPersistentConfiguration),
-              kHeader + "K = \"a b\"\nKK = 2\nK = \"a b\"\nK=4\n# K = 5\n" + longLine + "N\0 = 6\n"s + "E = 7");
-    EXPECT_EQ(valueOf("K"), "a b");
-    EXPECT_EQ(save_configuration("LONG", "short"), 0);
-    EXPECT_THAT(board::readFile(kPersistentConfiguration), HasSubstr("\nLONG = \"short\"\nN"));
-    EXPECT_FALSE(board::exists(std::string(kPersistentConfiguration) + ".new"));
-}
-
-TEST_F(Configuration, SavingANewKeyAppendsIt) {
-    load("K = 1\n");
-    EXPECT_EQ(save_configuration("NEW", "v"), 0);
-    EXPECT_THAT(board::readFile(kPersistentConfiguration),
-                testing::MatchesRegex("#& 3\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\nK = 1\n"
-                                      "\n#New append - [A-Z][a-z]+ [A-Z][a-z]+ [ 0-9]+:[0-9]+:[0-9]+ [0-9]+\n"
-                                      "NEW = \"v\"\n"));
-    EXPECT_EQ(valueOf("NEW"), "v");
-    EXPECT_EQ(valueOf("K"), "1");
-}
-
-TEST_F(Configuration, SavingOnAFullDiskLeavesTheOldFile) {
-    ASSERT_EQ(mount("tmpfs", "/etc/sysconfig/.firewall", "tmpfs", 0, "size=16k"), 0);
-    const std::string text = "K = 1\n" + std::string(9000, '#') + "\n";
-    load(text);
-    EXPECT_EQ(save_configuration("K", "2"), -1);
-    EXPECT_EQ(board::readFile(kPersistentConfiguration), kHeader + text);
-    EXPECT_FALSE(board::exists(std::string(kPersistentConfiguration) + ".new"));
-    EXPECT_EQ(valueOf("K"), "1");
-    umount("/etc/sysconfig/.firewall");
+    const char *const record = static_cast<char *>(shmat(id, nullptr, SHM_RDONLY)) + sizeof(pthread_mutex_t) + 44;
+    EXPECT_EQ(record + 4 + "="s + (record + 36), "K=v");
 }
 
 TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     board::writeFile(kDefaultConfiguration, kHeader + "K = 1\n");
     open_configuration();
-    EXPECT_EQ(valueOf("K"), "1");
     add_configuration("MAC", "recorded");
     open_configuration();
-    EXPECT_EQ(valueOf("MAC"), "recorded");
+    EXPECT_EQ(values({"K", "MAC"}), "1|recorded|");
+    std::filesystem::remove_all("/etc/sysconfig");
     init_configuration();
-    EXPECT_EQ(valueOf("MAC"), "(none)");
+    EXPECT_EQ(count(), 0U);
+    EXPECT_EQ(set_configuration("K", "v") + del_configuration("K") + save_configuration("K", "v"), -3);
+}
+
+// Whatever the files hold, nothing outside the table is written: the rest of the segment's last page stays as it was.
+TEST_F(Configuration, FilesOfAnySizeAndContentStayInsideTheTable) {
+    const std::tuple<const char *, std::string, size_t, size_t> cases[] = {
+        {"a full table", records(kRoom), kRoom, 0},
+        {"one record too many", records(kRoom + 1), kRoom, 1},
+        {"100,000 records", records(100000), kRoom, 1},
+        {"long lines of words", repeated("x", 10000) + "\n" + repeated("a b ", 2500) + "\n", 2, 0},
+        {"NUL bytes", "A = 1\0B = 2\nC\0 = 3\n\0\0\0\nD = 4\n"s, 2, 0},
+        {"unclosed quotes", "A = \"x\nB \"= y\n\"C = z\nD = \"\\\"\nE = 1\n", 1, 0},
+        {"a long key in quotes", "\"" + repeated("k", 3000) + "\" = \"" + repeated("v", 5000) + "\"\nA = 1\n", 1, 0}};
+    auto *const bytes = reinterpret_cast<unsigned char *>(get_configuration());
+    const size_t pages = 16384;
+    for (const auto &[what, text, added, logged] : cases) {
+        SetUp();
+        memset(bytes + kConfigurationSize, 0xA5, pages - kConfigurationSize);
+        load(text);
+        EXPECT_EQ(count(), added + kHeaderRecords) << what;
+        EXPECT_EQ(board::logTexts().size(), logged) << what;
+        const ConfigurationRecord *const table = get_configuration()->table;
+        for (size_t i = 0; i < count(); ++i) {
+            EXPECT_TRUE(table[i].index == i && table[i].key[31] == '\0' && table[i].value[63] == '\0') << what;
+            EXPECT_LE(strcmp(table[i > 0 ? i - 1 : 0].key, table[i].key), 0) << what;
+        }
+        const auto untouched = [](unsigned char byte) { return byte == 0xA5; };
+        EXPECT_TRUE(std::all_of(bytes + kConfigurationSize, bytes + pages, untouched)) << what;
+    }
+}
+
+TEST_F(Configuration, SettersChangeTheTableOnly) {
+    load("B = 1\nD = 1\nZ = 1\n");
+    EXPECT_EQ(add_configuration("C", "new"), 0);
+    EXPECT_EQ(add_configuration("B", repeated("v", 70).c_str()), 0);
+    EXPECT_EQ(add_configuration("D", nullptr), 0);
+    EXPECT_EQ(set_configuration("C", "newer"), 0);
+    EXPECT_EQ(set_configuration("E", "1"), -1);
+    EXPECT_EQ(del_configuration("SYSTEM_MODEL"), 0) << "the last but one";
+    EXPECT_EQ(values({"B", "C", "D", "E", "SYSTEM_MODEL", "Z"}), repeated("v", 63) + "|newer|1|-|-|1|");
+    EXPECT_EQ(file(), kHeader + "B = 1\nD = 1\nZ = 1\n");
+    load(records(kRoom));
+    EXPECT_EQ(add_configuration("NEW", "1"), -1) << "the table is full";
+    EXPECT_EQ(add_configuration("R5", "2"), 0);
+    EXPECT_EQ(values({"R5", "NEW"}), "2|-|");
+    EXPECT_THAT(board::logTexts(), ElementsAre(HasSubstr("NEW")));
+    // What moved up keeps its stored index, which says where the gap is: a second deletion takes the neighbour.
+    load("A = 1\nB = 2\nC = 3\nD = 4\n");
+    EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
+    EXPECT_EQ(values({"A", "B", "C", "D"}), "-|2|3|-|");
+    EXPECT_EQ(count(), 2 + kHeaderRecords);
 }
 
 // What other programs may leave in the shared segment must not lead a lookup or a writer out of it.
-TEST_F(Configuration, AnImpossibleCountStaysInsideTheTable) {
-    load("A = 1\nB = 2\n");
+TEST_F(Configuration, AnImpossibleCountOrIndexStaysInsideTheTable) {
     for (const int32_t count : {-1, 1000000, INT32_MIN, INT32_MAX}) {
+        load("A = 1\nB = 2\n");
         get_configuration()->count = count;
-        RETURN_DEF_STR("ZZZ");
-        set_configuration("ZZZ", "1");
-        del_configuration("ZZZ");
-        add_configuration("ZZZ", "1");
-        add_configuration("", "1");
+        EXPECT_EQ(set_configuration("ZZZ", "1") + del_configuration("ZZZ"), -2);
+        for (const char *key : {"ZZZ", ""}) add_configuration(key, "1");
     }
     load("A = 1\nB = 2\n");
     get_configuration()->table[0].index = UINT32_MAX;
     EXPECT_EQ(del_configuration("A"), 0);
 }
 
-constexpr int kKeysOfAWriter = 50;
+TEST_F(Configuration, SavingRewritesEveryMatchingLineOrAppends) {
+    const std::string rest = "K=4\n# K = 5\nN\0 = 6\n"s, longLine = "LONG = " + repeated("x", 10000) + "\n";
+    load("K = 1\nKK = 2\nK = 3\n" + rest + longLine + "E = 7");
+    EXPECT_EQ(save_configuration("K", "a b"), 0);
+    EXPECT_EQ(file(), kHeader + "K = \"a b\"\nKK = 2\nK = \"a b\"\n" + rest + longLine + "E = 7");
+    EXPECT_EQ(values({"K"}), "a b|");
+    load(rest + longLine);
+    EXPECT_EQ(save_configuration("LONG", "short"), 0);
+    EXPECT_EQ(file(), kHeader + rest + "LONG = \"short\"\n");
+    load("K = 1\n");
+    EXPECT_EQ(save_configuration("NEW", "v"), 0);
+    const std::string date = "[A-Z][a-z]+ [A-Z][a-z]+ [ 0-9]+:[0-9]+:[0-9]+ [0-9]+";
+    EXPECT_THAT(file(), testing::MatchesRegex(kHeader + "K = 1\n\n#New append - " + date + "\nNEW = \"v\"\n"));
+    ASSERT_EQ(mount("tmpfs", "/etc/sysconfig/.firewall", "tmpfs", 0, "size=16k"), 0);
+    const std::string large = "K = 1\n" + repeated("#", 9000) + "\n";
+    load(large);
+    EXPECT_EQ(save_configuration("K", "2"), -1) << "the disk is full";
+    EXPECT_EQ(file(), kHeader + large);
+    EXPECT_FALSE(board::exists(kPersistentConfiguration + ".new"s));
+    umount("/etc/sysconfig/.firewall");
+}
 
 void updateMany(char name, int updates) {
     for (int i = 1; i <= updates; ++i) {
-        const std::string key = name + std::to_string(i % kKeysOfAWriter);
+        const std::string key = name + std::to_string(i % 50);
         ASSERT_EQ(add_configuration(key.c_str(), std::to_string(i).c_str()), 0);
     }
+}
+
+void runWriters(std::string_view names, int updates) {
+    std::vector<pid_t> writers;
+    for (const char name : names) writers.push_back(board::fork([=] { updateMany(name, updates); }));
+    for (const pid_t writer : writers) EXPECT_EQ(board::wait(writer), 0);
 }
 
 // A reader takes no lock and may meet a table that is being rebuilt, so what the writers wrote is read at the end.
 TEST_F(Configuration, TwoWritersLoseNothing) {
     load("");
-    constexpr int kUpdates = 10000;
-    std::vector<pid_t> writers;
-    for (const char name : {'A', 'B'}) writers.push_back(board::fork([name] { updateMany(name, kUpdates); }));
-    for (const pid_t writer : writers) EXPECT_EQ(board::wait(writer), 0);
-    EXPECT_EQ(count(), 2 * kKeysOfAWriter + kHeaderRecords);
-    for (const char name : {'A', 'B'}) {
-        for (int i = kUpdates - kKeysOfAWriter + 1; i <= kUpdates; ++i) {
-            const std::string key = name + std::to_string(i % kKeysOfAWriter);
-            EXPECT_EQ(valueOf(key.c_str()), std::to_string(i)) << key;
-        }
+    runWriters("AB", 10000);
+    EXPECT_EQ(count(), 100 + kHeaderRecords);
+    for (int i = 9951; i <= 10000; ++i) {
+        const std::string key = std::to_string(i % 50), value = std::to_string(i) + "|";
+        EXPECT_EQ(values({"A" + key, "B" + key}), value + value);
     }
     EXPECT_THAT(board::logTexts(), IsEmpty());
 }
@@ -349,7 +237,7 @@ TEST_F(Configuration, AWriterKilledAtAnyMomentDoesNotStopTheOthers) {
         kill(writer, SIGKILL);
         ASSERT_EQ(board::wait(writer), -SIGKILL);
         ASSERT_EQ(add_configuration("AFTER", std::to_string(round).c_str()), 0);
-        ASSERT_EQ(valueOf("AFTER"), std::to_string(round));
+        ASSERT_EQ(values({"AFTER"}), std::to_string(round) + "|");
     }
 }
 
@@ -357,9 +245,7 @@ TEST_F(Configuration, AWriterKilledAtAnyMomentDoesNotStopTheOthers) {
 TEST_F(Configuration, ALockThatIsNeverGivenBackIsReplaced) {
     load("");
     ASSERT_EQ(pthread_mutex_trylock(&get_configuration()->lock), 0);
-    std::vector<pid_t> writers;
-    for (const char name : {'A', 'B', 'C'}) writers.push_back(board::fork([name] { updateMany(name, 30); }));
-    for (const pid_t writer : writers) EXPECT_EQ(board::wait(writer), 0);
+    runWriters("ABC", 30);
     EXPECT_EQ(count(), 90 + kHeaderRecords);
     EXPECT_THAT(board::logTexts(), ElementsAre(HasSubstr("lock")));
 }

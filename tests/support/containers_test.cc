@@ -3,342 +3,188 @@
 #include <algorithm>
 #include <deque>
 #include <memory>
+#include <numeric>
 #include <random>
 
 #include "tests/native_board.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
-
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 namespace {
 
 using Numbers = std::vector<int>;
 
-int matchNumber(const void *value, const void *key) {
-    return *static_cast<const int *>(value) == *static_cast<const int *>(key) ? 0 : 1;
+// The address of the number 0 to 99, for a container to hold.
+void *at(int number) {
+    static int numbers[100];
+    numbers[number] = number;
+    return &numbers[number];
 }
 
 int number(const void *value) { return value != nullptr ? *static_cast<const int *>(value) : -1; }
 
-int collect(void *value, void *numbers) {
-    static_cast<Numbers *>(numbers)->push_back(number(value));
-    return 1;
-}
+int matchNumber(const void *value, const void *key) { return number(value) == number(key) ? 0 : 1; }
 
-// Values 0 to 99, whose addresses the containers hold.
-class Values {
-public:
-    Values() {
-        for (int i = 0; i < 100; ++i) values_.push_back(i);
-    }
-    void *operator[](int i) { return &values_[static_cast<size_t>(i)]; }
-
-private:
-    std::deque<int> values_;
+// Collects the visited numbers, and returns 0 at one of them.
+struct Visits {
+    int zeroAt = -1;
+    Numbers seen = {};
 };
 
-using List = std::unique_ptr<ll_list, decltype(&ll_free)>;
-List newList() { return {ll_init(), ll_free}; }
-
-Numbers contents(ll_list *list) {
-    Numbers numbers;
-    ll_traverse(list, 1, collect, &numbers);
-    return numbers;
-}
-
-TEST(List, AnswersForEmptyAndNull) {
-    const List empty = newList();
-    for (ll_list *list : {empty.get(), static_cast<ll_list *>(nullptr)}) {
-        const int key = 1;
-        ll_node *cursor = nullptr;
-        EXPECT_EQ(ll_is_empty(list), 1);
-        EXPECT_EQ(ll_count(list), 0);
-        for (auto *take :
-             {ll_head, ll_tail, ll_delete_head, ll_delete_tail, dq_pop, dq_peek, dq_pop_tail, dq_peek_tail}) {
-            EXPECT_EQ(take(list), nullptr);
-        }
-        EXPECT_EQ(ll_delete(list, &key, matchNumber), nullptr);
-        EXPECT_EQ(ll_find(list, &key, 1, matchNumber), nullptr);
-        EXPECT_EQ(ll_traverse(list, 1, collect, nullptr), 0);
-        EXPECT_EQ(ll_get(list, &cursor, 1), nullptr);
-        EXPECT_EQ(ll_swap(list, &key, &key, 1, matchNumber), -1);
-    }
-    int value = 1;
-    EXPECT_EQ(ll_append(nullptr, &value), nullptr);
-    ll_free(nullptr);
-}
-
-TEST(List, IteratesOnce) {
-    Values values;
-    for (const int length : {1, 3}) {
-        const List list = newList();
-        for (int i = 1; i <= length; ++i) ll_append(list.get(), values[i]);
-        ll_node *cursor = nullptr;
-        for (int i = 1; i <= length; ++i) EXPECT_EQ(number(ll_get(list.get(), &cursor, 1)), i);
-        EXPECT_EQ(ll_get(list.get(), &cursor, 1), nullptr);
-        EXPECT_EQ(cursor, list->tail);
-    }
-}
-
-TEST(List, TraverseStopsAtZero) {
-    Values values;
-    const List list = newList();
-    for (int i = 1; i <= 3; ++i) ll_append(list.get(), values[i]);
-    const auto untilTwo = [](void *value, void *visits) {
-        ++*static_cast<int *>(visits);
-        return number(value) != 2 ? 1 : 0;
-    };
-    int visits = 0;
-    EXPECT_EQ(ll_traverse(list.get(), 1, untilTwo, &visits), 0);
-    EXPECT_EQ(visits, 2);
-}
-
-TEST(List, SwapsAnyTwoNodes) {
-    Values values;
-    for (int length = 1; length <= 4; ++length) {
-        for (int a = 0; a < length; ++a) {
-            for (int b = 0; b < length; ++b) {
-                const List list = newList();
-                Numbers expected;
-                for (int i = 0; i < length; ++i) {
-                    ll_append(list.get(), values[i]);
-                    expected.push_back(i);
-                }
-                std::swap(expected[static_cast<size_t>(a)], expected[static_cast<size_t>(b)]);
-                EXPECT_EQ(ll_swap(list.get(), &a, &b, 1, matchNumber), 0);
-                EXPECT_EQ(contents(list.get()), expected) << a << " and " << b << " of " << length;
-            }
-        }
-        const List list = newList();
-        ll_append(list.get(), values[1]);
-        const int present = 1;
-        const int missing = 2;
-        EXPECT_EQ(ll_swap(list.get(), &present, &missing, 1, matchNumber), -1);
-    }
+int visit(void *value, void *visits) {
+    static_cast<Visits *>(visits)->seen.push_back(number(value));
+    return number(value) != static_cast<Visits *>(visits)->zeroAt ? 1 : 0;
 }
 
 // Thousands of random operations, each compared with the same one on a standard container.
 TEST(List, BehavesAsADeque) {
-    Values values;
-    const List list = newList();
+    ll_list *const list = ll_init();
     std::deque<int> model;
     std::mt19937 random(1);
-    const auto front = [&] { return model.empty() ? -1 : model.front(); };
-    const auto back = [&] { return model.empty() ? -1 : model.back(); };
     for (int i = 0; i < 20000; ++i) {
-        const int value = static_cast<int>(random() % 100);
-        switch (random() % 6) {
-        case 0:
-            EXPECT_EQ(ll_append(list.get(), values[value]), list.get());
-            model.push_back(value);
-            break;
-        case 1:
-            ll_insert_head(list.get(), values[value]);
-            model.push_front(value);
-            break;
-        case 2:
-            EXPECT_EQ(number(dq_pop(list.get())), front());
+        const int a = static_cast<int>(random() % 10), b = static_cast<int>(random() % 10);
+        const auto foundA = std::find(model.begin(), model.end(), a), foundB = std::find(model.begin(), model.end(), b);
+        const bool hasA = foundA != model.end(), hasB = foundB != model.end();
+        const int front = model.empty() ? -1 : model.front(), back = model.empty() ? -1 : model.back();
+
+        ASSERT_EQ(static_cast<size_t>(ll_count(list)), model.size());
+        ASSERT_EQ(ll_is_empty(list) != 0, model.empty());
+        ASSERT_EQ(number(dq_peek(list)), front);
+        ASSERT_EQ(number(dq_peek_tail(list)), back);
+        ASSERT_EQ(number(ll_find(list, at(a), 1, matchNumber)), hasA ? a : -1);
+        Visits visits = {a};
+        ASSERT_EQ(ll_traverse(list, 1, visit, &visits), !model.empty() && !hasA);
+        ASSERT_EQ(visits.seen, Numbers(model.begin(), hasA ? foundA + 1 : foundA));
+        ll_node *cursor = nullptr;
+        for (const int value : model) ASSERT_EQ(number(ll_get(list, &cursor, 1)), value);
+        ASSERT_EQ(ll_get(list, &cursor, 1), nullptr);
+
+        const auto operation = random() % 6;
+        if (operation == 0) {
+            EXPECT_EQ(ll_append(list, at(a)), list);
+            model.push_back(a);
+        } else if (operation == 1) {
+            EXPECT_EQ(ll_insert_head(list, at(a)), list);
+            model.push_front(a);
+        } else if (operation == 2) {
+            EXPECT_EQ(number(dq_pop(list)), front);
             if (!model.empty()) model.pop_front();
-            break;
-        case 3:
-            EXPECT_EQ(number(dq_pop_tail(list.get())), back());
+        } else if (operation == 3) {
+            EXPECT_EQ(number(dq_pop_tail(list)), back);
             if (!model.empty()) model.pop_back();
-            break;
-        default: {
-            const auto found = std::find(model.begin(), model.end(), value);
-            const int expected = found != model.end() ? value : -1;
-            EXPECT_EQ(number(ll_find(list.get(), &value, 1, matchNumber)), expected);
-            EXPECT_EQ(number(ll_delete(list.get(), &value, matchNumber)), expected);
-            if (found != model.end()) model.erase(found);
+        } else if (operation == 4) {
+            EXPECT_EQ(number(ll_delete(list, at(a), matchNumber)), hasA ? a : -1);
+            if (hasA) model.erase(foundA);
+        } else {
+            EXPECT_EQ(ll_swap(list, at(a), at(b), 1, matchNumber), hasA && hasB ? 0 : -1);
+            if (hasA && hasB) std::iter_swap(foundA, foundB);
         }
-        }
-        ASSERT_EQ(static_cast<size_t>(ll_count(list.get())), model.size());
-        ASSERT_EQ(number(ll_head(list.get())), front());
-        ASSERT_EQ(number(ll_tail(list.get())), back());
     }
-    EXPECT_THAT(contents(list.get()), ElementsAreArray(model));
+    ll_free(list);
 }
 
 // Equal by the tens digit, so that equal values can be told apart.
 int compareTens(const void *a, const void *b) {
-    const int left = number(a) / 10;
-    const int right = number(b) / 10;
+    const int left = number(a) / 10, right = number(b) / 10;
     return (left > right) - (left < right);
 }
 
 using Tree = std::unique_ptr<bt_tree, decltype(&bt_free)>;
-Tree newTree() { return {bt_init(compareTens), bt_free}; }
+
+Tree treeOf(const Numbers &numbers) {
+    Tree tree = {bt_init(compareTens), bt_free};
+    for (const int i : numbers) EXPECT_EQ(bt_add(tree.get(), at(i)), tree.get());
+    return tree;
+}
 
 Numbers walk(bt_tree *tree, int order) {
-    Numbers numbers;
-    EXPECT_EQ(bt_traverse(tree, 1, order, collect, &numbers), nullptr);
-    return numbers;
+    Visits visits;
+    EXPECT_EQ(bt_traverse(tree, 1, order, visit, &visits), nullptr);
+    return visits.seen;
 }
 
-// A tree by the definition of insertion at the root: insert at the leaf, then rotate up, level by level.
-struct ModelNode {
-    int value;
-    std::unique_ptr<ModelNode> left, right;
-};
-using Model = std::unique_ptr<ModelNode>;
-
-Model insertAtRoot(Model node, int value) {
-    if (!node) return Model(new ModelNode{value, nullptr, nullptr});
-    Model up;
-    if (value / 10 < node->value / 10) {
-        up = insertAtRoot(std::move(node->left), value);
-        node->left = std::move(up->right);
-        up->right = std::move(node);
-    } else {
-        up = insertAtRoot(std::move(node->right), value);
-        node->right = std::move(up->left);
-        up->left = std::move(node);
-    }
-    return up;
-}
-
-void preOrder(const ModelNode *node, Numbers &numbers) {
-    if (node == nullptr) return;
-    numbers.push_back(node->value);
-    preOrder(node->left.get(), numbers);
-    preOrder(node->right.get(), numbers);
-}
-
-// A walk that ends early leaves its queue behind, which is no fault of the test that ends it.
-class LeavesItsQueue {
-#if defined(__SANITIZE_ADDRESS__)
-    const __lsan::ScopedDisabler leaksAllowed_;
-#endif
-public:
-    LeavesItsQueue() {}
-};
-
-TEST(Tree, AnswersForEmptyAndNull) {
-    const Tree empty = newTree();
-    for (bt_tree *tree : {empty.get(), static_cast<bt_tree *>(nullptr)}) {
-        const int key = 1;
-        EXPECT_EQ(bt_count(tree), 0);
-        EXPECT_EQ(bt_height(tree), 0);
-        EXPECT_EQ(bt_min(tree), nullptr);
-        EXPECT_EQ(bt_max(tree), nullptr);
-        EXPECT_EQ(bt_find(tree, &key, 1), nullptr);
-        EXPECT_EQ(bt_delete(tree, &key), nullptr);
-        for (int order = -1; order <= 5; ++order) EXPECT_THAT(walk(tree, order), IsEmpty());
-    }
-    int value = 1;
-    EXPECT_EQ(bt_add(nullptr, &value), nullptr);
-    bt_free(nullptr);
-}
-
-TEST(Tree, InsertsAtTheRootAndWalksInEveryOrder) {
-    Values values;
-    const Tree tree = newTree();
-    for (const int value : {50, 30, 80}) bt_add(tree.get(), values[value]);
-    EXPECT_EQ(number(tree->root->value), 80);
-    EXPECT_EQ(bt_height(tree.get()), 3);
-    EXPECT_THAT(walk(tree.get(), BT_PRE_ORDER), ElementsAre(80, 30, 50));
-    EXPECT_THAT(walk(tree.get(), BT_IN_ORDER), ElementsAre(30, 50, 80));
-    EXPECT_THAT(walk(tree.get(), BT_POST_ORDER), ElementsAre(50, 30, 80));
-    EXPECT_THAT(walk(tree.get(), BT_REVERSE_IN_ORDER), ElementsAre(80, 50, 30));
-    bt_add(tree.get(), values[60]);
-    EXPECT_THAT(walk(tree.get(), BT_BREADTH_FIRST), ElementsAre(60, 30, 80, 50));
-    EXPECT_EQ(number(bt_min(tree.get())), 30);
-    EXPECT_EQ(number(bt_max(tree.get())), 80);
-    bt_add(tree.get(), values[51]);
-    EXPECT_THAT(walk(tree.get(), BT_IN_ORDER), ElementsAre(30, 50, 51, 60, 80))
-        << "the older of two equals comes first";
-}
-
-// What a visit that returns 0 at 60 (the root), at 30 or at 80 leaves out.
-TEST(Tree, VisitsThatReturnZeroPrune) {
-    struct Visits {
-        int zeroAt;
-        Numbers seen;
-    };
-    const auto visit = [](void *value, void *argument) {
-        Visits *const visits = static_cast<Visits *>(argument);
-        visits->seen.push_back(number(value));
-        return number(value) != visits->zeroAt ? 1 : 0;
-    };
-    const struct {
-        int order, zeroAt;
-        Numbers seen;
-        bool rootReturned;
-    } cases[] = {
-        {BT_PRE_ORDER, 30, {60, 30, 80}, false},
-        {BT_PRE_ORDER, 60, {60}, true},
-        {BT_IN_ORDER, 30, {30, 60, 80}, false},
-        {BT_IN_ORDER, 60, {30, 50, 60}, true},
-        {BT_POST_ORDER, 30, {50, 30, 80, 60}, false},
-        {BT_POST_ORDER, 60, {50, 30, 80, 60}, true},
-        {BT_REVERSE_IN_ORDER, 80, {80, 60, 50, 30}, false},
-        {BT_REVERSE_IN_ORDER, 60, {80, 60}, true},
-        {BT_BREADTH_FIRST, 30, {60, 30}, false},
-    };
-    for (const auto &test : cases) {
-        Values values;
-        const Tree tree = newTree();
-        for (const int value : {50, 30, 80, 60}) bt_add(tree.get(), values[value]);
-        Visits visits = {test.zeroAt, {}};
-        const LeavesItsQueue leaves;
-        const int lock = test.order != BT_BREADTH_FIRST;
-        const int result = number(bt_traverse(tree.get(), lock, test.order, visit, &visits));
-        EXPECT_EQ(visits.seen, test.seen) << "order " << test.order << ", 0 at " << test.zeroAt;
-        EXPECT_EQ(result, test.rootReturned ? 60 : -1) << "order " << test.order << ", 0 at " << test.zeroAt;
-    }
-}
-
-TEST(Tree, BreadthFirstStoppedEarlyLeavesTheTreeLocked) {
-    Values values;
-    const Tree tree = newTree();
-    bt_add(tree.get(), values[1]);
-    const auto stop = [](void *, void *) { return 0; };
-    const LeavesItsQueue leaves;
-    bt_traverse(tree.get(), 1, BT_BREADTH_FIRST, stop, nullptr);
-    EXPECT_EQ(pthread_mutex_trylock(&tree->lock), EBUSY);
-    pthread_mutex_unlock(&tree->lock);
+// The definition of insertion at the root, in pre-order: the newest is the root; on its left is what does not sort
+// behind it, older equals too; and so on.
+Numbers shapeOf(Numbers inserted) {
+    if (inserted.empty()) return {};
+    const int root = inserted.back();
+    inserted.pop_back();
+    Numbers shape = {root};
+    const auto onTheLeft = [&](int value) { return value / 10 <= root / 10; };
+    const auto right = std::stable_partition(inserted.begin(), inserted.end(), onTheLeft);
+    for (const int value : shapeOf({inserted.begin(), right})) shape.push_back(value);
+    for (const int value : shapeOf({right, inserted.end()})) shape.push_back(value);
+    return shape;
 }
 
 TEST(Tree, KeepsTheShapeThatItsDefinitionGives) {
-    Values values;
     std::mt19937 random(2);
+    Numbers all(90);
+    std::iota(all.begin(), all.end(), 10);
     for (int round = 0; round < 200; ++round) {
-        const Tree tree = newTree();
-        Model model;
-        const int size = static_cast<int>(random() % 40);
-        for (int i = 0; i < size; ++i) {
-            const int value = static_cast<int>(random() % 100);
-            bt_add(tree.get(), values[value]);
-            model = insertAtRoot(std::move(model), value);
-        }
-        Numbers expected;
-        preOrder(model.get(), expected);
-        ASSERT_EQ(walk(tree.get(), BT_PRE_ORDER), expected);
-        ASSERT_EQ(bt_count(tree.get()), size);
-
-        for (int tens = 0; tens < 100; tens += 10) {
-            Numbers before = walk(tree.get(), BT_IN_ORDER);
-            const int found = number(bt_find(tree.get(), &tens, 1));
-            ASSERT_EQ(number(bt_delete(tree.get(), &tens)), found);
-            std::erase(before, found);
-            Numbers after = walk(tree.get(), BT_IN_ORDER);
-            std::erase(after, found);
-            ASSERT_EQ(after, before);
-            ASSERT_TRUE(std::is_sorted(after.begin(), after.end(), [](int a, int b) { return a / 10 < b / 10; }));
+        std::shuffle(all.begin(), all.end(), random);
+        const Numbers numbers(all.begin(), all.begin() + 1 + static_cast<int>(random() % 40));
+        const Tree tree = treeOf(numbers);
+        ASSERT_EQ(walk(tree.get(), BT_PRE_ORDER), shapeOf(numbers));
+        Numbers left = walk(tree.get(), BT_IN_ORDER);
+        for (const int key : numbers) {
+            ASSERT_EQ(bt_count(tree.get()), static_cast<int>(left.size()));
+            ASSERT_EQ(number(bt_min(tree.get())), left.front());
+            ASSERT_EQ(number(bt_max(tree.get())), left.back());
+            const int found = number(bt_find(tree.get(), at(key), 1));
+            ASSERT_EQ(found / 10, key / 10);
+            ASSERT_EQ(number(bt_delete(tree.get(), at(key))), found);
+            left.erase(std::find(left.begin(), left.end(), found));
+            ASSERT_EQ(walk(tree.get(), BT_IN_ORDER), left);
         }
     }
 }
 
-TEST(Tree, FreesAHundredThousandInOneLine) {
-    Values values;
-    const Tree tree = newTree();
-    for (int i = 0; i < 100000; ++i) bt_add(tree.get(), values[1]);
-    EXPECT_EQ(bt_count(tree.get()), 100000);
+// Of a tree of 60 at the root, 30 (with 50 on its right) and 80: every order, whole and with a visit that returns 0.
+TEST(Tree, IsWalkedInEveryOrderAndPruned) {
+    const std::tuple<int, int, Numbers, int> cases[] = {{BT_PRE_ORDER, -1, {60, 30, 50, 80}, -1},
+                                                        {BT_PRE_ORDER, 30, {60, 30, 80}, -1},
+                                                        {BT_PRE_ORDER, 60, {60}, 60},
+                                                        {BT_IN_ORDER, 30, {30, 60, 80}, -1},
+                                                        {BT_IN_ORDER, 60, {30, 50, 60}, 60},
+                                                        {BT_POST_ORDER, 30, {50, 30, 80, 60}, -1},
+                                                        {BT_POST_ORDER, 60, {50, 30, 80, 60}, 60},
+                                                        {BT_REVERSE_IN_ORDER, -1, {80, 60, 50, 30}, -1},
+                                                        {BT_REVERSE_IN_ORDER, 60, {80, 60}, 60},
+                                                        {BT_BREADTH_FIRST, -1, {60, 30, 80, 50}, -1},
+                                                        {BT_BREADTH_FIRST, 30, {60, 30}, -1}};
+    for (const auto &[order, zeroAt, seen, result] : cases) {
+        const auto traverse = [&, order = order, zeroAt = zeroAt] {
+            const Tree tree = treeOf({50, 30, 80, 60});
+            EXPECT_EQ(bt_height(tree.get()), 3);
+            Visits visits = {zeroAt};
+            EXPECT_EQ(number(bt_traverse(tree.get(), 1, order, visit, &visits)), result) << order;
+            EXPECT_EQ(visits.seen, seen) << "order " << order << ", 0 at " << zeroAt;
+            const bool stopped = order == BT_BREADTH_FIRST && zeroAt >= 0;
+            EXPECT_EQ(pthread_mutex_trylock(&tree->lock) != 0, stopped) << "left locked";
+            pthread_mutex_unlock(&tree->lock);
+        };
+        // In a child, which ends without the leak check: a walk that is ended early leaves its queue behind.
+        EXPECT_EQ(board::wait(board::fork(traverse)), 0);
+    }
+}
+
+TEST(Tree, IsFreedWithoutRecursion) { EXPECT_EQ(bt_count(treeOf(Numbers(100000, 1)).get()), 100000); }
+
+TEST(Containers, AnswerForNullAndEmpty) {
+    ll_node *cursor = nullptr;
+    EXPECT_EQ(ll_is_empty(nullptr), 1);
+    EXPECT_EQ(ll_count(nullptr) + ll_traverse(nullptr, 1, visit, nullptr), 0);
+    EXPECT_EQ(ll_swap(nullptr, at(1), at(1), 1, matchNumber), -1);
+    for (auto *take : {ll_head, ll_tail, ll_delete_head, ll_delete_tail}) EXPECT_EQ(take(nullptr), nullptr);
+    for (auto *add : {ll_append, ll_insert_head}) EXPECT_EQ(add(nullptr, at(1)), nullptr);
+    EXPECT_EQ(ll_delete(nullptr, at(1), matchNumber), ll_find(nullptr, at(1), 1, matchNumber));
+    EXPECT_EQ(ll_get(nullptr, &cursor, 1), bt_add(nullptr, at(1)));
+    const Tree empty = treeOf({}), null = {nullptr, bt_free};
+    for (const Tree *tree : {&empty, &null}) {
+        EXPECT_EQ(bt_count(tree->get()) + bt_height(tree->get()), 0);
+        for (auto *end : {bt_min, bt_max}) EXPECT_EQ(end(tree->get()), nullptr);
+        EXPECT_EQ(bt_find(tree->get(), at(1), 1), bt_delete(tree->get(), at(1)));
+        for (int order = -1; order <= 5; ++order) EXPECT_EQ(walk(tree->get(), order), Numbers{});
+    }
 }
 
 }  // namespace

@@ -1,0 +1,298 @@
+// Addresses and the country code in the calibration partition, and the report.
+
+#include <sys/mount.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "daemon/board.h"
+#include "identity/country.h"
+#include "identity/mac.h"
+#include "identity/report.h"
+#include "support/configuration.h"
+#include "tests/fake_devices.h"
+#include "tests/firmware/image_bytes.h"
+#include "tests/native_board.h"
+
+using namespace std::string_literals;
+using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
+
+namespace {
+
+constexpr char kDevice[] = "/dev/mtdblock6";
+
+std::string stored(const char *key) { return if_exist(key) ? RETURN_DEF_STR(key) : "(none)"; }
+
+class Identity : public board::NativeBoardTest {
+protected:
+    void SetUp() override {
+        NativeBoardTest::SetUp();
+        board::writeFile(kDefaultConfiguration, "#& 1\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\n");
+        init_configuration();
+    }
+};
+
+constexpr size_t kBlock = 0x5000;  // the calibration block, whose second word is its checksum
+constexpr size_t kChecksum = kBlock + 2;
+
+class Calibration : public Identity {
+protected:
+    void SetUp() override {
+        Identity::SetUp();
+        wireTotal = 0;
+        board::writeFile(kDevice, initial());
+        add_configuration("SYSTEM_ART_PART", "6");
+    }
+
+    static std::string initial() { return std::string(65536, 'x'); }
+    static std::string flash() { return board::readFile(kDevice); }
+
+    // By the checksum's definition: all 16-bit words of the block, in the processor's order, give 0xFFFF.
+    static bool checksumHolds() {
+        uint16_t words[2116 / 2] = {}, sum = 0;
+        flash().copy(reinterpret_cast<char *>(words), sizeof words, kBlock);
+        for (const uint16_t word : words) sum = static_cast<uint16_t>(sum ^ word);
+        return sum == 0xFFFF;
+    }
+
+    static int setMacWith(const char *arguments, const char *address) {
+        add_configuration("SYSTEM_MAC_ARGS", arguments);
+        return setMac(address);
+    }
+};
+
+TEST_F(Calibration, AddressesAreReadInBothForms) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"aB:cD:eF:0a:1b:2C", "AB:CD:EF:0A:1B:2C"}, {"zz:1z:z1:-1:12:34", "00:01:00:FF:12:34"},
+        {"00:11:22", "00:11:22:00:00:00"},          {"::::::", "00:00:00:00:00:00"},
+        {"001122334455", "00:00:42:E5:76:F7"},      {"12ab34", "00:00:00:00:00:0C"},
+        {"281474976710657", "00:00:00:00:00:01"},   {"-1", "FF:FF:FF:FF:FF:FF"}};
+    for (const auto &[text, address] : cases) {
+        EXPECT_EQ(setMacWith("6 1 0 1_0", text), 0) << text;
+        EXPECT_EQ(stored("PORT1_ORIG_MAC"), address) << text;
+    }
+}
+
+TEST_F(Calibration, SlotsGetOneAddressAfterAnother) {
+    wireTotal = 1;
+    EXPECT_EQ(setMacWith("6 2 2 2_6 1_0x0 70_100 60_5006 49_200 59_300 50_1002", "FF:FF:FF:FF:FF:FD"), 0);
+    const std::pair<size_t, std::string> slots[] = {// clang-format off
+        {0x6, "\xFF\xFF\xFF\xFF\xFF\xFD"s}, {0x0, "\xFF\xFF\xFF\xFF\xFF\xFE"s}, {0x100, "\xFF\xFF\xFF\xFF\xFF\xFF"s},
+        {0x5006, "\0\0\0\0\0\0"s}, {0x200, "\0\0\0\0\0\1"s}, {0x300, "\0\0\0\0\0\2"s}, {0x1002, "\0\0\0\0\0\3"s},
+        {kChecksum, flash().substr(kChecksum, 2)}};
+    // clang-format on
+    std::string expected = initial();
+    for (const auto &[offset, bytes] : slots) expected.replace(offset, bytes.size(), bytes);
+    EXPECT_EQ(flash(), expected);
+    EXPECT_TRUE(checksumHolds());
+    EXPECT_EQ(stored("PORT2_ORIG_MAC") + stored("PORT49_ORIG_MAC"), "FF:FF:FF:FF:FF:FD00:00:00:00:00:01");
+    EXPECT_EQ(stored("WIFI_5G_MAC") + stored("PORT70_ORIG_MAC"), "00:00:00:00:00:00(none)");
+    EXPECT_EQ(stored("WIFI_2.4G_MAC"), "00:00:00:00:00:03") << "the last of two";
+    EXPECT_THAT(board::logTexts(), ElementsAre("set ethernet MAC: FF:FF:FF:FF:FF:FD, ftell=0xc",
+                                               "set ethernet MAC: FF:FF:FF:FF:FF:FE, ftell=0x6",
+                                               "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x500c",
+                                               "set ethernet MAC: 00:00:00:00:00:01, ftell=0x206",
+                                               "set wireless(2.4G) MAC: 00:00:00:00:00:02, ftell=0x306",
+                                               "set wireless(2.4G) MAC: 00:00:00:00:00:03, ftell=0x1008",
+                                               "/sbin/ifconfig eth0 192.168.1.1 > /dev/null 2>&1",
+                                               "/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &"));
+}
+
+TEST_F(Calibration, TheChecksumIsRepairedForA5GSlotAlone) {
+    setMacWith("6 1 1 1_5010 50_5020", "1");
+    EXPECT_FALSE(checksumHolds());
+    add_configuration("SYSTEM_ART_PART", "7");
+    setMacWith("6 1 1 69_0", "1");
+    EXPECT_FALSE(checksumHolds()) << "another partition, which is not there";
+    add_configuration("SYSTEM_ART_PART", "6");
+    setMac("1");
+    EXPECT_TRUE(checksumHolds());
+    for (const size_t byte : {kChecksum, kChecksum + 1, kBlock, kBlock + 2115}) {
+        std::string broken = flash();
+        broken[byte] = static_cast<char>(broken[byte] ^ 1);
+        board::writeFile(kDevice, broken);
+        setMac("1");
+        EXPECT_TRUE(checksumHolds()) << byte;
+    }
+}
+
+// Result, addresses written, and lines logged behind them: the ping, when it came so far.
+TEST_F(Calibration, SlotListsOfAnyShape) {
+    const std::tuple<const char *, int, int, size_t> cases[] = {
+        {"6 2 2", 0, 0, 1},      {"6 2 2 ", 0, 0, 1},
+        {"6", 0, 0, 1},          {"6 2 2 1_0 ", 0, 1, 1},
+        {"6 2 2 bad", -1, 0, 0}, {"6 2 2 1_0  2_10", 0, 2, 1},
+        {"6 2 2 1_", 0, 1, 1},   {"6 2 2 1_0 bad", -1, 1, 0},
+        {"6 2 2 _0", 0, 1, 1},   {"6 2 2 1_0 bad 2_10", 0, 2, 1},
+        {"7 2 2 1_0", -1, 0, 0}, {"x 2 2 1_0", -1, 0, 0}};
+    for (const auto &[arguments, result, slots, commands] : cases) {
+        SetUp();
+        EXPECT_EQ(setMacWith(arguments, "1"), result) << arguments;
+        const std::string after = flash();
+        EXPECT_EQ(after.size() - static_cast<size_t>(std::count(after.begin(), after.end(), 'x')), 6 * slots);
+        EXPECT_EQ(board::logTexts().size(), slots + commands) << arguments;
+        EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "nothing is created";
+    }
+    del_configuration("SYSTEM_MAC_ARGS");
+    EXPECT_EQ(setMac("1"), -1);
+}
+
+TEST_F(Calibration, TheCountryIsTwoBytesOnTheFlash) {
+    std::string expected = initial();
+    char code[] = "##!!";
+    for (const char *arguments : {"", "7 0", "x"}) {
+        if (*arguments != '\0') add_configuration("SYSTEM_COUNTRY_ARGS", arguments);
+        for (const int mode : {1, 0}) EXPECT_EQ(CountryRW(mode, code), 0) << arguments;
+        EXPECT_STREQ(code, "##!!") << arguments;
+    }
+    add_configuration("SYSTEM_COUNTRY_ARGS", "6 1f0");
+    for (const std::string &text : {"US"s, "de"s, "\xFF\x01"s, "D\0"s, "USA"s}) {
+        std::string buffer = text;
+        EXPECT_EQ(CountryRW(1, buffer.data()), 0);
+        expected.replace(0x1F0, 2, text.substr(0, 2));
+        EXPECT_EQ(flash(), expected);
+        EXPECT_EQ(CountryRW(0, code), 0);
+        EXPECT_EQ(std::string(code, 4), text.substr(0, 2) + "\0!"s);
+    }
+    EXPECT_FALSE(board::exists("/dev/mtdblock7"));
+}
+
+std::string line(const std::string &text) { return "\033[1;37;40m" + text + "\033[0m\n"; }
+
+const std::string kBanner = "\033[1;37;41m>>>>>>> ERROR <<<<<<<", kRule = line(std::string(52, '='));
+const std::string kTableHead = "\n" + line(" PortNum | Link | Speed | Duplex ");
+
+// Of the table of ports; the verdicts as "OXO": link, speed, duplex.
+std::string row(int port, const std::string &verdicts) {
+    const auto shown = [&](size_t i) { return verdicts[i] == 'O' ? "O" : "\033[1;37;41mX\033[1;37;40m"; };
+    return line("    " + std::to_string(port) + "    |   " + shown(0) + "  |   " + shown(1) + "   |    " + shown(2) +
+                "   ");
+}
+
+std::string report(int pingFlag) {
+    char buffer[kReportSize + 1];
+    memset(buffer, '?', sizeof buffer);
+    getInfo(buffer, pingFlag);
+    EXPECT_EQ(buffer[kReportSize], '?') << "written past the buffer";
+    return buffer;
+}
+
+class Report : public Identity {
+protected:
+    void SetUp() override {
+        Identity::SetUp();
+        wireTotal = 2;
+        wirelessTotal = 2;
+        support_freq = 3;
+        fakeLinks = {{"good", {}}, {"slow", {.speed = 100}}};
+        board::writeFile("/etc/system.info", image_bytes::padded(image_bytes::productBlock(), 76));
+        board::writeFile("/etc/html.info", "& 12000\nname value\n");
+        board::writeFile("/etc/entry.info", "& 3\nname value\n");
+        board::writeFile(kDevice, "US");
+        add_configuration("SYSTEM_COUNTRY_ARGS", "6 0");
+        add_configuration("PORT1_ORIG_MAC", "00:11:22:33:44:5a");
+        add_configuration("WIFI_2.4G_MAC", "00:11:22:33:44:5b");
+    }
+};
+
+// Every combination of the ping flag, the radios fitted and present, memory, and ports.
+TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
+    const int memory = std::stoi(board::readFile("/proc/meminfo").substr(strlen("MemTotal:")));
+    for (int flags = 0; flags < 256; ++flags) {
+        const bool ping = flags & 1, fitted24 = flags & 2, fitted5 = flags & 4, present24 = flags & 8;
+        const bool present5 = flags & 16, enough = flags & 32, portsPass = flags & 64, radios = flags & 128;
+        support_freq = (fitted24 ? 1 : 0) | (fitted5 ? 2 : 0);
+        wirelessTotal = radios ? 2 : 0;
+        // Either key of a radio will do.
+        add_configuration("WIFI_24G_DEV", !present24 ? "missing0" : fitted5 ? "eth0" : "");
+        add_configuration("WIFI_24G_DEVICE", present24 && !fitted5 ? "eth0" : "missing0");
+        add_configuration("WIFI_5G_DEV", !present5 ? "missing1" : fitted24 ? "lo:" : "");
+        add_configuration("WIFI_5G_DEVICE", present5 && !fitted24 ? "lo:" : "missing1");
+        add_configuration("SYSTEM_MEMORY_MINIMUM", std::to_string(enough ? memory - 1 : memory).c_str());
+        add_configuration("SYSTEM_CHECK_ETH_STATUS", portsPass ? "none" : "slow_ethtool_0 good_ethtool_0");
+        const bool ok24 = present24 || !radios, ok5 = present5 || !radios;
+
+        std::string expected = "INFO ";
+        if (ping && fitted24 && !ok24) expected += "2.4G ERROR ";
+        if (ping && fitted5 && !ok5) expected += "5G ERROR ";
+        if (ping && !portsPass) expected += "Ethernet ERROR ";
+        if (ping && !enough) expected += "Memory ERROR ";
+        expected += "\n" + kRule + line(" Vendor: ACME ") + line(" Product: AP-1 ") + line(" Version: 1.02.03 ") +
+                    line(" Memory: " + std::to_string(memory) + " kB " + (enough ? "" : kBanner));
+        if (radios) expected += line(" Country: US ");
+        expected += line(" Wire MAC 1: 00:11:22:33:44:5a ") + line(" Wire MAC 2: none ");
+        if (radios && fitted24) expected += line(" Wireless 2.4G MAC: 00:11:22:33:44:5B " + (ok24 ? "" : kBanner));
+        if (radios && fitted5) expected += line(" Wireless   5G MAC: none " + (ok5 ? "" : kBanner));
+        if (!portsPass) expected += kTableHead + row(1, "OXO") + row(2, "OOO");
+        ASSERT_EQ(report(ping), expected + kRule) << "flags " << flags;
+    }
+}
+
+TEST_F(Report, PortsAreExaminedByTheirEntry) {
+    board::writeFile("/sbin/swconfig", R"(#!/bin/sh
+[ "$*" = 'dev switch0 show' ] || exit 1
+echo 'Global attributes: link:
+	link: port:0 link:up speed:1000baseT full-duplex txflow
+	link: port:1 link:down
+link: port:2 link:up speed:1000baseT half-duplex
+link: port:3 link:up speed:100baseT full-duplex
+link: noport link:up speed:1000baseT full-duplex
+link: port:4 link:up
+link: port:5 up speed:1000baseT full-duplex
+carrier: port:6 carrier:up speed:1000baseT full-duplex')");
+    std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
+    fakeLinks = {{"good", {}},
+                 {"fast", {.speed = 2500}},
+                 {"faster", {.speed = 10000}},
+                 {"slow", {.speed = 100}},
+                 {"half", {.duplex = 0}},
+                 {"odd", {.speed = 2000, .duplex = 255}},
+                 {"down", {.up = false}},
+                 {"gone", {.told = false}},
+                 {"sixteen-letters", {}}};
+    const std::pair<const char *, std::vector<std::string>> cases[] = {
+        {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
+        {"", {"switch0_swconfig_0", "switch0_swconfig_10"}},
+        {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23"}},
+        {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
+        {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
+        {"XXX",
+         {"down_ethtool_0", "gone_ethtool_0", "none_ethtool_0", "sixteen-letters-_ethtool_0", "good_x_0", "good"}},
+        {"XXX", {"switch0_swconfig_1", "switch0_swconfig_5", "switch0_swconfig_6", "switch1_swconfig_0"}}};
+    wireTotal = 1;
+    wirelessTotal = 0;
+    for (const auto &[verdicts, entries] : cases) {
+        const std::string table = *verdicts != '\0' ? kTableHead + row(1, verdicts) : "";
+        for (const std::string &entry : entries) {
+            add_configuration("SYSTEM_CHECK_ETH_STATUS", entry.c_str());
+            EXPECT_THAT(report(1), EndsWith(line(" Wire MAC 1: 00:11:22:33:44:5a ") + table + kRule)) << entry;
+        }
+    }
+    // The word holds eight entries of four bits: the ninth falls onto the first.
+    wireTotal = 3;
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ fast_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ fast_ethtool_");
+    EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
+}
+
+TEST_F(Report, ALongReportIsCutToItsBuffer) {
+    wireTotal = 60;
+    EXPECT_EQ(report(1).size(), static_cast<size_t>(kReportSize) - 1);
+    getInfo(nullptr, 1);
+}
+
+TEST_F(Report, MissingSourcesAreFailedChecks) {
+    std::filesystem::rename("/etc/html.info", "/etc/moved");
+    EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
+    std::filesystem::rename("/etc/moved", "/etc/html.info");
+    report(0);
+    board::writeFile("/etc/system.info", image_bytes::padded("OTHER", 76));
+    add_configuration("WIFI_24G_DEVICE", "eth0");
+    ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+    const std::string text = report(1);
+    umount("/proc");
+    EXPECT_THAT(text, StartsWith("INFO 2.4G ERROR 5G ERROR Memory ERROR \n"));
+    EXPECT_THAT(text, HasSubstr(line(" Memory: 0 kB " + kBanner)));
+    EXPECT_THAT(text, HasSubstr(line(" Vendor: ACME "))) << "once read, the product is known";
+}
+
+}  // namespace
