@@ -29,6 +29,7 @@ class Discovery : public board::ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
+        setenv("HURRY", "1", 1);
         board::inStationNetwork([&] { link_ = station::openLink("station"); });
         ifreq request = {};
         strcpy(request.ifr_name, "eth0");
