@@ -1,21 +1,14 @@
 // The daemon as the station meets it: the real binary on the native board, the station's library at the other end of
 // the cable.
 
-#include <arpa/inet.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <thread>
 
-#include "station/session.h"
 #include "support/configuration.h"
-#include "support/process_file.h"
-#include "tests/native_board.h"
 #include "tests/service.h"
 
 using station::Milliseconds;
@@ -25,7 +18,6 @@ using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::SizeIs;
 
 namespace {
 
@@ -59,15 +51,6 @@ TEST_F(Connection, EveryCommandGetsItsReplyInItsFrame) {
         session.sendBytes(test.command);
         EXPECT_EQ(session.receiveReply(kSoon), test.reply) << test.command << ", bare";
     }
-    session.sendBytes("PINGWAITING");
-    EXPECT_EQ(session.receiveReply(kSoon), "PING 2") << "two commands in one segment are one command";
-    session.sendBytes(std::string(64, 'x') + "PING");
-    std::string replies(128, '?');
-    ASSERT_EQ(recv(session.descriptor(), replies.data(), replies.size(), MSG_WAITALL), 128);
-    EXPECT_STREQ(replies.c_str(), "UNKNOWN") << "a command ends at 64 bytes";
-    EXPECT_STREQ(replies.c_str() + 64, "PING 2");
-    session.sendBytes("P");
-    EXPECT_EQ(session.receiveReply(kSoon), "UNKNOWN");
     session.sendBytes("BYEBYE");
     EXPECT_EQ(session.receiveReply(kSoon), "BYE");
     session.expectClose(kSoon);
@@ -97,19 +80,6 @@ TEST_F(Connection, TheDaemonTriesUntilAStationListens) {
     Session session = listener.accept(kSoon);
     session.sendCommand("PING");
     EXPECT_EQ(session.receiveReply(kSoon), "PING 2");
-}
-
-TEST_F(Connection, AStationThatGoesEndsTheService) {
-    for (const bool reset : {false, true}) {
-        SetUp();
-        std::optional<Session> session = startSession();
-        session->sendCommand("PING");
-        session->receiveReply(kSoon);
-        if (reset) session->reset();
-        session.reset();
-        EXPECT_TRUE(hasEnded());
-        EXPECT_EQ(sessionLog().back(), "closeSocket (Socketid = 3)");
-    }
 }
 
 // The station has gone before the reply: the send fails, which must not end the process by a signal, and the next

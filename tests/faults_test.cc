@@ -173,6 +173,7 @@ TEST_F(Faults, TheStationMayGoAtAnyStep) {
             if (last % 2 == 0) session->reset();
             session.reset();
             EXPECT_TRUE(hasEnded()) << testing::PrintToString(board::logTexts());
+            EXPECT_EQ(board::logTexts().back(), "closeSocket (Socketid = 3)");
             expectNothingElseOnTheFlash();
             TearDown();
         }

@@ -1,20 +1,15 @@
 // Commands that carry a payload, over the wire, on the fake flash.
 
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <optional>
-#include <thread>
 
 #include "tests/firmware/image_bytes.h"
 #include "tests/service.h"
 
 using station::Milliseconds;
 using station::Session;
-using station::SessionError;
-using testing::AllOf;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
@@ -80,13 +75,6 @@ TEST_F(Payload, SizesThatAreNoNumberAreZero) {
     EXPECT_EQ(board::readFile(kReceived), "abc");
 }
 
-TEST_F(Payload, VersionLogsTheIdentity) {
-    Session session = startSession();
-    const std::string block = image_bytes::productBlock() + "sections";
-    EXPECT_EQ(ask(session, "VERSION " + std::to_string(block.size()), block), "OK");
-    EXPECT_THAT(board::logTexts(), Contains("Vendor: ACME\nProduct: AP-1\nVersion: 1.02.03\nMark: 00012003"));
-}
-
 TEST_F(Payload, ScriptsAreRunAndTheCommandIsEchoed) {
     Session session = startSession();
     const std::string script = "#!/bin/sh\necho printed\necho mark > /tmp/mark\n";
@@ -133,29 +121,6 @@ TEST_F(Payload, AStationThatGoesInTheMiddleEndsTheService) {
         EXPECT_TRUE(partition(2) == flashed(data.substr(0, arrived))) << arrived;
         EXPECT_THAT(board::logTexts().back(), HasSubstr("closeSocket"));
     }
-}
-
-TEST_F(Payload, ASlowStationIsWaitedFor) {
-    Session session = startSession();
-    session.sendCommand("FW ROOTFS 2000");
-    const std::string data = pattern(2000);
-    for (size_t i = 0; i < data.size(); i += 100) {
-        session.sendBytes(data.substr(i, 100));
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(session.receiveReply(kSoon), "OK");
-    EXPECT_TRUE(partition(3) == flashed(data));
-}
-
-// More than was announced is read as commands, 64 bytes each.
-TEST_F(Payload, WhatIsBehindThePayloadIsACommand) {
-    Session session = startSession();
-    session.sendCommand("FW CONFIG 3");
-    session.sendBytes("abcPING");
-    std::string replies(128, '?');
-    ASSERT_EQ(recv(session.descriptor(), replies.data(), replies.size(), MSG_WAITALL), 128);
-    EXPECT_STREQ(replies.c_str(), "OK");
-    EXPECT_STREQ(replies.c_str() + 64, "PING 2");
 }
 
 // The modes of the console, on the device nodes that an earlier run has copied.
