@@ -62,7 +62,7 @@ void enterBoard() {
     fs::current_path(folder, unseen);  // where the arguments' paths start, if the build can be seen from there
     prctl(PR_SET_NAME, "telnetd");     // whose presence tells the daemon that the board is up
     for (const auto &file : kFiles) put(file.path, file.content);
-    fake_link::links["eth0"] = {};
+    fakeLinks["eth0"] = {};
     init_configuration();
     loaded.assign(static_cast<const char *>(segment), kConfigurationSize);
 }
@@ -75,8 +75,7 @@ void reset() {
     pingFlag = 0;
     factoryResetFlag = 0;
     output.clear();
-    fake_mtd::reset();
-    fake_mtd::eraseSize = 64;
+    fakeFlash = {.eraseSize = 64};
 }
 
 // Not by a C++ stream, whose writes would go by the rules of flash.
