@@ -29,7 +29,6 @@ class Discovery : public board::ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        setenv("HURRY", "1", 1);
         board::inStationNetwork([&] { link_ = station::openLink("station"); });
         ifreq request = {};
         strcpy(request.ifr_name, "eth0");
@@ -64,9 +63,11 @@ TEST_F(Discovery, AnswersThreeTimesAndThenConnects) {
             station::Listener listener = listenAsStation();
             startListening();
             EXPECT_EQ(station::discover(*link_, destination, size, kSoon), board_) << size;
-            station::Session session = listener.accept(kSoon);
-            session.sendCommand("PING");
-            EXPECT_EQ(session.receiveReply(kSoon), "PING 2");
+            {
+                station::Session session = listener.accept(kSoon);
+                session.sendCommand("PING");
+                EXPECT_EQ(session.receiveReply(kSoon), "PING 2");
+            }
             TearDown();
         }
     }

@@ -34,7 +34,6 @@ class Faults : public board::ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        setenv("HURRY", "1", 1);
         for (const char *variable : {"FAIL_CALL", "LIST_CALLS"}) unsetenv(variable);
         makeFlash();
         board::writeFile("/sys/class/block/mtdblock2/device/name", "kernel");

@@ -26,6 +26,9 @@
 #include "support/configuration.h"
 #include "tests/board_root.h"
 
+// There in a build that counts what the tests run.
+extern "C" [[gnu::weak]] void __gcov_dump();
+
 namespace board {
 namespace {
 
@@ -230,6 +233,7 @@ pid_t fork(const std::function<void()> &function) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     function();
     fflush(stdout);
+    if (__gcov_dump != nullptr) __gcov_dump();
     _exit(testing::Test::HasFailure() ? 1 : 0);
 }
 

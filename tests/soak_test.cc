@@ -27,7 +27,6 @@ class Soak : public board::ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        setenv("HURRY", "1", 1);
         // What is freed goes back at once, so that memory can be compared. Leaks of a session are searched elsewhere.
         setenv("ASAN_OPTIONS", "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:detect_leaks=0", 1);
         board::writeFile("/dev/mtd5", std::string(65536, '\x55'));
