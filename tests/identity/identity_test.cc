@@ -241,15 +241,13 @@ link: port:4 link:up
 link: port:5 up speed:1000baseT full-duplex
 carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
-    fakeLinks = {{"good", {}},
-                 {"fast", {.speed = 2500}},
-                 {"faster", {.speed = 10000}},
-                 {"slow", {.speed = 100}},
-                 {"half", {.duplex = 0}},
-                 {"odd", {.speed = 2000, .duplex = 255}},
-                 {"down", {.up = false}},
-                 {"gone", {.told = false}},
-                 {"sixteen-letters", {}}};
+    fakeLinks["fast"].speed = 2500;
+    fakeLinks["faster"].speed = 10000;
+    fakeLinks["half"].duplex = 0;
+    fakeLinks["odd"] = {.speed = 2000, .duplex = 255};
+    fakeLinks["down"].up = false;
+    fakeLinks["gone"].told = false;
+    fakeLinks["sixteen-letters"] = {};
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
         {"", {"switch0_swconfig_0", "switch0_swconfig_10"}},
@@ -285,7 +283,7 @@ TEST_F(Report, MissingSourcesAreFailedChecks) {
     EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
     std::filesystem::rename("/etc/moved", "/etc/html.info");
     report(0);
-    board::writeFile("/etc/system.info", image_bytes::padded("OTHER", 76));
+    board::writeFile("/etc/system.info", image_bytes::padded(image_bytes::productBlock().replace(0, 4, "ELSE"), 76));
     add_configuration("WIFI_24G_DEVICE", "eth0");
     ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
     const std::string text = report(1);
