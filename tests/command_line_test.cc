@@ -108,6 +108,15 @@ TEST_F(CommandLine, SwitchAddressesThePorts) {
     }
 }
 
+TEST_F(CommandLine, CountryTellsTheOldAndTheNew) {
+    configure("#& 1\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\nSYSTEM_COUNTRY_ARGS = \"6 100\"\n");
+    board::writeFile("/dev/mtdblock6", std::string(65536, 'U'));
+    EXPECT_EQ(printedBy({"country", "DE"}), "Country: UU -> DE\n");
+    EXPECT_EQ(printedBy({"country", "F"}), "Country: DE -> F\n");
+    EXPECT_EQ(printedBy({"country", "USA"}), "Country: F -> US\n");
+    EXPECT_EQ(printedBy({"country"}), "Country: US\n");
+}
+
 // The seven commands of a pair.
 std::vector<std::string> swapOf(const std::string &a, const std::string &b) {
     return {"/sbin/ifconfig " + a + " down",
