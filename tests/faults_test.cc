@@ -41,7 +41,7 @@ protected:
         board::writeFile("/etc/html.info", "& 12003\nname value\n");
         board::writeFile("/etc/entry.info", "& 12003\nname value\n");
         const std::string settings = board::readFile("/etc/.config") +
-                                     "SYSTEM_ART_PART = 6\nSYSTEM_CHECK_ETH_STATUS = "
+                                     "SYSTEM_ART_PART = 6\nSYSTEM_COUNTRY_ARGS = \"6 100\"\nSYSTEM_CHECK_ETH_STATUS = "
                                      "\"eth0_ethtool_0 switch0_swconfig_1\"\nWIFI_24G_DEVICE = eth0\n";
         configure(settings);
         if (!link_) board::inStationNetwork([&] { link_ = station::openLink("station"); });
@@ -126,8 +126,9 @@ protected:
         ASSERT_EQ(calibration.size(), kPartition);
         std::string outside = calibration;
         for (const size_t slot : {0x0, 0x6, 0x1002, 0x5006}) outside.replace(slot, 6, 6, '\x55');
-        outside.replace(0x5002, 2, 2, '\x55');
-        EXPECT_EQ(outside.find_first_not_of('\x55'), std::string::npos) << "nothing but addresses and their checksum";
+        for (const size_t word : {0x100, 0x5002}) outside.replace(word, 2, 2, '\x55');
+        EXPECT_EQ(outside.find_first_not_of('\x55'), std::string::npos)
+            << "nothing but addresses, their checksum and the country";
     }
 
     const board::NamedProcess telnetd_{"telnetd"};
