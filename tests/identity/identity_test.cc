@@ -204,9 +204,9 @@ TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
         support_freq = (fitted24 ? 1 : 0) | (fitted5 ? 2 : 0);
         wirelessTotal = radios ? 2 : 0;
         // Either key of a radio will do.
-        add_configuration("WIFI_24G_DEV", !present24 ? "missing0" : fitted5 ? "eth0" : "");
+        add_configuration("WIFI_24G_DEV", present24 && fitted5 ? "eth0" : "missing0");
         add_configuration("WIFI_24G_DEVICE", present24 && !fitted5 ? "eth0" : "missing0");
-        add_configuration("WIFI_5G_DEV", !present5 ? "missing1" : fitted24 ? "lo:" : "");
+        add_configuration("WIFI_5G_DEV", present5 && fitted24 ? "lo:" : "missing1");
         add_configuration("WIFI_5G_DEVICE", present5 && !fitted24 ? "lo:" : "missing1");
         add_configuration("SYSTEM_MEMORY_MINIMUM", std::to_string(enough ? memory - 1 : memory).c_str());
         add_configuration("SYSTEM_CHECK_ETH_STATUS", portsPass ? "none" : "slow_ethtool_0 good_ethtool_0");
@@ -241,18 +241,16 @@ link: port:4 link:up
 link: port:5 up speed:1000baseT full-duplex
 carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
-    fakeLinks = {{"good", {}},
-                 {"fast", {.speed = 2500}},
-                 {"faster", {.speed = 10000}},
-                 {"slow", {.speed = 100}},
-                 {"half", {.duplex = 0}},
-                 {"odd", {.speed = 2000, .duplex = 255}},
-                 {"down", {.up = false}},
-                 {"gone", {.told = false}},
-                 {"sixteen-letters", {}}};
+    fakeLinks["fast"].speed = 2500;
+    fakeLinks["faster"].speed = 10000;
+    fakeLinks["half"].duplex = 0;
+    fakeLinks["odd"] = {.speed = 2000, .duplex = 255};
+    fakeLinks["down"].up = false;
+    fakeLinks["gone"].told = false;
+    fakeLinks["sixteen-letters"] = {};
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
-        {"", {"switch0_swconfig_0", "switch0_swconfig_10"}},
+        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "good_ethtool_0"}},
         {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23"}},
         {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
         {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
@@ -270,7 +268,8 @@ carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     }
     // The word holds eight entries of four bits: the ninth falls onto the first.
     wireTotal = 3;
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ fast_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ fast_ethtool_");
+    fakeLinks["g"] = {};
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
 }
 
@@ -285,7 +284,7 @@ TEST_F(Report, MissingSourcesAreFailedChecks) {
     EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
     std::filesystem::rename("/etc/moved", "/etc/html.info");
     report(0);
-    board::writeFile("/etc/system.info", image_bytes::padded("OTHER", 76));
+    board::writeFile("/etc/system.info", image_bytes::padded(image_bytes::productBlock().replace(0, 4, "ELSE"), 76));
     add_configuration("WIFI_24G_DEVICE", "eth0");
     ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
     const std::string text = report(1);

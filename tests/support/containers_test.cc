@@ -160,6 +160,7 @@ TEST(Tree, IsWalkedInEveryOrderAndPruned) {
             EXPECT_EQ(visits.seen, seen) << "order " << order << ", 0 at " << zeroAt;
             const bool stopped = order == BT_BREADTH_FIRST && zeroAt >= 0;
             EXPECT_EQ(pthread_mutex_trylock(&tree->lock) != 0, stopped) << "left locked";
+            EXPECT_EQ(number(bt_find(tree.get(), at(50), 0)), 50) << "while it is locked";
             pthread_mutex_unlock(&tree->lock);
         };
         // In a child, which ends without the leak check: a walk that is ended early leaves its queue behind.
@@ -178,6 +179,8 @@ TEST(Containers, AnswerForNullAndEmpty) {
     for (auto *add : {ll_append, ll_insert_head}) EXPECT_EQ(add(nullptr, at(1)), nullptr);
     EXPECT_EQ(ll_delete(nullptr, at(1), matchNumber), ll_find(nullptr, at(1), 1, matchNumber));
     EXPECT_EQ(ll_get(nullptr, &cursor, 1), bt_add(nullptr, at(1)));
+    ll_free(nullptr);
+    bt_free(nullptr);
     const Tree empty = treeOf({}), null = {nullptr, bt_free};
     for (const Tree *tree : {&empty, &null}) {
         EXPECT_EQ(bt_count(tree->get()) + bt_height(tree->get()), 0);

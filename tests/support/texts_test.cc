@@ -169,27 +169,25 @@ TEST_F(Tables, OfParametersAreReadByColumn) {
 TEST_F(Tables, OfTheSystemAreSelectedByItsMark) {
     const std::string acme = "ACME" + std::string(46, ' '), model = acme + "00123456" + std::string(18, ' ');
     const std::string html = "& 123000 456000\nx html other\n", entry = "& 123 456\nx other " + std::string(40, 'e');
-    const struct {
-        std::string record, html, entry, htmlRead, entryRead;
-        int result;
-    } cases[] = {{model, html, entry, "html", std::string(19, 'e'), 0},
-                 {"", html, entry, "", "", -1},
-                 {model.substr(0, 75), html, entry, "", "", -1},
-                 {model, "", entry, "", "", -1},
-                 {model, html, "& 457\nx entry\n", "html", "", -1},
-                 // Digits up to the record's end: the number is out of range, its masks still select.
-                 {acme + std::string(26, 'f'), "& fff000\nx html\n", "& fff\nx entry\n", "html", "entry", 0}};
-    for (const auto &test : cases) {
+    const std::tuple<std::string, std::string, std::string, std::string, std::string, int> cases[] = {
+        {model, html, entry, "html", std::string(19, 'e'), 0},
+        {"", html, entry, "", "", -1},
+        {model.substr(0, 75), html, entry, "", "", -1},
+        {model, "", entry, "", "", -1},
+        {model, html, "& 457\nx entry\n", "html", "", -1},
+        // Digits up to the record's end: the number is out of range, its masks still select.
+        {acme + std::string(26, 'f'), "& fff000\nx html\n", "& fff\nx entry\n", "html", "entry", 0}};
+    for (const auto &[record, htmlText, entryText, htmlRead, entryRead, result] : cases) {
         memset(html_fmt, 0, sizeof html_fmt);
         memset(entry_num, 0, sizeof entry_num);
         unsetenv("REMOTE_USER_PRIVILEGE");
-        board::writeFile("/etc/system.info", test.record);
-        board::writeFile("/etc/html.info", test.html);
-        board::writeFile("/etc/entry.info", test.entry);
+        board::writeFile("/etc/system.info", record);
+        board::writeFile("/etc/html.info", htmlText);
+        board::writeFile("/etc/entry.info", entryText);
         char bytes[kSystemInfoSize];
-        EXPECT_EQ(my_systemInfo(bytes), test.result) << test.record;
-        EXPECT_EQ(html_fmt[0], test.htmlRead) << test.record;
-        EXPECT_EQ(entry_num[0], test.entryRead) << test.record;
+        EXPECT_EQ(my_systemInfo(bytes), result) << record;
+        EXPECT_EQ(html_fmt[0], htmlRead) << record;
+        EXPECT_EQ(entry_num[0], entryRead) << record;
         EXPECT_STREQ(getenv("REMOTE_USER_PRIVILEGE"), "15");
     }
     save_systemInfo(model.data());
