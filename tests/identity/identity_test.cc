@@ -204,9 +204,9 @@ TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
         support_freq = (fitted24 ? 1 : 0) | (fitted5 ? 2 : 0);
         wirelessTotal = radios ? 2 : 0;
         // Either key of a radio will do.
-        add_configuration("WIFI_24G_DEV", !present24 ? "missing0" : fitted5 ? "eth0" : "");
+        add_configuration("WIFI_24G_DEV", present24 && fitted5 ? "eth0" : "missing0");
         add_configuration("WIFI_24G_DEVICE", present24 && !fitted5 ? "eth0" : "missing0");
-        add_configuration("WIFI_5G_DEV", !present5 ? "missing1" : fitted24 ? "lo:" : "");
+        add_configuration("WIFI_5G_DEV", present5 && fitted24 ? "lo:" : "missing1");
         add_configuration("WIFI_5G_DEVICE", present5 && !fitted24 ? "lo:" : "missing1");
         add_configuration("SYSTEM_MEMORY_MINIMUM", std::to_string(enough ? memory - 1 : memory).c_str());
         add_configuration("SYSTEM_CHECK_ETH_STATUS", portsPass ? "none" : "slow_ethtool_0 good_ethtool_0");
@@ -250,7 +250,7 @@ carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     fakeLinks["sixteen-letters"] = {};
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
-        {"", {"switch0_swconfig_0", "switch0_swconfig_10"}},
+        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "good_ethtool_0"}},
         {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23"}},
         {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
         {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
@@ -268,7 +268,8 @@ carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     }
     // The word holds eight entries of four bits: the ninth falls onto the first.
     wireTotal = 3;
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ fast_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ fast_ethtool_");
+    fakeLinks["g"] = {};
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
 }
 
