@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/string_utils.h"
 
 namespace {
@@ -108,7 +109,7 @@ void run_fabtestd() {
         const DescriptorHandle socket(::socket(AF_PACKET, SOCK_PACKET | SOCK_CLOEXEC, htons(kAllEtherTypes)));
         if (socket < 0) {
             constexpr char kMessage[] = "Can not open fabtestd socket";
-            [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+            ignored(write(STDERR_FILENO, kMessage, sizeof kMessage - 1));
             return;
         }
         serveOneRequest(socket, my_mac);

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/shell.h"
 
 namespace {
@@ -157,7 +158,7 @@ int copyTree(const char *source, const char *destination) {
     const utimbuf times = {from.st_atime, from.st_mtime};
     utime(destination, &times);
     // Only the superuser may give files away. It clears the set-user-ID bits, so the mode comes last.
-    [[maybe_unused]] const int kept = chown(destination, from.st_uid, from.st_gid);
+    ignored(chown(destination, from.st_uid, from.st_gid));
     chmod(destination, from.st_mode & 07777);
     return 0;
 }
