@@ -36,3 +36,18 @@ wait_for() {
         sleep 0.2
     done
 }
+
+# own_network: makes a network of the script's own, which is there for as long as the script is. On its loopback address
+# the ports at which virtual board and station meet are free, whatever else runs on this machine. What is put behind
+# "${in_network[@]}" runs there.
+# shellcheck disable=SC2034
+own_network() {
+    local user=() in_user=() made
+    [ "$(id -u)" -eq 0 ] || user=(--user --map-root-user) in_user=(--user --preserve-credentials)
+    coproc network { exec unshare "${user[@]}" --net sh -c 'ip link set lo up && echo made && read -r end' 2>&1; }
+    in_network=(nsenter --target "$network_PID" "${in_user[@]}" --net --)
+    read -r made <&"${network[0]}"
+    [ "$made" = made ] && return
+    echo "note: without a network of its own ($made), where one run at a time has the virtual board's ports"
+    in_network=()
+}
