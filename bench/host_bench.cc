@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "station/run.h"
+#include "station/line/run.h"
 #include "support/configuration.h"
 
 namespace {

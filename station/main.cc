@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "station/discovery.h"
-#include "station/display.h"
-#include "station/plan.h"
-#include "station/results.h"
-#include "station/run.h"
-#include "station/session.h"
+#include "station/display/display.h"
+#include "station/line/results.h"
+#include "station/line/run.h"
+#include "station/plan/plan.h"
+#include "station/wire/discovery.h"
+#include "station/wire/listener.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The discovery handshake on the cable between the native board and the station, frame by frame.
 
-#include "station/discovery.h"
+#include "station/wire/discovery.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>

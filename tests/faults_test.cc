@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "image/md5.h"
-#include "station/discovery.h"
+#include "station/wire/discovery.h"
 #include "tests/firmware/image_bytes.h"
 #include "tests/service.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "station/session.h"
+#include "station/wire/listener.h"
 #include "tests/native_board.h"
 
 namespace board {

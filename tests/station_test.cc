@@ -12,9 +12,9 @@
 #include <fstream>
 #include <thread>
 
-#include "station/plan.h"
-#include "station/run.h"
-#include "station/session.h"
+#include "station/plan/plan.h"
+#include "station/line/run.h"
+#include "station/wire/listener.h"
 
 using namespace std::string_literals;
 using station::Milliseconds;

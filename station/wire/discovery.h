@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "station/session.h"
+#include "station/wire/session.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "station/results.h"
+#include "station/line/results.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -9,7 +9,7 @@
 #include <string>
 
 #include "image/new_file.h"
-#include "station/display.h"
+#include "station/display/display.h"
 
 namespace station {
 namespace {

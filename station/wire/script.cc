@@ -1,9 +1,11 @@
-#include "station/script.h"
+#include "station/wire/script.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <charconv>
+
+#include "station/wire/listener.h"
 
 namespace station {
 namespace {

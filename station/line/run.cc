@@ -1,4 +1,4 @@
-#include "station/run.h"
+#include "station/line/run.h"
 
 #include <fmt/format.h>
 
@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "image/md5.h"
-#include "station/script.h"
+#include "station/wire/script.h"
 
 namespace station {
 namespace {

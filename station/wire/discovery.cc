@@ -1,4 +1,4 @@
-#include "station/discovery.h"
+#include "station/wire/discovery.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>

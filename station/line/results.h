@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "station/run.h"
+#include "station/line/run.h"
 
 namespace station {
 

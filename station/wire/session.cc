@@ -1,4 +1,4 @@
-#include "station/session.h"
+#include "station/wire/session.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -23,39 +23,11 @@ namespace {
 // How long a reply of 64 characters without a NUL is given to turn out longer.
 constexpr Milliseconds kLongReplyGrace{300};
 
-// Milliseconds until the deadline, as poll takes them.
-int pollLimit(Clock::time_point deadline) {
-    const int64_t left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
-    return static_cast<int>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
-}
-
-// True when the descriptor became ready before the deadline.
-bool waitFor(int descriptor, short events, Clock::time_point deadline) {
-    while (Clock::now() < deadline) {
-        pollfd waiting = {descriptor, events, 0};
-        const int ready = poll(&waiting, 1, pollLimit(deadline));
-        if (ready >= 0 || errno != EINTR) return ready > 0;
-    }
-    return false;
-}
-
-std::string describe(std::string_view what) { return fmt::format("{}: {}", what, strerror(errno)); }
-
 // Bytes of the frame at the start of `bytes`, as far as it can be told yet.
 size_t frameLength(std::string_view bytes) {
     const size_t end = bytes.find('\0');
     if (end == std::string_view::npos) return bytes.size() == kFrame ? kFrame : bytes.size() + 1;
     return end <= kFrame ? kFrame : end + 1;
-}
-
-sockaddr_in addressOf(const std::string &address, uint16_t port) {
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_port = htons(port);
-    if (inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) {
-        throw SessionError(fmt::format("{} is not an IPv4 address", address));
-    }
-    return result;
 }
 
 std::string textOf(const sockaddr_in &address) {
@@ -64,17 +36,6 @@ std::string textOf(const sockaddr_in &address) {
 }
 
 }  // namespace
-
-Socket::~Socket() {
-    if (descriptor_ >= 0) close(descriptor_);
-}
-
-Socket::Socket(Socket &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-
-Socket &Socket::operator=(Socket &&other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
-}
 
 void Session::sendCommand(std::string_view text) {
     if (text.size() > kFrame) throw SessionError(fmt::format("a command has at most {} bytes", kFrame));
@@ -93,7 +54,7 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
         // cppcheck-suppress invalidLifetime
         const ssize_t sent = send(socket_.descriptor(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (sent < 0) throw SessionError(describe("sending failed"));
+        if (sent < 0) throw SessionError(describeError("sending failed"));
         done += static_cast<uint64_t>(sent);
         if (progress) progress(done, bytes.size());
     }
@@ -101,7 +62,7 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
 
 void Session::sendFile(const std::filesystem::path &path, const Progress &progress) {
     std::ifstream file(path, std::ios::binary);
-    if (!file) throw SessionError(describe("cannot open " + path.string()));
+    if (!file) throw SessionError(describeError("cannot open " + path.string()));
     const uint64_t total = std::filesystem::file_size(path);
     uint64_t done = 0;
     std::array<char, 65536> part;
@@ -117,7 +78,7 @@ Session::Arrival Session::receiveSome(std::string &bytes, Clock::time_point dead
     if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return Arrival::kNothing;
     std::array<char, kLongestReply + 1> part;
     const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
-    if (received < 0) throw SessionError(describe("receiving failed"));
+    if (received < 0) throw SessionError(describeError("receiving failed"));
     bytes.append(part.data(), static_cast<size_t>(received));
     return received > 0 ? Arrival::kBytes : Arrival::kEnd;
 }
@@ -164,7 +125,7 @@ std::string Session::receiveAll(Milliseconds limit) {
     for (;;) {
         if (!waitFor(socket_.descriptor(), POLLIN, deadline)) throw SessionError("the board did not finish in time");
         const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
-        if (received < 0) throw SessionError(describe("receiving failed"));
+        if (received < 0) throw SessionError(describeError("receiving failed"));
         if (received == 0) return bytes;
         bytes.append(part.data(), static_cast<size_t>(received));
     }
@@ -196,59 +157,6 @@ std::string Session::interface() const {
     socklen_t length = name.size();
     getsockopt(socket_.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
     return name.data();
-}
-
-Listener::Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces) {
-    const sockaddr_in bound = addressOf(address, port);
-    for (const std::string &interface : interfaces.empty() ? std::vector<std::string>{""} : interfaces) {
-        Socket &socket = sockets_.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const int on = 1;
-        setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        const auto length = static_cast<socklen_t>(interface.size());
-        if ((length > 0 &&
-             setsockopt(socket.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
-            bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
-            listen(socket.descriptor(), SOMAXCONN) != 0) {
-            throw SessionError(describe(fmt::format("cannot listen on {}:{} {}", address, port, interface)));
-        }
-    }
-}
-
-uint16_t Listener::port() const {
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    getsockname(sockets_.front().descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
-    return ntohs(bound.sin_port);
-}
-
-std::optional<size_t> Listener::waiting(Clock::time_point deadline) const {
-    std::vector<pollfd> polled;
-    for (const Socket &socket : sockets_) polled.push_back({socket.descriptor(), POLLIN, 0});
-    while (Clock::now() < deadline) {
-        if (poll(polled.data(), polled.size(), pollLimit(deadline)) <= 0) continue;
-        const auto ready = std::find_if(polled.begin(), polled.end(), [](const pollfd &p) { return p.revents != 0; });
-        return static_cast<size_t>(ready - polled.begin());
-    }
-    return std::nullopt;
-}
-
-Session Listener::accept(Milliseconds limit) {
-    const std::optional<size_t> ready = waiting(Clock::now() + limit);
-    if (!ready) throw SessionError("no board connected");
-    const int board = accept4(sockets_[*ready].descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (board < 0) throw SessionError(describe("accepting a board failed"));
-    const int on = 1;
-    setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return Session(Socket(board));
-}
-
-bool Listener::waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const {
-    while (Clock::now() < deadline) {
-        pollfd polled[] = {{sockets_.front().descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
-        if (poll(polled, 2, pollLimit(deadline)) <= 0) continue;
-        return polled[0].revents != 0 || waiting(Clock::now() + grace).has_value();
-    }
-    return false;
 }
 
 }  // namespace station

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "station/session.h"
+#include "station/wire/session.h"
 
 namespace station {
 

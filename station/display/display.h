@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "station/run.h"
+#include "station/line/run.h"
 
 namespace station {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "station/plan.h"
-#include "station/session.h"
+#include "station/plan/plan.h"
+#include "station/wire/listener.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "station/display.h"
+#include "station/display/display.h"
 
 #include <fmt/format.h>
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-#include "station/plan.h"
+#include "station/plan/plan.h"
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
@@ -8,7 +8,7 @@
 #include <set>
 #include <string_view>
 
-#include "station/session.h"
+#include "station/wire/session.h"
 
 namespace station {
 namespace {
