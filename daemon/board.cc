@@ -18,7 +18,7 @@
 int wireTotal;
 int wirelessTotal;
 int support_freq;
-char systemProduct[60];
+char systemProduct[kProductBlockSize];
 volatile sig_atomic_t factoryResetFlag;
 
 namespace {
@@ -26,23 +26,22 @@ namespace {
 constexpr char kIfconfig[] = "/sbin/ifconfig";
 constexpr char kIpLink[] = "/bin/ip link";
 
-// /tmp is a RAM disk: what is copied here goes on working while the root file system is overwritten.
 void copyToRam() {
-    if (access("/tmp/busybox", F_OK) == 0) return;
+    if (access(kRamBusybox, F_OK) == 0) return;
     my_system("/bin/cp -a /dev/ /tmp/ > /dev/null 2>&1");
     my_system("/bin/cp /bin/busybox /tmp/ > /dev/null 2>&1");
     my_system("/bin/ln -s busybox /tmp/echo > /dev/null 2>&1");
-    my_system("/bin/ln -s busybox /tmp/reboot > /dev/null 2>&1");
+    my_system("/bin/ln -s busybox %s > /dev/null 2>&1", kRamReboot);
 }
 
 // Reads words 2 and 3. False when the list ends before word 3: what follows the counts is then left unread as well.
 bool readCounts(const char *macArguments) {
-    const char *const wired = strchr(macArguments, ' ');
+    const char *const wired = skipWords(macArguments, 1);
     if (wired == nullptr) return false;
-    wireTotal = atoi(wired + 1);
-    const char *const wireless = strchr(wired + 1, ' ');
+    wireTotal = atoi(wired);
+    const char *const wireless = skipWords(wired, 1);
     if (wireless == nullptr) return false;
-    wirelessTotal = atoi(wireless + 1);
+    wirelessTotal = atoi(wireless);
     return true;
 }
 
@@ -79,10 +78,18 @@ void logFromHandler(const char *message, size_t length) {
 
 }  // namespace
 
+const char *skipWords(const char *text, int count) {
+    for (; count > 0 && text != nullptr; --count) {
+        text = strchr(text, ' ');
+        if (text != nullptr) ++text;
+    }
+    return text;
+}
+
 void initialFunc() {
     memset(systemProduct, 0, sizeof systemProduct);
     copyToRam();
-    const char *const macArguments = RETURN_DEF_STR("SYSTEM_MAC_ARGS");
+    const char *const macArguments = RETURN_DEF_STR(kMacArguments);
     // Counts that are cut short leave the radio mask unread: intended, a board with half a description has no radios.
     if (macArguments != nullptr && !readCounts(macArguments)) return;
     support_freq = RETURN_DEF_INT("WIFI_DEV_DEFINE");
@@ -96,7 +103,7 @@ void interfaceCmd() {
 void resetSwitch() {}
 
 void reboot_func() {
-    my_system("/tmp/reboot 2>&1");
+    my_system("%s 2>&1", kRamReboot);
     my_killproc("hardware_reset", SIGTERM);
 }
 

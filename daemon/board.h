@@ -4,13 +4,28 @@
 
 #include <csignal>
 
-// Set by initialFunc from "SYSTEM_MAC_ARGS" and "WIFI_DEV_DEFINE"; 0 until then.
+#include "support/system_info.h"
+
+// "SYSTEM_MAC_ARGS" describes the board's MAC addresses: the number of the flash partition that holds them, the number
+// of wired ports, the number of radio addresses, and from there on a slot ID_OFFSET each, with a blank between words.
+constexpr char kMacArguments[] = "SYSTEM_MAC_ARGS";
+constexpr int kWordsBeforeSlots = 3;
+
+// The text behind the next `count` blanks, null when there are fewer.
+const char *skipWords(const char *text, int count);
+
+// What initialFunc puts on the RAM disk, where it goes on working while the root file system is overwritten.
+constexpr char kRamBusybox[] = "/tmp/busybox";
+constexpr char kRamReboot[] = "/tmp/reboot";
+constexpr char kRamFlash[] = "/tmp/dev/mtd%d";  // by the partition's number
+
+// Set by initialFunc from kMacArguments and "WIFI_DEV_DEFINE"; 0 until then.
 extern int wireTotal;      // wired ports
 extern int wirelessTotal;  // radio MAC slots
 extern int support_freq;   // radios fitted: bit 0 2.4 GHz, bit 1 5 GHz
 
 // The running system's product block, empty (first byte 0) until the report reads it.
-extern char systemProduct[60];
+extern char systemProduct[kProductBlockSize];
 
 // 0 idle, 1 reset requested by the station, 2 reset signal seen. The signal handlers change it at any time.
 extern volatile sig_atomic_t factoryResetFlag;

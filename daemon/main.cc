@@ -26,8 +26,6 @@ namespace {
 // Holds each command and its reply; in the one-shot modes the report or the country code.
 char pkbuf[kPkbufSize];
 
-constexpr char kReboot[] = "/tmp/reboot";  // a link that initialFunc made, in an earlier run
-
 constexpr char kUsage[] =
     "%s command:\n\n"
     "%s [daemon | qconly | info | switch | domcheck | country | image | kernel | rootfs | config]\n"
@@ -130,7 +128,7 @@ void imageMode(int argc, char **argv) {
     const char *const file = fileArgument(argc, argv);
     if (file == nullptr) return;
     writeImage(file);
-    my_system(kReboot);
+    my_system(kRamReboot);
 }
 
 // Writing the kernel or the configuration does not reboot the board: intended, only a new root file system pulls the
@@ -138,7 +136,7 @@ void imageMode(int argc, char **argv) {
 void kernelMode(int argc, char **argv) { flashFile(kKernelPartition, argc, argv); }
 
 void rootfsMode(int argc, char **argv) {
-    if (flashFile(kRootfsPartition, argc, argv)) my_system(kReboot);
+    if (flashFile(kRootfsPartition, argc, argv)) my_system(kRamReboot);
 }
 
 void configMode(int argc, char **argv) { flashFile(kConfigPartition, argc, argv); }

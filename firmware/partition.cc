@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "daemon/board.h"
 #include "support/handle.h"
 #include "support/shell.h"
 
@@ -28,16 +29,11 @@ void eraseBlock(int device, erase_info_user *block) {
     ioctl(device, MEMERASE, block);
 }
 
-// The counter runs ahead of the erased blocks by design of its start: it is the block's number plus 1.
 void erasePartition(int device, const mtd_info_user &geometry) {
-    if (geometry.size == 0) return;
-    erase_info_user block = {0, geometry.erasesize};
-    eraseBlock(device, &block);
-    int counter = 1;
-    for (block.start += geometry.erasesize; block.start < geometry.size; block.start += geometry.erasesize) {
-        ++counter;
+    int erased = 0;
+    for (erase_info_user block = {0, geometry.erasesize}; block.start < geometry.size; block.start += block.length) {
         eraseBlock(device, &block);
-        logProgress(__LINE__, counter);
+        logProgress(__LINE__, ++erased);
     }
 }
 
@@ -45,7 +41,7 @@ bool writeAll(int device, const char *data, size_t length) {
     while (length > 0) {
         const ssize_t written = write(device, data, length);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
+        if (written <= 0) return false;  // one that takes nothing is a failed one, too: the next would take nothing
         data += written;
         length -= static_cast<size_t>(written);
     }
@@ -75,9 +71,10 @@ int32_t measure(FILE *file) {
 
 // False when a write failed.
 bool writeDevice(int partition, FILE *file, int32_t length) {
-    const DescriptorHandle device(open(M("/tmp/dev/mtd%d", partition), O_RDWR | O_SYNC | O_CLOEXEC));
+    const DescriptorHandle device(open(M(kRamFlash, partition), O_RDWR | O_SYNC | O_CLOEXEC));
     if (device < 0) return true;
     mtd_info_user geometry = {};
+    // Silent as for a device without a geometry: without an erase block there is no unit to erase or write by.
     if (ioctl(device, MEMGETINFO, &geometry) < 0 || geometry.erasesize == 0) return true;
     char *const buffer = static_cast<char *>(malloc(geometry.erasesize));
     if (buffer == nullptr) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "support/handle.h"
+#include "support/ignored.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ void getProduct(const char *path, const char *source, char *destination) {
     char *const block = destination != nullptr ? destination : record;
     const FileHandle file(path != nullptr ? fopen(path, "re") : nullptr);
     if (file != nullptr) {
-        [[maybe_unused]] const size_t filled = fread(block, 1, kProductBlockSize, file);
+        ignored(fread(block, 1, kProductBlockSize, file));
     } else if (source != nullptr) {
         memcpy(block, source, kProductBlockSize);
     }

@@ -1,11 +1,10 @@
 #pragma once
-// The product block: 60 bytes of text at fixed positions that open a firmware image and "/etc/system.info".
+// The product block: kProductBlockSize bytes of text at fixed positions that open a firmware image and
+// "/etc/system.info".
 
 #include <cstddef>
 
 #include "support/system_info.h"
-
-constexpr size_t kProductBlockSize = 60;
 
 // Positions of the fields. Text ends at its first blank or NUL; one byte separates the version's numbers and the mark.
 constexpr size_t kVendor = 0;    // 21 bytes

@@ -10,6 +10,7 @@
 #include "firmware/product_block.h"
 #include "firmware/upload.h"
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/process_file.h"
 #include "support/shell.h"
 #include "support/system_info.h"
@@ -46,7 +47,7 @@ int32_t cutTrailer(const char *path, char *digest) {
     memcpy(digest, trailer, kDigestLength);
     digest[kDigestLength] = '\0';
     image.close();
-    [[maybe_unused]] const int cut = truncate(path, length);
+    ignored(truncate(path, length));
     return length;
 }
 
@@ -54,7 +55,7 @@ bool digestHolds(const char *path, const char *expected) {
     FILE *const sum = popen(M("/usr/bin/md5sum %s", path), "r");
     if (sum == nullptr) return false;
     char computed[1024] = "";
-    [[maybe_unused]] const int words = fscanf(sum, "%1023s", computed);
+    ignored(fscanf(sum, "%1023s", computed));
     pclose(sum);
     syslog(LOG_ALERT, "chksum = %s.", expected);
     syslog(LOG_ALERT, "buffer = %s.", computed);
@@ -67,7 +68,7 @@ void logIdentities(const char *block) {
     if (my_systemInfo(system) >= 0) {
         char image[kProductBlockSize];
         getProduct(nullptr, block, image);
-        cutProductFields(system);
+        cutProductFields(system);  // the record has no NUL of its own: each text would be shown with all behind it
         syslog(LOG_ALERT, "system_info(Vendor: %s, Product: %s, mark: %s)\n", system + kVendor, system + kProduct,
                system + kMark);
         syslog(LOG_ALERT, " image_info(Vendor: %s, Product: %s, mark: %s)\n", image + kVendor, image + kProduct,

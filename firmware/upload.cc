@@ -10,6 +10,7 @@
 
 #include "firmware/product_block.h"
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/shell.h"
 #include "support/string_utils.h"
 
@@ -18,7 +19,6 @@ namespace {
 constexpr int32_t kReceiveSize = 1500;  // the payload of an Ethernet frame
 constexpr uint32_t kHeaderSize = 64;
 constexpr size_t kCopySize = 256;
-constexpr char kSpaces[] = " \t\n\v\f\r";
 
 struct Section {
     uint32_t length;
@@ -26,15 +26,16 @@ struct Section {
 };
 
 // Reads "LENGTH NAME" from a header of at most 64 characters, as "%lu %s" would. The section stays as it was when
-// either is missing.
+// either is missing: intended, also for a length without a name. What a header that cannot be read takes off the rest
+// is the length of the last one that could be read as a whole.
 bool parseHeader(const char *header, Section *section) {
     const char *behind = nullptr;
     const uint32_t length = my_strtou32(header, &behind, 10);
     if (behind == header) return false;
-    const char *const name = behind + strspn(behind, kSpaces);
+    const char *const name = behind + strspn(behind, kWhiteSpace);
     if (*name == '\0') return false;
     section->length = length;
-    my_copyText(section->name, name, std::min(strcspn(name, kSpaces) + 1, sizeof section->name));
+    my_copyText(section->name, name, std::min(strcspn(name, kWhiteSpace) + 1, sizeof section->name));
     return true;
 }
 
@@ -50,7 +51,7 @@ int blockNumber(char *name) {
 void readPartitionName(int number, char *partition) {
     const FileHandle file(fopen(M("/sys/class/block/mtdblock%d/device/name", number), "re"));
     if (file == nullptr) return;
-    [[maybe_unused]] const int words = fscanf(file, "%31s", partition);
+    ignored(fscanf(file, "%31s", partition));
 }
 
 // Copies `length` bytes, fewer when the image ends before. Returns how many are missing.

@@ -7,6 +7,7 @@
 
 #include "support/configuration.h"
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/shell.h"
 
 int CountryRW(int mode, char *buffer) {
@@ -14,15 +15,15 @@ int CountryRW(int mode, char *buffer) {
     if (arguments == nullptr) return 0;
     int partition = 0;
     unsigned offset = 0;
-    [[maybe_unused]] const int fields = sscanf(arguments, "%d %x", &partition, &offset);
+    ignored(sscanf(arguments, "%d %x", &partition, &offset));
     const int access = mode == 0 ? O_RDONLY : O_WRONLY;
     const DescriptorHandle device(open(M("/dev/mtdblock%d", partition), access | O_CLOEXEC));
     if (device < 0) return 0;
     if (mode == 0) {
-        [[maybe_unused]] const ssize_t count = pread(device, buffer, 2, static_cast<off_t>(offset));
+        ignored(pread(device, buffer, 2, static_cast<off_t>(offset)));
         buffer[2] = '\0';
     } else {
-        [[maybe_unused]] const ssize_t count = pwrite(device, buffer, 2, static_cast<off_t>(offset));
+        ignored(pwrite(device, buffer, 2, static_cast<off_t>(offset)));
     }
     return 0;
 }

@@ -11,6 +11,7 @@
 #include "daemon/board.h"
 #include "support/configuration.h"
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/shell.h"
 #include "support/string_utils.h"
 
@@ -37,8 +38,8 @@ struct SlotKind {
 
 constexpr SlotKind kSlotKinds[] = {
     {50, "ethernet", nullptr, false},
-    {60, "wireless(2.4G)", "WIFI_2.4G_MAC", false},
-    {70, "wireless(5G)", "WIFI_5G_MAC", true},
+    {60, "wireless(2.4G)", k24GMacKey, false},
+    {70, "wireless(5G)", k5GMacKey, true},
 };
 
 const SlotKind *kindOf(int id) {
@@ -78,30 +79,21 @@ void increment(Address *address) {
 // Opened for writing in place: neither created nor emptied.
 int openPartition(int number, int access) { return open(M("/dev/mtdblock%d", number), access | O_CLOEXEC); }
 
-// The text behind the next `count` blanks, its end when there are fewer.
-const char *skipWords(const char *text, int count) {
-    for (; count > 0; --count) {
-        const char *const blank = strchr(text, ' ');
-        if (blank == nullptr) return text + strlen(text);
-        text = blank + 1;
-    }
-    return text;
-}
-
 void programSlot(int device, int id, uint32_t offset, const Address &address) {
-    [[maybe_unused]] const ssize_t written = pwrite(device, address.bytes, kAddressSize, static_cast<off_t>(offset));
+    ignored(pwrite(device, address.bytes, kAddressSize, static_cast<off_t>(offset)));
     const SlotKind *const kind = kindOf(id);
     if (kind == nullptr) return;
     const uint8_t *const b = address.bytes;
     const char *const text = M("%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
-    add_configuration(kind->key != nullptr ? kind->key : M("PORT%d_ORIG_MAC", id), text);
+    add_configuration(kind->key != nullptr ? kind->key : M(kWiredMacKey, id), text);
     const uint32_t behind = offset + kAddressSize;
     syslog(LOG_ALERT, "set %s MAC: %s, ftell=0x%x\n", kind->name, text, behind);
 }
 
-// Programs the slots of the list, which stand in any order of their ids. -1 at one without an offset.
+// Programs the slots of the list, which stand in any order of their ids. -1 at one without an offset. Blanks at the end
+// are no slot, however many.
 int programSlots(int device, const char *slot, Address address, bool *checksummed) {
-    while (*slot != '\0') {
+    while (slot != nullptr && slot[strspn(slot, " ")] != '\0') {
         const int id = atoi(slot);
         const char *const underscore = strchr(slot, '_');
         if (underscore == nullptr) return -1;
@@ -117,7 +109,7 @@ int programSlots(int device, const char *slot, Address address, bool *checksumme
 }  // namespace
 
 int setMac(const char *text) {
-    const char *const arguments = RETURN_DEF_STR("SYSTEM_MAC_ARGS");
+    const char *const arguments = RETURN_DEF_STR(kMacArguments);
     if (arguments == nullptr) return -1;
     // A private copy: recording an address may move the table's records.
     char *const list = strdup(arguments);
@@ -127,7 +119,7 @@ int setMac(const char *text) {
     int result = -1;
     {
         const DescriptorHandle device(openPartition(atoi(list), O_WRONLY));
-        if (device >= 0) result = programSlots(device, skipWords(list, 3), first, &checksummed);
+        if (device >= 0) result = programSlots(device, skipWords(list, kWordsBeforeSlots), first, &checksummed);
     }
     free(list);
     if (result != 0) return result;
@@ -141,12 +133,12 @@ void qc98xx_verify_checksum() {
     const DescriptorHandle device(openPartition(RETURN_DEF_INT("SYSTEM_ART_PART"), O_RDWR));
     if (device < 0) return;
     uint8_t block[kBlockSize] = {};
-    [[maybe_unused]] const ssize_t filled = pread(device, block, sizeof block, kBlockOffset);
+    ignored(pread(device, block, sizeof block, kBlockOffset));
     const uint8_t stored[2] = {block[kChecksum], block[kChecksum + 1]};
     block[kChecksum] = block[kChecksum + 1] = 0xFF;
     // Byte by byte, so that the order of the processor's bytes does not matter.
     uint8_t sum[2] = {};
     for (size_t i = 0; i < kBlockSize; ++i) sum[i % 2] ^= block[i];
     if (memcmp(sum, stored, sizeof sum) == 0) return;
-    [[maybe_unused]] const ssize_t written = pwrite(device, sum, sizeof sum, kBlockOffset + off_t{kChecksum});
+    ignored(pwrite(device, sum, sizeof sum, kBlockOffset + off_t{kChecksum}));
 }

@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// What the scanf functions pass over between words.
+constexpr char kWhiteSpace[] = " \t\n\v\f\r";
+
 // Splits `line` in place into at most `max` tokens separated by blanks and tabs. A token in double quotes may hold
 // blanks; in it \" is a quote and \\ a backslash. An unquoted token ends at a blank, tab, CR or LF.
 // `tokens` has room for max + 1 pointers into `line`; a null stands behind the last token.

@@ -6,8 +6,10 @@
 
 constexpr char kSystemInfo[] = "/etc/system.info";
 
-// The record opens with a product block; its mark holds up to 8 hexadecimal digits, the model number.
+// The record opens with a product block, as a firmware image does; its mark holds up to 8 hexadecimal digits, the model
+// number.
 constexpr size_t kSystemInfoSize = 76;
+constexpr size_t kProductBlockSize = 60;
 constexpr size_t kSystemInfoMark = 50;
 
 // This model's settings, zero-filled at start and set by my_systemInfo for the firmware's other components: texts of

@@ -124,6 +124,7 @@ TEST_F(Calibration, SlotListsOfAnyShape) {
         {"6 2 2 bad", -1, 0, 0}, {"6 2 2 1_0  2_10", 0, 2, 1},
         {"6 2 2 1_", 0, 1, 1},   {"6 2 2 1_0 bad", -1, 1, 0},
         {"6 2 2 _0", 0, 1, 1},   {"6 2 2 1_0 bad 2_10", 0, 2, 1},
+        {"6 2 2   ", 0, 0, 1},   {"6 2 2 1_0   ", 0, 1, 1},
         {"7 2 2 1_0", -1, 0, 0}, {"x 2 2 1_0", -1, 0, 0}};
     for (const auto &[arguments, result, slots, commands] : cases) {
         SetUp();
@@ -222,7 +223,7 @@ TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
         if (radios) expected += line(" Country: US ");
         expected += line(" Wire MAC 1: 00:11:22:33:44:5a ") + line(" Wire MAC 2: none ");
         if (radios && fitted24) expected += line(" Wireless 2.4G MAC: 00:11:22:33:44:5B " + (ok24 ? "" : kBanner));
-        if (radios && fitted5) expected += line(" Wireless   5G MAC: none " + (ok5 ? "" : kBanner));
+        if (radios && fitted5) expected += line(" Wireless   5G MAC: NONE " + (ok5 ? "" : kBanner));
         if (!portsPass) expected += kTableHead + row(1, "OXO") + row(2, "OOO");
         ASSERT_EQ(report(ping), expected + kRule) << "flags " << flags;
     }
@@ -239,7 +240,9 @@ link: port:3 link:up speed:100baseT full-duplex
 link: noport link:up speed:1000baseT full-duplex
 link: port:4 link:up
 link: port:5 up speed:1000baseT full-duplex
-carrier: port:6 carrier:up speed:1000baseT full-duplex')");
+carrier: port:6 carrier:up speed:1000baseT full-duplex
+link: port:7 link:up speed:-1 full-duplex
+link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex')");
     std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
     fakeLinks["fast"].speed = 2500;
     fakeLinks["faster"].speed = 10000;
@@ -250,13 +253,16 @@ carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     fakeLinks["sixteen-letters"] = {};
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
-        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "good_ethtool_0"}},
+        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "switch0_swconfig_8", "good_ethtool_0  "}},
         {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23"}},
         {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
         {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
         {"XXX",
-         {"down_ethtool_0", "gone_ethtool_0", "none_ethtool_0", "sixteen-letters-_ethtool_0", "good_x_0", "good"}},
-        {"XXX", {"switch0_swconfig_1", "switch0_swconfig_5", "switch0_swconfig_6", "switch1_swconfig_0"}}};
+         {"down_ethtool_0", "gone_ethtool_0", "none_ethtool_0", "sixteen-letters-_ethtool_0", "good_x_0", "good",
+          "good good_ethtool_0", "good_ethtool good_ethtool_0"}},
+        {"XXX", {"switch0_swconfig_1", "switch0_swconfig_5", "switch0_swconfig_6", "switch1_swconfig_0"}},
+        {"OXO", {"switch0_swconfig_7"}},
+        {"OOO", {"good_ethtool_0 x"}}};
     wireTotal = 1;
     wirelessTotal = 0;
     for (const auto &[verdicts, entries] : cases) {
@@ -271,6 +277,23 @@ carrier: port:6 carrier:up speed:1000baseT full-duplex')");
     fakeLinks["g"] = {};
     add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
+}
+
+// Another process puts records in front of the list's while the first switch is asked: the second port fails as before.
+TEST_F(Report, PortsAreExaminedWhileTheTableChanges) {
+    board::writeFile("/sbin/swconfig", R"(#!/bin/sh
+> /tmp/asked
+i=0; while [ ! -e /tmp/changed ] && [ $((i += 1)) -lt 10000 ]; do usleep 1000; done
+echo 'link: port:0 link:up speed:1000baseT full-duplex')");
+    std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "switch0_swconfig_0 none_ethtool_0");
+    const pid_t other = board::fork([] {
+        ASSERT_TRUE(board::waitFor(10, [] { return board::exists("/tmp/asked"); }));
+        for (const char *key : {"A", "B", "C"}) add_configuration(key, "");
+        board::writeFile("/tmp/changed", "");
+    });
+    EXPECT_THAT(report(1), StartsWith("INFO 2.4G ERROR 5G ERROR Ethernet ERROR "));
+    EXPECT_EQ(board::wait(other), 0);
 }
 
 TEST_F(Report, ALongReportIsCutToItsBuffer) {
