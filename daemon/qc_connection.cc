@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "daemon/dispatcher.h"
+#include "support/ignored.h"
 #include "support/shell.h"
 
 namespace {
@@ -48,13 +49,20 @@ int makeRoomForOutput(int socket) {
     return moved;
 }
 
-// A socket whose attempt has failed for good would fail the next attempt as well, without trying, only to say so
-// (ECONNABORTED); connecting it to no family makes it a new one. An attempt that is still under way goes on.
-void forgetFailedAttempt(int socket, int reason) {
-    if (reason == EINPROGRESS || reason == EALREADY || reason == EINTR) return;
+// Makes the socket as new for the next attempt. Connecting it to no family ends the attempt, also one that is still
+// under way: the kernel would go on with that at ever longer intervals, a minute and more behind a station that comes
+// late. What the kernel has noted of the attempt stays on the socket, and is taken away: the pending error would fail
+// the next attempt, and the error queue, where the answers of the network stand ("no route to host"), would make it
+// look ready at once, without an error, and so connected.
+void forgetFailedAttempt(int socket) {
     sockaddr none = {};
     none.sa_family = AF_UNSPEC;
-    static_cast<void>(connect(socket, &none, sizeof none));
+    ignored(connect(socket, &none, sizeof none));
+    int pending;
+    socklen_t length = sizeof pending;
+    ignored(getsockopt(socket, SOL_SOCKET, SO_ERROR, &pending, &length));
+    while (recv(socket, nullptr, 0, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0) {
+    }
 }
 
 void connectStation(int socket) {
@@ -63,8 +71,8 @@ void connectStation(int socket) {
     syslog(LOG_ALERT, "connecting %d\n", attempt);
     while (my_connect_t(socket, reinterpret_cast<const sockaddr *>(&station), sizeof station, kConnectSeconds) < 0) {
         const int reason = errno;
+        forgetFailedAttempt(socket);
         syslog(LOG_ALERT, "connecting %d (%s)\n", attempt, strerror(reason));
-        forgetFailedAttempt(socket, reason);
         sleep(kRetrySeconds);
         syslog(LOG_ALERT, "connecting %d\n", ++attempt);
     }

@@ -1,7 +1,7 @@
 // Calls of the C library that fail on demand, linked in front of the library's own (the linker's --wrap) for the
-// daemon's own code; and waits that are a hundred times shorter. Steered by the environment:
+// daemon's own code; and waits that are shorter. Steered by the environment:
 //
-//   HURRY=1       the short waits
+//   HURRY=N       waits are N times shorter
 //   FAIL_CALL=C   the first call from the place C of the code fails, with EIO
 //   LIST_CALLS=F  each place that calls, on its first call, is added to the file F
 
@@ -47,7 +47,10 @@ bool fails(const char *name, const void *place) {
     return true;
 }
 
-unsigned hurry() { return getenv("HURRY") != nullptr ? 100 : 1; }
+unsigned hurry() {
+    const char *const times = getenv("HURRY");
+    return times != nullptr ? static_cast<unsigned>(atoi(times)) : 1;
+}
 
 }  // namespace
 

@@ -36,7 +36,7 @@ void ServiceTest::SetUp() {
     ASSERT_EQ(system("/bin/ip addr flush dev eth0; /bin/ip link set eth0 up; /bin/ip addr add 192.168.1.1/24 dev eth0"),
               0);
     configure(kSettings);
-    setenv("HURRY", "1", 1);  // the waits between attempts, before the connection and for reboots
+    setenv("HURRY", "100", 1);  // the waits between attempts, before the connection and for reboots
 }
 
 void ServiceTest::TearDown() {
