@@ -13,8 +13,8 @@
 #include <string>
 #include <thread>
 
-#include "station/wire/script.h"
 #include "station/wire/listener.h"
+#include "station/wire/script.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <fstream>
 #include <thread>
 
-#include "station/plan/plan.h"
 #include "station/line/run.h"
+#include "station/plan/plan.h"
 #include "station/wire/listener.h"
 
 using namespace std::string_literals;

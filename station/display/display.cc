@@ -10,12 +10,13 @@
 #include <map>
 #include <mutex>
 
+#include "station/line/results.h"
+
 namespace station {
 namespace {
 
 constexpr Milliseconds kRefresh{100};
 constexpr uint64_t kBarWidth = 30;
-constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
@@ -176,27 +177,6 @@ std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards) {
     if (isatty(STDOUT_FILENO) == 0) return std::make_unique<PlainDisplay>(boards);
     const char *const noColour = std::getenv("NO_COLOR");
     return std::make_unique<TerminalDisplay>(plan, boards, noColour == nullptr || *noColour == '\0');
-}
-
-std::string describeStep(const Step &step, const StepResult &result) {
-    std::string text = oneLine(result.passed ? result.reply : result.failure);
-    if (text.size() > kReplyWidth) text.erase(kReplyWidth).append("...");
-    return fmt::format("{}  {:7.2f} s  {}  ->  {}", result.passed ? "ok    " : "FAILED", seconds(result.duration),
-                       oneLine(step.title()), text);
-}
-
-std::string oneLine(const std::string &text) {
-    std::string result;
-    for (const char c : text) {
-        if (c == '\n') {
-            result += "\\n";
-        } else if (c == '\033') {
-            result += "\\e";
-        } else {
-            result += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? '?' : c;
-        }
-    }
-    return result;
 }
 
 }  // namespace station

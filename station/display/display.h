@@ -11,10 +11,4 @@ namespace station {
 // Writes to standard output. NO_COLOR, unless empty, takes the colours.
 std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards);
 
-// A step's line: verdict, time, title, and the reply or what is wrong.
-std::string describeStep(const Step &step, const StepResult &result);
-
-// A text in one line: line ends and control characters become visible.
-std::string oneLine(const std::string &text);
-
 }  // namespace station

@@ -9,13 +9,14 @@
 #include <string>
 
 #include "image/new_file.h"
-#include "station/display/display.h"
 
 namespace station {
 namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
+
+constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 
 double seconds(WallClock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
@@ -96,6 +97,27 @@ void writeWhole(const fs::path &path, const std::string &content) {
 }
 
 }  // namespace
+
+std::string describeStep(const Step &step, const StepResult &result) {
+    std::string text = oneLine(result.passed ? result.reply : result.failure);
+    if (text.size() > kReplyWidth) text.erase(kReplyWidth).append("...");
+    return fmt::format("{}  {:7.2f} s  {}  ->  {}", result.passed ? "ok    " : "FAILED", seconds(result.duration),
+                       oneLine(step.title()), text);
+}
+
+std::string oneLine(const std::string &text) {
+    std::string result;
+    for (const char c : text) {
+        if (c == '\n') {
+            result += "\\n";
+        } else if (c == '\033') {
+            result += "\\e";
+        } else {
+            result += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? '?' : c;
+        }
+    }
+    return result;
+}
 
 void prepareResults(const fs::path &folder) {
     std::error_code error;
