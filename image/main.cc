@@ -54,6 +54,7 @@ int show(const Options &options) {
 int main(int argc, char **argv) try {
     CLI::App app("Builds firmware images for the board and shows what is in them.", "fwimage");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "fwimage " VERSION, "Print the version");
     Options options;
     CLI::App *const createCommand = app.add_subcommand("create", "Build an image from product fields and sections");
     createCommand->add_option("image", options.image, "The image to write")->required();

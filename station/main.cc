@@ -116,6 +116,7 @@ CLI::App *addRun(CLI::App &app, Options &options) {
 int main(int argc, char **argv) try {
     CLI::App app("The test station of the factory line: accepts boards and runs a plan on each.", "qcstation");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "qcstation " VERSION, "Print the version");
     Options options;
     CLI::App *const runCommand = addRun(app, options);
     CLI::App *const discoverCommand = app.add_subcommand("discover", "Discover a board that waits in the mode qconly");
