@@ -1,13 +1,21 @@
 # Steps of a script, to be sourced from the project's root: each prints one line and keeps what it prints in
-# build/logs; a failure names the step and its log.
+# build/logs/RUN; a failure names the step and its log.
 # shellcheck shell=bash
 
-logs=build/logs
+# The name of the run, the script's own unless another script starts it as a part of itself. A second run of the name
+# waits for the first.
+run=${FABTESTD_RUN:-$(basename "$0")}
+logs=build/logs/$run
 mkdir -p "$logs"
+exec {run_lock}> "$logs/lock"
+if ! flock --nonblock "$run_lock"; then
+    echo "waiting for the $run that runs here already"
+    flock "$run_lock"
+fi
 steps=0
 failed_steps=0
 
-# step NAME LOG COMMAND...: runs the command with its output in build/logs/LOG.log. Returns the command's status.
+# step NAME LOG COMMAND...: runs the command with its output in build/logs/RUN/LOG.log. Returns the command's status.
 step() {
     local name=$1 log=$logs/$2.log status=0 start=$SECONDS
     shift 2
@@ -24,8 +32,15 @@ step() {
     return "$status"
 }
 
-# build PRESET: configures and builds it.
-build() { cmake --preset "$1" && cmake --build --preset "$1"; }
+# build PRESET [TARGET...]: configures it and builds all or the targets, while nobody else builds there.
+build() {
+    local preset=$1
+    shift
+    (
+        flock 9
+        cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
+    ) 9> "build/$preset.lock"
+}
 
 # wait_for SECONDS COMMAND...: until the command succeeds; fails when it has not within the time.
 wait_for() {
