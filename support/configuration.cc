@@ -211,9 +211,18 @@ bool readSettings(bt_tree *tree) {
     return true;
 }
 
+// True of a segment that nobody has loaded yet: the kernel makes it of zeros.
+bool isFresh() {
+    const char *const header = reinterpret_cast<const char *>(segment);
+    size_t zeros = 0;
+    while (zeros < offsetof(ConfigurationSegment, table) && header[zeros] == 0) ++zeros;
+    return zeros == offsetof(ConfigurationSegment, table);
+}
+
 // Loads the table of an attached segment; for whoever has the turn.
 void loadTable() {
-    memset(static_cast<void *>(segment), 0, kConfigurationSize);
+    // To clear a fresh one would take all of its pages, which most tables do not fill.
+    if (!isFresh()) memset(static_cast<void *>(segment), 0, kConfigurationSize);
     lockTable();
     bt_tree *const tree = bt_init(compareKeys);
     if (tree != nullptr) {
