@@ -56,15 +56,15 @@ int64_t microseconds() {
 
 // Takes the time that the wait took off the limit, which not every C library's select does. The limit is not set anew:
 // intended. Once it is used up the listener polls, so that it answers at once when the station comes.
-bool waitForFrame(int socket, int64_t *limit) {
+bool waitForFrame(int socket, int32_t *limit) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(socket, &readable);
-    timeval left = {static_cast<time_t>(*limit / 1000000), static_cast<suseconds_t>(*limit % 1000000)};
+    timeval left = {*limit / 1000000, *limit % 1000000};
     const int64_t start = microseconds();
     const int ready = select(socket + 1, &readable, nullptr, nullptr, &left);
-    *limit -= microseconds() - start;
-    if (*limit < 0) *limit = 0;
+    const int64_t rest = *limit - (microseconds() - start);
+    *limit = rest > 0 ? static_cast<int32_t>(rest) : 0;
     return ready > 0 && FD_ISSET(socket, &readable);
 }
 
@@ -84,7 +84,7 @@ bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *my_mac) {
 }
 
 void serveOneRequest(int socket, const uint8_t *my_mac) {
-    int64_t limit = int64_t{kWaitSeconds} * 1000000;
+    int32_t limit = kWaitSeconds * 1000000;
     uint8_t frame[kFrameSize];
     for (;;) {
         if (!waitForFrame(socket, &limit)) continue;
