@@ -106,13 +106,19 @@ bool parseSwitchLine(char *line, const char *port, Link *link) {
     return true;
 }
 
-Link askSwitch(const PortEntry &entry) {
+// Not part of its caller's frame: popen takes 6 kB of stack, and this is not to lie on top of it.
+[[gnu::noinline]] Link readSwitch(FILE *output, const char *port) {
     Link link = {};
-    FILE *const output = popen(M("/sbin/swconfig dev %s show", entry.name), "r");
-    if (output == nullptr) return link;
     char line[512];
-    while (fgets(line, sizeof line, output) != nullptr && !parseSwitchLine(line, entry.port, &link)) {
+    while (fgets(line, sizeof line, output) != nullptr && !parseSwitchLine(line, port, &link)) {
     }
+    return link;
+}
+
+Link askSwitch(const PortEntry &entry) {
+    FILE *const output = popen(M("/sbin/swconfig dev %s show", entry.name), "r");
+    if (output == nullptr) return {};
+    const Link link = readSwitch(output, entry.port);
     pclose(output);
     return link;
 }

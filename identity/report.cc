@@ -80,12 +80,14 @@ char *writeReport(const Facts &facts, bool named) {
 }
 
 void getInfo(char *buffer, int pingFlag) {
-    static Facts facts;  // not on the stack, whose pages the daemon would keep
-    findFacts(&facts);
-    char *const text = writeReport(facts, pingFlag != 0);
+    // Neither on the stack, whose pages the daemon would keep, nor static.
+    Facts *const facts = static_cast<Facts *>(calloc(1, sizeof(Facts)));
+    if (facts != nullptr) findFacts(facts);
+    char *const text = facts != nullptr ? writeReport(*facts, pingFlag != 0) : nullptr;
     // Each step above lengthens the text by one line. When memory runs out, that step loses what was written so far,
     // and the next one begins a new text, without the header and its verdicts. No report then, rather than such a one.
     const bool whole = text != nullptr && strncmp(text, "INFO ", 5) == 0;
     if (buffer != nullptr) my_copyText(buffer, whole ? text : "", kReportSize);
     free(text);
+    free(facts);
 }
