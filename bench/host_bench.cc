@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "station/line/run.h"
+#include "station/line/line.h"
 #include "support/configuration.h"
 
 namespace {
@@ -85,14 +85,6 @@ void serveAsBoard(uint16_t port, int commands) {
     }
 }
 
-class Silent : public station::Observer {
-    void boardConnects(int, const std::string &) override {}
-    void stepStarts(int, const station::Step &) override {}
-    void uploads(int, uint64_t, uint64_t) override {}
-    void stepEnds(int, const station::Step &, const station::StepResult &) override {}
-    void boardEnds(const station::BoardResult &) override {}
-};
-
 // Sessions of ten commands on so many boards at once.
 void sessions(benchmark::State &state) {
     constexpr int kCommands = 10;
@@ -103,12 +95,15 @@ void sessions(benchmark::State &state) {
     step.expected.text = "OK";
     plan.steps.assign(kCommands, step);
     station::Listener listener("127.0.0.1", 0);
-    Silent silent;
+    station::Observer silent;
+    station::Records none;
+    const station::Stop stop;
     while (state.KeepRunning()) {
         std::vector<std::thread> threads;
         threads.reserve(static_cast<size_t>(boards));
         for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), kCommands);
-        for (const auto &result : runBoards(listener, plan, boards, station::Milliseconds(10000), silent)) {
+        for (const auto &result :
+             runBoards(listener, plan, boards, station::Milliseconds(10000), {silent, none, stop})) {
             if (!result.passed()) state.SkipWithError("a session failed");
         }
         for (std::thread &thread : threads) thread.join();

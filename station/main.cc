@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "station/display/display.h"
+#include "station/line/line.h"
 #include "station/line/results.h"
-#include "station/line/run.h"
 #include "station/plan/plan.h"
 #include "station/wire/discovery.h"
 #include "station/wire/listener.h"
@@ -43,9 +43,9 @@ int discover(const Options &options) {
 }
 
 // What the plan wants to be seen as the board sent it, colours and all.
-void showReplies(const station::Plan &plan, const station::BoardResult &result) {
-    for (size_t i = 0; i < plan.steps.size(); ++i) {
-        if (plan.steps[i].show) fmt::print("\n{}\n", result.steps[i].reply);
+void showReplies(const station::RunRecord &run) {
+    for (const station::StepResult &step : run.steps) {
+        if (step.show) fmt::print("\n{}\n", step.reply);
     }
 }
 
@@ -59,12 +59,15 @@ int run(const Options &options) {
                listener.port());
     std::fflush(stdout);
 
-    const auto start = station::WallClock::now();
-    const auto display = station::makeDisplay(plan, options.boards);
-    const std::vector<station::BoardResult> results =
-        station::runBoards(listener, plan, options.boards, options.limit(), *display);
-    if (!options.results.empty()) station::writeResults(options.results, plan, start, results);
-    for (const station::BoardResult &result : results) showReplies(plan, result);
+    const auto display = station::makeDisplay(options.boards);
+    station::Records records;
+    const station::Stop stop;
+    const std::vector<station::RunRecord> results =
+        station::runBoards(listener, plan, options.boards, options.limit(), {*display, records, stop});
+    for (const station::RunRecord &run : results) {
+        if (!options.results.empty()) station::writeResult(options.results, run);
+        showReplies(run);
+    }
     const auto failed = std::count_if(results.begin(), results.end(), [](const auto &r) { return !r.passed(); });
     if (options.boards == 1) {
         fmt::print("plan {}: {} steps, {} failed\n", plan.name, plan.steps.size(), results.front().failures());
@@ -101,7 +104,7 @@ CLI::App *addRun(CLI::App &app, Options &options) {
     command->add_option("--boards", options.boards, "Number of boards, each with its own session and result")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    command->add_option("--results", options.results, "Folder for a JSON file and a log a board, and a JUnit XML file");
+    command->add_option("--results", options.results, "Folder for a JSON file, a log and a JUnit XML file a board");
     command->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
     command->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
     command->add_option("--interface", options.interfaces,

@@ -109,7 +109,7 @@ TEST_F(Boards, SixteenAtOnceEachWithItsOwnResult) {
     EXPECT_THAT(output, testing::EndsWith("plan line: 16 boards, 3 failed\n"));
     EXPECT_THAT(output, HasSubstr("board 16  never connected\n"));
 
-    int passed = 0, records = 0, logs = 0, reports = 0;
+    int passed = 0, records = 0, logs = 0, reports = 0, absent = 0;
     for (const auto &entry : std::filesystem::directory_iterator("/var/results")) {
         const std::string text = board::readFile(entry.path());
         const std::string extension = entry.path().extension();
@@ -118,13 +118,13 @@ TEST_F(Boards, SixteenAtOnceEachWithItsOwnResult) {
         reports += extension == ".xml";
         if (extension == ".json") passed += text.find("\"verdict\": \"failed\"") == std::string::npos;
         if (extension != ".xml") continue;
-        EXPECT_THAT(text, HasSubstr("<testsuite name=\"line.board-16\" tests=\"4\" failures=\"4\""));
-        EXPECT_THAT(text, HasSubstr("<failure message=\"no board connected\" />"));
+        absent += text.find("<failure message=\"no board connected\" />") != std::string::npos;
     }
     EXPECT_EQ(passed, kBoards - 3) << output;
     EXPECT_EQ(records, kBoards);
     EXPECT_EQ(logs, kBoards);
-    EXPECT_EQ(reports, 1);
+    EXPECT_EQ(reports, kBoards);
+    EXPECT_EQ(absent, 1);
 }
 
 }  // namespace

@@ -154,11 +154,11 @@ TEST_F(PlanTest, StepsAreSentAndJudged) {
     Pair pair;
     bool connected = true;
     pair.boardSends(frame("OK"));
-    EXPECT_TRUE(station::runStep(pair.session(), plan.steps[0], connected).passed);
+    EXPECT_TRUE(station::runStep(pair.session(), plan.steps[0], connected).passed());
     EXPECT_EQ(pair.boardReceives(69), frame("FW KERNEL 5") + "12345");
     pair.boardSends(frame("nothing"));
     const station::StepResult wrong = station::runStep(pair.session(), plan.steps[1], connected);
-    EXPECT_FALSE(wrong.passed);
+    EXPECT_FALSE(wrong.passed());
     EXPECT_EQ(wrong.failure, "expected a match of \"^PI[N]G\", got \"nothing\"");
     EXPECT_EQ(pair.boardReceives(4), "INFO");
     EXPECT_TRUE(connected) << "a wrong reply does not end the session";

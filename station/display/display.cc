@@ -10,12 +10,12 @@
 #include <map>
 #include <mutex>
 
-#include "station/line/results.h"
-
 namespace station {
 namespace {
 
-constexpr Milliseconds kRefresh{100};
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kRefresh{100};
 constexpr uint64_t kBarWidth = 30;
 
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
@@ -28,20 +28,18 @@ class PlainDisplay : public Observer {
 public:
     explicit PlainDisplay(int boards) : boards_(boards) {}
 
-    void boardConnects(int board, const std::string &peer) override {
-        if (boards_ > 1) print(board, "connected from " + peer);
+    void boardConnects(const RunRecord &run) override {
+        if (boards_ > 1) print(run.place.number, "connected from " + run.peer);
     }
-    void stepStarts(int, const Step &) override {}
-    void uploads(int, uint64_t, uint64_t) override {}
-    void stepEnds(int board, const Step &step, const StepResult &result) override {
-        print(board, describeStep(step, result));
+    void stepEnds(const RunRecord &run, size_t step) override {
+        print(run.place.number, describeStep(run.steps[step]));
     }
-    void boardEnds(const BoardResult &result) override {
+    void boardEnds(const RunRecord &result) override {
         if (boards_ == 1 && !result.peer.empty()) return;
         if (result.peer.empty()) {
-            print(result.board, "never connected");
+            print(result.place.number, "never connected");
         } else {
-            print(result.board, fmt::format("{} steps, {} failed", result.steps.size(), result.failures()));
+            print(result.place.number, fmt::format("{} steps, {} failed", result.steps.size(), result.failures()));
         }
     }
 
@@ -60,58 +58,53 @@ private:
 // of several those that failed.
 class TerminalDisplay : public Observer {
 public:
-    TerminalDisplay(const Plan &plan, int boards, bool coloured)
-        : steps_(plan.steps.size()), boards_(boards), coloured_(coloured) {
+    TerminalDisplay(int boards, bool coloured) : boards_(boards), coloured_(coloured) {
         for (int board = 1; board <= boards; ++board) lines_[board].state = "waiting";
         const std::lock_guard lock(mutex_);
         draw();
     }
 
-    void boardConnects(int board, const std::string &) override {
-        change(board, [](Line &) {});
-    }
-
-    void stepStarts(int board, const Step &step) override {
-        change(board, [&](Line &line) {
-            ++line.step;
+    void stepStarts(const RunRecord &run, size_t step) override {
+        change(run.place.number, [&](Line &line) {
             line.start = Clock::now();
-            line.title = oneLine(step.title());
-            line.state = fmt::format("{:>2}/{}  {}", line.step, steps_, line.title);
+            line.title = fmt::format("{:>2}/{}  {}", step + 1, run.steps.size(), oneLine(run.steps[step].title));
+            line.state = line.title;
         });
     }
 
-    void uploads(int board, uint64_t sent, uint64_t total) override {
+    void progress(const RunRecord &run, size_t, uint64_t sent, uint64_t total) override {
         const std::lock_guard lock(mutex_);
-        Line &line = lines_[board];
-        line.state = fmt::format("{:>2}/{}  {}  {}", line.step, steps_, line.title, progress(line, sent, total));
+        Line &line = lines_[run.place.number];
+        line.state = fmt::format("{}  {}", line.title, bar(line, sent, total));
         if (sent == total || Clock::now() - drawn_ > kRefresh) draw();
     }
 
-    void stepEnds(int board, const Step &step, const StepResult &result) override {
+    void stepEnds(const RunRecord &run, size_t step) override {
         const std::lock_guard lock(mutex_);
-        if (boards_ > 1 && result.passed) return;
+        const StepResult &result = run.steps[step];
+        if (boards_ > 1 && result.passed()) return;
         erase();
-        fmt::print("{}{}\n", prefix(board, boards_), colour(describeStep(step, result), result.passed));
+        fmt::print("{}{}\n", prefix(run.place.number, boards_), colour(describeStep(result), result.passed()));
         draw();
     }
 
-    void boardEnds(const BoardResult &result) override {
-        change(result.board, [&](Line &line) {
+    void boardEnds(const RunRecord &result) override {
+        change(result.place.number, [&](Line &line) {
             const double time = std::chrono::duration<double>(result.end - result.start).count();
             if (result.peer.empty()) {
                 line.state = colour("FAILED  never connected", false);
             } else if (result.passed()) {
-                line.state = colour(fmt::format("ok      {} steps in {:.1f} s", steps_, time), true);
+                line.state = colour(fmt::format("ok      {} steps in {:.1f} s", result.steps.size(), time), true);
             } else {
-                line.state =
-                    colour(fmt::format("FAILED  {} of {} steps in {:.1f} s", result.failures(), steps_, time), false);
+                line.state = colour(
+                    fmt::format("FAILED  {} of {} steps in {:.1f} s", result.failures(), result.steps.size(), time),
+                    false);
             }
         });
     }
 
 private:
     struct Line {
-        size_t step = 0;
         std::string title;
         std::string state;
         Clock::time_point start;
@@ -124,7 +117,7 @@ private:
         draw();
     }
 
-    static std::string progress(const Line &line, uint64_t sent, uint64_t total) {
+    static std::string bar(const Line &line, uint64_t sent, uint64_t total) {
         const double rate = double(sent) / std::max(seconds(Clock::now() - line.start), 0.001);
         const uint64_t filled = total > 0 ? sent * kBarWidth / total : kBarWidth;
         return fmt::format("[{:#<{}}{: <{}}] {:3} %  {:.1f} MB/s  {:.0f} s left", "", filled, "", kBarWidth - filled,
@@ -162,7 +155,6 @@ private:
         return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col - 1 : 79;
     }
 
-    const size_t steps_;
     const int boards_;
     const bool coloured_;
     std::mutex mutex_;
@@ -173,10 +165,10 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards) {
+std::unique_ptr<Observer> makeDisplay(int boards) {
     if (isatty(STDOUT_FILENO) == 0) return std::make_unique<PlainDisplay>(boards);
     const char *const noColour = std::getenv("NO_COLOR");
-    return std::make_unique<TerminalDisplay>(plan, boards, noColour == nullptr || *noColour == '\0');
+    return std::make_unique<TerminalDisplay>(boards, noColour == nullptr || *noColour == '\0');
 }
 
 }  // namespace station

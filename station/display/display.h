@@ -4,11 +4,11 @@
 
 #include <memory>
 
-#include "station/line/run.h"
+#include "station/line/observer.h"
 
 namespace station {
 
 // Writes to standard output. NO_COLOR, unless empty, takes the colours.
-std::unique_ptr<Observer> makeDisplay(const Plan &plan, int boards);
+std::unique_ptr<Observer> makeDisplay(int boards);
 
 }  // namespace station

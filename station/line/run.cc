@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "image/md5.h"
 #include "station/wire/script.h"
@@ -98,53 +97,44 @@ StepResult runStep(Session &session, const Step &step, bool &connected, const Pr
         result.failure = error.what();
         connected = false;
     }
-    result.passed = result.failure.empty();
+    result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
     result.duration = std::chrono::duration_cast<Milliseconds>(Clock::now() - start);
     return result;
 }
 
-size_t BoardResult::failures() const {
-    return static_cast<size_t>(
-        std::count_if(steps.begin(), steps.end(), [](const auto &step) { return !step.passed; }));
-}
-
-BoardResult runPlan(Session &session, const Plan &plan, int board, Observer &observer) {
-    BoardResult result{board, session.peer(), WallClock::now(), {}, {}};
-    observer.boardConnects(board, result.peer);
-    bool connected = true;
+RunRecord newRun(const Plan &plan, const Place &place) {
+    RunRecord run;
+    run.start = WallClock::now();
+    run.id = makeRunId(run.start);
+    run.plan = plan.name;
+    run.place = place;
     for (const Step &step : plan.steps) {
-        observer.stepStarts(board, step);
-        StepResult &last = result.steps.emplace_back();
-        last.failure = "not run: the session had ended";
-        const Progress progress = [&](uint64_t sent, uint64_t total) { observer.uploads(board, sent, total); };
-        if (connected) last = runStep(session, step, connected, progress);
-        observer.stepEnds(board, step, last);
+        StepResult &result = run.steps.emplace_back();
+        result.title = step.title();
+        result.show = step.show;
     }
-    result.end = WallClock::now();
-    observer.boardEnds(result);
-    return result;
+    return run;
 }
 
-std::vector<BoardResult> runBoards(Listener &listener, const Plan &plan, int boards, Milliseconds wait,
-                                   Observer &observer) {
-    const auto deadline = Clock::now() + wait;
-    std::vector<BoardResult> results(static_cast<size_t>(boards));
-    std::vector<std::thread> threads;
-    for (int board = 1; board <= boards; ++board) {
-        BoardResult &result = results[static_cast<size_t>(board) - 1];
-        try {
-            const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
-            threads.emplace_back([&result, &plan, &observer, board, session = listener.accept(left)]() mutable {
-                result = runPlan(session, plan, board, observer);
-            });
-        } catch (const SessionError &error) {
-            result = {board, "", WallClock::now(), WallClock::now(), {}};
-            result.steps.assign(plan.steps.size(), {false, "", error.what(), Milliseconds(0)});
-            observer.boardEnds(result);
-        }
+RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context) {
+    bool connected = true;
+    for (size_t i = 0; i < plan.steps.size(); ++i) {
+        StepResult &result = run.steps[i];
+        const StepResult before = result;
+        result.failure = "not run: the session had ended";
+        if (!connected) continue;
+        context.observer.stepStarts(run, i);
+        const Progress progress = [&](uint64_t sent, uint64_t total) {
+            context.observer.progress(run, i, sent, total);
+        };
+        result = runStep(board.session(), plan.steps[i], connected, progress);
+        result.title = before.title;
+        result.show = before.show;
+        context.observer.stepEnds(run, i);
+        context.records.stepEnded(run, i);
     }
-    for (std::thread &thread : threads) thread.join();
-    return results;
+    run.end = WallClock::now();
+    return run;
 }
 
 }  // namespace station

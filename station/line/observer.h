@@ -1,0 +1,70 @@
+#pragma once
+// Who is told how the line goes on: display, events, page. Called by the threads of all boards at once.
+
+#include <string>
+#include <vector>
+
+#include "station/line/record.h"
+
+namespace station {
+
+// `step` counts from 0 in the run's steps, which are all there when the board connects.
+class Observer {
+public:
+    virtual ~Observer() = default;
+    // The line is open; anonymous places join it as boards come.
+    virtual void lineStarts(const std::vector<Place> &) {}
+    virtual void boardConnects(const RunRecord &) {}
+    virtual void stepStarts(const RunRecord &, size_t /*step*/) {}
+    virtual void progress(const RunRecord &, size_t /*step*/, uint64_t /*sent*/, uint64_t /*total*/) {}
+    // The step waits for the operator's answer to the prompt.
+    virtual void asks(const RunRecord &, size_t /*step*/, const std::string & /*prompt*/) {}
+    virtual void stepEnds(const RunRecord &, size_t /*step*/) {}
+    // The verdict is final and recorded. A place where nobody connected ends with an empty peer.
+    virtual void boardEnds(const RunRecord &) {}
+    // The board whose verdict stood there has been taken away.
+    virtual void placeFree(const Place &) {}
+    // Something connected that is no board.
+    virtual void strangerRefused(const std::string & /*peer*/, const std::string & /*why*/) {}
+    // No new board is taken for this reason; empty: they are taken again.
+    virtual void lineWaits(const std::string & /*why*/) {}
+    // No more boards are taken; the steps that run end first.
+    virtual void lineStops() {}
+    // What a person should look at, in words.
+    virtual void trouble(const std::string &) {}
+};
+
+// Tells all of them, in their order.
+class Observers : public Observer {
+public:
+    void add(Observer &observer) { all_.push_back(&observer); }
+
+    void lineStarts(const std::vector<Place> &places) override { tell(&Observer::lineStarts, places); }
+    void boardConnects(const RunRecord &run) override { tell(&Observer::boardConnects, run); }
+    void stepStarts(const RunRecord &run, size_t step) override { tell(&Observer::stepStarts, run, step); }
+    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override {
+        tell(&Observer::progress, run, step, sent, total);
+    }
+    void asks(const RunRecord &run, size_t step, const std::string &prompt) override {
+        tell(&Observer::asks, run, step, prompt);
+    }
+    void stepEnds(const RunRecord &run, size_t step) override { tell(&Observer::stepEnds, run, step); }
+    void boardEnds(const RunRecord &run) override { tell(&Observer::boardEnds, run); }
+    void placeFree(const Place &place) override { tell(&Observer::placeFree, place); }
+    void strangerRefused(const std::string &peer, const std::string &why) override {
+        tell(&Observer::strangerRefused, peer, why);
+    }
+    void lineWaits(const std::string &why) override { tell(&Observer::lineWaits, why); }
+    void lineStops() override { tell(&Observer::lineStops); }
+    void trouble(const std::string &text) override { tell(&Observer::trouble, text); }
+
+private:
+    template <typename Call, typename... Arguments>
+    void tell(Call call, const Arguments &...arguments) {
+        for (Observer *const observer : all_) (observer->*call)(arguments...);
+    }
+
+    std::vector<Observer *> all_;
+};
+
+}  // namespace station

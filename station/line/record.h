@@ -1,0 +1,81 @@
+#pragma once
+// What is known of one run of a plan on one board: what results, store, display and hooks are made from.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace station {
+
+using WallClock = std::chrono::system_clock;
+
+// Where a board is cabled to the station.
+struct Place {
+    int number = 1;    // from 1, in the order of the line's file or of the interfaces
+    std::string name;  // from the line's file, or the interface's, or the number; fit for a file's name
+};
+
+// A number that a step found, and what it was held to.
+struct Measurement {
+    std::string name;
+    double value = 0;
+    std::optional<double> min, max;
+    std::string unit;
+    bool passed = true;
+};
+
+enum class Verdict { kNotRun, kPassed, kFailed };
+
+// "not run", "passed", "failed"
+std::string_view textOf(Verdict verdict);
+
+struct StepResult {
+    std::string title;  // the step's, for people; its variables are filled in when it starts
+    Verdict verdict = Verdict::kNotRun;
+    std::string reply;                    // its text, or what the script printed, without what was cut off
+    uint64_t cut = 0;                     // bytes that were cut off the reply, of which a record keeps so many
+    std::string failure;                  // why the step did not pass; empty when it passed
+    std::string hint;                     // what to do when it fails, from the plan
+    bool show = false;                    // the plan wants the reply to be seen as it is
+    std::chrono::milliseconds offset{0};  // of its start from the run's
+    std::chrono::milliseconds duration{0};
+    int attempts = 0;
+    std::vector<Measurement> measurements;
+
+    bool passed() const { return verdict == Verdict::kPassed; }
+};
+
+struct RunRecord {
+    std::string id;  // no other run on any station has it; fit for a file's name
+    std::string plan;
+    Place place;
+    std::string peer;  // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one; empty: it never connected
+    std::string unit;  // the variable "serial"; empty: nobody said
+    WallClock::time_point start, end;
+    std::map<std::string, std::string> variables;
+    std::vector<StepResult> steps;  // one for each step of the plan, from the run's start on
+    std::string failure;            // what failed besides the steps; empty: nothing
+    bool interrupted = false;       // the station was stopped before the plan's end
+
+    size_t failures() const;  // steps that did not pass
+    bool passed() const { return failures() == 0 && failure.empty(); }
+};
+
+// "20261121T173000.123Z-" and eight random hexadecimal digits.
+std::string makeRunId(WallClock::time_point start);
+
+// In UTC to the millisecond: "2026-11-21T17:30:00.123Z".
+std::string isoTime(WallClock::time_point time);
+
+// A step's line: verdict, time, title, and the reply or what is wrong.
+std::string describeStep(const StepResult &result);
+
+// A text in one line: line ends and control characters become visible.
+std::string oneLine(const std::string &text);
+
+}  // namespace station

@@ -1,0 +1,38 @@
+#pragma once
+// Where runs are recorded: files, a store, or both.
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "station/line/record.h"
+
+namespace station {
+
+// What could not be recorded and why, in words for the line engineer.
+struct RecordsError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Called by the threads of all boards at once. "Durable" is what survives a power cut.
+class Records {
+public:
+    virtual ~Records() = default;
+    // Why no new board may be taken now; empty: it may. Asked before a board is taken, and every second while it says
+    // no: what waited to be written is tried again.
+    virtual std::string away() { return {}; }
+    // A board is there: durable before its first command. Throws RecordsError: the board waits, and it is tried again.
+    virtual void begins(const RunRecord & /*run*/) {}
+    // The next `count` rows of the pool for this run's unit, bound to it durably. Throws RecordsError: nothing is
+    // bound.
+    virtual std::vector<std::string> bind(const std::string &pool, const RunRecord & /*run*/, int /*count*/) {
+        throw RecordsError("the line has no pool \"" + pool + "\"");
+    }
+    // May be written later.
+    virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}
+    // Durable before the verdict is shown. Throws RecordsError when it is not; it is then kept and tried again by
+    // away().
+    virtual void ends(const RunRecord & /*run*/) {}
+};
+
+}  // namespace station
