@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <string_view>
 
 #include "image/md5.h"
@@ -23,8 +24,10 @@ constexpr size_t kBlockSize = 60;
 constexpr size_t kHeaderSize = 64;
 constexpr size_t kDigestLength = 32;
 constexpr size_t kTrailerSize = kDigestLength + 1;
-// The board counts an image's length, without the trailer, in a signed 32-bit number.
-constexpr uint64_t kLongestImage = std::numeric_limits<int32_t>::max();
+// The station announces an image, trailer included, as a number that the board reads with atoi.
+constexpr uint64_t kLongestFile = std::numeric_limits<int32_t>::max();
+
+constexpr char kTooLong[] = "more than the 2147483647 that a command can announce";
 
 std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
 
@@ -83,13 +86,37 @@ std::string sectionHeader(const Source &source) {
     std::error_code error;
     if (!fs::is_regular_file(source.file, error)) throw ImageError(fmt::format("no file {}", source.file.string()));
     const uint64_t length = fs::file_size(source.file);
-    if (length > kLongestImage) throw ImageError(fmt::format("{} is too long", source.file.string()));
+    if (length > kLongestFile) throw ImageError(fmt::format("{} is too long", source.file.string()));
     std::string header = fmt::format("{} {}", length, source.name);
     if (header.size() >= kHeaderSize) {
         throw ImageError(fmt::format("the section's name \"{}\" is too long for its header", source.name));
     }
     header.resize(kHeaderSize, '\0');
     return header;
+}
+
+// The number that a good section's name begins with: of the block device that receives it.
+unsigned blockOf(std::string_view name) {
+    unsigned number = 0;
+    std::from_chars(name.data(), name.data() + name.size(), number);
+    return number;
+}
+
+// What is allowed and seldom meant, in words that say what the board makes of it.
+template <typename Sections>
+std::vector<std::string> findWarnings(const Sections &sections) {
+    if (sections.empty()) {
+        return {"there is no section: the board flashes what an earlier image left in its /tmp, and nothing else"};
+    }
+    std::map<unsigned, int> counts;
+    for (const auto &section : sections) ++counts[blockOf(section.name)];
+    std::vector<std::string> warnings;
+    for (const auto &[block, count] : counts) {
+        if (count == 1) continue;
+        warnings.push_back(
+            fmt::format("{} sections are for block {}: the board flashes the last one alone", count, block));
+    }
+    return warnings;
 }
 
 // Hands the file to `take` in pieces; `length` bytes of it, or all.
@@ -176,7 +203,7 @@ void readTrailer(std::ifstream &file, uint64_t end, Contents &contents) {
 
 }  // namespace
 
-void create(const fs::path &path, const Product &product, const std::vector<Source> &sources) {
+std::vector<std::string> create(const fs::path &path, const Product &product, const std::vector<Source> &sources) {
     const std::string block = productBlock(product);
     std::vector<std::string> headers;
     uint64_t length = block.size();
@@ -184,7 +211,9 @@ void create(const fs::path &path, const Product &product, const std::vector<Sour
         headers.push_back(sectionHeader(source));
         length += kHeaderSize + fs::file_size(source.file);
     }
-    if (length > kLongestImage) throw ImageError(fmt::format("the image would have {} bytes, too many", length));
+    if (length + kTrailerSize > kLongestFile) {
+        throw ImageError(fmt::format("the image would have {} bytes, {}", length + kTrailerSize, kTooLong));
+    }
 
     NewFile image(path);
     Md5 digest;
@@ -199,7 +228,7 @@ void create(const fs::path &path, const Product &product, const std::vector<Sour
         written += kHeaderSize;
         std::ifstream file(sources[i].file, std::ios::binary);
         if (!file) throw ImageError(describe("cannot read " + sources[i].file.string()));
-        readPieces(file, kLongestImage, [&](std::string_view piece) {
+        readPieces(file, kLongestFile, [&](std::string_view piece) {
             write(piece);
             written += piece.size();
         });
@@ -208,6 +237,7 @@ void create(const fs::path &path, const Product &product, const std::vector<Sour
     if (written != length) throw ImageError("a file changed while it was read");
     image.write(digest.text() + "\n");
     image.keep();
+    return findWarnings(sources);
 }
 
 Contents inspect(const fs::path &path) {
@@ -216,10 +246,18 @@ Contents inspect(const fs::path &path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw ImageError(describe("cannot open " + path.string()));
     file.seekg(0, std::ios::end);
-    const auto size = static_cast<uint64_t>(file.tellg());
+    const std::streamoff end = file.tellg();
+    if (end < 0)
+        throw ImageError(
+            fmt::format("{} can only be read once, as a pipe can: copy it to a file first", path.string()));
+    const auto size = static_cast<uint64_t>(end);
     Contents contents;
     if (size < kBlockSize + kTrailerSize) {
         contents.fault = fmt::format("{} bytes are too few for a product block and a trailer", size);
+        return contents;
+    }
+    if (size > kLongestFile) {
+        contents.fault = fmt::format("it has {} bytes, {}", size, kTooLong);
         return contents;
     }
     std::string block(kBlockSize, '\0');
@@ -228,6 +266,8 @@ Contents inspect(const fs::path &path) {
     readProduct(block, contents);
     readSections(file, size - kTrailerSize, contents);
     readTrailer(file, size - kTrailerSize, contents);
+    if (!file) throw ImageError(fmt::format("{} cannot be read to its end", path.string()));
+    if (contents.fault.empty()) contents.warnings = findWarnings(contents.sections);
     return contents;
 }
 

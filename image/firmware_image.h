@@ -29,8 +29,9 @@ struct Source {
 };
 
 // Writes an image. Everything is checked before anything is written, and the file appears whole or not at all.
-// Throws ImageError, or std::runtime_error when it cannot be written.
-void create(const std::filesystem::path &path, const Product &product, const std::vector<Source> &sources);
+// Returns warnings, as they stand in Contents. Throws ImageError, or std::runtime_error when it cannot be written.
+std::vector<std::string> create(const std::filesystem::path &path, const Product &product,
+                                const std::vector<Source> &sources);
 
 struct Section {
     std::string name;
@@ -41,9 +42,10 @@ struct Section {
 struct Contents {
     Product product;  // version as it stands in the block
     std::vector<Section> sections;
-    std::string trailer;  // the digest that the image carries
-    std::string digest;   // the digest that it ought to carry
-    std::string fault;    // the first thing wrong, from the image's start on; empty for a good image
+    std::string trailer;                // the digest that the image carries
+    std::string digest;                 // the digest that it ought to carry
+    std::string fault;                  // the first thing wrong, from the image's start on; empty for a good image
+    std::vector<std::string> warnings;  // of a good image: what is seldom meant, and what the board makes of it
 };
 
 // Reads an image as far as it can be read. Throws ImageError when the file cannot be.

@@ -25,10 +25,14 @@ fwimage::Source parseSection(const std::string &argument) {
     return {argument.substr(0, equals), argument.substr(equals + 1)};
 }
 
+void printWarnings(const std::string &image, const std::vector<std::string> &warnings) {
+    for (const std::string &warning : warnings) fmt::print(stderr, "fwimage: {}: warning: {}\n", image, warning);
+}
+
 int create(const Options &options) {
     std::vector<fwimage::Source> sources;
     for (const std::string &section : options.sections) sources.push_back(parseSection(section));
-    fwimage::create(options.image, options.product, sources);
+    printWarnings(options.image, fwimage::create(options.image, options.product, sources));
     return 0;
 }
 
@@ -44,6 +48,7 @@ int show(const Options &options) {
                    contents.trailer == contents.digest ? ", holds" : ", should be " + contents.digest);
         std::fflush(stdout);
     }
+    printWarnings(options.image, contents.warnings);
     if (contents.fault.empty()) return 0;
     fmt::print(stderr, "fwimage: {}: {}\n", options.image, contents.fault);
     return 1;

@@ -17,10 +17,26 @@ namespace {
     throw std::runtime_error(fmt::format("cannot write {}: {}", path.string(), strerror(errno)));
 }
 
+// The file that the path names in the end. Throws when something is there that a new file must not take the place of.
+std::filesystem::path replaceable(std::filesystem::path path) {
+    namespace fs = std::filesystem;
+    for (int links = 0; fs::is_symlink(fs::symlink_status(path)); ++links) {
+        errno = ELOOP;
+        if (links == 40) fail(path);  // as many as the kernel follows
+        path = path.parent_path() / fs::read_symlink(path);
+    }
+    if (fs::exists(path) && !fs::is_regular_file(path)) {
+        throw std::runtime_error(fmt::format("cannot write {}: it is there, and no regular file", path.string()));
+    }
+    return path;
+}
+
 }  // namespace
 
 NewFile::NewFile(const std::filesystem::path &path)
-    : path_(path), temporary_(path.string() + ".XXXXXX"), descriptor_(mkostemp(temporary_.data(), O_CLOEXEC)) {
+    : path_(replaceable(path)),
+      temporary_(path_.string() + ".XXXXXX"),
+      descriptor_(mkostemp(temporary_.data(), O_CLOEXEC)) {
     if (descriptor_ < 0) fail(path_);
 }
 

@@ -7,8 +7,9 @@
 
 namespace fwimage {
 
-// A new file that replaces `path` when it is kept; until then, and without that, nothing is there. Every failure throws
-// std::runtime_error.
+// A new file that replaces `path`, or the regular file that links of this name lead to, when it is kept; until then,
+// and without that, what was there stays. Every failure throws std::runtime_error, and so does anything else of this
+// name: a device, a FIFO, a folder.
 class NewFile {
 public:
     explicit NewFile(const std::filesystem::path &path);

@@ -1,6 +1,8 @@
 // Images built and looked at by the factory side's tool.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -105,6 +107,37 @@ TEST_F(Image, BadArgumentsAreRefusedBeforeAnythingIsWritten) {
     EXPECT_THROW(fwimage::create(path("none") / "image", kProduct, {}), std::runtime_error);
 }
 
+TEST_F(Image, OnlyARegularFileIsReplaced) {
+    write("old", "old");
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    const std::tuple<const char *, const char *, const char *> cases[] = {
+        {"link", "old", "old"}, {"loose", "new", "new"}, {"toFifo", "fifo", nullptr}, {"loop", "loop", nullptr}};
+    for (const auto &[link, target, written] : cases) {
+        fs::create_symlink(target, path(link));
+        if (written == nullptr) {
+            EXPECT_THROW(fwimage::create(path(link), kProduct, {}), std::runtime_error) << link;
+        } else {
+            fwimage::create(path(link), kProduct, {});
+            EXPECT_EQ(read(written).substr(0, 4), "ACME") << link;
+        }
+        EXPECT_TRUE(fs::is_symlink(path(link)));
+    }
+    EXPECT_TRUE(fs::is_fifo(path("fifo")));
+}
+
+TEST_F(Image, WhatIsSeldomMeantIsWarnedOf) {
+    const std::vector<Source> good = {{"2.a", path("root")}, {"3.a", path("root")}},
+                              twice = {{"2.a", path("root")}, {"3.a", path("root")}, {"02.b", path("root")}};
+    const std::tuple<std::vector<Source>, std::vector<std::string>> cases[] = {
+        {good, {}},
+        {{}, {"there is no section: the board flashes what an earlier image left in its /tmp, and nothing else"}},
+        {twice, {"2 sections are for block 2: the board flashes the last one alone"}}};
+    for (const auto &[sources, warnings] : cases) {
+        EXPECT_EQ(fwimage::create(path("image"), kProduct, sources), warnings);
+        EXPECT_EQ(fwimage::inspect(path("image")).warnings, warnings);
+    }
+}
+
 TEST_F(Image, TheFirstThingWrongIsNamed) {
     fwimage::create(path("image"), kProduct, {{"2.bin", path("root")}, {"3.bin", path("root")}});
     const std::string good = read("image");
@@ -135,6 +168,12 @@ TEST_F(Image, TheFirstThingWrongIsNamed) {
     EXPECT_EQ(fwimage::inspect(path("image")).fault, "");
     EXPECT_THROW(fwimage::inspect(path("none")), ImageError);
     EXPECT_THROW(fwimage::inspect(folder_), ImageError);
+    fs::resize_file(path("image"), 2147483648);
+    EXPECT_THAT(fwimage::inspect(path("image")).fault, HasSubstr("more than the 2147483647"));
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    EXPECT_THROW(fwimage::inspect("/proc/self/fd/" + std::to_string(pipe[0])), ImageError);
+    for (const int end : pipe) close(end);
 }
 
 }  // namespace
