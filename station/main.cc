@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "station/display/display.h"
+#include "station/line/events.h"
 #include "station/line/line.h"
 #include "station/line/results.h"
 #include "station/plan/plan.h"
@@ -25,11 +27,14 @@ struct Options {
     std::vector<std::string> interfaces;
     int boards = 1;
     std::string results;  // folder; empty: none
+    bool json = false;    // events instead of the display
     double wait = 60;     // seconds for a board to answer, and for all to connect
     std::string link;     // where a board is discovered first; empty: not at all
     std::string board = "FF:FF:FF:FF:FF:FF";
     size_t size = 60;
 
+    // Where people read, where programs do not.
+    FILE *said() const { return json ? stderr : stdout; }
     station::Milliseconds limit() const { return station::Milliseconds(static_cast<int64_t>(wait * 1000)); }
 };
 
@@ -37,16 +42,9 @@ int discover(const Options &options) {
     const auto link = station::openLink(options.link);
     const station::Mac board =
         station::discover(*link, station::parseMac(options.board), options.size, options.limit());
-    fmt::print("board {} answered three times\n", station::formatMac(board));
+    fmt::print(options.said(), "board {} answered three times\n", station::formatMac(board));
     std::fflush(stdout);
     return 0;
-}
-
-// What the plan wants to be seen as the board sent it, colours and all.
-void showReplies(const station::RunRecord &run) {
-    for (const station::StepResult &step : run.steps) {
-        if (step.show) fmt::print("\n{}\n", step.reply);
-    }
 }
 
 int run(const Options &options) {
@@ -54,25 +52,30 @@ int run(const Options &options) {
     if (!options.results.empty()) station::prepareResults(options.results);
     if (!options.link.empty()) discover(options);
     station::Listener listener(options.address, options.port, options.interfaces);
-    fmt::print("plan {}: {} steps, waiting for {} on {}:{}\n", plan.name, plan.steps.size(),
+    fmt::print(options.said(), "plan {}: {} steps, waiting for {} on {}:{}\n", plan.name, plan.steps.size(),
                options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address,
                listener.port());
     std::fflush(stdout);
 
-    const auto display = station::makeDisplay(options.boards);
+    station::Observers observers;
+    const auto events = options.json ? std::make_unique<station::Events>() : nullptr;
+    auto display = options.json ? nullptr : station::makeDisplay(options.boards);
+    if (events) observers.add(*events);
+    if (display) observers.add(*display);
     station::Records records;
     const station::Stop stop;
     const std::vector<station::RunRecord> results =
-        station::runBoards(listener, plan, options.boards, options.limit(), {*display, records, stop});
+        station::runBoards(listener, plan, options.boards, options.limit(), {observers, records, stop});
     for (const station::RunRecord &run : results) {
         if (!options.results.empty()) station::writeResult(options.results, run);
-        showReplies(run);
     }
+    display.reset();
     const auto failed = std::count_if(results.begin(), results.end(), [](const auto &r) { return !r.passed(); });
     if (options.boards == 1) {
-        fmt::print("plan {}: {} steps, {} failed\n", plan.name, plan.steps.size(), results.front().failures());
+        fmt::print(options.said(), "plan {}: {} steps, {} failed\n", plan.name, plan.steps.size(),
+                   results.front().failures());
     } else {
-        fmt::print("plan {}: {} boards, {} failed\n", plan.name, options.boards, failed);
+        fmt::print(options.said(), "plan {}: {} boards, {} failed\n", plan.name, options.boards, failed);
     }
     return failed == 0 ? 0 : 1;
 }
@@ -105,6 +108,7 @@ CLI::App *addRun(CLI::App &app, Options &options) {
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
     command->add_option("--results", options.results, "Folder for a JSON file, a log and a JUnit XML file a board");
+    command->add_flag("--json", options.json, "Print each thing that happens as a line of JSON");
     command->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
     command->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
     command->add_option("--interface", options.interfaces,

@@ -3,9 +3,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <pty.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -20,9 +18,7 @@ using namespace std::string_literals;
 using station::Milliseconds;
 using station::Session;
 using station::SessionError;
-using testing::AllOf;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -212,56 +208,6 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         }
     }
     EXPECT_THROW(station::loadPlan(folder_ / "none.yaml"), station::PlanError);
-}
-
-// What the command line shows on a terminal while it runs a plan of one upload against a board that answers.
-std::string shownOnTerminal(const fs::path &plan, const char *noColour) {
-    const std::string port = std::to_string(station::Listener("127.0.0.1", 0).port());  // free, as good as certainly
-    int terminal = -1;
-    const pid_t station = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (station == 0) {
-        setenv("NO_COLOR", noColour, 1);
-        execl(QCSTATION, "qcstation", "run", plan.c_str(), "--listen", "127.0.0.1", "--port", port.c_str(), nullptr);
-        _exit(127);
-    }
-    std::thread board([&] {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        int connection = -1;
-        for (int tries = 0; tries < 500; ++tries) {
-            connection = socket(AF_INET, SOCK_STREAM, 0);
-            if (connect(connection, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) break;
-            close(std::exchange(connection, -1));
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        std::string command(64 + 100000, '\0');
-        recv(connection, command.data(), command.size(), MSG_WAITALL);
-        send(connection, frame("OK").data(), 64, MSG_NOSIGNAL);
-        close(connection);
-    });
-    std::string shown;
-    char part[4096];
-    for (ssize_t length; (length = read(terminal, part, sizeof part)) > 0;)
-        shown.append(part, static_cast<size_t>(length));
-    board.join();
-    close(terminal);
-    int status = -1;
-    waitpid(station, &status, 0);
-    EXPECT_EQ(status, 0) << shown;
-    return shown;
-}
-
-TEST_F(PlanTest, IsShownLiveOnATerminal) {
-    write("payload.bin", std::string(100000, 'x'));
-    const fs::path plan = write("plan.yaml", "- {send: 'VERSION {size}', upload: payload.bin, expect: OK}\n");
-    const std::string colour = shownOnTerminal(plan, ""), plain = shownOnTerminal(plan, "1");
-    for (const std::string &shown : {colour, plain}) {
-        EXPECT_THAT(shown, AllOf(HasSubstr("\r\033[J"), HasSubstr("VERSION 100000"), HasSubstr("1 steps, 0 failed")));
-    }
-    EXPECT_THAT(colour, HasSubstr("\033[32m"));
-    EXPECT_THAT(plain, Not(HasSubstr("\033[32m")));
 }
 
 }  // namespace

@@ -1,0 +1,354 @@
+// The live display: a thread of its own draws ten times a second what the boards' threads have told, and reads what the
+// operator answers.
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "station/display/display.h"
+#include "station/display/layout.h"
+#include "station/line/durations.h"
+
+namespace station {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Moment = Clock::time_point;
+
+constexpr std::chrono::milliseconds kRefresh{100};
+
+double secondsSince(Moment start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// What typing needs while the operator is asked: each character at once, and not echoed into the live lines.
+class Keyboard {
+public:
+    Keyboard() : terminal_(isatty(STDIN_FILENO) != 0 && tcgetattr(STDIN_FILENO, &cooked_) == 0) {}
+    ~Keyboard() { listen(false); }
+
+    bool there() const { return terminal_; }
+    void lose() { terminal_ = false; }
+
+    // What was typed before the question belongs to no question.
+    void listen(bool on) {
+        if (!terminal_ || on == listening_) return;
+        termios mode = cooked_;
+        if (on) mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &mode);
+        listening_ = on;
+    }
+
+private:
+    termios cooked_{};
+    bool terminal_;
+    bool listening_ = false;
+};
+
+class Terminal : public Display {
+public:
+    Terminal(int boards, bool coloured) : boards_(boards), coloured_(coloured), drawer_([this] { drawUntilEnd(); }) {}
+
+    ~Terminal() override {
+        const uint64_t one = 1;
+        (void)!write(end_, &one, sizeof one);
+        drawer_.join();
+        close(end_);
+    }
+
+    void lineStarts(const std::vector<Place> &places) override {
+        const std::lock_guard lock(mutex_);
+        for (const Place &place : places) lines_[place.number].row.place = nameOf(place);
+    }
+
+    void boardConnects(const RunRecord &run) override {
+        change(run, [&](Line &line) {
+            line = {};
+            line.row.place = nameOf(run.place);
+            line.row.steps = run.steps.size();
+            line.row.stage = Stage::kRunning;
+            line.connected = line.started = Clock::now();
+        });
+    }
+
+    void stepStarts(const RunRecord &run, size_t step) override {
+        change(run, [&](Line &line) {
+            line.row.stage = Stage::kRunning;
+            line.row.step = step + 1;
+            line.row.text = oneLine(run.steps[step].title);
+            line.started = Clock::now();
+            line.expected = durations_.of(run, step);
+            line.sent = line.total = 0;
+        });
+    }
+
+    void progress(const RunRecord &run, size_t, uint64_t sent, uint64_t total) override {
+        change(run, [&](Line &line) {
+            line.sent = sent;
+            line.total = total;
+        });
+    }
+
+    void stepEnds(const RunRecord &run, size_t step) override {
+        const std::lock_guard lock(mutex_);
+        durations_.learn(run, step);
+        if (boards_ == 1) above_ += coloured(describeStep(run.steps[step]), run.steps[step].passed()) + "\n";
+    }
+
+    void boardEnds(const RunRecord &run) override {
+        change(run, [&](Line &line) {
+            line.row.place = nameOf(run.place);
+            line.row.stage = run.passed() ? Stage::kPassed : Stage::kFailed;
+            line.row.text = oneLine(summaryOf(run));
+            line.row.hint = oneLine(hintOf(run));
+            line.row.seconds = std::chrono::duration<double>(run.end - run.start).count();
+            ++(run.passed() ? passed_ : failed_);
+            const bool told = boards_ == 1 || (boards_ > 1 && run.passed());  // by the steps, or the counts
+            if (!told) above_ += nameOf(run.place) + "  " + coloured(endLine(run), run.passed()) + "\n";
+            const std::string shown = shownReplies(run, boards_ != 1);
+            if (!shown.empty()) above_ += shown + "\033[0m\n";
+        });
+    }
+
+    void placeFree(const Place &place) override {
+        const std::lock_guard lock(mutex_);
+        lines_[place.number] = {};
+        lines_[place.number].row.place = nameOf(place);
+    }
+
+    void strangerRefused(const std::string &peer, const std::string &why) override {
+        const std::lock_guard lock(mutex_);
+        ++strangers_;
+        stranger_ = oneLine(peer + ": " + why);
+    }
+
+    void lineWaits(const std::string &why) override {
+        const std::lock_guard lock(mutex_);
+        waits_ = oneLine(why);
+    }
+
+    void lineStops() override {
+        const std::lock_guard lock(mutex_);
+        stops_ = true;
+    }
+
+    void trouble(const std::string &text) override {
+        const std::lock_guard lock(mutex_);
+        above_ += oneLine(text) + "\n";
+    }
+
+    std::string ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
+                    Moment deadline, const Stop &stop) override {
+        Question question{nameOf(run.place), oneLine(prompt), oneLine(problem), {}, {}};
+        pose(run, question);
+        while (!question.answered() && Clock::now() < deadline && !stop.requested() && keyboardThere()) {
+            std::unique_lock lock(mutex_);
+            answered_.wait_for(lock, kRefresh, [&] { return question.answered(); });
+        }
+        return withdraw(run, question, stop);
+    }
+
+private:
+    struct Line {
+        Row row;
+        Moment connected, started;
+        double expected = 0;  // seconds that the step takes, from the runs before; 0: not known
+        uint64_t sent = 0, total = 0;
+    };
+
+    struct Question {
+        std::string place, prompt, problem;
+        std::string typed;
+        std::optional<std::string> answer;
+        bool answered() const { return answer.has_value(); }
+    };
+
+    template <typename Change>
+    void change(const RunRecord &run, const Change &apply) {
+        const std::lock_guard lock(mutex_);
+        Line &line = lines_[run.place.number];
+        apply(line);
+        line.row.unit = oneLine(run.unit);
+    }
+
+    // The first of the questions is the one that is asked.
+    void pose(const RunRecord &run, Question &question) {
+        const std::lock_guard lock(mutex_);
+        if (!keyboard_.there()) throw std::runtime_error("there is no terminal where an operator could be asked");
+        questions_.push_back(&question);
+        lines_[run.place.number].row.stage = Stage::kAsking;
+        lines_[run.place.number].row.text = question.prompt;
+    }
+
+    std::string withdraw(const RunRecord &run, Question &question, const Stop &stop) {
+        const std::lock_guard lock(mutex_);
+        questions_.erase(std::find(questions_.begin(), questions_.end(), &question));
+        lines_[run.place.number].row.stage = Stage::kRunning;
+        if (question.answer) return *question.answer;
+        throw std::runtime_error(stop.requested()    ? "the station was stopped before the operator answered"
+                                 : keyboard_.there() ? "the operator did not answer in time"
+                                                     : "the operator's terminal is gone");
+    }
+
+    bool keyboardThere() {
+        const std::lock_guard lock(mutex_);
+        return keyboard_.there();
+    }
+
+    void drawUntilEnd() {
+        bool ended = false;
+        while (!ended) {
+            pollfd polled[] = {{end_, POLLIN, 0}, {asking() ? STDIN_FILENO : -1, POLLIN, 0}};
+            poll(polled, 2, static_cast<int>(kRefresh.count()));
+            ended = polled[0].revents != 0;
+            if (polled[1].revents != 0) readKeys();
+            const std::string text = frame();
+            std::fwrite(text.data(), 1, text.size(), stdout);
+            std::fflush(stdout);
+        }
+    }
+
+    bool asking() {
+        const std::lock_guard lock(mutex_);
+        keyboard_.listen(!questions_.empty());
+        return !questions_.empty();
+    }
+
+    void readKeys() {
+        char keys[256];
+        const ssize_t length = read(STDIN_FILENO, keys, sizeof keys);
+        const std::lock_guard lock(mutex_);
+        if (length <= 0) keyboard_.lose();
+        // What follows the end of an answer was typed for no question.
+        for (ssize_t i = 0; i < length && !questions_.empty() && !questions_.front()->answered(); ++i) {
+            type(*questions_.front(), keys[i]);
+        }
+        answered_.notify_all();
+    }
+
+    // With all bytes of its UTF-8.
+    static void eraseLast(std::string &text) {
+        while (!text.empty() && (static_cast<unsigned char>(text.back()) & 0xC0) == 0x80) text.pop_back();
+        if (!text.empty()) text.pop_back();
+    }
+
+    static void type(Question &question, char key) {
+        constexpr char kErase = '\x7F', kBackspace = '\b', kEraseAll = '\x15';
+        if (key == '\n' || key == '\r') {
+            question.answer = question.typed;
+        } else if (key == kErase || key == kBackspace) {
+            eraseLast(question.typed);
+        } else if (key == kEraseAll) {
+            question.typed.clear();
+        } else if (static_cast<unsigned char>(key) >= ' ') {
+            question.typed += key;
+        }
+    }
+
+    std::vector<Row> rows() const {
+        std::vector<Row> rows;
+        for (const auto &[number, line] : lines_) {
+            Row &row = rows.emplace_back(line.row);
+            if (row.stage != Stage::kRunning) continue;
+            row.seconds = secondsSince(line.connected);
+            estimate(row, line);
+        }
+        return rows;
+    }
+
+    // By the time that the step took before; without that, by the bytes that are sent.
+    static void estimate(Row &row, const Line &line) {
+        const double passed = row.elapsed = secondsSince(line.started);
+        if (line.expected > 0) {
+            row.fraction = std::min(passed / line.expected, 0.99);
+            row.left = std::max(line.expected - passed, 0.0);
+        } else if (line.sent > 0 && line.sent < line.total) {
+            row.fraction = double(line.sent) / double(line.total);
+            row.left = passed / row.fraction - passed;
+        }
+    }
+
+    std::vector<std::string> foot() const {
+        std::vector<std::string> lines;
+        if (strangers_ > 0) lines.push_back(fmt::format("strangers refused: {}, the last {}", strangers_, stranger_));
+        if (!waits_.empty()) lines.push_back("no new boards are taken: " + waits_);
+        if (stops_) lines.push_back("stopping: what runs ends first; interrupt once more to end at once");
+        if (boards_ != 1) {
+            lines.push_back(
+                fmt::format("since {:%H:%M}: {} passed, {} failed", fmt::localtime(opened_), passed_, failed_));
+        }
+        if (!questions_.empty()) lines.push_back(promptLine());
+        return lines;
+    }
+
+    std::string promptLine() const {
+        const Question &question = *questions_.front();
+        const std::string more = questions_.size() > 1 ? fmt::format(" ({} more wait)", questions_.size() - 1) : "";
+        const std::string problem = question.problem.empty() ? "" : question.problem + ". ";
+        return fmt::format("{}{}: {}{} > {}", question.place, more, problem, question.prompt, question.typed);
+    }
+
+    // What changes the terminal from what was drawn before, line by line, so that nothing flickers; the terminal cuts
+    // what is too long. Empty: nothing.
+    std::string frame() {
+        const std::lock_guard lock(mutex_);
+        const std::vector<std::string> lines = layOut(rows(), screen(), foot());
+        if (lines == drawn_ && above_.empty()) return {};
+        std::string text = drawn_.empty() ? "\r" : fmt::format("\033[{}A\r", drawn_.size());
+        if (!above_.empty()) text += "\033[J" + std::exchange(above_, {});
+        text += "\033[?7l";
+        for (const std::string &line : lines) text += line + "\033[K\n";
+        drawn_ = lines;
+        return text + "\033[J\033[?7h";
+    }
+
+    Screen screen() const {
+        winsize size{};
+        const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+        // One row is the cursor's.
+        return {known ? std::max<size_t>(size.ws_col, 40) : 80, known ? std::max<size_t>(size.ws_row, 4) - 1 : 23,
+                coloured_};
+    }
+
+    // The verdict at the start of the text, green or red.
+    std::string coloured(const std::string &text, bool passed) const {
+        if (!coloured_) return text;
+        const size_t end = text.find(' ');
+        return fmt::format("\033[{}m{}\033[0m{}", passed ? "32" : "1;31", text.substr(0, end), text.substr(end));
+    }
+
+    const int boards_;
+    const bool coloured_;
+    const std::time_t opened_ = std::time(nullptr);
+    const int end_ = eventfd(0, EFD_CLOEXEC);
+    std::mutex mutex_;
+    std::condition_variable answered_;
+    Durations durations_;
+    Keyboard keyboard_;
+    std::map<int, Line> lines_;
+    std::deque<Question *> questions_;
+    std::string above_;  // what goes above the live lines for good
+    std::vector<std::string> drawn_;
+    size_t passed_ = 0, failed_ = 0, strangers_ = 0;
+    std::string stranger_, waits_;
+    bool stops_ = false;
+    std::thread drawer_;  // the last: it uses all the others
+};
+
+}  // namespace
+
+std::unique_ptr<Display> makeTerminal(int boards, bool coloured) {
+    return std::make_unique<Terminal>(boards, coloured);
+}
+
+}  // namespace station

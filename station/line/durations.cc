@@ -1,0 +1,60 @@
+#include "station/line/durations.h"
+
+#include <fmt/format.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Empty: there is none.
+fs::path cacheFile() {
+    const char *const cache = std::getenv("XDG_CACHE_HOME"), *const home = std::getenv("HOME");
+    if (cache != nullptr && *cache != '\0') return fs::path(cache) / "qcstation" / "durations";
+    return home == nullptr ? fs::path() : fs::path(home) / ".cache" / "qcstation" / "durations";
+}
+
+// By its number: a title changes with every board's addresses.
+std::string keyOf(const RunRecord &run, size_t step) {
+    return fmt::format("{} {}/{}", run.plan, step + 1, run.steps.size());
+}
+
+}  // namespace
+
+Durations::Durations() {
+    std::ifstream file(cacheFile());
+    double seconds;
+    for (std::string key; file >> seconds && file.get() && std::getline(file, key);) seconds_[key] = seconds;
+}
+
+// Nothing is lost when it cannot be written: the next run measures anew.
+Durations::~Durations() {
+    const fs::path path = cacheFile();
+    std::error_code error;
+    fs::create_directories(path.parent_path(), error);
+    const fs::path fresh = fmt::format("{}.{}", path.string(), getpid());
+    std::ofstream file(fresh);
+    for (const auto &[key, seconds] : seconds_) file << seconds << ' ' << key << '\n';
+    file.close();
+    fs::rename(fresh, path, error);
+}
+
+double Durations::of(const RunRecord &run, size_t step) const {
+    const auto known = seconds_.find(keyOf(run, step));
+    return known == seconds_.end() ? 0 : known->second;
+}
+
+void Durations::learn(const RunRecord &run, size_t step) {
+    if (!run.steps[step].passed()) return;
+    const double seconds = double(run.steps[step].duration.count()) / 1000;
+    double &known = seconds_.try_emplace(keyOf(run, step), seconds).first->second;
+    known = (known + seconds) / 2;
+}
+
+}  // namespace station

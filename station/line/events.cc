@@ -1,0 +1,96 @@
+#include "station/line/events.h"
+
+#include "station/line/record_json.h"
+
+namespace station {
+namespace {
+
+constexpr std::chrono::milliseconds kEvery{100};
+
+// A line: when, what, and the particulars.
+std::string line(const char *event, const Json &particulars) {
+    Json result = {{"time", isoTime(WallClock::now())}, {"event", event}};
+    result.update(particulars);
+    return dump(result) + "\n";
+}
+
+Json with(const RunRecord &run, const Json &particulars) {
+    Json result = {{"run", run.id}, {"place", toJson(run.place)}};
+    if (!run.unit.empty()) result["unit"] = run.unit;
+    result.update(particulars);
+    return result;
+}
+
+Json with(const RunRecord &run, size_t step, const Json &particulars) {
+    Json result = with(run, {{"step", step + 1}});
+    result.update(particulars);
+    return result;
+}
+
+}  // namespace
+
+void Events::lineStarts(const std::vector<Place> &places) {
+    Json list = Json::array();
+    for (const Place &place : places) list.push_back(toJson(place));
+    output_.put(line("line_starts", {{"places", list}}));
+}
+
+void Events::boardConnects(const RunRecord &run) {
+    Json titles = Json::array();
+    for (const StepResult &step : run.steps) titles.push_back(step.title);
+    output_.put(line("board_connects", with(run, {{"peer", run.peer}, {"plan", run.plan}, {"steps", titles}})));
+}
+
+void Events::stepStarts(const RunRecord &run, size_t step) {
+    output_.put(line("step_starts", with(run, step, {{"title", run.steps[step].title}})));
+}
+
+void Events::progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) {
+    if (!isDue(run, sent == total)) return;
+    output_.put(line("progress", with(run, step, {{"sent", sent}, {"total", total}})));
+}
+
+void Events::asks(const RunRecord &run, size_t step, const std::string &prompt) {
+    output_.put(line("asks", with(run, step, {{"prompt", prompt}})));
+}
+
+void Events::stepEnds(const RunRecord &run, size_t step) {
+    output_.put(line("step_ends", with(run, step, {{"result", toJson(run.steps[step])}})));
+}
+
+void Events::boardEnds(const RunRecord &run) {
+    {
+        const std::lock_guard lock(mutex_);
+        told_.erase(run.id);
+    }
+    Json particulars = {{"verdict", run.passed() ? "passed" : "failed"},
+                        {"failures", run.failures()},
+                        {"seconds", std::chrono::duration<double>(run.end - run.start).count()},
+                        {"interrupted", run.interrupted}};
+    if (!run.failure.empty()) particulars["failure"] = run.failure;
+    output_.put(line("board_ends", with(run, particulars)));
+}
+
+void Events::placeFree(const Place &place) { output_.put(line("place_free", {{"place", toJson(place)}})); }
+
+void Events::strangerRefused(const std::string &peer, const std::string &why) {
+    output_.put(line("stranger_refused", {{"peer", peer}, {"why", why}}));
+}
+
+void Events::lineWaits(const std::string &why) { output_.put(line("line_waits", {{"why", why}})); }
+
+void Events::lineStops() { output_.put(line("line_stops", Json::object())); }
+
+void Events::trouble(const std::string &text) { output_.put(line("trouble", {{"text", text}})); }
+
+bool Events::isDue(const RunRecord &run, bool last) {
+    if (!last && output_.behind()) return false;
+    const std::lock_guard lock(mutex_);
+    const auto now = std::chrono::steady_clock::now();
+    auto &told = told_[run.id];
+    if (!last && now - told < kEvery) return false;
+    told = now;
+    return true;
+}
+
+}  // namespace station

@@ -1,0 +1,38 @@
+#pragma once
+// What happens on the line as lines of JSON on standard output, for programs: docs/event.schema.json describes them.
+
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "station/line/observer.h"
+#include "station/line/output.h"
+
+namespace station {
+
+class Events : public Observer {
+public:
+    void lineStarts(const std::vector<Place> &places) override;
+    void boardConnects(const RunRecord &run) override;
+    void stepStarts(const RunRecord &run, size_t step) override;
+    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
+    void asks(const RunRecord &run, size_t step, const std::string &prompt) override;
+    void stepEnds(const RunRecord &run, size_t step) override;
+    void boardEnds(const RunRecord &run) override;
+    void placeFree(const Place &place) override;
+    void strangerRefused(const std::string &peer, const std::string &why) override;
+    void lineWaits(const std::string &why) override;
+    void lineStops() override;
+    void trouble(const std::string &text) override;
+
+private:
+    // Of the payload that a board is being sent, ten times a second and at its end.
+    bool isDue(const RunRecord &run, bool last);
+
+    std::mutex mutex_;
+    std::map<std::string, std::chrono::steady_clock::time_point> told_;  // by run: its progress
+    Output output_;
+};
+
+}  // namespace station
