@@ -58,24 +58,31 @@ size_t recordCount() {
 // is polled, and only whoever has the turn may judge that its holder is dead: two that did so at once would both
 // come to hold the fresh lock.
 int heldTurn = -1;  // the semaphore, while this process has the turn
+bool turnRefused;   // the last one was not to be had
 
-// When the turn is not to be had in time the caller goes on without it.
+// When the turn is not to be had in time the caller goes on without it. That time is waited for once, and said once: as
+// long as the turn is not given back, later calls only look.
 void takeTurn() {
     if (heldTurn >= 0) return;  // could not be given back the last time
     sembuf free_then_taken[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
     const int turn = semget(kConfigurationKey, 1, kPermissions);
-    timespec limit = {kTurnSeconds, 0};
-    while (semtimedop(turn, free_then_taken, 2, &limit) != 0) {
-        if (errno == EINTR) continue;
+    timespec limit = {turnRefused ? 0 : kTurnSeconds, 0};
+    int failed;
+    do failed = semtimedop(turn, free_then_taken, 2, &limit);
+    while (failed != 0 && errno == EINTR);
+    if (failed == 0) heldTurn = turn;
+    if (failed != 0 && !turnRefused) {
         syslog(LOG_ALERT, "configuration: another process keeps its turn, going on without (%s)\n", strerror(errno));
-        return;
     }
-    heldTurn = turn;
+    turnRefused = failed != 0;
 }
 
+// A semaphore that somebody has removed or set free meanwhile is nobody's turn any more.
 void endTurn() {
     sembuf given_back = {0, -1, SEM_UNDO | IPC_NOWAIT};
-    if (heldTurn >= 0 && semop(heldTurn, &given_back, 1) == 0) heldTurn = -1;
+    if (heldTurn < 0) return;
+    const bool kept = semop(heldTurn, &given_back, 1) != 0 && errno != EINVAL && errno != EIDRM && errno != EAGAIN;
+    if (!kept) heldTurn = -1;
 }
 
 void lockTable() {
@@ -227,7 +234,7 @@ void loadTable() {
     bt_tree *const tree = bt_init(compareKeys);
     if (tree != nullptr) {
         selectFile();
-        // Logged when the file is closed: the socket of the log, which stays, must not find the file in descriptor 0.
+        // Logged when the file is closed, which may have descriptor 0: that one is the log's (startService in main.cc).
         if (!readSettings(tree)) {
             syslog(LOG_ALERT, "configuration: more than %zu records, \"%s\" and what follows left out\n",
                    kConfigurationCapacity, tokens[0]);
@@ -282,12 +289,8 @@ int copySettings(FILE *from, FILE *to, const char *prefix, const char *key, cons
     return feof(from) != 0 ? replaced : -1;
 }
 
-// Writes the persistent file's settings, with the key set, to `path`, down to the disk. False on any failure.
-bool writeSettings(const char *path, const char *key, const char *value) {
-    const FileHandle from(fopen(kPersistentConfiguration, "re"));
-    if (from == nullptr) return false;
-    FileHandle to(fopen(path, "w+e"));
-    if (to == nullptr) return false;
+// Writes the settings with the key set, down to the disk. False on any failure.
+bool writeSettings(FILE *from, FILE *to, const char *key, const char *value) {
     char *const prefix = xasprintf("%s = ", key);
     if (prefix == nullptr) return false;
     const int replaced = copySettings(from, to, prefix, key, value);
@@ -296,8 +299,23 @@ bool writeSettings(const char *path, const char *key, const char *value) {
         const time_t now = time(nullptr);
         fprintf(to, "\n#New append - %s%s = \"%s\"\n", ctime(&now), key, value);
     }
-    const bool complete = replaced >= 0 && fflush(to) == 0 && ferror(to) == 0 && fsync(fileno(to)) == 0;
-    return to.close() == 0 && complete;
+    return replaced >= 0 && fflush(to) == 0 && ferror(to) == 0 && fsync(fileno(to)) == 0;
+}
+
+// Replaces the persistent file by one that has the key set. False on any failure; it is then as before.
+bool replaceFile(const char *key, const char *value) {
+    const FileHandle from(fopen(kPersistentConfiguration, "re"));
+    if (from == nullptr) return false;
+    const char *const temporary = M("%s.new", kPersistentConfiguration);
+    FileHandle to(fopen(temporary, "w+e"));
+    if (to == nullptr) return false;
+    const bool written = writeSettings(from, to, key, value);
+    const bool complete = to.close() == 0 && written;
+    if (complete) my_mv(temporary, kPersistentConfiguration);
+    // my_mv tells nothing: the temporary file does, by being gone.
+    const bool replaced = complete && access(temporary, F_OK) != 0;
+    if (!replaced) unlink(temporary);
+    return replaced;
 }
 
 }  // namespace
@@ -390,14 +408,8 @@ int save_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
     takeTurn();
     selectFile();
-    const char *const temporary = M("%s.new", kPersistentConfiguration);
-    const bool written = writeSettings(temporary, key, value);
-    if (written) {
-        my_mv(temporary, kPersistentConfiguration);
-        loadTable();
-    } else {
-        unlink(temporary);
-    }
+    const bool replaced = replaceFile(key, value);
+    if (replaced) loadTable();
     endTurn();
-    return written ? 0 : -1;
+    return replaced ? 0 : -1;
 }

@@ -102,7 +102,8 @@ void *bt_find(bt_tree *tree, const void *key, int lock);
 void *bt_delete(bt_tree *tree, const void *key);
 
 // Visits every value in the given order (a bt_order; any other number visits nothing). Except breadth-first, returns
-// the root's value when the visit of the root returned 0; else null. Recursive: as deep as the tree is high.
+// the value that the root had when the walk began if the visit of the root returned 0; else null. Recursive: as deep as
+// the tree is high.
 void *bt_traverse(bt_tree *tree, int lock, int order, container_visit visit, void *argument);
 
 int bt_count(bt_tree *tree);

@@ -1,6 +1,7 @@
 #pragma once
-// The two scope handles of the system: whatever path leaves a scope, what it opened is closed.
+// The two scope handles of the system: whatever path leaves a scope, what it opened is closed. And what stays open.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -37,3 +38,12 @@ struct DescriptorHandle {
 
     int descriptor;
 };
+
+// Moves an open descriptor above 2, where programs that are started look for nothing; they do not inherit it. Returns
+// the descriptor it has now: the old one when there is no room.
+inline int moveAboveStandard(int descriptor) {
+    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (moved < 0) return descriptor;
+    ::close(descriptor);
+    return moved;
+}

@@ -173,6 +173,7 @@ int string_split(char **tokens, int max, char *text, const char *separator) {
     int count = 0;
     while (count < max) {
         tokens[count++] = text;
+        // strstr finds an empty separator everywhere: the first cut would empty every token.
         char *const found = *separator != '\0' ? strstr(text, separator) : nullptr;
         if (found == nullptr) break;
         *found = '\0';
@@ -239,6 +240,6 @@ uint32_t my_strtou32(const char *text, const char **end, int base) {
 
 void my_copyText(char *destination, const char *source, size_t size) {
     const size_t length = strnlen(source, size - 1);
-    memcpy(destination, source, length);
+    memmove(destination, source, length);  // a value may come from the very place that it goes to
     destination[length] = '\0';
 }

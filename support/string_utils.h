@@ -40,7 +40,8 @@ char *my_tolower(char *text);
 char *my_strrstr(char *text, const char *needle);
 
 // Cuts `text` in place at each `separator` and stores the pieces. The text goes on one character behind the start of
-// a separator, so a longer separator leaves its remaining characters at the start of the next piece.
+// a separator, so a longer separator leaves its remaining characters at the start of the next piece. An empty separator
+// is nowhere: the text is one piece.
 // `tokens` has room for max + 1 pointers; those behind the last piece are null.
 // Returns `max`, not the number of pieces: count up to the first null.
 int string_split(char **tokens, int max, char *text, const char *separator);
@@ -61,5 +62,5 @@ int read_value_list(const char *path, char *table, int max_entries, int entry_si
 // `end`, when not null, receives the position behind the number.
 uint32_t my_strtou32(const char *text, const char **end, int base);
 
-// Copies at most size - 1 characters and ends the text with a NUL. `size` must not be 0.
+// Copies at most size - 1 characters and ends the text with a NUL. `size` must not be 0; the two may overlap.
 void my_copyText(char *destination, const char *source, size_t size);

@@ -78,7 +78,8 @@ int read_parameter(const char *path, char *table, int max_entries, int entry_siz
     Line line;
     int count = 0;
     const int column = findColumn(&line, file, column_id);
-    // Further headers are ordinary lines from here on: they do not begin with a letter.
+    // Further headers are ordinary lines from here on: they do not begin with a letter. A full table ends the reading:
+    // whatever a later header names, there is no room for it.
     while (column > 0 && count < max_entries && readLine(&line, file)) {
         if (!beginsWithLetter(line.text) || parse(&line) <= column) continue;
         // The entry's last byte stays as it was: zero in a fresh table.

@@ -12,8 +12,8 @@ constexpr size_t kSystemInfoSize = 76;
 constexpr size_t kProductBlockSize = 60;
 constexpr size_t kSystemInfoMark = 50;
 
-// This model's settings, zero-filled at start and set by my_systemInfo for the firmware's other components: texts of
-// at most 29 and 19 characters.
+// This model's settings, zero-filled at start and set by my_systemInfo: texts of at most 29 and 19 characters. The
+// daemon itself reads neither; they are there for code that is linked with this library.
 extern char html_fmt[200][30];
 extern char entry_num[32][20];
 

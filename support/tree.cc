@@ -108,7 +108,8 @@ bool reverseInOrder(const bt_node *node, const Walk &walk) {
     return true;
 }
 
-// False when a visit ended the walk; the queue is then left behind.
+// False when a visit ended the walk. The queue is then never freed: intended. A walk that is ended early leaves
+// everything behind it as it is, the tree's lock as well (bt_traverse).
 bool breadthFirst(bt_node *root, const Walk &walk) {
     ll_list *const queue = ll_init();
     if (root != nullptr) ll_append(queue, root);
@@ -195,13 +196,15 @@ void *bt_traverse(bt_tree *tree, int lock, int order, container_visit visit, voi
     if (tree == nullptr || order < BT_PRE_ORDER || order > BT_REVERSE_IN_ORDER) return nullptr;
     const Walk walk = {visit, argument};
     lockIf(tree, lock);
+    // As it was when the walk began: a visit may free the value, or change the tree when it is not locked.
+    void *const rootValue = tree->root != nullptr ? tree->root->value : nullptr;
     void *stoppedAt = nullptr;
     if (order == BT_BREADTH_FIRST) {
         // Ended early, the walk leaves the tree locked: intended. The visitor that ends it keeps what it found from
         // changing, and unlocks the tree when it is done.
         if (!breadthFirst(tree->root, walk)) return nullptr;
     } else if (!kWalks[order](tree->root, walk)) {
-        stoppedAt = tree->root->value;
+        stoppedAt = rootValue;
     }
     unlockIf(tree, lock);
     return stoppedAt;

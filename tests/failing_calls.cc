@@ -81,7 +81,6 @@ CALL(int, -1, pclose, (FILE *file), (file))
 CALL(int, -1, rename, (const char *from, const char *to), (from, to))
 CALL(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
 CALL(int, -1, semop, (int id, sembuf *steps, size_t count), (id, steps, count))
-CALL(int, -1, semtimedop, (int id, sembuf *s, size_t n, const timespec *limit), (id, s, n, limit))
 CALL(int, -1, shmget, (key_t key, size_t size, int flags), (key, size, flags))
 CALL(int, -1, socket, (int family, int type, int protocol), (family, type, protocol))
 CALL(int, -1, system, (const char *line), (line))
@@ -113,6 +112,13 @@ extern "C" int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *bad, ti
     const int64_t wait = (int64_t{limit->tv_sec} * 1000000 + limit->tv_usec) / hurry();
     *limit = {wait / 1000000, wait % 1000000};
     return __real_select(count, in, out, bad, limit);
+}
+
+extern "C" int __real_semtimedop(int id, sembuf *steps, size_t count, const timespec *limit);
+extern "C" int __wrap_semtimedop(int id, sembuf *steps, size_t count, const timespec *limit) {
+    if (fails("semtimedop", __builtin_return_address(0))) return -1;
+    const timespec shorter = {limit->tv_sec / hurry(), limit->tv_sec % hurry() * (1000000000 / hurry())};
+    return __real_semtimedop(id, steps, count, &shorter);
 }
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
