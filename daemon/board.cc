@@ -65,15 +65,29 @@ bool exchangePair(char *pair) {
 }
 
 // syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none. The message
-// carries its priority and, as every line on the board, an empty identity.
-void logFromHandler(const char *message, size_t length) {
+// carries its priority and an identity, but no time, which cannot be told without a lock either: every log daemon takes
+// its own then. One of them, however, takes 16 characters behind the priority for a time as soon as the last of them is
+// a blank, and drops them.
+template <size_t Size>
+void logFromHandler(const char (&message)[Size]) {
     const int interruptedErrno = errno;
     const DescriptorHandle log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, "/dev/log", sizeof "/dev/log");
-    sendto(log, message, length, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    sendto(log, message, Size - 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), sizeof address);
     errno = interruptedErrno;
+}
+
+void onResetSignal(int) {
+    static_assert((LOG_USER | LOG_ALERT) == 9);
+    logFromHandler("<9>fabtestd: Factory Reset Signal (SIGUSR2)\n");
+    factoryResetFlag = 2;
+}
+
+void onReleaseSignal(int) {
+    logFromHandler("<9>fabtestd: Factory Reset Signal (SIGUSR1)\n");
+    factoryResetFlag = 0;
 }
 
 }  // namespace
@@ -121,15 +135,14 @@ void exchangePorts(const char *pairs) {
     free(copy);
 }
 
-void onResetSignal(int) {
-    constexpr char kMessage[] = "<9>: Factory Reset Signal (SIGUSR2)\n";
-    static_assert((LOG_USER | LOG_ALERT) == 9);
-    logFromHandler(kMessage, sizeof kMessage - 1);
-    factoryResetFlag = 2;
-}
-
-void onReleaseSignal(int) {
-    constexpr char kMessage[] = "<9>: Factory Reset Signal (SIGUSR1)\n";
-    logFromHandler(kMessage, sizeof kMessage - 1);
-    factoryResetFlag = 0;
+void handleResetSignals() {
+    struct sigaction action = {};
+    action.sa_flags = SA_RESTART;
+    // Each handler runs with the other's signal blocked, too: of two signals close together the later one decides.
+    sigaddset(&action.sa_mask, SIGUSR1);
+    sigaddset(&action.sa_mask, SIGUSR2);
+    action.sa_handler = onReleaseSignal;
+    sigaction(SIGUSR1, &action, nullptr);
+    action.sa_handler = onResetSignal;
+    sigaction(SIGUSR2, &action, nullptr);
 }

@@ -45,6 +45,6 @@ void reboot_func();
 // Swaps the names of the interfaces of each pair in a list such as "eth0_eth1 eth2_eth3". A pair without '_' ends it.
 void exchangePorts(const char *pairs);
 
-// The handlers of the factory reset's signals; each writes one log line and then the flag.
-void onResetSignal(int signal);    // SIGUSR2
-void onReleaseSignal(int signal);  // SIGUSR1
+// From here on the factory reset's signals, SIGUSR2 for the reset and SIGUSR1 for the release, each write one log line
+// and then the flag.
+void handleResetSignals();

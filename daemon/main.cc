@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -25,6 +24,9 @@ namespace {
 
 // Holds each command and its reply; in the one-shot modes the report or the country code.
 char pkbuf[kPkbufSize];
+
+constexpr unsigned kStationSeconds = 1;    // what the station takes to listen, once it has found the board
+constexpr unsigned kInterfaceSeconds = 1;  // what the interfaces take to come up
 
 constexpr char kUsage[] =
     "%s command:\n\n"
@@ -58,20 +60,25 @@ bool flashFile(int partition, int argc, char **argv) {
     return true;
 }
 
+// Descriptors 0 to 2 are closed, and the next that is opened gets the lowest free one. The first log line opens the
+// socket of the system log, which takes 0 and keeps it: everything opened before that must be closed again by then.
+// Without a log daemon, some C libraries give that socket back, others keep it; where it is given back the connection
+// gets 0, and the service ends. 1 and 2 must not go to anything that stays open, as they would be the output of the
+// programs that commands start, and they must not stay closed, as a shell does not even start "/tmp/reboot 2>&1" then.
+// So what stays open moves above 2, and once the connection has a socket, /dev/null is opened on what is free.
 void startService(bool discovered) {
     if (fork() != 0) return;
-    for (int standard = 0; standard <= 2; ++standard) close(standard);
+    for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) close(standard);
     init_configuration();
     initialFunc();
     interfaceCmd();
     if (discovered) {
         run_fabtestd();
-        sleep(1);
+        sleep(kStationSeconds);
     }
-    sleep(1);
+    sleep(kInterfaceSeconds);
     memset(pkbuf, 0, sizeof pkbuf);
-    signal(SIGUSR1, onReleaseSignal);
-    signal(SIGUSR2, onResetSignal);
+    handleResetSignals();
     serveStation(pkbuf);
 }
 

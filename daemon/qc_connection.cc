@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "daemon/dispatcher.h"
+#include "support/handle.h"
 #include "support/ignored.h"
 #include "support/shell.h"
 
@@ -34,14 +35,11 @@ sockaddr_in stationAddress() {
     return address;
 }
 
-// The programs that commands run must find an output: "/tmp/reboot 2>&1", for one, is not started at all by a shell
-// whose descriptor 1 is closed. So what was closed at the start becomes /dev/null, and the socket moves out of its
-// way. Descriptor 0 is left to serveStation to judge. Returns the socket's descriptor.
+// Moves the socket above descriptors 0 to 2 and opens /dev/null on those that are free (startService in main.cc says
+// why). Leaves descriptor 0 where it is, for serveStation to judge. Returns the socket's descriptor.
 int makeRoomForOutput(int socket) {
     if (socket == 0 || socket > STDERR_FILENO) return socket;
-    const int moved = fcntl(socket, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    if (moved < 0) return socket;
-    close(socket);
+    const int moved = moveAboveStandard(socket);
     int null;
     do null = open("/dev/null", O_RDWR);
     while (null >= 0 && null <= STDERR_FILENO);
@@ -124,9 +122,8 @@ void serveStation(char *pkbuf) {
     const int station = makeRoomForOutput(made);
     connectStation(station);
     syslog(LOG_ALERT, "Socketid = %d\n", station);
-    // Descriptor 0 ends the program although standard input was closed at the start: intended. On the board the system
-    // log's socket has it, log or no log; a C library that gives its socket back when there is no log leaves it to the
-    // connection, and nobody would see what was done.
+    // Intended: the connection has descriptor 0 only where nothing can be logged (startService in main.cc), and nobody
+    // would see what was done.
     if (station == 0) return;
 
     while (!waitForCommand(station) || serveCommand(station, pkbuf)) {
