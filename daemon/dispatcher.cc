@@ -21,6 +21,8 @@ int pingFlag;
 
 namespace {
 
+constexpr unsigned kFlagPollSeconds = 1;  // between two looks at the factory reset's flag
+
 struct Request {
     int socket;
     char *pkbuf;
@@ -28,7 +30,8 @@ struct Request {
     char *argument;  // what follows the command word in pkbuf
 };
 
-// The first `length` bytes: with what the connection clears before it receives, the reply's frame is all NUL.
+// Clears as much as was received, which ends the reply that is written next. Behind that the reply's frame of 64 bytes
+// is all NUL as well: the connection has cleared these bytes before it received the command.
 void clearReply(const Request &request) { memset(request.pkbuf, 0, static_cast<size_t>(request.length)); }
 
 void reply(const Request &request, const char *text) {
@@ -39,18 +42,18 @@ void reply(const Request &request, const char *text) {
 void ping(const Request &request) {
     pingFlag = 1;
     clearReply(request);
-    snprintf(request.pkbuf, kPkbufSize, "%s %d", "PING", wireTotal);
+    snprintf(request.pkbuf, kPkbufSize, "PING %d", wireTotal);
 }
 
 void factoryReset(const Request &request) {
     factoryResetFlag = 1;
-    do sleep(1);
+    do sleep(kFlagPollSeconds);
     while (factoryResetFlag == 1);
     reply(request, "WAITING FACTORY RESET");
 }
 
 void waiting(const Request &request) {
-    while (factoryResetFlag != 0) sleep(1);
+    while (factoryResetFlag != 0) sleep(kFlagPollSeconds);
     reply(request, "OK");
 }
 
@@ -70,7 +73,6 @@ void version(const Request &request) {
 
 void flashImage(const Request &request) {
     receivePayload(request);
-    clearReply(request);
     reply(request, writeImage(kReceiveFile) < 0 ? "ERROR" : "OK");
 }
 
@@ -83,8 +85,8 @@ void flashPartition(const Request &request) {
 
 // The command itself is the reply: nothing is cleared.
 void shell(const Request &request) {
-    // One separator is skipped, whatever it is. Behind a command of five characters stands the NUL of the cleared
-    // buffer, and another behind that.
+    // The size stands behind one separator, whatever character that is. A bare "SHELL" has none, but the buffer has
+    // been cleared: behind a NUL in the separator's place stands another one, an empty size.
     saveFile(request.socket, atoi(request.argument + 1), kReceiveFile);
     my_system("chmod 755 %s; %s", kReceiveFile, kReceiveFile);
 }
@@ -92,7 +94,7 @@ void shell(const Request &request) {
 void programMac(const Request &request) {
     setMac(request.argument);
     clearReply(request);
-    snprintf(request.pkbuf, kPkbufSize, "%s %d", "MAC", wireTotal + wirelessTotal);
+    snprintf(request.pkbuf, kPkbufSize, "MAC %d", wireTotal + wirelessTotal);
 }
 
 void setCountry(const Request &request) {
