@@ -88,6 +88,7 @@ TEST_F(Connection, AReplyToAStationThatHasGoneIsOnlyLogged) {
     std::optional<Session> session = startSession();
     session->sendCommand("FACTORY RESET");
     ASSERT_TRUE(board::waitForLog("cmd=FACTORY RESET", 5));
+    waitUntilItSleeps();
     session->reset();
     session.reset();
     signalService(SIGUSR2);
@@ -114,6 +115,7 @@ TEST_F(Connection, TheFactoryResetHandshake) {
     session.sendCommand("FACTORY RESET");
     ASSERT_TRUE(
         board::waitFor(5, [] { return std::string(board::logTexts().back()).find("RESET ===") != std::string::npos; }));
+    waitUntilItSleeps();
     signalService(SIGUSR1);
     EXPECT_EQ(session.receiveReply(kSoon), "WAITING FACTORY RESET") << "the release alone ends the wait as well";
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -97,6 +98,11 @@ std::string ServiceTest::partition(int number) { return readFile("/tmp/dev/mtd" 
 pid_t ServiceTest::servicePid() { return my_procisrun("fabtestd"); }
 
 void ServiceTest::signalService(int signal) { my_killproc("fabtestd", signal); }
+
+void ServiceTest::waitUntilItSleeps() {
+    const std::string call = "/proc/" + std::to_string(servicePid()) + "/syscall";
+    EXPECT_TRUE(waitFor(10, [&] { return readFile(call).starts_with(std::to_string(SYS_clock_nanosleep) + " "); }));
+}
 
 bool ServiceTest::hasEnded() {
     return waitFor(10, [] { return servicePid() < 0; });

@@ -43,6 +43,9 @@ protected:
 
     static pid_t servicePid();
     static void signalService(int signal);
+    // Comes back when the service sleeps. It logs the request of a factory reset, for one, before it comes to wait for
+    // the signals that answer it, and one that comes too early does not count.
+    static void waitUntilItSleeps();
     // True when the service has ended by itself; waits for that.
     static bool hasEnded();
 };

@@ -82,6 +82,7 @@ TEST_F(Surroundings, SignalsCloseTogetherKeepTheirOrderAndTheirLines) {
         const SlowLog log;
         session.sendCommand("FACTORY RESET");
         log.readUntil("cmd=FACTORY RESET");
+        waitUntilItSleeps();
         log.fill();
         signalService(SIGUSR2);
         const std::string status = "/proc/" + std::to_string(servicePid()) + "/status";
