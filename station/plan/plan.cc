@@ -1,240 +1,397 @@
 #include "station/plan/plan.h"
 
 #include <fmt/format.h>
-#include <yaml-cpp/yaml.h>
 
-#include <cmath>
-#include <map>
-#include <set>
-#include <string_view>
+#include <algorithm>
+#include <array>
+#include <charconv>
 
-#include "station/wire/session.h"
+#include "image/firmware_image.h"
+#include "station/plan/commands.h"
+#include "station/plan/review.h"
+#include "station/plan/yaml.h"
 
 namespace station {
 namespace {
 
 namespace fs = std::filesystem;
 
-// A fault at a place in the plan; the file's name joins it where that is known.
-struct Fault {
-    YAML::Mark mark;
-    std::string text;
+struct Draft;
+
+// An operator may be at another place of the line.
+constexpr std::chrono::hours kAnswerTime(1);
+
+// A plan while it is read.
+struct Loader {
+    fs::path folder;  // of its files
+    bool ownFolder;   // which the plan may choose
+    Names names;      // with what the steps so far find out
+    Plan plan = {};
+    std::chrono::milliseconds timeout{10000};
+    bool timed = false;  // somebody chose that
+    YAML::Node steps = {};
+    std::map<fs::path, Payload> payloads = {};
+    std::map<std::string, int> taken = {};  // rows that a run takes of each pool
+    std::vector<Draft> drafts = {};
+    std::vector<Fault> faults = {}, warnings = {};
 };
 
-// Where a step is being read.
-struct Place {
-    YAML::Node value;
-    fs::path folder;
+// A step while it is read.
+struct Draft {
+    Loader &loader;
+    YAML::Node node;
+    Step step = {};
+    bool timed = false;
 
-    [[noreturn]] void fail(std::string text) const { throw Fault{value.Mark(), std::move(text)}; }
-
-    template <typename T>
-    T as(std::string_view kind) const {
-        try {
-            return value.as<T>();
-        } catch (const YAML::Exception &) {
-            fail(fmt::format("expected {}", kind));
-        }
-    }
-    std::string text() const {
-        if (!value.IsScalar()) fail("expected a text");
-        return value.Scalar();
-    }
-    bool flag() const { return as<bool>("true or false"); }
-    fs::path file() const {
-        fs::path path = folder / text();
-        if (!fs::is_regular_file(path)) fail(fmt::format("no file {}", path.string()));
-        return path;
-    }
+    YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
 
-void readSend(Step &step, const Place &place) {
-    step.send = place.text();
-    if (step.send.empty()) place.fail("an empty command cannot be sent");
-}
-
-void readMatch(Step &step, const Place &place) {
-    step.expected.matchText = place.text();
+const Payload &payloadAt(Loader &loader, const Entry &value) {
+    const fs::path path = loader.folder / value.text();
+    const auto known = loader.payloads.find(path);
+    if (known != loader.payloads.end()) return known->second;
     try {
-        step.expected.match = std::regex(step.expected.matchText);
-    } catch (const std::regex_error &error) {
-        place.fail(fmt::format("bad expression: {}", error.what()));
+        return loader.payloads[path] = readPayload(path);
+    } catch (const std::runtime_error &error) {
+        value.fail(error.what());
     }
 }
 
-void readTimeout(Step &step, const Place &place) {
-    const double seconds = place.as<double>("a number of seconds");
-    if (!(seconds > 0 && seconds <= 86400)) place.fail("a time limit lies between 0 and 86400 seconds");
-    step.timeout = std::chrono::milliseconds(std::llround(seconds * 1000));
+std::string nameIn(const Entry &value) {
+    if (!isName(value.text())) value.fail("a name has letters, digits and '_', and begins with no digit");
+    return value.text();
 }
 
-void readStatus(Step &step, const Place &place) {
-    step.status = place.as<int>("a number");
-    if (step.status < 0 || step.status > 255) place.fail("an exit status lies between 0 and 255");
+void readSend(Draft &draft, const Entry &value) {
+    draft.step.send = value.text();
+    if (draft.step.send.empty()) value.fail("an empty command cannot be sent");
 }
 
-void readPartition(Step &step, const Place &place) {
-    step.partition = place.as<int>("a number");
-    if (step.partition < 0) place.fail("a partition's number is not negative");
+void readFileKey(Draft &draft, const Entry &value) { draft.step.file = payloadAt(draft.loader, value); }
+
+void readUpload(Draft &draft, const Entry &value) {
+    readFileKey(draft, value);
+    draft.step.known["size"] = std::to_string(draft.step.file->bytes->size());
 }
 
-void readShow(Step &step, const Place &place) { step.show = place.flag(); }
+// Who made an image, and what for, as the product block at its start says.
+void readImage(Draft &draft, const Entry &value) {
+    try {
+        const fwimage::Contents image = fwimage::inspect(draft.loader.folder / value.text());
+        if (image.product.mark.empty()) value.fail(image.fault);
+        const fwimage::Product &product = image.product;
+        draft.step.known.insert({{"vendor", product.vendor},
+                                 {"product", product.product},
+                                 {"version", product.version},
+                                 {"mark", product.mark}});
+    } catch (const std::runtime_error &error) {
+        value.fail(error.what());
+    }
+}
 
-void readFile(Step &step, const Place &place) { step.file = place.file(); }
+void readMatch(Draft &draft, const Entry &value) {
+    try {
+        draft.step.expected.match.emplace(value.text());
+    } catch (const std::invalid_argument &error) {
+        value.fail(error.what());
+    }
+}
 
-using Reader = void (*)(Step &step, const Place &place);
+void readTimeout(Draft &draft, const Entry &value) {
+    draft.step.timeout = value.seconds();
+    draft.timed = true;
+}
 
-// The keys of each kind of step, of which the first says which kind it is.
+const Keys<Limit> kLimitKeys = {
+    {"min", [](Limit &limit, const Entry &value) { limit.min = value.number(); }},
+    {"max", [](Limit &limit, const Entry &value) { limit.max = value.number(); }},
+    {"unit", [](Limit &limit, const Entry &value) { limit.unit = value.line(); }},
+};
+
+void readLimits(Draft &draft, const Entry &value) {
+    if (!value.node.IsMap()) value.fail("expected a map of named groups");
+    for (const auto &pair : value.node) {
+        Limit limit{nameIn({pair.first}), {}, {}, {}};
+        readMap(pair.second, kLimitKeys, "in a limit", limit, draft.loader.faults);
+        if (limit.min && limit.max && *limit.min > *limit.max) Entry{pair.second}.fail("\"min\" is above \"max\"");
+        draft.step.limits.push_back(std::move(limit));
+    }
+}
+
+template <bool Step::*Flag>
+void readFlag(Draft &draft, const Entry &value) {
+    draft.step.*Flag = value.flag();
+}
+
+template <std::string Step::*Text>
+void readLine(Draft &draft, const Entry &value) {
+    draft.step.*Text = value.line();
+}
+
+template <int Step::*Number, int Least, int Most>
+void readWhole(Draft &draft, const Entry &value) {
+    draft.step.*Number = value.whole(Least, Most);
+}
+
+void readText(Draft &draft, const Entry &value) { draft.step.expected.text = value.text(); }
+
+// A kind of step: the first word says which it is.
 struct KindOfStep {
-    std::string_view word;
-    Kind kind;
-    std::map<std::string_view, Reader> keys;
+    std::string word;
+    std::string (*title)(const Step &step, const Variables &variables);
+    Keys<Draft> keys;
 };
 
-const std::vector<KindOfStep> kKinds = {
+Keys<Draft> join(Keys<Draft> keys, const Keys<Draft> &more) {
+    keys.insert(more.begin(), more.end());
+    return keys;
+}
+
+const Keys<Draft> kEveryStep = {
+    {"name", readLine<&Step::name>},
+    {"hint", readLine<&Step::hint>},
+    {"timeout", readTimeout},
+    {"required", readFlag<&Step::required>},
+    {"always", readFlag<&Step::always>},
+};
+
+const Keys<Draft> kOnBoard = join(kEveryStep, {{"show", readFlag<&Step::show>},
+                                               {"retries", readWhole<&Step::retries, 0, 1000>},
+                                               {"image", readImage}});
+
+const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
+
+// In the order of Kind.
+const std::array<KindOfStep, 4> kKinds = {{
     {"send",
-     Kind::kCommand,
-     {{"send", readSend},
-      {"upload", readFile},
-      {"expect", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
-      {"match", readMatch},
-      {"timeout", readTimeout},
-      {"show", readShow},
-      {"bare", [](Step &step, const Place &place) { step.bare = place.flag(); }},
-      {"closes", [](Step &step, const Place &place) { step.closes = place.flag(); }}}},
-    {"script",
-     Kind::kScript,
-     {{"script", readFile},
-      {"output", [](Step &step, const Place &place) { step.expected.text = place.text(); }},
-      {"match", readMatch},
-      {"status", readStatus},
-      {"show", readShow},
-      {"timeout", readTimeout}}},
+     [](const Step &step, const Variables &variables) {
+         const std::string command = fill(fill(step.send, step.known), variables);
+         return step.file ? fmt::format("{}  [{}]", command, step.file->name) : command;
+     },
+     join(join(kOnBoard, kJudged), {{"send", readSend},
+                                    {"upload", readUpload},
+                                    {"expect", readText},
+                                    {"bare", readFlag<&Step::bare>},
+                                    {"closes", readFlag<&Step::closes>},
+                                    {"reconnect", readFlag<&Step::reconnect>}})},
+    {"script", [](const Step &step, const Variables &) { return "script " + step.file->name; },
+     join(join(kOnBoard, kJudged), {{"script", readFileKey},
+                                    {"output", readText},
+                                    {"status", readWhole<&Step::status, 0, 255>},
+                                    {"reconnect", readFlag<&Step::reconnect>}})},
     {"verify",
-     Kind::kVerify,
-     {{"verify", readFile},
-      {"partition", readPartition},
-      {"erased", [](Step &step, const Place &place) { step.erased = place.flag(); }},
-      {"show", readShow},
-      {"timeout", readTimeout}}},
+     [](const Step &step, const Variables &) { return fmt::format("verify partition {} against {}", step.partition, step.file->name); },
+     join(kOnBoard, {{"verify", readFileKey},
+                     {"partition", readWhole<&Step::partition, 0, 1000>},
+                     {"erased", readFlag<&Step::erased>}})},
+    {"ask", [](const Step &step, const Variables &) { return "ask " + step.ask; },
+     join(join(kEveryStep, kJudged),
+          {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }},
+           {"prompt", readLine<&Step::prompt>}})},
+}};
+
+size_t kindOf(const YAML::Node &node) {
+    if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
+    const auto kind =
+        std::find_if(kKinds.begin(), kKinds.end(), [&](const KindOfStep &row) { return node[row.word].IsDefined(); });
+    if (kind == kKinds.end()) throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\" or \"ask\""};
+    return static_cast<size_t>(kind - kKinds.begin());
+}
+
+// What can only be told when all keys of a step are known.
+struct Rule {
+    const char *key;  // that is wrong; empty: the step
+    bool (*broken)(const Step &step);
+    const char *text;
 };
 
-const KindOfStep &kindOf(const YAML::Node &node) {
-    if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
-    for (const KindOfStep &kind : kKinds) {
-        if (node[std::string(kind.word)]) return kind;
-    }
-    throw Fault{node.Mark(), "a step needs \"send\", \"script\" or \"verify\""};
+bool isGroup(const Step &step, const std::string &name) {
+    return step.expected.match && step.expected.match->groups().count(name) > 0;
 }
 
-void replaceSize(std::string &text, uintmax_t size) {
-    constexpr std::string_view kPlaceholder = "{size}";
-    const std::string digits = std::to_string(size);
-    for (size_t at = 0; (at = text.find(kPlaceholder, at)) != std::string::npos; at += digits.size()) {
-        text.replace(at, kPlaceholder.size(), digits);
-    }
+constexpr Rule kRules[] = {
+    {"match", [](const Step &step) { return step.expected.text && step.expected.match; },
+     "the whole text and a match exclude each other"},
+    {"", [](const Step &step) { return step.kind == Kind::kVerify && step.partition < 0; },
+     "\"verify\" needs \"partition\""},
+    {"", [](const Step &step) { return step.kind == Kind::kCommand && !step.expected && !step.reconnect; },
+     "a command needs \"expect\" or \"match\""},
+    {"", [](const Step &step) { return step.kind == Kind::kAsk && step.prompt.empty(); }, "\"ask\" needs \"prompt\""},
+    {"bare", [](const Step &step) { return step.bare && step.file; },
+     "the board would take the payload for a part of a bare command"},
+    {"retries",
+     [](const Step &step) {
+         return step.retries > 0 && !step.reconnect && (step.closes || roleOf(step.send) == Role::kEnd);
+     },
+     "a step that ends the session cannot be tried again"},
+    {"limits",
+     [](const Step &step) {
+         return std::any_of(step.limits.begin(), step.limits.end(),
+                            [&](const Limit &limit) { return !isGroup(step, limit.group); });
+     },
+     "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
+};
+
+// The names in the step's texts, by the key that they stand behind.
+std::map<std::string, std::set<std::string>> namesOf(const Draft &draft) {
+    const Step &step = draft.step;
+    std::map<std::string, std::set<std::string>> names = {{"send", namesIn(step.send)},
+                                                          {"prompt", namesIn(step.prompt)}};
+    if (step.expected.text) names[step.kind == Kind::kCommand ? "expect" : "output"] = namesIn(*step.expected.text);
+    if (step.expected.match) names["match"] = namesInExpression(step.expected.match->text());
+    return names;
 }
 
-// What can only be told when all keys are known. Returns the fault, empty for none.
-std::string completeStep(Step &step) {
-    if (step.expected.text && step.expected.match) return "the whole text and a match exclude each other";
-    if (step.kind == Kind::kVerify && step.partition < 0) return "\"verify\" needs \"partition\"";
+// How many addresses "MAC" needs, as its reply says; 0 when the plan does not say.
+int slotsOf(const Step &step) {
+    const std::string reply = step.expected.text.value_or("");
+    int slots = 0;
+    if (reply.starts_with("MAC ")) std::from_chars(reply.data() + 4, reply.data() + reply.size(), slots);
+    return slots;
+}
+
+// Returns the fault, empty for none.
+std::string takeFrom(Draft &draft, const std::string &pool) {
+    Loader &loader = draft.loader;
+    if (loader.names.variables.count("serial") == 0) {
+        return fmt::format("{{{}}} is taken for a unit: no step before says its {{serial}}", pool);
+    }
+    const bool programs = draft.step.send.starts_with("MAC ");
+    const int count = programs ? slotsOf(draft.step) : 1;
+    if (count < 1) return "as many addresses are taken as the board has slots: it needs \"expect: MAC NUMBER\"";
+    draft.step.takes.push_back({pool, count});
+    loader.taken[pool] = std::max(loader.taken[pool], count);
+    return {};
+}
+
+// Returns what is wrong with {name} in a text of the step, empty for nothing.
+std::string resolve(Draft &draft, const std::string &name) {
+    const Names &names = draft.loader.names;
+    if (draft.step.known.count(name) > 0 || names.variables.count(name) > 0) return {};
+    if (names.pools.count(name) > 0) return takeFrom(draft, name);
+    if (name == "size") return "{size} needs \"upload\"";
+    return fmt::format("nothing fills {{{}}}: no step before, and nothing of the line", name);
+}
+
+// What the step is about to send, as far as it is known now.
+std::string faultOfSend(const Step &step) {
     if (step.kind != Kind::kCommand) return {};
-    if (!step.expected.text && !step.expected.match) return "a command needs \"expect\" or \"match\"";
-    if (step.file) {
-        const uintmax_t size = fs::file_size(*step.file);
-        replaceSize(step.send, size);
-        if (step.expected.text) replaceSize(*step.expected.text, size);
-    }
-    if (step.bare || step.send.size() <= kFrame) return {};
-    return fmt::format("a command has at most {} bytes", kFrame);
+    std::string text = fill(step.send, step.known);
+    const bool complete = namesIn(text).empty();
+    text = complete ? expand(text, {}) : text.substr(0, text.find('{'));
+    const auto payload = step.file ? std::optional<uint64_t>(step.file->bytes->size()) : std::nullopt;
+    return faultOf({text, complete, payload, step.bare});
 }
 
-// Reads one key of a step.
-void readKey(Step &step, const KindOfStep &kind, const YAML::Node &name, const YAML::Node &value,
-             const fs::path &folder, std::set<std::string> &seen) {
-    const std::string key = Place{name, {}}.text();
-    const auto reader = kind.keys.find(key);
-    if (reader == kind.keys.end()) {
-        throw Fault{name.Mark(), fmt::format("unknown key \"{}\" in a \"{}\" step", key, kind.word)};
+void completeStep(Draft &draft) {
+    std::vector<Fault> &faults = draft.loader.faults;
+    for (const Rule &rule : kRules) {
+        if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
     }
-    if (!seen.insert(key).second) throw Fault{name.Mark(), fmt::format("\"{}\" stands twice", key)};
-    reader->second(step, {value, folder});
-}
-
-// Adds what is wrong with the step to `faults`.
-Step readStep(const YAML::Node &node, const fs::path &folder, std::vector<Fault> &faults) {
-    Step step;
-    const size_t before = faults.size();
     try {
-        const KindOfStep &kind = kindOf(node);
-        step.kind = kind.kind;
-        std::set<std::string> seen;
-        for (const auto &entry : node) {
-            try {
-                readKey(step, kind, entry.first, entry.second, folder, seen);
-            } catch (Fault &fault) {
-                faults.push_back(std::move(fault));
+        for (const auto &[key, names] : namesOf(draft)) {
+            for (const std::string &name : names) {
+                const std::string fault = resolve(draft, name);
+                if (!fault.empty()) faults.push_back({draft.mark(key), fault});
             }
         }
+        const std::string fault = faultOfSend(draft.step);
+        if (!fault.empty()) faults.push_back({draft.mark("send"), fault});
+    } catch (const std::invalid_argument &error) {
+        faults.push_back({draft.node.Mark(), error.what()});
+    }
+}
+
+// From here on the later steps know what this one finds out.
+void learn(const Step &step, Names &names) {
+    if (!step.ask.empty()) names.variables.insert(step.ask);
+    if (step.expected.match) names.variables.merge(step.expected.match->groups());
+}
+
+Draft readStep(Loader &loader, const YAML::Node &node) {
+    Draft draft{loader, node};
+    const size_t before = loader.faults.size();
+    try {
+        const size_t kind = kindOf(node);
+        draft.step.kind = static_cast<Kind>(kind);
+        draft.step.timeout = draft.step.kind == Kind::kAsk ? kAnswerTime : loader.timeout;
+        draft.timed = loader.timed;
+        readMap(node, kKinds[kind].keys, fmt::format("in a \"{}\" step", kKinds[kind].word), draft, loader.faults);
     } catch (Fault &fault) {
-        faults.push_back(std::move(fault));
+        loader.faults.push_back(std::move(fault));
     }
     // A step with a wrong key would only be found incomplete for that.
-    const std::string fault = faults.size() == before ? completeStep(step) : "";
-    if (!fault.empty()) faults.push_back({node.Mark(), fault});
-    return step;
+    if (loader.faults.size() == before) completeStep(draft);
+    learn(draft.step, loader.names);
+    return draft;
+}
+
+const Keys<Loader> kDefaultKeys = {
+    {"timeout",
+     [](Loader &loader, const Entry &value) {
+         loader.timeout = value.seconds();
+         loader.timed = true;
+     }},
+    {"files",
+     [](Loader &loader, const Entry &value) {
+         if (loader.ownFolder) loader.folder /= value.text();
+     }},
+};
+
+const Keys<Loader> kPlanKeys = {
+    {"name",
+     [](Loader &loader, const Entry &value) {
+         loader.plan.name = value.line();
+         if (loader.plan.name.find('/') != std::string::npos) value.fail("the name has no '/': it names files, too");
+     }},
+    {"probe", [](Loader &loader, const Entry &value) { loader.plan.probe = value.flag(); }},
+    {"defaults",
+     [](Loader &loader, const Entry &value) {
+         readMap(value.node, kDefaultKeys, "in \"defaults\"", loader, loader.faults);
+     }},
+    {"steps", [](Loader &loader, const Entry &value) { loader.steps = value.node; }},
+};
+
+void readPlan(Loader &loader, const YAML::Node &document) {
+    loader.steps = document;
+    if (document.IsMap()) {
+        loader.steps = YAML::Node();
+        readMap(document, kPlanKeys, "in a plan", loader, loader.faults);
+    }
+    if (!loader.steps.IsSequence() || loader.steps.size() == 0) {
+        throw Fault{document.Mark(), "a plan is a list of steps, or a map with \"steps\""};
+    }
+    for (const YAML::Node &node : loader.steps) loader.drafts.push_back(readStep(loader, node));
+}
+
+void finishPlan(Loader &loader) {
+    std::vector<StepSource> sources;
+    for (Draft &draft : loader.drafts) {
+        for (Taken &taken : draft.step.takes) taken.count = loader.taken[taken.pool];
+        sources.push_back({draft.step, draft.node, draft.timed});
+    }
+    review(sources, loader.faults, loader.warnings);
+    for (Draft &draft : loader.drafts) loader.plan.steps.push_back(std::move(draft.step));
 }
 
 }  // namespace
 
-std::string Expectation::judge(const std::string &actual) const {
-    if (text && actual != *text) return fmt::format("expected \"{}\", got \"{}\"", *text, actual);
-    if (match && !std::regex_search(actual, *match)) {
-        return fmt::format("expected a match of \"{}\", got \"{}\"", matchText, actual);
-    }
-    return {};
+std::string Step::title(const Variables &variables) const {
+    return name.empty() ? kKinds[static_cast<size_t>(kind)].title(*this, variables) : name;
 }
 
-std::string Step::title() const {
-    const std::string name = file ? file->filename().string() : "";
-    switch (kind) {
-    case Kind::kScript:
-        return "script " + name;
-    case Kind::kVerify:
-        return fmt::format("verify partition {} against {}", partition, name);
-    case Kind::kCommand:
-        break;
-    }
-    return file ? fmt::format("{}  [{}]", send, name) : send;
-}
-
-Plan loadPlan(const fs::path &path, const fs::path &files) {
-    std::vector<Fault> faults;
-    Plan plan{path.stem().string(), {}};
+Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {
+    Loader loader{files.empty() ? path.parent_path() : files, files.empty(), names};
+    loader.plan.name = path.stem().string();
     try {
-        const YAML::Node list = YAML::LoadFile(path.string());
-        if (!list.IsSequence() || list.size() == 0) throw Fault{list.Mark(), "a plan is a list of steps"};
-        for (const YAML::Node &node : list) {
-            plan.steps.push_back(readStep(node, files.empty() ? path.parent_path() : files, faults));
-        }
+        readPlan(loader, loadDocument(path));
+        finishPlan(loader);
     } catch (Fault &fault) {
-        faults.push_back(std::move(fault));
-    } catch (const YAML::ParserException &error) {
-        faults.push_back({error.mark, error.msg});
-    } catch (const std::exception &) {
-        faults.push_back({YAML::Mark::null_mark(), "cannot be read"});
+        loader.faults.push_back(std::move(fault));
     }
-    if (faults.empty()) return plan;
-
-    std::string text;
-    for (const Fault &fault : faults) {
-        text += text.empty() ? "" : "\n";
-        text += fault.mark.is_null() ? fmt::format("{}: {}", path.string(), fault.text)
-                                     : fmt::format("{}:{}:{}: {}", path.string(), fault.mark.line + 1,
-                                                   fault.mark.column + 1, fault.text);
-    }
-    throw PlanError(text);
+    if (!loader.faults.empty()) throw PlanError(describe(path, loader.faults));
+    loader.plan.warnings = describe(path, loader.warnings);
+    return std::move(loader.plan);
 }
 
 }  // namespace station

@@ -1,66 +1,68 @@
 #pragma once
-// A plan: the steps of one session, read from a YAML list. A step is one of three kinds:
-//
-//   - send: FW KERNEL {size}     a command; {size} stands for the upload's bytes
-//     upload: kernel.bin         a file that is sent behind the command, before the reply
-//     expect: OK                 the whole reply; or
-//     match: "^OK$"              a regular expression (ECMAScript) that must occur in it
-//     bare: true                 the command's text alone instead of 64 bytes
-//     closes: true               the board closes the connection behind the reply
-//
-//   - script: leave-mark.sh      a script that the board runs, by the command SHELL
-//     output: "done\n"           all that it prints; or
-//     match: "[0-9]+ kB"         a regular expression that must occur in that
-//     status: 0                  its exit status, 0 by default
-//
-//   - verify: kernel.bin         the start of a partition must hold this file
-//     partition: 2               the number of its MTD device
-//     erased: true               and 0xFF behind the file, to its end
-//
-// Each takes "timeout": seconds for the whole step, 10 by default; and "show": true, to have the reply or the output
-// printed as it is when the plan has ended.
+// A plan: what is done with one board, read from YAML: a list of steps, or a map with "name", "probe", "defaults" and
+// "steps". docs/station.md describes the language for those who write plans.
 
 #include <chrono>
 #include <filesystem>
 #include <optional>
-#include <regex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "station/plan/expectation.h"
+#include "station/plan/payload.h"
+
 namespace station {
 
-enum class Kind { kCommand, kScript, kVerify };
+enum class Kind { kCommand, kScript, kVerify, kAsk };
 
-// What is expected of a text: all of it, a match, or nothing.
-struct Expectation {
-    std::optional<std::string> text;
-    std::optional<std::regex> match;
-    std::string matchText;  // the expression as it stands in the plan
+// What a named group of a step's match is held to, as a number.
+struct Limit {
+    std::string group;
+    std::optional<double> min, max;
+    std::string unit;
+};
 
-    // Empty when `actual` is as expected, else what is wrong with it.
-    std::string judge(const std::string &actual) const;
+// What a step needs from a pool of the line's store before it is sent: so many rows behind each other.
+struct Taken {
+    std::string pool;
+    int count = 1;
 };
 
 struct Step {
     Kind kind = Kind::kCommand;
-    std::string send;                           // of a command
-    std::optional<std::filesystem::path> file;  // to upload, to run, or to compare with
-    Expectation expected;                       // of the reply, or of the script's output
-    std::chrono::milliseconds timeout{10000};
-    bool bare = false;
-    bool closes = false;
+    std::string name;             // a title of its own; empty: the one that says what is done
+    std::string send;             // the command, with {name}
+    std::optional<Payload> file;  // to upload, to run, or to compare with
+    Expectation expected;         // of the reply, of the script's output, or of the answer
+    Variables known;              // what its own files fill in its texts, as {size}
+    std::vector<Limit> limits;
+    std::vector<Taken> takes;
+    std::string ask;               // the variable that the operator's answer becomes
+    std::string prompt;            // with {name}
+    std::string hint;              // what a person does when the step fails
+    std::chrono::milliseconds timeout{10000};  // of each attempt
     int status = 0;
     int partition = -1;
-    bool erased = false;
-    bool show = false;
+    int retries = 0;
+    bool bare = false;       // the command's text alone instead of 64 bytes
+    bool closes = false;     // the board closes the connection behind the reply
+    bool reconnect = false;  // and comes back: the plan goes on with its next connection
+    bool erased = false;     // nothing but 0xFF may stand behind the file
+    bool show = false;       // the reply or the output is printed as it is when the plan has ended
+    bool required = false;   // its failure ends the plan
+    bool always = false;     // runs even then
 
-    std::string title() const;  // for the log: the command, or what is done with which file
+    // For people: its name, or the command, or what is done with which file; {name} is filled in as far as it is known.
+    std::string title(const Variables &variables = {}) const;
 };
 
 struct Plan {
-    std::string name;  // the file's name without its extension
+    std::string name;  // its own, or the file's without the extension; fit for a file's name
+    bool probe = true;
     std::vector<Step> steps;
+    std::string warnings;  // a line each, as in PlanError: what a plan may do, but hardly means
 };
 
 // The faults of a plan, a line each: FILE:LINE:COLUMN: what is wrong.
@@ -68,8 +70,15 @@ struct PlanError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Reads a plan and makes sure that it can be run: the keys, the expressions, that the files are there. Files are
-// looked for in `files`, or beside the plan when that is empty. Throws PlanError with every fault.
-Plan loadPlan(const std::filesystem::path &path, const std::filesystem::path &files = {});
+// What {name} may stand for besides what the plan's own steps find out.
+struct Names {
+    std::set<std::string> variables;  // of the line's file
+    std::set<std::string> pools;      // of the line's store
+};
+
+// Reads a plan and makes sure that it can be run, and spoils no board: the keys, the expressions, the commands, the
+// names, the files, which are read. They are looked for in `files`; when that is empty, where the plan says, or beside
+// it. Throws PlanError with every fault.
+Plan loadPlan(const std::filesystem::path &path, const std::filesystem::path &files = {}, const Names &names = {});
 
 }  // namespace station

@@ -15,25 +15,37 @@ constexpr Milliseconds kResultGrace{1000};
 
 // The script follows the wrapper, which finds it at the byte after its own end. The board has the station's fixed
 // address, whatever this machine calls it.
-std::string wrapperFor(uint16_t port, size_t ownLength) {
+std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLength) {
     return fmt::format("#!/bin/sh\n"
+                       "{}"
                        "script=/tmp/fabtestd.script\n"
                        "output=/tmp/fabtestd.output\n"
-                       "tail -c +{:06} \"$0\" > $script\n"
+                       "tail -c +{:08} \"$0\" > $script\n"
                        "chmod 755 $script\n"
                        "$script < /dev/null > $output 2>&1\n"
                        "status=$?\n"
                        "{{ echo $status; cat $output; }} | nc {} {}\n"
                        "exit 0\n",
-                       ownLength + 1, kDefaultAddress, port);
+                       exports, ownLength + 1, kDefaultAddress, port);
 }
 
-std::string wrap(const std::string &script, uint16_t port) {
-    return wrapperFor(port, wrapperFor(port, 0).size()) + script;
+// A line that puts it into the environment; the shell takes everything between two quotes as it is.
+std::string exportOf(const std::string &name, const std::string &value) {
+    std::string quoted;
+    for (const char c : value) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return fmt::format("export QC_{}='{}'\n", name, quoted);
 }
 
-ScriptResult parseResult(const std::string &bytes) {
+std::string wrap(const std::string &script, const std::map<std::string, std::string> &variables, uint16_t port) {
+    std::string exports;
+    for (const auto &[name, value] : variables) exports += exportOf(name, value);
+    return wrapperFor(exports, port, wrapperFor(exports, port, 0).size()) + script;
+}
+
+// The status, a line end, and the output.
+ScriptResult receiveResult(Session &&connection, Milliseconds limit) {
     ScriptResult result;
+    const std::string bytes = connection.receiveAll(limit, kLongestOutput, &result.cut);
     const size_t lineEnd = bytes.find('\n');
     const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
     if (error != std::errc() || lineEnd == std::string::npos || behind != bytes.data() + lineEnd) {
@@ -50,11 +62,11 @@ Milliseconds until(Clock::time_point deadline) {
 }  // namespace
 
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
-                       const Progress &progress) {
+                       const std::map<std::string, std::string> &variables, const Progress &progress) {
     const std::string interface = session.interface();
     Listener results(session.localAddress(), 0,
                      interface.empty() ? std::vector<std::string>{} : std::vector{interface});
-    const std::string payload = wrap(script, results.port());
+    const std::string payload = wrap(script, variables, results.port());
     const std::string command = fmt::format("SHELL {}", payload.size());
     session.sendCommand(command);
     session.sendBytes(payload, progress);
@@ -62,7 +74,7 @@ ScriptResult runScript(Session &session, const std::string &script, Clock::time_
     if (!results.waitForBoard(session, deadline, kResultGrace)) {
         throw SessionError("the board sent no result of the script: has it no \"nc\"?");
     }
-    ScriptResult result = parseResult(results.accept(until(deadline)).receiveAll(until(deadline)));
+    ScriptResult result = receiveResult(results.accept(until(deadline)), until(deadline));
     const std::string reply = session.receiveReply(until(deadline));
     if (reply != command) throw SessionError(fmt::format("expected \"{}\", got \"{}\"", command, reply));
     return result;

@@ -2,22 +2,27 @@
 // Scripts that the board runs by the command SHELL, whose reply is but an echo of the command. The station wraps the
 // script, so that the board sends what it printed and its exit status back over a second connection.
 
-#include <filesystem>
+#include <map>
 #include <string>
 
 #include "station/wire/session.h"
 
 namespace station {
 
+// Bytes of a script's output that are kept: more than the logs of a board, and little enough for a record.
+constexpr size_t kLongestOutput = 262144;
+
 struct ScriptResult {
     int status = -1;
     std::string output;  // standard output and standard error
+    uint64_t cut = 0;    // bytes of it that followed and were dropped
 };
 
 // Has the board run a script and returns its result. `script` may be any executable file's content; one without an
-// interpreter line is run by the shell. Throws SessionError when the session fails or no result comes in time.
+// interpreter line is run by the shell. It finds each variable NAME in its environment as QC_NAME. Throws SessionError
+// when the session fails or no result comes in time.
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
-                       const Progress &progress = {});
+                       const std::map<std::string, std::string> &variables = {}, const Progress &progress = {});
 
 // A script that prints the MD5 digest of the first `size` bytes of an MTD partition, and in a second line how many
 // bytes behind them are not 0xFF.

@@ -118,7 +118,7 @@ void Session::expectClose(Milliseconds limit) {
     if (recv(socket_.descriptor(), &byte, 1, 0) > 0) throw SessionError("the board sent more instead of closing");
 }
 
-std::string Session::receiveAll(Milliseconds limit) {
+std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) {
     const auto deadline = Clock::now() + limit;
     std::string bytes;
     std::array<char, 65536> part;
@@ -127,7 +127,10 @@ std::string Session::receiveAll(Milliseconds limit) {
         const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
         if (received < 0) throw SessionError(describeError("receiving failed"));
         if (received == 0) return bytes;
-        bytes.append(part.data(), static_cast<size_t>(received));
+        const auto length = static_cast<size_t>(received);
+        const size_t kept = std::min(length, most - bytes.size());
+        bytes.append(part.data(), kept);
+        if (cut != nullptr) *cut += length - kept;
     }
 }
 

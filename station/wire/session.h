@@ -39,8 +39,9 @@ public:
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
-    // Everything that arrives until the peer closes. Throws when it does not close in time.
-    std::string receiveAll(Milliseconds limit);
+    // What arrives until the peer closes: the first `most` bytes; the others are counted in `cut`, when it is given.
+    // Throws when the peer does not close in time.
+    std::string receiveAll(Milliseconds limit, size_t most = SIZE_MAX, uint64_t *cut = nullptr);
 
     // Ends the connection with a reset instead of a close.
     void reset();
