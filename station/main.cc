@@ -47,6 +47,14 @@ int discover(const Options &options) {
     return 0;
 }
 
+// Where no terminal is.
+class Nobody : public station::Operator {
+    std::string ask(const station::RunRecord &, size_t, const std::string &, const std::string &,
+                    std::chrono::steady_clock::time_point, const station::Stop &) override {
+        throw std::runtime_error("there is no terminal where an operator could be asked");
+    }
+};
+
 int run(const Options &options) {
     const station::Plan plan = station::loadPlan(options.plan, options.files);
     if (!options.results.empty()) station::prepareResults(options.results);
@@ -64,8 +72,10 @@ int run(const Options &options) {
     if (display) observers.add(*display);
     station::Records records;
     const station::Stop stop;
+    Nobody nobody;
+    station::Operator *const operators = display ? static_cast<station::Operator *>(display.get()) : &nobody;
     const std::vector<station::RunRecord> results =
-        station::runBoards(listener, plan, options.boards, options.limit(), {observers, records, stop});
+        station::runBoards(listener, plan, options.boards, options.limit(), {observers, records, stop, *operators});
     for (const station::RunRecord &run : results) {
         if (!options.results.empty()) station::writeResult(options.results, run);
     }
@@ -82,6 +92,7 @@ int run(const Options &options) {
 
 int check(const Options &options) {
     const station::Plan plan = station::loadPlan(options.plan, options.files);
+    if (!plan.warnings.empty()) fmt::print("{}\n", plan.warnings);
     fmt::print("plan {}: {} steps, no faults\n", plan.name, plan.steps.size());
     return 0;
 }

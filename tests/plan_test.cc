@@ -41,8 +41,8 @@ protected:
         }
     }
 
-    char name_[20] = "/tmp/plan-test.XXXXX";
-    fs::path folder_ = mkdtemp(strcpy(name_, "/tmp/plan.XXXXXX"));
+    char name_[17] = "/tmp/plan.XXXXXX";
+    fs::path folder_ = mkdtemp(name_);
 };
 
 TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
@@ -55,7 +55,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: FW KERNEL 4, upload: five, expect: OK}", "1:10: announces \"4\", but its payload has 5 bytes"},
         {"- {send: SHELL, upload: five, expect: OK}", "1:10: announces \"\""},
         {"- {send: PING, upload: five, expect: OK}", "1:10: the board takes no payload behind this"},
-        {"- {send: 'VERSION {size}', upload: five, bare: true, expect: OK}", "1:52: the board would take the payload"},
+        {"- {send: 'VERSION {size}', upload: five, bare: true, expect: OK}", "1:48: the board would take the payload"},
         {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is no MAC address"},
         {"- {send: 'MAC 01:00:00:00:00:01', expect: MAC 4}", "1:10: no board may have the MAC address"},
         {"- {send: 'MAC {mac}', expect: MAC 4}", "1:10: {mac} is taken for a unit"},
@@ -91,13 +91,16 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{name: a/b, steps: [{send: PING, expect: OK}]}", "1:8: the name has no '/'"},
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
-        {"- {send: PING", "plan.yaml:1:14"},
+        {"- {send: PING\n", "plan.yaml:2:1: "},
         // Nothing.
-        {"- {send: 'MAC 1122334455', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
+        {"- {send: 'MAC 1122334455', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}",
+         "="},
     };
     for (const auto &test : cases) {
         const std::string fault = faultsOf(test.plan, {{"line"}, {"mac"}});
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
-        if (test.fault[0] == '=') EXPECT_EQ(fault, "") << test.plan;
+        EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
 }
+
+}  // namespace

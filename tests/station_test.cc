@@ -1,4 +1,4 @@
-// The station against boards that misbehave, and plans that cannot be run.
+// The station against boards that misbehave.
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -6,12 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
-#include "station/line/run.h"
-#include "station/plan/plan.h"
 #include "station/wire/listener.h"
 
 using namespace std::string_literals;
@@ -21,8 +17,6 @@ using station::SessionError;
 using testing::HasSubstr;
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // A connected pair: the station's session and the board's bare socket.
 class Pair {
@@ -119,95 +113,6 @@ TEST(Command, IsPaddedUnlessBare) {
     pair.session().sendBytes("PING");
     EXPECT_EQ(pair.boardReceives(4), "PING");
     EXPECT_THROW(pair.session().sendCommand(std::string(65, 'x')), SessionError);
-}
-
-class PlanTest : public testing::Test {
-protected:
-    void SetUp() override {
-        char name[] = "/tmp/plan-test.XXXXXX";
-        folder_ = mkdtemp(name);
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    fs::path write(const std::string &name, const std::string &content) const {
-        std::ofstream(folder_ / name) << content;
-        return folder_ / name;
-    }
-
-    fs::path folder_;
-};
-
-TEST_F(PlanTest, StepsAreSentAndJudged) {
-    write("payload.bin", "12345");
-    const station::Plan plan =
-        station::loadPlan(write("plan.yaml", "- {send: 'FW KERNEL {size}', upload: payload.bin, expect: OK}\n"
-                                             "- {send: INFO, match: '^PI[N]G', bare: true}\n"
-                                             "- {send: BYE, expect: BYE, closes: true, timeout: 2.5}\n"));
-    ASSERT_EQ(plan.steps.size(), 3U);
-    EXPECT_EQ(plan.name, "plan");
-    EXPECT_EQ(plan.steps[2].timeout, Milliseconds(2500));
-
-    Pair pair;
-    bool connected = true;
-    pair.boardSends(frame("OK"));
-    EXPECT_TRUE(station::runStep(pair.session(), plan.steps[0], connected).passed());
-    EXPECT_EQ(pair.boardReceives(69), frame("FW KERNEL 5") + "12345");
-    pair.boardSends(frame("nothing"));
-    const station::StepResult wrong = station::runStep(pair.session(), plan.steps[1], connected);
-    EXPECT_FALSE(wrong.passed());
-    EXPECT_EQ(wrong.failure, "expected a match of \"^PI[N]G\", got \"nothing\"");
-    EXPECT_EQ(pair.boardReceives(4), "INFO");
-    EXPECT_TRUE(connected) << "a wrong reply does not end the session";
-    std::thread board([&] {
-        pair.boardReceives(64);
-        pair.boardSends(frame("BYE"));
-        pair.hangUp();
-    });
-    const station::StepResult last = station::runStep(pair.session(), plan.steps[2], connected);
-    board.join();
-    EXPECT_EQ(last.failure, "");
-    EXPECT_FALSE(connected);
-}
-
-TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
-    const struct {
-        const char *plan, *fault;
-    } cases[] = {
-        {"- {send: PING}\n", "plan.yaml:1:3: a command needs \"expect\" or \"match\""},
-        {"- {expect: OK}\n", "plan.yaml:1:3: a step needs \"send\", \"script\" or \"verify\""},
-        {"- send: PING\n  expect: OK\n  timeuot: 3\n", "plan.yaml:3:3: unknown key \"timeuot\""},
-        {"- {send: PING, expect: OK, match: OK}\n", "exclude each other"},
-        {"- {send: PING, match: '(['}\n", "plan.yaml:1:23: bad expression"},
-        {"- {send: PING, expect: OK, upload: none.bin}\n", "plan.yaml:1:36: no file"},
-        {"- {send: PING, expect: OK, timeout: soon}\n", "expected a number of seconds"},
-        {"- {send: PING, expect: OK, timeout: -1}\n", "time limit"},
-        {"- {send: PING, expect: OK, bare: maybe}\n", "expected true or false"},
-        {"- {send: PING, expect: [OK]}\n", "expected a text"},
-        {"- {send: '', expect: OK}\n", "empty command"},
-        {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}\n",
-         "at most 64 bytes"},
-        {"send: PING\n", "a plan is a list of steps"},
-        {"", "a plan is a list of steps"},
-        {"- PING\n", "a step is a map of keys"},
-        {"- {send: PING\n", "plan.yaml:2:1"},
-        {"- {send: PING, expct: OK}\n- {send: PING}\n", "plan.yaml:1:16: unknown key \"expct\" in a \"send\" step\n"},
-        {"- {send: PING, expct: OK}\n- {send: PING}\n", "plan.yaml:2:3: a command needs"},
-        {"- {send: PING, expect: OK, expect: OK}\n", "plan.yaml:1:28: \"expect\" stands twice"},
-        {"- {verify: plan.yaml}\n", "needs \"partition\""},
-        {"- {verify: plan.yaml, partition: -1}\n", "not negative"},
-        {"- {script: none.sh}\n", "no file"},
-        {"- {script: plan.yaml, expect: OK}\n", "unknown key \"expect\" in a \"script\" step"},
-        {"- {script: plan.yaml, status: 256}\n", "between 0 and 255"},
-    };
-    for (const auto &test : cases) {
-        try {
-            station::loadPlan(write("plan.yaml", test.plan));
-            ADD_FAILURE() << "accepted: " << test.plan;
-        } catch (const station::PlanError &error) {
-            EXPECT_THAT(error.what(), HasSubstr(test.fault)) << test.plan;
-        }
-    }
-    EXPECT_THROW(station::loadPlan(folder_ / "none.yaml"), station::PlanError);
 }
 
 }  // namespace

@@ -3,60 +3,120 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <fstream>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <sstream>
+#include <utility>
 
-#include "image/md5.h"
+#include "station/plan/commands.h"
 #include "station/wire/script.h"
 
 namespace station {
 namespace {
 
-namespace fs = std::filesystem;
+constexpr Milliseconds kRetryPause{1000};
+constexpr size_t kLongestValue = 1024;  // of a variable; it may go into a board's and a hook's environment
 
-// One step while it runs.
-struct Running {
-    Session &session;
+// A run in its course.
+struct Course {
+    Board &board;
+    const Plan &plan;
+    RunRecord &run;
+    const Context &context;
+    Clock::time_point start = Clock::now();
+    bool connected = true;
+    std::string over = {};  // why only steps with "always" are run; empty: all are
+};
+
+// One attempt of a step: its texts, ready to be sent and judged.
+struct Attempt {
+    Course &course;
     const Step &step;
-    const Progress &progress;
+    size_t index;
+    StepResult &result;
     Clock::time_point deadline;
+    std::string command = {};
+    std::string prompt = {};
+    Expectation expected = {};
+    Variables groups = {};  // what the match has found
 
+    Session &session() const { return course.board.session(); }
     Milliseconds left() const {
         return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
     }
+    void judge(const std::string &text) { result.failure = expected.judge(text, groups); }
+    Progress progress() const {
+        return
+            [this](uint64_t sent, uint64_t total) { course.context.observer.progress(course.run, index, sent, total); };
+    }
 };
 
-void runCommand(const Running &running, StepResult &result) {
-    const Step &step = running.step;
+// Takes what the step needs of the pools, once a run: what is taken is this unit's for good, before it is sent.
+void take(const Attempt &attempt) {
+    RunRecord &run = attempt.course.run;
+    for (const Taken &taken : attempt.step.takes) {
+        if (run.variables.count(taken.pool) > 0) continue;
+        const auto rows = attempt.course.context.records.bind(taken.pool, run, taken.count);
+        run.variables[taken.pool] = rows.at(0);
+        for (size_t i = 1; i < rows.size(); ++i) run.variables[fmt::format("{}_{}", taken.pool, i + 1)] = rows[i];
+    }
+}
+
+// Fills in the step's texts, and looks at the command again, now that it is whole.
+void prepare(Attempt &attempt) {
+    const Step &step = attempt.step;
+    take(attempt);
+    Variables values = step.known;
+    values.insert(attempt.course.run.variables.begin(), attempt.course.run.variables.end());
+    attempt.result.title = step.title(values);
+    attempt.command = expand(step.send, values);
+    attempt.prompt = expand(step.prompt, values);
+    attempt.expected = step.expected.with(values);
+    if (step.kind != Kind::kCommand) return;
+    const auto payload = step.file ? std::optional<uint64_t>(step.file->bytes->size()) : std::nullopt;
+    const std::string fault = faultOf({attempt.command, true, payload, step.bare});
+    if (!fault.empty()) throw std::invalid_argument("not sent: " + fault);
+}
+
+void runCommand(Attempt &attempt) {
+    const Step &step = attempt.step;
     if (step.bare) {
-        running.session.sendBytes(step.send);
+        attempt.session().sendBytes(attempt.command);
     } else {
-        running.session.sendCommand(step.send);
+        attempt.session().sendCommand(attempt.command);
     }
-    if (step.file) running.session.sendFile(*step.file, running.progress);
-    result.reply = running.session.receiveReply(running.left());
-    result.failure = step.expected.judge(result.reply);
-    if (!step.closes || !result.failure.empty()) return;
-    running.session.expectClose(running.left());
+    if (step.file) attempt.session().sendBytes(*step.file->bytes, attempt.progress());
+    // Without an expectation the board may be gone before it replies.
+    if (!step.expected) return;
+    attempt.result.reply = attempt.session().receiveReply(attempt.left());
+    attempt.judge(attempt.result.reply);
+    if (step.closes && attempt.result.failure.empty()) attempt.session().expectClose(attempt.left());
 }
 
-void runScriptStep(const Running &running, StepResult &result) {
-    std::ostringstream content;
-    content << std::ifstream(*running.step.file, std::ios::binary).rdbuf();
-    const ScriptResult script = runScript(running.session, content.str(), running.deadline, running.progress);
+void runScriptStep(Attempt &attempt) {
+    const Step &step = attempt.step;
+    StepResult &result = attempt.result;
+    const ScriptResult script = runScript(attempt.session(), *step.file->bytes, attempt.deadline,
+                                          attempt.course.run.variables, attempt.progress());
     result.reply = script.output;
-    result.failure = running.step.expected.judge(script.output);
-    if (script.status != running.step.status) {
+    result.cut = script.cut;
+    attempt.judge(script.output);
+    if (script.cut > 0 && step.expected) {
+        result.failure = fmt::format("printed {} bytes; it can be judged by at most {}",
+                                     script.output.size() + script.cut, kLongestOutput);
+    } else if (script.status != step.status) {
         result.failure =
-            fmt::format("ended with status {} instead of {}: {}", script.status, running.step.status, script.output);
+            fmt::format("ended with status {} instead of {}: {}", script.status, step.status, script.output);
     }
 }
 
-void runVerify(const Running &running, StepResult &result) {
-    const Step &step = running.step;
-    const uintmax_t size = fs::file_size(*step.file);
+void runVerify(Attempt &attempt) {
+    const Step &step = attempt.step;
+    StepResult &result = attempt.result;
+    const size_t size = step.file->bytes->size();
     const ScriptResult script =
-        runScript(running.session, digestScript(step.partition, size), running.deadline, running.progress);
+        runScript(attempt.session(), digestScript(step.partition, size), attempt.deadline, {}, attempt.progress());
     std::istringstream lines(script.output);
     std::string digest;
     long written = -1;  // bytes behind the file that are not erased
@@ -64,43 +124,140 @@ void runVerify(const Running &running, StepResult &result) {
         result.failure = fmt::format("the board could not read the partition: {}", script.output);
         return;
     }
-    const std::string expected = fwimage::md5OfFile(*step.file);
     result.reply = fmt::format("{} bytes, MD5 {}", size, digest);
-    if (digest != expected) {
-        result.failure = fmt::format("the partition's digest is {}, the file's {}", digest, expected);
+    if (digest != step.file->md5) {
+        result.failure = fmt::format("the partition's digest is {}, the file's {}", digest, step.file->md5);
     } else if (step.erased && written != 0) {
         result.failure = fmt::format("{} bytes behind the file are not erased", written);
     }
 }
 
-void runKind(const Running &running, StepResult &result) {
-    switch (running.step.kind) {
-    case Kind::kCommand:
-        return runCommand(running, result);
-    case Kind::kScript:
-        return runScriptStep(running, result);
-    case Kind::kVerify:
-        return runVerify(running, result);
+// Asks until the answer is right: people mistype, and scanners catch the wrong label.
+void runAsk(Attempt &attempt) {
+    const Context &context = attempt.course.context;
+    StepResult &result = attempt.result;
+    std::string problem;
+    context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
+    while (Clock::now() < attempt.deadline) {
+        result.reply = context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
+                                             attempt.deadline, context.stop);
+        attempt.judge(result.reply);
+        problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
+        if (!problem.empty()) continue;
+        attempt.groups[attempt.step.ask] = result.reply;
+        return;
     }
+    throw SessionError("nobody answered in time; the last answer: " + problem);
+}
+
+// In the order of Kind.
+constexpr std::array<void (*)(Attempt &), 4> kRunners = {runCommand, runScriptStep, runVerify, runAsk};
+
+// Returns what is wrong with the value, empty for nothing.
+std::string measure(const Limit &limit, const std::string &text, std::vector<Measurement> &measurements) {
+    double value = 0;
+    const char *const end = text.data() + text.size();
+    const auto [behind, error] = std::from_chars(text.data() + (text.starts_with('+') ? 1 : 0), end, value);
+    if (error != std::errc() || behind != end || !std::isfinite(value)) {
+        return fmt::format("{} is no number: \"{}\"", limit.group, text);
+    }
+    const bool low = limit.min && value < *limit.min, high = limit.max && value > *limit.max;
+    measurements.push_back({limit.group, value, limit.min, limit.max, limit.unit, !low && !high});
+    if (!low && !high) return {};
+    return fmt::format("{} is {}{}{}, {} {}", limit.group, text, limit.unit.empty() ? "" : " ", limit.unit,
+                       low ? "below" : "above", low ? *limit.min : *limit.max);
+}
+
+// Holds what the match has found to the limits, and keeps it for the steps behind.
+void keep(Attempt &attempt) {
+    RunRecord &run = attempt.course.run;
+    std::string &failure = attempt.result.failure;
+    const auto fail = [&](const std::string &text) { failure += (failure.empty() ? "" : "; ") + text; };
+    if (!failure.empty() && attempt.groups.empty()) return;
+    for (const Limit &limit : attempt.step.limits) {
+        const std::string fault = measure(limit, attempt.groups[limit.group], attempt.result.measurements);
+        if (!fault.empty()) fail(fault);
+    }
+    for (const auto &[name, value] : attempt.groups) {
+        if (value.size() > kLongestValue) fail(fmt::format("{} has more than {} bytes", name, kLongestValue));
+        run.variables[name] = value.substr(0, kLongestValue);
+    }
+    if (const auto serial = run.variables.find("serial"); serial != run.variables.end()) run.unit = serial->second;
+}
+
+void exchange(Attempt &attempt) try {
+    kRunners[static_cast<size_t>(attempt.step.kind)](attempt);
+    keep(attempt);
+    if (attempt.step.closes) attempt.course.connected = false;
+} catch (const std::exception &error) {
+    attempt.result.failure = error.what();
+    if (attempt.step.kind != Kind::kAsk) attempt.course.connected = false;
+}
+
+void reconnect(Attempt &attempt) try {
+    attempt.course.connected = false;
+    attempt.course.board.reconnect(attempt.deadline);
+    attempt.course.connected = true;
+} catch (const std::exception &error) {
+    if (attempt.result.failure.empty()) attempt.result.failure = fmt::format("did not come back: {}", error.what());
+}
+
+void runAttempt(Course &course, size_t index) {
+    const Step &step = course.plan.steps[index];
+    Attempt attempt{course, step, index, course.run.steps[index], Clock::now() + step.timeout};
+    attempt.result.failure.clear();
+    attempt.result.measurements.clear();
+    try {
+        prepare(attempt);
+    } catch (const std::exception &error) {
+        attempt.result.failure = error.what();
+        return;
+    }
+    if (step.kind != Kind::kAsk) attempt.session().setSendDeadline(attempt.deadline);
+    exchange(attempt);
+    if (step.reconnect && (attempt.result.failure.empty() || !course.connected)) reconnect(attempt);
+}
+
+// Why a step is not run; empty: it is.
+std::string reasonAgainst(const Step &step, Course &course) {
+    if (!course.over.empty() && !step.always) return course.over;
+    if (!course.connected && step.kind != Kind::kAsk) return "the session had ended";
+    if (step.always || !course.context.stop.requested()) return {};
+    course.run.interrupted = true;
+    return "the station was stopped";
+}
+
+Milliseconds since(Clock::time_point start) { return std::chrono::duration_cast<Milliseconds>(Clock::now() - start); }
+
+void runStep(Course &course, size_t index) {
+    const Step &step = course.plan.steps[index];
+    const Context &context = course.context;
+    StepResult &result = course.run.steps[index];
+    const auto start = Clock::now();
+    result.offset = since(course.start);
+    result.title = step.title(course.run.variables);
+    context.observer.stepStarts(course.run, index);
+    do {
+        if (result.attempts > 0) context.stop.wait(kRetryPause);
+        ++result.attempts;
+        runAttempt(course, index);
+    } while (!result.failure.empty() && result.attempts <= step.retries && course.connected &&
+             !context.stop.requested());
+    result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
+    result.duration = since(start);
+    context.observer.stepEnds(course.run, index);
+    context.records.stepEnded(course.run, index);
+}
+
+// What the end of a step means for those behind it.
+void follow(Course &course, const Step &step, const StepResult &result) {
+    const bool lost = !course.connected && !result.passed();
+    if (!course.over.empty() || result.passed()) return;
+    if (step.required) course.over = "a required step had failed";
+    if (lost) course.over = "the session had ended";
 }
 
 }  // namespace
-
-StepResult runStep(Session &session, const Step &step, bool &connected, const Progress &progress) {
-    StepResult result;
-    const auto start = Clock::now();
-    try {
-        session.setSendDeadline(start + step.timeout);
-        runKind({session, step, progress, start + step.timeout}, result);
-        if (step.closes) connected = false;
-    } catch (const std::exception &error) {
-        result.failure = error.what();
-        connected = false;
-    }
-    result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
-    result.duration = std::chrono::duration_cast<Milliseconds>(Clock::now() - start);
-    return result;
-}
 
 RunRecord newRun(const Plan &plan, const Place &place) {
     RunRecord run;
@@ -111,27 +268,23 @@ RunRecord newRun(const Plan &plan, const Place &place) {
     for (const Step &step : plan.steps) {
         StepResult &result = run.steps.emplace_back();
         result.title = step.title();
+        result.hint = step.hint;
         result.show = step.show;
     }
     return run;
 }
 
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context) {
-    bool connected = true;
+    Course course{board, plan, run, context};
     for (size_t i = 0; i < plan.steps.size(); ++i) {
         StepResult &result = run.steps[i];
-        const StepResult before = result;
-        result.failure = "not run: the session had ended";
-        if (!connected) continue;
-        context.observer.stepStarts(run, i);
-        const Progress progress = [&](uint64_t sent, uint64_t total) {
-            context.observer.progress(run, i, sent, total);
-        };
-        result = runStep(board.session(), plan.steps[i], connected, progress);
-        result.title = before.title;
-        result.show = before.show;
-        context.observer.stepEnds(run, i);
-        context.records.stepEnded(run, i);
+        const std::string reason = reasonAgainst(plan.steps[i], course);
+        if (reason.empty()) {
+            runStep(course, i);
+        } else {
+            result.failure = "not run: " + reason;
+        }
+        follow(course, plan.steps[i], result);
     }
     run.end = WallClock::now();
     return run;

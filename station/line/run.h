@@ -4,6 +4,7 @@
 #include <string>
 
 #include "station/line/observer.h"
+#include "station/line/operator.h"
 #include "station/line/records.h"
 #include "station/line/stop.h"
 #include "station/plan/plan.h"
@@ -26,15 +27,14 @@ struct Context {
     Observer &observer;
     Records &records;
     const Stop &stop;
+    Operator &operators;
 };
-
-// Runs one step. `connected` turns false when the session cannot go on.
-StepResult runStep(Session &session, const Step &step, bool &connected, const Progress &progress = {});
 
 // The record of a run that has not begun: a new ID, the time, every step "not run".
 RunRecord newRun(const Plan &plan, const Place &place);
 
-// Runs every step; those behind the end of the session are not run.
+// Runs the steps. Not run are those behind the end of the session, but what the operator is asked; those behind a
+// required step that failed; and those that the stop comes before. Those that run always are run even then.
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context);
 
 }  // namespace station

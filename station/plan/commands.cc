@@ -78,7 +78,8 @@ constexpr Row kRows[] = {
 };
 
 const Row &rowOf(std::string_view command) {
-    return *std::find_if(std::begin(kRows), std::end(kRows), [&](const Row &row) { return command.starts_with(row.word); });
+    return *std::find_if(std::begin(kRows), std::end(kRows),
+                         [&](const Row &row) { return command.starts_with(row.word); });
 }
 
 }  // namespace

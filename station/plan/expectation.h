@@ -15,7 +15,8 @@ class RE2;
 namespace station {
 
 // A regular expression in RE2's syntax, which takes time in proportion to the text, whatever both are. It works on
-// bytes; ^ and $ are the start and the end of the whole text unless it begins with (?m); '.' is any byte but a line end.
+// bytes; ^ and $ are the start and the end of the whole text unless it begins with (?m); '.' is any byte but a line
+// end.
 class Expression {
 public:
     // Throws std::invalid_argument when it is none. A {name} in it stands for any text.

@@ -148,16 +148,13 @@ Keys<Draft> join(Keys<Draft> keys, const Keys<Draft> &more) {
 }
 
 const Keys<Draft> kEveryStep = {
-    {"name", readLine<&Step::name>},
-    {"hint", readLine<&Step::hint>},
-    {"timeout", readTimeout},
-    {"required", readFlag<&Step::required>},
-    {"always", readFlag<&Step::always>},
+    {"name", readLine<&Step::name>},         {"hint", readLine<&Step::hint>},     {"timeout", readTimeout},
+    {"required", readFlag<&Step::required>}, {"always", readFlag<&Step::always>},
 };
 
-const Keys<Draft> kOnBoard = join(kEveryStep, {{"show", readFlag<&Step::show>},
-                                               {"retries", readWhole<&Step::retries, 0, 1000>},
-                                               {"image", readImage}});
+const Keys<Draft> kOnBoard =
+    join(kEveryStep,
+         {{"show", readFlag<&Step::show>}, {"retries", readWhole<&Step::retries, 0, 1000>}, {"image", readImage}});
 
 const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
 
@@ -180,14 +177,15 @@ const std::array<KindOfStep, 4> kKinds = {{
                                     {"status", readWhole<&Step::status, 0, 255>},
                                     {"reconnect", readFlag<&Step::reconnect>}})},
     {"verify",
-     [](const Step &step, const Variables &) { return fmt::format("verify partition {} against {}", step.partition, step.file->name); },
+     [](const Step &step, const Variables &) {
+         return fmt::format("verify partition {} against {}", step.partition, step.file->name);
+     },
      join(kOnBoard, {{"verify", readFileKey},
                      {"partition", readWhole<&Step::partition, 0, 1000>},
                      {"erased", readFlag<&Step::erased>}})},
     {"ask", [](const Step &step, const Variables &) { return "ask " + step.ask; },
-     join(join(kEveryStep, kJudged),
-          {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }},
-           {"prompt", readLine<&Step::prompt>}})},
+     join(join(kEveryStep, kJudged), {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }},
+                                      {"prompt", readLine<&Step::prompt>}})},
 }};
 
 size_t kindOf(const YAML::Node &node) {
@@ -349,14 +347,14 @@ const Keys<Loader> kPlanKeys = {
      [](Loader &loader, const Entry &value) {
          readMap(value.node, kDefaultKeys, "in \"defaults\"", loader, loader.faults);
      }},
-    {"steps", [](Loader &loader, const Entry &value) { loader.steps = value.node; }},
+    {"steps", [](Loader &loader, const Entry &value) { loader.steps.reset(value.node); }},
 };
 
 void readPlan(Loader &loader, const YAML::Node &document) {
-    loader.steps = document;
     if (document.IsMap()) {
-        loader.steps = YAML::Node();
         readMap(document, kPlanKeys, "in a plan", loader, loader.faults);
+    } else {
+        loader.steps.reset(document);
     }
     if (!loader.steps.IsSequence() || loader.steps.size() == 0) {
         throw Fault{document.Mark(), "a plan is a list of steps, or a map with \"steps\""};

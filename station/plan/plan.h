@@ -39,9 +39,9 @@ struct Step {
     Variables known;              // what its own files fill in its texts, as {size}
     std::vector<Limit> limits;
     std::vector<Taken> takes;
-    std::string ask;               // the variable that the operator's answer becomes
-    std::string prompt;            // with {name}
-    std::string hint;              // what a person does when the step fails
+    std::string ask;                           // the variable that the operator's answer becomes
+    std::string prompt;                        // with {name}
+    std::string hint;                          // what a person does when the step fails
     std::chrono::milliseconds timeout{10000};  // of each attempt
     int status = 0;
     int partition = -1;

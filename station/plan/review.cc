@@ -11,11 +11,11 @@ namespace {
 // The plan's course, as far as it has been followed.
 struct Course {
     std::vector<Fault> &faults, &warnings;
-    bool over = false;                         // the session has ended
-    bool rebooting = false;                    // the board may be gone at any time
-    bool pinged = false;                       // this session's reports name what failed
-    std::optional<YAML::Mark> reset;           // a factory reset that nothing has waited for
-    std::map<int, YAML::Mark> written;         // partitions that nothing has read back
+    bool over = false;                  // the session has ended
+    bool rebooting = false;             // the board may be gone at any time
+    bool pinged = false;                // this session's reports name what failed
+    std::optional<YAML::Mark> reset;    // a factory reset that nothing has waited for
+    std::map<int, YAML::Mark> written;  // partitions that nothing has read back
 };
 
 void followSession(const StepSource &source, Role role, Course &course) {

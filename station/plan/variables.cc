@@ -100,8 +100,8 @@ std::set<std::string> namesInExpression(const std::string &text) {
 }
 
 std::string expandExpression(const std::string &text, const Variables &variables) {
-    return replaceInExpression(
-        text, [&](const std::string &name) { return re2::RE2::QuoteMeta(valueOf(name, variables)); });
+    return replaceInExpression(text,
+                               [&](const std::string &name) { return re2::RE2::QuoteMeta(valueOf(name, variables)); });
 }
 
 }  // namespace station

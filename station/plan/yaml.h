@@ -42,7 +42,7 @@ struct Entry {
     std::string text() const;
     std::string line() const;  // a text without control characters that is not empty
     bool flag() const { return as<bool>("true or false"); }
-    double number() const;                     // a finite one
+    double number() const;  // a finite one
     int whole(int least, int most) const;
     std::chrono::milliseconds seconds() const;  // 0.001 to a day
 };
