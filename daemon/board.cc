@@ -67,7 +67,7 @@ bool exchangePair(char *pair) {
 // syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none. The message
 // carries its priority and an identity, but no time, which cannot be told without a lock either: every log daemon takes
 // its own then. One of them, however, takes 16 characters behind the priority for a time as soon as the last of them is
-// a blank, and drops them.
+// a blank, and drops them. Behind this identity it is none.
 template <size_t Size>
 void logFromHandler(const char (&message)[Size]) {
     const int interruptedErrno = errno;
