@@ -16,6 +16,8 @@ struct Display : Observer, Operator {};
 // empty, takes the colours.
 std::unique_ptr<Display> makeDisplay(int boards);
 std::unique_ptr<Display> makeTerminal(int boards, bool coloured);
+// Before the program ends at once: lets the terminal echo again. May be called by a signal's handler.
+void restoreTerminal();
 
 // The place for people; one that has no name but its number is the board's.
 std::string nameOf(const Place &place);

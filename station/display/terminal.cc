@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <deque>
 #include <map>
@@ -31,28 +32,30 @@ constexpr std::chrono::milliseconds kRefresh{100};
 
 double secondsSince(Moment start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
+// The terminal's mode before it was changed, for whoever ends the program in the middle of a question.
+termios cooked;
+std::atomic<bool> listening = false;
+
 // What typing needs while the operator is asked: each character at once, and not echoed into the live lines.
 class Keyboard {
 public:
-    Keyboard() : terminal_(isatty(STDIN_FILENO) != 0 && tcgetattr(STDIN_FILENO, &cooked_) == 0) {}
-    ~Keyboard() { listen(false); }
+    Keyboard() : there_(isatty(STDIN_FILENO) != 0 && tcgetattr(STDIN_FILENO, &cooked) == 0) {}
+    ~Keyboard() { restoreTerminal(); }
 
-    bool there() const { return terminal_; }
-    void lose() { terminal_ = false; }
+    bool there() const { return there_; }
+    void lose() { there_ = false; }
 
     // What was typed before the question belongs to no question.
     void listen(bool on) {
-        if (!terminal_ || on == listening_) return;
-        termios mode = cooked_;
+        if (!there_ || on == listening) return;
+        termios mode = cooked;
         if (on) mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &mode);
-        listening_ = on;
+        listening = on;
     }
 
 private:
-    termios cooked_{};
-    bool terminal_;
-    bool listening_ = false;
+    bool there_;
 };
 
 class Terminal : public Display {
@@ -102,6 +105,7 @@ public:
     void stepEnds(const RunRecord &run, size_t step) override {
         const std::lock_guard lock(mutex_);
         durations_.learn(run, step);
+        if (judged_ == run.place.number) judged_ = 0;
         if (boards_ == 1) above_ += coloured(describeStep(run.steps[step]), run.steps[step].passed()) + "\n";
     }
 
@@ -149,7 +153,7 @@ public:
 
     std::string ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
                     Moment deadline, const Stop &stop) override {
-        Question question{nameOf(run.place), oneLine(prompt), oneLine(problem), {}, {}};
+        Question question{run.place, oneLine(prompt), oneLine(problem), {}, {}};
         pose(run, question);
         while (!question.answered() && Clock::now() < deadline && !stop.requested() && keyboardThere()) {
             std::unique_lock lock(mutex_);
@@ -167,7 +171,8 @@ private:
     };
 
     struct Question {
-        std::string place, prompt, problem;
+        Place place;
+        std::string prompt, problem;
         std::string typed;
         std::optional<std::string> answer;
         bool answered() const { return answer.has_value(); }
@@ -181,11 +186,17 @@ private:
         line.row.unit = oneLine(run.unit);
     }
 
-    // The first of the questions is the one that is asked.
+    // The first of the questions is the one that is asked; but while an answer is judged none is, and when it was wrong
+    // the same place is asked again: the operator's next answer may not go to another board.
+    Question *asked() const {
+        const bool other = !questions_.empty() && judged_ != 0 && questions_.front()->place.number != judged_;
+        return questions_.empty() || other ? nullptr : questions_.front();
+    }
+
     void pose(const RunRecord &run, Question &question) {
         const std::lock_guard lock(mutex_);
         if (!keyboard_.there()) throw std::runtime_error("there is no terminal where an operator could be asked");
-        questions_.push_back(&question);
+        questions_.insert(judged_ == run.place.number ? questions_.begin() : questions_.end(), &question);
         lines_[run.place.number].row.stage = Stage::kAsking;
         lines_[run.place.number].row.text = question.prompt;
     }
@@ -194,7 +205,11 @@ private:
         const std::lock_guard lock(mutex_);
         questions_.erase(std::find(questions_.begin(), questions_.end(), &question));
         lines_[run.place.number].row.stage = Stage::kRunning;
-        if (question.answer) return *question.answer;
+        if (question.answer) {
+            judged_ = run.place.number;
+            return *question.answer;
+        }
+        if (judged_ == run.place.number) judged_ = 0;
         throw std::runtime_error(stop.requested()    ? "the station was stopped before the operator answered"
                                  : keyboard_.there() ? "the operator did not answer in time"
                                                      : "the operator's terminal is gone");
@@ -220,8 +235,8 @@ private:
 
     bool asking() {
         const std::lock_guard lock(mutex_);
-        keyboard_.listen(!questions_.empty());
-        return !questions_.empty();
+        keyboard_.listen(asked() != nullptr);
+        return asked() != nullptr;
     }
 
     void readKeys() {
@@ -229,10 +244,9 @@ private:
         const ssize_t length = read(STDIN_FILENO, keys, sizeof keys);
         const std::lock_guard lock(mutex_);
         if (length <= 0) keyboard_.lose();
+        Question *const question = asked();
         // What follows the end of an answer was typed for no question.
-        for (ssize_t i = 0; i < length && !questions_.empty() && !questions_.front()->answered(); ++i) {
-            type(*questions_.front(), keys[i]);
-        }
+        for (ssize_t i = 0; i < length && question != nullptr && !question->answered(); ++i) type(*question, keys[i]);
         answered_.notify_all();
     }
 
@@ -287,15 +301,14 @@ private:
             lines.push_back(
                 fmt::format("since {:%H:%M}: {} passed, {} failed", fmt::localtime(opened_), passed_, failed_));
         }
-        if (!questions_.empty()) lines.push_back(promptLine());
+        if (const Question *const question = asked()) lines.push_back(promptLine(*question));
         return lines;
     }
 
-    std::string promptLine() const {
-        const Question &question = *questions_.front();
+    std::string promptLine(const Question &question) const {
         const std::string more = questions_.size() > 1 ? fmt::format(" ({} more wait)", questions_.size() - 1) : "";
         const std::string problem = question.problem.empty() ? "" : question.problem + ". ";
-        return fmt::format("{}{}: {}{} > {}", question.place, more, problem, question.prompt, question.typed);
+        return fmt::format("{}{}: {}{} > {}", nameOf(question.place), more, problem, question.prompt, question.typed);
     }
 
     // What changes the terminal from what was drawn before, line by line, so that nothing flickers; the terminal cuts
@@ -337,6 +350,7 @@ private:
     Keyboard keyboard_;
     std::map<int, Line> lines_;
     std::deque<Question *> questions_;
+    int judged_ = 0;     // the place whose answer is judged; 0: none
     std::string above_;  // what goes above the live lines for good
     std::vector<std::string> drawn_;
     size_t passed_ = 0, failed_ = 0, strangers_ = 0;
@@ -349,6 +363,10 @@ private:
 
 std::unique_ptr<Display> makeTerminal(int boards, bool coloured) {
     return std::make_unique<Terminal>(boards, coloured);
+}
+
+void restoreTerminal() {
+    if (listening.exchange(false)) tcsetattr(STDIN_FILENO, TCSANOW, &cooked);
 }
 
 }  // namespace station
