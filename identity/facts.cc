@@ -99,7 +99,7 @@ bool parseSwitchLine(char *line, const char *port, Link *link) {
     const char *const number = behindColon(words[1]);
     // The configured port contains the switch's number, so that a configured 10 also takes ports 1 and 0: intended.
     if (number == nullptr || strstr(port, number) == nullptr || strstr(words[2], ":up") == nullptr) return false;
-    const char *const speed = behindColon(words[3]);
+    const char *const speed = behindColon(words[3]);  // a negative one is no speed
     link->up = true;
     link->speed = speed != nullptr ? static_cast<uint32_t>(std::max(atoi(speed), 0)) : 0;
     link->duplex = strcmp(words[4], "full-duplex") == 0;

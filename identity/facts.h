@@ -24,7 +24,7 @@ struct Ports {
     static unsigned shiftOf(unsigned entry) { return entry * 4 % 32; }
 };
 
-// A line of the report is no shorter than 29 characters: it ends before so many wired ports are shown.
+// More wired ports than a report shows: none of its lines has fewer than 29 characters, and it is cut at 1499.
 constexpr int kMostWired = 52;
 
 using MacText = char[64];  // as stored, or "none"
