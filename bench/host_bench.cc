@@ -85,6 +85,13 @@ void serveAsBoard(uint16_t port, int commands) {
     }
 }
 
+class Nobody : public station::Operator {
+    std::string ask(const station::RunRecord &, size_t, const std::string &, const std::string &,
+                    std::chrono::steady_clock::time_point, const station::Stop &) override {
+        throw std::runtime_error("there is nobody to ask");
+    }
+};
+
 // Sessions of ten commands on so many boards at once.
 void sessions(benchmark::State &state) {
     constexpr int kCommands = 10;
@@ -97,13 +104,14 @@ void sessions(benchmark::State &state) {
     station::Listener listener("127.0.0.1", 0);
     station::Observer silent;
     station::Records none;
+    Nobody nobody;
     const station::Stop stop;
     while (state.KeepRunning()) {
         std::vector<std::thread> threads;
         threads.reserve(static_cast<size_t>(boards));
         for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), kCommands);
         for (const auto &result :
-             runBoards(listener, plan, boards, station::Milliseconds(10000), {silent, none, stop})) {
+             runBoards(listener, plan, boards, station::Milliseconds(10000), {silent, none, stop, nobody})) {
             if (!result.passed()) state.SkipWithError("a session failed");
         }
         for (std::thread &thread : threads) thread.join();
