@@ -14,6 +14,7 @@
 #include "station/line/line.h"
 #include "station/line/results.h"
 #include "station/plan/plan.h"
+#include "station/store/commands.h"
 #include "station/wire/discovery.h"
 #include "station/wire/listener.h"
 
@@ -142,9 +143,11 @@ int main(int argc, char **argv) try {
     addDiscovery(discoverCommand, options);
     CLI::App *const checkCommand = app.add_subcommand("check", "Find every fault of a plan, without a board");
     addPlan(checkCommand, options);
+    station::addStoreCommands(app);
     CLI11_PARSE(app, argc, argv);
     if (runCommand->parsed()) return run(options);
-    return checkCommand->parsed() ? check(options) : discover(options);
+    if (checkCommand->parsed()) return check(options);
+    return discoverCommand->parsed() ? discover(options) : 0;
 } catch (const station::PlanError &error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

@@ -1,0 +1,271 @@
+#include "station/store/commands.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "station/store/database.h"
+#include "station/store/pool.h"
+#include "station/store/queries.h"
+
+namespace station {
+namespace {
+
+struct Options {
+    std::string store = "qcstation.db";
+    std::string format = "table";
+    std::string by, what, since, until, pool = "mac";
+    std::vector<std::string> values;
+    bool failed = false;
+    int limit = RunFilter().limit;
+    int low = -1;
+
+    Period period() const {
+        return {since.empty() ? since : parseTime(since), until.empty() ? until : parseTime(until)};
+    }
+};
+
+using Work = std::function<void(Options &, Database &)>;
+
+const std::set<std::string> kNumbers = {"attempt",        "attempts",     "cpk",         "cumulative_percent",
+                                        "deviation",      "failed",       "failures",    "final_yield",
+                                        "given",          "highest",      "left",        "low",
+                                        "lowest",         "maximum",      "mean",        "measured",
+                                        "median_seconds", "minimum",      "p90_seconds", "percent",
+                                        "retests",        "retired",      "runs",        "seconds",
+                                        "step",           "units",        "value",       "first_pass_yield",
+                                        "interrupted",    "started_after"};
+
+// ---- how a table is shown
+
+// Three decimals are enough to look at, and controls of a board's output stay in its record.
+std::string cellText(const Value &cell) {
+    if (!cell) return "-";
+    char *end = nullptr;
+    const double number = std::strtod(cell->c_str(), &end);
+    if (cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", number);
+    std::string shown = *cell;
+    for (char &letter : shown) letter = uint8_t(letter) < ' ' || letter == '\x7F' ? ' ' : letter;
+    return shown;
+}
+
+// How many columns of a terminal the text takes, as far as one a character holds.
+size_t width(const std::string &text) {
+    return size_t(std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
+void printTable(const Table &table) {
+    std::vector<std::vector<std::string>> lines = {table.columns};
+    for (const auto &row : table.rows) {
+        std::transform(row.begin(), row.end(), std::back_inserter(lines.emplace_back()), cellText);
+    }
+    std::vector<size_t> widths(table.columns.size());
+    for (const auto &line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width(line[i]));
+    }
+    for (const auto &line : lines) {
+        std::string shown;
+        for (size_t i = 0; i < line.size(); ++i) {
+            const std::string blanks(widths[i] - width(line[i]), ' ');
+            const bool right = kNumbers.count(table.columns[i]) != 0;
+            shown += (i ? "  " : "") + (right ? blanks + line[i] : line[i] + blanks);
+        }
+        fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
+    }
+}
+
+nlohmann::ordered_json jsonOf(const Table &table) {
+    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+    for (const auto &row : table.rows) {
+        nlohmann::ordered_json &entry = rows.emplace_back();
+        for (size_t i = 0; i < row.size(); ++i) {
+            const std::string &name = table.columns[i];
+            if (!row[i]) {
+                entry[name] = nullptr;
+            } else if (kNumbers.count(name)) {
+                entry[name] = nlohmann::ordered_json::parse(*row[i], nullptr, false);
+            } else {
+                entry[name] = *row[i];
+            }
+        }
+    }
+    return rows;
+}
+
+std::string csvField(const std::string &text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char letter : text) quoted += letter == '"' ? "\"\"" : std::string(1, letter);
+    return quoted + "\"";
+}
+
+void printCsv(const Table &table) {
+    const auto print = [](const auto &cells, auto textOfCell) {
+        std::string line;
+        for (const auto &cell : cells) line += csvField(textOfCell(cell)) + ",";
+        line.back() = '\n';
+        fmt::print("{}", line);
+    };
+    print(table.columns, [](const std::string &name) { return name; });
+    for (const auto &row : table.rows) print(row, [](const Value &cell) { return cell.value_or(""); });
+}
+
+void print(const std::string &format, const std::vector<Section> &sections) {
+    nlohmann::ordered_json all = nlohmann::ordered_json::object();
+    for (const Section &section : sections) {
+        if (format == "json") {
+            all[section.name] = jsonOf(section.table);
+            continue;
+        }
+        if (&section != &sections.front()) fmt::print("\n");
+        if (sections.size() > 1) fmt::print("{}{}\n", format == "csv" ? "# " : "", section.name);
+        if (format == "csv") {
+            printCsv(section.table);
+        } else if (section.table.empty()) {
+            fmt::print("none\n");
+        } else {
+            printTable(section.table);
+        }
+    }
+    if (format == "json") fmt::print("{}\n", (sections.size() == 1 ? all.front() : all).dump(2));
+}
+
+// ---- what the subcommands do
+
+void addPool(Options &options, Database &database) {
+    if (options.values.size() == 3) {
+        options.pool = options.values.front();
+        options.values.erase(options.values.begin());
+    }
+    addRange(database, options.pool, options.values[0], options.values[1], options.low);
+    fmt::print("pool {}: {} to {} added\n", options.pool, options.values[0], options.values[1]);
+}
+
+void importPool(Options &options, Database &database) {
+    const int64_t added = importRows(database, options.pool, options.what, options.low);
+    fmt::print("pool {}: {} added\n", options.pool, added);
+}
+
+void retirePool(Options &options, Database &database) {
+    fmt::print("pool {}: {} retired\n", options.pool, retire(database, options.pool, options.what));
+}
+
+void printRuns(Options &options, Database &database) {
+    const Table runs = listRuns(database, {options.period(), options.failed, options.limit});
+    print(options.format, {{"runs", runs}});
+    if (options.limit > 0 && runs.rows.size() == size_t(options.limit)) {
+        fmt::print(stderr, "the newest {}: --limit 0 shows all\n", options.limit);
+    }
+}
+
+void printSummary(Options &options, Database &database) {
+    const Period period = options.period();
+    std::vector<Section> sections;
+    if (options.by.empty()) sections.push_back({"yield", yields(database, period, By::kAll)});
+    if (options.by == "hour") sections.push_back({"hours", yields(database, period, By::kHour)});
+    if (options.by == "place") sections.push_back({"places", yields(database, period, By::kPlace)});
+    if (options.by.empty() || options.by == "step") {
+        sections.push_back({"failures", failuresByStep(database, period)});
+    }
+    if (options.by.empty() || options.by == "value") {
+        sections.push_back({"values", measuredValues(database, period)});
+    }
+    print(options.format, sections);
+}
+
+// ---- how they are called
+
+std::unique_ptr<Database> open(const std::string &store, Database::Missing missing) {
+    try {
+        return std::make_unique<Database>(store, missing);
+    } catch (const StoreError &error) {
+        throw StoreError(fmt::format("the store {}: {}", store, error.what()));
+    }
+}
+
+class Commands {
+public:
+    CLI::App *add(CLI::App &parent, const std::string &name, const std::string &help, Work work,
+                  Database::Missing missing = Database::Missing::kIsAnError) {
+        CLI::App *const command = parent.add_subcommand(name, help);
+        command->add_option("--store", options_->store, "The store: a file of SQLite, or postgresql://...")
+            ->envname("QCSTATION_STORE")
+            ->capture_default_str();
+        command->callback([options = options_, work = std::move(work), missing] {
+            const auto database = open(options->store, missing);
+            work(*options, *database);
+        });
+        return command;
+    }
+    CLI::App *addQuestion(CLI::App &parent, const std::string &name, const std::string &help, Work work) {
+        CLI::App *const command = add(parent, name, help, std::move(work));
+        command->add_option("--format", options_->format, "table, json or csv")
+            ->check(CLI::IsMember({"table", "json", "csv"}))
+            ->capture_default_str();
+        return command;
+    }
+    void addPeriod(CLI::App *command) {
+        command->add_option("--since", options_->since, "Runs from this time on (UTC), or 90m, 8h or 7d ago");
+        command->add_option("--until", options_->until, "Runs before this time");
+    }
+    void addLow(CLI::App *command) {
+        command->add_option("--low", options_->low, fmt::format("Warn when fewer are left; {} at first", kLow))
+            ->check(CLI::Range(0, 1'000'000'000));
+    }
+    Options &options() { return *options_; }
+
+private:
+    std::shared_ptr<Options> options_ = std::make_shared<Options>();
+};
+
+void addPoolCommands(CLI::App &app, Commands &commands) {
+    using enum Database::Missing;
+    Options &options = commands.options();
+    CLI::App *const pool = app.add_subcommand("pool", "What is given to each unit once and for ever: addresses, keys");
+    pool->require_subcommand(1);
+    CLI::App *const add = commands.add(*pool, "add", "Add a range of MAC addresses", addPool, kIsMade);
+    add->add_option("range", options.values, "[NAME] FIRST LAST; the name is mac if none is given")
+        ->required()
+        ->expected(2, 3);
+    commands.addLow(add);
+    CLI::App *const import = commands.add(*pool, "import", "Add the rows of a file", importPool, kIsMade);
+    import->add_option("file", options.what, "A row a line, or FIRST,LAST for a range of addresses")->required();
+    import->add_option("--name", options.pool, "The pool")->capture_default_str();
+    commands.addLow(import);
+    commands.addQuestion(*pool, "list", "Show what the pools hold", [](Options &all, Database &database) {
+        print(all.format, {{"pools", listPools(database)}});
+    });
+    CLI::App *const retire = commands.add(*pool, "retire", "Never give what is left", retirePool);
+    retire->add_option("name", options.pool, "The pool")->required();
+    retire->add_option("value", options.what, "One value; or an address, for the rest of its range. None: all");
+}
+
+}  // namespace
+
+void addStoreCommands(CLI::App &app) {
+    Commands commands;
+    Options &options = commands.options();
+    addPoolCommands(app, commands);
+    CLI::App *const shown =
+        commands.addQuestion(app, "show", "Show all about a unit or a run",
+                             [](Options &all, Database &database) { print(all.format, show(database, all.what)); });
+    shown->add_option("what", options.what, "A serial number, an address, or the name of a run")->required();
+    CLI::App *const runs = commands.addQuestion(app, "runs", "List runs", printRuns);
+    commands.addPeriod(runs);
+    runs->add_flag("--failed", options.failed, "Failed ones only");
+    runs->add_option("--limit", options.limit, "So many, the newest; 0 for all")->capture_default_str();
+    CLI::App *const summary =
+        commands.addQuestion(app, "summary", "Yield, cycle time, failures, measured values", printSummary);
+    commands.addPeriod(summary);
+    summary->add_option("--by", options.by, "A row a hour, place, step or value, instead of all in short")
+        ->check(CLI::IsMember({"hour", "place", "step", "value"}));
+}
+
+}  // namespace station

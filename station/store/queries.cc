@@ -1,0 +1,176 @@
+#include "station/store/queries.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+
+#include "station/line/record.h"
+#include "station/store/pool.h"
+
+namespace station {
+namespace {
+
+// Runs of the period whose verdict is final. A run without a unit counts as one of its own.
+constexpr const char *kInPeriod = "r.started >= $1 AND r.started < $2 AND r.verdict <> 'running'";
+
+constexpr const char *kRuns =
+    "SELECT r.run, u.serial, r.plan, s.name AS station, r.place_name AS place, r.started, r.seconds, r.verdict,"
+    " r.attempt, r.failed_step, r.failure FROM runs r JOIN stations s ON s.id = r.station"
+    " LEFT JOIN units u ON u.id = r.unit";
+
+// The median and the 90th percentile are the nearest ranks. A final verdict is the last one of a unit and plan.
+constexpr const char *kYields = R"(
+WITH ended AS (
+    SELECT {group} AS part, coalesce(r.unit, -r.id) AS unit, r.plan, r.started, r.seconds, r.attempt,
+           CASE r.verdict WHEN 'passed' THEN 1 ELSE 0 END AS passed,
+           CASE r.verdict WHEN 'interrupted' THEN 1 ELSE 0 END AS interrupted
+    FROM runs r JOIN stations s ON s.id = r.station
+    WHERE {period}),
+ranked AS (
+    SELECT ended.*, count(*) OVER (PARTITION BY part, interrupted) AS runs,
+           row_number() OVER (PARTITION BY part, interrupted ORDER BY seconds) AS rank,
+           row_number() OVER (PARTITION BY part, interrupted, unit, plan ORDER BY started DESC) AS back
+    FROM ended)
+SELECT part AS {name},
+       count(DISTINCT CASE WHEN interrupted = 0 THEN unit END) AS units,
+       sum(1 - interrupted) AS runs,
+       100.0 * sum(CASE WHEN attempt = 1 THEN passed END) / sum(CASE WHEN attempt = 1 THEN 1 END) AS first_pass_yield,
+       100.0 * sum(CASE WHEN back = 1 AND interrupted = 0 THEN passed END)
+             / sum(CASE WHEN back = 1 AND interrupted = 0 THEN 1 END) AS final_yield,
+       sum(CASE WHEN attempt > 1 THEN 1 ELSE 0 END) AS retests,
+       sum(interrupted) AS interrupted,
+       max(CASE WHEN interrupted = 0 AND rank = (runs + 1) / 2 THEN seconds END) AS median_seconds,
+       max(CASE WHEN interrupted = 0 AND rank = (9 * runs + 9) / 10 THEN seconds END) AS p90_seconds
+FROM ranked GROUP BY part ORDER BY part)";
+
+constexpr const char *kFailures = R"(
+SELECT coalesce(r.failed_step, r.failure) AS step, count(*) AS failures,
+       100.0 * count(*) / sum(count(*)) OVER () AS percent,
+       100.0 * sum(count(*)) OVER (ORDER BY count(*) DESC, coalesce(r.failed_step, r.failure))
+             / sum(count(*)) OVER () AS cumulative_percent
+FROM runs r WHERE {period} AND r.verdict = 'failed'
+GROUP BY coalesce(r.failed_step, r.failure) ORDER BY failures DESC, step)";
+
+// Where the limits were changed within the period, the tightest hold.
+constexpr const char *kValues = R"(
+WITH found AS (
+    SELECT r.plan, m.name, m.unit, m.value, m.minimum, m.maximum, m.verdict,
+           avg(m.value) OVER (PARTITION BY r.plan, m.name, m.unit) AS mean
+    FROM runs r JOIN measurements m ON m.run = r.id
+    WHERE {period}),
+spread AS (
+    SELECT plan, name, unit, count(*) AS measured, sum(CASE verdict WHEN 'failed' THEN 1 ELSE 0 END) AS failed,
+           min(value) AS lowest, max(mean) AS mean, max(value) AS highest,
+           sqrt(sum((value - mean) * (value - mean)) / nullif(count(*) - 1, 0)) AS deviation,
+           max(minimum) AS minimum, min(maximum) AS maximum
+    FROM found GROUP BY plan, name, unit)
+SELECT spread.*, CASE WHEN minimum IS NULL OR maximum - mean <= mean - minimum THEN maximum - mean ELSE mean - minimum END
+                 / nullif(3 * deviation, 0) AS cpk
+FROM spread ORDER BY cpk, plan, name)";
+
+std::string fill(std::string sql, const std::map<std::string, std::string> &words) {
+    for (const auto &[name, word] : words) {
+        for (size_t at; (at = sql.find(name)) != std::string::npos;) sql.replace(at, name.size(), word);
+    }
+    return sql;
+}
+
+std::vector<Value> bounds(const Period &period) { return {period.since, period.until.empty() ? "9" : period.until}; }
+
+Table askPeriod(Database &database, const Period &period, const char *sql,
+                std::map<std::string, std::string> words = {}) {
+    words["{period}"] = kInPeriod;
+    return database.ask(fill(sql, words), bounds(period));
+}
+
+// As a scanner or a label may have it; anything else is left as it is.
+std::string inStoreForm(const std::string &value) {
+    try {
+        return formatAddress(parseAddress(value));
+    } catch (const Refusal &) {
+        return value;
+    }
+}
+
+std::vector<Section> showUnit(Database &database, const Value &unit) {
+    return {{"unit", database.ask("SELECT u.serial, u.product, u.first_seen, u.last_seen, (SELECT r.verdict FROM runs r"
+                                  " WHERE r.unit = u.id ORDER BY r.started DESC LIMIT 1) AS verdict"
+                                  " FROM units u WHERE u.id = $1",
+                                  {unit})},
+            {"given", database.ask("SELECT p.name AS pool, b.value, r.run, b.bound FROM pool_rows b"
+                                   " JOIN pools p ON p.id = b.pool JOIN runs r ON r.id = b.run WHERE b.unit = $1"
+                                   " ORDER BY p.name, b.id",
+                                   {unit})},
+            {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started", {unit})}};
+}
+
+std::vector<Section> showRun(Database &database, const Value &run) {
+    return {{"run", database.ask(std::string(kRuns) + " WHERE r.id = $1", {run})},
+            {"steps", database.ask("SELECT step, title, verdict, started_after, seconds, attempts, failure, reply, hint"
+                                   " FROM steps WHERE run = $1 ORDER BY step",
+                                   {run})},
+            {"values", database.ask("SELECT step, name, value, unit, minimum, maximum, verdict FROM measurements"
+                                    " WHERE run = $1 ORDER BY step, name",
+                                    {run})}};
+}
+
+Value onlyCell(const Table &table) { return table.empty() ? std::nullopt : table.rows[0][0]; }
+
+}  // namespace
+
+std::string parseTime(const std::string &text) {
+    static const std::map<char, int> kMinutes = {{'m', 1}, {'h', 60}, {'d', 24 * 60}};
+    int ago = 0;
+    const char *const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, ago);
+    const auto unit = stop + 1 == end ? kMinutes.find(*stop) : kMinutes.end();
+    if (error == std::errc() && unit != kMinutes.end() && ago >= 0) {
+        return isoTime(WallClock::now() - std::chrono::minutes(int64_t(ago) * unit->second));
+    }
+    constexpr std::string_view kForm = "0000-00-00T00:00:00.000Z";
+    bool fits = text.size() >= 10 && text.size() <= kForm.size();
+    for (size_t i = 0; fits && i < text.size(); ++i) {
+        fits = kForm[i] == '0' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
+    }
+    if (!fits) throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21, 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
+    return text;
+}
+
+std::vector<Section> show(Database &database, const std::string &what) {
+    const std::vector<Value> key = {what};
+    Value unit = onlyCell(database.ask("SELECT id FROM units WHERE serial = $1", key));
+    if (!unit) {
+        unit = onlyCell(database.ask("SELECT unit FROM pool_rows WHERE value = $1 AND unit IS NOT NULL ORDER BY id",
+                                     {inStoreForm(what)}));
+    }
+    if (unit) return showUnit(database, unit);
+    const Value run = onlyCell(database.ask("SELECT id FROM runs WHERE run = $1", key));
+    if (!run) throw Refusal(fmt::format("the store knows no unit, address or run \"{}\"", what));
+    return showRun(database, run);
+}
+
+Table listRuns(Database &database, const RunFilter &filter) {
+    const std::string sql = fmt::format("{} WHERE r.started >= $1 AND r.started < $2{} ORDER BY r.started DESC{}",
+                                        kRuns, filter.failed ? " AND r.verdict = 'failed'" : "",
+                                        filter.limit > 0 ? fmt::format(" LIMIT {}", filter.limit) : "");
+    Table runs = database.ask(sql, bounds(filter.period));
+    std::reverse(runs.rows.begin(), runs.rows.end());
+    return runs;
+}
+
+Table yields(Database &database, const Period &period, By by) {
+    static const std::map<By, std::pair<const char *, const char *>> kGroups = {
+        {By::kAll, {"'all'", "part"}},
+        {By::kHour, {"substr(r.started, 1, 13)", "hour"}},
+        {By::kPlace, {"s.name || ' ' || r.place_name", "place"}}};
+    const auto &[group, name] = kGroups.at(by);
+    return askPeriod(database, period, kYields, {{"{group}", group}, {"{name}", name}});
+}
+
+Table failuresByStep(Database &database, const Period &period) { return askPeriod(database, period, kFailures); }
+
+Table measuredValues(Database &database, const Period &period) { return askPeriod(database, period, kValues); }
+
+}  // namespace station

@@ -1,0 +1,41 @@
+#pragma once
+// What is asked of a store. docs/database.md explains each column, and has the same questions in SQL.
+
+#include <string>
+#include <vector>
+
+#include "station/store/database.h"
+
+namespace station {
+
+struct Section {
+    std::string name;
+    Table table;
+};
+
+// Times in UTC, as the store has them or the start of one; empty: no bound. `until` itself is left out.
+struct Period {
+    std::string since, until;
+};
+
+// "2026-11-21", a time of that day as 2026-11-21T17:30, or how long ago: 90m, 8h, 7d. Throws Refusal.
+std::string parseTime(const std::string &text);
+
+// All about a unit by its serial or by a value that it was given (an address in any form), or about a run by its
+// name. Throws Refusal when there is neither.
+std::vector<Section> show(Database &database, const std::string &what);
+
+struct RunFilter {
+    Period period;
+    bool failed = false;
+    int limit = 100;  // the newest ones; 0: all
+};
+Table listRuns(Database &database, const RunFilter &filter);
+
+// Yield and cycle time, in all or a row an hour or place; failures a step; measured values with their Cpk.
+enum class By { kAll, kHour, kPlace };
+Table yields(Database &database, const Period &period, By by);
+Table failuresByStep(Database &database, const Period &period);
+Table measuredValues(Database &database, const Period &period);
+
+}  // namespace station

@@ -1,0 +1,132 @@
+#include "station/store/store_records.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "station/store/pool.h"
+
+namespace station {
+namespace {
+
+Value words(const std::string &value) { return text(value).value_or(""); }
+Value words(std::string_view value) { return words(std::string(value)); }
+Value limit(const std::optional<double> &value) { return value ? number(*value) : std::nullopt; }
+double seconds(auto duration) { return std::chrono::duration<double>(duration).count(); }
+
+std::string hostName() {
+    std::array<char, 256> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "station";
+}
+
+std::string verdictOf(const RunRecord &run) {
+    if (run.interrupted) return "interrupted";
+    return run.passed() ? "passed" : "failed";
+}
+
+const StepResult *firstFailed(const RunRecord &run) {
+    const auto failed = std::find_if(run.steps.begin(), run.steps.end(),
+                                     [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
+    return failed == run.steps.end() ? nullptr : &*failed;
+}
+
+void addStep(Statements &statements, const RunRecord &run, size_t index) {
+    const StepResult &step = run.steps[index];
+    const Value at = number(index + 1);
+    statements.push_back({"step",
+                          {run.id, at, words(step.title), words(textOf(step.verdict)), text(step.reply),
+                           number(step.cut), text(step.failure), text(step.hint), number(seconds(step.offset)),
+                           number(seconds(step.duration)), number(step.attempts)}});
+    for (const Measurement &found : step.measurements) {
+        statements.push_back({"measurement",
+                              {run.id, at, words(found.name), number(found.value), limit(found.min), limit(found.max),
+                               text(found.unit), found.passed ? "passed" : "failed"}});
+    }
+}
+
+template <typename Call>
+auto asRecordsError(Call &&call) {
+    try {
+        return call();
+    } catch (const StoreError &error) {
+        throw RecordsError(error.what());
+    }
+}
+
+}  // namespace
+
+StoreRecords::StoreRecords(const std::string &store, const std::filesystem::path &spool, Writer::Trouble trouble)
+    : trouble_(std::move(trouble)),
+      writer_(asRecordsError([&] { return takeSpools(spool); }), store, hostName(), trouble_) {}
+
+// The unit, which may become known at any time of a run, and the run as it is now.
+Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict) const {
+    const bool over = verdict != "running";
+    const auto product = run.variables.find("product");
+    const StepResult *const failed = firstFailed(run);
+    const std::string variables =
+        nlohmann::json(run.variables).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    Statements statements;
+    if (!run.unit.empty()) {
+        const std::string known = product == run.variables.end() ? "" : product->second;
+        statements.push_back({"unit", {text(run.unit), text(known), isoTime(run.start)}});
+    }
+    statements.push_back(
+        {"run",
+         {run.id, text(run.unit), words(run.plan), writer_.key(), number(run.place.number), words(run.place.name),
+          text(run.peer), isoTime(run.start), over ? Value(isoTime(run.end)) : std::nullopt,
+          over ? number(seconds(run.end - run.start)) : std::nullopt, verdict,
+          failed ? words(failed->title) : std::nullopt,
+          text(run.failure.empty() && failed ? failed->failure : run.failure), variables}});
+    return statements;
+}
+
+void StoreRecords::begins(const RunRecord &run) {
+    asRecordsError([&] {
+        try {
+            writer_.store(runOf(run, "running"));
+        } catch (const StoreError &) {  // it may be there all the same, when only the answer was lost
+            writer_.later({{"abandon", {run.id}}});
+            throw;
+        }
+    });
+}
+
+std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
+    if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
+    const auto given = std::make_shared<Given>();
+    asRecordsError([&] {
+        writer_.store([=, statements = runOf(run, "running"), serial = *text(run.unit)](Database &database) {
+            database.lockPools();  // before any row, as everybody does
+            for (const Statement &statement : statements) execute(database, statement);
+            *given = take(database, pool, serial, run.id, count);
+        });
+    });
+    if (given->low) trouble_(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
+    return given->values;
+}
+
+void StoreRecords::stepEnded(const RunRecord &run, size_t step) {
+    Statements statements;
+    addStep(statements, run, step);
+    writer_.later(std::move(statements));
+}
+
+void StoreRecords::ends(const RunRecord &run) {
+    Statements statements = runOf(run, verdictOf(run));
+    statements.push_back({"attempt", {run.id}});
+    for (size_t i = 0; i < run.steps.size(); ++i) {
+        if (run.steps[i].verdict == Verdict::kNotRun) addStep(statements, run, i);
+    }
+    asRecordsError([&] { writer_.keep(std::move(statements)); });
+}
+
+std::filesystem::path defaultSpool(const std::string &store) {
+    return store.find("://") == std::string::npos ? store + "-spool" : "qcstation-spool";
+}
+
+}  // namespace station
