@@ -1,6 +1,8 @@
 // Plans: what is wrong with them before a board is there, and what they do with one.
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,8 +17,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using station::RunRecord;
-using station::Session;
 using testing::HasSubstr;
 
 class PlanTest : public testing::Test {
@@ -32,7 +34,7 @@ protected:
         return folder_ / name;
     }
 
-    // The faults, or "" when there is none; then the warnings.
+    // The faults; the warnings when there is none.
     std::string faultsOf(const std::string &text, const station::Names &names) const {
         try {
             return station::loadPlan(write("plan.yaml", text), {}, names).warnings;
@@ -53,7 +55,6 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: 'FW KERNEL {size}', expect: OK}", "1:10: {size} needs \"upload\""},
         {"- {send: FW KERNEL 0, expect: OK}", "1:10: the board would take this for an empty payload"},
         {"- {send: FW KERNEL 4, upload: five, expect: OK}", "1:10: announces \"4\", but its payload has 5 bytes"},
-        {"- {send: SHELL, upload: five, expect: OK}", "1:10: announces \"\""},
         {"- {send: PING, upload: five, expect: OK}", "1:10: the board takes no payload behind this"},
         {"- {send: 'VERSION {size}', upload: five, bare: true, expect: OK}", "1:48: the board would take the payload"},
         {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is no MAC address"},
@@ -64,13 +65,12 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}", "at most 64"},
         // Names, and what fills them.
         {"- {send: 'X {who}', expect: OK}", "1:10: nothing fills {who}"},
-        {"- {send: PING, match: '{who}'}", "1:23: nothing fills {who}"},
         {"- {send: 'X }', expect: OK}", "1:3: '}' that is no {name}; write '}}'"},
-        {"- {ask: 1st, prompt: S}", "1:9: a name has letters"},
         // The course of the session.
         {"- {send: BYE, expect: BYE}\n- {send: PING, expect: PING 2}", "2:3: the session has ended before this step"},
         {"- {send: REBOOT, expect: OK}\n- {send: PING, expect: PING 2}", "2:3: the board may be gone"},
         {"- {send: INFO, expect: INFO}", "1:3: without a PING"},
+        {"- {send: 'MAC 2', expect: MAC 4}", "1:3: every board of this plan gets the same"},
         {"- {send: FACTORY RESET, expect: OK}", "1:3: nothing waits for the end of the reset"},
         {"- {send: 'FW CONFIG {size}', upload: five, expect: OK}", "1:3: 10 s may not be enough"},
         {"- {send: 'FW CONFIG {size}', upload: five, expect: OK}", "1:3: its OK does not say that it was written"},
@@ -80,26 +80,175 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING}\n- PING", "1:3: a command needs \"expect\" or \"match\"\n"},
         {"- {send: PING}\n- PING", "2:3: a step is a map of keys"},
         {"- {send: PING, expct: OK}", "1:16: unknown key \"expct\" in a \"send\" step"},
-        {"- {send: PING, expect: OK, expect: OK}", "1:28: \"expect\" stands twice"},
         {"- {send: PING, expect: OK, match: OK}", "1:35: the whole text and a match exclude each other"},
         {"- {send: PING, match: '(['}", "1:23: bad expression"},
         {"- {send: PING, expect: OK, upload: none}", ": No such file or directory"},
         {"- {verify: ., partition: 1}", "1:12: cannot read"},
         {"- {send: PING, expect: OK, timeout: .nan}", "1:37: a time limit lies between"},
         {"- {send: PING, match: 'x', limits: {x: {max: 1}}}", "1:36: a limit is of a named group"},
-        {"- {send: PING, match: '(?P<x>1)', limits: {x: {min: 2, max: 1}}}", "1:47: \"min\" is above \"max\""},
         {"{name: a/b, steps: [{send: PING, expect: OK}]}", "1:8: the name has no '/'"},
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
         // Nothing.
-        {"- {send: 'MAC 1122334455', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}",
-         "="},
+        {"- {send: 'X {{', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
     };
     for (const auto &test : cases) {
         const std::string fault = faultsOf(test.plan, {{"line"}, {"mac"}});
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
         EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
+    }
+}
+
+using Texts = std::vector<std::string>;
+
+Texts split(const std::string &text, const std::string &separator) {
+    Texts parts;
+    for (size_t at = 0, end = 0; end != text.npos && !text.empty(); at = end + separator.size()) {
+        end = text.find(separator, at);
+        parts.push_back(text.substr(at, end - at));
+    }
+    return parts;
+}
+
+// Connects when the plan begins, and again when that waits for it. Each command gets the next reply; an empty one ends
+// the connection. A script prints the reply, and ends with status 0. `happened` gets the commands with their payloads.
+class ScriptedBoard : public station::Board {
+public:
+    ScriptedBoard(Texts replies, Texts &happened) : replies_(std::move(replies)), happened_(happened) { reconnect({}); }
+    ~ScriptedBoard() override { disconnect(); }
+
+    station::Session &session() override { return *session_; }
+
+    void reconnect(station::Clock::time_point) override {
+        disconnect();
+        const int board = connectTo(listener_.port());
+        session_.emplace(listener_.accept(station::Milliseconds(5000)));
+        thread_ = std::thread([this, board] {
+            serve(board);
+            close(board);
+        });
+    }
+
+private:
+    static int connectTo(uint16_t port) {
+        sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        const int board = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(board, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        return board;
+    }
+
+    static std::string receive(int board, size_t length) {
+        std::string bytes(length, '\0');
+        if (length > 0) bytes.resize(static_cast<size_t>(recv(board, bytes.data(), length, MSG_WAITALL)));
+        return bytes;
+    }
+
+    void serve(int board) {
+        for (std::string frame; !(frame = receive(board, station::kFrame)).empty();) {
+            const std::string command = frame.c_str();
+            std::string reply = replies_.at(next_++);
+            const bool script = command.starts_with("SHELL"), announces = script || command.starts_with("FW ");
+            const std::string payload = receive(board, announces ? std::stoul(command.substr(command.rfind(' '))) : 0);
+            happened_.push_back(script ? payload.substr(payload.find("exit 0\n") + 7) : command + payload);
+            if (script) sendResult(payload, std::exchange(reply, command));
+            if (reply.empty()) return;
+            reply.resize(station::kFrame);
+            send(board, reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
+    }
+
+    static void sendResult(const std::string &payload, const std::string &output) {
+        const int result = connectTo(static_cast<uint16_t>(std::stoi(payload.substr(payload.find("nc ") + 15))));
+        send(result, ("0\n" + output).data(), output.size() + 2, MSG_NOSIGNAL);
+        close(result);
+    }
+
+    void disconnect() {
+        session_.reset();
+        if (thread_.joinable()) thread_.join();
+    }
+
+    Texts replies_;
+    size_t next_ = 0;
+    Texts &happened_;
+    station::Listener listener_{"127.0.0.1", 0};
+    std::optional<station::Session> session_;
+    std::thread thread_;
+};
+
+// The line around a run: an operator whose first answer is wrong, a pool, and a stop that comes with the step "stop".
+struct Line : station::Operator, station::Records, station::Observer {
+    std::string ask(const RunRecord &, size_t, const std::string &prompt, const std::string &problem,
+                    station::Clock::time_point, const station::Stop &) override {
+        happened.push_back(prompt + (problem.empty() ? "?" : "!"));
+        return std::exchange(answer, "unit-7");
+    }
+    Texts bind(const std::string &pool, const RunRecord &run, int count) override {
+        happened.push_back(std::to_string(count) + " " + pool + " of " + run.unit);
+        return Texts(static_cast<size_t>(count), "02:00:00:00:00:01");
+    }
+    void stepStarts(const RunRecord &run, size_t step) override {
+        if (run.steps[step].title == "stop") stop.request();
+    }
+
+    Texts happened;
+    std::string answer = "oops";
+    station::Stop stop;
+};
+
+TEST_F(PlanTest, StepsAreRunAsTheySay) {
+    const struct {
+        const char *steps, *replies, *verdicts, *happened;
+        const char *failure;  // in the first step that did not pass
+    } cases[] = {
+        {"send: PING, expect: PING 2, required: true|send: X, expect: X|send: Y, expect: Y, always: true", "PING 1;Y",
+         "F-P", "PING;Y", "expected \"PING 2\", got \"PING 1\""},
+        {"send: X, expect: X|send: Y, expect: Y|ask: lamp, prompt: Lit", "", "F--", "X", "closed the connection"},
+        {"send: BYE, expect: BYE|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
+        {"send: X, match: 'v=(?P<v>.*)', limits: {v: {max: 2.5, unit: V}}|send: 'X {v}', expect: '{{{v}}}'",
+         "v=2.75;{2.75}", "FP", "X;X 2.75", "v is 2.75 V, above 2.5"},
+        {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X", "got \"b\""},
+        {"send: REBOOT, reconnect: true|send: PING, expect: PING 2", ";PING 2", "PP", "REBOOT;PING", ""},
+        {"ask: mac, prompt: A|send: 'MAC {mac}', expect: MAC 4|send: X, expect: X", "X", "PFP", "A?;X",
+         "not sent: \"oops\" is no MAC address"},
+        {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: '{pool}', expect: X",
+         "MAC 2;X", "PPP", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;02:00:00:00:00:01", ""},
+        {"send: 'FW KERNEL {size}', upload: five, expect: OK|verify: five, partition: 2",
+         "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
+        {"script: script, match: '^(line\\s)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
+         "PFP", "exit;exit;exit", "printed 300000 bytes"},
+        {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
+         "not run: the station was stopped"},
+    };
+    std::string lines;
+    for (int i = 0; i < 60000; ++i) lines += "line\n";
+    for (const auto &test : cases) {
+        std::string text;
+        for (const std::string &step : split(test.steps, "|")) text += "- {" + step + "}\n";
+        const station::Plan plan = station::loadPlan(write("plan.yaml", text), {}, {{}, {"pool"}});
+        write("five", "other bytes");
+        Texts replies = *test.replies == '\0' ? Texts{""} : split(test.replies, ";");
+        std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, 45000));
+        std::replace(replies.begin(), replies.end(), "longer"s, lines);
+        Line line;
+        RunRecord run = station::newRun(plan, {});
+        {
+            ScriptedBoard board(replies, line.happened);
+            run = station::runPlan(board, plan, run, {line, line, line.stop, line});
+        }
+        write("five", "12345");
+
+        std::string verdicts, failure, happened;
+        for (const auto &step : run.steps) {
+            verdicts += "-PF"[static_cast<size_t>(step.verdict)];
+            failure = failure.empty() ? step.failure : failure;
+        }
+        for (const auto &what : line.happened)
+            happened += (happened.empty() ? "" : ";") + what.substr(0, what.find('\n'));
+        EXPECT_EQ(verdicts, test.verdicts) << text;
+        EXPECT_EQ(happened, test.happened) << text;
+        EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
     }
 }
 

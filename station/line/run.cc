@@ -57,6 +57,7 @@ void take(const Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     for (const Taken &taken : attempt.step.takes) {
         if (run.variables.count(taken.pool) > 0) continue;
+        if (run.unit.empty()) throw std::invalid_argument("not sent: nobody said the unit's {serial}");
         const auto rows = attempt.course.context.records.bind(taken.pool, run, taken.count);
         run.variables[taken.pool] = rows.at(0);
         for (size_t i = 1; i < rows.size(); ++i) run.variables[fmt::format("{}_{}", taken.pool, i + 1)] = rows[i];
@@ -107,7 +108,7 @@ void runScriptStep(Attempt &attempt) {
                                      script.output.size() + script.cut, kLongestOutput);
     } else if (script.status != step.status) {
         result.failure =
-            fmt::format("ended with status {} instead of {}: {}", script.status, step.status, script.output);
+            fmt::format("ended with status {} instead of {}: {}", script.status, step.status, shorten(script.output));
     }
 }
 
@@ -132,6 +133,12 @@ void runVerify(Attempt &attempt) {
     }
 }
 
+std::string trim(const std::string &text) {
+    constexpr char kBlanks[] = " \t\r\n";
+    const size_t start = text.find_first_not_of(kBlanks);
+    return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
+}
+
 // Asks until the answer is right: people mistype, and scanners catch the wrong label.
 void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
@@ -139,8 +146,8 @@ void runAsk(Attempt &attempt) {
     std::string problem;
     context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
-        result.reply = context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
-                                             attempt.deadline, context.stop);
+        result.reply = trim(context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
+                                                  attempt.deadline, context.stop));
         attempt.judge(result.reply);
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
         if (!problem.empty()) continue;
@@ -168,6 +175,11 @@ std::string measure(const Limit &limit, const std::string &text, std::vector<Mea
                        low ? "below" : "above", low ? *limit.min : *limit.max);
 }
 
+void nameUnit(RunRecord &run) {
+    const auto serial = run.variables.find("serial");
+    if (serial != run.variables.end()) run.unit = serial->second;
+}
+
 // Holds what the match has found to the limits, and keeps it for the steps behind.
 void keep(Attempt &attempt) {
     RunRecord &run = attempt.course.run;
@@ -182,7 +194,7 @@ void keep(Attempt &attempt) {
         if (value.size() > kLongestValue) fail(fmt::format("{} has more than {} bytes", name, kLongestValue));
         run.variables[name] = value.substr(0, kLongestValue);
     }
-    if (const auto serial = run.variables.find("serial"); serial != run.variables.end()) run.unit = serial->second;
+    nameUnit(run);
 }
 
 void exchange(Attempt &attempt) try {
@@ -251,10 +263,9 @@ void runStep(Course &course, size_t index) {
 
 // What the end of a step means for those behind it.
 void follow(Course &course, const Step &step, const StepResult &result) {
-    const bool lost = !course.connected && !result.passed();
     if (!course.over.empty() || result.passed()) return;
     if (step.required) course.over = "a required step had failed";
-    if (lost) course.over = "the session had ended";
+    if (!course.connected) course.over = "the session had ended";
 }
 
 }  // namespace
@@ -276,6 +287,7 @@ RunRecord newRun(const Plan &plan, const Place &place) {
 
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context) {
     Course course{board, plan, run, context};
+    nameUnit(run);
     for (size_t i = 0; i < plan.steps.size(); ++i) {
         StepResult &result = run.steps[i];
         const std::string reason = reasonAgainst(plan.steps[i], course);

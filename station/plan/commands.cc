@@ -54,7 +54,7 @@ struct Row {
     std::string_view word;  // in the board's order: the first that the command begins with wins
     Role role = Role::kPlain;
     bool payload = false;
-    bool flashes = false;
+    bool takesLong = false;
     int partition = 0;
     ArgumentFault fault = nullptr;
 };
@@ -67,9 +67,9 @@ constexpr Row kRows[] = {
     {"FW CONFIG ", Role::kPlain, true, true, 5, size},
     {"SHELL", Role::kPlain, true, false, 0, sizeOfScript},
     {"PING", Role::kPing},
-    {"MAC ", Role::kPlain, false, false, 0, address},
+    {"MAC ", Role::kAddress, false, false, 0, address},
     {"COUNTRY ", Role::kPlain, false, false, 0, country},
-    {"FACTORY RESET", Role::kReset},
+    {"FACTORY RESET", Role::kReset, false, true},
     {"WAITING", Role::kWait},
     {"REBOOT", Role::kReboot},
     {"INFO", Role::kReport},
@@ -98,6 +98,6 @@ std::string faultOf(const Command &command) {
 
 Role roleOf(std::string_view command) { return rowOf(command).role; }
 int partitionOf(std::string_view command) { return rowOf(command).partition; }
-bool flashes(std::string_view command) { return rowOf(command).flashes; }
+bool takesLong(std::string_view command) { return rowOf(command).takesLong; }
 
 }  // namespace station

@@ -10,7 +10,7 @@
 namespace station {
 
 // What a command means for the steps behind it.
-enum class Role { kPlain, kPing, kReport, kReset, kWait, kReboot, kEnd };
+enum class Role { kPlain, kAddress, kPing, kReport, kReset, kWait, kReboot, kEnd };
 
 // A command as a step is about to send it.
 struct Command {
@@ -28,6 +28,7 @@ Role roleOf(std::string_view command);
 // The number of the MTD partition that it writes, 0 for none that is known.
 int partitionOf(std::string_view command);
 
-bool flashes(std::string_view command);
+// Takes longer than a moment, and must not be cut short.
+bool takesLong(std::string_view command);
 
 }  // namespace station

@@ -37,6 +37,9 @@ private:
     bool open_;                                 // there are names in it
 };
 
+// A text as a failure quotes it: its start, as records have all of it.
+std::string shorten(const std::string &text);
+
 // All of a text, a match in it, or nothing.
 struct Expectation {
     std::optional<std::string> text;

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "station/plan/commands.h"
 
@@ -20,7 +21,7 @@ struct Course {
 
 void followSession(const StepSource &source, Role role, Course &course) {
     const Step &step = source.step;
-    if (course.over) {
+    if (std::exchange(course.over, false)) {
         course.faults.push_back({source.node.Mark(), "the session has ended before this step: a step that the board "
                                                      "comes back after needs \"reconnect: true\""});
     } else if (course.rebooting) {
@@ -34,6 +35,9 @@ void followSession(const StepSource &source, Role role, Course &course) {
 
 void followRole(const StepSource &source, Role role, Course &course) {
     if (role == Role::kPing) course.pinged = true;
+    if (role == Role::kAddress && namesIn(source.step.send).empty()) {
+        course.warnings.push_back({source.node.Mark(), "every board of this plan gets the same MAC address"});
+    }
     if (role == Role::kReport && source.step.expected && !course.pinged) {
         course.warnings.push_back({source.node.Mark(), "without a PING of its session before it, the report names no "
                                                        "failed check: every board would pass"});
@@ -45,9 +49,9 @@ void followRole(const StepSource &source, Role role, Course &course) {
 void followFlash(const StepSource &source, Course &course) {
     const Step &step = source.step;
     if (const int partition = partitionOf(step.send); partition > 0) course.written[partition] = source.node.Mark();
-    if (flashes(step.send) && !source.timed) {
-        course.warnings.push_back({source.node.Mark(), "10 s may not be enough to flash, and a session that ends then "
-                                                       "leaves half of it: give a \"timeout\""});
+    if (takesLong(step.send) && !source.timed) {
+        course.warnings.push_back({source.node.Mark(), "10 s may not be enough for this, and a session that ends then "
+                                                       "leaves it half done: give a \"timeout\""});
     }
 }
 
