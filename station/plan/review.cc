@@ -17,6 +17,8 @@ struct Course {
     bool pinged = false;                // this session's reports name what failed
     std::optional<YAML::Mark> reset;    // a factory reset that nothing has waited for
     std::map<int, YAML::Mark> written;  // partitions that nothing has read back
+
+    void warn(const YAML::Mark &mark, const std::string &text) { warnings.push_back({mark, "warning: " + text}); }
 };
 
 void followSession(const StepSource &source, Role role, Course &course) {
@@ -25,8 +27,8 @@ void followSession(const StepSource &source, Role role, Course &course) {
         course.faults.push_back({source.node.Mark(), "the session has ended before this step: a step that the board "
                                                      "comes back after needs \"reconnect: true\""});
     } else if (course.rebooting) {
-        course.warnings.push_back({source.node.Mark(), "the board may be gone before this step: give the REBOOT "
-                                                       "\"reconnect: true\", or make it the last step"});
+        course.warn(source.node.Mark(), "the board may be gone before this step: give the REBOOT "
+                                        "\"reconnect: true\", or make it the last step");
     }
     course.over = (role == Role::kEnd || step.closes) && !step.reconnect;
     course.rebooting = role == Role::kReboot && !step.reconnect;
@@ -36,11 +38,11 @@ void followSession(const StepSource &source, Role role, Course &course) {
 void followRole(const StepSource &source, Role role, Course &course) {
     if (role == Role::kPing) course.pinged = true;
     if (role == Role::kAddress && namesIn(source.step.send).empty()) {
-        course.warnings.push_back({source.node.Mark(), "every board of this plan gets the same MAC address"});
+        course.warn(source.node.Mark(), "every board of this plan gets the same MAC address");
     }
     if (role == Role::kReport && source.step.expected && !course.pinged) {
-        course.warnings.push_back({source.node.Mark(), "without a PING of its session before it, the report names no "
-                                                       "failed check: every board would pass"});
+        course.warn(source.node.Mark(), "without a PING of its session before it, the report names no "
+                                        "failed check: every board would pass");
     }
     if (role == Role::kReset) course.reset = source.node.Mark();
     if (role == Role::kWait) course.reset.reset();
@@ -50,8 +52,8 @@ void followFlash(const StepSource &source, Course &course) {
     const Step &step = source.step;
     if (const int partition = partitionOf(step.send); partition > 0) course.written[partition] = source.node.Mark();
     if (takesLong(step.send) && !source.timed) {
-        course.warnings.push_back({source.node.Mark(), "10 s may not be enough for this, and a session that ends then "
-                                                       "leaves it half done: give a \"timeout\""});
+        course.warn(source.node.Mark(), "10 s may not be enough for this, and a session that ends then "
+                                        "leaves it half done: give a \"timeout\"");
     }
 }
 
@@ -72,9 +74,9 @@ void review(const std::vector<StepSource> &steps, std::vector<Fault> &faults, st
     Course course{faults, warnings, false, false, false, {}, {}};
     for (const StepSource &source : steps) follow(source, course);
     for (const auto &[partition, mark] : course.written) {
-        warnings.push_back({mark, "its OK does not say that it was written: no \"verify\" step reads it back"});
+        course.warn(mark, "its OK does not say that it was written: no \"verify\" step reads it back");
     }
-    if (course.reset) warnings.push_back({*course.reset, "nothing waits for the end of the reset: send WAITING"});
+    if (course.reset) course.warn(*course.reset, "nothing waits for the end of the reset: send WAITING");
 }
 
 }  // namespace station
