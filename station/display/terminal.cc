@@ -4,6 +4,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <re2/re2.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -31,6 +32,16 @@ using Moment = Clock::time_point;
 constexpr std::chrono::milliseconds kRefresh{100};
 
 double secondsSince(Moment start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// The text with its lines and colours, but without what else could move or erase what is drawn.
+std::string harmless(const std::string &text) {
+    static const re2::RE2 kKept("((?:[^[:cntrl:]]|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)", re2::RE2::Latin1);
+    std::string result, kept, other;
+    for (re2::StringPiece rest(text); !rest.empty() && re2::RE2::Consume(&rest, kKept, &kept, &other);) {
+        result += kept + (other.empty() ? "" : "?");
+    }
+    return result;
+}
 
 // The terminal's mode before it was changed, for whoever ends the program in the middle of a question.
 termios cooked;
@@ -118,9 +129,11 @@ public:
             line.row.seconds = std::chrono::duration<double>(run.end - run.start).count();
             ++(run.passed() ? passed_ : failed_);
             const bool told = boards_ == 1 || (boards_ > 1 && run.passed());  // by the steps, or the counts
-            if (!told) above_ += nameOf(run.place) + "  " + coloured(endLine(run), run.passed()) + "\n";
+            if (!told)
+                above_ += fmt::format("{:%H:%M:%S}  {}  {}\n", fmt::localtime(WallClock::to_time_t(run.end)),
+                                      nameOf(run.place), coloured(endLine(run), run.passed()));
             const std::string shown = shownReplies(run, boards_ != 1);
-            if (!shown.empty()) above_ += shown + "\033[0m\n";
+            if (!shown.empty()) above_ += harmless(shown) + "\033[0m\n";
         });
     }
 
@@ -154,10 +167,10 @@ public:
     std::string ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
                     Moment deadline, const Stop &stop) override {
         Question question{run.place, oneLine(prompt), oneLine(problem), {}, {}};
+        std::unique_lock lock(mutex_);
         pose(run, question);
-        while (!question.answered() && Clock::now() < deadline && !stop.requested() && keyboardThere()) {
-            std::unique_lock lock(mutex_);
-            answered_.wait_for(lock, kRefresh, [&] { return question.answered(); });
+        while (!question.answer && Clock::now() < deadline && !stop.requested() && keyboard_.there()) {
+            answered_.wait_for(lock, kRefresh);
         }
         return withdraw(run, question, stop);
     }
@@ -175,7 +188,6 @@ private:
         std::string prompt, problem;
         std::string typed;
         std::optional<std::string> answer;
-        bool answered() const { return answer.has_value(); }
     };
 
     template <typename Change>
@@ -194,7 +206,6 @@ private:
     }
 
     void pose(const RunRecord &run, Question &question) {
-        const std::lock_guard lock(mutex_);
         if (!keyboard_.there()) throw std::runtime_error("there is no terminal where an operator could be asked");
         questions_.insert(judged_ == run.place.number ? questions_.begin() : questions_.end(), &question);
         lines_[run.place.number].row.stage = Stage::kAsking;
@@ -202,7 +213,6 @@ private:
     }
 
     std::string withdraw(const RunRecord &run, Question &question, const Stop &stop) {
-        const std::lock_guard lock(mutex_);
         questions_.erase(std::find(questions_.begin(), questions_.end(), &question));
         lines_[run.place.number].row.stage = Stage::kRunning;
         if (question.answer) {
@@ -213,11 +223,6 @@ private:
         throw std::runtime_error(stop.requested()    ? "the station was stopped before the operator answered"
                                  : keyboard_.there() ? "the operator did not answer in time"
                                                      : "the operator's terminal is gone");
-    }
-
-    bool keyboardThere() {
-        const std::lock_guard lock(mutex_);
-        return keyboard_.there();
     }
 
     void drawUntilEnd() {
@@ -246,7 +251,7 @@ private:
         if (length <= 0) keyboard_.lose();
         Question *const question = asked();
         // What follows the end of an answer was typed for no question.
-        for (ssize_t i = 0; i < length && question != nullptr && !question->answered(); ++i) type(*question, keys[i]);
+        for (ssize_t i = 0; i < length && question != nullptr && !question->answer; ++i) type(*question, keys[i]);
         answered_.notify_all();
     }
 
