@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -87,8 +88,8 @@ void serveAsBoard(uint16_t port, int commands) {
 
 class Nobody : public station::Operator {
     std::string ask(const station::RunRecord &, size_t, const std::string &, const std::string &,
-                    std::chrono::steady_clock::time_point, const station::Stop &) override {
-        throw std::runtime_error("there is nobody to ask");
+                    station::Clock::time_point, const station::Stop &) override {
+        return {};
     }
 };
 
@@ -96,24 +97,26 @@ class Nobody : public station::Operator {
 void sessions(benchmark::State &state) {
     constexpr int kCommands = 10;
     const int boards = static_cast<int>(state.range(0));
-    station::Plan plan;
+    const auto job = std::make_shared<station::Job>();
     station::Step step;
     step.send = "PING";
     step.expected.text = "OK";
-    plan.steps.assign(kCommands, step);
+    job->plan.probe = false;
+    job->plan.steps.assign(kCommands, step);
+    std::vector<station::Place> places;
+    for (int i = 1; i <= boards; ++i) places.push_back({i, std::to_string(i)});
     station::Listener listener("127.0.0.1", 0);
     station::Observer silent;
     station::Records none;
-    Nobody nobody;
     const station::Stop stop;
+    Nobody nobody;
     while (state.KeepRunning()) {
         std::vector<std::thread> threads;
         threads.reserve(static_cast<size_t>(boards));
         for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), kCommands);
-        for (const auto &result :
-             runBoards(listener, plan, boards, station::Milliseconds(10000), {silent, none, stop, nobody})) {
-            if (!result.passed()) state.SkipWithError("a session failed");
-        }
+        station::Line line(listener, places, false, job, {silent, none, stop, nobody});
+        const station::Outcome outcome = line.run(boards, station::Milliseconds(10000));
+        if (outcome.runs != boards || outcome.failed > 0) state.SkipWithError("a session failed");
         for (std::thread &thread : threads) thread.join();
     }
     state.SetItemsProcessed(state.iterations() * boards);

@@ -55,10 +55,10 @@ void NewFile::write(std::string_view bytes) {
     }
 }
 
-void NewFile::keep() {
+void NewFile::keep(bool durable) {
     const mode_t mask = umask(0);
     umask(mask);
-    if (fchmod(descriptor_, 0666 & ~mask) != 0 || fsync(descriptor_) != 0 ||
+    if (fchmod(descriptor_, 0666 & ~mask) != 0 || (durable && fsync(descriptor_) != 0) ||
         rename(temporary_.c_str(), path_.c_str()) != 0) {
         fail(path_);
     }

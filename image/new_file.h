@@ -18,7 +18,8 @@ public:
     NewFile &operator=(const NewFile &) = delete;
 
     void write(std::string_view bytes);
-    void keep();
+    // `durable`: the content is on the disk before the file is there.
+    void keep(bool durable = true);
 
 private:
     std::filesystem::path path_;

@@ -3,131 +3,40 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <memory>
+#include <cstring>
 #include <string>
-#include <vector>
+#include <system_error>
 
-#include "station/display/display.h"
-#include "station/line/events.h"
-#include "station/line/line.h"
-#include "station/line/results.h"
-#include "station/plan/plan.h"
+#include "station/exit_codes.h"
+#include "station/line/line_file.h"
+#include "station/line/records.h"
+#include "station/line_commands.h"
 #include "station/store/commands.h"
-#include "station/wire/discovery.h"
 #include "station/wire/listener.h"
 
 namespace {
 
-struct Options {
-    std::string plan;
-    std::string files;  // where the plan's files are; empty: beside it
-    std::string address = station::kDefaultAddress;
-    uint16_t port = station::kDefaultPort;
-    std::vector<std::string> interfaces;
-    int boards = 1;
-    std::string results;  // folder; empty: none
-    bool json = false;    // events instead of the display
-    double wait = 60;     // seconds for a board to answer, and for all to connect
-    std::string link;     // where a board is discovered first; empty: not at all
-    std::string board = "FF:FF:FF:FF:FF:FF";
-    size_t size = 60;
-
-    // Where people read, where programs do not.
-    FILE *said() const { return json ? stderr : stdout; }
-    station::Milliseconds limit() const { return station::Milliseconds(static_cast<int64_t>(wait * 1000)); }
-};
-
-int discover(const Options &options) {
-    const auto link = station::openLink(options.link);
-    const station::Mac board =
-        station::discover(*link, station::parseMac(options.board), options.size, options.limit());
-    fmt::print(options.said(), "board {} answered three times\n", station::formatMac(board));
-    std::fflush(stdout);
-    return 0;
-}
-
-// Where no terminal is.
-class Nobody : public station::Operator {
-    std::string ask(const station::RunRecord &, size_t, const std::string &, const std::string &,
-                    std::chrono::steady_clock::time_point, const station::Stop &) override {
-        throw std::runtime_error("there is no terminal where an operator could be asked");
-    }
-};
-
-int run(const Options &options) {
-    const station::Plan plan = station::loadPlan(options.plan, options.files);
-    if (!options.results.empty()) station::prepareResults(options.results);
-    if (!options.link.empty()) discover(options);
-    station::Listener listener(options.address, options.port, options.interfaces);
-    fmt::print(options.said(), "plan {}: {} steps, waiting for {} on {}:{}\n", plan.name, plan.steps.size(),
-               options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address,
-               listener.port());
-    std::fflush(stdout);
-
-    station::Observers observers;
-    const auto events = options.json ? std::make_unique<station::Events>() : nullptr;
-    auto display = options.json ? nullptr : station::makeDisplay(options.boards);
-    if (events) observers.add(*events);
-    if (display) observers.add(*display);
-    station::Records records;
-    const station::Stop stop;
-    Nobody nobody;
-    station::Operator *const operators = display ? static_cast<station::Operator *>(display.get()) : &nobody;
-    const std::vector<station::RunRecord> results =
-        station::runBoards(listener, plan, options.boards, options.limit(), {observers, records, stop, *operators});
-    for (const station::RunRecord &run : results) {
-        if (!options.results.empty()) station::writeResult(options.results, run);
-    }
-    display.reset();
-    const auto failed = std::count_if(results.begin(), results.end(), [](const auto &r) { return !r.passed(); });
-    if (options.boards == 1) {
-        fmt::print(options.said(), "plan {}: {} steps, {} failed\n", plan.name, plan.steps.size(),
-                   results.front().failures());
-    } else {
-        fmt::print(options.said(), "plan {}: {} boards, {} failed\n", plan.name, options.boards, failed);
-    }
-    return failed == 0 ? 0 : 1;
-}
-
-int check(const Options &options) {
-    const station::Plan plan = station::loadPlan(options.plan, options.files);
+void check(const std::string &path, const std::string &files) {
+    const bool line = station::isLineFile(path);
+    const station::Plan plan = line ? station::loadLine(path).plan : station::loadPlan(path, files);
     if (!plan.warnings.empty()) fmt::print("{}\n", plan.warnings);
-    fmt::print("plan {}: {} steps, no faults\n", plan.name, plan.steps.size());
-    return 0;
+    fmt::print("{}plan {}: {} steps, no faults\n", line ? "line " + path + ": " : "", plan.name, plan.steps.size());
 }
 
-void addPlan(CLI::App *command, Options &options) {
-    command->add_option("plan", options.plan, "The plan, a YAML list of steps")->required();
-    command->add_option("--files", options.files, "Folder of the plan's files, instead of its own");
+void addCheck(CLI::App &app) {
+    CLI::App *const command =
+        app.add_subcommand("check", "Find every fault of a plan or a line's file, without a board");
+    const auto path = std::make_shared<std::string>(), files = std::make_shared<std::string>();
+    command->add_option("plan", *path, "The plan, or the line's file")->required();
+    command->add_option("--files", *files, "Folder of the plan's files, instead of its own");
+    command->callback([=] { check(*path, *files); });
 }
 
-void addDiscovery(CLI::App *command, Options &options) {
-    command->add_option("--board", options.board, "The board's MAC address, or broadcast")->capture_default_str();
-    command->add_option("--size", options.size, "Bytes of the discovery frame")
-        ->check(CLI::Range(station::kShortestRequest, station::kLongestRequest))
-        ->capture_default_str();
-    command->add_option("--wait", options.wait, "Seconds to wait for the boards")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-}
-
-CLI::App *addRun(CLI::App &app, Options &options) {
-    CLI::App *const command = app.add_subcommand("run", "Run a plan on the next boards that connect");
-    addPlan(command, options);
-    command->add_option("--boards", options.boards, "Number of boards, each with its own session and result")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
-    command->add_option("--results", options.results, "Folder for a JSON file, a log and a JUnit XML file a board");
-    command->add_flag("--json", options.json, "Print each thing that happens as a line of JSON");
-    command->add_option("--listen", options.address, "Address to listen on")->capture_default_str();
-    command->add_option("--port", options.port, "TCP port to listen on")->capture_default_str();
-    command->add_option("--interface", options.interfaces,
-                        "Listen on this interface alone; give it several times for boards that are cabled one each");
-    command->add_option("--discover", options.link, "Discover a board first, on this interface or udp:LOCAL:REMOTE");
-    addDiscovery(command, options);
-    return command;
+int complain(int code, const std::exception &error, const char *name = "qcstation: ") {
+    std::fprintf(stderr, "%s%s\n", name, error.what());
+    return code;
 }
 
 }  // namespace
@@ -136,22 +45,26 @@ int main(int argc, char **argv) try {
     CLI::App app("The test station of the factory line: accepts boards and runs a plan on each.", "qcstation");
     app.require_subcommand(1);
     app.set_version_flag("--version", "qcstation " VERSION, "Print the version");
-    Options options;
-    CLI::App *const runCommand = addRun(app, options);
-    CLI::App *const discoverCommand = app.add_subcommand("discover", "Discover a board that waits in the mode qconly");
-    discoverCommand->add_option("link", options.link, "A network interface, or udp:LOCAL:REMOTE")->required();
-    addDiscovery(discoverCommand, options);
-    CLI::App *const checkCommand = app.add_subcommand("check", "Find every fault of a plan, without a board");
-    addPlan(checkCommand, options);
+    int status = station::kPassed;
+    station::addLineCommands(app, status);
+    addCheck(app);
     station::addStoreCommands(app);
-    CLI11_PARSE(app, argc, argv);
-    if (runCommand->parsed()) return run(options);
-    if (checkCommand->parsed()) return check(options);
-    return discoverCommand->parsed() ? discover(options) : 0;
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        if (app.exit(error) != 0) return station::kWrongInput;
+    }
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+    std::fprintf(stderr, "qcstation: standard output: %s\n", strerror(errno));
+    return station::kCannotWrite;
 } catch (const station::PlanError &error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
+    return complain(station::kWrongInput, error, "");
+} catch (const station::ListenError &error) {
+    return complain(station::kCannotListen, error);
+} catch (const station::RecordsError &error) {
+    return complain(station::kCannotWrite, error);
+} catch (const std::system_error &error) {
+    return complain(station::kCannotWrite, error);
 } catch (const std::exception &error) {
-    std::fprintf(stderr, "qcstation: %s\n", error.what());
-    return 1;
+    return complain(station::kFailed, error);
 }

@@ -1,6 +1,7 @@
 #pragma once
 // Who is told how the line goes on: display, events, page. Called by the threads of all boards at once.
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -61,7 +62,12 @@ public:
 private:
     template <typename Call, typename... Arguments>
     void tell(Call call, const Arguments &...arguments) {
-        for (Observer *const observer : all_) (observer->*call)(arguments...);
+        for (Observer *const observer : all_) {
+            try {
+                (observer->*call)(arguments...);
+            } catch (const std::exception &) {  // who cannot show it, as on a full device, must not end the board
+            }
+        }
     }
 
     std::vector<Observer *> all_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <nlohmann/json.hpp>
 #include <random>
 
 namespace station {
@@ -37,18 +38,28 @@ std::string isoTime(WallClock::time_point time) {
 
 std::string describeStep(const StepResult &result) {
     std::string text = oneLine(result.passed() ? result.reply : result.failure);
-    if (text.size() > kReplyWidth) text.erase(kReplyWidth).append("...");
+    if (text.size() > kReplyWidth) {
+        size_t end = kReplyWidth;
+        while ((text[end] & 0xC0) == 0x80) --end;  // not within a character
+        text.erase(end).append("...");
+    }
     return fmt::format("{}  {:7.2f} s  {}  ->  {}", result.passed() ? "ok    " : "FAILED",
                        double(result.duration.count()) / 1000, oneLine(result.title), text);
 }
 
 std::string oneLine(const std::string &text) {
+    constexpr auto kReplace = nlohmann::json::error_handler_t::replace;
+    const auto clean = nlohmann::json::parse(nlohmann::json(text).dump(-1, ' ', false, kReplace)).get<std::string>();
     std::string result;
-    for (const char c : text) {
+    for (size_t i = 0; i < clean.size(); ++i) {
+        const char c = clean[i];
         if (c == '\n') {
             result += "\\n";
         } else if (c == '\033') {
             result += "\\e";
+        } else if (clean.compare(i, 3, "\xEF\xBF\xBE") == 0 || clean.compare(i, 3, "\xEF\xBF\xBF") == 0) {
+            result += "\xEF\xBF\xBD";  // no characters, and forbidden in XML: U+FFFD instead
+            i += 2;
         } else {
             result += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? '?' : c;
         }

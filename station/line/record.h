@@ -75,7 +75,7 @@ std::string isoTime(WallClock::time_point time);
 // A step's line: verdict, time, title, and the reply or what is wrong.
 std::string describeStep(const StepResult &result);
 
-// A text in one line: line ends and control characters become visible.
+// A text in one line, UTF-8 and fit for XML whatever the board sent: line ends and control characters become visible.
 std::string oneLine(const std::string &text);
 
 }  // namespace station

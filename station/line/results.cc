@@ -1,6 +1,8 @@
 #include "station/line/results.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <pugixml.hpp>
 #include <sstream>
@@ -8,6 +10,7 @@
 
 #include "image/new_file.h"
 #include "station/line/record_json.h"
+#include "station/wire/socket.h"
 
 namespace station {
 namespace {
@@ -36,7 +39,7 @@ void addCase(pugi::xml_node suite, const std::string &name, std::chrono::millise
 std::string reportOf(const RunRecord &run) {
     pugi::xml_document document;
     pugi::xml_node suite = document.append_child("testsuites").append_child("testsuite");
-    suite.append_attribute("name") = fmt::format("{}.{}", run.plan, run.place.name).c_str();
+    suite.append_attribute("name") = oneLine(run.plan + "." + run.place.name).c_str();
     suite.append_attribute("tests") = run.steps.size() + 1;
     suite.append_attribute("failures") = run.failures() + (run.failure.empty() ? 0 : 1);
     suite.append_attribute("time") = fmt::format("{:.3f}", seconds(run.end - run.start)).c_str();
@@ -51,26 +54,70 @@ std::string reportOf(const RunRecord &run) {
     return text.str();
 }
 
-void writeWhole(const fs::path &path, const std::string &content) {
+void writeWhole(const fs::path &path, const std::string &content, bool durable) try {
     fwimage::NewFile file(path);
     file.write(content);
-    file.keep();
+    file.keep(durable);
+} catch (const std::runtime_error &error) {
+    throw RecordsError(error.what());
+}
+
+// Has the names of new files on the disk.
+void syncFolder(const fs::path &folder) {
+    const Socket descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fsync(descriptor.descriptor()) != 0) throw RecordsError(describeError("cannot write " + folder.string()));
+}
+
+fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extension) {
+    return folder / fmt::format("{}-{}-{}{}", run.plan, run.id, run.place.name, extension);
+}
+
+void writeRecord(const fs::path &folder, RunRecord run, bool durable) {
+    run.interrupted = true;
+    writeWhole(fileOf(folder, run, ".json"), dump(toJson(run), 2) + "\n", durable);
+    if (durable) syncFolder(folder);
 }
 
 }  // namespace
 
-void prepareResults(const fs::path &folder) {
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) throw std::runtime_error(fmt::format("cannot make {}: {}", folder.string(), error.message()));
-    const fwimage::NewFile probe(folder / "probe");  // gone at the end, as it is not kept
+void writeResult(const fs::path &folder, const RunRecord &run) {
+    writeWhole(fileOf(folder, run, ".json"), dump(toJson(run), 2) + "\n", true);
+    writeWhole(fileOf(folder, run, ".log"), logOf(run), false);
+    writeWhole(fileOf(folder, run, ".xml"), reportOf(run), false);
+    syncFolder(folder);
 }
 
-void writeResult(const fs::path &folder, const RunRecord &run) {
-    const std::string name = fmt::format("{}-{}-{}", run.plan, run.id, run.place.name);
-    writeWhole(folder / (name + ".json"), dump(toJson(run), 2) + "\n");
-    writeWhole(folder / (name + ".log"), logOf(run));
-    writeWhole(folder / (name + ".xml"), reportOf(run));
+FileRecords::FileRecords(fs::path folder) : folder_(std::move(folder)) {
+    std::error_code error;
+    fs::create_directories(folder_, error);
+    if (error) throw RecordsError(fmt::format("cannot make {}: {}", folder_.string(), error.message()));
+    const std::string why = away();
+    if (!why.empty()) throw RecordsError(why);
+}
+
+std::string FileRecords::away() try {
+    const std::lock_guard lock(mutex_);
+    while (!unwritten_.empty()) {
+        writeResult(folder_, unwritten_.begin()->second);
+        unwritten_.erase(unwritten_.begin());
+    }
+    fwimage::NewFile(folder_ / "probe").write(std::string(65536, ' '));  // gone again, as it is not kept
+    return {};
+} catch (const std::runtime_error &error) {
+    return error.what();
+}
+
+void FileRecords::begins(const RunRecord &run) { writeRecord(folder_, run, true); }
+
+void FileRecords::stepEnded(const RunRecord &run, size_t) try {
+    writeRecord(folder_, run, false);
+} catch (const RecordsError &) {  // the whole record is written again at the end
+}
+
+void FileRecords::ends(const RunRecord &run) try { writeResult(folder_, run); } catch (const RecordsError &) {
+    const std::lock_guard lock(mutex_);
+    unwritten_[run.id] = run;
+    throw;
 }
 
 }  // namespace station

@@ -18,7 +18,7 @@ public:
     virtual ~Board() = default;
     virtual Session &session() = 0;
     // Waits for the board's next connection, which session() is from then on; the one before stays open until then.
-    // Throws SessionError at the deadline, or when the line stops.
+    // Throws SessionError at the deadline.
     virtual void reconnect(Clock::time_point deadline) = 0;
 };
 

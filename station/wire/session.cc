@@ -110,6 +110,18 @@ std::string Session::receiveReply(Milliseconds limit) {
     return text;
 }
 
+void Session::receiveNow(std::string &bytes, size_t most) {
+    std::array<char, kFrame> part;
+    while (bytes.size() < most) {
+        const size_t room = std::min(part.size(), most - bytes.size());
+        const ssize_t received = recv(socket_.descriptor(), part.data(), room, MSG_DONTWAIT);
+        if (received == 0) throw SessionError("closed the connection");
+        if (received < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        if (received < 0) throw SessionError(describeError("receiving failed"));
+        bytes.append(part.data(), static_cast<size_t>(received));
+    }
+}
+
 void Session::expectClose(Milliseconds limit) {
     if (!waitFor(socket_.descriptor(), POLLIN, Clock::now() + limit)) {
         throw SessionError("the board left the connection open");
@@ -147,12 +159,18 @@ void Session::reset() {
     socket_ = Socket(-1);
 }
 
-std::string Session::peer() const {
+sockaddr_in Session::board() const {
     sockaddr_in board{};
     socklen_t length = sizeof board;
     getpeername(socket_.descriptor(), reinterpret_cast<sockaddr *>(&board), &length);
+    return board;
+}
+
+std::string Session::peerAddress() const { return textOf(board()); }
+
+std::string Session::peer() const {
     const std::string bound = interface();
-    return fmt::format("{}:{}{}{}", textOf(board), ntohs(board.sin_port), bound.empty() ? "" : "%", bound);
+    return fmt::format("{}:{}{}{}", peerAddress(), ntohs(board().sin_port), bound.empty() ? "" : "%", bound);
 }
 
 std::string Session::interface() const {

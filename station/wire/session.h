@@ -1,6 +1,8 @@
 #pragma once
 // The station's end of one QC connection: the framing of commands, payloads and replies.
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -36,6 +38,9 @@ public:
     // not exact: 64 bytes, NUL behind the text; or the text and one NUL when it is longer; and nothing behind that.
     std::string receiveReply(Milliseconds limit);
 
+    // Appends what has arrived to `bytes`, without waiting, until there are `most`.
+    void receiveNow(std::string &bytes, size_t most);
+
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
@@ -48,6 +53,7 @@ public:
 
     std::string localAddress() const;  // this machine's, on this connection
     std::string peer() const;          // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one
+    std::string peerAddress() const;   // ADDRESS alone
     std::string interface() const;     // that the connection is bound to; empty for none
     int descriptor() const { return socket_.descriptor(); }
 
@@ -55,6 +61,7 @@ private:
     enum class Arrival { kBytes, kNothing, kEnd };
     // Appends what arrives before the deadline.
     Arrival receiveSome(std::string &bytes, Clock::time_point deadline);
+    sockaddr_in board() const;
 
     Socket socket_;
     Clock::time_point sendDeadline_ = Clock::now() + std::chrono::hours(1);

@@ -1,0 +1,162 @@
+#include "station/line/line_file.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "station/plan/yaml.h"
+#include "station/wire/listener.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kMostPlaces = 1000;
+
+// The file while it is read.
+struct Draft {
+    LineFile line;
+    fs::path folder, plan, files;
+    std::vector<Fault> faults;
+
+    fs::path beside(const Entry &value) const { return folder / value.line(); }
+};
+
+void readListen(Draft &draft, const Entry &value) {
+    const std::string text = value.line();
+    const size_t colon = text.find(':');
+    draft.line.address = text.substr(0, colon);
+    if (colon == std::string::npos) return;
+    const Entry port{YAML::Node(text.substr(colon + 1))};
+    try {
+        draft.line.port = static_cast<uint16_t>(port.whole(1, 65535));
+    } catch (const Fault &) {
+        value.fail("expected ADDRESS or ADDRESS:PORT");
+    }
+}
+
+struct Cable {
+    std::string name, interface;
+};
+
+// It becomes part of file names, and of what operators read.
+void readName(Cable &cable, const Entry &value) {
+    cable.name = value.line();
+    const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
+    if (!std::all_of(cable.name.begin(), cable.name.end(), fits)) {
+        value.fail("a place's name has letters, digits, '.', '_' and '-'");
+    }
+}
+
+const Keys<Cable> kCableKeys = {
+    {"name", readName},
+    {"interface", [](Cable &cable, const Entry &value) { cable.interface = value.line(); }},
+};
+
+void readCable(Draft &draft, const YAML::Node &node) {
+    Cable cable;
+    readMap(node, kCableKeys, "of a place", cable, draft.faults);
+    if (cable.interface.empty()) return draft.faults.push_back({node.Mark(), "a place needs \"interface\""});
+    if (cable.name.empty()) cable.name = cable.interface;
+    LineFile &line = draft.line;
+    const auto twice = [&](const Place &place) { return place.name == cable.name; };
+    if (std::any_of(line.places.begin(), line.places.end(), twice) ||
+        std::find(line.cables.begin(), line.cables.end(), cable.interface) != line.cables.end()) {
+        draft.faults.push_back({node.Mark(), "the name or the interface stands twice"});
+    }
+    line.places.push_back({static_cast<int>(line.places.size()) + 1, cable.name});
+    line.cables.push_back(cable.interface);
+}
+
+void readPlaces(Draft &draft, const Entry &value) {
+    if (value.node.IsSequence()) {
+        for (const YAML::Node &node : value.node) readCable(draft, node);
+        if (draft.line.places.empty()) value.fail("a line has a place");
+        return;
+    }
+    for (int number = 1; number <= value.whole(1, kMostPlaces); ++number) {
+        draft.line.places.push_back({number, std::to_string(number)});
+    }
+}
+
+const Keys<Hook> kHookKeys = {
+    {"run", [](Hook &hook, const Entry &value) { hook.command = value.text(); }},
+    {"timeout", [](Hook &hook, const Entry &value) { hook.limit = value.seconds(); }},
+};
+
+// A command, or a map that limits its time too.
+void readHook(Draft &draft, Hook &hook, const Entry &value) {
+    hook.folder = draft.folder;
+    if (value.node.IsMap()) {
+        readMap(value.node, kHookKeys, "of a command", hook, draft.faults);
+    } else {
+        hook.command = value.text();
+    }
+    if (hook.command.empty()) value.fail("a command is missing");
+}
+
+void readVariables(Draft &draft, const Entry &value) {
+    if (!value.node.IsMap()) value.fail("expected a map of names and values");
+    for (const auto &pair : value.node) {
+        const Entry name{pair.first};
+        if (!isName(name.text())) name.fail("a name is a letter or '_', then letters, digits and '_'");
+        draft.line.variables[name.text()] = Entry{pair.second}.line();
+    }
+}
+
+const Keys<Draft> kLineKeys = {
+    {"listen", readListen},
+    {"places", readPlaces},
+    {"plan", [](Draft &draft, const Entry &value) { draft.plan = draft.beside(value); }},
+    {"files", [](Draft &draft, const Entry &value) { draft.files = draft.beside(value); }},
+    {"results", [](Draft &draft, const Entry &value) { draft.line.results = draft.beside(value); }},
+    {"store", [](Draft &draft, const Entry &value) { draft.line.store = value.line(); }},
+    {"variables", readVariables},
+    {"before", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.before, value); }},
+    {"after", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.after, value); }},
+};
+
+Names namesOf(const LineFile &line) {
+    Names names;
+    for (const auto &[name, value] : line.variables) names.variables.insert(name);
+    return names;
+}
+
+}  // namespace
+
+bool LineFile::sameStation(const LineFile &other) const {
+    const auto same = [](const Place &a, const Place &b) { return a.name == b.name; };
+    return address == other.address && port == other.port && cables == other.cables && results == other.results &&
+           store == other.store &&
+           std::equal(places.begin(), places.end(), other.places.begin(), other.places.end(), same);
+}
+
+bool isLineFile(const fs::path &path) try {
+    const YAML::Node document = loadDocument(path);
+    return document.IsMap() && (document["places"] || document["plan"]);
+} catch (const Fault &) {
+    return false;
+}
+
+LineFile loadLine(const fs::path &path) {
+    Draft draft;
+    draft.line.address = kDefaultAddress;
+    draft.line.port = kDefaultPort;
+    draft.folder = path.parent_path();
+    try {
+        const YAML::Node document = loadDocument(path);
+        readMap(document, kLineKeys, "of a line", draft, draft.faults);
+        for (const char *const key : {"places", "plan"}) {
+            if (document.IsMap() && !document[key])
+                throw Fault{document.Mark(), fmt::format("a line needs \"{}\"", key)};
+        }
+    } catch (Fault &fault) {
+        draft.faults.push_back(std::move(fault));
+    }
+    if (!draft.faults.empty()) throw PlanError(describe(path, draft.faults));
+    draft.line.plan = loadPlan(draft.plan, draft.files, namesOf(draft.line));
+    return draft.line;
+}
+
+}  // namespace station

@@ -1,0 +1,37 @@
+#pragma once
+// The file of a line: where it listens, its places, its plan, what is run before and after a board, where the records
+// go. docs/station.md describes it for those who write it.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "station/line/hooks.h"
+#include "station/plan/plan.h"
+
+namespace station {
+
+struct LineFile {
+    std::string address;
+    uint16_t port = 0;
+    std::vector<Place> places;
+    std::vector<std::string> cables;  // the interfaces of the places; empty: they are told apart by address
+    Plan plan;
+    Variables variables;
+    Hook before, after;
+    std::filesystem::path results;  // folder; empty: none
+    std::string store;              // a database's file or URL; empty: none
+
+    const std::vector<std::string> &interfaces() const { return cables; }
+    // True when the other line has the same address, places and records.
+    bool sameStation(const LineFile &other) const;
+};
+
+// True when the file is a line's rather than a plan.
+bool isLineFile(const std::filesystem::path &path);
+
+// Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault.
+LineFile loadLine(const std::filesystem::path &path);
+
+}  // namespace station

@@ -1,0 +1,84 @@
+#include "station/line/signals.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+
+namespace station {
+namespace {
+
+sigset_t held() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
+    return set;
+}
+
+}  // namespace
+
+void holdSignals() {
+    const sigset_t set = held();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+Signals::Signals(SignalActions actions) : actions_(std::move(actions)), signals_(-1), done_(eventfd(0, EFD_CLOEXEC)) {
+    const sigset_t set = held();
+    signals_ = Socket(signalfd(-1, &set, SFD_CLOEXEC));
+    thread_ = std::thread([this] { watch(); });
+}
+
+Signals::~Signals() {
+    eventfd_write(done_.descriptor(), 1);
+    thread_.join();
+}
+
+void Signals::watch() {
+    bool stopped = false;
+    for (;;) {
+        pollfd polled[] = {{signals_.descriptor(), POLLIN, 0}, {done_.descriptor(), POLLIN, 0}};
+        if (poll(polled, 2, -1) < 0) continue;
+        if (polled[1].revents != 0) return;
+        signalfd_siginfo signal{};
+        if (read(signals_.descriptor(), &signal, sizeof signal) != sizeof signal) continue;
+        if (signal.ssi_signo == SIGHUP) {
+            actions_.reload();
+        } else if (stopped) {
+            actions_.end();
+        } else {
+            stopped = true;
+            actions_.stop();
+        }
+    }
+}
+
+void Unfinished::stepStarts(const RunRecord &run, size_t step) {
+    const std::lock_guard lock(mutex_);
+    running_[run.place.name] = {oneLine(run.steps[step].title)};
+}
+
+void Unfinished::progress(const RunRecord &run, size_t, uint64_t, uint64_t) {
+    const std::lock_guard lock(mutex_);
+    running_[run.place.name].sent = true;
+}
+
+void Unfinished::stepEnds(const RunRecord &run, size_t) {
+    const std::lock_guard lock(mutex_);
+    running_.erase(run.place.name);
+}
+
+std::string Unfinished::describe() const {
+    const std::lock_guard lock(mutex_);
+    std::string text;
+    for (const auto &[place, left] : running_) {
+        text += fmt::format("place {}: left in the step {}{}\n", place, left.step,
+                            left.sent ? ": may hold half of what was sent" : "");
+    }
+    return text;
+}
+
+}  // namespace station
