@@ -56,7 +56,7 @@ struct Attempt {
 void take(const Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     for (const Taken &taken : attempt.step.takes) {
-        if (run.variables.count(taken.pool) > 0) continue;
+        if (run.variables.contains(taken.pool)) continue;
         if (run.unit.empty()) throw std::invalid_argument("not sent: nobody said the unit's {serial}");
         const auto rows = attempt.course.context.records.bind(taken.pool, run, taken.count);
         run.variables[taken.pool] = rows.at(0);
@@ -216,18 +216,21 @@ void reconnect(Attempt &attempt) try {
 
 void runAttempt(Course &course, size_t index) {
     const Step &step = course.plan.steps[index];
-    Attempt attempt{course, step, index, course.run.steps[index], Clock::now() + step.timeout};
-    attempt.result.failure.clear();
-    attempt.result.measurements.clear();
+    StepResult &result = course.run.steps[index];
+    result.failure.clear();
+    result.reply.clear();
+    result.cut = 0;
+    result.measurements.clear();
+    Attempt attempt{course, step, index, result, Clock::now() + step.timeout};
     try {
         prepare(attempt);
     } catch (const std::exception &error) {
-        attempt.result.failure = error.what();
+        result.failure = error.what();
         return;
     }
     if (step.kind != Kind::kAsk) attempt.session().setSendDeadline(attempt.deadline);
     exchange(attempt);
-    if (step.reconnect && (attempt.result.failure.empty() || !course.connected)) reconnect(attempt);
+    if (step.reconnect && (result.failure.empty() || !course.connected)) reconnect(attempt);
 }
 
 // Why a step is not run; empty: it is.

@@ -45,12 +45,12 @@ Expression Expression::with(const Variables &variables) const {
 }
 
 std::optional<Variables> Expression::find(const std::string &text) const {
-    std::vector<StringPiece> groups(static_cast<size_t>(compiled_->NumberOfCapturingGroups()) + 1);
-    const int count = static_cast<int>(groups.size());
-    if (!compiled_->Match(text, 0, text.size(), RE2::UNANCHORED, groups.data(), count)) return std::nullopt;
+    std::vector<StringPiece> parts(static_cast<size_t>(compiled_->NumberOfCapturingGroups()) + 1);
+    const int count = static_cast<int>(parts.size());
+    if (!compiled_->Match(text, 0, text.size(), RE2::UNANCHORED, parts.data(), count)) return std::nullopt;
     Variables named;
     for (const auto &[name, index] : compiled_->NamedCapturingGroups()) {
-        const StringPiece &group = groups[static_cast<size_t>(index)];
+        const StringPiece &group = parts[static_cast<size_t>(index)];
         if (group.data() != nullptr) named[name] = std::string(group);
     }
     return named;

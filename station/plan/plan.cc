@@ -16,10 +16,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Draft;
-
 // An operator may be at another place of the line.
 constexpr std::chrono::hours kAnswerTime(1);
+
+struct Loader;
+
+// A step while it is read.
+struct Draft {
+    Loader &loader;
+    YAML::Node node;
+    Step step = {};
+    bool timed = false;
+
+    YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
+};
 
 // A plan while it is read.
 struct Loader {
@@ -34,16 +44,6 @@ struct Loader {
     std::map<std::string, int> taken = {};  // rows that a run takes of each pool
     std::vector<Draft> drafts = {};
     std::vector<Fault> faults = {}, warnings = {};
-};
-
-// A step while it is read.
-struct Draft {
-    Loader &loader;
-    YAML::Node node;
-    Step step = {};
-    bool timed = false;
-
-    YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
 
 const Payload &payloadAt(Loader &loader, const Entry &value) {
@@ -190,7 +190,7 @@ const std::array<KindOfStep, 4> kKinds = {{
 
 size_t kindOf(const YAML::Node &node) {
     if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
-    const auto kind =
+    const auto *const kind =
         std::find_if(kKinds.begin(), kKinds.end(), [&](const KindOfStep &row) { return node[row.word].IsDefined(); });
     if (kind == kKinds.end()) throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\" or \"ask\""};
     return static_cast<size_t>(kind - kKinds.begin());
@@ -204,7 +204,7 @@ struct Rule {
 };
 
 bool isGroup(const Step &step, const std::string &name) {
-    return step.expected.match && step.expected.match->groups().count(name) > 0;
+    return step.expected.match && step.expected.match->groups().contains(name);
 }
 
 constexpr Rule kRules[] = {
@@ -251,7 +251,7 @@ int slotsOf(const Step &step) {
 // Returns the fault, empty for none.
 std::string takeFrom(Draft &draft, const std::string &pool) {
     Loader &loader = draft.loader;
-    if (loader.names.variables.count("serial") == 0) {
+    if (!loader.names.variables.contains("serial")) {
         return fmt::format("{{{}}} is taken for a unit: no step before says its {{serial}}", pool);
     }
     const bool programs = draft.step.send.starts_with("MAC ");
@@ -265,8 +265,8 @@ std::string takeFrom(Draft &draft, const std::string &pool) {
 // Returns what is wrong with {name} in a text of the step, empty for nothing.
 std::string resolve(Draft &draft, const std::string &name) {
     const Names &names = draft.loader.names;
-    if (draft.step.known.count(name) > 0 || names.variables.count(name) > 0) return {};
-    if (names.pools.count(name) > 0) return takeFrom(draft, name);
+    if (draft.step.known.contains(name) || names.variables.contains(name)) return {};
+    if (names.pools.contains(name)) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
     return fmt::format("nothing fills {{{}}}: no step before, and nothing of the line", name);
 }

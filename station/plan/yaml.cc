@@ -36,28 +36,28 @@ std::string Entry::text() const {
 }
 
 std::string Entry::line() const {
-    const std::string line = text();
+    std::string line = text();
     const auto control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
     if (line.empty() || std::any_of(line.begin(), line.end(), control)) fail("expected one line of text");
     return line;
 }
 
 double Entry::number() const {
-    const double number = as<double>("a number");
-    if (!std::isfinite(number)) fail("expected a finite number");
-    return number;
+    const auto value = as<double>("a number");
+    if (!std::isfinite(value)) fail("expected a finite number");
+    return value;
 }
 
 int Entry::whole(int least, int most) const {
-    const int number = as<int>("a whole number");
-    if (number < least || number > most) fail(fmt::format("expected a number from {} to {}", least, most));
-    return number;
+    const int value = as<int>("a whole number");
+    if (value < least || value > most) fail(fmt::format("expected a number from {} to {}", least, most));
+    return value;
 }
 
 std::chrono::milliseconds Entry::seconds() const {
-    const double seconds = as<double>("a number of seconds");
-    if (!(seconds >= 0.001 && seconds <= 86400)) fail("a time limit lies between 0.001 and 86400 seconds");
-    return std::chrono::milliseconds(std::llround(seconds * 1000));
+    const auto value = as<double>("a number of seconds");
+    if (!(value >= 0.001 && value <= 86400)) fail("a time limit lies between 0.001 and 86400 seconds");
+    return std::chrono::milliseconds(std::llround(value * 1000));
 }
 
 }  // namespace station
