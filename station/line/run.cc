@@ -211,7 +211,7 @@ void reconnect(Attempt &attempt) try {
     attempt.course.board.reconnect(attempt.deadline);
     attempt.course.connected = true;
 } catch (const std::exception &error) {
-    if (attempt.result.failure.empty()) attempt.result.failure = fmt::format("did not come back: {}", error.what());
+    if (attempt.result.failure.empty()) attempt.result.failure = error.what();
 }
 
 void runAttempt(Course &course, size_t index) {

@@ -37,6 +37,7 @@ std::string Entry::text() const {
 
 std::string Entry::line() const {
     std::string line = text();
+    if (line.ends_with('\n')) line.pop_back();  // of a text in the forms that begin with '|' and '>'
     const auto control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
     if (line.empty() || std::any_of(line.begin(), line.end(), control)) fail("expected one line of text");
     return line;
