@@ -240,7 +240,6 @@ private:
 
     bool asking() {
         const std::lock_guard lock(mutex_);
-        keyboard_.listen(asked() != nullptr);
         return asked() != nullptr;
     }
 
@@ -320,6 +319,7 @@ private:
     // what is too long. Empty: nothing.
     std::string frame() {
         const std::lock_guard lock(mutex_);
+        keyboard_.listen(asked() != nullptr);  // before the question is seen, and answered
         const std::vector<std::string> lines = layOut(rows(), screen(), foot());
         if (lines == drawn_ && above_.empty()) return {};
         std::string text = drawn_.empty() ? "\r" : fmt::format("\033[{}A\r", drawn_.size());
