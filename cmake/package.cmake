@@ -1,0 +1,15 @@
+# The Debian package of the station's programs: cpack -G DEB in the folder of a release build.
+set(CPACK_PACKAGE_NAME qcstation)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Test station of a Wi-Fi router's factory line")
+set(CPACK_PACKAGE_CONTACT "fabtestd maintainers <maintainers@localhost>")
+set(CPACK_COMPONENTS_ALL station)  # not the daemon, which is for boards
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS systemd)
+set(package ${PROJECT_SOURCE_DIR}/station/package)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${package}/postinst ${package}/prerm ${package}/postrm)
+include(CPack)
