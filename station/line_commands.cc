@@ -105,6 +105,7 @@ Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
                            [&] {
                                const std::string left = "ended at once\n" + unfinished.describe();
                                [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, left.data(), left.size());
+                               restoreTerminal();
                                _exit(kInterrupted);
                            },
                            [&] {

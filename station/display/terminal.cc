@@ -57,7 +57,7 @@ public:
     void lose() { there_ = false; }
 
     // What was typed before the question belongs to no question.
-    void listen(bool on) {
+    void listen(bool on) const {
         if (!there_ || on == listening) return;
         termios mode = cooked;
         if (on) mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
