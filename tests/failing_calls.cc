@@ -1,7 +1,8 @@
 // Calls of the C library that fail on demand, linked in front of the library's own (the linker's --wrap) for the
-// daemon's own code; and waits that are shorter. Steered by the environment:
+// daemon's own code; and time that runs faster, for who waits and for who looks at the clock. Steered by the
+// environment:
 //
-//   HURRY=N       waits are N times shorter
+//   HURRY=N       time runs N times as fast
 //   FAIL_CALL=C   the first call from the place C of the code fails, with EIO
 //   LIST_CALLS=F  each place that calls, on its first call, is added to the file F
 
@@ -18,6 +19,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <set>
 #include <string>
 
@@ -69,21 +71,19 @@ CALL(char *, nullptr, strdup, (const char *text), (text))
 CALL(int, -1, access, (const char *path, int mode), (path, mode))
 CALL(int, -1, connect, (int s, const sockaddr *address, socklen_t size), (s, address, size))
 CALL(int, -1, fcntl, (int file, int command, long value), (file, command, value))
-CALL(int, -1, fflush, (FILE *file), (file))
 CALL(int, -1, fork, (), ())
 CALL(int, -1, fseek, (FILE *file, long offset, int from), (file, offset, from))
-CALL(int, -1, fsync, (int file), (file))
 CALL(int, -1, getsockopt, (int s, int l, int o, void *value, socklen_t *size), (s, l, o, value, size))
 CALL(int, -1, ioctl, (int file, unsigned long request, void *value), (file, request, value))
 CALL(int, -1, kill, (pid_t process, int signal), (process, signal))
 CALL(int, -1, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 CALL(int, -1, pclose, (FILE *file), (file))
-CALL(int, -1, rename, (const char *from, const char *to), (from, to))
 CALL(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
 CALL(int, -1, semop, (int id, sembuf *steps, size_t count), (id, steps, count))
 CALL(int, -1, shmget, (key_t key, size_t size, int flags), (key, size, flags))
 CALL(int, -1, socket, (int family, int type, int protocol), (family, type, protocol))
 CALL(int, -1, system, (const char *line), (line))
+CALL(int, -1, vasprintf, (char **text, const char *format, va_list arguments), (text, format, arguments))
 CALL(int, -1, truncate, (const char *path, off_t size), (path, size))
 CALL(size_t, 0, fread, (void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
 CALL(size_t, 0, fwrite, (const void *data, size_t size, size_t count, FILE *file), (data, size, count, file))
@@ -101,11 +101,6 @@ CALL(void *, nullptr, malloc, (size_t size), (size))
 CALL(void *, reinterpret_cast<void *>(-1), shmat, (int id, const void *at, int flags), (id, at, flags))
 // clang-format on
 
-extern "C" int __real_vasprintf(char **text, const char *format, va_list arguments);
-extern "C" int __wrap_vasprintf(char **text, const char *format, va_list arguments) {
-    return fails("vasprintf", __builtin_return_address(0)) ? -1 : __real_vasprintf(text, format, arguments);
-}
-
 extern "C" int __real_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit);
 extern "C" int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit) {
     if (fails("select", __builtin_return_address(0))) return -1;
@@ -119,6 +114,14 @@ extern "C" int __wrap_semtimedop(int id, sembuf *steps, size_t count, const time
     if (fails("semtimedop", __builtin_return_address(0))) return -1;
     const timespec shorter = {limit->tv_sec / hurry(), limit->tv_sec % hurry() * (1000000000 / hurry())};
     return __real_semtimedop(id, steps, count, &shorter);
+}
+
+extern "C" int __real_clock_gettime(clockid_t clock, timespec *now);
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now) {
+    const int result = __real_clock_gettime(clock, now);
+    const int64_t time = (int64_t{now->tv_sec} * 1000000 + now->tv_nsec / 1000) * hurry();
+    *now = {time / 1000000, time % 1000000 * 1000};
+    return result;
 }
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {

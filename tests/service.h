@@ -1,53 +1,43 @@
 #pragma once
-// The daemon's binary on the native board: the command line's modes, and the service that the station talks to.
+// The service on the board, and the station's library at the other end of the cable.
 
-#include <string>
-#include <vector>
+#include <optional>
 
+#include "station/wire/discovery.h"
 #include "station/wire/listener.h"
-#include "tests/native_board.h"
+#include "tests/board.h"
 
-namespace board {
+constexpr station::Milliseconds kSoon{20000};
 
-// What a mode printed, and its exit status.
-struct Outcome {
-    std::string output;
-    int status;
-};
+constexpr size_t kPartition = 1 << 20;
 
-class ServiceTest : public NativeBoardTest {
+class ServiceTest : public board::BoardTest {
 protected:
-    // Writes a configuration of two wired ports and two radios.
-    void SetUp() override;
-    // Ends the service, if it still runs.
-    void TearDown() override;
+    void SetUp() override {
+        BoardTest::SetUp();
+        for (const char *flash : {"/flash/mtd2", "/flash/mtd3", "/flash/mtd5", "/flash/mtd6"}) {
+            board::writeFile(flash, std::string(kPartition, 'U'));
+        }
+        board::run("ip link set eth0 up; ip addr flush dev eth0; ip addr add 192.168.1.1/24 dev eth0");
+        setenv("HURRY", "100", 1);
+    }
 
-    // Makes the text the board's configuration. Loads nothing.
-    static void configure(const std::string &text);
+    static station::Listener listen() {
+        std::optional<station::Listener> listener;
+        board::inStationNetwork([&] { listener.emplace(station::kDefaultAddress, station::kDefaultPort); });
+        return std::move(*listener);
+    }
 
-    // Runs the binary with these arguments behind its name, "fabtestd", to its end, standard error included.
-    static Outcome run(const std::vector<std::string> &arguments);
-
-    // Replaces this process by the binary.
-    [[noreturn]] static void execute(const std::vector<std::string> &arguments);
-
-    // Starts the service by `mode`; comes back when the process that was started has ended, as it does at once.
-    void start(const std::string &mode);
-    static station::Listener listenAsStation();
     // Listens, starts the service and accepts it.
-    station::Session startSession();
+    station::Session startSession() {
+        station::Listener listener = listen();
+        start("daemon");
+        return listener.accept(kSoon);
+    }
 
-    // Partition `number` of the fake flash, filled with `content`; it is copied to /tmp/dev when the service starts.
-    static void makePartition(int number, const std::string &content);
-    static std::string partition(int number);
-
-    static pid_t servicePid();
-    static void signalService(int signal);
-    // Comes back when the service sleeps. It logs the request of a factory reset, for one, before it comes to wait for
-    // the signals that answer it, and one that comes too early does not count.
-    static void waitUntilItSleeps();
-    // True when the service has ended by itself; waits for that.
-    static bool hasEnded();
+    static std::string ask(station::Session &session, const std::string &command, const std::string &payload = "") {
+        session.sendCommand(command);
+        session.sendBytes(payload);
+        return session.receiveReply(kSoon);
+    }
 };
-
-}  // namespace board

@@ -1,18 +1,27 @@
-// The fuzz targets: each feeds one reader of foreign bytes. The sanitizers find what reads or writes out of bounds,
-// leaks or is undefined; a target adds what its reader promises.
+// The fuzz targets: each feeds readers of foreign bytes, on the native board. The sanitizers find what reads or writes
+// out of bounds, leaks or is undefined; a target adds what its readers promise. In the place of what the C library does
+// outside the process - shell, log, shared memory - stand functions that only read what they are given.
+//
+// With libFuzzer: fuzz TARGET [ITS ARGUMENTS]. Without: every input of the corpus, and mutations of each that are the
+// same in every run.
 
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <map>
+#include <random>
 #include <span>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,18 +29,36 @@
 #include "daemon/dispatcher.h"
 #include "firmware/product_block.h"
 #include "firmware/upload.h"
-#include "identity/country.h"
-#include "identity/mac.h"
-#include "identity/report.h"
 #include "image/firmware_image.h"
 #include "support/configuration.h"
-#include "support/string_utils.h"
+#include "support/handle.h"
+#include "support/shell.h"
 #include "support/system_info.h"
-#include "tests/fuzz/platform.h"
 
 namespace {
 
-using namespace fuzz;
+namespace fs = std::filesystem;
+
+std::string printed;                                  // by each program that is started with popen
+void *const segment = calloc(1, kConfigurationSize);  // its borders are watched
+
+// Ends the run with a finding unless `held`.
+void require(bool held) {
+    if (!held) abort();
+}
+
+// Not by a C++ stream, whose writes would go by the rules of flash.
+void put(const std::string &path, std::string_view content) {
+    FileHandle file(fopen(path.c_str(), "w"));
+    require(file != nullptr && fwrite(content.data(), 1, content.size(), file) == content.size() && file.close() == 0);
+}
+
+std::string get(const std::string &path) {
+    std::string content(fs::file_size(path), '\0');
+    const FileHandle file(fopen(path.c_str(), "r"));
+    require(fread(content.data(), 1, content.size(), file) == content.size());
+    return content;
+}
 
 // Lines of "%%" part the texts of one input; those that are missing are empty.
 template <size_t Count>
@@ -45,40 +72,15 @@ std::array<std::string, Count> partsOf(std::string input) {
     return parts;
 }
 
-// The text and its NUL in heap memory of exactly that size, so that one byte before or behind it is noticed.
-std::vector<char> exact(const std::string &text) { return {text.c_str(), text.c_str() + text.size() + 1}; }
-
 template <size_t Size>
 bool isText(const char (&field)[Size]) {
     return memchr(field, '\0', Size) != nullptr;
 }
 
-void tokens(const std::string &input) {
-    const auto [line, separator, replacement] = partsOf<3>(input);
-    for (const int max : {0, 1, 2, 10}) {
-        std::vector<char> text = exact(line);
-        std::vector<char *> found(static_cast<size_t>(max) + 1);
-        const int count = string_parse(found.data(), max, text.data());
-        require(count <= max);
-        for (const char *token : std::span(found.data(), static_cast<size_t>(std::max(count, 0)))) {
-            require(token >= text.data() && token + strlen(token) < text.data() + text.size());
-        }
-        text = exact(line);
-        string_split(found.data(), max, text.data(), separator.c_str());
-    }
-    std::vector<char> text = exact(line);
-    free(my_replaceStr(text.data(), separator.c_str(), replacement.c_str()));
-    free(my_replaceChar(text.data(), separator.c_str(), '_'));
-    free(my_removeChar(text.data(), ' '));
-    my_strrstr(text.data(), separator.c_str());
-    require(strlen(url_encode(text.data())) < 1024);
-    my_stripChar(text.data(), ' ');
-}
-
 void checkTable() {
-    const ConfigurationSegment &segment = *get_configuration();
-    require(segment.count >= 0 && static_cast<size_t>(segment.count) <= kConfigurationCapacity);
-    const std::span records(segment.table, static_cast<size_t>(segment.count));
+    const ConfigurationSegment &table = *get_configuration();
+    require(table.count >= 0 && static_cast<size_t>(table.count) <= kConfigurationCapacity);
+    const std::span records(table.table, static_cast<size_t>(table.count));
     for (const auto &record : records) require(isText(record.key) && isText(record.value));
     require(std::is_sorted(records.begin(), records.end(),
                            [](const auto &a, const auto &b) { return strcmp(a.key, b.key) < 0; }));
@@ -101,45 +103,47 @@ void configuration(const std::string &input) {
     checkTable();
 }
 
-void productBlock(const std::string &input) {
-    put("/tmp/block", input);
-    std::vector<char> block(kProductBlockSize);
-    getProduct("/tmp/block", nullptr, block.data());
-    std::string source = input;
-    source.resize(kProductBlockSize);
-    getProduct(nullptr, source.data(), block.data());
-    for (const size_t field : {kVendor, kProduct, kMajor, kMark}) require(strlen(&block[field]) < 60 - field);
-}
-
-void sections(const std::string &input) {
+// An image: its product, and its sections. One that fwimage finds nothing wrong with, its digest aside, is staged by
+// the board as fwimage shows it.
+void image(const std::string &input) {
     put("/tmp/image", input);
-    write2tmp("/tmp/image", static_cast<uint32_t>(input.size()));
+    std::vector<char> block(kProductBlockSize);
+    getProduct("/tmp/image", nullptr, block.data());
+    for (const size_t field : {kVendor, kProduct, kMajor, kMark}) require(strlen(&block[field]) < 60 - field);
+    const fwimage::Contents contents = fwimage::inspect("/tmp/image");
+    const bool good = contents.fault.empty() || contents.fault.starts_with("the digest");
+    const size_t length = good ? input.size() - 33 : input.size();
+    require(truncate("/tmp/image", static_cast<off_t>(length)) == 0);
+    write2tmp("/tmp/image", static_cast<uint32_t>(length));
+    std::map<std::string, std::string> expected;
+    std::string partition;
+    for (const fwimage::Section &section : contents.sections) {
+        constexpr const char *kNames[] = {"boot", "env", "kernel", "rootfs", "firmware", "config", "ART"};
+        const unsigned long number = strtoul(section.name.c_str(), nullptr, 10);
+        if (number < std::size(kNames)) partition = kNames[number];
+        if (good) expected["/tmp/" + partition + ".img"] = input.substr(section.offset, section.length);
+    }
+    for (const auto &[path, data] : expected) require(get(path) == data);
 }
 
-// The system's record and its two tables; the second is read as a list of values as well.
-void columns(const std::string &input) {
-    auto [record, html, entries] = partsOf<3>(input);
+// The settings behind those of the board, what programs print, the system's record and its tables, and a session:
+// commands that end at a line end, each followed by the payload that it announces.
+void session(const std::string &input) {
+    auto [settings, output, record, html, entries, sent] = partsOf<6>(input);
+    put(kDefaultConfiguration, get("/src/board/rootfs/etc/.config") + settings);
+    put(kPersistentConfiguration, "");
+    init_configuration();
+    initialFunc();
+    wireTotal = std::min(wireTotal, 8);  // each costs a command: a number of any size is no fault, only slow
+    printed = output;
     record.resize(kSystemInfoSize, ' ');
     put(kSystemInfo, record);
     put("/etc/html.info", html);
     put("/etc/entry.info", entries);
-    std::vector<char> read(kSystemInfoSize);
-    my_systemInfo(read.data());
-    require(std::all_of(std::begin(html_fmt), std::end(html_fmt), isText<30>));
-    require(std::all_of(std::begin(entry_num), std::end(entry_num), isText<20>));
-    std::vector<char> table(3 * 8);
-    read_parameter("/etc/html.info", table.data(), 3, 8, 0x1000);
-    read_value_list("/etc/html.info", table.data(), 3, 8);
-}
-
-// A session: commands that end at a line end, each followed by the payload that it announces.
-void commands(const std::string &input) {
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
+    require(send(ends[1], sent.data(), sent.size(), 0) == static_cast<ssize_t>(sent.size()));
     close(ends[1]);
-    for (const char *staged : {"/tmp/kernel.img", "/tmp/rootfs.img", "/tmp/firmware.img"}) unlink(staged);
-    output = "0123456789abcdef0123456789abcdef  digest\nlink: port:1 link:up speed:1000baseT full-duplex\n";
     std::vector<char> pkbuf(kPkbufSize);
     for (;;) {
         std::fill_n(pkbuf.begin(), 64, '\0');
@@ -153,98 +157,103 @@ void commands(const std::string &input) {
         require(memchr(pkbuf.data(), '\0', pkbuf.size()) != nullptr);
     }
     close(ends[0]);
-}
-
-// The list of slots, an address, the place of the country code, and a code.
-void slots(const std::string &input) {
-    const auto [list, address, place, country] = partsOf<4>(input);
-    add_configuration("SYSTEM_MAC_ARGS", list.c_str());
-    add_configuration("SYSTEM_COUNTRY_ARGS", place.c_str());
-    initialFunc();
-    wireTotal = std::min(wireTotal, 8);  // each costs a command: a number of any size is no fault, only slow
-    setMac(exact(address).data());
-    std::vector<char> code = {country.c_str()[0], country.empty() ? '\0' : country.c_str()[1]};
-    CountryRW(1, code.data());
-    code.resize(3);
-    CountryRW(0, code.data());
-    require(code[2] == '\0' && truncate("/dev/mtdblock6", 32768) == 0);
-}
-
-// The list of ports, what the switch says, a radio's name and address, and the system's record.
-void ports(const std::string &input) {
-    auto [list, shown, radio, address, record] = partsOf<5>(input);
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", list.c_str());
-    add_configuration("WIFI_5G_DEVICE", radio.c_str());
-    add_configuration("WIFI_5G_MAC", address.c_str());
-    output = shown;
-    exchangePorts(list.c_str());
-    record.resize(kSystemInfoSize, ' ');
-    put(kSystemInfo, record);
-    std::vector<char> report(kReportSize);
-    getInfo(report.data(), 1);
-    require(memchr(report.data(), '\0', report.size()) != nullptr && strncmp(report.data(), "INFO ", 5) == 0);
-}
-
-// An image that fwimage finds nothing wrong with, its digest aside, is staged by the board as fwimage shows it.
-void image(const std::string &input) {
-    put("/tmp/image", input);
-    const fwimage::Contents contents = fwimage::inspect("/tmp/image");
-    if (!contents.fault.empty() && !contents.fault.starts_with("the digest")) return;
-    const size_t length = input.size() - 33;
-    require(truncate("/tmp/image", static_cast<off_t>(length)) == 0);
-    write2tmp("/tmp/image", static_cast<uint32_t>(length));
-    std::map<std::string, std::string> expected;
-    std::string partition;
-    for (const fwimage::Section &section : contents.sections) {
-        constexpr const char *kNames[] = {"kernel", "rootfs", "firmware"};
-        const unsigned long number = strtoul(section.name.c_str(), nullptr, 10);
-        if (number >= 2 && number < 2 + std::size(kNames)) partition = kNames[number - 2];
-        expected["/tmp/" + partition + ".img"] = input.substr(section.offset, section.length);
-    }
-    for (const auto &[path, data] : expected) {
-        std::ostringstream staged;
-        staged << std::ifstream(path, std::ios::binary).rdbuf();
-        require(staged.str() == data);
-    }
+    exchangePorts(settings.c_str());
+    require(std::all_of(std::begin(html_fmt), std::end(html_fmt), isText<30>));
+    require(std::all_of(std::begin(entry_num), std::end(entry_num), isText<20>));
+    require(truncate("/flash/mtd6", 1 << 16) == 0);
 }
 
 constexpr struct {
     const char *name;
     void (*run)(const std::string &input);
-} kTargets[] = {
-    {"tokens", tokens},
-    {"configuration", configuration},
-    {"product_block", productBlock},
-    {"sections", sections},
-    {"columns", columns},
-    {"commands", commands},
-    {"slots", slots},
-    {"ports", ports},
-    {"image", image},
-};
+} kTargets[] = {{"configuration", configuration}, {"image", image}, {"session", session}};
 
-const auto *chosen = std::end(kTargets);
+// A run finds the board as the one before it did.
+void reset() {
+    prctl(PR_SET_NAME, "telnetd");  // whose presence tells the daemon that the board is up
+    memset(segment, 0, kConfigurationSize);
+    constexpr char kEmptyBlock[kProductBlockSize] = {};
+    getProduct(nullptr, kEmptyBlock, nullptr);
+    pingFlag = 0;
+    factoryResetFlag = 0;
+    printed.clear();
+    put(kDebugSwitch, "");  // so that what commands print is read as well
+    put("/tmp/busybox", "");
+    for (const char *staged : {"/tmp/kernel.img", "/tmp/rootfs.img", "/tmp/firmware.img"}) unlink(staged);
+    if (fs::create_directories("/tmp/dev")) fs::create_symlink("/flash/mtd2", "/tmp/dev/mtd2");
+    for (const char *flash : {"/flash/mtd2", "/flash/mtd6"}) require(truncate(flash, 1 << 16) == 0);
+}
 
 }  // namespace
 
-// The first argument names the target; the others are libFuzzer's.
-extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
-    for (const auto &target : kTargets) {
-        if (*argc > 1 && strcmp((*argv)[1], target.name) == 0) chosen = &target;
-    }
-    if (chosen == std::end(kTargets)) {
-        for (const auto &target : kTargets) puts(target.name);
-        exit(2);
-    }
-    (*argv)[1] = (*argv)[0];
-    ++*argv;
-    --*argc;
-    enterBoard();
+extern "C" {
+
+// Formats, and thereby reads every argument to its end.
+void syslog(int, const char *format, ...) {
+    static char text[8192];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+}
+
+int system(const char *line) { return strlen(line) > 0 ? 0 : -1; }
+
+FILE *popen(const char *line, const char *mode) {
+    return system(line) == 0 ? fmemopen(printed.data(), printed.size(), mode) : nullptr;
+}
+
+int pclose(FILE *stream) { return fclose(stream); }
+
+// The factory reset's other process answers while the daemon sleeps.
+unsigned sleep(unsigned) {
+    factoryResetFlag = factoryResetFlag == 1 ? 2 : 0;
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int shmget(key_t, size_t size, int) noexcept { return size == kConfigurationSize ? 1 : -1; }
+void *shmat(int, const void *, int) noexcept { return segment; }
+int semget(key_t, int, int) noexcept { return 1; }
+int semop(int, sembuf *, size_t) noexcept { return 0; }
+int semtimedop(int, sembuf *, size_t, const timespec *) noexcept { return 0; }
+
+const auto *chosen = std::begin(kTargets);
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     reset();
     chosen->run(std::string(data, data + size));
     return 0;
 }
+
+// The first argument names the target; the others are libFuzzer's.
+int LLVMFuzzerInitialize(int *argc, char ***argv) {
+    while (chosen != std::end(kTargets) && (*argc < 2 || strcmp((*argv)[1], chosen->name) != 0)) ++chosen;
+    if (chosen == std::end(kTargets)) exit(2);
+    (*argv)[1] = (*argv)[0];
+    ++*argv;
+    --*argc;
+    return 0;
+}
+}
+
+#if !defined(LIBFUZZER)
+int main(int argc, char **argv) {
+    const long mutations = argc > 1 ? atol(argv[1]) : 100;
+    std::mt19937 random(1);
+    for (chosen = std::begin(kTargets); chosen != std::end(kTargets); ++chosen) {
+        for (const auto &entry : fs::directory_iterator(fs::path("/src/tests/fuzz/corpus") / chosen->name)) {
+            const std::string input = get(entry.path());
+            for (long i = 0; i < mutations; ++i) {
+                std::string mutated = input;
+                for (long change = 0; change < i % 5; ++change) {
+                    const size_t at = random() % (mutated.size() + 1), length = random() % 4;
+                    const std::string bytes = random() % 2 == 0 ? std::string(length, static_cast<char>(random()))
+                                                                : mutated.substr(random() % (at + 1), 40);
+                    mutated.replace(at, random() % 4, bytes);
+                }
+                LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(mutated.data()), mutated.size());
+            }
+        }
+    }
+}
+#endif

@@ -2,14 +2,17 @@
 
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
-#include "tests/native_board.h"
+#include "tests/board.h"
 
 using namespace std::string_literals;
 using testing::ElementsAre, testing::HasSubstr, testing::IsEmpty;
@@ -39,7 +42,7 @@ std::string values(const std::vector<std::string> &keys) {
     return text;
 }
 
-class Configuration : public board::NativeBoardTest {
+class Configuration : public board::BoardTest {
 protected:
     // Makes `text`, behind a header, the content of both files and loads it.
     static void load(const std::string &text) {
@@ -113,6 +116,9 @@ TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     add_configuration("MAC", "recorded");
     open_configuration();
     EXPECT_EQ(values({"K", "MAC"}), "1|recorded|");
+    get_configuration()->count = 0;
+    open_configuration();
+    EXPECT_EQ(count(), 0U) << "somebody has loaded it, and emptied it";
     std::filesystem::remove_all("/etc/sysconfig");
     init_configuration();
     EXPECT_EQ(count(), 0U);
@@ -136,7 +142,7 @@ TEST_F(Configuration, FilesOfAnySizeAndContentStayInsideTheTable) {
         memset(bytes + kConfigurationSize, 0xA5, pages - kConfigurationSize);
         load(text);
         EXPECT_EQ(count(), added + kHeaderRecords) << what;
-        EXPECT_EQ(board::logTexts().size(), logged) << what;
+        EXPECT_EQ(board::log().size(), logged) << what;
         const ConfigurationRecord *const table = get_configuration()->table;
         for (size_t i = 0; i < count(); ++i) {
             EXPECT_TRUE(table[i].index == i && table[i].key[31] == '\0' && table[i].value[63] == '\0') << what;
@@ -161,7 +167,9 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     EXPECT_EQ(add_configuration("NEW", "1"), -1) << "the table is full";
     EXPECT_EQ(add_configuration("R5", "2"), 0);
     EXPECT_EQ(values({"R5", "NEW"}), "2|-|");
-    EXPECT_THAT(board::logTexts(), ElementsAre(HasSubstr("NEW")));
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("NEW")));
+    EXPECT_EQ(set_configuration("R12", RETURN_DEF_STR("R12") + 1), 0);
+    EXPECT_EQ(values({"R12"}), "2|") << "a value may come from the table";
     // What moved up keeps its stored index, which says where the gap is: a second deletion takes the neighbour.
     load("A = 1\nB = 2\nC = 3\nD = 4\n");
     EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
@@ -202,6 +210,17 @@ TEST_F(Configuration, SavingRewritesEveryMatchingLineOrAppends) {
     EXPECT_EQ(file(), kHeader + large);
     EXPECT_FALSE(board::exists(kPersistentConfiguration + ".new"s));
     umount("/etc/sysconfig/.firewall");
+    load("K = 1\n");
+    ASSERT_EQ(mount(kPersistentConfiguration, kPersistentConfiguration, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(save_configuration("K", "2"), -1) << "a mount point cannot be moved over";
+    umount(kPersistentConfiguration);
+    EXPECT_EQ(values({"K"}), "1|");
+    EXPECT_FALSE(board::exists(kPersistentConfiguration + ".new"s));
+    std::filesystem::remove(kDefaultConfiguration);
+    std::filesystem::remove(kPersistentConfiguration);
+    board::writeFile(kPersistentConfiguration + ".new"s, "somebody else's");
+    EXPECT_EQ(save_configuration("K", "2"), -1) << "there is nothing to save to";
+    EXPECT_TRUE(board::exists(kPersistentConfiguration + ".new"s));
 }
 
 void updateMany(char name, int updates) {
@@ -226,7 +245,7 @@ TEST_F(Configuration, TwoWritersLoseNothing) {
         const std::string key = std::to_string(i % 50), value = std::to_string(i) + "|";
         EXPECT_EQ(values({"A" + key, "B" + key}), value + value);
     }
-    EXPECT_THAT(board::logTexts(), IsEmpty());
+    EXPECT_THAT(board::log(), IsEmpty());
 }
 
 TEST_F(Configuration, AWriterKilledAtAnyMomentDoesNotStopTheOthers) {
@@ -241,13 +260,59 @@ TEST_F(Configuration, AWriterKilledAtAnyMomentDoesNotStopTheOthers) {
     }
 }
 
+int semaphore() { return semget(kConfigurationKey, 1, IPC_CREAT | 0777); }
+
+// A process that loads the table twice stands still in its turn each time: the file that it reads is a pipe.
+TEST_F(Configuration, ATurnThatWasTakenAwayIsTakenAnew) {
+    board::writeFile(kPersistentConfiguration, "");
+    std::filesystem::remove(kDefaultConfiguration);
+    ASSERT_EQ(mkfifo(kDefaultConfiguration, 0600), 0);
+    const pid_t loader = board::fork([] {
+        init_configuration();
+        init_configuration();
+    });
+    for (const bool first : {true, false}) {
+        std::ofstream pipe;
+        ASSERT_TRUE(board::waitFor(10, [] { return semctl(semaphore(), 0, GETVAL) == 1; }));
+        pipe.open(kDefaultConfiguration);
+        if (first) semctl(semaphore(), 0, IPC_RMID);
+    }
+    EXPECT_EQ(board::wait(loader), 0);
+}
+
+// Signals, such as those of a factory reset, do not cut the wait short.
+TEST_F(Configuration, AnInterruptedWaitForTheTurnGoesOn) {
+    load("");
+    const pid_t holder = board::fork([] {
+        sembuf taken = {0, 1, SEM_UNDO};
+        EXPECT_EQ(semop(semaphore(), &taken, 1), 0);
+        while (true) pause();
+    });
+    ASSERT_TRUE(board::waitFor(10, [] { return semctl(semaphore(), 0, GETVAL) == 1; }));
+    const pid_t waiter = board::fork([] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        EXPECT_EQ(add_configuration("K", "v"), 0);
+    });
+    ASSERT_TRUE(board::waitFor(10, [] { return semctl(semaphore(), 0, GETZCNT) == 1; }));
+    for (int i = 0; i < 20; ++i) {
+        kill(waiter, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    kill(holder, SIGKILL);
+    EXPECT_EQ(board::wait(waiter), 0);
+    EXPECT_EQ(board::wait(holder), -SIGKILL);
+    EXPECT_THAT(board::log(), IsEmpty());
+}
+
 // The lock of a holder that died, or of another program of the board: taken over once, by one of those who wait.
 TEST_F(Configuration, ALockThatIsNeverGivenBackIsReplaced) {
     load("");
     ASSERT_EQ(pthread_mutex_trylock(&get_configuration()->lock), 0);
     runWriters("ABC", 30);
     EXPECT_EQ(count(), 90 + kHeaderRecords);
-    EXPECT_THAT(board::logTexts(), ElementsAre(HasSubstr("lock")));
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("lock")));
 }
 
 }  // namespace

@@ -1,51 +1,86 @@
 // Addresses and the country code in the calibration partition, and the report.
 
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 
 #include <cstring>
-#include <filesystem>
+#include <fstream>
+#include <map>
 
 #include "daemon/board.h"
 #include "identity/country.h"
 #include "identity/mac.h"
 #include "identity/report.h"
 #include "support/configuration.h"
-#include "tests/fake_devices.h"
-#include "tests/firmware/image_bytes.h"
-#include "tests/native_board.h"
+#include "tests/board.h"
 
 using namespace std::string_literals;
 using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
 
+// What the kernel tells about links of these names.
+struct Link {
+    bool up = true;
+    uint16_t speed = 1000;
+    uint8_t duplex = 1;
+    bool told = true;  // false: the settings cannot be read
+};
+const std::map<std::string, Link> kLinks = {{"good", {}},
+                                            {"g", {}},
+                                            {"fast", {.speed = 2500}},
+                                            {"faster", {.speed = 10000}},
+                                            {"slow", {.speed = 100}},
+                                            {"half", {.duplex = 0}},
+                                            {"odd", {.speed = 2000, .duplex = 255}},
+                                            {"down", {.up = false}},
+                                            {"gone", {.told = false}},
+                                            {"sixteen-letters", {}}};
+
+extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
+    const auto link = kLinks.find(request->ifr_name);
+    if (link == kLinks.end()) return -1;
+    const auto [up, speed, duplex, told] = link->second;
+    auto *const value = reinterpret_cast<ethtool_value *>(request->ifr_data);
+    auto *const settings = reinterpret_cast<ethtool_cmd *>(request->ifr_data);
+    if (value->cmd == ETHTOOL_GLINK) {
+        value->data = up ? 1 : 0;
+        return 0;
+    }
+    if (value->cmd != ETHTOOL_GSET || !told) return -1;
+    settings->speed = speed;
+    settings->duplex = duplex;
+    return 0;
+}
+
 namespace {
 
 constexpr char kDevice[] = "/dev/mtdblock6";
-
-std::string stored(const char *key) { return if_exist(key) ? RETURN_DEF_STR(key) : "(none)"; }
-
-class Identity : public board::NativeBoardTest {
-protected:
-    void SetUp() override {
-        NativeBoardTest::SetUp();
-        board::writeFile(kDefaultConfiguration, "#& 1\nSYSTEM_BRAND = B\nSYSTEM_MODEL = M\n");
-        init_configuration();
-    }
-};
-
 constexpr size_t kBlock = 0x5000;  // the calibration block, whose second word is its checksum
 constexpr size_t kChecksum = kBlock + 2;
 
-class Calibration : public Identity {
+std::string stored(const char *key) { return if_exist(key) ? RETURN_DEF_STR(key) : "(none)"; }
+
+std::string initial() { return std::string(65536, 'x'); }
+
+std::string flash() { return board::readFile(kDevice); }
+
+class Identity : public board::BoardTest {
 protected:
     void SetUp() override {
-        Identity::SetUp();
-        wireTotal = 0;
+        BoardTest::SetUp();
+        configure("SYSTEM_ART_PART = 6\nSYSTEM_COUNTRY_ARGS = \"6 1f0\"\nPORT1_ORIG_MAC = 00:11:22:33:44:5a\n"
+                  "WIFI_2.4G_MAC = 00:11:22:33:44:5b\n");
+        init_configuration();
         board::writeFile(kDevice, initial());
-        add_configuration("SYSTEM_ART_PART", "6");
+        wireTotal = 2;
+        wirelessTotal = 2;
+        support_freq = 3;
+        board::writeFile("/etc/system.info", board::padded(board::productBlock(), 76));
+        board::writeFile("/etc/html.info", "& 12000\nname value\n");
+        board::writeFile("/etc/entry.info", "& 3\nname value\n");
     }
-
-    static std::string initial() { return std::string(65536, 'x'); }
-    static std::string flash() { return board::readFile(kDevice); }
 
     // By the checksum's definition: all 16-bit words of the block, in the processor's order, give 0xFFFF.
     static bool checksumHolds() {
@@ -59,9 +94,16 @@ protected:
         add_configuration("SYSTEM_MAC_ARGS", arguments);
         return setMac(address);
     }
+
+    static std::string report(int pingFlag) {
+        std::vector<char> buffer(kReportSize + 1, '?');
+        getInfo(buffer.data(), pingFlag);
+        EXPECT_EQ(buffer[kReportSize], '?') << "written past the buffer";
+        return buffer.data();
+    }
 };
 
-TEST_F(Calibration, AddressesAreReadInBothForms) {
+TEST_F(Identity, AddressesAreReadInBothForms) {
     const std::pair<const char *, const char *> cases[] = {
         {"aB:cD:eF:0a:1b:2C", "AB:CD:EF:0A:1B:2C"}, {"zz:1z:z1:-1:12:34", "00:01:00:FF:12:34"},
         {"00:11:22", "00:11:22:00:00:00"},          {"::::::", "00:00:00:00:00:00"},
@@ -73,7 +115,7 @@ TEST_F(Calibration, AddressesAreReadInBothForms) {
     }
 }
 
-TEST_F(Calibration, SlotsGetOneAddressAfterAnother) {
+TEST_F(Identity, SlotsGetOneAddressAfterAnother) {
     wireTotal = 1;
     EXPECT_EQ(setMacWith("6 2 2 2_6 1_0x0 70_100 60_5006 49_200 59_300 50_1002", "FF:FF:FF:FF:FF:FD"), 0);
     const std::pair<size_t, std::string> slots[] = {// clang-format off
@@ -88,25 +130,23 @@ TEST_F(Calibration, SlotsGetOneAddressAfterAnother) {
     EXPECT_EQ(stored("PORT2_ORIG_MAC") + stored("PORT49_ORIG_MAC"), "FF:FF:FF:FF:FF:FD00:00:00:00:00:01");
     EXPECT_EQ(stored("WIFI_5G_MAC") + stored("PORT70_ORIG_MAC"), "00:00:00:00:00:00(none)");
     EXPECT_EQ(stored("WIFI_2.4G_MAC"), "00:00:00:00:00:03") << "the last of two";
-    EXPECT_THAT(board::logTexts(), ElementsAre("set ethernet MAC: FF:FF:FF:FF:FF:FD, ftell=0xc",
-                                               "set ethernet MAC: FF:FF:FF:FF:FF:FE, ftell=0x6",
-                                               "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x500c",
-                                               "set ethernet MAC: 00:00:00:00:00:01, ftell=0x206",
-                                               "set wireless(2.4G) MAC: 00:00:00:00:00:02, ftell=0x306",
-                                               "set wireless(2.4G) MAC: 00:00:00:00:00:03, ftell=0x1008",
-                                               "/sbin/ifconfig eth0 192.168.1.1 > /dev/null 2>&1",
-                                               "/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &"));
+    EXPECT_THAT(board::log(), ElementsAre("set ethernet MAC: FF:FF:FF:FF:FF:FD, ftell=0xc",
+                                          "set ethernet MAC: FF:FF:FF:FF:FF:FE, ftell=0x6",
+                                          "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x500c",
+                                          "set ethernet MAC: 00:00:00:00:00:01, ftell=0x206",
+                                          "set wireless(2.4G) MAC: 00:00:00:00:00:02, ftell=0x306",
+                                          "set wireless(2.4G) MAC: 00:00:00:00:00:03, ftell=0x1008",
+                                          "/sbin/ifconfig eth0 192.168.1.1 > /dev/null 2>&1",
+                                          "/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &"));
 }
 
-TEST_F(Calibration, TheChecksumIsRepairedForA5GSlotAlone) {
+TEST_F(Identity, TheChecksumIsRepairedForA5GSlotAlone) {
     setMacWith("6 1 1 1_5010 50_5020", "1");
     EXPECT_FALSE(checksumHolds());
     add_configuration("SYSTEM_ART_PART", "7");
     setMacWith("6 1 1 69_0", "1");
     EXPECT_FALSE(checksumHolds()) << "another partition, which is not there";
     add_configuration("SYSTEM_ART_PART", "6");
-    setMac("1");
-    EXPECT_TRUE(checksumHolds());
     for (const size_t byte : {kChecksum, kChecksum + 1, kBlock, kBlock + 2115}) {
         std::string broken = flash();
         broken[byte] = static_cast<char>(broken[byte] ^ 1);
@@ -117,36 +157,28 @@ TEST_F(Calibration, TheChecksumIsRepairedForA5GSlotAlone) {
 }
 
 // Result, addresses written, and lines logged behind them: the ping, when it came so far.
-TEST_F(Calibration, SlotListsOfAnyShape) {
+TEST_F(Identity, SlotListsOfAnyShape) {
     const std::tuple<const char *, int, int, size_t> cases[] = {
-        {"6 2 2", 0, 0, 1},      {"6 2 2 ", 0, 0, 1},
-        {"6", 0, 0, 1},          {"6 2 2 1_0 ", 0, 1, 1},
-        {"6 2 2 bad", -1, 0, 0}, {"6 2 2 1_0  2_10", 0, 2, 1},
-        {"6 2 2 1_", 0, 1, 1},   {"6 2 2 1_0 bad", -1, 1, 0},
-        {"6 2 2 _0", 0, 1, 1},   {"6 2 2 1_0 bad 2_10", 0, 2, 1},
-        {"6 2 2   ", 0, 0, 1},   {"6 2 2 1_0   ", 0, 1, 1},
-        {"7 2 2 1_0", -1, 0, 0}, {"x 2 2 1_0", -1, 0, 0}};
+        {"6 2 2", 0, 0, 1},      {"6 2 2   ", 0, 0, 1},           {"6", 0, 0, 1},          {"6 2 2 1_0   ", 0, 1, 1},
+        {"6 2 2 bad", -1, 0, 0}, {"6 2 2 1_0  2_10", 0, 2, 1},    {"6 2 2 1_", 0, 1, 1},   {"6 2 2 1_0 bad", -1, 1, 0},
+        {"6 2 2 _0", 0, 1, 1},   {"6 2 2 1_0 bad 2_10", 0, 2, 1}, {"7 2 2 1_0", -1, 0, 0}, {"x 2 2 1_0", -1, 0, 0}};
     for (const auto &[arguments, result, slots, commands] : cases) {
         SetUp();
+        wireTotal = 0;
+        std::filesystem::remove("/dev/mtdblock0");
         EXPECT_EQ(setMacWith(arguments, "1"), result) << arguments;
         const std::string after = flash();
         EXPECT_EQ(after.size() - static_cast<size_t>(std::count(after.begin(), after.end(), 'x')), 6 * slots);
-        EXPECT_EQ(board::logTexts().size(), slots + commands) << arguments;
+        EXPECT_EQ(board::log().size(), slots + commands) << arguments;
         EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "nothing is created";
     }
     del_configuration("SYSTEM_MAC_ARGS");
     EXPECT_EQ(setMac("1"), -1);
 }
 
-TEST_F(Calibration, TheCountryIsTwoBytesOnTheFlash) {
+TEST_F(Identity, TheCountryIsTwoBytesOnTheFlash) {
     std::string expected = initial();
     char code[] = "##!!";
-    for (const char *arguments : {"", "7 0", "x"}) {
-        if (*arguments != '\0') add_configuration("SYSTEM_COUNTRY_ARGS", arguments);
-        for (const int mode : {1, 0}) EXPECT_EQ(CountryRW(mode, code), 0) << arguments;
-        EXPECT_STREQ(code, "##!!") << arguments;
-    }
-    add_configuration("SYSTEM_COUNTRY_ARGS", "6 1f0");
     for (const std::string &text : {"US"s, "de"s, "\xFF\x01"s, "D\0"s, "USA"s}) {
         std::string buffer = text;
         EXPECT_EQ(CountryRW(1, buffer.data()), 0);
@@ -154,6 +186,12 @@ TEST_F(Calibration, TheCountryIsTwoBytesOnTheFlash) {
         EXPECT_EQ(flash(), expected);
         EXPECT_EQ(CountryRW(0, code), 0);
         EXPECT_EQ(std::string(code, 4), text.substr(0, 2) + "\0!"s);
+    }
+    for (const char *arguments : {"7 0", ""}) {
+        if (*arguments != '\0') add_configuration("SYSTEM_COUNTRY_ARGS", arguments);
+        if (*arguments == '\0') del_configuration("SYSTEM_COUNTRY_ARGS");
+        for (const int mode : {1, 0}) EXPECT_EQ(CountryRW(mode, strcpy(code, "##!")), 0) << arguments;
+        EXPECT_STREQ(code, "##!") << arguments;
     }
     EXPECT_FALSE(board::exists("/dev/mtdblock7"));
 }
@@ -170,34 +208,9 @@ std::string row(int port, const std::string &verdicts) {
                 "   ");
 }
 
-std::string report(int pingFlag) {
-    char buffer[kReportSize + 1];
-    memset(buffer, '?', sizeof buffer);
-    getInfo(buffer, pingFlag);
-    EXPECT_EQ(buffer[kReportSize], '?') << "written past the buffer";
-    return buffer;
-}
-
-class Report : public Identity {
-protected:
-    void SetUp() override {
-        Identity::SetUp();
-        wireTotal = 2;
-        wirelessTotal = 2;
-        support_freq = 3;
-        fakeLinks = {{"good", {}}, {"slow", {.speed = 100}}};
-        board::writeFile("/etc/system.info", image_bytes::padded(image_bytes::productBlock(), 76));
-        board::writeFile("/etc/html.info", "& 12000\nname value\n");
-        board::writeFile("/etc/entry.info", "& 3\nname value\n");
-        board::writeFile(kDevice, "US");
-        add_configuration("SYSTEM_COUNTRY_ARGS", "6 0");
-        add_configuration("PORT1_ORIG_MAC", "00:11:22:33:44:5a");
-        add_configuration("WIFI_2.4G_MAC", "00:11:22:33:44:5b");
-    }
-};
-
 // Every combination of the ping flag, the radios fitted and present, memory, and ports.
-TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
+TEST_F(Identity, TheReportIsExactUnderEveryCombinationOfFlags) {
+    CountryRW(1, "US"s.data());
     const int memory = std::stoi(board::readFile("/proc/meminfo").substr(strlen("MemTotal:")));
     for (int flags = 0; flags < 256; ++flags) {
         const bool ping = flags & 1, fitted24 = flags & 2, fitted5 = flags & 4, present24 = flags & 8;
@@ -229,10 +242,8 @@ TEST_F(Report, IsExactUnderEveryCombinationOfFlags) {
     }
 }
 
-TEST_F(Report, PortsAreExaminedByTheirEntry) {
-    board::writeFile("/sbin/swconfig", R"(#!/bin/sh
-[ "$*" = 'dev switch0 show' ] || exit 1
-echo 'Global attributes: link:
+TEST_F(Identity, PortsAreExaminedByTheirEntry) {
+    board::writeFile("/etc/swconfig/switch0", R"(Global attributes: link:
 	link: port:0 link:up speed:1000baseT full-duplex txflow
 	link: port:1 link:down
 link: port:2 link:up speed:1000baseT half-duplex
@@ -242,25 +253,18 @@ link: port:4 link:up
 link: port:5 up speed:1000baseT full-duplex
 carrier: port:6 carrier:up speed:1000baseT full-duplex
 link: port:7 link:up speed:-1 full-duplex
-link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex')");
-    std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
-    fakeLinks["fast"].speed = 2500;
-    fakeLinks["faster"].speed = 10000;
-    fakeLinks["half"].duplex = 0;
-    fakeLinks["odd"] = {.speed = 2000, .duplex = 255};
-    fakeLinks["down"].up = false;
-    fakeLinks["gone"].told = false;
-    fakeLinks["sixteen-letters"] = {};
+link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)");
+    const std::string longest = "2" + std::string(31, 'x');  // one more character than a field takes
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
         {"", {"switch0_swconfig_0", "switch0_swconfig_10", "switch0_swconfig_8", "good_ethtool_0  "}},
-        {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23"}},
+        {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23", "switch0_swconfig_" + longest}},
         {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
         {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
         {"XXX",
          {"down_ethtool_0", "gone_ethtool_0", "none_ethtool_0", "sixteen-letters-_ethtool_0", "good_x_0", "good",
-          "good good_ethtool_0", "good_ethtool good_ethtool_0"}},
-        {"XXX", {"switch0_swconfig_1", "switch0_swconfig_5", "switch0_swconfig_6", "switch1_swconfig_0"}},
+          "good good_ethtool_0", "good_ethtool good_ethtool_0", "switch0_swconfig_1", "switch0_swconfig_5",
+          "switch0_swconfig_6", "switch1_swconfig_0"}},
         {"OXO", {"switch0_swconfig_7"}},
         {"OOO", {"good_ethtool_0 x"}}};
     wireTotal = 1;
@@ -274,40 +278,44 @@ link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex')
     }
     // The word holds eight entries of four bits: the ninth falls onto the first.
     wireTotal = 3;
-    fakeLinks["g"] = {};
     add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
 }
 
 // Another process puts records in front of the list's while the first switch is asked: the second port fails as before.
-TEST_F(Report, PortsAreExaminedWhileTheTableChanges) {
-    board::writeFile("/sbin/swconfig", R"(#!/bin/sh
-> /tmp/asked
-i=0; while [ ! -e /tmp/changed ] && [ $((i += 1)) -lt 10000 ]; do usleep 1000; done
-echo 'link: port:0 link:up speed:1000baseT full-duplex')");
-    std::filesystem::permissions("/sbin/swconfig", std::filesystem::perms::all);
+TEST_F(Identity, PortsAreExaminedWhileTheTableChanges) {
+    std::filesystem::remove("/etc/swconfig/switch0");
+    board::run("mkfifo /etc/swconfig/switch0");
     add_configuration("SYSTEM_CHECK_ETH_STATUS", "switch0_swconfig_0 none_ethtool_0");
     const pid_t other = board::fork([] {
-        ASSERT_TRUE(board::waitFor(10, [] { return board::exists("/tmp/asked"); }));
+        std::ofstream shown("/etc/swconfig/switch0");
         for (const char *key : {"A", "B", "C"}) add_configuration(key, "");
-        board::writeFile("/tmp/changed", "");
+        shown << "link: port:0 link:up speed:1000baseT full-duplex\n";
     });
     EXPECT_THAT(report(1), StartsWith("INFO 2.4G ERROR 5G ERROR Ethernet ERROR "));
     EXPECT_EQ(board::wait(other), 0);
 }
 
-TEST_F(Report, ALongReportIsCutToItsBuffer) {
-    wireTotal = 60;
-    EXPECT_EQ(report(1).size(), static_cast<size_t>(kReportSize) - 1);
-    getInfo(nullptr, 1);
+TEST_F(Identity, CountsThatAreCutShortLeaveTheRadiosUnread) {
+    const std::tuple<const char *, int, int, int> cases[] = {
+        {"6 4 2 1_0", 4, 2, 3}, {"6 4 2", 4, 2, 3}, {"6 4", 4, 0, 0}};
+    for (const auto &[arguments, wired, wireless, radios] : cases) {
+        wireTotal = wirelessTotal = support_freq = 0;
+        add_configuration("SYSTEM_MAC_ARGS", arguments);
+        add_configuration("WIFI_DEV_DEFINE", "3");
+        initialFunc();
+        EXPECT_EQ(std::tuple(wireTotal, wirelessTotal, support_freq), std::tuple(wired, wireless, radios)) << arguments;
+    }
 }
 
-TEST_F(Report, MissingSourcesAreFailedChecks) {
+TEST_F(Identity, AReportOfMissingSourcesNamesFailedChecks) {
     std::filesystem::rename("/etc/html.info", "/etc/moved");
+    initialFunc();  // forgets the product
     EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
     std::filesystem::rename("/etc/moved", "/etc/html.info");
     report(0);
-    board::writeFile("/etc/system.info", image_bytes::padded(image_bytes::productBlock().replace(0, 4, "ELSE"), 76));
+    board::writeFile("/etc/system.info", board::padded(board::productBlock("ELSE"), 76));
+    support_freq = 3;
     add_configuration("WIFI_24G_DEVICE", "eth0");
     ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
     const std::string text = report(1);
@@ -315,6 +323,9 @@ TEST_F(Report, MissingSourcesAreFailedChecks) {
     EXPECT_THAT(text, StartsWith("INFO 2.4G ERROR 5G ERROR Memory ERROR \n"));
     EXPECT_THAT(text, HasSubstr(line(" Memory: 0 kB " + kBanner)));
     EXPECT_THAT(text, HasSubstr(line(" Vendor: ACME "))) << "once read, the product is known";
+    wireTotal = 60;
+    EXPECT_EQ(report(1).size(), static_cast<size_t>(kReportSize) - 1) << "a long report is cut";
+    getInfo(nullptr, 1);
 }
 
 }  // namespace

@@ -1,0 +1,79 @@
+// The flash of the native board, for the program that this is linked into: the files /flash/mtdN answer the MTD
+// requests, and are written as NOR flash is: a write only clears bits, an erase sets them.
+
+#include <linux/limits.h>
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kEraseSize = 65536;
+
+bool isFlash(int descriptor) {
+    char link[32], path[PATH_MAX] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+    if (readlink(link, path, sizeof path - 1) < 0) return false;
+    return strncmp(path, "/flash/mtd", 10) == 0 && strncmp(path, "/flash/mtdblock", 15) != 0;
+}
+
+int tell(int flash, mtd_info_user *info) {
+    struct stat status = {};
+    if (fstat(flash, &status) != 0) return -1;
+    *info = {};
+    info->size = static_cast<uint32_t>(status.st_size);
+    info->erasesize = kEraseSize;
+    return 0;
+}
+
+int erase(int flash, const erase_info_user &range) {
+    char ones[kEraseSize];
+    memset(ones, 0xFF, sizeof ones);
+    mtd_info_user info;
+    const bool fits = tell(flash, &info) == 0 && uint64_t{range.start} + range.length <= info.size;
+    if (!fits || range.start % kEraseSize != 0 || range.length % kEraseSize != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    for (uint32_t done = 0; done < range.length; done += kEraseSize) {
+        if (pwrite(flash, ones, sizeof ones, static_cast<off_t>(range.start + done)) < 0) return -1;
+    }
+    return 0;
+}
+
+ssize_t program(int flash, const char *data, size_t length) {
+    char bits[4096];
+    const ssize_t there = pread(flash, bits, std::min(length, sizeof bits), lseek(flash, 0, SEEK_CUR));
+    if (there == 0) errno = ENOSPC;
+    if (there <= 0) return -1;
+    for (ssize_t i = 0; i < there; ++i) bits[i] = static_cast<char>(bits[i] & data[i]);
+    return syscall(SYS_write, flash, bits, there);
+}
+
+}  // namespace
+
+// In the place of the C library's: what is not for the flash goes to the kernel.
+extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
+    const bool ofFlash = request == MEMGETINFO || request == MEMUNLOCK || request == MEMERASE;
+    if (!ofFlash || !isFlash(descriptor)) return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+    if (request == MEMGETINFO) return tell(descriptor, static_cast<mtd_info_user *>(argument));
+    return request == MEMUNLOCK ? 0 : erase(descriptor, *static_cast<erase_info_user *>(argument));
+}
+
+extern "C" ssize_t write(int descriptor, const void *data, size_t length) {
+    if (isFlash(descriptor)) return program(descriptor, static_cast<const char *>(data), length);
+    return syscall(SYS_write, descriptor, data, length);
+}

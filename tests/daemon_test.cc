@@ -1,0 +1,423 @@
+// The daemon as the station and the operator meet it: the real program on the native board.
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <optional>
+#include <sstream>
+
+#include "daemon/board.h"
+#include "support/configuration.h"
+#include "tests/service.h"
+
+using station::Mac, station::Milliseconds, station::Session;
+using testing::Contains, testing::HasSubstr, testing::Not;
+
+namespace {
+
+// Plays sessions as docs/protocol.md writes them, with more kinds of lines: those of tests/sessions.
+class Sessions : public ServiceTest {
+protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        received_.clear();
+        logged_ = 0;
+        signal(SIGPIPE, SIG_IGN);
+    }
+
+    void TearDown() override {
+        session_.reset();
+        ServiceTest::TearDown();
+    }
+
+    Session &session() {
+        if (session_) return *session_;
+        session_.emplace(startSession());
+        const timeval limit = {20, 0};
+        setsockopt(session_->descriptor(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        return *session_;
+    }
+
+    bool receiveMore() {
+        char part[2048];
+        const ssize_t length = recv(session().descriptor(), part, sizeof part, 0);
+        if (length > 0) received_.append(part, static_cast<size_t>(length));
+        return length > 0;
+    }
+
+    // True when something arrives within the time.
+    bool arrives(int milliseconds) {
+        pollfd reply = {session().descriptor(), POLLIN, 0};
+        return poll(&reply, 1, milliseconds) > 0;
+    }
+
+    // Takes what the board sends: these bytes at once, or behind others.
+    bool take(const std::string &bytes, bool behindOthers) {
+        for (;;) {
+            const size_t at = received_.find(bytes);
+            if (at == 0 || (behindOthers && at != std::string::npos)) {
+                received_.erase(0, at + bytes.size());
+                return true;
+            }
+            if ((!behindOthers && received_.size() >= bytes.size()) || !receiveMore()) return false;
+        }
+    }
+
+    // The bytes of "1b" or "00*60", or of the file behind a '@'.
+    static std::string bytesOf(const std::string &token) {
+        if (token[0] == '@') return board::readFile(token.substr(1));
+        const size_t star = token.find('*');
+        const size_t count = star == std::string::npos ? 1 : std::stoul(token.substr(star + 1));
+        return std::string(count, static_cast<char>(std::stoi(token, nullptr, 16)));
+    }
+
+    // The pieces of a line, parted by "...". A '+' fills the frame.
+    static std::vector<std::string> piecesOf(const std::string &line) {
+        std::vector<std::string> pieces(1);
+        std::istringstream tokens(line);
+        for (std::string token; !(tokens >> std::ws).eof();) {
+            const bool text = tokens.peek() == '"';
+            tokens >> std::quoted(token);
+            if (!text && token == "...") {
+                pieces.emplace_back();
+            } else if (!text && token == "+") {
+                pieces.back().resize(64, '\0');
+            } else {
+                pieces.back() += text ? token : bytesOf(token);
+            }
+        }
+        return pieces;
+    }
+
+    bool expectReply(const std::string &line) {
+        if (line == " close") return received_.empty() && !receiveMore();
+        if (line == " nothing") return !arrives(300);
+        const std::vector<std::string> pieces = piecesOf(line);
+        for (size_t i = 0; i < pieces.size(); ++i) {
+            if (!take(pieces[i], i > 0)) return false;
+        }
+        return true;
+    }
+
+    void send(const std::string &line) {
+        if (line == " reset") session().reset();
+        if (line == " reset" || line == " close") {
+            session_.reset();
+        } else {
+            session().sendBytes(piecesOf(line)[0]);
+        }
+    }
+
+    // As often as it takes: the command may not have come to wait for it yet.
+    void signalUntilReplied(int signal) {
+        for (int i = 0; i < 100 && !arrives(100); ++i) kill(service_, signal);
+    }
+
+    // The text is the next that is logged, or behind "..." a later one.
+    bool isLogged(const std::string &text) {
+        const bool later = text.starts_with(" ... ");
+        const std::string wanted = text.substr(later ? 5 : 1);
+        return board::waitFor(10, [&] {
+            const std::vector<std::string> log = board::log();
+            const size_t last = later ? log.size() : std::min(log.size(), logged_ + 1);
+            for (size_t i = logged_; i < last; ++i) {
+                if (log[i] == wanted) return logged_ = i + 1, true;
+            }
+            return false;
+        });
+    }
+
+    // The same command in a frame and as its bare text.
+    bool exchange(const std::string &line) {
+        const size_t arrow = line.find(" -> ");
+        const std::string command = line.substr(0, arrow), reply = line.substr(arrow + 4) + " +";
+        for (const char *filling : {" +", ""}) {
+            session().sendBytes(piecesOf(command + filling)[0]);
+            if (!expectReply(reply)) return false;
+        }
+        return true;
+    }
+
+    bool play(const std::string &line, const std::string &printed) {
+        const std::string rest = line.substr(1);
+        if (line[0] == '>') return send(rest), true;
+        if (line[0] == '<') return expectReply(rest);
+        if (line[0] == '!') return signalUntilReplied(rest == " SIGUSR1" ? SIGUSR1 : SIGUSR2), true;
+        if (line[0] == '=') return isLogged(rest);
+        if (line[0] != '$') return exchange(line);
+        EXPECT_EQ(board::run(". /src/tests/sessions/shell\n" + rest), printed) << line;
+        return true;
+    }
+
+    // Plays the sessions between lines that begin and end one; the rest is text.
+    void playAll(const std::string &path, const std::string &begin, const std::string &end) {
+        const board::NamedProcess telnetd("telnetd");
+        std::ifstream document(path);
+        int sessions = 0;
+        for (std::string line, printed; std::getline(document, line);) {
+            if (!line.starts_with(begin)) continue;
+            SCOPED_TRACE(path + ", session " + std::to_string(++sessions) + line.substr(begin.size()));
+            SetUp();
+            while (std::getline(document, line) && line != end) {
+                for (printed.clear(); document.peek() == '|'; printed += "\n") {
+                    std::string part;
+                    std::getline(document, part);
+                    printed += part.substr(std::min<size_t>(2, part.size()));
+                }
+                ASSERT_TRUE(play(line, printed)) << line << "\ngot " << testing::PrintToString(received_) << "\nlogged "
+                                                 << testing::PrintToString(board::log());
+            }
+            session_.reset();
+            EXPECT_NE(serviceStatus(), board::kRuns);
+        }
+        EXPECT_GT(sessions, 0);
+    }
+
+    std::optional<Session> session_;
+    std::string received_;
+    size_t logged_ = 0;  // texts of the log that have been expected
+};
+
+TEST_F(Sessions, OfTheDocument) { playAll("/src/docs/protocol.md", "```session", "```"); }
+
+TEST_F(Sessions, OfTheTests) { playAll("/src/tests/sessions/sessions", "session", ""); }
+
+class Modes : public ServiceTest {};
+
+TEST_F(Modes, UsageIsPrintedForAnythingElse) {
+    const char *const usage =
+        "fabtestd command:\n\nfabtestd [daemon | qconly | info | switch | domcheck | country | image | kernel | rootfs "
+        "| config]\n\tdaemon - normal\n\tqconly - recv packet 0x55aa & run QC Client\n\tinfo - get "
+        "Information\n\tswitch - reset switch & set QC ip\n\tdomcheck - rewrite DOMCheck\n\tmac - set mac\n"
+        "\tcountry XX - set Country\n\timage filename - write image\n\tkernel filename - write kernel\n"
+        "\trootfs filename - write rootfs\n\tconfig filename - write config\n\n\n";
+    for (const char *words : {"", "foo", "''", "'daemon '", "Daemon", "infos", "help me"}) {
+        EXPECT_EQ(board::run(std::string("fabtestd ") + words), usage);
+    }
+}
+
+TEST_F(Modes, SwitchAddressesThePorts) {
+    const std::pair<const char *, int> cases[] = {{"x 4 2 1_0", 4}, {"x 2", 2},    {"x", 0},
+                                                  {"x  1", 1},      {"x -1 2", 0}, {"x many 2", 0}};
+    for (const auto &[macArguments, ports] : cases) {
+        SetUp();
+        board::writeFile("/tmp/busybox", "");
+        configure("SYSTEM_MAC_ARGS = \"" + std::string(macArguments) + "\"\n");
+        EXPECT_EQ(board::run("fabtestd switch"), "");
+        std::vector<std::string> expected;
+        for (int i = 0; i < ports; ++i) {
+            const std::string number = std::to_string(i), network = std::to_string(i + 1);
+            expected.push_back("/sbin/ifconfig eth" + number + " 192.168." + network + ".1 > /dev/null 2>&1");
+        }
+        expected.push_back("/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &");
+        EXPECT_EQ(board::log(), expected) << macArguments;
+    }
+}
+
+TEST_F(Modes, PortChangeSwapsPairsUntilOneIsMalformed) {
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+    const std::pair<const char *, Pairs> cases[] = {{"\"lan0_lan1 lan2_lan3\"", {{"lan0", "lan1"}, {"lan2", "lan3"}}},
+                                                    {"\"lan0lan1 lan2_lan3\"", {}},
+                                                    {"\"lan0_lan1 bad lan2_lan3\"", {{"lan0", "lan1"}}},
+                                                    {"\"lan0_lan1 \"", {{"lan0", "lan1"}}},
+                                                    {"lan0_lan1_x", {{"lan0", "lan1_x"}}},
+                                                    {"\"\"", {}},
+                                                    {"", {}}};  // no key
+    for (const auto &[pairs, swapped] : cases) {
+        SetUp();
+        configure("SYSTEM_PORT_CHANGE = " + std::string(pairs) + "\n");
+        board::run("fabtestd port_change 2> /dev/null");
+        std::vector<std::string> expected;
+        for (const auto &[a, b] : swapped) {
+            const std::string rename = "/bin/ip link set dev ";
+            expected.insert(expected.end(),
+                            {"/sbin/ifconfig " + a + " down", "/sbin/ifconfig " + b + " down",
+                             rename + a + " name eth_temp", rename + b + " name " + a, rename + "eth_temp name " + b,
+                             "/sbin/ifconfig " + a + " up", "/sbin/ifconfig " + b + " up"});
+        }
+        EXPECT_EQ(board::log(), expected) << pairs;
+    }
+    configure("SYSTEM_PORT_CHANGE = wlan0_wlan1\n");
+    const std::string show = "ip -o link show wlan0 | sed 's/.*ether//'; ip -o link show wlan1 | sed 's/.*ether//'";
+    const std::string before = board::run(show);
+    board::run("fabtestd port_change");
+    const size_t half = before.find('\n') + 1;
+    EXPECT_EQ(board::run(show), before.substr(half) + before.substr(0, half)) << "the names are really swapped";
+}
+
+// Every address that is recorded is a turn of its own.
+TEST_F(Modes, AProcessThatKeepsItsTurnIsWaitedForOnce) {
+    sembuf taken = {0, 1, SEM_UNDO}, givenBack = {0, -1, SEM_UNDO};
+    const int turn = semget(kConfigurationKey, 1, IPC_CREAT | 0777);
+    ASSERT_EQ(semop(turn, &taken, 1), 0);
+    board::run("fabtestd mac 02:00:00:00:00:01");
+    EXPECT_EQ(semop(turn, &givenBack, 1), 0);
+    EXPECT_THAT(board::log(), Contains(HasSubstr("keeps its turn")).Times(1));
+    EXPECT_STREQ(RETURN_DEF_STR("PORT1_ORIG_MAC"), "02:00:00:00:00:01");
+}
+
+TEST_F(Modes, AHandlerLeavesTheErrorNumberAlone) {
+    handleResetSignals();
+    board::stopLog();
+    for (const int signal : {SIGUSR2, SIGUSR1}) {
+        errno = ERANGE;
+        raise(signal);
+        EXPECT_EQ(errno, ERANGE) << "with nobody to log to";
+        EXPECT_EQ(factoryResetFlag, signal == SIGUSR2 ? 2 : 0);
+    }
+    board::startLog();
+}
+
+class Discovery : public ServiceTest {
+protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        board::inStationNetwork([&] { link_ = station::openLink("station"); });
+        board_ = station::parseMac(board::run("ip -o link show eth0 | sed 's/.*ether //'").substr(0, 17));
+    }
+
+    // A frame from the station, filled to `size` bytes.
+    std::string frame(const Mac &destination, const std::string &etherType, size_t size = 60) const {
+        const Mac source = link_->address();
+        std::string bytes(destination.begin(), destination.end());
+        bytes.append(source.begin(), source.end());
+        return board::padded(bytes + etherType, size, '\x5A');
+    }
+
+    void startListening() {
+        start("qconly");
+        ASSERT_TRUE(board::waitForLog("wait 0x55aa"));
+    }
+
+    std::unique_ptr<station::FrameLink> link_;
+    Mac board_{};
+};
+
+TEST_F(Discovery, AnswersThreeTimesAndThenConnects) {
+    for (const size_t size : {14, 60, 1024, 1025, 1514}) {
+        for (const Mac &destination : {station::kBroadcast, board_}) {
+            SetUp();
+            station::Listener listener = listen();
+            startListening();
+            EXPECT_EQ(station::discover(*link_, destination, size, kSoon), board_) << size;
+            {
+                Session session = listener.accept(kSoon);
+                EXPECT_EQ(ask(session, "PING"), "PING 2");
+            }
+            TearDown();
+        }
+    }
+}
+
+TEST_F(Discovery, IgnoresWhatIsNotForTheBoard) {
+    startListening();
+    // Until the listener, which tells of itself first, is there.
+    const Mac third = {0x02, 0x99, 0, 0, 0, 1};
+    ASSERT_TRUE(board::waitFor(20, [&] {
+        link_->send(frame(third, "\x55\xAA"));
+        return board::waitForLog("dest mac = 02:99:00:00:00:01", 0.2);
+    }));
+    for (int i = 0; i < 2000; ++i) {
+        link_->send(frame(station::kBroadcast, "\xAA\x55"));                        // another board's answer
+        link_->send(frame(board_, "\x08\x06", 60 + static_cast<size_t>(i % 900)));  // any other traffic
+    }
+    // Long beyond the two seconds, as the service counts them, that the listener waits at once.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_THAT(board::log(), Not(Contains(HasSubstr("connecting"))));
+    EXPECT_EQ(station::discover(*link_, board_, 60, kSoon), board_);
+    ASSERT_TRUE(board::waitForLog("connecting 1"));
+    std::string mac = station::formatMac(board_);
+    for (char &c : mac) c = static_cast<char>(tolower(c));
+    EXPECT_THAT(board::log(), Contains("dest mac = " + mac).Times(1)) << "addresses are logged for requests alone";
+    EXPECT_THAT(board::log(), Not(Contains("dest mac = ff:ff:ff:ff:ff:ff")));
+    EXPECT_THAT(board::log(), testing::IsSupersetOf({"my_mac = " + mac, std::string("run_fabtestd = 1")}));
+}
+
+TEST_F(Discovery, WithoutTheInterfaceTheConnectionStartsAtOnce) {
+    board::run("ip link set eth0 down; ip link set eth0 name lan0; ip link set lan0 up");
+    station::Listener listener = listen();
+    start("qconly");
+    board::run("ip addr add 192.168.1.1/24 dev lan0 2> /dev/null || true");
+    {
+        Session session = listener.accept(kSoon);
+        // What scripts print goes nowhere, but they have an output.
+        const std::string script = "#!/bin/sh\necho printed && echo printed >&2 && echo both > /tmp/printed\n";
+        ask(session, "SHELL " + std::to_string(script.size()), script);
+        EXPECT_EQ(board::readFile("/tmp/printed"), "both\n");
+    }
+    EXPECT_THAT(board::log(), Not(Contains(HasSubstr("mac ="))));
+    board::run("ip link set lan0 down; ip link set lan0 name eth0");
+}
+
+class StationAway : public ServiceTest {};
+
+// The daemon closes descriptors 0 to 2. glibc keeps a socket for the log only while it is connected to one, so without
+// a log the connection's socket would be descriptor 0: the service then ends, and says so to nobody.
+TEST_F(StationAway, WithoutASystemLogDescriptorZeroEndsTheService) {
+    station::Listener listener = listen();
+    board::stopLog();
+    start("daemon");
+    EXPECT_NO_THROW(listener.accept(kSoon).expectClose(kSoon));
+    board::startLog();
+    EXPECT_EQ(serviceStatus(), 0);
+}
+
+// How the station is away: what is done at its end of the cable and at the board's, and how the attempts fail then.
+constexpr char kPresentStation[] =
+    "ip link set station down arp on address 02:00:00:00:00:02 up; ip addr flush dev station;"
+    "ip addr add 192.168.1.2/24 dev station; ip ntable change name arp_cache dev station retrans 5;"
+    "cd /proc/sys/net/ipv4; echo 0 > ip_forward; echo 0 > icmp_ratelimit; echo 0 > conf/station/send_redirects";
+constexpr char kPresentBoard[] =
+    "ip link set eth0 up; ip neigh flush dev eth0 nud all; ip ntable change name arp_cache dev eth0 retrans 5";
+constexpr char kNoAddress[] = "ip addr del 192.168.1.2/24 dev station";
+constexpr char kForget[] = "ip neigh flush dev eth0 nud all";
+constexpr char kKnown[] = "ip neigh replace 192.168.1.2 dev eth0 lladdr 02:00:00:00:00:02 nud permanent";
+
+TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
+    const struct {
+        const char *station, *board, *reason;
+    } cases[] = {
+        {"true", "true", "Connection refused"},
+        {kNoAddress, kKnown, "Operation now in progress"},
+        {"ip link set station arp off", kForget, "No route to host"},
+        {"ip addr flush dev station; ip addr add 192.168.1.3/24 dev station; echo 1 > /proc/sys/net/ipv4/ip_forward",
+         kKnown, "No route to host"},
+        {"ip link set station down", "true", "No route to host"},
+        {"true", "ip link set eth0 down", "Network is unreachable"},
+    };
+    const auto apply = [](const std::string &station, const std::string &board) {
+        const std::string ip = "set -e; ip() { /usr/bin/ip \"$@\"; }; ";
+        board::inStationNetwork([&] { board::run(ip + station); });
+        board::run(ip + board);
+    };
+    setenv("HURRY", "10", 1);  // the kernel's own answers come well within the limit of an attempt
+    apply(kPresentStation, kPresentBoard);
+    start("daemon");
+    for (const auto &[station, board, reason] : cases) {
+        apply(station, board);
+        const auto attempts = [] {
+            std::vector<std::string> lines = board::log();
+            std::erase_if(lines, [](const std::string &line) { return !line.starts_with("connecting "); });
+            return lines;
+        };
+        // One attempt that is under way, and two that begin like this.
+        const size_t last = attempts().size() + 6;
+        ASSERT_TRUE(board::waitFor(60, [&] { return attempts().size() > last; })) << reason;
+        const std::vector<std::string> lines = attempts();
+        for (size_t i = 0; i < last; ++i) {
+            EXPECT_EQ(lines[i].substr(0, lines[i].find(" (")), "connecting " + std::to_string(i / 2 + 1));
+            EXPECT_EQ(lines[i].find(" (") != std::string::npos, i % 2 == 1);
+        }
+        EXPECT_THAT(lines[last - 1 - last % 2], testing::EndsWith(" (" + std::string(reason) + ")"));
+        apply(kPresentStation, kPresentBoard);
+    }
+    Session session = listen().accept(kSoon);
+    EXPECT_EQ(ask(session, "PING"), "PING 2");
+}
+
+}  // namespace
