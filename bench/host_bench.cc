@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -70,8 +72,19 @@ void grepTheFile(benchmark::State &state) {
 }
 BENCHMARK(grepTheFile)->UseRealTime();
 
-// A board that answers at once, so that it is the station that is measured.
-void serveAsBoard(uint16_t port, int commands) {
+// Takes so many bytes and looks at none.
+bool takePayload(int board, size_t bytes) {
+    std::vector<char> part(size_t{1} << 18);
+    while (bytes > 0) {
+        const ssize_t received = recv(board, part.data(), std::min(part.size(), bytes), 0);
+        if (received <= 0) return false;
+        bytes -= static_cast<size_t>(received);
+    }
+    return true;
+}
+
+// A board that answers at once, so that it is the station that is measured. Behind each command comes a payload.
+void serveAsBoard(uint16_t port, int commands, size_t payload) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -79,7 +92,8 @@ void serveAsBoard(uint16_t port, int commands) {
     const station::Socket board(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (connect(board.descriptor(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return;
     char frame[station::kFrame];
-    while (commands-- > 0 && recv(board.descriptor(), frame, sizeof frame, MSG_WAITALL) == sizeof frame) {
+    while (commands-- > 0 && recv(board.descriptor(), frame, sizeof frame, MSG_WAITALL) == sizeof frame &&
+           takePayload(board.descriptor(), payload)) {
         memset(frame, 0, sizeof frame);
         memcpy(frame, "OK", 2);
         if (send(board.descriptor(), frame, sizeof frame, MSG_NOSIGNAL) < 0) return;
@@ -93,35 +107,51 @@ class Nobody : public station::Operator {
     }
 };
 
-// Sessions of ten commands on so many boards at once.
-void sessions(benchmark::State &state) {
-    constexpr int kCommands = 10;
-    const int boards = static_cast<int>(state.range(0));
+// Sessions of so many steps on so many boards at once, through the whole line.
+void runLine(benchmark::State &state, int boards, const station::Step &step, int steps) {
     const auto job = std::make_shared<station::Job>();
-    station::Step step;
-    step.send = "PING";
-    step.expected.text = "OK";
     job->plan.probe = false;
-    job->plan.steps.assign(kCommands, step);
+    job->plan.steps.assign(static_cast<size_t>(steps), step);
+    const size_t payload = step.file ? step.file->bytes->size() : 0;
     std::vector<station::Place> places;
     for (int i = 1; i <= boards; ++i) places.push_back({i, std::to_string(i)});
-    station::Listener listener("127.0.0.1", 0);
     station::Observer silent;
     station::Records none;
     const station::Stop stop;
     Nobody nobody;
     while (state.KeepRunning()) {
+        station::Listener listener("127.0.0.1", 0);
         std::vector<std::thread> threads;
         threads.reserve(static_cast<size_t>(boards));
-        for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), kCommands);
+        for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), steps, payload);
         station::Line line(listener, places, false, job, {silent, none, stop, nobody});
         const station::Outcome outcome = line.run(boards, station::Milliseconds(10000));
         if (outcome.runs != boards || outcome.failed > 0) state.SkipWithError("a session failed");
         for (std::thread &thread : threads) thread.join();
     }
     state.SetItemsProcessed(state.iterations() * boards);
+    state.SetBytesProcessed(state.iterations() * boards * static_cast<int64_t>(payload));
 }
-BENCHMARK(sessions)->Arg(1)->Arg(16)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+station::Step stepOf(const std::string &command) {
+    station::Step step;
+    step.send = command;
+    step.expected.text = "OK";
+    return step;
+}
+
+void sessions(benchmark::State &state) { runLine(state, static_cast<int>(state.range(0)), stepOf("PING"), 10); }
+BENCHMARK(sessions)->Arg(1)->Arg(16)->Arg(64)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// Beside it, in the same run, scripts/bench has iperf3 send as much over as many connections.
+void uploads(benchmark::State &state) {
+    const auto bytes = std::make_shared<const std::string>(size_t{8} << 20, 'k');
+    station::Step step = stepOf("FW KERNEL 8388608");
+    step.timeout = std::chrono::seconds(60);
+    step.file = station::Payload{"kernel.bin", bytes, ""};
+    runLine(state, static_cast<int>(state.range(0)), step, 1);
+}
+BENCHMARK(uploads)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -79,6 +79,7 @@ Outcome Line::work() {
     while (!over()) {
         await();
         look();
+        adoptJob();
         for (Arrival &board : door_.tend()) place(std::move(board));
         collectEnded();
         startWaiting();
@@ -216,12 +217,16 @@ bool Line::start(Seat &seat) {
     return false;
 }
 
+void Line::adoptJob() {
+    const std::lock_guard lock(mutex_);
+    door_.setProbe(job_->plan.probe);
+}
+
 void Line::collectEnded() {
     std::vector<Seat *> ended;
     {
         const std::lock_guard lock(mutex_);
         ended.swap(ended_);
-        door_.setProbe(job_->plan.probe);
     }
     for (Seat *const seat : ended) {
         seat->busy = false;
@@ -303,6 +308,7 @@ bool Line::begin(const RunRecord &run) {
 
 RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
     run.failure = runHook(job.before, run);
+    if (!run.failure.empty()) run.failure.insert(0, "before: ");
     if (run.failure.empty()) {
         run = runPlan(seat, job.plan, std::move(run), context_);
     } else {
@@ -310,7 +316,7 @@ RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
     }
     run.end = WallClock::now();
     const std::string failure = runHook(job.after, run);
-    if (!failure.empty()) run.failure += (run.failure.empty() ? "" : "; ") + failure;
+    if (!failure.empty()) run.failure += (run.failure.empty() ? "after: " : "; after: ") + failure;
     return run;
 }
 

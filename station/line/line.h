@@ -69,6 +69,7 @@ private:
     bool mayStart(const Seat &seat) const;
     void startWaiting();
     bool start(Seat &seat);
+    void adoptJob();
     void collectEnded();
     void watchCables();
     void missBoards();
