@@ -280,6 +280,9 @@ link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)"
     wireTotal = 3;
     add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
+    wireTotal = 9;
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "slow_ethtool_0");
+    EXPECT_THAT(report(0), HasSubstr(row(9, "XXX"))) << "a port without an entry";
 }
 
 // Another process puts records in front of the list's while the first switch is asked: the second port fails as before.

@@ -1,6 +1,7 @@
 // The shell runner, processes, files and connections.
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -18,6 +19,18 @@
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 using testing::ElementsAre, testing::IsEmpty, testing::UnorderedElementsAre;
+
+// Every other write is interrupted by a signal, with nothing written; and directories can be made unreadable.
+extern "C" ssize_t __real_write(int file, const void *data, size_t length);
+extern "C" ssize_t __wrap_write(int file, const void *data, size_t length) {
+    static int writes = 0;
+    errno = EINTR;
+    return ++writes % 2 == 0 ? -1 : __real_write(file, data, length);
+}
+
+bool unreadable = false;
+extern "C" DIR *__real_opendir(const char *path);
+extern "C" DIR *__wrap_opendir(const char *path) { return unreadable ? nullptr : __real_opendir(path); }
 
 namespace {
 
@@ -82,6 +95,12 @@ TEST_F(System, FilesAreCopiedWithModesAndTimes) {
     EXPECT_FALSE(fs::is_symlink("/tmp/link")) << "it is replaced";
     my_cp("/tmp/to/kept", "/tmp/to/kept");
     EXPECT_EQ(board::readFile("/tmp/to/kept"), "old");
+    unreadable = true;
+    my_cp("/tmp/from", "/tmp/copied");
+    my_rm("/tmp/to");
+    EXPECT_TRUE(fs::is_empty("/tmp/copied") && board::exists("/tmp/to/kept")) << "nothing is in them";
+    EXPECT_EQ(my_procisrun("syslogd"), -1);
+    unreadable = false;
     EXPECT_THAT(board::log(), IsEmpty()) << "no shell was needed";
     for (auto *operation : {my_cp, my_mv}) {
         operation(nullptr, "/tmp/x");
