@@ -95,6 +95,13 @@ protected:
         return right;
     }
 
+    static std::vector<std::string> listedCalls() {
+        std::ifstream list("/var/calls");
+        std::vector<std::string> calls;
+        for (std::string call; list >> call;) calls.push_back(call);
+        return calls;
+    }
+
     // Each byte is as it was, erased, or what the session writes there; or that on top of what could not be erased.
     static void expectNothingElseOnTheFlash() {
         for (const int number : {2, 3, 5}) {
@@ -121,9 +128,7 @@ class EveryCall : public Faults, public testing::WithParamInterface<size_t> {};
 TEST_P(EveryCall, MayFailOnce) {
     setenv("LIST_CALLS", "/var/calls", 1);
     EXPECT_EQ(runService(kSoon), everyCommand().size()) << "without a fault";
-    std::vector<std::string> calls;
-    std::ifstream list("/var/calls");
-    for (std::string call; list >> call;) calls.push_back(call);
+    const std::vector<std::string> calls = listedCalls();
     EXPECT_GT(calls.size(), 90U);
     for (size_t i = GetParam(); i < calls.size(); i += kShards) {
         SetUp();
@@ -136,6 +141,15 @@ TEST_P(EveryCall, MayFailOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, EveryCall, testing::Range<size_t>(0, kShards));
+
+// What the service never does.
+TEST_F(Faults, EveryCallOfThePortChangeMayFailOnce) {
+    configure("SYSTEM_PORT_CHANGE = lan0_lan1\n");
+    board::run("LIST_CALLS=/var/calls fabtestd port_change 2> /dev/null");
+    EXPECT_GT(listedCalls().size(), 10U);
+    for (const std::string &call : listedCalls())
+        board::run("FAIL_CALL=" + call + " fabtestd port_change 2> /dev/null");
+}
 
 // The station goes at every step of the session: before the reply, in the middle of the payload, or after the reply.
 // The file that the payload goes to holds what was sent, and the command is carried out with that.
