@@ -1,6 +1,7 @@
 #pragma once
 // Where runs are recorded: files, a store, or both.
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,6 +19,8 @@ struct RecordsError : std::runtime_error {
 class Records {
 public:
     virtual ~Records() = default;
+    // Where to say what a person should look at, from any thread; nowhere at first.
+    virtual void tell(std::function<void(const std::string &)> /*trouble*/) {}
     // Why no new board may be taken now; empty: it may. Asked before a board is taken, and every second while it says
     // no: what waited to be written is tried again.
     virtual std::string away() { return {}; }

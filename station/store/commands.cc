@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "station/line/results.h"
 #include "station/store/database.h"
+#include "station/store/load.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
 
@@ -180,6 +182,15 @@ void printSummary(Options &options, Database &database) {
     print(options.format, sections);
 }
 
+// One after the other, so that a million of them take no room.
+void exportRuns(Options &options, Database &database) {
+    prepareResults(options.what);
+    const std::vector<std::string> names =
+        options.values.empty() ? runNames(database, options.period()) : options.values;
+    for (const std::string &name : names) writeResult(options.what, loadRun(database, name));
+    fmt::print("{} runs written to {}\n", names.size(), options.what);
+}
+
 // ---- how they are called
 
 std::unique_ptr<Database> open(const std::string &store, Database::Missing missing) {
@@ -261,6 +272,10 @@ void addStoreCommands(CLI::App &app) {
     commands.addPeriod(runs);
     runs->add_flag("--failed", options.failed, "Failed ones only");
     runs->add_option("--limit", options.limit, "So many, the newest; 0 for all")->capture_default_str();
+    CLI::App *const exported = commands.add(app, "export", "Write runs as files: JSON, a log, JUnit's XML", exportRuns);
+    exported->add_option("folder", options.what, "Where to")->required();
+    exported->add_option("runs", options.values, "Their names; else all of the period");
+    commands.addPeriod(exported);
     CLI::App *const summary =
         commands.addQuestion(app, "summary", "Yield, cycle time, failures, measured values", printSummary);
     commands.addPeriod(summary);

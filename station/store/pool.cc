@@ -312,6 +312,13 @@ int64_t retire(Database &database, const std::string &name, const std::string &v
     return retired;
 }
 
+std::set<std::string> poolNames(const std::string &store) {
+    Database database(store, Database::Missing::kIsAnError);
+    std::set<std::string> names;
+    for (const auto &row : database.ask("SELECT name FROM pools").rows) names.insert(*row[0]);
+    return names;
+}
+
 Table listPools(Database &database) {
     Table list{{"pool", "first", "last", "given", "left", "retired", "low"}, {}};
     const Table ranges =

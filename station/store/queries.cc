@@ -23,7 +23,7 @@ constexpr const char *kRuns =
 // The median and the 90th percentile are the nearest ranks. A final verdict is the last one of a unit and plan.
 constexpr const char *kYields = R"(
 WITH ended AS (
-    SELECT {group} AS part, coalesce(r.unit, -r.id) AS unit, r.plan, r.started, r.seconds, r.attempt,
+    SELECT {group} AS part, r.id, coalesce(r.unit, -r.id) AS unit, r.plan, r.started, r.seconds, r.attempt,
            CASE r.verdict WHEN 'passed' THEN 1 ELSE 0 END AS passed,
            CASE r.verdict WHEN 'interrupted' THEN 1 ELSE 0 END AS interrupted
     FROM runs r JOIN stations s ON s.id = r.station
@@ -31,7 +31,7 @@ WITH ended AS (
 ranked AS (
     SELECT ended.*, count(*) OVER (PARTITION BY part, interrupted) AS runs,
            row_number() OVER (PARTITION BY part, interrupted ORDER BY seconds) AS rank,
-           row_number() OVER (PARTITION BY part, interrupted, unit, plan ORDER BY started DESC) AS back
+           row_number() OVER (PARTITION BY part, interrupted, unit, plan ORDER BY started DESC, id DESC) AS back
     FROM ended)
 SELECT part AS {name},
        count(DISTINCT CASE WHEN interrupted = 0 THEN unit END) AS units,
@@ -96,14 +96,14 @@ std::string inStoreForm(const std::string &value) {
 
 std::vector<Section> showUnit(Database &database, const Value &unit) {
     return {{"unit", database.ask("SELECT u.serial, u.product, u.first_seen, u.last_seen, (SELECT r.verdict FROM runs r"
-                                  " WHERE r.unit = u.id ORDER BY r.started DESC LIMIT 1) AS verdict"
+                                  " WHERE r.unit = u.id ORDER BY r.started DESC, r.id DESC LIMIT 1) AS verdict"
                                   " FROM units u WHERE u.id = $1",
                                   {unit})},
             {"given", database.ask("SELECT p.name AS pool, b.value, r.run, b.bound FROM pool_rows b"
                                    " JOIN pools p ON p.id = b.pool JOIN runs r ON r.id = b.run WHERE b.unit = $1"
                                    " ORDER BY p.name, b.id",
                                    {unit})},
-            {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started", {unit})}};
+            {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started, r.id", {unit})}};
 }
 
 std::vector<Section> showRun(Database &database, const Value &run) {

@@ -59,9 +59,26 @@ auto asRecordsError(Call &&call) {
 
 }  // namespace
 
-StoreRecords::StoreRecords(const std::string &store, const std::filesystem::path &spool, Writer::Trouble trouble)
-    : trouble_(std::move(trouble)),
-      writer_(asRecordsError([&] { return takeSpools(spool); }), store, hostName(), trouble_) {}
+StoreRecords::StoreRecords(const std::string &store, const std::filesystem::path &spool,
+                           std::unique_ptr<Records> beside)
+    : beside_(std::move(beside)),
+      writer_(asRecordsError([&] { return takeSpools(spool); }), store, hostName(),
+              [this](const std::string &trouble) { say(trouble); }) {}
+
+std::string StoreRecords::away() {
+    const std::string why = writer_.away();
+    return why.empty() ? beside_->away() : why;
+}
+
+void StoreRecords::tell(std::function<void(const std::string &)> trouble) {
+    const std::lock_guard lock(mutex_);
+    trouble_ = std::move(trouble);
+}
+
+void StoreRecords::say(const std::string &trouble) {
+    const std::lock_guard lock(mutex_);
+    if (trouble_) trouble_(trouble);
+}
 
 // The unit, which may become known at any time of a run, and the run as it is now.
 Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict) const {
@@ -94,6 +111,7 @@ void StoreRecords::begins(const RunRecord &run) {
             throw;
         }
     });
+    beside_->begins(run);
 }
 
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
@@ -106,7 +124,7 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
             *given = take(database, pool, serial, run.id, count);
         });
     });
-    if (given->low) trouble_(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
+    if (given->low) say(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
     return given->values;
 }
 
@@ -114,6 +132,7 @@ void StoreRecords::stepEnded(const RunRecord &run, size_t step) {
     Statements statements;
     addStep(statements, run, step);
     writer_.later(std::move(statements));
+    beside_->stepEnded(run, step);
 }
 
 void StoreRecords::ends(const RunRecord &run) {
@@ -123,6 +142,7 @@ void StoreRecords::ends(const RunRecord &run) {
         if (run.steps[i].verdict == Verdict::kNotRun) addStep(statements, run, i);
     }
     asRecordsError([&] { writer_.keep(std::move(statements)); });
+    beside_->ends(run);
 }
 
 std::filesystem::path defaultSpool(const std::string &store) {

@@ -2,6 +2,9 @@
 // The records of a line in a store.
 
 #include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,11 +16,12 @@ namespace station {
 // Every failure is a RecordsError.
 class StoreRecords : public Records {
 public:
-    // `store`: a file of SQLite or postgresql://...; `spool`: a folder of this machine; `trouble` is told, from any
-    // thread, what a person should look at. A store that is away is no error.
-    StoreRecords(const std::string &store, const std::filesystem::path &spool, Writer::Trouble trouble);
+    // `store`: a file of SQLite or postgresql://...; `spool`: a folder of this machine; `beside`: what else is recorded
+    // to, after the store. A store that is away is no error.
+    StoreRecords(const std::string &store, const std::filesystem::path &spool, std::unique_ptr<Records> beside);
 
-    std::string away() override { return writer_.away(); }
+    std::string away() override;
+    void tell(std::function<void(const std::string &)> trouble) override;
     void begins(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
     void stepEnded(const RunRecord &run, size_t step) override;
@@ -26,7 +30,11 @@ public:
 private:
     Statements runOf(const RunRecord &run, const std::string &verdict) const;
 
-    const Writer::Trouble trouble_;
+    void say(const std::string &trouble);
+
+    const std::unique_ptr<Records> beside_;
+    std::mutex mutex_;
+    std::function<void(const std::string &)> trouble_;
     Writer writer_;
 };
 

@@ -15,7 +15,8 @@ namespace {
 using json = nlohmann::json;
 using std::chrono::seconds;
 
-constexpr seconds kHeartbeat{5};         // the store is written to so often when there is nothing to write
+constexpr seconds kHeartbeat{5};  // the store is written to so often when there is nothing to write
+constexpr std::chrono::milliseconds kPause{2};
 constexpr seconds kRetry{1};             // between two attempts to reach a store that is away
 constexpr seconds kPatience{10};         // after which a store is away that neither works nor fails
 constexpr std::chrono::hours kGone{24};  // a station that was not seen for so long runs nothing any more
@@ -161,6 +162,8 @@ void Writer::loop() {
         lock.lock();
         busySince_ = Clock::time_point::max();
         inHand_.clear();
+        // Stations that share a file have their turns in the pauses, and what comes meanwhile shares a transaction.
+        changed_.wait_for(lock, kPause, [&] { return stopping_; });
     } while (!stopping_ || !queue_.empty());
 }
 

@@ -1,0 +1,108 @@
+#include "station/store/load.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+namespace station {
+namespace {
+
+std::string textOf(const Value &value) { return value.value_or(""); }
+double numberOf(const Value &value) { return value ? std::strtod(value->c_str(), nullptr) : 0; }
+std::optional<double> limitOf(const Value &value) { return value ? std::optional(numberOf(value)) : std::nullopt; }
+
+std::chrono::milliseconds secondsOf(const Value &value) {
+    return std::chrono::milliseconds(std::llround(numberOf(value) * 1000));
+}
+
+// What isoTime() has written.
+WallClock::time_point timeOf(const Value &value) {
+    std::tm date{};
+    const char *const rest = value ? ::strptime(value->c_str(), "%Y-%m-%dT%H:%M:%S", &date) : nullptr;
+    if (!rest) return {};
+    return WallClock::from_time_t(::timegm(&date)) + secondsOf("0" + std::string(rest, ::strcspn(rest, "Z")));
+}
+
+Verdict verdictOf(const Value &value) {
+    for (const Verdict verdict : {Verdict::kPassed, Verdict::kFailed}) {
+        if (value == textOf(verdict)) return verdict;
+    }
+    return Verdict::kNotRun;
+}
+
+void loadSteps(Database &database, const Value &key, RunRecord &run) {
+    const Table steps = database.ask(
+        "SELECT title, verdict, reply, cut, failure, hint, started_after, seconds, attempts FROM steps WHERE run = $1"
+        " ORDER BY step",
+        {key});
+    for (const auto &row : steps.rows) {
+        StepResult &step = run.steps.emplace_back();
+        step.title = textOf(row[0]);
+        step.verdict = verdictOf(row[1]);
+        step.reply = textOf(row[2]);
+        step.cut = uint64_t(numberOf(row[3]));
+        step.failure = textOf(row[4]);
+        step.hint = textOf(row[5]);
+        step.offset = secondsOf(row[6]);
+        step.duration = secondsOf(row[7]);
+        step.attempts = int(numberOf(row[8]));
+    }
+}
+
+void loadMeasurements(Database &database, const Value &key, RunRecord &run) {
+    const Table found = database.ask("SELECT step, name, value, minimum, maximum, unit, verdict FROM measurements "
+                                     "WHERE run = $1 ORDER BY step, name",
+                                     {key});
+    for (const auto &row : found.rows) {
+        const auto step = size_t(numberOf(row[0]));
+        if (step == 0 || step > run.steps.size()) continue;
+        run.steps[step - 1].measurements.push_back(
+            {textOf(row[1]), numberOf(row[2]), limitOf(row[3]), limitOf(row[4]), textOf(row[5]), row[6] == "passed"});
+    }
+}
+
+bool isOfStep(const RunRecord &run, const std::string &failure) {
+    for (const StepResult &step : run.steps) {
+        if (step.verdict == Verdict::kFailed && step.failure == failure) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::vector<std::string> runNames(Database &database, const Period &period) {
+    std::vector<std::string> names;
+    const Table runs = listRuns(database, {.period = period, .failed = false, .limit = 0});
+    for (const auto &row : runs.rows) {
+        if (row[7] != "running") names.push_back(textOf(row[0]));
+    }
+    return names;
+}
+
+RunRecord loadRun(Database &database, const std::string &name) {
+    const Table found = database.ask(
+        "SELECT r.id, r.plan, r.place, r.place_name, r.peer, u.serial, r.started, r.ended, r.variables, r.failure,"
+        " r.verdict FROM runs r LEFT JOIN units u ON u.id = r.unit WHERE r.run = $1",
+        {name});
+    if (found.empty()) throw Refusal(fmt::format("the store knows no run \"{}\"", name));
+    const auto &row = found.rows[0];
+    RunRecord run;
+    run.id = name;
+    run.plan = textOf(row[1]);
+    run.place = {int(numberOf(row[2])), textOf(row[3])};
+    run.peer = textOf(row[4]);
+    run.unit = textOf(row[5]);
+    run.start = timeOf(row[6]);
+    run.end = row[7] ? timeOf(row[7]) : run.start;  // nobody saw the end of an interrupted one
+    run.variables = nlohmann::json::parse(textOf(row[8])).get<std::map<std::string, std::string>>();
+    run.interrupted = row[10] == "interrupted";
+    loadSteps(database, row[0], run);
+    loadMeasurements(database, row[0], run);
+    if (!isOfStep(run, textOf(row[9]))) run.failure = textOf(row[9]);
+    return run;
+}
+
+}  // namespace station
