@@ -1,0 +1,126 @@
+// What a store costs that remembers a million runs: questions, and boards that are recorded.
+// usage: store_bench STORE [RUNS]      an empty one, or one that this has filled
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "station/store/pool.h"
+#include "station/store/queries.h"
+#include "station/store/store_records.h"
+
+namespace station {
+namespace {
+
+constexpr int kRunsADay = 10000;
+
+// A hundred days of three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
+void fill(Database &database, int runs) {
+    const std::string counted = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i + 1 < CAST($1 AS BIGINT)) ";
+    const auto two = [](const std::string &value) {
+        return fmt::format("substr(CAST(100 + {} AS TEXT), 2, 2)", value);
+    };
+    const std::string day = fmt::format("(i / {})", kRunsADay), second = fmt::format("(i % {} * 8)", kRunsADay);
+    const std::string started = fmt::format(
+        "'2026-' || {} || '-' || {} || 'T' || {} || ':' || {} || ':' || {} || '.000Z'", two("1 + " + day + " / 10"),
+        two("1 + " + day + " % 10"), two(second + " / 3600"), two(second + " % 3600 / 60"), two(second + " % 60"));
+    const std::vector<std::string> parts = {
+        "INSERT INTO units (id, serial, first_seen, last_seen) SELECT i + 1, 'U' || i, '2026', '2026' FROM n",
+        "INSERT INTO runs (id, run, unit, plan, station, place, place_name, started, ended, seconds, verdict, attempt,"
+        " failed_step, variables) SELECT i + 1, 'R' || i, i - i % 10 / 9 + 1, 'line', 1, i % 16, 'place ' || (i % "
+        "16), " +
+            started + ", " + started +
+            ", 60 + i * 79 % 4000 / 100.0, CASE i % 20 WHEN 0 THEN 'failed' ELSE 'passed' END,"
+            " 1 + i % 10 / 9, CASE i % 20 WHEN 0 THEN 'step ' || (i % 7) END, '{}' FROM n",
+        "INSERT INTO steps (run, step, title, verdict, reply, cut, started_after, seconds, attempts)"
+        " SELECT i / 3 + 1, i % 3 + 1, 'step ' || (i % 3), 'passed', 'OK', 0, i % 3, 1, 1 FROM n",
+        "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict)"
+        " SELECT i / 2 + 1, 1, 'volts ' || (i % 2), 2 + i % 101 / 200.0, 1, 3, 'V', 'passed' FROM n",
+        "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) SELECT 1, '02:00:00:' || " +
+            two("i / 10000") + " || ':' || " + two("i / 100 % 100") + " || ':' || " + two("i % 100") +
+            ", i, i + 1, i + 1, '2026', 0 FROM n"};
+    const int rows[] = {runs, runs, 3 * runs, 2 * runs, runs};
+    database.run("INSERT INTO stations (id, name, key, seen) VALUES (1, 'bench', 'bench', '2026')");
+    database.run("INSERT INTO pools (id, name, kind, low) VALUES (1, 'old', 'addresses', 0)");
+    database.transact([&] {
+        for (size_t i = 0; i < parts.size(); ++i) {
+            const std::string sql = parts[i];
+            database.run(sql.substr(0, sql.find(" SELECT ")) + " " + counted + sql.substr(sql.find(" SELECT ") + 1),
+                         {number(rows[i])});
+        }
+    });
+    database.run("ANALYZE");
+}
+
+// The median of eleven, in milliseconds.
+void report(const std::string &name, const std::function<void()> &call) {
+    std::vector<double> times;
+    for (int i = 0; i < 11; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        call();
+        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    }
+    std::sort(times.begin(), times.end());
+    fmt::print("{:40} {:9.2f} ms\n", name, times[5]);
+    std::fflush(stdout);
+}
+
+// One board's records: its row, four addresses, ten steps, its verdict.
+void record(StoreRecords &records, int board) {
+    RunRecord run;
+    run.start = run.end = WallClock::now();
+    run.id = makeRunId(run.start);
+    run.plan = "bench";
+    run.place = {board, "bench"};
+    run.unit = run.id;
+    run.steps.resize(10);
+    for (StepResult &step : run.steps) step.title = "PING", step.verdict = Verdict::kPassed;
+    records.begins(run);
+    records.bind("bench", run, 4);
+    for (size_t i = 0; i < run.steps.size(); ++i) records.stepEnded(run, i);
+    records.ends(run);
+}
+
+void recordBoards(StoreRecords &records, int boards) {
+    std::vector<std::jthread> all;
+    for (int i = 1; i <= boards; ++i) all.emplace_back([&records, i] { record(records, i); });
+}
+
+void bench(const std::string &store, int runs) {
+    Database database(store);
+    if (database.ask("SELECT id FROM runs LIMIT 1").empty()) {
+        fill(database, runs);
+        addRange(database, "bench", "06:00:00:00:00:00", "06:00:00:FF:FF:FF", 0);
+    }
+    const Period day{"2026-05-05", "2026-05-06"};
+    report("show SERIAL", [&] { show(database, "U123456"); });
+    report("show ADDRESS", [&] { show(database, "02:00:00:12:34:56"); });
+    report("show RUN", [&] { show(database, "R123456"); });
+    report("runs --failed, the newest 100", [&] { listRuns(database, {.period = {}, .failed = true}); });
+    report("summary of a day, all three tables", [&] {
+        yields(database, day, By::kAll);
+        failuresByStep(database, day);
+        measuredValues(database, day);
+    });
+    report("summary of a day --by hour", [&] { yields(database, day, By::kHour); });
+    report("summary of a day --by value", [&] { measuredValues(database, day); });
+    StoreRecords records(store, defaultSpool(store), std::make_unique<Records>());
+    report("records of a board", [&] { record(records, 1); });
+    report("records of 64 boards at once", [&] { recordBoards(records, 64); });
+}
+
+}  // namespace
+}  // namespace station
+
+int main(int argc, char **argv) try {
+    if (argc < 2) throw std::runtime_error("usage: store_bench STORE [RUNS]");
+    station::bench(argv[1], argc > 2 ? std::stoi(argv[2]) : 1'000'000);
+} catch (const std::exception &error) {
+    fmt::print(stderr, "{}\n", error.what());
+    return 1;
+}
