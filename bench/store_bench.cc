@@ -21,7 +21,8 @@ constexpr int kRunsADay = 10000;
 
 // A hundred days of three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
 void fill(Database &database, int runs) {
-    const std::string counted = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i + 1 < CAST($1 AS BIGINT)) ";
+    const std::string counted =
+        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i + 1 < CAST($1 AS BIGINT)) ";
     const auto two = [](const std::string &value) {
         return fmt::format("substr(CAST(100 + {} AS TEXT), 2, 2)", value);
     };

@@ -18,6 +18,8 @@
 #include "station/line/line_file.h"
 #include "station/line/results.h"
 #include "station/line/signals.h"
+#include "station/store/pool.h"
+#include "station/store/store_records.h"
 #include "station/wire/discovery.h"
 
 namespace station {
@@ -40,6 +42,7 @@ struct RunOptions {
     std::vector<std::string> interfaces;
     int boards = 0;       // 0: one, or one an interface
     std::string results;  // folder; empty: none
+    std::string store;    // a database's file or URL; empty: none
     bool json = false;    // events instead of the display
     Discovery discovery;
 
@@ -83,6 +86,15 @@ void makeRoom() {
     setrlimit(RLIMIT_NOFILE, &files);
 }
 
+// Has the records say their troubles where everything is said, for as long as there is such a place.
+struct Telling {
+    Telling(Records &all, Observer &observer) : records(all) {
+        records.tell([&observer](const std::string &trouble) { observer.trouble(trouble); });
+    }
+    ~Telling() { records.tell({}); }
+    Records &records;
+};
+
 // Works as long as `task` has the line do. At SIGHUP `reload` has a new job, or none.
 Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
              const std::function<std::shared_ptr<const Job>(Observer &)> &reload = {}) {
@@ -98,6 +110,7 @@ Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
     Operator &people = stage.json ? static_cast<Operator &>(nobody) : *display;
     Stop stop;
     Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people});
+    const Telling telling(stage.records, observers);
     const Signals signals({[&] {
                                stop.request();
                                line.wake();
@@ -124,9 +137,10 @@ int exitCodeOf(const Outcome &outcome) {
     return outcome.failed > 0 ? kFailed : kPassed;
 }
 
-std::unique_ptr<Records> recordsIn(const std::string &folder) {
-    if (folder.empty()) return std::make_unique<Records>();
-    return std::make_unique<FileRecords>(folder);
+std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store) {
+    auto files = folder.empty() ? std::make_unique<Records>() : std::make_unique<FileRecords>(folder);
+    if (store.empty()) return files;
+    return std::make_unique<StoreRecords>(store, defaultSpool(store), std::move(files));
 }
 
 std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boards) {
@@ -138,13 +152,13 @@ std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boar
 
 int run(RunOptions options) {
     const auto job = std::make_shared<Job>();
-    job->plan = loadPlan(options.plan, options.files);
+    job->plan = loadPlan(options.plan, options.files, {{}, poolNames(options.store)});
     const int interfaces = static_cast<int>(options.interfaces.size());
     if (options.boards == 0) options.boards = std::max(interfaces, 1);
     if (interfaces > 0 && options.boards > interfaces) {
         throw CLI::ValidationError("--boards", fmt::format("{} boards need as many interfaces", options.boards));
     }
-    const auto records = recordsIn(options.results);
+    const auto records = recordsIn(options.results, options.store);
     if (!options.discovery.link.empty()) discover(options.discovery, options.said());
     Listener listener(options.address, options.port, options.interfaces);
     fmt::print(options.said(), "plan {}: {} steps, waiting for {} on {}:{}\n", job->plan.name, job->plan.steps.size(),
@@ -171,7 +185,7 @@ std::shared_ptr<const Job> jobOf(const LineFile &line) {
 
 // What boards get that come from now on. A new file that is wrong is reported, and the old one stays.
 std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, Observer &observer) try {
-    const LineFile line = loadLine(path);
+    const LineFile line = loadLine(path, poolNames);
     if (!line.sameStation(old)) observer.trouble(path + ": address, places and records change at the next start only");
     return jobOf(line);
 } catch (const std::exception &error) {
@@ -181,8 +195,8 @@ std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, 
 
 int serve(const std::string &path, bool json) {
     FILE *const said = json ? stderr : stdout;
-    const LineFile line = loadLine(path);
-    const auto records = recordsIn(line.results.string());
+    const LineFile line = loadLine(path, poolNames);
+    const auto records = recordsIn(line.results.string(), line.store);
     Listener listener(line.address, line.port, line.interfaces());
     fmt::print(said, "line {}: {} places, plan {}, waiting for boards on {}:{}\n", path, line.places.size(),
                line.plan.name, line.address, listener.port());
@@ -225,6 +239,7 @@ void addRun(CLI::App &app, int &status) {
     command->add_option("--boards", options->boards, "Number of boards, each at its place; one, or one an interface")
         ->check(CLI::Range(1, 1000));
     command->add_option("--results", options->results, "Folder for a JSON file, a log and a JUnit XML file a board");
+    command->add_option("--store", options->store, "Record to this store too: a file of SQLite, or postgresql://...");
     addJson(command, options->json);
     command->add_option("--listen", options->address, "Address to listen on")->capture_default_str();
     command->add_option("--port", options->port, "TCP port to listen on")->capture_default_str();

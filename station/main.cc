@@ -14,13 +14,15 @@
 #include "station/line/records.h"
 #include "station/line_commands.h"
 #include "station/store/commands.h"
+#include "station/store/pool.h"
 #include "station/wire/listener.h"
 
 namespace {
 
-void check(const std::string &path, const std::string &files) {
+void check(const std::string &path, const std::string &files, const std::string &store) {
     const bool line = station::isLineFile(path);
-    const station::Plan plan = line ? station::loadLine(path).plan : station::loadPlan(path, files);
+    const station::Plan plan = line ? station::loadLine(path, station::poolNames).plan
+                                    : station::loadPlan(path, files, {{}, station::poolNames(store)});
     if (!plan.warnings.empty()) fmt::print("{}\n", plan.warnings);
     fmt::print("{}plan {}: {} steps, no faults\n", line ? "line " + path + ": " : "", plan.name, plan.steps.size());
 }
@@ -29,9 +31,11 @@ void addCheck(CLI::App &app) {
     CLI::App *const command =
         app.add_subcommand("check", "Find every fault of a plan or a line's file, without a board");
     const auto path = std::make_shared<std::string>(), files = std::make_shared<std::string>();
+    const auto store = std::make_shared<std::string>();
     command->add_option("plan", *path, "The plan, or the line's file")->required();
     command->add_option("--files", *files, "Folder of the plan's files, instead of its own");
-    command->callback([=] { check(*path, *files); });
+    command->add_option("--store", *store, "The store of whose pools the plan takes; a line's file says it itself");
+    command->callback([=] { check(*path, *files, *store); });
 }
 
 int complain(int code, const std::exception &error, const char *name = "qcstation: ") {
@@ -62,6 +66,10 @@ int main(int argc, char **argv) try {
 } catch (const station::ListenError &error) {
     return complain(station::kCannotListen, error);
 } catch (const station::RecordsError &error) {
+    return complain(station::kCannotWrite, error);
+} catch (const station::Refusal &error) {
+    return complain(station::kFailed, error);
+} catch (const station::StoreError &error) {
     return complain(station::kCannotWrite, error);
 } catch (const std::system_error &error) {
     return complain(station::kCannotWrite, error);

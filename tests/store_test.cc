@@ -102,6 +102,7 @@ RunRecord runOf(const std::string &serial) {
 void endSteps(Records &records, RunRecord &run, std::vector<Verdict> verdicts, double volts = 2) {
     for (size_t i = 0; i < verdicts.size(); ++i) {
         run.steps[i].verdict = verdicts[i];
+        run.steps[i].title += " of " + run.unit;  // its variables filled in
         run.steps[i].reply = std::string("no \xFF text\0", 10);
         run.steps[i].measurements = {{"volts", volts, 1, 3, "V", true}};
         records.stepEnded(run, i);

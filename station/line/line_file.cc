@@ -105,20 +105,27 @@ void readVariables(Draft &draft, const Entry &value) {
     }
 }
 
+// A file, or a server's URL.
+void readStore(Draft &draft, const Entry &value) {
+    const bool url = value.line().find("://") != std::string::npos;
+    draft.line.store = url ? value.line() : draft.beside(value).string();
+}
+
 const Keys<Draft> kLineKeys = {
     {"listen", readListen},
     {"places", readPlaces},
     {"plan", [](Draft &draft, const Entry &value) { draft.plan = draft.beside(value); }},
     {"files", [](Draft &draft, const Entry &value) { draft.files = draft.beside(value); }},
     {"results", [](Draft &draft, const Entry &value) { draft.line.results = draft.beside(value); }},
-    {"store", [](Draft &draft, const Entry &value) { draft.line.store = value.line(); }},
+    {"store", readStore},
     {"variables", readVariables},
     {"before", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.before, value); }},
     {"after", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.after, value); }},
 };
 
-Names namesOf(const LineFile &line) {
+Names namesOf(const LineFile &line, const AskPools &pools) {
     Names names;
+    if (pools && !line.store.empty()) names.pools = pools(line.store);
     for (const auto &[name, value] : line.variables) names.variables.insert(name);
     return names;
 }
@@ -139,7 +146,7 @@ bool isLineFile(const fs::path &path) try {
     return false;
 }
 
-LineFile loadLine(const fs::path &path) {
+LineFile loadLine(const fs::path &path, const AskPools &pools) {
     Draft draft;
     draft.line.address = kDefaultAddress;
     draft.line.port = kDefaultPort;
@@ -155,7 +162,7 @@ LineFile loadLine(const fs::path &path) {
         draft.faults.push_back(std::move(fault));
     }
     if (!draft.faults.empty()) throw PlanError(describe(path, draft.faults));
-    draft.line.plan = loadPlan(draft.plan, draft.files, namesOf(draft.line));
+    draft.line.plan = loadPlan(draft.plan, draft.files, namesOf(draft.line, pools));
     return draft.line;
 }
 

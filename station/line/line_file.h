@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,7 +33,11 @@ struct LineFile {
 // True when the file is a line's rather than a plan.
 bool isLineFile(const std::filesystem::path &path);
 
-// Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault.
-LineFile loadLine(const std::filesystem::path &path);
+// The names of a store's pools, of which a plan may take.
+using AskPools = std::function<std::set<std::string>(const std::string &store)>;
+
+// Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault, and
+// whatever `pools` throws.
+LineFile loadLine(const std::filesystem::path &path, const AskPools &pools = {});
 
 }  // namespace station

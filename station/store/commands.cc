@@ -184,7 +184,7 @@ void printSummary(Options &options, Database &database) {
 
 // One after the other, so that a million of them take no room.
 void exportRuns(Options &options, Database &database) {
-    prepareResults(options.what);
+    const FileRecords folder(options.what);  // makes it, or says why not
     const std::vector<std::string> names =
         options.values.empty() ? runNames(database, options.period()) : options.values;
     for (const std::string &name : names) writeResult(options.what, loadRun(database, name));
@@ -197,7 +197,7 @@ std::unique_ptr<Database> open(const std::string &store, Database::Missing missi
     try {
         return std::make_unique<Database>(store, missing);
     } catch (const StoreError &error) {
-        throw StoreError(fmt::format("the store {}: {}", store, error.what()));
+        throw StoreError(fmt::format("the store {}: {}", shownName(store), error.what()));
     }
 }
 

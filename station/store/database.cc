@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <soci/soci.h>
 
+#include <algorithm>
 #include <cmath>
 #include <deque>
 #include <filesystem>
@@ -28,12 +29,13 @@ std::string withLimits(std::string name) {
     return name;
 }
 
-// The database's own words: the first line, without the name of the library's function.
+// The database's own words in one line, without the name of the library's function.
 std::string wordsOf(const soci::soci_error &error) {
-    const std::string words = error.get_error_message();
+    std::string words = error.get_error_message();
+    std::replace(words.begin(), words.end(), '\n', ' ');
     const size_t function = words.find("_backend::");
     const size_t begin = function == std::string::npos ? 0 : words.find(": ", function) + 2;
-    return words.substr(begin, words.find('\n') - begin);
+    return words.substr(begin, words.find_last_not_of(' ') + 1 - begin);
 }
 
 Value valueOf(const soci::row &row, size_t column) {
@@ -90,6 +92,12 @@ std::string inDialect(std::string_view statement, bool shared) {
 }
 
 }  // namespace
+
+std::string shownName(const std::string &name) {
+    const size_t user = name.find("://"), host = name.find('@'), password = name.find(':', user + 3);
+    if (user == std::string::npos || host == std::string::npos || password > host) return name;
+    return name.substr(0, password) + name.substr(host);
+}
 
 Value text(const std::string &value) {
     if (value.empty()) return std::nullopt;

@@ -34,6 +34,9 @@ struct Table {
     bool empty() const { return rows.empty(); }
 };
 
+// The database's name as it may be shown: without a password.
+std::string shownName(const std::string &name);
+
 Value text(const std::string &value);  // NULL for an empty one; always UTF-8 without NUL, which is all that both keep
 Value number(std::integral auto value) { return std::to_string(value); }
 Value number(double value);  // as short as it can be read back exactly; NULL for what is not finite

@@ -23,7 +23,7 @@ WallClock::time_point timeOf(const Value &value) {
     std::tm date{};
     const char *const rest = value ? ::strptime(value->c_str(), "%Y-%m-%dT%H:%M:%S", &date) : nullptr;
     if (!rest) return {};
-    return WallClock::from_time_t(::timegm(&date)) + secondsOf("0" + std::string(rest, ::strcspn(rest, "Z")));
+    return WallClock::from_time_t(::timegm(&date)) + secondsOf(std::string(rest, ::strcspn(rest, "Z")));
 }
 
 Verdict verdictOf(const Value &value) {

@@ -313,8 +313,10 @@ int64_t retire(Database &database, const std::string &name, const std::string &v
 }
 
 std::set<std::string> poolNames(const std::string &store) {
-    Database database(store, Database::Missing::kIsAnError);
     std::set<std::string> names;
+    const bool file = store.find("://") == std::string::npos;
+    if (file && !std::filesystem::exists(store)) return names;
+    Database database(store);
     for (const auto &row : database.ask("SELECT name FROM pools").rows) names.insert(*row[0]);
     return names;
 }

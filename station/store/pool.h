@@ -30,7 +30,7 @@ int64_t importRows(Database &database, const std::string &pool, const std::files
 // What is left of the pool, of its range with this address, or the row of this value is never given. Returns how many.
 int64_t retire(Database &database, const std::string &pool, const std::string &value);
 
-// Of a store that there is. Throws StoreError.
+// None when there is no store, or no such file yet. Throws StoreError.
 std::set<std::string> poolNames(const std::string &store);
 
 Table listPools(Database &database);

@@ -162,7 +162,7 @@ Table listRuns(Database &database, const RunFilter &filter) {
 
 Table yields(Database &database, const Period &period, By by) {
     static const std::map<By, std::pair<const char *, const char *>> kGroups = {
-        {By::kAll, {"'all'", "part"}},
+        {By::kAll, {"'all'", "period"}},
         {By::kHour, {"substr(r.started, 1, 13)", "hour"}},
         {By::kPlace, {"s.name || ' ' || r.place_name", "place"}}};
     const auto &[group, name] = kGroups.at(by);

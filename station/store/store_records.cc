@@ -28,10 +28,10 @@ std::string verdictOf(const RunRecord &run) {
     return run.passed() ? "passed" : "failed";
 }
 
-const StepResult *firstFailed(const RunRecord &run) {
+size_t firstFailed(const RunRecord &run) {
     const auto failed = std::find_if(run.steps.begin(), run.steps.end(),
                                      [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
-    return failed == run.steps.end() ? nullptr : &*failed;
+    return size_t(failed - run.steps.begin());
 }
 
 void addStep(Statements &statements, const RunRecord &run, size_t index) {
@@ -81,10 +81,11 @@ void StoreRecords::say(const std::string &trouble) {
 }
 
 // The unit, which may become known at any time of a run, and the run as it is now.
-Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict) const {
+Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict) {
     const bool over = verdict != "running";
     const auto product = run.variables.find("product");
-    const StepResult *const failed = firstFailed(run);
+    const size_t failed = firstFailed(run);
+    const bool fails = failed < run.steps.size();
     const std::string variables =
         nlohmann::json(run.variables).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     Statements statements;
@@ -97,12 +98,26 @@ Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict)
          {run.id, text(run.unit), words(run.plan), writer_.key(), number(run.place.number), words(run.place.name),
           text(run.peer), isoTime(run.start), over ? Value(isoTime(run.end)) : std::nullopt,
           over ? number(seconds(run.end - run.start)) : std::nullopt, verdict,
-          failed ? words(failed->title) : std::nullopt,
-          text(run.failure.empty() && failed ? failed->failure : run.failure), variables}});
+          fails ? words(failedStep(run)) : std::nullopt,
+          text(run.failure.empty() && fails ? run.steps[failed].failure : run.failure), variables}});
     return statements;
 }
 
+// By what the step is called in the plan, as every unit fills in its own variables.
+std::string StoreRecords::failedStep(const RunRecord &run) {
+    const size_t failed = firstFailed(run);
+    const std::lock_guard lock(mutex_);
+    const auto titles = titles_.find(run.id);
+    return titles == titles_.end() ? run.steps[failed].title : titles->second.at(failed);
+}
+
 void StoreRecords::begins(const RunRecord &run) {
+    {
+        const std::lock_guard lock(mutex_);
+        std::vector<std::string> &titles = titles_[run.id];
+        titles.clear();
+        for (const StepResult &step : run.steps) titles.push_back(step.title);
+    }
     asRecordsError([&] {
         try {
             writer_.store(runOf(run, "running"));
@@ -112,6 +127,15 @@ void StoreRecords::begins(const RunRecord &run) {
         }
     });
     beside_->begins(run);
+}
+
+// Once, and again at each half of what was left.
+bool StoreRecords::isNews(const std::string &pool, int64_t left) {
+    const std::lock_guard lock(mutex_);
+    const auto [told, first] = told_.emplace(pool, left);
+    if (!first && left > told->second / 2) return false;
+    told->second = left;
+    return true;
 }
 
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
@@ -124,7 +148,8 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
             *given = take(database, pool, serial, run.id, count);
         });
     });
-    if (given->low) say(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
+    if (given->low && isNews(pool, given->left))
+        say(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
     return given->values;
 }
 
@@ -140,6 +165,10 @@ void StoreRecords::ends(const RunRecord &run) {
     statements.push_back({"attempt", {run.id}});
     for (size_t i = 0; i < run.steps.size(); ++i) {
         if (run.steps[i].verdict == Verdict::kNotRun) addStep(statements, run, i);
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        titles_.erase(run.id);
     }
     asRecordsError([&] { writer_.keep(std::move(statements)); });
     beside_->ends(run);

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,12 +29,16 @@ public:
     void ends(const RunRecord &run) override;
 
 private:
-    Statements runOf(const RunRecord &run, const std::string &verdict) const;
+    Statements runOf(const RunRecord &run, const std::string &verdict);
+    std::string failedStep(const RunRecord &run);
 
+    bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);
 
     const std::unique_ptr<Records> beside_;
-    std::mutex mutex_;
+    std::mutex mutex_;                                        // of what follows
+    std::map<std::string, std::vector<std::string>> titles_;  // of a run's steps, before their variables are filled in
+    std::map<std::string, int64_t> told_;                     // what was left of a pool when it was last said
     std::function<void(const std::string &)> trouble_;
     Writer writer_;
 };

@@ -101,7 +101,7 @@ Writer::~Writer() {
 std::string Writer::away() const {
     const std::lock_guard lock(mutex_);
     const bool stuck = busySince_ < Clock::now() - kPatience;
-    return stuck ? fmt::format("the store {} does not answer", store_) : away_;
+    return stuck ? fmt::format("the store {} does not answer", shownName(store_)) : away_;
 }
 
 void Writer::later(Statements statements) { submit(std::make_shared<Job>(std::move(statements))); }
@@ -145,7 +145,7 @@ void Writer::submit(const std::shared_ptr<Job> &job) {
 // A store that hangs must not hold a board's verdict back: what waits for it goes to the spool as well.
 void Writer::wait(const Job &job) {
     if (job.done.wait_for(kPatience) == std::future_status::ready) return job.done.get();
-    if (!job.mayWait) throw StoreError(fmt::format("the store {} does not answer", store_));
+    if (!job.mayWait) throw StoreError(fmt::format("the store {} does not answer", shownName(store_)));
     const std::lock_guard lock(mutex_);
     spool(inHand_);
     spool(queue_);
@@ -176,7 +176,7 @@ void Writer::round(const Jobs &jobs) {
         database_.reset();
         std::string why = error.what();
         if (Clock::now() >= retry_) {
-            why = fmt::format("the store {} is away: {}", store_, why);
+            why = fmt::format("the store {} is away: {}", shownName(store_), why);
             retry_ = Clock::now() + kRetry;
         }
         setAway(why);
