@@ -19,6 +19,7 @@ constexpr seconds kHeartbeat{5};  // the store is written to so often when there
 constexpr std::chrono::milliseconds kPause{2};
 constexpr seconds kRetry{1};             // between two attempts to reach a store that is away
 constexpr seconds kPatience{10};         // after which a store is away that neither works nor fails
+constexpr int kAttempts = 3;             // at a record, before it is put aside
 constexpr std::chrono::hours kGone{24};  // a station that was not seen for so long runs nothing any more
 
 const std::map<std::string, std::string> kStatements = {
@@ -38,8 +39,7 @@ const std::map<std::string, std::string> kStatements = {
      "UPDATE runs SET attempt = (SELECT count(*) + 1 FROM runs earlier WHERE earlier.unit = runs.unit"
      " AND earlier.plan = runs.plan AND earlier.started < runs.started AND earlier.verdict IN ('passed', 'failed'))"
      " WHERE run = $1 AND verdict IN ('passed', 'failed')"},
-    {"abandon", "DELETE FROM runs WHERE run = $1 AND verdict = 'running'"
-                " AND NOT EXISTS (SELECT 1 FROM steps WHERE steps.run = runs.id)"},
+    {"abandon", "UPDATE runs SET verdict = 'interrupted' WHERE run = $1 AND verdict = 'running'"},
     {"step",
      "INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts)"
      " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)"
@@ -193,7 +193,8 @@ void Writer::setAway(const std::string &why) {
 // no other. The spool stays as it is until all of it is in the store.
 void Writer::attempt(const Jobs &jobs) {
     std::vector<off_t> ends;
-    Jobs all = spooled(ends);
+    std::vector<std::string> torn;
+    Jobs all = spooled(ends, torn);
     all.insert(all.end(), unkept_.begin(), unkept_.end());
     all.insert(all.end(), jobs.begin(), jobs.end());
     connect();
@@ -205,6 +206,7 @@ void Writer::attempt(const Jobs &jobs) {
         for (const auto &job : all) writeAlone(*job);
     }
     unkept_.clear();
+    for (const std::string &line : torn) putAside(line, "it cannot be read");
     for (size_t i = 0; i < spools_.size(); ++i) spools_[i]->clear(ends[i]);
     spools_.resize(1);
 }
@@ -238,26 +240,27 @@ void Writer::writeTogether(const Jobs &jobs) {
     }
 }
 
-// When the store takes anything else, the fault is the job's.
+// When the store takes other things in between, again and again, the fault is the job's.
 void Writer::writeAlone(Job &job) {
-    try {
-        database_->transact([&] { job.apply(*database_); });
-        job.promise.set_value();
-    } catch (const StoreError &error) {
-        database_.reset();
-        connect();
-        putAside(job, error.what());
-    }
+    std::string why;
+    for (int i = 0; i < kAttempts && !job.written; ++i) try {
+            database_->transact([&] { job.apply(*database_); });
+            job.written = true;
+        } catch (const StoreError &error) {
+            why = error.what();
+            database_.reset();
+            connect();
+        }
+    if (job.written) return job.promise.set_value();
+    if (job.mayWait) putAside(job.line(), why);
     job.written = true;
+    job.promise.set_exception(std::make_exception_ptr(StoreError(why)));
 }
 
-void Writer::putAside(Job &job, const std::string &why) {
-    if (job.mayWait) {
-        const std::filesystem::path path = std::filesystem::path(spools_.front()->path()).replace_extension("refused");
-        std::ofstream(path, std::ios::app) << job.line() << '\n' << std::flush;
-        trouble_(fmt::format("the store refuses a record, which is kept in {}: {}", path.string(), why));
-    }
-    job.promise.set_exception(std::make_exception_ptr(StoreError(why)));
+void Writer::putAside(const std::string &line, const std::string &why) {
+    const std::filesystem::path path = std::filesystem::path(spools_.front()->path()).replace_extension("refused");
+    std::ofstream(path, std::ios::app) << line << '\n' << std::flush;
+    trouble_(fmt::format("the store refuses a record, which is kept in {}: {}", path.string(), why));
 }
 
 void Writer::spool(const Jobs &jobs) {
@@ -289,13 +292,15 @@ void Writer::keepAll(const Jobs &jobs, const std::string &why) {
     }
 }
 
-Writer::Jobs Writer::spooled(std::vector<off_t> &ends) {
+// `torn`: lines that are none, as a power cut leaves them.
+Writer::Jobs Writer::spooled(std::vector<off_t> &ends, std::vector<std::string> &torn) {
     Jobs jobs;
     for (const auto &spool : spools_) {
         for (const std::string &line : spool->lines(ends.emplace_back())) {
             try {
                 jobs.push_back(std::make_shared<Job>(parseLine(line)));
-            } catch (const std::exception &) {  // the line that a power cut has torn
+            } catch (const std::exception &) {
+                torn.push_back(line);
             }
         }
     }

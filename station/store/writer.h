@@ -75,10 +75,10 @@ private:
     void connect();
     void writeTogether(const Jobs &jobs);
     void writeAlone(Job &job);
-    void putAside(Job &job, const std::string &why);
+    void putAside(const std::string &line, const std::string &why);
     void keepAll(const Jobs &jobs, const std::string &why);
     void spool(const Jobs &jobs);
-    Jobs spooled(std::vector<off_t> &ends);
+    Jobs spooled(std::vector<off_t> &ends, std::vector<std::string> &torn);
     void setAway(const std::string &why);
 
     const std::string store_, station_;
