@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -145,6 +146,7 @@ std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string 
 
 std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boards) {
     std::vector<Place> places;
+    places.reserve(std::max(interfaces.size(), static_cast<size_t>(boards)));
     for (const std::string &interface : interfaces) places.push_back({int(places.size()) + 1, interface});
     while (int(places.size()) < boards) places.push_back({int(places.size()) + 1, std::to_string(places.size() + 1)});
     return places;
