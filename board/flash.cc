@@ -20,10 +20,10 @@ namespace {
 constexpr uint32_t kEraseSize = 65536;
 
 bool isFlash(int descriptor) {
-    char link[32], path[PATH_MAX] = "";
-    snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
-    if (readlink(link, path, sizeof path - 1) < 0) return false;
-    return strncmp(path, "/flash/mtd", 10) == 0 && strncmp(path, "/flash/mtdblock", 15) != 0;
+    char name[32], target[PATH_MAX] = "";
+    snprintf(name, sizeof name, "/proc/self/fd/%d", descriptor);
+    if (readlink(name, target, sizeof target - 1) < 0) return false;
+    return strncmp(target, "/flash/mtd", 10) == 0 && strncmp(target, "/flash/mtdblock", 15) != 0;
 }
 
 int tell(int flash, mtd_info_user *info) {
@@ -45,7 +45,7 @@ int erase(int flash, const erase_info_user &range) {
         return -1;
     }
     for (uint32_t done = 0; done < range.length; done += kEraseSize) {
-        if (pwrite(flash, ones, sizeof ones, static_cast<off_t>(range.start + done)) < 0) return -1;
+        if (pwrite(flash, ones, sizeof ones, off_t{range.start} + off_t{done}) < 0) return -1;
     }
     return 0;
 }
@@ -62,7 +62,12 @@ ssize_t program(int flash, const char *data, size_t length) {
 }  // namespace
 
 // In the place of the C library's: what is not for the flash goes to the kernel.
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
+extern "C" {
+int flashIoctl(int descriptor, unsigned long request, ...) asm("ioctl");
+ssize_t flashWrite(int descriptor, const void *data, size_t length) asm("write");
+}
+
+int flashIoctl(int descriptor, unsigned long request, ...) {
     va_list arguments;
     va_start(arguments, request);
     void *const argument = va_arg(arguments, void *);
@@ -73,7 +78,7 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
     return request == MEMUNLOCK ? 0 : erase(descriptor, *static_cast<erase_info_user *>(argument));
 }
 
-extern "C" ssize_t write(int descriptor, const void *data, size_t length) {
+ssize_t flashWrite(int descriptor, const void *data, size_t length) {
     if (isFlash(descriptor)) return program(descriptor, static_cast<const char *>(data), length);
     return syscall(SYS_write, descriptor, data, length);
 }

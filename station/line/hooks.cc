@@ -44,6 +44,7 @@ Socket memoryFile(const std::string &content) {
 pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     std::vector<std::string> environment = environmentFor(run);
     std::vector<char *> entries;
+    entries.reserve(environment.size() + 1);
     for (std::string &entry : environment) entries.push_back(entry.data());
     entries.push_back(nullptr);
     std::string shell = "/bin/sh", option = "-c", command = hook.command;

@@ -20,7 +20,7 @@ class Records {
 public:
     virtual ~Records() = default;
     // Where to say what a person should look at, from any thread; nowhere at first.
-    virtual void tell(std::function<void(const std::string &)> /*trouble*/) {}
+    virtual void tell(const std::function<void(const std::string &)> & /*trouble*/) {}
     // Why no new board may be taken now; empty: it may. Asked before a board is taken, and every second while it says
     // no: what waited to be written is tried again.
     virtual std::string away() { return {}; }

@@ -91,7 +91,7 @@ FileRecords::FileRecords(fs::path folder) : folder_(std::move(folder)) {
     std::error_code error;
     fs::create_directories(folder_, error);
     if (error) throw RecordsError(fmt::format("cannot make {}: {}", folder_.string(), error.message()));
-    const std::string why = away();
+    const std::string why = FileRecords::away();
     if (!why.empty()) throw RecordsError(why);
 }
 

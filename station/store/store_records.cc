@@ -70,9 +70,9 @@ std::string StoreRecords::away() {
     return why.empty() ? beside_->away() : why;
 }
 
-void StoreRecords::tell(std::function<void(const std::string &)> trouble) {
+void StoreRecords::tell(const std::function<void(const std::string &)> &trouble) {
     const std::lock_guard lock(mutex_);
-    trouble_ = std::move(trouble);
+    trouble_ = trouble;
 }
 
 void StoreRecords::say(const std::string &trouble) {

@@ -22,7 +22,7 @@ public:
     StoreRecords(const std::string &store, const std::filesystem::path &spool, std::unique_ptr<Records> beside);
 
     std::string away() override;
-    void tell(std::function<void(const std::string &)> trouble) override;
+    void tell(const std::function<void(const std::string &)> &trouble) override;
     void begins(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
     void stepEnded(const RunRecord &run, size_t step) override;
