@@ -45,7 +45,7 @@ int erase(int flash, const erase_info_user &range) {
         return -1;
     }
     for (uint32_t done = 0; done < range.length; done += kEraseSize) {
-        if (pwrite(flash, ones, sizeof ones, off_t{range.start} + off_t{done}) < 0) return -1;
+        if (pwrite(flash, ones, sizeof ones, static_cast<off_t>(range.start) + static_cast<off_t>(done)) < 0) return -1;
     }
     return 0;
 }
