@@ -290,13 +290,14 @@ void Line::serveBoard(Seat &seat, const Job &job) {
 
 // False when the line stops before the run could be recorded.
 bool Line::begin(const RunRecord &run) {
+    std::string told;
     for (;;) {
         try {
             context_.records.begins(run);
             context_.observer.boardConnects(run);
             return true;
         } catch (const RecordsError &error) {
-            context_.observer.lineWaits(error.what());
+            if (std::exchange(told, error.what()) != error.what()) context_.observer.lineWaits(error.what());
         }
         if (!context_.stop.wait(kRetry)) continue;
         context_.observer.trouble("connected, but not served, start its service again: " + run.peer);
