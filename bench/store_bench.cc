@@ -30,6 +30,7 @@ void fill(Database &database, int runs, bool shared) {
     const std::string started = fmt::format(
         "'2026-' || {} || '-' || {} || 'T' || {} || ':' || {} || ':' || {} || '.000Z'", two("1 + " + day + " / 10"),
         two("1 + " + day + " % 10"), two(second + " / 3600"), two(second + " % 3600 / 60"), two(second + " % 60"));
+    // NOLINTBEGIN(bugprone-suspicious-missing-comma): literals that belong together
     const std::vector<std::string> parts = {
         "INSERT INTO units (id, serial, first_seen, last_seen) SELECT i + 1, 'U' || i, '2026', '2026' FROM n",
         "INSERT INTO runs (id, run, unit, plan, station, place, place_name, started, ended, seconds, verdict, attempt,"
@@ -45,12 +46,13 @@ void fill(Database &database, int runs, bool shared) {
         "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) SELECT 1, '02:00:00:' || " +
             two("i / 10000") + " || ':' || " + two("i / 100 % 100") + " || ':' || " + two("i % 100") +
             ", i, i + 1, i + 1, '2026', 0 FROM n"};
+    // NOLINTEND(bugprone-suspicious-missing-comma)
     const int rows[] = {runs, runs, 3 * runs, 2 * runs, runs};
     database.run("INSERT INTO stations (id, name, key, seen) VALUES (1, 'bench', 'bench', '2026')");
     database.run("INSERT INTO pools (id, name, kind, low) VALUES (1, 'old', 'addresses', 0)");
     database.transact([&] {
         for (size_t i = 0; i < parts.size(); ++i) {
-            const std::string sql = parts[i];
+            const std::string &sql = parts[i];
             database.run(sql.substr(0, sql.find(" SELECT ")) + " " + counted + sql.substr(sql.find(" SELECT ") + 1),
                          {number(rows[i])});
         }
