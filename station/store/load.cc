@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
@@ -65,10 +66,9 @@ void loadMeasurements(Database &database, const Value &key, RunRecord &run) {
 }
 
 bool isOfStep(const RunRecord &run, const std::string &failure) {
-    for (const StepResult &step : run.steps) {
-        if (step.verdict == Verdict::kFailed && step.failure == failure) return true;
-    }
-    return false;
+    return std::any_of(run.steps.begin(), run.steps.end(), [&](const StepResult &step) {
+        return step.verdict == Verdict::kFailed && step.failure == failure;
+    });
 }
 
 }  // namespace
