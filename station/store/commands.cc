@@ -76,7 +76,7 @@ void printTable(const Table &table) {
         std::string shown;
         for (size_t i = 0; i < line.size(); ++i) {
             const std::string blanks(widths[i] - width(line[i]), ' ');
-            const bool right = kNumbers.count(table.columns[i]) != 0;
+            const bool right = kNumbers.contains(table.columns[i]);
             shown += (i ? "  " : "") + (right ? blanks + line[i] : line[i] + blanks);
         }
         fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
@@ -91,7 +91,7 @@ nlohmann::ordered_json jsonOf(const Table &table) {
             const std::string &name = table.columns[i];
             if (!row[i]) {
                 entry[name] = nullptr;
-            } else if (kNumbers.count(name)) {
+            } else if (kNumbers.contains(name)) {
                 entry[name] = nlohmann::ordered_json::parse(*row[i], nullptr, false);
             } else {
                 entry[name] = *row[i];

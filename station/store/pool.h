@@ -25,10 +25,10 @@ void addRange(Database &database, const std::string &pool, const std::string &fi
 
 // A file of comma-separated values: a row a line, or FIRST,LAST for a range of addresses. A new pool is one of
 // addresses when every row is. Returns how many values were added.
-int64_t importRows(Database &database, const std::string &pool, const std::filesystem::path &file, int low);
+int64_t importRows(Database &database, const std::string &name, const std::filesystem::path &file, int low);
 
 // What is left of the pool, of its range with this address, or the row of this value is never given. Returns how many.
-int64_t retire(Database &database, const std::string &pool, const std::string &value);
+int64_t retire(Database &database, const std::string &name, const std::string &value);
 
 // None when there is no store, or no such file yet. Throws StoreError.
 std::set<std::string> poolNames(const std::string &store);
@@ -43,6 +43,6 @@ struct Given {
 
 // Inside a transaction: the next `count` values for the unit's run, or those that the unit has from before. Addresses
 // are consecutive, and their sixth byte has no carry.
-Given take(Database &database, const std::string &pool, const std::string &serial, const std::string &run, int count);
+Given take(Database &database, const std::string &name, const std::string &serial, const std::string &run, int count);
 
 }  // namespace station

@@ -103,7 +103,7 @@ Session Listener::accept(Milliseconds limit) {
     throw SessionError("no board connected");
 }
 
-std::optional<Session> Listener::take(size_t socket) {
+std::optional<Session> Listener::take(size_t socket) const {
     const int board = accept4(descriptor(socket), nullptr, nullptr, SOCK_CLOEXEC);
     if (board < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
         throw SessionError(describeError("cannot accept a board"));
@@ -118,7 +118,7 @@ std::optional<Session> Listener::take(size_t socket) {
 
 // A segment whose time to live is below the socket's least is dropped: with 255 that is every one of a board, whose
 // system starts from 64. It is not looked at in connections that have begun, needs no privilege, and is undone at once.
-void Listener::admit(size_t socket, bool boards) { setLeastTtl(descriptor(socket), boards ? 0 : 255); }
+void Listener::admit(size_t socket, bool boards) const { setLeastTtl(descriptor(socket), boards ? 0 : 255); }
 
 // Who finishes his handshake between the two looks is found by the second.
 bool Listener::quiet() const {

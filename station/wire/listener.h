@@ -40,10 +40,10 @@ public:
     size_t sockets() const { return sockets_.size(); }
     int descriptor(size_t socket) const { return sockets_[socket].descriptor(); }
     // The next board that waits at a socket, if any. Throws SessionError when it cannot be accepted: it waits on.
-    std::optional<Session> take(size_t socket);
+    std::optional<Session> take(size_t socket) const;
     // Opens a socket to boards, or refuses them without a word, so that they try again by themselves: they neither wait
     // nor lose a connection. Those whose connection has begun are let in all the same, and take() finds them.
-    void admit(size_t socket, bool boards);
+    void admit(size_t socket, bool boards) const;
     // True when nobody is at any socket, nor on the way to it. Once all refuse it stays so.
     bool quiet() const;
     // That the socket is bound to; empty for none.
