@@ -184,6 +184,7 @@ void printSummary(Options &options, Database &database) {
 
 // One after the other, so that a million of them take no room.
 void exportRuns(Options &options, Database &database) {
+    // cppcheck-suppress unreadVariable
     const FileRecords folder(options.what);  // makes it, or says why not
     const std::vector<std::string> names =
         options.values.empty() ? runNames(database, options.period()) : options.values;

@@ -55,8 +55,10 @@ Statements parseLine(const std::string &line) {
     Statements statements;
     for (const json &entry : json::parse(line)) {
         Statement &statement = statements.emplace_back(Statement{entry.at(0).get<std::string>(), {}});
+        // cppcheck-suppress danglingTempReference
         (void)kStatements.at(statement.name);
         for (size_t i = 1; i < entry.size(); ++i) {
+            // cppcheck-suppress danglingTempReference
             statement.values.push_back(entry[i].is_null() ? Value() : Value(entry[i].get<std::string>()));
         }
     }
