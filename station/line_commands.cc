@@ -19,6 +19,7 @@
 #include "station/line/line_file.h"
 #include "station/line/results.h"
 #include "station/line/signals.h"
+#include "station/page/page.h"
 #include "station/store/pool.h"
 #include "station/store/store_records.h"
 #include "station/wire/discovery.h"
@@ -59,7 +60,8 @@ struct Stage {
     std::shared_ptr<const Job> job;
     Records &records;
     bool json;
-    int boards;  // 0: no end
+    int boards;            // 0: no end
+    Page *page = nullptr;  // there may be none
 };
 
 // Whom a plan can ask where programs read.
@@ -96,6 +98,17 @@ struct Telling {
     Records &records;
 };
 
+// Lets browsers in for as long as there is a line to show.
+struct Showing {
+    explicit Showing(Page *all) : page(all) {
+        if (page != nullptr) page->start();
+    }
+    ~Showing() {
+        if (page != nullptr) page->stop();
+    }
+    Page *page;
+};
+
 // Works as long as `task` has the line do. At SIGHUP `reload` has a new job, or none.
 Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
              const std::function<std::shared_ptr<const Job>(Observer &)> &reload = {}) {
@@ -112,6 +125,7 @@ Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
     Stop stop;
     Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people});
     const Telling telling(stage.records, observers);
+    const Showing showing(stage.page);
     const Signals signals({[&] {
                                stop.request();
                                line.wake();
@@ -188,7 +202,8 @@ std::shared_ptr<const Job> jobOf(const LineFile &line) {
 // What boards get that come from now on. A new file that is wrong is reported, and the old one stays.
 std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, Observer &observer) try {
     const LineFile line = loadLine(path, poolNames);
-    if (!line.sameStation(old)) observer.trouble(path + ": address, places and records change at the next start only");
+    if (!line.sameStation(old))
+        observer.trouble(path + ": address, places, records and page change at the next start only");
     return jobOf(line);
 } catch (const std::exception &error) {
     observer.trouble(fmt::format("the line goes on as before: {}", error.what()));
@@ -200,10 +215,12 @@ int serve(const std::string &path, bool json) {
     const LineFile line = loadLine(path, poolNames);
     const auto records = recordsIn(line.results.string(), line.store);
     Listener listener(line.address, line.port, line.interfaces());
+    const auto page = line.page ? std::make_unique<Page>(*line.page) : nullptr;
+    if (page) fmt::print(said, "page {}\n", page->url());
     fmt::print(said, "line {}: {} places, plan {}, waiting for boards on {}:{}\n", path, line.places.size(),
                line.plan.name, line.address, listener.port());
     std::fflush(said);
-    const Stage stage{listener, line.places, !line.interfaces().empty(), jobOf(line), *records, json, 0};
+    const Stage stage{listener, line.places, !line.interfaces().empty(), jobOf(line), *records, json, 0, page.get()};
     const Outcome outcome = work(
         stage, [](Line &work) { return work.serve(); },
         [&](Observer &observer) { return reread(path, line, observer); });

@@ -1,5 +1,8 @@
 #include "station/line/line_file.h"
 
+#include <arpa/inet.h>
+#include <re2/re2.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -23,16 +26,20 @@ struct Draft {
     fs::path beside(const Entry &value) const { return folder / value.line(); }
 };
 
+uint16_t portIn(const std::string &text, const Entry &value, std::string_view form) {
+    try {
+        return static_cast<uint16_t>(Entry{YAML::Node(text)}.whole(1, 65535));
+    } catch (const Fault &) {
+        value.fail(fmt::format("expected {}", form));
+    }
+}
+
 void readListen(Draft &draft, const Entry &value) {
     const std::string text = value.line();
     const size_t colon = text.find(':');
     draft.line.address = text.substr(0, colon);
-    if (colon == std::string::npos) return;
-    const Entry port{YAML::Node(text.substr(colon + 1))};
-    try {
-        draft.line.port = static_cast<uint16_t>(port.whole(1, 65535));
-    } catch (const Fault &) {
-        value.fail("expected ADDRESS or ADDRESS:PORT");
+    if (colon != std::string::npos) {
+        draft.line.port = portIn(text.substr(colon + 1), value, "ADDRESS or ADDRESS:PORT");
     }
 }
 
@@ -111,9 +118,62 @@ void readStore(Draft &draft, const Entry &value) {
     draft.line.store = url ? value.line() : draft.beside(value).string();
 }
 
+void readPageListen(PageSettings &page, const Entry &value) {
+    const std::string text = value.line();
+    const size_t colon = text.find(':');
+    if (colon != std::string::npos) page.address = text.substr(0, colon);
+    page.port = portIn(text.substr(colon == std::string::npos ? 0 : colon + 1), value, "PORT or ADDRESS:PORT");
+    in_addr parsed{};
+    if (inet_pton(AF_INET, page.address.c_str(), &parsed) != 1) value.fail("expected an IPv4 address before the port");
+}
+
+// It goes through a header of HTTP, and is not to be guessed.
+void readToken(PageSettings &page, const Entry &value) {
+    page.token = value.line();
+    const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
+    if (page.token.size() < 8 || !std::all_of(page.token.begin(), page.token.end(), fits)) {
+        value.fail("a token has at least 8 characters, none of them a blank");
+    }
+}
+
+int minuteOf(const Entry &value) {
+    static const re2::RE2 kTime("([01]?[0-9]|2[0-3]):([0-5][0-9])");
+    int hour = 0, minute = 0;
+    if (!re2::RE2::FullMatch(value.line(), kTime, &hour, &minute)) value.fail("expected a time of the day, as 06:00");
+    return hour * 60 + minute;
+}
+
+void readShifts(PageSettings &page, const Entry &value) {
+    page.shifts.clear();
+    for (const YAML::Node &time : value.node) page.shifts.push_back(minuteOf({time}));
+    if (page.shifts.empty()) value.fail("expected a list of times, as [06:00, 14:00, 22:00]");
+    std::sort(page.shifts.begin(), page.shifts.end());
+}
+
+const Keys<PageSettings> kPageKeys = {
+    {"listen", readPageListen},
+    {"token", readToken},
+    {"shifts", readShifts},
+};
+
+// Where it listens, or a map.
+void readPage(Draft &draft, const Entry &value) {
+    PageSettings &page = draft.line.page.emplace();
+    if (!value.node.IsMap()) {
+        readPageListen(page, value);
+    } else {
+        readMap(value.node, kPageKeys, "of the page", page, draft.faults);
+        if (!value.node["listen"]) value.fail("the page needs \"listen\"");
+    }
+    if (!page.address.starts_with("127.") && page.token.empty()) {
+        value.fail("who reaches this address needs a token: {listen: ADDRESS:PORT, token: TEXT}");
+    }
+}
+
 const Keys<Draft> kLineKeys = {
     {"listen", readListen},
     {"places", readPlaces},
+    {"page", readPage},
     {"plan", [](Draft &draft, const Entry &value) { draft.plan = draft.beside(value); }},
     {"files", [](Draft &draft, const Entry &value) { draft.files = draft.beside(value); }},
     {"results", [](Draft &draft, const Entry &value) { draft.line.results = draft.beside(value); }},
@@ -135,7 +195,7 @@ Names namesOf(const LineFile &line, const AskPools &pools) {
 bool LineFile::sameStation(const LineFile &other) const {
     const auto same = [](const Place &a, const Place &b) { return a.name == b.name; };
     return address == other.address && port == other.port && cables == other.cables && results == other.results &&
-           store == other.store &&
+           store == other.store && page == other.page &&
            std::equal(places.begin(), places.end(), other.places.begin(), other.places.end(), same);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +14,17 @@
 #include "station/plan/plan.h"
 
 namespace station {
+
+// Where browsers find the line's page, and who may change something there.
+struct PageSettings {
+    std::string address = "127.0.0.1";
+    uint16_t port = 0;
+    std::string token;  // for who is on another machine; empty: nobody is
+    // When the shifts begin, in the day's minutes.
+    std::vector<int> shifts = {6 * 60, 14 * 60, 22 * 60};
+
+    bool operator==(const PageSettings &) const = default;
+};
 
 struct LineFile {
     std::string address;
@@ -24,9 +36,10 @@ struct LineFile {
     Hook before, after;
     std::filesystem::path results;  // folder; empty: none
     std::string store;              // a database's file or URL; empty: none
+    std::optional<PageSettings> page;
 
     const std::vector<std::string> &interfaces() const { return cables; }
-    // True when the other line has the same address, places and records.
+    // True when the other line has the same address, places, records and page.
     bool sameStation(const LineFile &other) const;
 };
 

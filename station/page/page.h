@@ -1,0 +1,25 @@
+#pragma once
+// The page of a line: what operators and engineers see of it in a browser.
+
+#include <string>
+
+#include "station/page/server.h"
+
+namespace station {
+
+class Page {
+public:
+    // Listens. Throws ListenError.
+    explicit Page(const PageSettings &settings);
+
+    // Where a browser on this machine, or on one that reaches it, finds the page.
+    std::string url() const;
+    void start() { server_.start(); }
+    void stop() { server_.stop(); }
+
+private:
+    const std::string address_;
+    PageServer server_;
+};
+
+}  // namespace station

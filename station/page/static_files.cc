@@ -1,0 +1,23 @@
+#include "station/page/static_files.h"
+
+namespace station {
+
+std::vector<Route> staticRoutes() {
+    static const std::map<std::string_view, const char *> kTypes = {{"html", "text/html; charset=utf-8"},
+                                                                    {"css", "text/css; charset=utf-8"},
+                                                                    {"js", "text/javascript; charset=utf-8"},
+                                                                    {"svg", "image/svg+xml"}};
+    std::vector<Route> routes;
+    for (const StaticFile &file : kStaticFiles) {
+        const std::string path = file.name == "operator.html" ? "/" : "/" + std::string(file.name);
+        const char *const type = kTypes.at(file.name.substr(file.name.rfind('.') + 1));
+        routes.push_back({path,
+                          [=](const PageRequest &) {
+                              return PageReply{200, type, std::string(file.content)};
+                          },
+                          RouteKind::kQuick});
+    }
+    return routes;
+}
+
+}  // namespace station
