@@ -7,12 +7,12 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "station/line/results.h"
 #include "station/store/database.h"
+#include "station/store/format.h"
 #include "station/store/load.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
@@ -36,27 +36,7 @@ struct Options {
 
 using Work = std::function<void(Options &, Database &)>;
 
-const std::set<std::string> kNumbers = {"attempt",        "attempts",     "cpk",         "cumulative_percent",
-                                        "deviation",      "failed",       "failures",    "final_yield",
-                                        "given",          "highest",      "left",        "low",
-                                        "lowest",         "maximum",      "mean",        "measured",
-                                        "median_seconds", "minimum",      "p90_seconds", "percent",
-                                        "retests",        "retired",      "runs",        "seconds",
-                                        "step",           "units",        "value",       "first_pass_yield",
-                                        "interrupted",    "started_after"};
-
 // ---- how a table is shown
-
-// Three decimals are enough to look at, and controls of a board's output stay in its record.
-std::string cellText(const Value &cell) {
-    if (!cell) return "-";
-    char *end = nullptr;
-    const double number = std::strtod(cell->c_str(), &end);
-    if (cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", number);
-    std::string shown = *cell;
-    for (char &letter : shown) letter = uint8_t(letter) < ' ' || letter == '\x7F' ? ' ' : letter;
-    return shown;
-}
 
 // How many columns of a terminal the text takes, as far as one a character holds.
 size_t width(const std::string &text) {
@@ -76,7 +56,7 @@ void printTable(const Table &table) {
         std::string shown;
         for (size_t i = 0; i < line.size(); ++i) {
             const std::string blanks(widths[i] - width(line[i]), ' ');
-            const bool right = kNumbers.contains(table.columns[i]);
+            const bool right = isNumber(table.columns[i]);
             shown += (i ? "  " : "") + (right ? blanks + line[i] : line[i] + blanks);
         }
         fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
@@ -91,7 +71,7 @@ nlohmann::ordered_json jsonOf(const Table &table) {
             const std::string &name = table.columns[i];
             if (!row[i]) {
                 entry[name] = nullptr;
-            } else if (kNumbers.contains(name)) {
+            } else if (isNumber(name)) {
                 entry[name] = nlohmann::ordered_json::parse(*row[i], nullptr, false);
             } else {
                 entry[name] = *row[i];
@@ -101,42 +81,25 @@ nlohmann::ordered_json jsonOf(const Table &table) {
     return rows;
 }
 
-std::string csvField(const std::string &text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (const char letter : text) quoted += letter == '"' ? "\"\"" : std::string(1, letter);
-    return quoted + "\"";
+void printAsJson(const std::vector<Section> &sections) {
+    nlohmann::ordered_json all = nlohmann::ordered_json::object();
+    for (const Section &section : sections) all[section.name] = jsonOf(section.table);
+    fmt::print("{}\n", (sections.size() == 1 ? all.front() : all).dump(2));
 }
 
-void printCsv(const Table &table) {
-    const auto print = [](const auto &cells, auto textOfCell) {
-        std::string line;
-        for (const auto &cell : cells) line += csvField(textOfCell(cell)) + ",";
-        line.back() = '\n';
-        fmt::print("{}", line);
-    };
-    print(table.columns, [](const std::string &name) { return name; });
-    for (const auto &row : table.rows) print(row, [](const Value &cell) { return cell.value_or(""); });
+void printAsTables(const std::vector<Section> &sections) {
+    for (const Section &section : sections) {
+        if (&section != &sections.front()) fmt::print("\n");
+        if (sections.size() > 1) fmt::print("{}\n", section.name);
+        if (section.table.empty()) fmt::print("none\n");
+        if (!section.table.empty()) printTable(section.table);
+    }
 }
 
 void print(const std::string &format, const std::vector<Section> &sections) {
-    nlohmann::ordered_json all = nlohmann::ordered_json::object();
-    for (const Section &section : sections) {
-        if (format == "json") {
-            all[section.name] = jsonOf(section.table);
-            continue;
-        }
-        if (&section != &sections.front()) fmt::print("\n");
-        if (sections.size() > 1) fmt::print("{}{}\n", format == "csv" ? "# " : "", section.name);
-        if (format == "csv") {
-            printCsv(section.table);
-        } else if (section.table.empty()) {
-            fmt::print("none\n");
-        } else {
-            printTable(section.table);
-        }
-    }
-    if (format == "json") fmt::print("{}\n", (sections.size() == 1 ? all.front() : all).dump(2));
+    if (format == "json") return printAsJson(sections);
+    if (format == "csv") return fmt::print("{}", csvOf(sections));
+    printAsTables(sections);
 }
 
 // ---- what the subcommands do

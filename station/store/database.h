@@ -2,6 +2,7 @@
 // A connection to the store's database: SQLite (a file's name) or PostgreSQL (postgresql://...). Values go in and come
 // out as texts, which both take for every type; in the SQL, which is the same for both, they are $1, $2, ...
 
+#include <chrono>
 #include <concepts>
 #include <memory>
 #include <optional>
@@ -22,6 +23,11 @@ struct StoreError : std::runtime_error {
 
 // The store works; it is what was asked for that does not go.
 struct Refusal : StoreError {
+    using StoreError::StoreError;
+};
+
+// The question takes longer than it may.
+struct TooSlow : StoreError {
     using StoreError::StoreError;
 };
 
@@ -53,6 +59,9 @@ public:
     Database(const Database &) = delete;
     Database &operator=(const Database &) = delete;
 
+    // From now on nothing is changed over this connection, and a question that takes longer ends with TooSlow.
+    void onlyAsk(std::chrono::milliseconds limit);
+
     Table ask(const std::string &sql, const std::vector<Value> &values = {});
     // Returns how many rows were changed.
     long long run(const std::string &sql, const std::vector<Value> &values = {});
@@ -80,9 +89,12 @@ private:
     void lock(int what);
     int version();
     void migrate();
+    [[noreturn]] void complain(const std::string &words) const;
 
     std::unique_ptr<soci::session> session_;
-    bool shared_;  // PostgreSQL
+    bool shared_;                         // PostgreSQL
+    std::chrono::milliseconds limit_{0};  // of a question; 0: none
+    std::chrono::steady_clock::time_point deadline_;
 };
 
 }  // namespace station

@@ -70,6 +70,23 @@ SELECT spread.*, CASE WHEN minimum IS NULL OR maximum - mean <= mean - minimum T
                  / nullif(3 * deviation, 0) AS cpk
 FROM spread ORDER BY cpk, plan, name)";
 
+constexpr const char *kReadings = "{period} AND m.name = $3 AND ($4 = '' OR r.plan = $4)";
+
+constexpr const char *kEachReading = R"(
+SELECT r.started, r.run, u.serial, s.name AS station, r.place_name AS place, m.value, m.minimum, m.maximum, m.unit, m.verdict
+FROM runs r JOIN measurements m ON m.run = r.id JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit
+WHERE {readings} ORDER BY r.started, r.id, m.step LIMIT {limit})";
+
+constexpr const char *kReadingGroups = R"(
+WITH found AS (
+    SELECT r.started, m.value, m.minimum, m.maximum, m.unit, m.verdict, ntile({limit}) OVER (ORDER BY r.started, r.id) AS part
+    FROM runs r JOIN measurements m ON m.run = r.id
+    WHERE {readings})
+SELECT min(started) AS started, max(started) AS until, count(*) AS measured,
+       sum(CASE verdict WHEN 'failed' THEN 1 ELSE 0 END) AS failed, min(value) AS lowest, avg(value) AS mean,
+       max(value) AS highest, max(minimum) AS minimum, min(maximum) AS maximum, min(unit) AS unit
+FROM found GROUP BY part ORDER BY part)";
+
 std::string fill(std::string sql, const std::map<std::string, std::string> &words) {
     for (const auto &[name, word] : words) {
         for (size_t at; (at = sql.find(name)) != std::string::npos;) sql.replace(at, name.size(), word);
@@ -78,6 +95,14 @@ std::string fill(std::string sql, const std::map<std::string, std::string> &word
 }
 
 std::vector<Value> bounds(const Period &period) { return {period.since, period.until.empty() ? "9" : period.until}; }
+
+Table askReadings(Database &database, const Period &period, const std::string &plan, const std::string &name,
+                  const char *sql, int limit) {
+    std::vector<Value> values = bounds(period);
+    values.insert(values.end(), {name, plan});
+    const std::string whole = fill(sql, {{"{readings}", kReadings}, {"{limit}", std::to_string(limit)}});
+    return database.ask(fill(whole, {{"{period}", kInPeriod}}), values);
+}
 
 Table askPeriod(Database &database, const Period &period, const char *sql,
                 std::map<std::string, std::string> words = {}) {
@@ -106,7 +131,7 @@ std::vector<Section> showUnit(Database &database, const Value &unit) {
             {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started, r.id", {unit})}};
 }
 
-std::vector<Section> showRun(Database &database, const Value &run) {
+std::vector<Section> showRunOf(Database &database, const Value &run) {
     return {{"run", database.ask(std::string(kRuns) + " WHERE r.id = $1", {run})},
             {"steps", database.ask("SELECT step, title, verdict, started_after, seconds, attempts, failure, reply, hint"
                                    " FROM steps WHERE run = $1 ORDER BY step",
@@ -117,6 +142,10 @@ std::vector<Section> showRun(Database &database, const Value &run) {
 }
 
 Value onlyCell(const Table &table) { return table.empty() ? std::nullopt : table.rows[0][0]; }
+
+Value findRun(Database &database, const std::string &name) {
+    return onlyCell(database.ask("SELECT id FROM runs WHERE run = $1", {name}));
+}
 
 }  // namespace
 
@@ -146,16 +175,33 @@ std::vector<Section> show(Database &database, const std::string &what) {
                                      {inStoreForm(what)}));
     }
     if (unit) return showUnit(database, unit);
-    const Value run = onlyCell(database.ask("SELECT id FROM runs WHERE run = $1", key));
+    const Value run = findRun(database, what);
     if (!run) throw Refusal(fmt::format("the store knows no unit, address or run \"{}\"", what));
-    return showRun(database, run);
+    return showRunOf(database, run);
+}
+
+std::vector<Section> showRun(Database &database, const std::string &name) {
+    const Value run = findRun(database, name);
+    if (!run) throw Refusal(fmt::format("the store knows no run \"{}\"", name));
+    return showRunOf(database, run);
+}
+
+Table unitsLike(Database &database, const std::string &begin, int limit) {
+    return database.ask(
+        fmt::format("SELECT u.serial, u.product, u.first_seen, u.last_seen FROM units u WHERE"
+                    " substr(u.serial, 1, length(CAST($1 AS TEXT))) = $1 ORDER BY u.last_seen DESC LIMIT {}",
+                    limit),
+        {begin});
 }
 
 Table listRuns(Database &database, const RunFilter &filter) {
-    const std::string sql = fmt::format("{} WHERE r.started >= $1 AND r.started < $2{} ORDER BY r.started DESC{}",
+    std::vector<Value> values = bounds(filter.period);
+    if (!filter.step.empty()) values.emplace_back(filter.step);
+    const std::string sql = fmt::format("{} WHERE r.started >= $1 AND r.started < $2{}{} ORDER BY r.started DESC{}",
                                         kRuns, filter.failed ? " AND r.verdict = 'failed'" : "",
+                                        filter.step.empty() ? "" : " AND coalesce(r.failed_step, r.failure) = $3",
                                         filter.limit > 0 ? fmt::format(" LIMIT {}", filter.limit) : "");
-    Table runs = database.ask(sql, bounds(filter.period));
+    Table runs = database.ask(sql, values);
     std::reverse(runs.rows.begin(), runs.rows.end());
     return runs;
 }
@@ -172,5 +218,14 @@ Table yields(Database &database, const Period &period, By by) {
 Table failuresByStep(Database &database, const Period &period) { return askPeriod(database, period, kFailures); }
 
 Table measuredValues(Database &database, const Period &period) { return askPeriod(database, period, kValues); }
+
+Table readings(Database &database, const Period &period, const std::string &plan, const std::string &name, int limit) {
+    return askReadings(database, period, plan, name, kEachReading, limit);
+}
+
+Table readingGroups(Database &database, const Period &period, const std::string &plan, const std::string &name,
+                    int groups) {
+    return askReadings(database, period, plan, name, kReadingGroups, groups);
+}
 
 }  // namespace station

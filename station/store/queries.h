@@ -28,7 +28,8 @@ std::vector<Section> show(Database &database, const std::string &what);
 struct RunFilter {
     Period period;
     bool failed = false;
-    int limit = 100;  // the newest ones; 0: all
+    int limit = 100;        // the newest ones; 0: all
+    std::string step = {};  // only those that failed at it; empty: all
 };
 Table listRuns(Database &database, const RunFilter &filter);
 
@@ -37,5 +38,17 @@ enum class By { kAll, kHour, kPlace };
 Table yields(Database &database, const Period &period, By by);
 Table failuresByStep(Database &database, const Period &period);
 Table measuredValues(Database &database, const Period &period);
+
+// Of a measured value of a plan (empty: of any): the oldest of the period, a row each; or all of them in so many groups
+// of the same size, one behind the other in time, each with its lowest, mean and highest.
+Table readings(Database &database, const Period &period, const std::string &plan, const std::string &name, int limit);
+Table readingGroups(Database &database, const Period &period, const std::string &plan, const std::string &name,
+                    int groups);
+
+// Units whose serials begin so, the last seen first.
+Table unitsLike(Database &database, const std::string &begin, int limit);
+
+// All about a run by its name. Throws Refusal when there is none.
+std::vector<Section> showRun(Database &database, const std::string &name);
 
 }  // namespace station
