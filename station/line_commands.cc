@@ -215,7 +215,7 @@ int serve(const std::string &path, bool json) {
     const LineFile line = loadLine(path, poolNames);
     const auto records = recordsIn(line.results.string(), line.store);
     Listener listener(line.address, line.port, line.interfaces());
-    const auto page = line.page ? std::make_unique<Page>(*line.page) : nullptr;
+    const auto page = line.page ? std::make_unique<Page>(*line.page, line.store) : nullptr;
     if (page) fmt::print(said, "page {}\n", page->url());
     fmt::print(said, "line {}: {} places, plan {}, waiting for boards on {}:{}\n", path, line.places.size(),
                line.plan.name, line.address, listener.port());

@@ -9,8 +9,8 @@ namespace station {
 
 class Page {
 public:
-    // Listens. Throws ListenError.
-    explicit Page(const PageSettings &settings);
+    // Listens. Throws ListenError. `store`: what the engineer's pages read; empty: none.
+    Page(const PageSettings &settings, const std::string &store);
 
     // Where a browser on this machine, or on one that reaches it, finds the page.
     std::string url() const;

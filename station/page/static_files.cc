@@ -9,7 +9,8 @@ std::vector<Route> staticRoutes() {
                                                                     {"svg", "image/svg+xml"}};
     std::vector<Route> routes;
     for (const StaticFile &file : kStaticFiles) {
-        const std::string path = file.name == "operator.html" ? "/" : "/" + std::string(file.name);
+        std::string path = "/";
+        if (file.name != "operator.html") path += file.name;
         const char *const type = kTypes.at(file.name.substr(file.name.rfind('.') + 1));
         routes.push_back({path,
                           [=](const PageRequest &) {

@@ -1,0 +1,77 @@
+#include "station/page/local_time.h"
+
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <iomanip>
+#include <sstream>
+
+#include "station/store/queries.h"
+
+namespace station {
+namespace {
+
+std::string shown(const std::tm &date, const char *form) {
+    std::ostringstream text;
+    text << std::put_time(&date, form);
+    return text.str();
+}
+
+std::tm localDate(std::time_t time) {
+    std::tm date{};
+    ::localtime_r(&time, &date);
+    return date;
+}
+
+std::string midnight() {
+    std::tm date = localDate(std::time(nullptr));
+    date.tm_hour = date.tm_min = date.tm_sec = 0;
+    date.tm_isdst = -1;
+    return utcTime(std::mktime(&date));
+}
+
+}  // namespace
+
+std::time_t timeOf(const std::string &utc) {
+    std::tm date{};
+    for (const char *const form : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H", "%Y-%m-%d"}) {
+        if (::strptime(utc.c_str(), form, &date)) return ::timegm(&date);
+        date = {};
+    }
+    return 0;
+}
+
+std::string localTime(std::time_t time, const char *form) { return shown(localDate(time), form); }
+
+std::string utcTime(std::time_t time) {
+    std::tm date{};
+    ::gmtime_r(&time, &date);
+    return shown(date, "%Y-%m-%dT%H:%M:%S");
+}
+
+long aheadOfUtc(std::time_t time) { return localDate(time).tm_gmtoff; }
+
+std::string zone() {
+    const std::tm date = localDate(std::time(nullptr));
+    const long minutes = std::labs(date.tm_gmtoff) / 60;
+    if (std::string("UTC") == date.tm_zone) return "UTC";
+    return fmt::format("{}, UTC{}{:02}:{:02}", date.tm_zone, date.tm_gmtoff < 0 ? '-' : '+', minutes / 60,
+                       minutes % 60);
+}
+
+std::string parseLocalTime(const std::string &text) try {
+    if (text == "today") return midnight();
+    const std::string time = parseTime(text);
+    if (text.ends_with('Z') || time != text) return time;  // of UTC, or ago
+    std::tm date{};
+    const std::time_t wall = timeOf(time);
+    ::gmtime_r(&wall, &date);
+    date.tm_isdst = -1;
+    return utcTime(std::mktime(&date));
+} catch (const Refusal &) {
+    throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (the station's, or UTC with a Z),"
+                              " today, or 8h or 7d ago",
+                              text));
+}
+
+}  // namespace station
