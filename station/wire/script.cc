@@ -14,7 +14,9 @@ namespace {
 constexpr Milliseconds kResultGrace{1000};
 
 // The script follows the wrapper, which finds it at the byte after its own end. The board has the station's fixed
-// address, whatever this machine calls it.
+// address, whatever this machine calls it. It connects before the script runs: when the station is killed meanwhile,
+// the connection ends, and with it the board's wait. A connection that was only begun then would wait for minutes where
+// the refusal takes another card's cable, as on a station with one address on many.
 std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLength) {
     return fmt::format("#!/bin/sh\n"
                        "{}"
@@ -22,9 +24,7 @@ std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLeng
                        "output=/tmp/fabtestd.output\n"
                        "tail -c +{:08} \"$0\" > $script\n"
                        "chmod 755 $script\n"
-                       "$script < /dev/null > $output 2>&1\n"
-                       "status=$?\n"
-                       "{{ echo $status; cat $output; }} | nc {} {}\n"
+                       "{{ $script < /dev/null > $output 2>&1; echo $?; cat $output; }} | nc {} {}\n"
                        "exit 0\n",
                        exports, ownLength + 1, kDefaultAddress, port);
 }
@@ -70,7 +70,7 @@ ScriptResult runScript(Session &session, const std::string &script, Clock::time_
     const std::string command = fmt::format("SHELL {}", payload.size());
     session.sendCommand(command);
     session.sendBytes(payload, progress);
-    // The reply comes when the wrapper has ended, so the result is there before it, or never.
+    // The reply comes when the wrapper has ended, so the result's connection is there before it, or never.
     if (!results.waitForBoard(session, deadline, kResultGrace)) {
         throw SessionError("the board sent no result of the script: has it no \"nc\"?");
     }

@@ -13,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <utility>
 
@@ -57,20 +56,6 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
         if (sent < 0) throw SessionError(describeError("sending failed"));
         done += static_cast<uint64_t>(sent);
         if (progress) progress(done, bytes.size());
-    }
-}
-
-void Session::sendFile(const std::filesystem::path &path, const Progress &progress) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw SessionError(describeError("cannot open " + path.string()));
-    const uint64_t total = std::filesystem::file_size(path);
-    uint64_t done = 0;
-    std::array<char, 65536> part;
-    while (file.read(part.data(), part.size()), file.gcount() > 0) {
-        const auto length = static_cast<size_t>(file.gcount());
-        sendBytes({part.data(), length});
-        done += length;
-        if (progress) progress(done, total);
     }
 }
 
@@ -135,7 +120,9 @@ std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) 
     std::string bytes;
     std::array<char, 65536> part;
     for (;;) {
-        if (!waitFor(socket_.descriptor(), POLLIN, deadline)) throw SessionError("the board did not finish in time");
+        if (!waitFor(socket_.descriptor(), POLLIN, deadline)) {
+            throw SessionError(fmt::format("the board did not finish within {:.1f} s", double(limit.count()) / 1000));
+        }
         const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
         if (received < 0) throw SessionError(describeError("receiving failed"));
         if (received == 0) return bytes;

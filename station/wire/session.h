@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -32,7 +31,6 @@ public:
     void sendCommand(std::string_view text);
     // Sends bytes as they are. `progress`, when set, is called after each part that was taken.
     void sendBytes(std::string_view bytes, const Progress &progress = {});
-    void sendFile(const std::filesystem::path &path, const Progress &progress = {});
 
     // Receives one reply and returns its text. Throws when it does not arrive within the limit, or when its frame is
     // not exact: 64 bytes, NUL behind the text; or the text and one NUL when it is longer; and nothing behind that.
