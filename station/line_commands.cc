@@ -187,8 +187,7 @@ int run(RunOptions options) {
     const Outcome outcome =
         work(stage, [&](Line &line) { return line.run(options.boards, options.discovery.limit()); });
     if (outcome.runs == 1) {
-        fmt::print(options.said(), "plan {}: {} steps, {} failed\n", job->plan.name, job->plan.steps.size(),
-                   outcome.failedSteps);
+        fmt::print(options.said(), "plan {}: {}\n", job->plan.name, outcome.counts);
     } else {
         fmt::print(options.said(), "plan {}: {} boards, {} failed\n", job->plan.name, outcome.runs, outcome.failed);
     }

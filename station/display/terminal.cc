@@ -35,9 +35,10 @@ double secondsSince(Moment start) { return std::chrono::duration<double>(Clock::
 
 // The text with its lines and colours, but without what else could move or erase what is drawn.
 std::string harmless(const std::string &text) {
-    static const re2::RE2 kKept("((?:[^[:cntrl:]]|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)", re2::RE2::Latin1);
+    static const re2::RE2 kKept("(?s)((?:\\PC|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)");
+    const std::string clean = asUtf8(text);
     std::string result, kept, other;
-    for (re2::StringPiece rest(text); !rest.empty() && re2::RE2::Consume(&rest, kKept, &kept, &other);) {
+    for (re2::StringPiece rest(clean); !rest.empty() && re2::RE2::Consume(&rest, kKept, &kept, &other);) {
         result += kept + (other.empty() ? "" : "?");
     }
     return result;

@@ -253,6 +253,7 @@ void Line::missBoards() {
         if (seat.served || wish_.boards-- <= 0) continue;
         RunRecord run = newRun(job_->plan, seat.place());
         run.failure = "no board connected";
+        for (StepResult &step : run.steps) step.failure = "not run: no board connected";
         run.end = run.start;
         finish(run);
     }
@@ -331,7 +332,7 @@ void Line::finish(const RunRecord &run) {
     const std::lock_guard lock(mutex_);
     ++outcome_.runs;
     outcome_.failed += run.passed() ? 0 : 1;
-    outcome_.failedSteps += run.failures();
+    outcome_.counts = countsOf(run);
     outcome_.interrupted |= run.interrupted;
 }
 

@@ -25,9 +25,9 @@ struct Job {
 
 // How a line's work has ended.
 struct Outcome {
-    int runs = 0;    // boards that have a record, those that never connected included
-    int failed = 0;  // of them
-    size_t failedSteps = 0;
+    int runs = 0;        // boards that have a record, those that never connected included
+    int failed = 0;      // of them
+    std::string counts;  // of the last board's steps
     bool interrupted = false;
     std::string unwritten;  // why records are not written; empty: all are
 };

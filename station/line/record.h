@@ -62,8 +62,9 @@ struct RunRecord {
     std::string failure;            // what failed besides the steps; empty: nothing
     bool interrupted = false;       // the station was stopped before the plan's end
 
-    size_t failures() const;  // steps that did not pass
-    bool passed() const { return failures() == 0 && failure.empty(); }
+    size_t failures() const;  // steps that failed
+    size_t notRun() const;    // steps that were not run
+    bool passed() const { return failures() + notRun() == 0 && failure.empty(); }
 };
 
 // "20261121T173000.123Z-" and eight random hexadecimal digits.
@@ -72,8 +73,14 @@ std::string makeRunId(WallClock::time_point start);
 // In UTC to the millisecond: "2026-11-21T17:30:00.123Z".
 std::string isoTime(WallClock::time_point time);
 
+// "4 steps, 1 failed", and ", 2 not run" when there are such.
+std::string countsOf(const RunRecord &run);
+
 // A step's line: verdict, time, title, and the reply or what is wrong.
 std::string describeStep(const StepResult &result);
+
+// The text as UTF-8, whatever the board sent: other bytes become U+FFFD.
+std::string asUtf8(const std::string &text);
 
 // A text in one line, UTF-8 and fit for XML whatever the board sent: line ends and control characters become visible.
 std::string oneLine(const std::string &text);

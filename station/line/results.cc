@@ -24,16 +24,17 @@ std::string logOf(const RunRecord &run) {
                                   run.peer.empty() ? "never connected" : run.peer, isoTime(run.start));
     for (const StepResult &step : run.steps) log += describeStep(step) + "\n";
     if (!run.failure.empty()) log += fmt::format("FAILED  {}\n", oneLine(run.failure));
-    return log + fmt::format("{} steps, {} failed\n", run.steps.size(), run.failures());
+    return log + countsOf(run) + "\n";
 }
 
+// `outcome` is the element that says why the case did not pass.
 void addCase(pugi::xml_node suite, const std::string &name, std::chrono::milliseconds duration,
-             const std::string &failure) {
+             const std::string &failure, const char *outcome = "failure") {
     pugi::xml_node test = suite.append_child("testcase");
     test.append_attribute("classname") = suite.attribute("name").value();
     test.append_attribute("name") = oneLine(name).c_str();
     test.append_attribute("time") = fmt::format("{:.3f}", seconds(duration)).c_str();
-    if (!failure.empty()) test.append_child("failure").append_attribute("message") = oneLine(failure).c_str();
+    if (!failure.empty()) test.append_child(outcome).append_attribute("message") = oneLine(failure).c_str();
 }
 
 std::string reportOf(const RunRecord &run) {
@@ -42,12 +43,15 @@ std::string reportOf(const RunRecord &run) {
     suite.append_attribute("name") = oneLine(run.plan + "." + run.place.name).c_str();
     suite.append_attribute("tests") = run.steps.size() + 1;
     suite.append_attribute("failures") = run.failures() + (run.failure.empty() ? 0 : 1);
+    suite.append_attribute("skipped") = run.notRun();
     suite.append_attribute("time") = fmt::format("{:.3f}", seconds(run.end - run.start)).c_str();
     suite.append_attribute("timestamp") = isoTime(run.start).c_str();
     suite.append_attribute("hostname") = run.peer.c_str();
     addCase(suite, "0 the run", std::chrono::milliseconds(0), run.failure);
     for (size_t i = 0; i < run.steps.size(); ++i) {
-        addCase(suite, fmt::format("{} {}", i + 1, run.steps[i].title), run.steps[i].duration, run.steps[i].failure);
+        const StepResult &step = run.steps[i];
+        addCase(suite, fmt::format("{} {}", i + 1, step.title), step.duration, step.failure,
+                step.verdict == Verdict::kFailed ? "failure" : "skipped");
     }
     std::ostringstream text;
     document.save(text, "  ", pugi::format_default, pugi::encoding_utf8);
