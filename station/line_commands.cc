@@ -166,9 +166,14 @@ std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boar
     return places;
 }
 
+void warn(const Plan &plan) {
+    if (!plan.warnings.empty()) fmt::print(stderr, "{}\n", plan.warnings);
+}
+
 int run(RunOptions options) {
     const auto job = std::make_shared<Job>();
     job->plan = loadPlan(options.plan, options.files, {{}, poolNames(options.store)});
+    warn(job->plan);
     const int interfaces = static_cast<int>(options.interfaces.size());
     if (options.boards == 0) options.boards = std::max(interfaces, 1);
     if (interfaces > 0 && options.boards > interfaces) {
@@ -203,6 +208,7 @@ std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, 
     const LineFile line = loadLine(path, poolNames);
     if (!line.sameStation(old))
         observer.trouble(path + ": address, places, records and page change at the next start only");
+    if (!line.plan.warnings.empty()) observer.trouble(line.plan.warnings);
     return jobOf(line);
 } catch (const std::exception &error) {
     observer.trouble(fmt::format("the line goes on as before: {}", error.what()));
@@ -212,6 +218,7 @@ std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, 
 int serve(const std::string &path, bool json) {
     FILE *const said = json ? stderr : stdout;
     const LineFile line = loadLine(path, poolNames);
+    warn(line.plan);
     const auto records = recordsIn(line.results.string(), line.store);
     Listener listener(line.address, line.port, line.interfaces());
     const auto page = line.page ? std::make_unique<Page>(*line.page, line.store) : nullptr;
