@@ -139,6 +139,8 @@ PageReply runs(Database &database, const PageRequest &request) {
     std::reverse(found.rows.begin(), found.rows.end());
     Html content = periodChooser(request);
     Parameters same = chosen(request, {{"step", filter.step}, {"failed", filter.failed ? "1" : ""}});
+    const Parameters others = chosen(request, {{"failed", filter.failed ? "" : "1"}});
+    content += html("<p>{}</p>\n", linkTo("/runs", others, filter.failed ? "All runs" : "Failed runs only"));
     if (!filter.step.empty()) content += html("<p>Those that failed first at <b>{}</b>.</p>\n", filter.step);
     content += tableOf(found);
     if (found.rows.size() == kListed) content += html("<p>The newest {}; the file has all.</p>\n", kListed);

@@ -43,7 +43,7 @@ const std::map<std::string, std::string> kHeadings = {{"cpk", "Cpk"},
                                                       {"median_seconds", "median s"},
                                                       {"p90_seconds", "90th percentile s"},
                                                       {"percent", "%"},
-                                                      {"seconds", "s"},
+                                                      {"seconds", "took s"},
                                                       {"started_after", "after s"}};
 
 // A look that needs the cell alone.
@@ -59,11 +59,13 @@ Html percent(const std::string &number) { return {fmt::format("{:.1f}", std::str
 
 // A run's name begins with its start, which stands beside it.
 Html runLink(const std::string &name) {
-    return html("<a href=\"{}\" title=\"{}\">{}</a>", urlOf("/run", {{"run", name}}), name,
+    return html("<a class=\"name\" href=\"{}\" title=\"{}\">{}</a>", urlOf("/run", {{"run", name}}), name,
                 name.substr(name.rfind('-') + 1));
 }
 
-Html unitLink(const std::string &serial) { return linkTo("/unit", {{"serial", serial}}, serial); }
+Html unitLink(const std::string &serial) {
+    return html("<a class=\"name\" href=\"{}\">{}</a>", urlOf("/unit", {{"serial", serial}}), serial);
+}
 
 const std::map<std::string, Look> &looks() {
     static const std::map<std::string, Look> kLooks = {{"run", ofCell(runLink)},

@@ -12,9 +12,11 @@ namespace {
 // A reply that is short stands open; the output of a script unfolds, and is open where the step failed.
 Html replyOf(const StepResult &step) {
     constexpr size_t kShort = 200;
+    const size_t lineEnd = step.reply.find('\n');
     const auto lines = std::count(step.reply.begin(), step.reply.end(), '\n');
     const bool isShort = lines <= 3 && step.reply.size() <= kShort;
-    Html content = isShort && lines == 0 ? html("<code>{}</code>", step.reply) : html("<pre>{}</pre>", step.reply);
+    Html content = isShort && lineEnd >= step.reply.size() - 1 ? html("<code>{}</code>", step.reply)
+                                                               : html("<pre>{}</pre>", step.reply);
     if (step.cut > 0) content += html("<p class=\"note\">{} bytes more were cut off.</p>", step.cut);
     if (isShort) return content;
     return html("<details{}><summary>{} bytes, {} lines</summary>{}</details>",
