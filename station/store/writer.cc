@@ -1,6 +1,7 @@
 #include "station/store/writer.h"
 
 #include <fmt/format.h>
+#include <signal.h>
 
 #include <fstream>
 #include <map>
@@ -88,7 +89,12 @@ std::string Writer::Job::line() const {
 Writer::Writer(std::vector<std::unique_ptr<Spool>> spools, std::string store, std::string station, Trouble trouble)
     : store_(std::move(store)), station_(std::move(station)), trouble_(std::move(trouble)), spools_(std::move(spools)) {
     round({});
-    thread_ = std::thread([this] { loop(); });
+    thread_ = std::thread([this] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);  // else one that is meant for the line would end the process here
+        loop();
+    });
 }
 
 Writer::~Writer() {
