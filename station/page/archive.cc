@@ -6,14 +6,6 @@ namespace station {
 namespace {
 
 constexpr std::chrono::seconds kLimit{5};  // of a question
-constexpr int kGuests = 4;                 // who ask at once; each but the first waits for those before
-
-struct Guest {
-    explicit Guest(std::atomic<int> &guests) : all(guests), welcome(++guests <= kGuests) {}
-    ~Guest() { --all; }
-    std::atomic<int> &all;
-    const bool welcome;
-};
 
 }  // namespace
 
@@ -26,9 +18,8 @@ void Archive::connect() try {
 }
 
 void Archive::ask(const std::function<void(Database &)> &work) {
-    const Guest guest(guests_);
-    if (!guest.welcome) throw TooSlow("the store is being asked by others: try again in a moment");
-    const std::lock_guard lock(turn_);
+    const std::unique_lock lock(turn_, 2 * kLimit);
+    if (!lock) throw TooSlow("the store has others to answer, or hangs");
     const bool fresh = !database_;
     if (fresh) connect();
     try {

@@ -1,7 +1,6 @@
 #pragma once
 // The store as the pages read it: over a connection of their own, so that no question holds a board up.
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -17,16 +16,14 @@ public:
     explicit Archive(std::string store) : store_(std::move(store)) {}
 
     // Does the work over the connection, which is made when it is first needed and again when it broke; the work may
-    // then be begun twice. Throws StoreError when the store is away, takes too long or is asked by too many, and what
-    // the work throws.
+    // then be begun twice. Throws StoreError when the store is away, or takes too long, and what the work throws.
     void ask(const std::function<void(Database &)> &work);
 
 private:
     void connect();
 
     const std::string store_;
-    std::atomic<int> guests_ = 0;
-    std::mutex turn_;  // of what follows
+    std::timed_mutex turn_;  // of what follows
     std::unique_ptr<Database> database_;
 };
 

@@ -63,11 +63,11 @@ Html cross(double x, double y) {
     return html("<path class=\"cross\" d=\"M{:.1f} {:.1f}l10 10m0 -10l-10 10\"/>\n", x - 5, y - 5);
 }
 
-// A line through points, interrupted where there is none.
+// A line through points, interrupted where there is none; a point alone is a dot.
 class Path {
 public:
     void to(double x, double y) {
-        way_ += fmt::format("{}{:.1f} {:.1f}", open_ ? 'L' : 'M', x, y);
+        way_ += fmt::format("{}{:.1f} {:.1f}{}", open_ ? "L" : "M", x, y, open_ ? "" : "h0");
         open_ = true;
     }
     void lift() { open_ = false; }
@@ -95,29 +95,32 @@ double niceStep(double range, double count) {
 }
 
 std::string tickText(double value, double step) {
+    if (std::abs(value) >= 1e7) return fmt::format("{:.5g}", value);
     const int digits = std::clamp(int(std::ceil(-std::log10(step) - 1e-9)), 0, 9);
     return fmt::format("{:.{}f}", std::abs(value) < step / 2 ? 0 : value, digits);
 }
 
 // Over the width of the picture, with some `count` lines.
-Html valueAxis(const Scale &scale, double count) {
+Html valueAxis(const Scale &scale, int count) {
     Html axis;
-    const double step = niceStep(scale.high - scale.low, count);
-    for (double i = std::ceil(scale.low / step - 1e-9); i * step <= scale.high + step * 1e-9; ++i) {
-        const double y = scale.at(i * step);
-        axis += line("grid", kLeft, y, kWidth - kRight, y);
-        axis += label("end", kLeft - 8, y + 4, tickText(i * step, step));
+    const double step = niceStep(scale.high - scale.low, count), first = std::ceil(scale.low / step - 1e-9);
+    for (int i = 0; i <= count; ++i) {  // counted, as numbers that are large enough do not grow by a step
+        const double value = (first + i) * step;
+        if (value > scale.high + step * 1e-9) break;
+        axis += line("grid", kLeft, scale.at(value), kWidth - kRight, scale.at(value));
+        axis += label("end", kLeft - 8, scale.at(value) + 4, tickText(value, step));
     }
     return axis;
 }
 
+constexpr int kTicks = 10;  // at most, on the axis of time
 // In seconds.
 constexpr double kMinute = 60, kHour = 3600, kDay = 86400;
 
 double timeStep(double range) {
     for (const double step : {kMinute, 5 * kMinute, 15 * kMinute, kHour, 3 * kHour, 6 * kHour, 12 * kHour, kDay,
                               2 * kDay, 7 * kDay, 14 * kDay, 28 * kDay, 91 * kDay}) {
-        if (range / step <= 10) return step;
+        if (range / step <= kTicks) return step;
     }
     return 365 * kDay;
 }
@@ -126,8 +129,9 @@ double timeStep(double range) {
 Html timeAxis(const Scale &scale, double top, double bottom) {
     Html axis;
     const double step = timeStep(scale.high - scale.low), ahead = double(aheadOfUtc(std::time_t(scale.low)));
-    for (double i = std::ceil((scale.low + ahead) / step); i * step - ahead <= scale.high; ++i) {
-        const auto time = std::time_t(i * step - ahead);
+    const double first = std::ceil((scale.low + ahead) / step) * step - ahead;
+    for (int i = 0; i <= kTicks && first + i * step <= scale.high; ++i) {
+        const auto time = std::time_t(first + i * step);
         const double x = scale.at(double(time));
         const bool day = step >= kDay || localTime(time, "%H:%M") == "00:00";
         axis += line("grid", x, top, x, bottom);
@@ -176,7 +180,7 @@ Html runBars(const Table &hours, const Scale &time, double width) {
     double most = 1;
     for (size_t i = 0; i < hours.rows.size(); ++i) most = std::max(most, runs.number(i).value_or(0));
     const Scale count{0, most, kRuns.bottom, kRuns.top};
-    Html drawn = valueAxis(count, std::min(most, 4.0));
+    Html drawn = valueAxis(count, int(std::min(most, 4.0)));
     const double inset = std::min(width * 0.1, 3.0);
     for (size_t i = 0; i < hours.rows.size(); ++i) {
         const double top = count.at(runs.number(i).value_or(0));
@@ -186,6 +190,7 @@ Html runBars(const Table &hours, const Scale &time, double width) {
 }
 
 // A point in the middle of its hour; the line ends where an hour has none.
+constexpr size_t kDots = 200;  // more would be one upon the other
 Html yieldLine(const Table &hours, const Scale &time, double width) {
     const Column starts(hours, "hour"), yields(hours, "first_pass_yield");
     const Scale percent{0, 100, kYields.bottom, kYields.top};
@@ -198,7 +203,7 @@ Html yieldLine(const Table &hours, const Scale &time, double width) {
         if (starts.time(i) - std::exchange(last, starts.time(i)) > kHour) path.lift();
         const double x = time.at(starts.time(i)) + width / 2;
         path.to(x, percent.at(*yield));
-        dots += dot(x, percent.at(*yield));
+        if (hours.rows.size() <= kDots) dots += dot(x, percent.at(*yield));
     }
     Html drawn = valueAxis(percent, 5);
     drawn += path.drawn("sum");

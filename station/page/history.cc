@@ -178,7 +178,8 @@ constexpr Part kHours{"/hours", "By the hour",
                       [](Database &database, const Period &period) { return yields(database, period, By::kHour); }};
 constexpr Part kPlaces{"/places", "By place",
                        [](Database &database, const Period &period) { return yields(database, period, By::kPlace); }};
-constexpr Part kValues{"/values", "Measured values", measuredValues};
+constexpr Part kValues{"/values", "Measured values",
+                       [](Database &database, const Period &period) { return measuredValues(database, period); }};
 
 Html partOf(const PageRequest &request, const Part &part, const Html &content) {
     return html("<section>\n<h2>{}</h2>\n{}{}</section>\n", part.title, content, csvLink(part.path, chosen(request)));
@@ -196,10 +197,19 @@ Html failuresPart(Database &database, const PageRequest &request) {
     return partOf(request, kFailures, content);
 }
 
+// What is left out is said.
+Html keepNewest(Table &table, size_t most) {
+    const size_t all = table.rows.size();
+    if (all <= most) return {};
+    table.rows.erase(table.rows.begin(), table.rows.end() - ptrdiff_t(most));
+    return html("<p class=\"note\">The newest {} of {}; the file has all.</p>\n", most, all);
+}
+
 Html hoursPart(Database &database, const PageRequest &request) {
-    const Table table = kHours.ask(database, periodOf(request));
+    Table table = kHours.ask(database, periodOf(request));
     if (table.empty()) return partOf(request, kHours, tableOf(table));
-    Html content = yieldChart(table);
+    Html content = keepNewest(table, kPoints);
+    content += yieldChart(table);
     content += folded("The table", tableOf(table));
     return partOf(request, kHours, content);
 }
@@ -225,7 +235,9 @@ PageReply summary(Database &database, const PageRequest &request) {
 // ---- a measured value
 
 Table readingsOf(Database &database, const PageRequest &request, size_t most) {
-    return readings(database, periodOf(request), parameter(request, "plan"), parameter(request, "name"), int(most) + 1);
+    const std::string name = parameter(request, "name");
+    if (name.empty()) throw Refusal("which value is not said: the summary leads to each");
+    return readings(database, periodOf(request), parameter(request, "plan"), name, int(most) + 1);
 }
 
 PageReply value(Database &database, const PageRequest &request) {

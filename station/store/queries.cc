@@ -59,7 +59,7 @@ WITH found AS (
     SELECT r.plan, m.name, m.unit, m.value, m.minimum, m.maximum, m.verdict,
            avg(m.value) OVER (PARTITION BY r.plan, m.name, m.unit) AS mean
     FROM runs r JOIN measurements m ON m.run = r.id
-    WHERE {period}),
+    WHERE {readings}),
 spread AS (
     SELECT plan, name, unit, count(*) AS measured, sum(CASE verdict WHEN 'failed' THEN 1 ELSE 0 END) AS failed,
            min(value) AS lowest, max(mean) AS mean, max(value) AS highest,
@@ -70,7 +70,7 @@ SELECT spread.*, CASE WHEN minimum IS NULL OR maximum - mean <= mean - minimum T
                  / nullif(3 * deviation, 0) AS cpk
 FROM spread ORDER BY cpk, plan, name)";
 
-constexpr const char *kReadings = "{period} AND m.name = $3 AND ($4 = '' OR r.plan = $4)";
+constexpr const char *kReadings = "{period} AND ($3 = '' OR m.name = $3) AND ($4 = '' OR r.plan = $4)";
 
 constexpr const char *kEachReading = R"(
 SELECT r.started, r.run, u.serial, s.name AS station, r.place_name AS place, m.value, m.minimum, m.maximum, m.unit, m.verdict
@@ -217,7 +217,9 @@ Table yields(Database &database, const Period &period, By by) {
 
 Table failuresByStep(Database &database, const Period &period) { return askPeriod(database, period, kFailures); }
 
-Table measuredValues(Database &database, const Period &period) { return askPeriod(database, period, kValues); }
+Table measuredValues(Database &database, const Period &period, const std::string &plan, const std::string &name) {
+    return askReadings(database, period, plan, name, kValues, 0);
+}
 
 Table readings(Database &database, const Period &period, const std::string &plan, const std::string &name, int limit) {
     return askReadings(database, period, plan, name, kEachReading, limit);

@@ -37,7 +37,9 @@ Table listRuns(Database &database, const RunFilter &filter);
 enum class By { kAll, kHour, kPlace };
 Table yields(Database &database, const Period &period, By by);
 Table failuresByStep(Database &database, const Period &period);
-Table measuredValues(Database &database, const Period &period);
+// Of one plan or of one name, unless these are empty.
+Table measuredValues(Database &database, const Period &period, const std::string &plan = "",
+                     const std::string &name = "");
 
 // Of a measured value of a plan (empty: of any): the oldest of the period, a row each; or all of them in so many groups
 // of the same size, one behind the other in time, each with its lowest, mean and highest.
