@@ -38,7 +38,7 @@ Parameters chosen(const PageRequest &request, const Parameters &more = {}) {
 
 Period periodOf(const PageRequest &request) {
     const std::string since = parameter(request, "since"), until = parameter(request, "until");
-    const Period period{parseLocalTime(since.empty() ? "24h" : since), until.empty() ? "" : parseLocalTime(until)};
+    Period period{parseLocalTime(since.empty() ? "24h" : since), until.empty() ? "" : parseLocalTime(until)};
     if (!until.empty() && period.until <= period.since) throw Refusal("the period ends before it begins");
     return period;
 }
@@ -320,7 +320,8 @@ std::vector<Route> historyRoutes(const std::string &store) {
         if (store.empty()) {
             routes.push_back({path, noStore});
         } else {
-            routes.push_back({path, [=](const PageRequest &request) { return answer(*archive, ask, request); }});
+            routes.push_back(
+                {path, [archive, ask = ask](const PageRequest &request) { return answer(*archive, ask, request); }});
         }
     }
     return routes;

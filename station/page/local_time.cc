@@ -61,7 +61,7 @@ std::string zone() {
 
 std::string parseLocalTime(const std::string &text) try {
     if (text == "today") return midnight();
-    const std::string time = parseTime(text);
+    std::string time = parseTime(text);
     if (text.ends_with('Z') || time != text) return time;  // of UTC, or ago
     std::tm date{};
     const std::time_t wall = timeOf(time);
