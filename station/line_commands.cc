@@ -100,8 +100,8 @@ struct Telling {
 
 // Lets browsers in for as long as there is a line to show.
 struct Showing {
-    explicit Showing(Page *all) : page(all) {
-        if (page != nullptr) page->start();
+    Showing(Page *all, Line &line) : page(all) {
+        if (page != nullptr) page->start([&line](int place, bool held) { return line.hold(place, held); });
     }
     ~Showing() {
         if (page != nullptr) page->stop();
@@ -120,12 +120,15 @@ Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
     Observers observers;
     observers.add(unfinished);
     observers.add(stage.json ? static_cast<Observer &>(*events) : *display);
+    if (stage.page != nullptr) observers.add(stage.page->observer());
     Nobody nobody;
-    Operator &people = stage.json ? static_cast<Operator &>(nobody) : *display;
+    Operator &people = stage.page != nullptr ? stage.page->operators()
+                       : stage.json          ? static_cast<Operator &>(nobody)
+                                             : *display;
     Stop stop;
     Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people});
     const Telling telling(stage.records, observers);
-    const Showing showing(stage.page);
+    const Showing showing(stage.page, line);
     const Signals signals({[&] {
                                stop.request();
                                line.wake();

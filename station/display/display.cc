@@ -11,12 +11,6 @@
 namespace station {
 namespace {
 
-const StepResult *firstFailure(const RunRecord &run) {
-    const auto failed = std::find_if(run.steps.begin(), run.steps.end(),
-                                     [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
-    return failed == run.steps.end() ? nullptr : &*failed;
-}
-
 class PlainDisplay : public Display {
 public:
     explicit PlainDisplay(int boards) : boards_(boards) {}
@@ -32,6 +26,9 @@ public:
         const bool told = boards_ == 1 && run.failure.empty();  // by the steps
         if (!told) print(run, endLine(run));
         print(shownReplies(run, boards_ != 1));
+    }
+    void placeHeld(const Place &place, bool held) override {
+        print(nameOf(place) + (held ? "  held: it takes no board until it is released\n" : "  released\n"));
     }
     void strangerRefused(const std::string &peer, const std::string &why) override {
         print(oneLine(fmt::format("stranger {} refused: {}", peer, why)) + "\n");
@@ -70,7 +67,7 @@ std::string nameOf(const Place &place) {
 }
 
 std::string summaryOf(const RunRecord &run) {
-    const StepResult *const failed = firstFailure(run);
+    const StepResult *const failed = run.firstFailed();
     if (failed != nullptr) {
         return fmt::format("step {}/{} {}: {}", failed - run.steps.data() + 1, run.steps.size(), failed->title,
                            failed->failure);
@@ -80,7 +77,7 @@ std::string summaryOf(const RunRecord &run) {
 }
 
 std::string hintOf(const RunRecord &run) {
-    const StepResult *const failed = firstFailure(run);
+    const StepResult *const failed = run.firstFailed();
     return failed == nullptr ? "" : failed->hint;
 }
 

@@ -128,7 +128,7 @@ private:
         const size_t left = screen_.columns - name_ - 1;
         switch (row.stage) {
         case Stage::kWaiting:
-            return lines_.push_back(name + "waiting");
+            return lines_.push_back(name + (row.text.empty() ? "waiting" : row.text));
         case Stage::kRunning:
             return lines_.push_back(name + runningLine(row, left));
         case Stage::kAsking:

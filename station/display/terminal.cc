@@ -16,6 +16,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -142,6 +143,15 @@ public:
         const std::lock_guard lock(mutex_);
         lines_[place.number] = {};
         lines_[place.number].row.place = nameOf(place);
+    }
+
+    void placeHeld(const Place &place, bool held) override {
+        const std::lock_guard lock(mutex_);
+        if (held) {
+            held_.insert(place.number);
+        } else {
+            held_.erase(place.number);
+        }
     }
 
     void strangerRefused(const std::string &peer, const std::string &why) override {
@@ -278,23 +288,20 @@ private:
         std::vector<Row> rows;
         for (const auto &[number, line] : lines_) {
             Row &row = rows.emplace_back(line.row);
+            if (row.stage == Stage::kWaiting && held_.contains(number)) row.text = "held";
             if (row.stage != Stage::kRunning) continue;
             row.seconds = secondsSince(line.connected);
-            estimate(row, line);
+            project(row, line);
         }
         return rows;
     }
 
-    // By the time that the step took before; without that, by the bytes that are sent.
-    static void estimate(Row &row, const Line &line) {
+    static void project(Row &row, const Line &line) {
         const double passed = row.elapsed = secondsSince(line.started);
-        if (line.expected > 0) {
-            row.fraction = std::min(passed / line.expected, 0.99);
-            row.left = std::max(line.expected - passed, 0.0);
-        } else if (line.sent > 0 && line.sent < line.total) {
-            row.fraction = double(line.sent) / double(line.total);
-            row.left = passed / row.fraction - passed;
-        }
+        const double expected = estimate(line.expected, passed, line.sent, line.total);
+        if (expected <= 0) return;
+        row.fraction = std::min(passed / expected, 0.99);
+        row.left = std::max(expected - passed, 0.0);
     }
 
     std::vector<std::string> foot() const {
@@ -355,6 +362,7 @@ private:
     Durations durations_;
     Keyboard keyboard_;
     std::map<int, Line> lines_;
+    std::set<int> held_;  // places, by number
     std::deque<Question *> questions_;
     int judged_ = 0;     // the place whose answer is judged; 0: none
     std::string above_;  // what goes above the live lines for good

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -50,11 +51,26 @@ double Durations::of(const RunRecord &run, size_t step) const {
     return known == seconds_.end() ? 0 : known->second;
 }
 
+double Durations::from(const RunRecord &run, size_t step) const {
+    double sum = 0;
+    for (; step < run.steps.size(); ++step) {
+        const double seconds = of(run, step);
+        if (seconds <= 0) return 0;
+        sum += seconds;
+    }
+    return sum;
+}
+
 void Durations::learn(const RunRecord &run, size_t step) {
     if (!run.steps[step].passed()) return;
-    const double seconds = double(run.steps[step].duration.count()) / 1000;
+    const double seconds = std::max(double(run.steps[step].duration.count()) / 1000, 0.0001);  // not 0: it is known
     double &known = seconds_.try_emplace(keyOf(run, step), seconds).first->second;
     known = (known + seconds) / 2;
+}
+
+double estimate(double before, double elapsed, uint64_t sent, uint64_t total) {
+    if (before > 0) return before;
+    return sent > 0 && sent < total ? elapsed * double(total) / double(sent) : 0;
 }
 
 }  // namespace station

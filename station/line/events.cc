@@ -73,6 +73,10 @@ void Events::boardEnds(const RunRecord &run) {
 
 void Events::placeFree(const Place &place) { output_.put(line("place_free", {{"place", toJson(place)}})); }
 
+void Events::placeHeld(const Place &place, bool held) {
+    output_.put(line("place_held", {{"place", toJson(place)}, {"held", held}}));
+}
+
 void Events::strangerRefused(const std::string &peer, const std::string &why) {
     output_.put(line("stranger_refused", {{"peer", peer}, {"why", why}}));
 }

@@ -21,6 +21,7 @@ public:
     void stepEnds(const RunRecord &run, size_t step) override;
     void boardEnds(const RunRecord &run) override;
     void placeFree(const Place &place) override;
+    void placeHeld(const Place &place, bool held) override;
     void strangerRefused(const std::string &peer, const std::string &why) override;
     void lineWaits(const std::string &why) override;
     void lineStops() override;

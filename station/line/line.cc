@@ -45,6 +45,7 @@ Line::Line(Listener &listener, const std::vector<Place> &places, bool cabled, st
       door_(listener, context_.observer),
       cabled_(cabled),
       wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      places_(places),
       job_(std::move(job)) {
     size_t socket = 0;
     for (const Place &place : places) seats_.emplace_back(place, cabled ? socket++ : 0, [this] { wake(); });
@@ -68,14 +69,25 @@ void Line::change(std::shared_ptr<const Job> job) {
     wake();
 }
 
+bool Line::hold(int number, bool held) {
+    const auto place =
+        std::find_if(places_.begin(), places_.end(), [&](const Place &one) { return one.number == number; });
+    if (place == places_.end()) return false;
+    {
+        const std::lock_guard lock(mutex_);
+        if (!(held ? held_.insert(number).second : held_.erase(number) > 0)) return true;
+    }
+    context_.observer.placeHeld(*place, held);
+    wake();
+    return true;
+}
+
 void Line::wake() const {
     [[maybe_unused]] const int ignored = eventfd_write(wakeup_.descriptor(), 1);  // a full counter wakes as well
 }
 
 Outcome Line::work() {
-    std::vector<Place> places;
-    for (const Seat &seat : seats_) places.push_back(seat.place());
-    context_.observer.lineStarts(places);
+    context_.observer.lineStarts(places_);
     while (!over()) {
         await();
         look();
@@ -122,7 +134,7 @@ void Line::tendGates() {
         !closing_ && away_.empty() && !shorthanded_ && (wish_.endless || static_cast<size_t>(wish_.boards) > expected);
     std::vector<size_t> room(door_.sockets());
     for (const Seat &seat : seats_) {
-        const bool vacant = !seat.busy && seat.waiting.empty() && (wish_.endless || !seat.served);
+        const bool vacant = !seat.busy && seat.waiting.empty() && (wish_.endless || !seat.served) && !held(seat);
         room[seat.socket()] += (takes && vacant) || seat.awaits() ? 1 : 0;
     }
     for (size_t i = 0; i < room.size(); ++i) door_.admit(i, room[i] > door_.expected(i));
@@ -165,7 +177,7 @@ Seat *Line::seatFor(const Arrival &arrival) {
 Seat *Line::vacantSeat() {
     Seat *vacant = nullptr;
     for (Seat &seat : seats_) {
-        if (seat.busy || !seat.waiting.empty() || (seat.served && !mayStart(seat))) continue;
+        if (seat.busy || !seat.waiting.empty() || (seat.served && !mayStart(seat)) || held(seat)) continue;
         if (!seat.served) return &seat;
         if (vacant == nullptr) vacant = &seat;
     }
@@ -173,7 +185,14 @@ Seat *Line::vacantSeat() {
 }
 
 // A batch gives each place one run first; who comes again there waits until all boards have come.
-bool Line::mayStart(const Seat &seat) const { return !seat.busy && (wish_.endless || !seat.served || closing_); }
+bool Line::mayStart(const Seat &seat) const {
+    return !seat.busy && (wish_.endless || !seat.served || closing_) && !held(seat);
+}
+
+bool Line::held(const Seat &seat) const {
+    const std::lock_guard lock(mutex_);
+    return held_.contains(seat.place().number);
+}
 
 void Line::startWaiting() {
     if (context_.stop.requested()) return;

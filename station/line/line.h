@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,8 @@ public:
 
     // From any thread: what the boards get that come from now on.
     void change(std::shared_ptr<const Job> job);
+    // From any thread: the place with this number takes no board until it is released. False: there is no such place.
+    bool hold(int number, bool held);
     // From any thread: has the line look at the stop.
     void wake() const;
 
@@ -67,6 +70,7 @@ private:
     Seat *seatFor(const Arrival &arrival);
     Seat *vacantSeat();
     bool mayStart(const Seat &seat) const;
+    bool held(const Seat &seat) const;
     void startWaiting();
     bool start(Seat &seat);
     void adoptJob();
@@ -94,7 +98,9 @@ private:
     Clock::time_point asked_;   // when that was looked at
     Socket wakeup_;
 
-    std::mutex mutex_;  // of what follows
+    const std::vector<Place> places_;
+    mutable std::mutex mutex_;  // of what follows
+    std::set<int> held_;        // places, by number
     std::shared_ptr<const Job> job_;
     std::vector<Seat *> ended_;
     Outcome outcome_;

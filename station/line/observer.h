@@ -25,6 +25,8 @@ public:
     virtual void boardEnds(const RunRecord &) {}
     // The board whose verdict stood there has been taken away.
     virtual void placeFree(const Place &) {}
+    // The place takes no board until it is released, or again does.
+    virtual void placeHeld(const Place &, bool /*held*/) {}
     // Something connected that is no board.
     virtual void strangerRefused(const std::string & /*peer*/, const std::string & /*why*/) {}
     // No new board is taken for this reason; empty: they are taken again.
@@ -52,6 +54,7 @@ public:
     void stepEnds(const RunRecord &run, size_t step) override { tell(&Observer::stepEnds, run, step); }
     void boardEnds(const RunRecord &run) override { tell(&Observer::boardEnds, run); }
     void placeFree(const Place &place) override { tell(&Observer::placeFree, place); }
+    void placeHeld(const Place &place, bool held) override { tell(&Observer::placeHeld, place, held); }
     void strangerRefused(const std::string &peer, const std::string &why) override {
         tell(&Observer::strangerRefused, peer, why);
     }

@@ -32,6 +32,12 @@ std::string_view textOf(Verdict verdict) { return kVerdicts[static_cast<size_t>(
 size_t RunRecord::failures() const { return count(steps, Verdict::kFailed); }
 size_t RunRecord::notRun() const { return count(steps, Verdict::kNotRun); }
 
+const StepResult *RunRecord::firstFailed() const {
+    const auto failed = std::find_if(steps.begin(), steps.end(),
+                                     [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
+    return failed == steps.end() ? nullptr : &*failed;
+}
+
 std::string makeRunId(WallClock::time_point start) {
     return fmt::format("{:%Y%m%dT%H%M%S}.{:03}Z-{:08x}", fmt::gmtime(WallClock::to_time_t(start)),
                        millisecondsOf(start), std::random_device()());

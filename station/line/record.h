@@ -65,6 +65,7 @@ struct RunRecord {
     size_t failures() const;  // steps that failed
     size_t notRun() const;    // steps that were not run
     bool passed() const { return failures() + notRun() == 0 && failure.empty(); }
+    const StepResult *firstFailed() const;  // null: none has
 };
 
 // "20261121T173000.123Z-" and eight random hexadecimal digits.

@@ -218,8 +218,10 @@ Exchange::Exchange(const Routes &routes, uint16_t port, std::string token)
 
 Exchange::~Exchange() = default;
 
-HttpReply Exchange::answer(const std::string &request, const std::string &address) {
+HttpReply Exchange::answer(const std::string &request, const std::string &address) try {
     return http_->answer(request, address);
+} catch (const std::exception &) {  // of the library's own, at a request that is none
+    return {"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n", true, false};
 }
 
 }  // namespace station

@@ -1,24 +1,40 @@
 #pragma once
-// The page of a line: what operators and engineers see of it in a browser.
+// The page of a line: what operators and engineers see of it in a browser, and what they do there.
 
+#include <functional>
 #include <string>
 
+#include "station/page/floor.h"
+#include "station/page/scanner.h"
 #include "station/page/server.h"
 
 namespace station {
 
 class Page {
 public:
-    // Listens. Throws ListenError. `store`: what the engineer's pages read; empty: none.
+    // Has a place hold or release, by its number; false: there is no such place.
+    using Hold = std::function<bool(int place, bool held)>;
+
+    // Listens. `store`: what remembers the shift's runs; empty: nothing does. Throws ListenError.
     Page(const PageSettings &settings, const std::string &store);
 
     // Where a browser on this machine, or on one that reaches it, finds the page.
     std::string url() const;
-    void start() { server_.start(); }
+    Observer &observer() { return floor_; }
+    Operator &operators() { return scanner_; }
+
+    void start(Hold hold);
+    // Nobody is answered, and nothing held, any more when it returns.
     void stop() { server_.stop(); }
 
 private:
+    PageReply scan(const PageRequest &request);
+    PageReply hold(const PageRequest &request);
+
     const std::string address_;
+    Hold hold_;
+    Floor floor_;
+    Scanner scanner_;
     PageServer server_;
 };
 

@@ -17,8 +17,9 @@
 namespace station {
 namespace {
 
-// Descriptors and memory that browsers can take together: some 5 MB.
-constexpr size_t kMostConnections = 128, kMostStreams = 64;
+// What browsers can take together. Replies that take their time are those that may be large.
+constexpr size_t kMostConnections = 128, kMostStreams = 64, kMostSlow = 16;
+constexpr size_t kAdmitted = 32;            // at once: who has just come is heard before he can be the one to go
 constexpr size_t kSlowAnswers = 2;          // at once
 constexpr Milliseconds kForRequest{10000};  // to come, and for the next one behind it
 constexpr Milliseconds kForReply{30000};    // to be taken
@@ -30,7 +31,7 @@ constexpr Milliseconds kBetweenBeats{2000};  // by which a page knows that its s
 constexpr Milliseconds kDescriptorPause{1000};
 constexpr int kGivesWay = 10;
 
-constexpr char kNoMoreStreams[] =
+constexpr char kBusy[] =
     "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 5\r\nConnection: close\r\n\r\n";
 
 void giveWay() { setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kGivesWay); }
@@ -61,8 +62,10 @@ struct PageServer::Connection {
     Clock::time_point deadline = Clock::now() + kForRequest;
     State state = State::kReading;
     std::string in = {}, out = {};
+    size_t sent = 0;    // of what goes out
     uint64_t seen = 0;  // of the feed
     bool closes = false, streams = false;
+    bool slow = false;  // its reply is made, or taken, without haste
     bool ready = false;
 
     short events() const {
@@ -116,15 +119,23 @@ void PageServer::wake() const { [[maybe_unused]] const int ignored = eventfd_wri
 void PageServer::work() {
     giveWay();
     while (!ends_) {
-        await();
-        admit();
-        for (Connection &connection : connections_) serve(connection);
-        collectAnswers();
-        feedStreams();
-        connections_.remove_if([](const Connection &one) {
-            return one.state == State::kOver || (one.state != State::kAnswering && Clock::now() >= one.deadline);
-        });
+        try {
+            turn();
+        } catch (const std::exception &) {  // out of memory, most likely; pages come back by themselves
+            connections_.clear();
+        }
     }
+}
+
+void PageServer::turn() {
+    await();
+    admit();
+    for (Connection &connection : connections_) serve(connection);
+    collectAnswers();
+    feedStreams();
+    connections_.remove_if([](const Connection &one) {
+        return one.state == State::kOver || (one.state != State::kAnswering && Clock::now() >= one.deadline);
+    });
 }
 
 // Until something can be read or written, or there is news that may be told; a second at most.
@@ -143,7 +154,7 @@ void PageServer::await() {
 }
 
 void PageServer::admit() {
-    for (size_t i = 0; i < kMostConnections && Clock::now() >= pausedUntil_ && makeRoom(); ++i) {
+    for (size_t i = 0; i < kAdmitted && Clock::now() >= pausedUntil_ && makeRoom(); ++i) {
         Socket socket(accept4(listener_.descriptor(0), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.descriptor() < 0) {
             const bool none = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
@@ -200,7 +211,9 @@ void PageServer::takeRequest(Connection &connection) {
     if (route == nullptr || route->kind != RouteKind::kSlow) {
         return reply(connection, exchange_->answer(request, connection.address));
     }
+    if (count(&Connection::slow) >= kMostSlow) return reply(connection, {kBusy, true, false});
     connection.state = State::kAnswering;
+    connection.slow = true;
     {
         const std::lock_guard lock(mutex_);
         tasks_.push_back({connection.id, std::move(request), connection.address});
@@ -208,11 +221,15 @@ void PageServer::takeRequest(Connection &connection) {
     asked_.notify_one();
 }
 
+size_t PageServer::count(bool Connection::*what) const {
+    const auto has = [what](const Connection &one) { return one.*what; };
+    return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), has));
+}
+
 void PageServer::reply(Connection &connection, HttpReply given) {
-    const auto streams =
-        std::count_if(connections_.begin(), connections_.end(), [](const auto &one) { return one.streams; });
-    if (given.streams && streams >= static_cast<ptrdiff_t>(kMostStreams)) given = {kNoMoreStreams, true, false};
+    if (given.streams && count(&Connection::streams) >= kMostStreams) given = {kBusy, true, false};
     connection.out = std::move(given.bytes);
+    connection.sent = 0;
     connection.closes = given.closes;
     connection.streams = given.streams;
     if (given.streams) connection.out += "retry: 1000\n\n";
@@ -221,15 +238,18 @@ void PageServer::reply(Connection &connection, HttpReply given) {
 }
 
 void PageServer::send(Connection &connection) {
-    const ssize_t length =
-        ::send(connection.socket.descriptor(), connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
+    const ssize_t length = ::send(connection.socket.descriptor(), connection.out.data() + connection.sent,
+                                  connection.out.size() - connection.sent, MSG_NOSIGNAL);
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (length < 0) {
         connection.state = State::kOver;
         return;
     }
-    connection.out.erase(0, static_cast<size_t>(length));
-    if (!connection.out.empty()) return;
+    connection.sent += static_cast<size_t>(length);
+    if (connection.sent < connection.out.size()) return;
+    connection.out = {};
+    connection.sent = 0;
+    connection.slow = false;
     if (connection.streams) {
         connection.enter(State::kStreaming, kForEver);
     } else if (connection.closes) {

@@ -48,12 +48,14 @@ private:
     };
 
     void work();
+    void turn();
     void await();
     void admit();
     bool makeRoom();
     void serve(Connection &connection);
     void receive(Connection &connection);
     void takeRequest(Connection &connection);
+    size_t count(bool Connection::*what) const;  // the connections that have this
     void reply(Connection &connection, HttpReply given);
     void send(Connection &connection);
     void collectAnswers();

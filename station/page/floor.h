@@ -1,0 +1,80 @@
+#pragma once
+// What stands at each place now, for the operator's page. Whoever comes late sees what all others see.
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "station/line/durations.h"
+#include "station/line/observer.h"
+#include "station/line/record_json.h"
+#include "station/page/shift.h"
+#include "station/wire/socket.h"
+
+namespace station {
+
+// What a place asks the operator.
+struct Question {
+    uint64_t number = 0;  // no other question has it; 0: there is none
+    std::string prompt, problem;
+};
+
+class Floor : public Observer {
+public:
+    // `changed` is called, by any thread, whenever there is something new.
+    Floor(Shift shift, std::function<void()> changed) : shift_(std::move(shift)), changed_(std::move(changed)) {}
+
+    void lineStarts(const std::vector<Place> &places) override;
+    void boardConnects(const RunRecord &run) override;
+    void stepStarts(const RunRecord &run, size_t step) override;
+    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
+    void stepEnds(const RunRecord &run, size_t step) override;
+    void boardEnds(const RunRecord &run) override;
+    void placeFree(const Place &place) override;
+    void placeHeld(const Place &place, bool held) override;
+    void strangerRefused(const std::string &peer, const std::string &why) override;
+    void lineWaits(const std::string &why) override;
+    void lineStops() override;
+    void trouble(const std::string &text) override;
+
+    // The place's question is this one from now on; one without a number: it has been answered.
+    void asks(const Place &place, const Question &question);
+
+    // What is new since `seen`, which is brought up to date, as JSON; empty: nothing is. 0: all of it, and the version
+    // of the page's own files.
+    std::string since(uint64_t &seen);
+
+private:
+    struct Tile {
+        Json json;  // but for what changes with time
+        Clock::time_point connected, started;
+        double before = 0, behind = 0;  // seconds, as the runs before took them: this step, and those behind it
+        uint64_t sent = 0, total = 0;   // bytes of the step
+        uint64_t version = 0;
+        bool runs = false, held = false;
+    };
+
+    template <typename Change>
+    void change(const Place &place, const Change &apply);
+    template <typename Change>
+    void changeLine(const Change &apply);
+    Json show(const Tile &tile) const;
+    void warn(const std::string &text);
+
+    std::mutex mutex_;  // of all that follows
+    Shift shift_;
+    const std::function<void()> changed_;
+    Durations durations_;
+    std::map<int, Tile> tiles_;  // by the place's number
+    std::string waits_, stranger_;
+    size_t strangers_ = 0;
+    bool stops_ = false;
+    std::deque<std::string> troubles_;  // the last ones
+    uint64_t version_ = 1, lineVersion_ = 1, shiftVersion_ = 1;
+};
+
+}  // namespace station

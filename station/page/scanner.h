@@ -1,0 +1,39 @@
+#pragma once
+// Who answers what a plan asks, when the line has a page: whoever scans or types there.
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "station/line/operator.h"
+#include "station/page/floor.h"
+
+namespace station {
+
+class Scanner : public Operator {
+public:
+    explicit Scanner(Floor &floor) : floor_(floor) {}
+
+    std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
+                    std::chrono::steady_clock::time_point deadline, const Stop &stop) override;
+
+    // Answers what the place asks; when `question` is not 0, only that one: what somebody has typed for a question
+    // that another has answered meanwhile is no answer to the next. Returns why it was not taken; empty: it was.
+    std::string answer(int place, uint64_t question, const std::string &text);
+
+private:
+    struct Open {
+        uint64_t number;
+        std::optional<std::string> answer;
+    };
+
+    Floor &floor_;
+    std::mutex mutex_;
+    std::condition_variable answered_;
+    std::map<int, Open *> open_;  // by the place's number
+    uint64_t asked_ = 0;          // questions so far
+};
+
+}  // namespace station

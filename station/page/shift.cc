@@ -1,0 +1,85 @@
+#include "station/page/shift.h"
+
+#include <fmt/chrono.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+#include "station/store/queries.h"
+
+namespace station {
+namespace {
+
+std::string hostName() {
+    std::array<char, 256> name{};
+    gethostname(name.data(), name.size() - 1);
+    return name.data();
+}
+
+std::string cell(const Table &table, const std::vector<Value> &row, std::string_view column) {
+    const auto at = std::find(table.columns.begin(), table.columns.end(), column);
+    return row[static_cast<size_t>(at - table.columns.begin())].value_or("");
+}
+
+}  // namespace
+
+WallClock::time_point shiftBegin(const std::vector<int> &starts, WallClock::time_point now) {
+    const std::time_t seconds = WallClock::to_time_t(now);
+    std::tm day{};
+    localtime_r(&seconds, &day);
+    const auto next = std::upper_bound(starts.begin(), starts.end(), day.tm_hour * 60 + day.tm_min);
+    if (next == starts.begin()) --day.tm_mday;  // the last one of yesterday
+    day.tm_hour = 0;
+    day.tm_min = next == starts.begin() ? starts.back() : *(next - 1);
+    day.tm_sec = 0;
+    day.tm_isdst = -1;
+    return WallClock::from_time_t(std::mktime(&day));
+}
+
+void Shift::add(const std::string &unit, const std::string &plan, bool passed, double seconds) {
+    seconds_.push_back(seconds);
+    unnamed_ += unit.empty() ? 1 : 0;
+    if (!unit.empty()) units_.insert(unit);
+    if (!unit.empty() && !firsts_.insert(unit + '\n' + plan).second) return;
+    ++firstRuns_;
+    firstPasses_ += passed ? 1 : 0;
+}
+
+void Shift::recall(const std::string &store) {
+    begin_ = shiftBegin(starts_, WallClock::now());
+    Database database(store, Database::Missing::kIsAnError);
+    const Table runs = listRuns(database, {{isoTime(begin_), ""}, false, 0});
+    for (const auto &row : runs.rows) {
+        const std::string verdict = cell(runs, row, "verdict");
+        if (cell(runs, row, "station") != hostName() || (verdict != "passed" && verdict != "failed")) continue;
+        add(cell(runs, row, "serial"), cell(runs, row, "plan"), verdict == "passed",
+            std::strtod(cell(runs, row, "seconds").c_str(), nullptr));
+    }
+}
+
+bool Shift::renew() {
+    const auto begin = shiftBegin(starts_, WallClock::now());
+    if (begin <= begin_) return false;
+    begin_ = begin;
+    units_.clear();
+    firsts_.clear();
+    seconds_.clear();
+    unnamed_ = firstRuns_ = firstPasses_ = 0;
+    return true;
+}
+
+Json Shift::toJson() const {
+    Json json = {{"since", fmt::format("{:%H:%M}", fmt::localtime(WallClock::to_time_t(begin_)))},
+                 {"units", units_.size() + unnamed_}};
+    if (firstRuns_ > 0) json["yield"] = 100.0 * double(firstPasses_) / double(firstRuns_);
+    if (seconds_.empty()) return json;
+    std::vector<double> sorted = seconds_;
+    const auto middle = sorted.begin() + static_cast<ptrdiff_t>((sorted.size() - 1) / 2);  // as the store's median
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    json["cycle"] = *middle;
+    return json;
+}
+
+}  // namespace station
