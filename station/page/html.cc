@@ -23,7 +23,7 @@ constexpr const char *kPage = R"(<!DOCTYPE html>
 <body>
 <header>
 <nav><a href="/">Line</a> <a href="/summary">Summary</a> <a href="/runs">Runs</a> <a href="/units">Units</a></nav>
-<form action="/units" role="search"><label>Serial, address or run <input name="q" type="search" required></label>
+<form action="/units" role="search"><label>Serial, address or run <input name="q" type="search" required autofocus></label>
 <button>Find</button></form>
 </header>
 <main>
