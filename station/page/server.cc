@@ -251,6 +251,7 @@ void PageServer::send(Connection &connection) {
     connection.sent = 0;
     connection.slow = false;
     if (connection.streams) {
+        if (connection.seen == 0) news_ = true;  // for this one all is new
         connection.enter(State::kStreaming, kForEver);
     } else if (connection.closes) {
         shutdown(connection.socket.descriptor(), SHUT_WR);

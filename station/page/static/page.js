@@ -89,7 +89,7 @@ function move(tile) {
     let part = 0, time = '';
     if (place.stage === 'running') {
         part = place.total ? Math.min(elapsed / place.total, 0.99) : (place.step - 1 + (place.part || 0)) / place.steps;
-        time = place.total ? `${duration(place.total - elapsed)} left` : `+${duration(elapsed)}`;
+        time = place.total > elapsed ? `${duration(place.total - elapsed)} left` : `+${duration(elapsed)}`;
     } else if (place.seconds !== undefined) {
         time = duration(place.seconds);
     }
