@@ -347,6 +347,7 @@ void Line::finish(const RunRecord &run) {
     } catch (const RecordsError &error) {
         context_.observer.trouble(fmt::format("the run {} is not recorded yet: {}", run.id, error.what()));
     }
+    context_.units.release(run.unit);
     context_.observer.boardEnds(run);
     const std::lock_guard lock(mutex_);
     ++outcome_.runs;

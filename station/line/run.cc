@@ -16,6 +16,7 @@ namespace station {
 namespace {
 
 constexpr Milliseconds kRetryPause{1000};
+constexpr char kUnit[] = "serial";      // the variable that is the unit
 constexpr size_t kLongestValue = 1024;  // of a variable; it may go into a board's and a hook's environment
 
 // A run in its course.
@@ -139,6 +140,20 @@ std::string trim(const std::string &text) {
     return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
 
+// Makes the run one of this unit. Returns why it cannot be: two boards that pass for one are a label scanned twice.
+std::string nameUnit(const Context &context, RunRecord &run, const std::string &serial) {
+    if (serial == run.unit) return {};
+    const std::string before = std::exchange(run.unit, serial);
+    std::string where = context.units.claim(run);
+    if (where.empty()) {
+        where = context.records.elsewhere(run);
+        context.units.release(where.empty() ? before : serial);
+    }
+    if (where.empty()) return {};
+    run.unit = before;
+    return fmt::format("the unit {} is in work at {}", serial, where);
+}
+
 // Asks until the answer is right: people mistype, and scanners catch the wrong label.
 void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
@@ -150,6 +165,7 @@ void runAsk(Attempt &attempt) {
                                                   attempt.deadline, context.stop));
         attempt.judge(result.reply);
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
+        if (problem.empty() && attempt.step.ask == kUnit) problem = nameUnit(context, attempt.course.run, result.reply);
         if (!problem.empty()) continue;
         attempt.groups[attempt.step.ask] = result.reply;
         return;
@@ -175,11 +191,6 @@ std::string measure(const Limit &limit, const std::string &text, std::vector<Mea
                        low ? "below" : "above", low ? *limit.min : *limit.max);
 }
 
-void nameUnit(RunRecord &run) {
-    const auto serial = run.variables.find("serial");
-    if (serial != run.variables.end()) run.unit = serial->second;
-}
-
 // Holds what the match has found to the limits, and keeps it for the steps behind.
 void keep(Attempt &attempt) {
     RunRecord &run = attempt.course.run;
@@ -192,9 +203,14 @@ void keep(Attempt &attempt) {
     }
     for (const auto &[name, value] : attempt.groups) {
         if (value.size() > kLongestValue) fail(fmt::format("{} has more than {} bytes", name, kLongestValue));
-        run.variables[name] = value.substr(0, kLongestValue);
+        const std::string kept = value.substr(0, kLongestValue);
+        const std::string fault = name == kUnit ? nameUnit(attempt.course.context, run, kept) : "";
+        if (fault.empty()) {
+            run.variables[name] = kept;
+        } else {
+            fail(fault);
+        }
     }
-    nameUnit(run);
 }
 
 void exchange(Attempt &attempt) try {
@@ -290,7 +306,7 @@ RunRecord newRun(const Plan &plan, const Place &place) {
 
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context) {
     Course course{board, plan, run, context};
-    nameUnit(run);
+    if (const auto unit = run.variables.find(kUnit); unit != run.variables.end()) run.unit = unit->second;
     for (size_t i = 0; i < plan.steps.size(); ++i) {
         StepResult &result = run.steps[i];
         const std::string reason = reasonAgainst(plan.steps[i], course);

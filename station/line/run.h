@@ -7,6 +7,7 @@
 #include "station/line/operator.h"
 #include "station/line/records.h"
 #include "station/line/stop.h"
+#include "station/line/units.h"
 #include "station/plan/plan.h"
 #include "station/wire/session.h"
 
@@ -28,6 +29,7 @@ struct Context {
     Records &records;
     const Stop &stop;
     Operator &operators;
+    Units &units;
 };
 
 // The record of a run that has not begun: a new ID, the time, every step "not run".

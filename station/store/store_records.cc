@@ -13,6 +13,8 @@
 namespace station {
 namespace {
 
+constexpr std::chrono::seconds kSilence{30};  // of a living process, at most
+
 Value words(const std::string &value) { return text(value).value_or(""); }
 Value words(std::string_view value) { return words(std::string(value)); }
 Value limit(const std::optional<double> &value) { return value ? number(*value) : std::nullopt; }
@@ -46,6 +48,16 @@ void addStep(Statements &statements, const RunRecord &run, size_t index) {
                               {run.id, at, words(found.name), number(found.value), limit(found.min), limit(found.max),
                                text(found.unit), found.passed ? "passed" : "failed"}});
     }
+}
+
+// Where another living process has the unit in work; empty: nowhere. One that has died is silent at once.
+std::string otherPlace(Database &database, const std::string &serial, const std::string &key) {
+    const Table other = database.ask(
+        "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
+        " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND s.seen > $3",
+        {serial, key, isoTime(WallClock::now() - kSilence)});
+    if (other.empty()) return {};
+    return fmt::format("place {} of the station {}", *other.rows[0][0], *other.rows[0][1]);
 }
 
 template <typename Call>
@@ -138,13 +150,33 @@ bool StoreRecords::isNews(const std::string &pool, int64_t left) {
     return true;
 }
 
+// In a transaction, behind which no other station has the unit.
+void StoreRecords::asUnit(const RunRecord &run,
+                          const std::function<void(Database &, const std::string &serial)> &work) {
+    writer_.store(
+        [=, statements = runOf(run, "running"), serial = *text(run.unit), key = writer_.key()](Database &store) {
+            store.lockPools();  // before any row, as everybody does
+            const std::string where = otherPlace(store, serial, key);
+            if (!where.empty()) throw Refusal(where);
+            for (const Statement &statement : statements) execute(store, statement);
+            work(store, serial);
+        });
+}
+
+std::string StoreRecords::elsewhere(const RunRecord &run) try {
+    asUnit(run, [](Database &, const std::string &) {});
+    return {};
+} catch (const Refusal &where) {
+    return where.what();
+} catch (const StoreError &) {  // away: who shares it is not known
+    return {};
+}
+
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
     if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
     const auto given = std::make_shared<Given>();
     asRecordsError([&] {
-        writer_.store([=, statements = runOf(run, "running"), serial = *text(run.unit)](Database &database) {
-            database.lockPools();  // before any row, as everybody does
-            for (const Statement &statement : statements) execute(database, statement);
+        asUnit(run, [=](Database &database, const std::string &serial) {
             *given = take(database, pool, serial, run.id, count);
         });
     });

@@ -24,6 +24,7 @@ public:
     std::string away() override;
     void tell(const std::function<void(const std::string &)> &trouble) override;
     void begins(const RunRecord &run) override;
+    std::string elsewhere(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
     void stepEnded(const RunRecord &run, size_t step) override;
     void ends(const RunRecord &run) override;
@@ -31,6 +32,7 @@ public:
 private:
     Statements runOf(const RunRecord &run, const std::string &verdict);
     std::string failedStep(const RunRecord &run);
+    void asUnit(const RunRecord &run, const std::function<void(Database &, const std::string &serial)> &work);
 
     bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);

@@ -1,0 +1,29 @@
+#pragma once
+// The units that this line has in work, each at one place.
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "station/line/record.h"
+
+namespace station {
+
+class Units {
+public:
+    // Returns the place where the run's unit is in work already; empty: it is the run's, until it is released.
+    std::string claim(const RunRecord &run) {
+        const std::lock_guard lock(mutex_);
+        return inWork_.emplace(run.unit, run.place.name).second ? "" : "place " + inWork_[run.unit];
+    }
+    void release(const std::string &unit) {
+        const std::lock_guard lock(mutex_);
+        inWork_.erase(unit);
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<std::string, std::string> inWork_;  // the place's name by the unit
+};
+
+}  // namespace station
