@@ -1,6 +1,7 @@
 #include "station/store/database.h"
 
 #include <fmt/format.h>
+#include <soci/postgresql/soci-postgresql.h>
 #include <soci/soci.h>
 #include <soci/sqlite3/soci-sqlite3.h>
 
@@ -53,39 +54,11 @@ Value valueOf(const soci::row &row, size_t column) {
     }
 }
 
-// A statement with its values, which the library takes under names, each of them once, and holds by reference.
-class Call {
-public:
-    Call(soci::session &session, const std::string &sql, const std::vector<Value> &values, soci::row *row)
-        : statement_(session) {
-        const std::string named = bind(sql, values);
-        if (row) statement_.exchange(soci::into(*row));
-        statement_.alloc();
-        statement_.prepare(named, soci::details::st_one_time_query);
-        statement_.define_and_bind();
-    }
-    soci::statement *operator->() { return &statement_; }
-
-private:
-    std::string bind(const std::string &sql, const std::vector<Value> &values) {
-        std::string named;
-        size_t begin = 0;
-        for (size_t at; (at = sql.find('$', begin)) != std::string::npos;) {
-            size_t digits = 0;
-            const Value &value = values.at(std::stoul(sql.substr(at + 1), &digits) - 1);
-            auto &[content, state] = values_.emplace_back(value.value_or(""), value ? soci::i_ok : soci::i_null);
-            statement_.exchange(soci::use(content, state));
-            named += fmt::format("{}:v{}", sql.substr(begin, at - begin), values_.size());
-            begin = at + 1 + digits;
-        }
-        return named + sql.substr(begin);
-    }
-
-    std::deque<std::pair<std::string, soci::indicator>> values_;
-    soci::statement statement_;
-};
-
 // The library keeps the type information, which the sanitizer would ask for, to itself.
+__attribute__((no_sanitize("vptr"))) PGconn *serverOf(soci::session &session) {
+    return static_cast<soci::postgresql_session_backend *>(session.get_backend())->conn_;
+}
+
 __attribute__((no_sanitize("vptr"))) sqlite_api::sqlite3 *connectionOf(soci::session &session) {
     return static_cast<soci::sqlite3_session_backend *>(session.get_backend())->conn_;
 }
@@ -98,6 +71,49 @@ std::string inDialect(std::string_view statement, bool shared) {
 }
 
 }  // namespace
+
+// A statement with its values, which the library takes under names, each of them once, and holds by reference.
+class Call {
+public:
+    // `often`: the database reads and plans it once for all calls.
+    Call(soci::session &session, const std::string &sql, soci::row *row, bool often) : statement_(session) {
+        const std::string named = bind(sql);
+        if (row) statement_.exchange(soci::into(*row));
+        statement_.alloc();
+        statement_.prepare(named, often ? soci::details::st_repeatable_query : soci::details::st_one_time_query);
+        statement_.define_and_bind();
+    }
+    soci::statement &with(const std::vector<Value> &values) {
+        for (auto &[number, content, state] : places_) {
+            const Value &value = values.at(number - 1);
+            content = value.value_or("");
+            state = value ? soci::i_ok : soci::i_null;
+        }
+        return statement_;
+    }
+
+private:
+    struct Place {
+        size_t number;  // $1, $2, ...
+        std::string content;
+        soci::indicator state;
+    };
+    std::string bind(const std::string &sql) {
+        std::string named;
+        size_t begin = 0;
+        for (size_t at; (at = sql.find('$', begin)) != std::string::npos;) {
+            size_t digits = 0;
+            Place &place = places_.emplace_back(Place{std::stoul(sql.substr(at + 1), &digits), "", soci::i_null});
+            statement_.exchange(soci::use(place.content, place.state));
+            named += fmt::format("{}:v{}", sql.substr(begin, at - begin), places_.size());
+            begin = at + 1 + digits;
+        }
+        return named + sql.substr(begin);
+    }
+
+    std::deque<Place> places_;
+    soci::statement statement_;
+};
 
 std::string shownName(const std::string &name) {
     const size_t user = name.find("://"), host = name.find('@'), password = name.find(':', user + 3);
@@ -125,9 +141,18 @@ Database::Database(const std::string &name, Missing missing) try : shared_(isSha
 
 Database::~Database() = default;
 
+std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing) try {
+    return std::make_unique<Database>(name, missing);
+} catch (const StoreError &error) {
+    throw StoreError(fmt::format("the store {}: {}", shownName(name), error.what()));
+}
+
 void Database::open(const std::string &name, Missing missing) {
     if (shared_) {
         session_ = std::make_unique<soci::session>("postgresql", withLimits(name));
+        // What the server says besides its answers would go to standard error, into the display.
+        PQsetNoticeProcessor(
+            serverOf(*session_), [](void *, const char *) {}, nullptr);
         run("SET synchronous_commit = on");
         run("SET client_min_messages = warning");
         return;
@@ -169,11 +194,12 @@ void Database::complain(const std::string &words) const {
 Table Database::ask(const std::string &sql, const std::vector<Value> &values) try {
     deadline_ = std::chrono::steady_clock::now() + limit_;
     soci::row row;
-    Call call(*session_, sql, values, &row);
-    bool more = call->execute(true);
+    Call call(*session_, sql, &row, false);
+    soci::statement &statement = call.with(values);
+    bool more = statement.execute(true);
     Table table;
     for (size_t i = 0; i < row.size(); ++i) table.columns.push_back(row.get_properties(i).get_name());
-    for (; more; more = call->fetch()) {
+    for (; more; more = statement.fetch()) {
         std::vector<Value> &cells = table.rows.emplace_back();
         for (size_t i = 0; i < row.size(); ++i) cells.push_back(valueOf(row, i));
     }
@@ -182,11 +208,15 @@ Table Database::ask(const std::string &sql, const std::vector<Value> &values) tr
     complain(wordsOf(error));
 }
 
+// What has values comes again and again.
 long long Database::run(const std::string &sql, const std::vector<Value> &values) try {
-    Call call(*session_, sql, values, nullptr);
-    call->execute(true);
-    return call->get_affected_rows();
+    std::unique_ptr<Call> &call = calls_[sql];
+    if (!call || values.empty()) call = std::make_unique<Call>(*session_, sql, nullptr, !values.empty());
+    soci::statement &statement = call->with(values);
+    statement.execute(true);
+    return statement.get_affected_rows();
 } catch (const soci::soci_error &error) {
+    calls_.erase(sql);
     throw StoreError(wordsOf(error));
 }
 

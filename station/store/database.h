@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <concepts>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -15,6 +16,8 @@ class session;
 }
 
 namespace station {
+
+class Call;
 
 // What the database, or what it was asked for, does not allow, in words for the line engineer.
 struct StoreError : std::runtime_error {
@@ -92,9 +95,13 @@ private:
     [[noreturn]] void complain(const std::string &words) const;
 
     std::unique_ptr<soci::session> session_;
-    bool shared_;                         // PostgreSQL
-    std::chrono::milliseconds limit_{0};  // of a question; 0: none
+    std::map<std::string, std::unique_ptr<Call>> calls_;  // prepared ones by their SQL
+    bool shared_;                                         // PostgreSQL
+    std::chrono::milliseconds limit_{0};                  // of a question; 0: none
     std::chrono::steady_clock::time_point deadline_;
 };
+
+// The same, with the store's name in what it throws.
+std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing = Database::Missing::kIsMade);
 
 }  // namespace station

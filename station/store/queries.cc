@@ -23,26 +23,24 @@ constexpr const char *kRuns =
 // The median and the 90th percentile are the nearest ranks. A final verdict is the last one of a unit and plan.
 constexpr const char *kYields = R"(
 WITH ended AS (
-    SELECT {group} AS part, r.id, coalesce(r.unit, -r.id) AS unit, r.plan, r.started, r.seconds, r.attempt,
+    SELECT {group} AS part, r.id, coalesce(r.unit, -r.id) AS unit, r.plan, r.seconds, r.attempt,
            CASE r.verdict WHEN 'passed' THEN 1 ELSE 0 END AS passed,
            CASE r.verdict WHEN 'interrupted' THEN 1 ELSE 0 END AS interrupted
     FROM runs r JOIN stations s ON s.id = r.station
     WHERE {period}),
 ranked AS (
-    SELECT ended.*, count(*) OVER (PARTITION BY part, interrupted) AS runs,
-           row_number() OVER (PARTITION BY part, interrupted ORDER BY seconds) AS rank,
-           row_number() OVER (PARTITION BY part, interrupted, unit, plan ORDER BY started DESC, id DESC) AS back
+    SELECT ended.*, cume_dist() OVER (PARTITION BY part, interrupted ORDER BY seconds) AS share,
+           CASE WHEN id IN (SELECT max(id) FROM ended WHERE interrupted = 0 GROUP BY part, unit, plan) THEN 1 END AS last
     FROM ended)
 SELECT part AS {name},
        count(DISTINCT CASE WHEN interrupted = 0 THEN unit END) AS units,
        sum(1 - interrupted) AS runs,
        100.0 * sum(CASE WHEN attempt = 1 THEN passed END) / sum(CASE WHEN attempt = 1 THEN 1 END) AS first_pass_yield,
-       100.0 * sum(CASE WHEN back = 1 AND interrupted = 0 THEN passed END)
-             / sum(CASE WHEN back = 1 AND interrupted = 0 THEN 1 END) AS final_yield,
+       100.0 * sum(last * passed) / sum(last) AS final_yield,
        sum(CASE WHEN attempt > 1 THEN 1 ELSE 0 END) AS retests,
        sum(interrupted) AS interrupted,
-       max(CASE WHEN interrupted = 0 AND rank = (runs + 1) / 2 THEN seconds END) AS median_seconds,
-       max(CASE WHEN interrupted = 0 AND rank = (9 * runs + 9) / 10 THEN seconds END) AS p90_seconds
+       min(CASE WHEN interrupted = 0 AND share >= 0.5 THEN seconds END) AS median_seconds,
+       min(CASE WHEN interrupted = 0 AND share >= 0.9 THEN seconds END) AS p90_seconds
 FROM ranked GROUP BY part ORDER BY part)";
 
 constexpr const char *kFailures = R"(
