@@ -9,7 +9,9 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "station/display/display.h"
@@ -26,6 +28,8 @@
 
 namespace station {
 namespace {
+
+constexpr std::chrono::seconds kRetry{1};  // of a store that is away at the start
 
 struct Discovery {
     std::string link;  // where a board is discovered; empty: not at all
@@ -126,7 +130,8 @@ Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
                        : stage.json          ? static_cast<Operator &>(nobody)
                                              : *display;
     Stop stop;
-    Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people});
+    Units units;
+    Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people, units});
     const Telling telling(stage.records, observers);
     const Showing showing(stage.page, line);
     const Signals signals({[&] {
@@ -155,10 +160,11 @@ int exitCodeOf(const Outcome &outcome) {
     return outcome.failed > 0 ? kFailed : kPassed;
 }
 
-std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store) {
+std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,
+                                   const std::filesystem::path &spool = {}) {
     auto files = folder.empty() ? std::make_unique<Records>() : std::make_unique<FileRecords>(folder);
     if (store.empty()) return files;
-    return std::make_unique<StoreRecords>(store, defaultSpool(store), std::move(files));
+    return std::make_unique<StoreRecords>(store, spool.empty() ? defaultSpool(store) : spool, std::move(files));
 }
 
 std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boards) {
@@ -218,11 +224,31 @@ std::shared_ptr<const Job> reread(const std::string &path, const LineFile &old, 
     return nullptr;
 }
 
+// A store that is away when the line starts cannot say what its pools are, of which the plan may take: there is no line
+// before. Nothing when it is stopped meanwhile.
+std::optional<LineFile> awaitLine(const std::string &path, bool json) {
+    holdSignals();
+    std::string told;
+    do {
+        try {
+            return loadLine(path, poolNames);
+        } catch (const StoreError &error) {
+            if (std::exchange(told, error.what()) == error.what()) continue;
+            fmt::print(json ? stderr : stdout, "line {}: waits for {}\n", path, told);
+            std::fflush(stdout);
+            if (json) Events().lineWaits(told);
+        }
+    } while (!stopsWithin(kRetry));
+    return std::nullopt;
+}
+
 int serve(const std::string &path, bool json) {
     FILE *const said = json ? stderr : stdout;
-    const LineFile line = loadLine(path, poolNames);
+    const std::optional<LineFile> found = awaitLine(path, json);
+    if (!found) return kPassed;
+    const LineFile &line = *found;
     warn(line.plan);
-    const auto records = recordsIn(line.results.string(), line.store);
+    const auto records = recordsIn(line.results.string(), line.store, line.spool);
     Listener listener(line.address, line.port, line.interfaces());
     const auto page = line.page ? std::make_unique<Page>(*line.page, line.store) : nullptr;
     if (page) fmt::print(said, "page {}\n", page->url());

@@ -178,6 +178,7 @@ const Keys<Draft> kLineKeys = {
     {"files", [](Draft &draft, const Entry &value) { draft.files = draft.beside(value); }},
     {"results", [](Draft &draft, const Entry &value) { draft.line.results = draft.beside(value); }},
     {"store", readStore},
+    {"spool", [](Draft &draft, const Entry &value) { draft.line.spool = draft.beside(value); }},
     {"variables", readVariables},
     {"before", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.before, value); }},
     {"after", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.after, value); }},
@@ -195,7 +196,7 @@ Names namesOf(const LineFile &line, const AskPools &pools) {
 bool LineFile::sameStation(const LineFile &other) const {
     const auto same = [](const Place &a, const Place &b) { return a.name == b.name; };
     return address == other.address && port == other.port && cables == other.cables && results == other.results &&
-           store == other.store && page == other.page &&
+           store == other.store && page == other.page && spool == other.spool &&
            std::equal(places.begin(), places.end(), other.places.begin(), other.places.end(), same);
 }
 

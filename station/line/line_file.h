@@ -36,6 +36,7 @@ struct LineFile {
     Hook before, after;
     std::filesystem::path results;  // folder; empty: none
     std::string store;              // a database's file or URL; empty: none
+    std::filesystem::path spool;    // folder for what the store cannot take yet; empty: the usual one
     std::optional<PageSettings> page;
 
     const std::vector<std::string> &interfaces() const { return cables; }

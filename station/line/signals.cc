@@ -26,6 +26,13 @@ void holdSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+bool stopsWithin(std::chrono::seconds duration) {
+    const sigset_t set = held();
+    const timespec limit{duration.count(), 0};
+    const int signal = sigtimedwait(&set, nullptr, &limit);
+    return signal == SIGINT || signal == SIGTERM;
+}
+
 Signals::Signals(SignalActions actions) : actions_(std::move(actions)), signals_(-1), done_(eventfd(0, EFD_CLOEXEC)) {
     const sigset_t set = held();
     signals_ = Socket(signalfd(-1, &set, SFD_CLOEXEC));

@@ -1,6 +1,7 @@
 #pragma once
 // How a person, or the system, has the line stop.
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -15,6 +16,9 @@ namespace station {
 // Takes SIGINT, SIGTERM and SIGHUP from the calling thread and those that it makes from now on; SIGPIPE ends nothing.
 // To be called before any thread is made.
 void holdSignals();
+
+// Waits so long: true when meanwhile one of the held signals has said to stop.
+bool stopsWithin(std::chrono::seconds duration);
 
 struct SignalActions {
     std::function<void()> stop;    // at the first SIGINT or SIGTERM

@@ -268,7 +268,7 @@ std::string resolve(Draft &draft, const std::string &name) {
     if (draft.step.known.contains(name) || names.variables.contains(name)) return {};
     if (names.pools.contains(name)) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
-    return fmt::format("nothing fills {{{}}}: no step before, and nothing of the line", name);
+    return fmt::format("nothing fills {{{}}}: no step before, nothing of the line, no pool of its store", name);
 }
 
 // What the step is about to send, as far as it is known now.

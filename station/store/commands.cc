@@ -157,14 +157,6 @@ void exportRuns(Options &options, Database &database) {
 
 // ---- how they are called
 
-std::unique_ptr<Database> open(const std::string &store, Database::Missing missing) {
-    try {
-        return std::make_unique<Database>(store, missing);
-    } catch (const StoreError &error) {
-        throw StoreError(fmt::format("the store {}: {}", shownName(store), error.what()));
-    }
-}
-
 class Commands {
 public:
     CLI::App *add(CLI::App &parent, const std::string &name, const std::string &help, Work work,
@@ -174,7 +166,7 @@ public:
             ->envname("QCSTATION_STORE")
             ->capture_default_str();
         command->callback([options = options_, work = std::move(work), missing] {
-            const auto database = open(options->store, missing);
+            const auto database = openStore(options->store, missing);
             work(*options, *database);
         });
         return command;

@@ -316,8 +316,8 @@ std::set<std::string> poolNames(const std::string &store) {
     std::set<std::string> names;
     const bool file = store.find("://") == std::string::npos;
     if (file && !std::filesystem::exists(store)) return names;
-    Database database(store);
-    for (const auto &row : database.ask("SELECT name FROM pools").rows) names.insert(*row[0]);
+    const auto database = openStore(store);
+    for (const auto &row : database->ask("SELECT name FROM pools").rows) names.insert(*row[0]);
     return names;
 }
 
