@@ -1,6 +1,5 @@
 // The store on both of its databases. PostgreSQL is Debian's, in a folder and on a socket of its own.
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -8,8 +7,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
-#include <random>
 #include <thread>
 
 #include "station/store/load.h"
@@ -219,73 +216,6 @@ TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {
     Database database(store_);
     EXPECT_EQ(show(database, inWork.id)[0].table.rows[0][7], "passed");
     EXPECT_EQ(show(database, inWork.id)[1].table.rows.size(), 2);
-}
-
-// One process of a line, whose boards write down what they were sent and told.
-[[noreturn]] void runStation(const std::string &store, const fs::path &folder, int boards, int rounds) {
-    const int account = ::open((folder / "account").c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
-    StoreRecords records(store, folder / "spool", std::make_unique<Records>());
-    const auto serve = [&] {
-        const auto note = [&](const std::string &line) { (void)!::write(account, line.data(), line.size()); };
-        std::mt19937 random{std::random_device()()};
-        for (int i = 0; i < rounds; ++i) try {
-                RunRecord run = runOf(fmt::format("S{}", random() % 500));
-                records.begins(run);
-                note(fmt::format("begun {} -\n", run.id));
-                note(fmt::format("sent {} {}\n", run.unit, records.bind("mac", run, 4).front()));
-                endSteps(records, run, {Verdict::kPassed, Verdict::kPassed});
-                note(fmt::format("ended {} -\n", run.id));
-            } catch (const RecordsError &) {  // it tries again in a moment
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
-    };
-    std::vector<std::jthread> all;
-    for (int board = 0; board < boards; ++board) all.emplace_back(serve);
-    all.clear();
-    ::_exit(0);
-}
-
-int setting(const char *name, int usual) { return std::getenv(name) ? std::atoi(std::getenv(name)) : usual; }
-
-// The long version: STORE_STATIONS=8 STORE_BOARDS=64 STORE_KILLS=200 STORE_STOPS=10
-TEST_P(Store, GivesNothingTwiceAndLosesNothingWhenStationsAreKilled) {
-    const int boards = setting("STORE_BOARDS", 8), kills = setting("STORE_KILLS", 12),
-              stops = setting("STORE_STOPS", 2);
-    addRange(*std::make_unique<Database>(store_), "mac", "02:00:00:00:00:02", "02:00:00:00:FF:FF", -1);
-    std::vector<pid_t> stations(size_t(setting("STORE_STATIONS", 3)));
-    const auto begin = [&](int rounds) { return start([&] { runStation(store_, folder_, boards, rounds); }); };
-    for (pid_t &station : stations) station = begin(INT_MAX);
-    std::mt19937 random{7};
-    for (int i = 0; i < kills; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
-        if (i % (kills / stops) == 1) goAway();
-        pid_t &station = stations[random() % stations.size()];
-        finish(station, SIGKILL);
-        station = begin(INT_MAX);
-        if (i % (kills / stops) == 2) comeBack();
-    }
-    for (const pid_t station : stations) finish(station, SIGKILL);
-    finish(begin(20), 0);  // ends well, and finds what the others left
-    EXPECT_EQ(station()->away(), "");
-
-    Database database(store_);
-    std::map<std::string, std::string> verdicts, owners, sent;
-    for (const auto &row : database.ask("SELECT run, verdict FROM runs").rows) verdicts[*row[0]] = *row[1];
-    for (const auto &row : database.ask("SELECT address, serial FROM addresses").rows) owners[*row[0]] = *row[1];
-    std::map<std::string, int> lines;
-    std::ifstream account(folder_ / "account");
-    for (std::string what, key, value; account >> what >> key >> value; ++lines[what]) {
-        const bool known = what == "begun"   ? verdicts[key] == "passed" || verdicts[key] == "interrupted"
-                           : what == "ended" ? verdicts[key] == "passed"
-                                             : owners[value] == key && sent.emplace(key, value).first->second == value;
-        ASSERT_TRUE(known) << what << " " << key << " " << value << ": " << verdicts[key] << owners[value];
-    }
-    EXPECT_GE(lines["ended"], 20 * boards);
-    EXPECT_TRUE(database
-                    .ask("SELECT runs.run FROM steps JOIN runs ON runs.id = steps.run WHERE runs.verdict = 'passed'"
-                         " GROUP BY steps.run, runs.run HAVING count(*) <> 2")
-                    .empty());
-    fmt::print("{} begun, {} sent, {} ended\n", lines["begun"], lines["sent"], lines["ended"]);
 }
 
 }  // namespace
