@@ -1,15 +1,20 @@
 // What a store costs that remembers a million runs: questions, and boards that are recorded.
 // usage: store_bench STORE [RUNS]      an empty one, or one that this has filled
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "station/line/line.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
 #include "station/store/store_records.h"
@@ -64,6 +69,11 @@ void fill(Database &database, int runs, bool shared) {
     database.run("ANALYZE");
 }
 
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
 // The median of eleven, in milliseconds.
 void report(const std::string &name, const std::function<void()> &call) {
     std::vector<double> times;
@@ -72,8 +82,7 @@ void report(const std::string &name, const std::function<void()> &call) {
         call();
         times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
     }
-    std::sort(times.begin(), times.end());
-    fmt::print("{:40} {:9.2f} ms\n", name, times[5]);
+    fmt::print("{:40} {:9.2f} ms\n", name, median(times));
     std::fflush(stdout);
 }
 
@@ -98,11 +107,87 @@ void recordBoards(StoreRecords &records, int boards) {
     for (int i = 1; i <= boards; ++i) all.emplace_back([&records, i] { record(records, i); });
 }
 
+constexpr int kBoards = 64;
+constexpr std::chrono::milliseconds kCommand{100};  // that a board takes for one: a session of twelve has 1.2 s
+
+// A board with a serial number of its own.
+void serveAsBoard(uint16_t port, const std::string &serial) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const Socket board(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(board.descriptor(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return;
+    std::string frame(kFrame, '\0');
+    while (::recv(board.descriptor(), frame.data(), kFrame, MSG_WAITALL) == ssize_t(kFrame)) {
+        std::this_thread::sleep_for(kCommand);
+        frame = frame[0] == 'I' ? "INFO " + serial : frame[0] == 'M' ? "MAC 4" : "PING 2";
+        frame.resize(kFrame);
+        (void)::send(board.descriptor(), frame.data(), kFrame, MSG_NOSIGNAL);
+    }
+}
+
+std::shared_ptr<Job> sessionOf12() {
+    const auto path = std::filesystem::temp_directory_path() / "store_bench.yaml";
+    std::ofstream plan(path);
+    plan << "probe: false\nsteps:\n- {send: INFO, match: '^INFO (?P<serial>.+)$'}\n- {send: 'MAC {bench}', expect: MAC "
+            "4}\n";
+    for (int i = 0; i < 10; ++i) plan << "- {send: PING, expect: PING 2}\n";
+    plan.close();
+    return std::make_shared<Job>(Job{loadPlan(path, {}, {{}, {"bench"}}), {}, {}, {}});
+}
+
+struct Nobody : Operator {
+    std::string ask(const RunRecord &, size_t, const std::string &, const std::string &, Clock::time_point,
+                    const Stop &) override {
+        return {};
+    }
+};
+
+// What a line does without any records, but for the addresses.
+struct NoRecords : Records {
+    std::vector<std::string> bind(const std::string &, const RunRecord &, int) override {
+        return {"06:00:00:00:00:00", "06:00:00:00:00:01", "06:00:00:00:00:02", "06:00:00:00:00:03"};
+    }
+};
+
+// Seconds that it takes the whole line to serve 64 boards at once.
+double serveBoards(Records &records, const std::shared_ptr<Job> &job) {
+    Listener listener("127.0.0.1", 0);
+    std::vector<Place> places;
+    for (int i = 1; i <= kBoards; ++i) places.push_back({i, std::to_string(i)});
+    Observer silent;
+    const Stop stop;
+    Nobody nobody;
+    Units units;
+    Line line(listener, places, false, job, {silent, records, stop, nobody, units});
+    const auto start = Clock::now();
+    std::vector<std::jthread> boards;
+    for (int i = 0; i < kBoards; ++i) boards.emplace_back(serveAsBoard, listener.port(), makeRunId(WallClock::now()));
+    const Outcome outcome = line.run(kBoards, Milliseconds(10000));
+    if (outcome.failed > 0) throw std::runtime_error("a session failed");
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// With and without the store by turns, as the machine may do other things besides.
+void compareLines(Records &records) {
+    const auto job = sessionOf12();
+    NoRecords none;
+    std::vector<double> with, without;
+    for (int i = 0; i < 9; ++i) {
+        without.push_back(serveBoards(none, job));
+        with.push_back(serveBoards(records, job));
+    }
+    fmt::print("{:40} {:9.2f} s, without a store {:.2f} s: {:+.1f} %\n", "64 boards at once, sessions of 1.2 s",
+               median(with), median(without), 100 * (median(with) / median(without) - 1));
+}
+
 void bench(const std::string &store, int runs) {
     Database database(store);
     if (database.ask("SELECT id FROM runs LIMIT 1").empty()) {
         fill(database, runs, store.find("://") != std::string::npos);
         addRange(database, "bench", "06:00:00:00:00:00", "06:00:00:FF:FF:FF", 0);
+        if (store.find("://") == std::string::npos) database.ask("PRAGMA wal_checkpoint(TRUNCATE)");
     }
     const Period day{"2026-05-05", "2026-05-06"};
     report("show SERIAL", [&] { show(database, "U123456"); });
@@ -118,7 +203,8 @@ void bench(const std::string &store, int runs) {
     report("summary of a day --by value", [&] { measuredValues(database, day); });
     StoreRecords records(store, defaultSpool(store), std::make_unique<Records>());
     report("records of a board", [&] { record(records, 1); });
-    report("records of 64 boards at once", [&] { recordBoards(records, 64); });
+    report("records of 64 boards at once", [&] { recordBoards(records, kBoards); });
+    compareLines(records);
 }
 
 }  // namespace

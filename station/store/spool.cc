@@ -56,10 +56,11 @@ void Spool::reserve() const { (void)::fallocate(file_, FALLOC_FL_KEEP_SIZE, 0, k
 
 std::vector<std::string> Spool::lines(off_t &end) const {
     const std::lock_guard lock(mutex_);
-    std::ifstream file(path_);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
     end = ::lseek(file_, 0, SEEK_END);
+    if (end == 0) return lines;
+    std::ifstream file(path_);
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
     return lines;
 }
 
@@ -78,7 +79,7 @@ void Spool::append(const std::vector<std::string> &lines) {
 
 void Spool::clear(off_t end) {
     const std::lock_guard lock(mutex_);
-    if (::lseek(file_, 0, SEEK_END) != end) return;
+    if (end == 0 || ::lseek(file_, 0, SEEK_END) != end) return;
     if (::ftruncate(file_, 0) != 0 || ::fdatasync(file_) != 0) fail(path_, "empty");
     reserve();
 }
