@@ -196,6 +196,7 @@ struct Line : station::Operator, station::Records, station::Observer {
     Texts happened;
     std::string answer = "oops";
     station::Stop stop;
+    station::Units units;
 };
 
 TEST_F(PlanTest, StepsAreRunAsTheySay) {
@@ -219,6 +220,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
         {"script: script, match: '^(line\\s)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
          "PFP", "exit;exit;exit", "printed 300000 bytes"},
+        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "FP", "X;Y", "taken is in work at place 9"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped"},
     };
@@ -233,10 +235,12 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, 45000));
         std::replace(replies.begin(), replies.end(), "longer"s, lines);
         Line line;
-        RunRecord run = station::newRun(plan, {});
+        RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
+        other.unit = "taken";
+        line.units.claim(other);
         {
             ScriptedBoard board(replies, line.happened);
-            run = station::runPlan(board, plan, run, {line, line, line.stop, line});
+            run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
         }
         write("five", "12345");
 

@@ -31,8 +31,8 @@ public:
     virtual std::vector<std::string> bind(const std::string &pool, const RunRecord & /*run*/, int /*count*/) {
         throw RecordsError("the line has no pool \"" + pool + "\"");
     }
-    // The run has said which unit it is about. Returns where another station has that in work; empty: nowhere, as far as
-    // is known.
+    // The run has said which unit it is about. Returns where another station has that in work; empty: nowhere, as far
+    // as is known.
     virtual std::string elsewhere(const RunRecord & /*run*/) { return {}; }
     // May be written later.
     virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}
