@@ -258,7 +258,7 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) listing = listing || strstr(argv[i], "gtest_list_tests") != nullptr;
     if (!listing && !board::exists("/flash")) board::goToTheBoard(argv);
     // Whatever started the tests: what it ignores is not ignored here, and what it left open is closed.
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) ::signal(signal, SIG_DFL);
+    for (const int signal : {SIGHUP, SIGINT, SIGPIPE, SIGQUIT, SIGTERM}) ::signal(signal, SIG_DFL);
     close_range(STDERR_FILENO + 1, ~0U, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     setenv("PATH", ("/build/tests:" + std::string(getenv("PATH"))).c_str(), 1);

@@ -27,7 +27,6 @@ protected:
         ServiceTest::SetUp();
         received_.clear();
         logged_ = 0;
-        signal(SIGPIPE, SIG_IGN);
     }
 
     void TearDown() override {

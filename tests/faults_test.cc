@@ -77,7 +77,7 @@ protected:
                 session.sendCommand(step.command);
                 session.sendBytes(step.payload);
                 const std::string reply = session.receiveReply(limit);
-                EXPECT_NE(reply[0], '\033') << "a report without its beginning";
+                EXPECT_GT(reply[0], '\033') << "no report, or one without its beginning";
                 right += testing::Matches(MatchesRegex(step.reply))(reply);
             }
         } catch (const SessionError &) {
