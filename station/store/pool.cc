@@ -193,13 +193,15 @@ std::vector<std::string> takeAddresses(Database &database, const std::string &na
     const std::optional<Range> block = takeBlock(database, pool, count);
     if (!block) throw Refusal(shortOf(name, count));
     std::vector<std::string> values;
+    std::string rows;
+    std::vector<Value> cells = {number(pool.id), number(taker.unit), number(taker.run), isoTime(WallClock::now())};
     for (int64_t address = block->first; address <= block->last; ++address) {
         values.push_back(formatAddress(address));
-        database.run(
-            "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) VALUES ($1, $2, $3, $4, $5, $6, 0)",
-            {number(pool.id), values.back(), number(address), number(taker.unit), number(taker.run),
-             isoTime(WallClock::now())});
+        rows += fmt::format("{}($1, ${}, ${}, $2, $3, $4, 0)", rows.empty() ? "" : ", ", cells.size() + 1,
+                            cells.size() + 2);
+        cells.insert(cells.end(), {values.back(), number(address)});
     }
+    database.run("INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) VALUES " + rows, cells);
     return values;
 }
 

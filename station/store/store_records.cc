@@ -85,11 +85,14 @@ std::string StoreRecords::away() {
 void StoreRecords::tell(const std::function<void(const std::string &)> &trouble) {
     const std::lock_guard lock(mutex_);
     trouble_ = trouble;
+    if (trouble_) std::for_each(unsaid_.begin(), unsaid_.end(), trouble_);
+    if (trouble_) unsaid_.clear();
 }
 
 void StoreRecords::say(const std::string &trouble) {
     const std::lock_guard lock(mutex_);
-    if (trouble_) trouble_(trouble);
+    if (!trouble_) return unsaid_.push_back(trouble);
+    trouble_(trouble);
 }
 
 // The unit, which may become known at any time of a run, and the run as it is now.

@@ -42,6 +42,7 @@ private:
     std::map<std::string, std::vector<std::string>> titles_;  // of a run's steps, before their variables are filled in
     std::map<std::string, int64_t> told_;                     // what was left of a pool when it was last said
     std::function<void(const std::string &)> trouble_;
+    std::vector<std::string> unsaid_;  // while nobody listened
     Writer writer_;
 };
 

@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <utility>
 
 #include "station/line/record.h"
@@ -64,6 +66,37 @@ Statements parseLine(const std::string &line) {
         }
     }
     return statements;
+}
+
+const std::set<std::string> kOfSteps = {"step", "measurement"};  // rows that nothing else of a transaction asks for
+constexpr size_t kRows = 16;                                     // that are written at once
+
+// The text with $1 as $(1 + count), and so on.
+std::string shifted(const std::string &text, size_t count) {
+    std::string result;
+    size_t begin = 0;
+    for (size_t at; (at = text.find('$', begin)) != std::string::npos;) {
+        size_t digits = 0;
+        const size_t number = std::stoul(text.substr(at + 1), &digits);
+        result += fmt::format("{}${}", text.substr(begin, at - begin), number + count);
+        begin = at + 1 + digits;
+    }
+    return result + text.substr(begin);
+}
+
+// Many rows with one statement: each is a round trip to a server.
+void executeRows(Database &database, const std::string &name, const std::vector<std::vector<Value>> &rows) {
+    const std::string &sql = kStatements.at(name);
+    const size_t begin = sql.find(" VALUES ") + 8, end = sql.find(" ON CONFLICT");
+    for (size_t i = 0; i < rows.size();) {
+        std::string lists;
+        std::vector<Value> values;
+        for (const size_t stop = std::min(i + kRows, rows.size()); i < stop; ++i) {
+            lists += (lists.empty() ? "" : ", ") + shifted(sql.substr(begin, end - begin), values.size());
+            values.insert(values.end(), rows[i].begin(), rows[i].end());
+        }
+        database.run(sql.substr(0, begin) + lists + sql.substr(end), values);
+    }
 }
 
 }  // namespace
@@ -152,7 +185,12 @@ void Writer::submit(const std::shared_ptr<Job> &job) {
 
 // A store that hangs must not hold a board's verdict back: what waits for it goes to the spool as well.
 void Writer::wait(const Job &job) {
-    if (job.done.wait_for(kPatience) == std::future_status::ready) return job.done.get();
+    auto deadline = Clock::now();
+    {
+        const std::lock_guard lock(mutex_);
+        deadline = std::min(deadline, busySince_) + kPatience;
+    }
+    if (job.done.wait_until(deadline) == std::future_status::ready) return job.done.get();
     if (!job.mayWait) throw StoreError(fmt::format("the store {} does not answer", shownName(store_)));
     const std::lock_guard lock(mutex_);
     spool(inHand_);
@@ -238,9 +276,18 @@ void Writer::writeTogether(const Jobs &jobs) {
         for (const auto &job : jobs) {
             if (job->work) job->apply(*database_);
         }
+        std::map<std::string, std::vector<std::vector<Value>>> rows;
         for (const auto &job : jobs) {
-            if (!job->work) job->apply(*database_);
+            if (job->work) continue;
+            for (const Statement &statement : job->statements) {
+                if (kOfSteps.contains(statement.name)) {
+                    rows[statement.name].push_back(statement.values);
+                } else {
+                    execute(*database_, statement);
+                }
+            }
         }
+        for (const auto &[name, all] : rows) executeRows(*database_, name, all);
     });
     for (const auto &job : jobs) {
         job->written = true;
