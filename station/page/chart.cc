@@ -81,7 +81,7 @@ private:
 };
 
 Html picture(double height, const std::string &title, const Html &content) {
-    return html("<svg class=\"chart\" viewBox=\"0 0 {} {}\" role=\"img\" aria-label=\"{}\">\n{}</svg>\n", kWidth,
+    return html("<svg class=\"chart\" viewBox=\"0 0 {} {}\" role=\"group\" aria-label=\"{}\">\n{}</svg>\n", kWidth,
                 height, title, content);
 }
 
@@ -225,13 +225,14 @@ struct Readings {
           minimum(table, "minimum"),
           maximum(table, "maximum"),
           failed(table, grouped ? "failed" : "verdict"),
-          unit(table, "unit") {}
+          unit(table, "unit"),
+          run(table, "run") {}
 
     bool fails(size_t row) const { return grouped ? failed.number(row) > 0 : failed.text(row) == "failed"; }
 
     size_t rows;
     bool grouped;
-    Column starts, lowest, mean, highest, minimum, maximum, failed, unit;
+    Column starts, lowest, mean, highest, minimum, maximum, failed, unit, run;
 };
 
 Scale rangeOf(const Readings &all) {
@@ -267,13 +268,25 @@ Html limitLine(const Readings &all, const Column &limits, const std::string &nam
     return drawn;
 }
 
-Html mark(const Readings &all, size_t row, double x, const Scale &value) {
+// What is beyond its limits, a link to its run where it is of one alone.
+Html failureMark(const Readings &all, size_t row, double x, const Scale &value) {
     const double low = *all.lowest.number(row), high = *all.highest.number(row);
-    Html drawn = all.grouped ? line("range", x, value.at(low), x, value.at(high)) : Html{};
-    if (!all.fails(row)) return all.grouped ? drawn : dot(x, value.at(low));
     const auto minimum = all.minimum.number(row), maximum = all.maximum.number(row);
-    if (minimum && low < *minimum) drawn += cross(x, value.at(low));
-    if (!minimum || low >= *minimum || (maximum && high > *maximum && all.grouped)) drawn += cross(x, value.at(high));
+    const bool isLow = minimum && low < *minimum, isHigh = maximum && high > *maximum;
+    Html drawn;
+    if (isLow) drawn += cross(x, value.at(low));
+    if (!isLow || (isHigh && all.grouped)) drawn += cross(x, value.at(high));
+    if (all.grouped) return drawn;
+    return html("<a href=\"{}\"><title>{}: its run</title>{}</a>\n", urlOf("/run", {{"run", all.run.text(row)}}), low,
+                drawn);
+}
+
+Html mark(const Readings &all, size_t row, double x, const Scale &value) {
+    const double low = value.at(*all.lowest.number(row)), high = value.at(*all.highest.number(row));
+    Html drawn;
+    if (all.grouped) drawn += line("range", x, low, x, high);
+    if (!all.grouped && !all.fails(row)) drawn += dot(x, low);
+    if (all.fails(row)) drawn += failureMark(all, row, x, value);
     return drawn;
 }
 

@@ -108,6 +108,13 @@ PageReply unitFile(Database &database, const PageRequest &request) {
     return file(csvOf(show(database, parameter(request, "serial"))));
 }
 
+std::string foundBy(const std::string &wanted, size_t units) {
+    if (wanted.empty()) return "Those that were tested last.";
+    if (units == 0) return fmt::format("No unit, address or run is called \"{}\", and no serial begins so.", wanted);
+    return fmt::format("{} whose serials begin with \"{}\", the last tested first.",
+                       units == kListed ? fmt::format("The first {}", kListed) : "Those", wanted);
+}
+
 // What is meant by a serial, an address or a run's name at once; else the units whose serials begin so.
 PageReply units(Database &database, const PageRequest &request) {
     const std::string wanted = parameter(request, "q");
@@ -117,13 +124,8 @@ PageReply units(Database &database, const PageRequest &request) {
     }
     const Table found = unitsLike(database, wanted, kListed);
     if (found.rows.size() == 1) return unitPage(show(database, found.rows[0][0].value_or("")));
-    Html content =
-        html("<p>{}</p>\n", wanted.empty() ? "Those that were tested last."
-                            : found.empty()
-                                ? "No unit, address or run is called \"" + wanted + "\", and no serial begins so."
-                                : "Those whose serials begin with \"" + wanted + "\", the last tested first.");
+    Html content = html("<p>{}</p>\n", foundBy(wanted, found.rows.size()));
     if (!found.empty()) content += tableOf(found);
-    if (found.rows.size() == kListed) content += html("<p>The first {}.</p>\n", kListed);
     return page("Units", content);
 }
 
@@ -246,6 +248,7 @@ PageReply value(Database &database, const PageRequest &request) {
     const bool grouped = table.rows.size() > kPoints;
     if (grouped) table = readingGroups(database, periodOf(request), plan, name, kGroups);
     Html content = periodChooser(request);
+    content += factsOf(without(without(measuredValues(database, periodOf(request), plan, name), "plan"), "name"));
     content +=
         table.empty() ? html("<p class=\"none\">None was measured in this period.</p>\n") : valueChart(table, name);
     if (grouped) {
