@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""usage: tests/store-chaos BUILD SQLite|PostgreSQL
+"""usage: tests/store_chaos.py BUILD SQLite|PostgreSQL
 
 Stations that share a store serve boards over real sockets, while they are killed at any moment and the store goes away
 again and again. Afterwards the boards' own account and the stations' events must agree with the store. CHAOS says how

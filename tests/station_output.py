@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Holds what qcstation prints, on a terminal and as JSON, against a real run. usage: tests/station-output BUILD"""
+"""Holds what qcstation prints, on a terminal and as JSON, against a real run. usage: tests/station_output.py BUILD"""
 
 import fcntl, json, os, pty, re, socket, struct, subprocess, sys, tempfile, termios, threading
 import jsonschema

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""usage: tests/station-line [RUNS]
+"""usage: tests/station_line.py [RUNS]
 
 A whole line on this machine: 16 places, each with a cable of its own, and one station that serves them. Boards with the
 real daemon are put in and taken out until RUNS of them have passed (default 32), while some lose their power in the
@@ -12,9 +12,9 @@ import glob, json, os, random, signal, subprocess, sys, threading, time
 os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # what is freed there is no growth
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 32
 PLACES = 16
-if not os.path.exists('/src/tests/station-line'):
+if not os.path.exists('/src/tests/station_line.py'):
     native = os.path.dirname(os.path.realpath(__file__)) + '/../board/native'
-    os.execv(native, [native, 'python3', '/src/tests/station-line', str(RUNS)])
+    os.execv(native, [native, 'python3', '/src/tests/station_line.py', str(RUNS)])
 
 PLAN = '''- {send: PING, match: ^PING}
 - {script: serial.sh, match: '^(?P<serial>\\d+)\\n'}

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""usage: tests/page_test [CASE...]
+"""usage: tests/page_test.py [CASE...]
 
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
