@@ -312,8 +312,8 @@ TEST_F(Firmware, AnImageIsInstalledWhenTheBoardHasBooted) {
     const std::string bytes = sealed(productBlock() + section("2.bin", "the kernel") + section("3.bin", "the root"));
     board::writeFile(kImage, bytes);
     const pid_t writer = board::fork([] { EXPECT_EQ(writeImage(kImage), 0); });
-    const std::vector<std::string> waits(2, "[writeImage] wait boot");
-    ASSERT_TRUE(board::waitFor(20, [&] { return board::log() == waits; })) << "it looks more than once";
+    ASSERT_TRUE(board::waitFor(20, [] { return board::log().size() >= 2; }));
+    EXPECT_EQ(board::log()[1], "[writeImage] wait boot") << "it looks more than once";
     const board::NamedProcess telnetd("telnetd");
     EXPECT_EQ(board::wait(writer), 0);
     EXPECT_EQ(board::readFile(kImage), bytes.substr(0, bytes.size() - 33)) << "the trailer is cut off";
