@@ -50,14 +50,18 @@ void addStep(Statements &statements, const RunRecord &run, size_t index) {
     }
 }
 
-// Where another living process has the unit in work; empty: nowhere. One that has died is silent at once.
+// Where another process, which is heard of, has the unit in work; empty: nowhere. The update changes nothing: unlike a
+// question it is planned once, and counts.
 std::string otherPlace(Database &database, const std::string &serial, const std::string &key) {
-    const Table other = database.ask(
-        "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
-        " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND s.seen > $3",
-        {serial, key, isoTime(WallClock::now() - kSilence)});
-    if (other.empty()) return {};
-    return fmt::format("place {} of the station {}", *other.rows[0][0], *other.rows[0][1]);
+    const std::string other = " FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
+                              " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND s.seen > $3";
+    const std::vector<Value> values = {serial, key, isoTime(WallClock::now() - kSilence)};
+    if (database.run("UPDATE stations SET seen = seen WHERE key = $2 AND EXISTS (SELECT 1" + other + ")", values) ==
+        0) {
+        return {};
+    }
+    const Table found = database.ask("SELECT r.place_name, s.name" + other, values);
+    return fmt::format("place {} of the station {}", *found.rows.at(0)[0], *found.rows[0][1]);
 }
 
 template <typename Call>
@@ -156,14 +160,21 @@ bool StoreRecords::isNews(const std::string &pool, int64_t left) {
 // In a transaction, behind which no other station has the unit.
 void StoreRecords::asUnit(const RunRecord &run,
                           const std::function<void(Database &, const std::string &serial)> &work) {
-    writer_.store(
-        [=, statements = runOf(run, "running"), serial = *text(run.unit), key = writer_.key()](Database &store) {
-            store.lockPools();  // before any row, as everybody does
-            const std::string where = otherPlace(store, serial, key);
-            if (!where.empty()) throw Refusal(where);
-            for (const Statement &statement : statements) execute(store, statement);
-            work(store, serial);
-        });
+    const auto isNamed = [&](bool stored) {
+        const std::lock_guard lock(mutex_);
+        if (stored) named_[run.id] = run.unit;
+        const auto name = named_.find(run.id);
+        return name != named_.end() && name->second == run.unit;
+    };
+    const Statements statements = isNamed(false) ? Statements() : runOf(run, "running");
+    writer_.store([=, serial = *text(run.unit), key = writer_.key()](Database &store) {
+        store.lockPools();  // before any row, as everybody does
+        const std::string where = statements.empty() ? "" : otherPlace(store, serial, key);
+        if (!where.empty()) throw Refusal(where);
+        for (const Statement &statement : statements) execute(store, statement);
+        work(store, serial);
+    });
+    isNamed(true);
 }
 
 std::string StoreRecords::elsewhere(const RunRecord &run) try {
@@ -204,6 +215,7 @@ void StoreRecords::ends(const RunRecord &run) {
     {
         const std::lock_guard lock(mutex_);
         titles_.erase(run.id);
+        named_.erase(run.id);
     }
     asRecordsError([&] { writer_.keep(std::move(statements)); });
     beside_->ends(run);

@@ -40,6 +40,7 @@ private:
     const std::unique_ptr<Records> beside_;
     std::mutex mutex_;                                        // of what follows
     std::map<std::string, std::vector<std::string>> titles_;  // of a run's steps, before their variables are filled in
+    std::map<std::string, std::string> named_;                // the unit that the store knows a run by
     std::map<std::string, int64_t> told_;                     // what was left of a pool when it was last said
     std::function<void(const std::string &)> trouble_;
     std::vector<std::string> unsaid_;  // while nobody listened
