@@ -31,7 +31,7 @@ const std::map<std::string, Link> kLinks = {{"good", {}},
                                             {"g", {}},
                                             {"fast", {.speed = 2500}},
                                             {"faster", {.speed = 10000}},
-                                            {"slow", {.speed = 999}},
+                                            {"slow", {.speed = 100}},
                                             {"half", {.duplex = 0}},
                                             {"odd", {.speed = 2000, .duplex = 255}},
                                             {"down", {.up = false}},
@@ -247,7 +247,7 @@ TEST_F(Identity, PortsAreExaminedByTheirEntry) {
 	link: port:0 link:up speed:1000baseT full-duplex txflow
 	link: port:1 link:down
 link: port:2 link:up speed:1000baseT half-duplex
-link: port:3 link:up speed:100baseT full-duplex
+link: port:3 link:up speed:999baseT full-duplex
 link: noport link:up speed:1000baseT full-duplex
 link: port:4 link:up
 link: port:5 up speed:1000baseT full-duplex
