@@ -115,6 +115,14 @@ public:
         });
     }
 
+    // Here or, when the line has a page, there.
+    void asks(const RunRecord &run, size_t, const std::string &prompt) override {
+        change(run, [&](Line &line) {
+            line.row.stage = Stage::kAsking;
+            line.row.text = oneLine(prompt);
+        });
+    }
+
     void stepEnds(const RunRecord &run, size_t step) override {
         const std::lock_guard lock(mutex_);
         durations_.learn(run, step);
