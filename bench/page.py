@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""usage: bench/page [ROUNDS]
+"""usage: bench/page.py [ROUNDS]
 
 How much longer 64 boards take while 20 pages are open: sessions of 100 commands and four payloads of 1 MiB, in turns
 with and without the pages, on a network of their own. BUILD names the build, by default build/release.
