@@ -198,7 +198,8 @@ void bench(const std::string &store, int runs) {
     });
     report("summary of a day --by hour", [&] { yields(database, day, By::kHour); });
     report("summary of a day --by value", [&] { measuredValues(database, day); });
-    StoreRecords records(store, defaultSpool(store), std::make_unique<Records>());
+    StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool",
+                         std::make_unique<Records>());
     report("records of a board", [&] { record(records, 1); });
     report("records of 64 boards at once", [&] { recordBoards(records, kBoards); });
     compareLines(records);
