@@ -81,7 +81,8 @@ def check_terminal(folder):
         assert status == (bad in infos), output
         for line in output.split("\n"):
             shown = re.sub(r"\x1b\[[?\d;]*[A-Za-z]|\r", "", line)
-            assert len(shown) <= 80 or " ->  " in shown or "step 2/3" in shown, f"{len(shown)} columns: {shown}"
+            long = any(mark in shown for mark in (" ->  ", "step 2/3", ": warning: "))
+            assert len(shown) <= 80 or long, f"{len(shown)} columns: {shown}"
         assert "\x1b[2J" not in output, "a board's reply erases the display"
         assert all(int(rows) < 24 for rows in re.findall(r"\x1b\[(\d+)A", output)), output
         if bad in infos:
