@@ -12,6 +12,7 @@
 #include <fstream>
 #include <thread>
 
+#include "support/configuration.h"
 #include "tests/service.h"
 
 namespace fs = std::filesystem;
@@ -142,14 +143,21 @@ TEST_P(EveryCall, MayFailOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, EveryCall, testing::Range<size_t>(0, kShards));
 
-// What the service never does; and in debugging, when the output of programs is read.
-TEST_F(Faults, EveryCallOfThePortChangeMayFailOnce) {
-    configure("SYSTEM_PORT_CHANGE = lan0_lan1\n");
+// What the service never does, in debugging, when the output of programs is read; and a record beside those there are.
+TEST_F(Faults, EveryCallOfAModeMayFailOnce) {
+    configure("SYSTEM_PORT_CHANGE = lan0_lan1\nSYSTEM_MAC_ARGS = \"6 1 1 1_0\"\nSYSTEM_ART_PART = 6\n");
     board::writeFile("/var/debug", "");
-    board::run("LIST_CALLS=/var/calls fabtestd port_change 2> /dev/null");
-    EXPECT_GT(listedCalls().size(), 10U);
-    for (const std::string &call : listedCalls())
-        board::run("FAIL_CALL=" + call + " fabtestd port_change 2> /dev/null");
+    for (const std::string mode : {"port_change", "mac 1"}) {
+        init_configuration();
+        board::run("LIST_CALLS=/var/calls fabtestd " + mode + " 2> /dev/null");
+        EXPECT_GT(listedCalls().size(), 10U);
+        for (const std::string &call : listedCalls()) {
+            init_configuration();
+            board::run("FAIL_CALL=" + call + " fabtestd " + mode + " 2> /dev/null");
+            EXPECT_TRUE(mode == "port_change" || if_exist("SYSTEM_BRAND")) << call;
+        }
+        for (const char *file : {"/var/calls", "/var/debug"}) fs::remove(file);
+    }
 }
 
 // The station goes at every step of the session: before the reply, in the middle of the payload, or after the reply.
