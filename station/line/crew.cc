@@ -1,5 +1,10 @@
 #include "station/line/crew.h"
 
+#include <pthread.h>
+
+#include <memory>
+#include <utility>
+
 namespace station {
 namespace {
 
@@ -13,53 +18,35 @@ constexpr size_t kStack = 256 << 10;
 }  // namespace
 
 Crew::~Crew() {
-    {
-        const std::lock_guard lock(mutex_);
-        dismissed_ = true;
-    }
-    changed_.notify_all();
-    for (const pthread_t thread : threads_) pthread_join(thread, nullptr);
+    std::unique_lock lock(mutex_);
+    ended_.wait(lock, [&] { return working_ == 0; });
 }
 
 bool Crew::run(std::function<void()> task) {
-    const std::lock_guard lock(mutex_);
-    if (idle_ <= tasks_.size() && !hire()) return false;
-    tasks_.push_back(std::move(task));
-    changed_.notify_one();
-    return true;
-}
-
-bool Crew::hire() {
+    auto errand = std::make_unique<Errand>(Errand{*this, std::move(task)});
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStack);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    const std::lock_guard lock(mutex_);
     pthread_t thread;
-    const bool made = pthread_create(&thread, &attributes, work, this) == 0;
+    const bool made = pthread_create(&thread, &attributes, work, errand.get()) == 0;
     pthread_attr_destroy(&attributes);
     if (!made) return false;
-    threads_.push_back(thread);
-    ++idle_;
+    (void)errand.release();  // it is the thread's
+    ++working_;
     return true;
 }
 
-void *Crew::work(void *crew) {
-    static_cast<Crew *>(crew)->workOn();
+void *Crew::work(void *argument) {
+    std::unique_ptr<Errand> errand(static_cast<Errand *>(argument));
+    Crew &crew = errand->crew;
+    errand->task();
+    errand.reset();
+    const std::lock_guard lock(crew.mutex_);  // to the end: behind it the crew may be gone
+    --crew.working_;
+    crew.ended_.notify_all();
     return nullptr;
-}
-
-void Crew::workOn() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        changed_.wait(lock, [&] { return !tasks_.empty() || dismissed_; });
-        if (tasks_.empty()) return;
-        const std::function<void()> task = std::move(tasks_.front());
-        tasks_.pop_front();
-        --idle_;
-        lock.unlock();
-        task();
-        lock.lock();
-        ++idle_;
-    }
 }
 
 }  // namespace station

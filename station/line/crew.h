@@ -1,18 +1,13 @@
 #pragma once
 // The threads that boards are served by.
 
-#include <pthread.h>
-
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
-#include <vector>
 
 namespace station {
 
-// Threads with small stacks, so that a thousand of them fit anywhere. Each is made when it is first needed, and takes
-// one task after another until the crew is dismissed.
+// Threads with small stacks, one a task, so that a thousand of them fit anywhere.
 class Crew {
 public:
     Crew() = default;
@@ -23,16 +18,15 @@ public:
     [[nodiscard]] bool run(std::function<void()> task);
 
 private:
-    static void *work(void *crew);
-    bool hire();
-    void workOn();
+    struct Errand {
+        Crew &crew;
+        std::function<void()> task;
+    };
+    static void *work(void *errand);
 
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::function<void()>> tasks_;
-    size_t idle_ = 0;
-    bool dismissed_ = false;
-    std::vector<pthread_t> threads_;
+    std::condition_variable ended_;
+    size_t working_ = 0;
 };
 
 }  // namespace station

@@ -11,10 +11,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <cstdio>
-#include <cstring>
 
 namespace station {
 namespace {
@@ -29,8 +26,6 @@ constexpr std::string_view kRequestType = "\x55\xAA";
 constexpr std::string_view kAnswerType = "\xAA\x55";
 constexpr Mac kDatagramStation = {0x02, 0, 0, 0, 0, 0x02};  // locally administered
 
-std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
-
 std::string bytesOf(const Mac &mac) { return {mac.begin(), mac.end()}; }
 
 Mac macAt(const std::string &frame, size_t offset) {
@@ -40,10 +35,7 @@ Mac macAt(const std::string &frame, size_t offset) {
 }
 
 std::string receiveFrame(int socket, Clock::time_point deadline) {
-    while (Clock::now() < deadline) {
-        pollfd waiting = {socket, POLLIN, 0};
-        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-        if (poll(&waiting, 1, static_cast<int>(left.count())) <= 0) continue;
+    while (waitFor(socket, POLLIN, deadline)) {
         std::string frame(65536, '\0');
         const ssize_t length = recv(socket, frame.data(), frame.size(), 0);
         if (length <= 0) continue;
@@ -58,22 +50,24 @@ class InterfaceLink : public FrameLink {
 public:
     explicit InterfaceLink(const std::string &name)
         : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL))) {
-        if (socket_.descriptor() < 0) throw SessionError(describe("cannot open a packet socket"));
+        if (socket_.descriptor() < 0) throw SessionError(describeError("cannot open a packet socket"));
         ifreq request{};
         name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-        if (ioctl(socket_.descriptor(), SIOCGIFHWADDR, &request) < 0) throw SessionError(describe("interface " + name));
+        if (ioctl(socket_.descriptor(), SIOCGIFHWADDR, &request) < 0)
+            throw SessionError(describeError("interface " + name));
         std::copy_n(request.ifr_hwaddr.sa_data, address_.size(), address_.begin());
         sockaddr_ll bound{};
         bound.sll_family = AF_PACKET;
         bound.sll_protocol = htons(ETH_P_ALL);
         bound.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
         if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0) {
-            throw SessionError(describe("interface " + name));
+            throw SessionError(describeError("interface " + name));
         }
     }
 
     void send(const std::string &frame) override {
-        if (::send(socket_.descriptor(), frame.data(), frame.size(), 0) < 0) throw SessionError(describe("sending"));
+        if (::send(socket_.descriptor(), frame.data(), frame.size(), 0) < 0)
+            throw SessionError(describeError("sending"));
     }
     std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
     Mac address() const override { return address_; }
@@ -98,7 +92,7 @@ public:
         const sockaddr_in there = loopback(remote);
         if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&here), sizeof here) != 0 ||
             connect(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&there), sizeof there) != 0) {
-            throw SessionError(describe("the datagram link"));
+            throw SessionError(describeError("the datagram link"));
         }
     }
 
@@ -110,15 +104,6 @@ public:
 private:
     Socket socket_;
 };
-
-uint16_t parsePort(const std::string &text) {
-    uint16_t port = 0;
-    const auto [behind, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-    if (error != std::errc() || behind != text.data() + text.size()) {
-        throw SessionError(fmt::format("\"{}\" is not a port", text));
-    }
-    return port;
-}
 
 std::string makeRequest(const Mac &destination, const Mac &source, size_t size) {
     std::string frame = bytesOf(destination) + bytesOf(source);
@@ -133,11 +118,8 @@ bool isAnswer(const std::string &frame) {
 
 // The answer that a board of this address owes to a request.
 std::string expectedAnswer(const std::string &request, const Mac &board) {
-    std::string answer = request.substr(0, kLongestAnswer);
-    if (macAt(request, 0) != kBroadcast) answer.replace(0, board.size(), request, kSource, board.size());
-    answer.replace(kSource, board.size(), bytesOf(board));
-    answer.replace(kEtherType, kAnswerType.size(), kAnswerType);
-    return answer;
+    const std::string to = request.substr(macAt(request, 0) == kBroadcast ? 0 : kSource, board.size());
+    return to + bytesOf(board) + std::string(kAnswerType) + request.substr(kPayload, kLongestAnswer - kPayload);
 }
 
 // The next frame of the answers' EtherType.
@@ -166,12 +148,14 @@ std::string formatMac(const Mac &mac) {
 }
 
 std::unique_ptr<FrameLink> openLink(const std::string &name) {
-    constexpr std::string_view kDatagrams = "udp:";
-    if (!name.starts_with(kDatagrams)) return std::make_unique<InterfaceLink>(name);
-    const size_t colon = name.find(':', kDatagrams.size());
-    if (colon == std::string::npos) throw SessionError(fmt::format("\"{}\" is not udp:LOCAL:REMOTE", name));
-    const std::string local = name.substr(kDatagrams.size(), colon - kDatagrams.size());
-    return std::make_unique<DatagramLink>(parsePort(local), parsePort(name.substr(colon + 1)));
+    if (!name.starts_with("udp:")) return std::make_unique<InterfaceLink>(name);
+    unsigned local = 0, remote = 0;
+    int length = 0;
+    const int fields = std::sscanf(name.c_str(), "udp:%5u:%5u%n", &local, &remote, &length);
+    if (fields != 2 || name.c_str()[length] != '\0' || std::max(local, remote) > UINT16_MAX) {
+        throw SessionError(fmt::format("\"{}\" is not udp:LOCAL:REMOTE", name));
+    }
+    return std::make_unique<DatagramLink>(static_cast<uint16_t>(local), static_cast<uint16_t>(remote));
 }
 
 Mac discover(FrameLink &link, const Mac &destination, size_t size, Milliseconds limit) {
