@@ -23,6 +23,7 @@
 #include "station/display/display.h"
 #include "station/display/layout.h"
 #include "station/line/durations.h"
+#include "station/line/record_json.h"
 
 namespace station {
 namespace {

@@ -1,5 +1,7 @@
 #include "station/line/events.h"
 
+#include <nlohmann/json.hpp>
+
 #include "station/line/record_json.h"
 
 namespace station {

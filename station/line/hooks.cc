@@ -98,7 +98,7 @@ std::string endOf(int file) {
 
 std::string runHook(const Hook &hook, const RunRecord &run) {
     if (hook.command.empty()) return {};
-    const Socket input = memoryFile(dump(toJson(run)) + "\n"), output = memoryFile("");
+    const Socket input = memoryFile(dump(run) + "\n"), output = memoryFile("");
     const pid_t pid = start(hook, run, input.descriptor(), output.descriptor());
     const std::string failure = pid < 0 ? strerror(-pid) : outcomeOf(pid, hook.limit);
     if (failure.empty()) return {};

@@ -6,8 +6,9 @@
 
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
 #include <random>
+
+#include "station/line/record_json.h"
 
 namespace station {
 namespace {
@@ -61,11 +62,6 @@ std::string describeStep(const StepResult &result) {
     }
     return fmt::format("{}  {:7.2f} s  {}  ->  {}", kMarks[static_cast<size_t>(result.verdict)],
                        double(result.duration.count()) / 1000, oneLine(result.title), text);
-}
-
-std::string asUtf8(const std::string &text) {
-    constexpr auto kReplace = nlohmann::json::error_handler_t::replace;
-    return nlohmann::json::parse(nlohmann::json(text).dump(-1, ' ', false, kReplace)).get<std::string>();
 }
 
 std::string oneLine(const std::string &text) {

@@ -80,9 +80,6 @@ std::string countsOf(const RunRecord &run);
 // A step's line: verdict, time, title, and the reply or what is wrong.
 std::string describeStep(const StepResult &result);
 
-// The text as UTF-8, whatever the board sent: other bytes become U+FFFD.
-std::string asUtf8(const std::string &text);
-
 // A text in one line, UTF-8 and fit for XML whatever the board sent: line ends and control characters become visible.
 std::string oneLine(const std::string &text);
 

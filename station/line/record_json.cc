@@ -1,5 +1,7 @@
 #include "station/line/record_json.h"
 
+#include <nlohmann/json.hpp>
+
 namespace station {
 namespace {
 
@@ -51,5 +53,9 @@ Json toJson(const RunRecord &run) {
 }
 
 std::string dump(const Json &json, int indent) { return json.dump(indent, ' ', false, Json::error_handler_t::replace); }
+
+std::string dump(const RunRecord &run, int indent) { return dump(toJson(run), indent); }
+
+std::string asUtf8(const std::string &text) { return Json::parse(dump(Json(text))).get<std::string>(); }
 
 }  // namespace station

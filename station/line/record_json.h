@@ -1,7 +1,7 @@
 #pragma once
 // A record as JSON, the same in results, events and what hooks read.
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "station/line/record.h"
@@ -16,5 +16,9 @@ Json toJson(const RunRecord &run);
 
 // As text, UTF-8 whatever the board sent: other bytes become U+FFFD. Indented by `indent` spaces; -1: in one line.
 std::string dump(const Json &json, int indent = -1);
+std::string dump(const RunRecord &run, int indent = -1);
+
+// The text as UTF-8 in the same way.
+std::string asUtf8(const std::string &text);
 
 }  // namespace station

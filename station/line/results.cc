@@ -78,14 +78,14 @@ fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extens
 
 void writeRecord(const fs::path &folder, RunRecord run, bool durable) {
     run.interrupted = true;
-    writeWhole(fileOf(folder, run, ".json"), dump(toJson(run), 2) + "\n", durable);
+    writeWhole(fileOf(folder, run, ".json"), dump(run, 2) + "\n", durable);
     if (durable) syncFolder(folder);
 }
 
 }  // namespace
 
 void writeResult(const fs::path &folder, const RunRecord &run) {
-    writeWhole(fileOf(folder, run, ".json"), dump(toJson(run), 2) + "\n", true);
+    writeWhole(fileOf(folder, run, ".json"), dump(run, 2) + "\n", true);
     writeWhole(fileOf(folder, run, ".log"), logOf(run), false);
     writeWhole(fileOf(folder, run, ".xml"), reportOf(run), false);
     syncFolder(folder);

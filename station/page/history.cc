@@ -164,7 +164,7 @@ PageReply runFile(Database &database, const PageRequest &request) {
 }
 
 PageReply runRecord(Database &database, const PageRequest &request) {
-    return {200, "application/json", dump(toJson(loadRun(database, parameter(request, "run"))), 2) + "\n"};
+    return {200, "application/json", dump(loadRun(database, parameter(request, "run")), 2) + "\n"};
 }
 
 // ---- summary

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "station/store/queries.h"
 
