@@ -22,9 +22,8 @@ std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLeng
                        "{}"
                        "script=/tmp/fabtestd.script\n"
                        "output=/tmp/fabtestd.output\n"
-                       "tail -c +{:08} \"$0\" > $script\n"
-                       "chmod 755 $script\n"
-                       "{{ $script < /dev/null > $output 2>&1; echo $?; cat $output; }} | nc {} {}\n"
+                       "{{ tail -c +{:08} \"$0\" > $script; chmod 755 $script\n"
+                       "$script < /dev/null > $output 2>&1; echo $?; cat $output; }} | nc {} {}\n"
                        "exit 0\n",
                        exports, ownLength + 1, kDefaultAddress, port);
 }
