@@ -249,7 +249,7 @@ int serve(const std::string &path, bool json) {
     const LineFile &line = *found;
     warn(line.plan);
     const auto records = recordsIn(line.results.string(), line.store, line.spool);
-    Listener listener(line.address, line.port, line.interfaces());
+    Listener listener(line.address, line.port, line.interfaces(), true);
     const auto page = line.page ? std::make_unique<Page>(*line.page, line.store) : nullptr;
     if (page) fmt::print(said, "page {}\n", page->url());
     fmt::print(said, "line {}: {} places, plan {}, waiting for boards on {}:{}\n", path, line.places.size(),

@@ -3,7 +3,8 @@
 
 A whole line on this machine: 16 places, each with a cable of its own, and one station that serves them. Boards with the
 real daemon are put in and taken out until RUNS of them have passed (default 32), while some lose their power in the
-middle of the flashing, strangers knock at the port, and the station is stopped, killed and started again. At the end
+middle of the flashing, adapters are unplugged, strangers knock at the port, and the station is stopped, killed and
+started again. At the end
 each board that was cabled long enough must have passed in exactly one run, at its own place, and the station must hold
 no more memory and descriptors than before. Runs itself on the native board (board/native), from the build in BUILD.
 """
@@ -34,7 +35,7 @@ with open('line.yaml', 'w') as file:
     file.writelines(f'- {{name: place{i}, interface: line{i}}}\n' for i in range(PLACES))
 
 lock = threading.Lock()
-tally = {'passed': 0, 'cut': 0, 'interrupted': 0, 'stops': 0, 'kills': 0, 'strangers': 0}
+tally = {'passed': 0, 'cut': 0, 'interrupted': 0, 'stops': 0, 'kills': 0, 'strangers': 0, 'replugs': 0}
 owners, problems, over, calm = {}, [], threading.Event(), threading.Event()
 
 
@@ -46,16 +47,23 @@ def sh(line): return subprocess.run(line, shell=True, stdout=subprocess.DEVNULL,
 
 
 class Cable:
-    """A place's cable: its station's end, lineN, stays; its other end is in a network for the board."""
+    """A place's cable: its station's end is lineN; its other end is in a network for the board."""
 
     def __init__(self, number):
         self.number = number
         self.holder = subprocess.Popen(['unshare', '--net', 'sleep', '100000'])
-        pair = f'/usr/bin/ip link add eth0 netns {self.holder.pid} type veth peer name line{number} netns 1'
-        while sh(pair): time.sleep(0.05)
         self.inside = f'nsenter --net=/proc/{self.holder.pid}/ns/net '
-        sh(f'station ip addr add 192.168.1.2/24 dev line{number}; station ip link set line{number} up')
-        sh(self.inside + 'sh -c "ip link set lo up; /usr/bin/ip link add wlan0 type veth peer name wlan1"')
+        self.plug()
+        # A script's connection that is begun as the station is killed is tried for seven seconds, not two minutes: as
+        # all interfaces have one address, the kernel's refusal goes to the first of them.
+        sh(self.inside + 'sh -c "ip link set lo up; /usr/bin/ip link add wlan0 type veth peer name wlan1;'
+           'echo 2 > /proc/sys/net/ipv4/tcp_syn_retries"')
+
+    def plug(self):
+        line = f'line{self.number}'
+        pair = f'/usr/bin/ip link add eth0 netns {self.holder.pid} type veth peer name {line} netns 1'
+        while sh(pair): time.sleep(0.05)
+        sh(f'station ip addr add 192.168.1.2/24 dev {line}; station ip link set {line} up')
 
     def board(self, serial):
         """Puts a board in. Its end is the end of its daemon."""
@@ -70,6 +78,10 @@ class Cable:
         board.kill()
         board.wait()
         sh(self.inside + 'ip link set eth0 down')
+        if random.random() < 0.1:  # an adapter is unplugged, and plugged in again
+            sh(self.inside + '/usr/bin/ip link del eth0')
+            self.plug()
+            count('replugs')
 
 
 class Station:

@@ -17,12 +17,11 @@ constexpr Milliseconds kLook{1000};   // how often records and cables are looked
 constexpr Milliseconds kGlance{50};   // while newcomers are on the way
 constexpr Milliseconds kRetry{1000};  // to record the begin of a run
 
-// Without a cable's interface nobody can tell: true.
 bool hasCarrier(const std::string &interface) {
     ifreq request{};
     interface.copy(request.ifr_name, sizeof request.ifr_name - 1);
     const Socket any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return ioctl(any.descriptor(), SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_RUNNING) != 0;
+    return ioctl(any.descriptor(), SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) != 0;
 }
 
 // True when the board has closed the connection while it waited.
@@ -95,6 +94,7 @@ Outcome Line::work() {
         for (Arrival &board : door_.tend()) place(std::move(board));
         collectEnded();
         startWaiting();
+        tellWhyItWaits();
         tendGates();
     }
     nameLeftOut();
@@ -122,9 +122,13 @@ void Line::look() {
     if (Clock::now() - asked_ < kLook) return;
     asked_ = Clock::now();
     shorthanded_ = false;
-    const std::string why = context_.records.away();
-    if (std::exchange(away_, why) != why) context_.observer.lineWaits(why);
+    away_ = context_.records.away();
     watchCables();
+}
+
+void Line::tellWhyItWaits() {
+    const std::string why = away_.empty() && shorthanded_ ? "no more threads can be made" : away_;
+    if (std::exchange(told_, why) != why) context_.observer.lineWaits(why);
 }
 
 void Line::tendGates() {
@@ -232,7 +236,6 @@ bool Line::start(Seat &seat) {
     }
     seat.busy = false;
     seat.waiting.push_front(std::move(seat.session()));
-    context_.observer.trouble(fmt::format("place {}: no more threads can be made: its board waits", seat.place().name));
     return false;
 }
 
@@ -259,6 +262,11 @@ void Line::collectEnded() {
 void Line::watchCables() {
     if (!cabled_) return;
     for (Seat &seat : seats_) {
+        const bool plugged = listener_.renew(seat.socket());
+        if (std::exchange(seat.plugged, plugged) != plugged) {
+            context_.observer.trouble(fmt::format("place {}: its interface {}", seat.place().name,
+                                                  plugged ? "is there" : "is not there, or has no address"));
+        }
         if (!seat.verdict || seat.busy || hasCarrier(listener_.interface(seat.socket()))) continue;
         seat.verdict = false;
         context_.observer.placeFree(seat.place());

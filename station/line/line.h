@@ -63,7 +63,8 @@ private:
 
     Outcome work();
     bool over();
-    void look();  // after records and stop
+    void look();  // after records and cables
+    void tellWhyItWaits();
     void tendGates();
     void await() const;  // the next thing to happen
     void place(Arrival arrival);
@@ -95,6 +96,7 @@ private:
     bool closing_ = false;      // no more boards are wanted
     bool shorthanded_ = false;  // no thread could be made for a board that waits
     std::string away_;          // why records cannot be kept now
+    std::string told_;          // why no new board is taken, as the observer knows it
     Clock::time_point asked_;   // when that was looked at
     Socket wakeup_;
 

@@ -37,6 +37,7 @@ public:
     bool busy = false;
     bool served = false;   // a board has had its run here
     bool verdict = false;  // the board that has had its run may still be there
+    bool plugged = true;   // the place's interface is there
 
 private:
     Place place_;

@@ -69,11 +69,12 @@ Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
 
 }  // namespace
 
-Listener::Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces)
+Listener::Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces, bool patient)
     : interfaces_(interfaces.empty() ? std::vector<std::string>{""} : interfaces), bound_(addressOf(address, port)) {
     for (const std::string &interface : interfaces_) {
         const Socket &socket = sockets_.emplace_back(listenAt(bound_, interface));
-        if (socket.descriptor() >= 0) continue;
+        const bool later = patient && !interface.empty() && (errno == ENODEV || errno == EADDRNOTAVAIL);
+        if (socket.descriptor() >= 0 || later) continue;
         const std::string hint = hintFor(errno, address, interface);
         throw ListenError(fmt::format("cannot listen on {}:{}{}{}: {}", address, port, interface.empty() ? "" : "%",
                                       interface, hint));
@@ -114,6 +115,15 @@ std::optional<Session> Listener::take(size_t socket) const {
     setLeastTtl(board, 0);  // it inherits what admit() wants of a newcomer
     watchPeer(board);
     return Session(Socket(board));
+}
+
+// An interface that comes back is another one to the kernel, and the socket stays bound to the one that has gone.
+bool Listener::renew(size_t socket) {
+    if (interfaces_[socket].empty() || boundTo(descriptor(socket)) == interfaces_[socket]) return true;
+    Socket fresh = listenAt(bound_, interfaces_[socket]);
+    if (fresh.descriptor() < 0) return false;
+    sockets_[socket] = std::move(fresh);
+    return true;
 }
 
 // A segment whose time to live is below the socket's least is dropped: with 255 that is every one of a board, whose

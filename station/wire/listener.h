@@ -24,8 +24,10 @@ class Listener {
 public:
     // Listens at the address; with `interfaces`, on each of these apart, so that boards that all have one address can
     // be cabled to one interface each, and every interface of this machine can have the station's. Port 0 takes a free
-    // one. Throws ListenError when that cannot be had.
-    Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces = {});
+    // one. Throws ListenError when that cannot be had; but `patient` leaves interfaces that are not there, or have not
+    // the address yet, to renew().
+    Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces = {},
+             bool patient = false);
 
     uint16_t port() const;
 
@@ -39,6 +41,9 @@ public:
     // For who waits for boards beside other things: the sockets, one an interface or a single one.
     size_t sockets() const { return sockets_.size(); }
     int descriptor(size_t socket) const { return sockets_[socket].descriptor(); }
+    // Listens when the socket's interface has come, also when it had been there before, as an adapter that was
+    // unplugged. False while it has not: nobody can connect there.
+    bool renew(size_t socket);
     // The next board that waits at a socket, if any. Throws SessionError when it cannot be accepted: it waits on.
     std::optional<Session> take(size_t socket) const;
     // Opens a socket to boards, or refuses them without a word, so that they try again by themselves: they neither wait

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -158,13 +157,6 @@ std::string Session::peerAddress() const { return textOf(board()); }
 std::string Session::peer() const {
     const std::string bound = interface();
     return fmt::format("{}:{}{}{}", peerAddress(), ntohs(board().sin_port), bound.empty() ? "" : "%", bound);
-}
-
-std::string Session::interface() const {
-    std::array<char, IFNAMSIZ> name{};
-    socklen_t length = name.size();
-    getsockopt(socket_.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
-    return name.data();
 }
 
 }  // namespace station

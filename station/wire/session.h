@@ -52,7 +52,7 @@ public:
     std::string localAddress() const;  // this machine's, on this connection
     std::string peer() const;          // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one
     std::string peerAddress() const;   // ADDRESS alone
-    std::string interface() const;     // that the connection is bound to; empty for none
+    std::string interface() const { return boundTo(descriptor()); }  // empty for none
     int descriptor() const { return socket_.descriptor(); }
 
 private:

@@ -1,10 +1,13 @@
 #include "station/wire/socket.h"
 
 #include <fmt/format.h>
+#include <net/if.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -36,6 +39,13 @@ bool waitFor(int descriptor, short events, Clock::time_point deadline) {
         if (ready >= 0 || errno != EINTR) return ready > 0;
     }
     return false;
+}
+
+std::string boundTo(int socket) {
+    std::array<char, IFNAMSIZ> name{};
+    socklen_t length = name.size();
+    getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
+    return name.data();
 }
 
 std::string describeError(std::string_view what) { return fmt::format("{}: {}", what, strerror(errno)); }

@@ -35,6 +35,9 @@ int pollLimit(Clock::time_point deadline);
 // True when one of the events (POLLIN, POLLOUT) is there before the deadline.
 bool waitFor(int descriptor, short events, Clock::time_point deadline);
 
+// The interface that a socket is bound to; empty for none, and for one that has gone.
+std::string boundTo(int socket);
+
 // "WHAT: " and the text of errno.
 std::string describeError(std::string_view what);
 
