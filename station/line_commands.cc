@@ -117,7 +117,6 @@ struct Showing {
 Outcome work(const Stage &stage, const std::function<Outcome(Line &)> &task,
              const std::function<std::shared_ptr<const Job>(Observer &)> &reload = {}) {
     makeRoom();
-    holdSignals();
     const auto display = stage.json ? nullptr : makeDisplay(stage.boards);
     const auto events = stage.json ? std::make_unique<Events>() : nullptr;
     Unfinished unfinished;
@@ -190,6 +189,7 @@ int run(RunOptions options) {
     }
     const auto records = recordsIn(options.results, options.store);
     if (!options.discovery.link.empty()) discover(options.discovery, options.said());
+    holdSignals();  // before the first board can connect
     Listener listener(options.address, options.port, options.interfaces);
     fmt::print(options.said(), "plan {}: {} steps, waiting for {} on {}:{}\n", job->plan.name, job->plan.steps.size(),
                options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address,

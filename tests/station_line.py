@@ -92,7 +92,7 @@ class Station:
     def end(self, how):
         self.process.send_signal(how)
         status = self.process.wait(120)
-        if status not in ((0, 5) if how == signal.SIGTERM else (-9,)):
+        if status not in ((0, 5, -15) if how == signal.SIGTERM else (-9,)):  # -15: it had not even begun
             problems.append(f'the station ended with {status}')
 
     def size(self):
