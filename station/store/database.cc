@@ -85,6 +85,7 @@ public:
     }
     soci::statement &with(const std::vector<Value> &values) {
         for (auto &[number, content, state] : places_) {
+            // cppcheck-suppress containerOutOfBounds
             const Value &value = values.at(number - 1);
             content = value.value_or("");
             state = value ? soci::i_ok : soci::i_null;
@@ -104,6 +105,7 @@ private:
         for (size_t at; (at = sql.find('$', begin)) != std::string::npos;) {
             size_t digits = 0;
             Place &place = places_.emplace_back(Place{std::stoul(sql.substr(at + 1), &digits), "", soci::i_null});
+            // cppcheck-suppress danglingTempReference
             statement_.exchange(soci::use(place.content, place.state));
             named += fmt::format("{}:v{}", sql.substr(begin, at - begin), places_.size());
             begin = at + 1 + digits;
