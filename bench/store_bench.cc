@@ -134,7 +134,7 @@ std::shared_ptr<Job> sessionOf12() {
 
 struct Nobody : Operator {
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &, Clock::time_point,
-                    const Stop &) override {
+                    const Needless &) override {
         return {};
     }
 };

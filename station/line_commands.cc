@@ -71,7 +71,7 @@ struct Stage {
 // Whom a plan can ask where programs read.
 struct Nobody : Operator {
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &, Clock::time_point,
-                    const Stop &) override {
+                    const Needless &) override {
         throw SessionError("there is no terminal where an operator could be asked");
     }
 };

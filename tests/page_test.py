@@ -4,7 +4,7 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import http.client, json, os, shutil, signal, socket, subprocess, sys, tempfile, threading, unittest, urllib.request
+import glob, http.client, json, os, shutil, signal, socket, subprocess, sys, tempfile, threading, unittest, urllib.request
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
     user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
@@ -70,6 +70,7 @@ class Page(unittest.TestCase):
         shutil.rmtree(cls.folder, ignore_errors=True)
 
     def setUp(self):
+        for file in glob.glob('line.db*'): shutil.rmtree(file) if os.path.isdir(file) else os.remove(file)
         self.start()
         self.open()
 
@@ -136,11 +137,16 @@ class Page(unittest.TestCase):
         self.assertEqual(self.browser.title, 'Line')
 
     def test_held_places_and_a_station_that_dies(self):
-        """A place that is held takes no board; a page that has lost its station says so, and comes back."""
+        """A place that is held takes no board; nobody scans for a board that has gone; a page that has lost its
+        station says so, and comes back."""
         self.type(Keys.F2)
         self.type('1', Keys.ENTER)
         self.sees(1, 'HELD')
-        Board(3)
+        taken = Board(3)
+        self.asked('board 2')
+        taken.socket.shutdown(socket.SHUT_RDWR)
+        self.sees(2, 'FAIL', 'the board has gone')
+        Board(4)
         self.asked('board 2')
         self.end(signal.SIGKILL)
         self.until(lambda: 'No connection to the station' in self.page())

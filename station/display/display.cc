@@ -40,7 +40,7 @@ public:
     void trouble(const std::string &text) override { print(oneLine(text) + "\n"); }
 
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &,
-                    std::chrono::steady_clock::time_point, const Stop &) override {
+                    std::chrono::steady_clock::time_point, const Needless &) override {
         throw std::runtime_error("there is no terminal where an operator could be asked");
     }
 

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <map>
@@ -185,14 +186,15 @@ public:
     }
 
     std::string ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
-                    Moment deadline, const Stop &stop) override {
+                    Moment deadline, const Needless &needless) override {
         Question question{run.place, oneLine(prompt), oneLine(problem), {}, {}};
         std::unique_lock lock(mutex_);
         pose(run, question);
-        while (!question.answer && Clock::now() < deadline && !stop.requested() && keyboard_.there()) {
+        std::string why;
+        while (!question.answer && Clock::now() < deadline && keyboard_.there() && (why = needless()).empty()) {
             answered_.wait_for(lock, kRefresh);
         }
-        return withdraw(run, question, stop);
+        return withdraw(run, question, why);
     }
 
 private:
@@ -232,7 +234,7 @@ private:
         lines_[run.place.number].row.text = question.prompt;
     }
 
-    std::string withdraw(const RunRecord &run, Question &question, const Stop &stop) {
+    std::string withdraw(const RunRecord &run, Question &question, const std::string &why) {
         questions_.erase(std::find(questions_.begin(), questions_.end(), &question));
         lines_[run.place.number].row.stage = Stage::kRunning;
         if (question.answer) {
@@ -240,7 +242,7 @@ private:
             return *question.answer;
         }
         if (judged_ == run.place.number) judged_ = 0;
-        throw std::runtime_error(stop.requested()    ? "the station was stopped before the operator answered"
+        throw std::runtime_error(!why.empty()        ? why
                                  : keyboard_.there() ? "the operator did not answer in time"
                                                      : "the operator's terminal is gone");
     }

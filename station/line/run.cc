@@ -154,6 +154,13 @@ std::string nameUnit(const Context &context, RunRecord &run, const std::string &
     return fmt::format("the unit {} is in work at {}", serial, where);
 }
 
+// A board that is taken away is not asked about: the answer would be the next one's.
+std::string reasonNotToAsk(const Course &course) {
+    if (course.context.stop.requested()) return "the station was stopped before the operator answered";
+    if (course.connected && course.board.session().gone()) return "the board has gone before the operator answered";
+    return {};
+}
+
 // Asks until the answer is right: people mistype, and scanners catch the wrong label.
 void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
@@ -162,7 +169,7 @@ void runAsk(Attempt &attempt) {
     context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
         result.reply = trim(context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
-                                                  attempt.deadline, context.stop));
+                                                  attempt.deadline, [&] { return reasonNotToAsk(attempt.course); }));
         attempt.judge(result.reply);
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
         if (problem.empty() && attempt.step.ask == kUnit) problem = nameUnit(context, attempt.course.run, result.reply);
@@ -219,7 +226,7 @@ void exchange(Attempt &attempt) try {
     if (attempt.step.closes) attempt.course.connected = false;
 } catch (const std::exception &error) {
     attempt.result.failure = error.what();
-    if (attempt.step.kind != Kind::kAsk) attempt.course.connected = false;
+    if (attempt.step.kind != Kind::kAsk || attempt.session().gone()) attempt.course.connected = false;
 }
 
 void reconnect(Attempt &attempt) try {

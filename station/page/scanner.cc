@@ -5,22 +5,22 @@
 namespace station {
 namespace {
 
-constexpr std::chrono::milliseconds kLook{100};  // at the stop
+constexpr std::chrono::milliseconds kLook{100};  // whether an answer is still needed
 
 }  // namespace
 
 std::string Scanner::ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
-                         std::chrono::steady_clock::time_point deadline, const Stop &stop) {
+                         std::chrono::steady_clock::time_point deadline, const Needless &needless) {
     std::unique_lock lock(mutex_);
     Open open{++asked_, {}};
     open_[run.place.number] = &open;
     floor_.asks(run.place, {open.number, prompt, problem});
-    while (!open.answer && Clock::now() < deadline && !stop.requested()) answered_.wait_for(lock, kLook);
+    std::string why;
+    while (!open.answer && Clock::now() < deadline && (why = needless()).empty()) answered_.wait_for(lock, kLook);
     open_.erase(run.place.number);
     floor_.asks(run.place, {});
     if (open.answer) return *open.answer;
-    throw std::runtime_error(stop.requested() ? "the station was stopped before the operator answered"
-                                              : "the operator did not answer in time");
+    throw std::runtime_error(why.empty() ? "the operator did not answer in time" : why);
 }
 
 std::string Scanner::answer(int place, uint64_t question, const std::string &text) {

@@ -17,7 +17,7 @@ public:
     explicit Scanner(Floor &floor) : floor_(floor) {}
 
     std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
-                    std::chrono::steady_clock::time_point deadline, const Stop &stop) override;
+                    std::chrono::steady_clock::time_point deadline, const Needless &needless) override;
 
     // Answers what the place asks; when `question` is not 0, only that one: what somebody has typed for a question
     // that another has answered meanwhile is no answer to the next. Returns why it was not taken; empty: it was.

@@ -94,6 +94,11 @@ std::string Session::receiveReply(Milliseconds limit) {
     return text;
 }
 
+bool Session::gone() const {
+    pollfd polled{socket_.descriptor(), POLLRDHUP, 0};
+    return poll(&polled, 1, 0) > 0;
+}
+
 void Session::receiveNow(std::string &bytes, size_t most) {
     std::array<char, kFrame> part;
     while (bytes.size() < most) {

@@ -42,6 +42,9 @@ public:
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
+    // True when the board has closed or reset the connection, or is not there any more.
+    bool gone() const;
+
     // What arrives until the peer closes: the first `most` bytes; the others are counted in `cut`, when it is given.
     // Throws when the peer does not close in time.
     std::string receiveAll(Milliseconds limit, size_t most = SIZE_MAX, uint64_t *cut = nullptr);
