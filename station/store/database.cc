@@ -4,9 +4,14 @@
 #include <soci/postgresql/soci-postgresql.h>
 #include <soci/soci.h>
 #include <soci/sqlite3/soci-sqlite3.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <csignal>
+#include <cstring>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -143,6 +148,55 @@ Database::Database(const std::string &name, Missing missing) try : shared_(isSha
 
 Database::~Database() = default;
 
+// Shuts down a socket when the time is over, which ends the wait for what should have come over it.
+class Cutter {
+public:
+    Cutter(int socket, std::chrono::seconds limit) : limit_(limit.count()) {
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD;
+        event.sigev_value.sival_int = socket;
+        event.sigev_notify_function = [](sigval value) { shutdown(value.sival_int, SHUT_RDWR); };
+        if (timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0) {
+            throw StoreError(fmt::format("no timer: {}", strerror(errno)));
+        }
+    }
+    ~Cutter() { timer_delete(timer_); }
+    Cutter(const Cutter &) = delete;
+    Cutter &operator=(const Cutter &) = delete;
+
+    void start() { set(limit_); }
+    void stop() { set(0); }
+
+private:
+    void set(time_t seconds) {
+        const itimerspec once{{0, 0}, {seconds, 0}};
+        timer_settime(timer_, 0, &once, nullptr);
+    }
+
+    const time_t limit_;
+    timer_t timer_{};
+};
+
+namespace {
+
+// Cuts the connection unless the statement has ended before; null: never.
+class Limited {
+public:
+    explicit Limited(Cutter *cutter) : cutter_(cutter) {
+        if (cutter_ != nullptr) cutter_->start();
+    }
+    ~Limited() {
+        if (cutter_ != nullptr) cutter_->stop();
+    }
+    Limited(const Limited &) = delete;
+    Limited &operator=(const Limited &) = delete;
+
+private:
+    Cutter *const cutter_;
+};
+
+}  // namespace
+
 std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing) try {
     return std::make_unique<Database>(name, missing);
 } catch (const StoreError &error) {
@@ -172,9 +226,14 @@ void Database::open(const std::string &name, Missing missing) {
     run("PRAGMA foreign_keys = ON");
 }
 
+void Database::giveUpAfter(std::chrono::seconds limit) {
+    if (shared_) cutter_ = std::make_unique<Cutter>(PQsocket(serverOf(*session_)), limit);
+}
+
 void Database::onlyAsk(std::chrono::milliseconds limit) {
     limit_ = limit;
     if (shared_) {
+        giveUpAfter(std::chrono::ceil<std::chrono::seconds>(2 * limit));
         run("SET default_transaction_read_only = on");
         run(fmt::format("SET statement_timeout = {}", limit.count()));
         return;
@@ -196,6 +255,7 @@ void Database::complain(const std::string &words) const {
 }
 
 Table Database::ask(const std::string &sql, const std::vector<Value> &values) try {
+    const Limited limited(cutter_.get());
     deadline_ = std::chrono::steady_clock::now() + limit_;
     soci::row row;
     Call call(*session_, sql, &row, false);
@@ -214,6 +274,7 @@ Table Database::ask(const std::string &sql, const std::vector<Value> &values) tr
 
 // What has values comes again and again.
 long long Database::run(const std::string &sql, const std::vector<Value> &values) try {
+    const Limited limited(cutter_.get());
     std::unique_ptr<Call> &call = calls_[sql];
     if (!call || values.empty()) call = std::make_unique<Call>(*session_, sql, nullptr, !values.empty());
     soci::statement &statement = call->with(values);

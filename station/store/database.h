@@ -18,6 +18,7 @@ class session;
 namespace station {
 
 class Call;
+class Cutter;
 
 // What the database, or what it was asked for, does not allow, in words for the line engineer.
 struct StoreError : std::runtime_error {
@@ -62,6 +63,8 @@ public:
     Database(const Database &) = delete;
     Database &operator=(const Database &) = delete;
 
+    // From now on a server that does not answer a statement within the limit, as one that hangs, loses the connection.
+    void giveUpAfter(std::chrono::seconds limit);
     // From now on nothing is changed over this connection, and a question that takes longer ends with TooSlow.
     void onlyAsk(std::chrono::milliseconds limit);
 
@@ -97,6 +100,7 @@ private:
     std::unique_ptr<soci::session> session_;
     std::map<std::string, std::unique_ptr<Call>> calls_;  // prepared ones by their SQL
     bool shared_;                                         // PostgreSQL
+    std::unique_ptr<Cutter> cutter_;                      // null: the server has all the time it wants
     std::chrono::milliseconds limit_{0};                  // of a question; 0: none
     std::chrono::steady_clock::time_point deadline_;
 };

@@ -260,6 +260,7 @@ void Writer::attempt(const Jobs &jobs) {
 void Writer::connect() {
     if (database_) return;
     auto database = std::make_unique<Database>(store_);
+    database->giveUpAfter(kPatience);
     database->transact([&] {
         execute(*database, {"station", {key(), station_, now()}});
         if (recovered_) return;
