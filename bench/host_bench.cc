@@ -102,7 +102,7 @@ void serveAsBoard(uint16_t port, int commands, size_t payload) {
 
 class Nobody : public station::Operator {
     std::string ask(const station::RunRecord &, size_t, const std::string &, const std::string &,
-                    station::Clock::time_point, const station::Stop &) override {
+                    station::Clock::time_point, const station::Needless &) override {
         return {};
     }
 };

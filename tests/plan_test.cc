@@ -181,7 +181,7 @@ private:
 // The line around a run: an operator whose first answer is wrong, a pool, and a stop that comes with the step "stop".
 struct Line : station::Operator, station::Records, station::Observer {
     std::string ask(const RunRecord &, size_t, const std::string &prompt, const std::string &problem,
-                    station::Clock::time_point, const station::Stop &) override {
+                    station::Clock::time_point, const station::Needless &) override {
         happened.push_back(prompt + (problem.empty() ? "?" : "!"));
         return std::exchange(answer, "unit-7");
     }
