@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -113,10 +114,11 @@ void serveAsBoard(uint16_t port, const std::string &serial, Milliseconds command
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const Socket board(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (::connect(board.descriptor(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return;
+    const std::map<char, std::string> replies = {{'I', "INFO " + serial}, {'M', "MAC 4"}, {'P', "PING 2"}};
     std::string frame(kFrame, '\0');
     while (::recv(board.descriptor(), frame.data(), kFrame, MSG_WAITALL) == ssize_t(kFrame)) {
         std::this_thread::sleep_for(command);
-        frame = frame[0] == 'I' ? "INFO " + serial : frame[0] == 'M' ? "MAC 4" : "PING 2";
+        frame = replies.at(frame[0]);
         frame.resize(kFrame);
         (void)::send(board.descriptor(), frame.data(), kFrame, MSG_NOSIGNAL);
     }
@@ -158,6 +160,7 @@ double serveBoards(Records &records, const std::shared_ptr<Job> &job, Millisecon
     Line line(listener, places, false, job, {silent, records, stop, nobody, units});
     const auto start = Clock::now();
     std::vector<std::jthread> boards;
+    boards.reserve(kBoards);
     for (int i = 0; i < kBoards; ++i) {
         boards.emplace_back(serveAsBoard, listener.port(), makeRunId(WallClock::now()), command);
     }

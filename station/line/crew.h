@@ -22,7 +22,7 @@ private:
         Crew &crew;
         std::function<void()> task;
     };
-    static void *work(void *errand);
+    static void *work(void *argument);
 
     std::mutex mutex_;
     std::condition_variable ended_;
