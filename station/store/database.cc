@@ -139,15 +139,6 @@ Value text(const std::string &value) {
 
 Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}", value)) : std::nullopt; }
 
-Database::Database(const std::string &name, Missing missing) try : shared_(isShared(name)) {
-    open(name, missing);
-    migrate();
-} catch (const soci::soci_error &error) {
-    throw StoreError(wordsOf(error));
-}
-
-Database::~Database() = default;
-
 // Shuts down a socket when the time is over, which ends the wait for what should have come over it.
 class Cutter {
 public:
@@ -196,6 +187,15 @@ private:
 };
 
 }  // namespace
+
+Database::Database(const std::string &name, Missing missing) try : shared_(isShared(name)) {
+    open(name, missing);
+    migrate();
+} catch (const soci::soci_error &error) {
+    throw StoreError(wordsOf(error));
+}
+
+Database::~Database() = default;
 
 std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing) try {
     return std::make_unique<Database>(name, missing);
