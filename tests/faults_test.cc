@@ -56,14 +56,14 @@ protected:
         };
     }
 
-    // The service's next connection; none when it has ended.
+    // The service's next connection; none when it has ended. Asked often, as one that listens polls without a pause.
     std::optional<Session> acceptUnlessItEnds(station::Listener &listener) {
         const station::Mac source = link_->address();
         const std::string request = std::string(6, '\xFF') + std::string(source.begin(), source.end()) + "\x55\xAA";
-        for (int tries = 0; serviceStatus(0) == board::kRuns && tries < 600; ++tries) {
+        for (int tries = 0; serviceStatus(0) == board::kRuns && tries < 6000; ++tries) {
             link_->send(board::padded(request, 60));
             try {
-                return listener.accept(Milliseconds(100));
+                return listener.accept(Milliseconds(10));
             } catch (const SessionError &) {
             }
         }

@@ -9,7 +9,7 @@
 
 constexpr station::Milliseconds kSoon{20000};
 
-constexpr size_t kPartition = 1 << 20;
+constexpr size_t kPartition = 1 << 18;
 
 class ServiceTest : public board::BoardTest {
 protected:
