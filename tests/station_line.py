@@ -26,8 +26,9 @@ PLAN = '''- {send: PING, match: ^PING}
 - {send: BYE, expect: BYE, closes: true}
 '''
 os.makedirs('/var/line/results')
+for path in glob.glob('/flash/mtd?'): os.truncate(path, 1 << 20)  # each board has flash of its own
 os.chdir('/var/line')
-with open('kernel.bin', 'wb') as file: file.write(os.urandom(4000000))
+with open('kernel.bin', 'wb') as file: file.write(os.urandom(1000000))
 with open('serial.sh', 'w') as file: file.write('#!/bin/sh\ncat /tmp/serial\n')
 with open('plan.yaml', 'w') as file: file.write(PLAN)
 with open('line.yaml', 'w') as file:
@@ -136,7 +137,7 @@ def disturb(cables, station):
         count('strangers')
         if tally['passed'] > RUNS // 2 and tally['kills'] and tally['stops']:
             calm.set()  # the last half is one station's
-        elif random.random() < 0.5:
+        elif tally['kills'] + tally['stops'] < 2 or random.random() < 0.5:
             kill = tally['kills'] < tally['stops']
             count('kills' if kill else 'stops')
             station.end(signal.SIGKILL if kill else signal.SIGTERM)
