@@ -1,56 +1,35 @@
-// The station against boards that misbehave.
+// The station against boards that misbehave, and its plans: what is wrong with them before a board is there, and what
+// they do with one.
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
+#include "station/line/run.h"
+#include "station/plan/plan.h"
 #include "station/wire/listener.h"
-
-using namespace std::string_literals;
-using station::Milliseconds;
-using station::Session;
-using station::SessionError;
-using testing::HasSubstr;
 
 namespace {
 
-// A connected pair: the station's session and the board's bare socket.
-class Pair {
-public:
-    Pair() : listener_("127.0.0.1", 0), board_(socket(AF_INET, SOCK_STREAM, 0)), session_(connect()) {}
-    ~Pair() { hangUp(); }
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using station::Milliseconds, station::RunRecord, station::Session, station::SessionError, station::Socket;
+using testing::HasSubstr;
 
-    Session &session() { return session_; }
-    void boardSends(const std::string &bytes) {
-        ASSERT_EQ(send(board_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-    std::string boardReceives(size_t length) {
-        std::string bytes(length, '?');
-        bytes.resize(static_cast<size_t>(recv(board_, bytes.data(), length, MSG_WAITALL)));
-        return bytes;
-    }
-    void hangUp() {
-        if (board_ >= 0) close(board_);
-        board_ = -1;
-    }
+// A session, and the board's end of it. What is sent at once is received at once.
+struct Pair {
+    void boardSends(const std::string &bytes) const { send(ends[1], bytes.data(), bytes.size(), 0); }
 
-private:
-    Session connect() {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(listener_.port());
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::connect(board_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        return listener_.accept(Milliseconds(5000));
-    }
-
-    station::Listener listener_;
-    int board_;
-    Session session_;
+    int ends[2];
+    int made = socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
+    Session session{Socket(ends[0])};
+    Socket board{ends[1]};
 };
 
 std::string frame(std::string text) {
@@ -58,61 +37,273 @@ std::string frame(std::string text) {
     return text;
 }
 
-TEST(Reply, ItsFrameMustBeExact) {
-    const std::string exactly64(64, 'a');
-    const std::string longer(65, 'b');
+TEST(Frames, OfRepliesMustBeExact) {
+    const std::string exactly64(64, 'a'), longer(65, 'b');
     const struct {
-        const char *what;
         std::string bytes, text, failure;
     } cases[] = {
-        {"short text", frame("OK"), "OK", ""},
-        {"63 characters", frame(std::string(63, 'c')), std::string(63, 'c'), ""},
-        {"64 characters without a NUL", exactly64, exactly64, ""},
-        {"65 characters and a NUL", longer + '\0', longer, ""},
-        {"the longest", frame(std::string(1499, 'd')), std::string(1499, 'd'), ""},
-        {"no padding", "OK"s, "", "ended after 2 bytes"},
-        {"text and NUL alone", "OK\0"s, "", "ended after 3 bytes"},
-        {"65 bytes", frame("OK") + '\0', "", "1 bytes behind"},
-        {"a NUL behind 64 characters", exactly64 + '\0', "", "1 bytes behind"},
-        {"rubbish in the padding", "OK\0x"s + std::string(60, '\0'), "", "not filled with NUL"},
-        {"two frames", frame("OK") + frame("OK"), "", "64 bytes behind"},
-        {"padding behind a long text", longer + "\0\0"s, "", "1 bytes behind"},
-        {"a long text without an end", std::string(200, 'e'), "", "ended after 200"},
-        {"too long", frame(std::string(1500, 'f')), "", "1501 bytes"},
-        {"nothing", "", "", "no reply within"},
+        {frame("OK"), "OK", ""},
+        {frame(std::string(63, 'c')), std::string(63, 'c'), ""},
+        {exactly64, exactly64, ""},
+        {longer + '\0', longer, ""},
+        {frame(std::string(1499, 'd')), std::string(1499, 'd'), ""},
+        {"OK"s, "", "ended after 2 bytes"},
+        {"OK\0"s, "", "ended after 3 bytes"},
+        {frame("OK") + '\0', "", "1 bytes behind"},
+        {exactly64 + '\0', "", "1 bytes behind"},
+        {"OK\0x"s + std::string(60, '\0'), "", "not filled with NUL"},
+        {frame("OK") + frame("OK"), "", "64 bytes behind"},
+        {longer + "\0\0"s, "", "1 bytes behind"},
+        {std::string(200, 'e'), "", "ended after 200"},
+        {frame(std::string(1500, 'f')), "", "1501 bytes"},
+        {"", "", "no reply within"},
     };
     for (const auto &test : cases) {
         Pair pair;
-        pair.boardSends(test.bytes);
+        if (!test.bytes.empty()) pair.boardSends(test.bytes);
+        std::string text, failure;
         try {
-            EXPECT_EQ(pair.session().receiveReply(Milliseconds(400)), test.text) << test.what;
-            EXPECT_EQ(test.failure, "") << test.what;
+            text = pair.session.receiveReply(Milliseconds(50));
         } catch (const SessionError &error) {
-            EXPECT_THAT(error.what(), HasSubstr(test.failure)) << test.what;
-            EXPECT_NE(test.failure, "") << test.what << ": " << error.what();
+            failure = error.what();
         }
+        EXPECT_EQ(text, test.text) << failure;
+        EXPECT_THAT(failure, HasSubstr(test.failure));
+    }
+    Pair pair;
+    for (const char c : frame(longer)) pair.boardSends({c});
+    EXPECT_EQ(pair.session.receiveReply(Milliseconds(50)), longer) << "in pieces";
+    pair.session.sendCommand("PING");
+    char bytes[100];
+    EXPECT_EQ(std::string(bytes, static_cast<size_t>(recv(pair.ends[1], bytes, sizeof bytes, 0))), frame("PING"));
+    EXPECT_THROW(pair.session.sendCommand(longer), SessionError);
+}
+
+class PlanTest : public testing::Test {
+protected:
+    void SetUp() override {
+        write("five", "12345");
+        write("script", "exit");
+    }
+    void TearDown() override { fs::remove_all(folder_); }
+
+    fs::path write(const std::string &name, const std::string &content) const {
+        std::ofstream(folder_ / name) << content;
+        return folder_ / name;
+    }
+
+    // The faults; the warnings when there is none.
+    std::string faultsOf(const std::string &text) const try {
+        return station::loadPlan(write("plan.yaml", text), {}, {{"line"}, {"mac"}}).warnings;
+    } catch (const station::PlanError &error) {
+        return error.what();
+    }
+
+    char name_[17] = "/tmp/plan.XXXXXX";
+    fs::path folder_ = mkdtemp(name_);
+};
+
+TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
+    const struct {
+        const char *plan, *fault;
+    } cases[] = {
+        // What would spoil a board.
+        {"- {send: 'FW KERNEL {size}', expect: OK}", "1:10: {size} needs \"upload\""},
+        {"- {send: FW KERNEL 0, expect: OK}", "1:10: the board would take this for an empty payload"},
+        {"- {send: FW KERNEL 4, upload: five, expect: OK}", "1:10: announces \"4\", but its payload has 5 bytes"},
+        {"- {send: PING, upload: five, expect: OK}", "1:10: the board takes no payload behind this"},
+        {"- {send: 'VERSION {size}', upload: five, bare: true, expect: OK}", "1:48: the board would take the payload"},
+        {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is no MAC address"},
+        {"- {send: 'MAC 01:00:00:00:00:01', expect: MAC 4}", "1:10: no board may have the MAC address"},
+        {"- {send: 'MAC {mac}', expect: MAC 4}", "1:10: {mac} is taken for a unit"},
+        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC 4}", "2:10: as many addresses are taken"},
+        {"- {send: 'COUNTRY de', expect: OK}", "1:10: \"de\" is no country code"},
+        {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}", "at most 64"},
+        // Names, and what fills them.
+        {"- {send: 'X {who}', expect: OK}", "1:10: nothing fills {who}"},
+        {"- {send: 'X }', expect: OK}", "1:3: '}' that is no {name}; write '}}'"},
+        // The course of the session.
+        {"- {send: BYE, expect: BYE}\n- {send: PING, expect: PING 2}", "2:3: the session has ended before this step"},
+        {"- {send: REBOOT, expect: OK}\n- {send: PING, expect: PING 2}", "2:3: warning: the board may be gone"},
+        {"- {send: INFO, expect: INFO}", "1:3: warning: without a PING"},
+        {"- {send: 'MAC 2', expect: MAC 4}", "1:3: warning: every board of this plan gets the same"},
+        {"- {send: FACTORY RESET, expect: OK}", "1:3: warning: nothing waits for the end of the reset"},
+        {"- {send: 'FW CONFIG {size}', upload: five, expect: OK}", "1:3: warning: 10 s may not be enough"},
+        {"- {send: 'FW CONFIG {size}', upload: five, expect: OK}",
+         "1:3: warning: its OK does not say that it was written"},
+        {"- {send: BYE, expect: BYE, retries: 1}", "1:37: a step that ends the session"},
+        // The form.
+        {"- {send: PING, expect: OK}\n---\n- {send: PING, expect: OK}", "3:1: a second document"},
+        {"- {send: PING}\n- PING", "1:3: a command needs \"expect\" or \"match\"\n"},
+        {"- {send: PING}\n- PING", "2:3: a step is a map of keys"},
+        {"- {send: PING, expct: OK}", "1:16: unknown key \"expct\" in a \"send\" step"},
+        {"- {send: PING, expect: OK, match: OK}", "1:35: the whole text and a match exclude each other"},
+        {"- {send: PING, match: '(['}", "1:23: bad expression"},
+        {"- {send: PING, expect: OK, upload: none}", ": No such file or directory"},
+        {"- {verify: ., partition: 1}", "1:12: cannot read"},
+        {"- {send: PING, expect: OK, timeout: .nan}", "1:37: a time limit lies between"},
+        {"- {send: PING, match: 'x', limits: {x: {max: 1}}}", "1:36: a limit is of a named group"},
+        {"{name: a/b, steps: [{send: PING, expect: OK}]}", "1:8: the name has no '/'"},
+        {"{step: []}", "1:2: unknown key \"step\" in a plan"},
+        {"", "a plan is a list of steps"},
+        {"- {send: PING\n", "plan.yaml:2:1: "},
+        // Nothing.
+        {"- {send: 'X {{', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
+    };
+    for (const auto &test : cases) {
+        const std::string fault = faultsOf(test.plan);
+        EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
+        EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
 }
 
-TEST(Reply, MayArriveInPieces) {
-    Pair pair;
-    std::thread board([&] {
-        for (const char c : frame(std::string(70, 'x'))) {
-            pair.boardSends(std::string(1, c));
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-    EXPECT_EQ(pair.session().receiveReply(Milliseconds(5000)), std::string(70, 'x'));
-    board.join();
+using Texts = std::vector<std::string>;
+
+Texts split(const std::string &text, char separator) {
+    Texts parts;
+    std::istringstream rest(text);
+    for (std::string part; std::getline(rest, part, separator);) parts.push_back(part);
+    return parts;
 }
 
-TEST(Command, IsPaddedUnlessBare) {
-    Pair pair;
-    pair.session().sendCommand("PING");
-    EXPECT_EQ(pair.boardReceives(64), frame("PING"));
-    pair.session().sendBytes("PING");
-    EXPECT_EQ(pair.boardReceives(4), "PING");
-    EXPECT_THROW(pair.session().sendCommand(std::string(65, 'x')), SessionError);
+// Connects when the plan begins, and again when that waits for it. Each command gets the next reply; an empty one ends
+// the connection. A script prints the reply, and ends with status 0. `happened` gets the commands with their payloads.
+class ScriptedBoard : public station::Board {
+public:
+    ScriptedBoard(Texts replies, std::string &happened) : replies_(std::move(replies)), happened_(happened) {
+        reconnect({});
+    }
+    ~ScriptedBoard() override { disconnect(); }
+
+    Session &session() override { return *session_; }
+
+    void reconnect(station::Clock::time_point) override {
+        disconnect();
+        thread_ = std::thread([this, board = connectTo(listener_.port())] { serve(board.descriptor()); });
+        session_.emplace(listener_.accept(Milliseconds(5000)));
+    }
+
+private:
+    static Socket connectTo(uint16_t port) {
+        sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        Socket board(socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(connect(board.descriptor(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        return board;
+    }
+
+    static std::string receive(int board, size_t length) {
+        std::string bytes(length, '\0');
+        if (length > 0) bytes.resize(static_cast<size_t>(recv(board, bytes.data(), length, MSG_WAITALL)));
+        return bytes;
+    }
+
+    void serve(int board) {
+        for (std::string frame; !(frame = receive(board, station::kFrame)).empty();) {
+            const std::string command = frame.c_str();
+            std::string reply = replies_.at(next_++);
+            const bool script = command.starts_with("SHELL"), announces = script || command.starts_with("FW ");
+            const std::string payload = receive(board, announces ? std::stoul(command.substr(command.rfind(' '))) : 0);
+            const std::string happened = script ? payload.substr(payload.find("exit 0\n") + 7) : command + payload;
+            happened_ += happened.substr(0, happened.find('\n')) + ";";
+            if (script) sendResult(payload, std::exchange(reply, command));
+            if (reply.empty()) return;
+            reply.resize(station::kFrame);
+            send(board, reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
+    }
+
+    static void sendResult(const std::string &payload, const std::string &output) {
+        const Socket result = connectTo(static_cast<uint16_t>(std::stoi(payload.substr(payload.find("nc ") + 15))));
+        send(result.descriptor(), ("0\n" + output).data(), output.size() + 2, MSG_NOSIGNAL);
+    }
+
+    void disconnect() {
+        session_.reset();
+        if (thread_.joinable()) thread_.join();
+    }
+
+    Texts replies_;
+    size_t next_ = 0;
+    std::string &happened_;
+    station::Listener listener_{"127.0.0.1", 0};
+    std::optional<Session> session_;
+    std::thread thread_;
+};
+
+// The line around a run: an operator whose first answer is wrong, a pool, and a stop that comes with the step "stop".
+struct Line : station::Operator, station::Records, station::Observer {
+    std::string ask(const RunRecord &, size_t, const std::string &prompt, const std::string &problem,
+                    station::Clock::time_point, const station::Needless &) override {
+        happened += prompt + (problem.empty() ? "?;" : "!;");
+        return std::exchange(answer, "unit-7");
+    }
+    Texts bind(const std::string &pool, const RunRecord &run, int count) override {
+        happened += std::to_string(count) + " " + pool + " of " + run.unit + ";";
+        return Texts(static_cast<size_t>(count), "02:00:00:00:00:01");
+    }
+    void stepStarts(const RunRecord &run, size_t step) override {
+        if (run.steps[step].title == "stop") stop.request();
+    }
+
+    std::string happened, answer = "oops";
+    station::Stop stop;
+    station::Units units;
+};
+
+TEST_F(PlanTest, StepsAreRunAsTheySay) {
+    const struct {
+        const char *steps, *replies, *verdicts, *happened;
+        const char *failure;  // in the first step that did not pass
+    } cases[] = {
+        {"send: PING, expect: PING 2, required: true|send: X, expect: X|send: Y, expect: Y, always: true", "PING 1;Y",
+         "F-P", "PING;Y", "expected \"PING 2\", got \"PING 1\""},
+        {"send: X, expect: X|send: Y, expect: Y|ask: lamp, prompt: Lit", "", "F--", "X", "closed the connection"},
+        {"send: BYE, expect: BYE|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
+        {"send: X, match: 'v=(?P<v>.*)', limits: {v: {max: 2.5, unit: V}}|send: 'X {v}', expect: '{{{v}}}'",
+         "v=2.75;{2.75}", "FP", "X;X 2.75", "v is 2.75 V, above 2.5"},
+        {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X", "got \"b\""},
+        {"send: REBOOT, reconnect: true|send: PING, expect: PING 2", ";PING 2", "PP", "REBOOT;PING", ""},
+        {"ask: mac, prompt: A|send: 'MAC {mac}', expect: MAC 4|send: X, expect: X", "X", "PFP", "A?;X",
+         "not sent: \"oops\" is no MAC address"},
+        {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: '{pool}', expect: X",
+         "MAC 2;X", "PPP", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;02:00:00:00:00:01", ""},
+        {"send: 'FW KERNEL {size}', upload: five, expect: OK|verify: five, partition: 2",
+         "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
+        {"script: script, match: '^(line\\s)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
+         "PFP", "exit;exit;exit", "printed 300000 bytes"},
+        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "FP", "X;Y", "taken is in work at place 9"},
+        {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
+         "not run: the station was stopped"},
+    };
+    std::string lines;
+    for (int i = 0; i < 60000; ++i) lines += "line\n";
+    for (const auto &test : cases) {
+        std::string text;
+        for (const std::string &step : split(test.steps, '|')) text += "- {" + step + "}\n";
+        const station::Plan plan = station::loadPlan(write("plan.yaml", text), {}, {{}, {"pool"}});
+        write("five", "other bytes");
+        Texts replies = *test.replies == '\0' ? Texts{""} : split(test.replies, ';');
+        std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, 45000));
+        std::replace(replies.begin(), replies.end(), "longer"s, lines);
+        Line line;
+        RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
+        other.unit = "taken";
+        line.units.claim(other);
+        {
+            ScriptedBoard board(replies, line.happened);
+            run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
+        }
+        write("five", "12345");
+
+        std::string verdicts, failure;
+        for (const auto &step : run.steps) {
+            verdicts += "-PF"[static_cast<size_t>(step.verdict)];
+            failure = failure.empty() ? step.failure : failure;
+        }
+        EXPECT_EQ(verdicts, test.verdicts) << text;
+        EXPECT_EQ(line.happened, test.happened + ";"s) << text;
+        EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
+    }
 }
 
 }  // namespace
