@@ -98,10 +98,11 @@ void startLog() {
 }
 
 bool waitFor(double seconds, const std::function<bool()> &condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    const auto start = std::chrono::steady_clock::now();
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+        if (waited.count() > seconds) return false;
+        std::this_thread::sleep_for(waited / 20 + std::chrono::milliseconds(1));
     }
     return true;
 }

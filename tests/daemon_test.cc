@@ -15,6 +15,7 @@
 #include "support/configuration.h"
 #include "tests/service.h"
 
+using namespace std::string_literals;
 using station::Mac, station::Milliseconds, station::Session;
 using testing::Contains, testing::HasSubstr, testing::Not;
 
@@ -23,17 +24,6 @@ namespace {
 // Plays sessions as docs/protocol.md writes them, with more kinds of lines: those of tests/sessions.
 class Sessions : public ServiceTest {
 protected:
-    void SetUp() override {
-        ServiceTest::SetUp();
-        received_.clear();
-        logged_ = 0;
-    }
-
-    void TearDown() override {
-        session_.reset();
-        ServiceTest::TearDown();
-    }
-
     Session &session() {
         if (session_) return *session_;
         session_.emplace(startSession());
@@ -162,6 +152,8 @@ protected:
             if (!line.starts_with(begin)) continue;
             SCOPED_TRACE(path + ", session " + std::to_string(++sessions) + line.substr(begin.size()));
             SetUp();
+            received_.clear();
+            logged_ = 0;
             while (std::getline(document, line) && line != end) {
                 for (printed.clear(); document.peek() == '|'; printed += "\n") {
                     std::string part;
@@ -196,7 +188,7 @@ TEST_F(Modes, UsageIsPrintedForAnythingElse) {
         "\tcountry XX - set Country\n\timage filename - write image\n\tkernel filename - write kernel\n"
         "\trootfs filename - write rootfs\n\tconfig filename - write config\n\n\n";
     for (const char *words : {"", "foo", "''", "'daemon '", "Daemon", "infos", "help me"}) {
-        EXPECT_EQ(board::run(std::string("fabtestd ") + words), usage);
+        EXPECT_EQ(board::run("fabtestd "s + words), usage);
     }
 }
 
@@ -394,27 +386,32 @@ TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
         board::inStationNetwork([&] { board::run(ip + station); });
         board::run(ip + board);
     };
+    // Two lines an attempt, the second with the reason for its failure.
+    const auto attempts = [] {
+        std::vector<std::string> lines = board::log();
+        std::erase_if(lines, [](const std::string &line) { return !line.starts_with("connecting "); });
+        return lines;
+    };
     setenv("HURRY", "10", 1);  // the kernel's own answers come well within the limit of an attempt
+    setenv("LIST_WAITS", "/var/waits", 1);
     apply(kPresentStation, kPresentBoard);
     start("daemon");
     for (const auto &[station, board, reason] : cases) {
         apply(station, board);
-        const auto attempts = [] {
-            std::vector<std::string> lines = board::log();
-            std::erase_if(lines, [](const std::string &line) { return !line.starts_with("connecting "); });
-            return lines;
-        };
         // One attempt that is under way, and two that begin like this.
-        const size_t last = attempts().size() + 6;
-        ASSERT_TRUE(board::waitFor(60, [&] { return attempts().size() > last; })) << reason;
-        const std::vector<std::string> lines = attempts();
-        for (size_t i = 0; i < last; ++i) {
-            EXPECT_EQ(lines[i].substr(0, lines[i].find(" (")), "connecting " + std::to_string(i / 2 + 1));
-            EXPECT_EQ(lines[i].find(" (") != std::string::npos, i % 2 == 1);
-        }
-        EXPECT_THAT(lines[last - 1 - last % 2], testing::EndsWith(" (" + std::string(reason) + ")"));
+        const std::string third = std::to_string(attempts().size() / 2 + 3);
+        EXPECT_TRUE(board::waitForLog("connecting " + third + " (" + reason + ")"));
         apply(kPresentStation, kPresentBoard);
     }
+    const std::vector<std::string> lines = attempts();
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].substr(0, lines[i].find(" (")), "connecting " + std::to_string(i / 2 + 1));
+        EXPECT_EQ(lines[i].find(" (") != std::string::npos, i % 2 == 1);
+    }
+    // Each attempt is followed by a pause, and some have lasted as long as they may.
+    const std::string waits = board::readFile("/var/waits");
+    EXPECT_THAT(waits, testing::MatchesRegex("10000000\n1000000\n(3000000\n)+"));
+    EXPECT_GT(std::count(waits.begin(), waits.end(), '\n'), lines.size() / 2 + 4);
     Session session = listen().accept(kSoon);
     EXPECT_EQ(ask(session, "PING"), "PING 2");
 }

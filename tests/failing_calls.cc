@@ -5,12 +5,11 @@
 //   HURRY=N       time runs N times as fast
 //   FAIL_CALL=C   the first call from the place C of the code fails, with EIO
 //   LIST_CALLS=F  each place that calls, on its first call, is added to the file F
+//   LIST_WAITS=F  each time that is waited, or waited at most, is added to the file F, in microseconds
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,38 +19,54 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <set>
 #include <string>
-
-extern "C" FILE *__real_fopen(const char *path, const char *mode);
+#include <type_traits>
 
 namespace {
+
+// Adds a line to the file, if there is to be one.
+void list(const char *path, const std::string &line) {
+    if (path != nullptr) std::ofstream(path, std::ios::app) << line << '\n';
+}
 
 // True when this call is the one to fail. A place is told by the function's name and the distance from here, which is
 // the same in every process.
 bool fails(const char *name, const void *place) {
-    static const char *const wanted = getenv("FAIL_CALL");
-    static const char *const list = getenv("LIST_CALLS");
+    static const char *const wanted = getenv("FAIL_CALL"), *const listed = getenv("LIST_CALLS");
     static std::set<const void *> places;
     static bool ended = false;  // what runs behind the daemon's own code, such as the counting of coverage, calls too
     static const int registered = atexit([] { ended = true; });
-    if (registered != 0 || ended || (wanted == nullptr && list == nullptr) || !places.insert(place).second)
+    if (registered != 0 || ended || (wanted == nullptr && listed == nullptr) || !places.insert(place).second)
         return false;
     const intptr_t distance = reinterpret_cast<intptr_t>(place) - reinterpret_cast<intptr_t>(&fails);
     const std::string call = std::string(name) + "@" + std::to_string(distance);
-    if (list != nullptr) {
-        FILE *const file = __real_fopen(list, "ae");
-        fprintf(file, "%s\n", call.c_str());
-        fclose(file);
-    }
+    list(listed, call);
     if (wanted == nullptr || call != wanted) return false;
     errno = EIO;
     return true;
 }
 
-unsigned hurry() {
+int hurry() {
     const char *const times = getenv("HURRY");
-    return times != nullptr ? static_cast<unsigned>(atoi(times)) : 1;
+    return times != nullptr ? atoi(times) : 1;
+}
+
+int64_t sooner(int64_t microseconds) {
+    list(getenv("LIST_WAITS"), std::to_string(microseconds));
+    return microseconds / hurry();
+}
+
+// Of a timeval or a timespec.
+template <typename Limit>
+Limit *sooner(const Limit *limit) {
+    static Limit shorter;
+    constexpr int64_t kParts = std::is_same_v<Limit, timeval> ? 1 : 1000;  // of a microsecond
+    const auto [seconds, parts] = *limit;
+    const int64_t wait = sooner(int64_t{seconds} * 1000000 + parts / kParts);
+    shorter = {wait / 1000000, wait % 1000000 * kParts};
+    return &shorter;
 }
 
 }  // namespace
@@ -78,8 +93,10 @@ CALL(int, -1, ioctl, (int file, unsigned long request, void *value), (file, requ
 CALL(int, -1, kill, (pid_t process, int signal), (process, signal))
 CALL(int, -1, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 CALL(int, -1, pclose, (FILE *file), (file))
+CALL(int, -1, select, (int count, fd_set *in, fd_set *out, fd_set *bad, timeval *t), (count, in, out, bad, sooner(t)))
 CALL(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
 CALL(int, -1, semop, (int id, sembuf *steps, size_t count), (id, steps, count))
+CALL(int, -1, semtimedop, (int id, sembuf *steps, size_t count, const timespec *t), (id, steps, count, sooner(t)))
 CALL(int, -1, shmget, (key_t key, size_t size, int flags), (key, size, flags))
 CALL(int, -1, socket, (int family, int type, int protocol), (family, type, protocol))
 CALL(int, -1, system, (const char *line), (line))
@@ -92,29 +109,14 @@ CALL(ssize_t, -1, pread, (int file, void *data, size_t size, off_t at), (file, d
 CALL(ssize_t, -1, pwrite, (int file, const void *data, size_t size, off_t at), (file, data, size, at))
 CALL(ssize_t, -1, read, (int file, void *data, size_t size), (file, data, size))
 CALL(ssize_t, -1, recv, (int s, void *data, size_t size, int flags), (s, data, size, flags))
-CALL(ssize_t, -1, recvfrom, (int s, void *data, size_t size, int flags, sockaddr *from, socklen_t *length), (s, data, size, flags, from, length))
+CALL(ssize_t, -1, recvfrom, (int s, void *to, size_t n, int f, sockaddr *from, socklen_t *m), (s, to, n, f, from, m))
 CALL(ssize_t, -1, send, (int s, const void *data, size_t size, int flags), (s, data, size, flags))
-CALL(ssize_t, -1, sendto, (int s, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length), (s, data, size, flags, to, length))
+CALL(ssize_t, -1, sendto, (int s, const void *p, size_t n, int f, const sockaddr *to, socklen_t m), (s, p, n, f, to, m))
 CALL(ssize_t, -1, write, (int file, const void *data, size_t size), (file, data, size))
 CALL(void *, nullptr, calloc, (size_t count, size_t size), (count, size))
 CALL(void *, nullptr, malloc, (size_t size), (size))
 CALL(void *, reinterpret_cast<void *>(-1), shmat, (int id, const void *at, int flags), (id, at, flags))
 // clang-format on
-
-extern "C" int __real_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit);
-extern "C" int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *bad, timeval *limit) {
-    if (fails("select", __builtin_return_address(0))) return -1;
-    const int64_t wait = (int64_t{limit->tv_sec} * 1000000 + limit->tv_usec) / hurry();
-    *limit = {wait / 1000000, wait % 1000000};
-    return __real_select(count, in, out, bad, limit);
-}
-
-extern "C" int __real_semtimedop(int id, sembuf *steps, size_t count, const timespec *limit);
-extern "C" int __wrap_semtimedop(int id, sembuf *steps, size_t count, const timespec *limit) {
-    if (fails("semtimedop", __builtin_return_address(0))) return -1;
-    const timespec shorter = {limit->tv_sec / hurry(), limit->tv_sec % hurry() * (1000000000 / hurry())};
-    return __real_semtimedop(id, steps, count, &shorter);
-}
 
 extern "C" int __real_clock_gettime(clockid_t clock, timespec *now);
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now) {
@@ -125,14 +127,10 @@ extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now) {
 }
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
-    usleep(seconds * 1000000 / hurry());
+    usleep(static_cast<useconds_t>(sooner(int64_t{seconds} * 1000000)));
     return 0;
 }
 
-// The service closes its standard error: what the sanitizers find goes to a file. Leaks are found with the help of
-// /proc.
-extern "C" const char *__asan_default_options() {
-    return __real_access("/proc/self", F_OK) == 0 ? "log_path=/var/sanitizer"
-                                                  : "log_path=/var/sanitizer:detect_leaks=0";
-}
+// The service closes its standard error: what the sanitizers find goes to a file.
+extern "C" const char *__asan_default_options() { return "log_path=/var/sanitizer"; }
 extern "C" const char *__ubsan_default_options() { return "log_path=/var/sanitizer"; }
