@@ -2,18 +2,16 @@
 // out of bounds, leaks or is undefined; a target adds what its readers promise. In the place of what the C library does
 // outside the process - shell, log, shared memory - stand functions that only read what they are given.
 //
-// With libFuzzer: fuzz TARGET [ITS ARGUMENTS]. Without: every input of the corpus, and mutations of each that are the
-// same in every run.
+// With libFuzzer: TARGET=NAME fuzz [ITS ARGUMENTS]. Without: every input of the corpus, and mutations of each that are
+// the same in every run.
 
 #include <sys/prctl.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -60,16 +58,11 @@ std::string get(const std::string &path) {
     return content;
 }
 
-// Lines of "%%" part the texts of one input; those that are missing are empty.
-template <size_t Count>
-std::array<std::string, Count> partsOf(std::string input) {
-    std::array<std::string, Count> parts;
-    for (std::string &part : parts) {
-        const size_t end = input.find("\n%%\n");
-        part = input.substr(0, end);
-        input.erase(0, end != std::string::npos ? end + strlen("\n%%\n") : end);
-    }
-    return parts;
+// Takes the next text off an input whose texts are parted by lines of "%%"; one that is missing is empty.
+std::string next(std::string &input) {
+    const std::string text = input.substr(0, input.find("\n%%\n"));
+    input.erase(0, text.size() + strlen("\n%%\n"));
+    return text;
 }
 
 template <size_t Size>
@@ -87,10 +80,10 @@ void checkTable() {
 }
 
 // The default and the persistent file, and a key with its value.
-void configuration(const std::string &input) {
-    const auto [shipped, persistent, key, value] = partsOf<4>(input);
-    put(kDefaultConfiguration, shipped);
-    put(kPersistentConfiguration, persistent);
+void configuration(std::string input) {
+    put(kDefaultConfiguration, next(input));
+    put(kPersistentConfiguration, next(input));
+    const std::string key = next(input), value = next(input);
     init_configuration();
     checkTable();
     if (add_configuration(key.c_str(), value.c_str()) == 0 && strlen(key.c_str()) < 32) {
@@ -105,7 +98,7 @@ void configuration(const std::string &input) {
 
 // An image: its product, and its sections. One that fwimage finds nothing wrong with, its digest aside, is staged by
 // the board as fwimage shows it.
-void image(const std::string &input) {
+void image(std::string input) {
     put("/tmp/image", input);
     std::vector<char> block(kProductBlockSize);
     getProduct("/tmp/image", nullptr, block.data());
@@ -128,18 +121,20 @@ void image(const std::string &input) {
 
 // The settings behind those of the board, what programs print, the system's record and its tables, and a session:
 // commands that end at a line end, each followed by the payload that it announces.
-void session(const std::string &input) {
-    auto [settings, output, record, html, entries, sent] = partsOf<6>(input);
+void session(std::string input) {
+    const std::string settings = next(input);
     put(kDefaultConfiguration, get("/src/board/rootfs/etc/.config") + settings);
     put(kPersistentConfiguration, "");
     init_configuration();
     initialFunc();
     wireTotal = std::min(wireTotal, 8);  // each costs a command: a number of any size is no fault, only slow
-    printed = output;
+    printed = next(input);
+    std::string record = next(input);
     record.resize(kSystemInfoSize, ' ');
     put(kSystemInfo, record);
-    put("/etc/html.info", html);
-    put("/etc/entry.info", entries);
+    put("/etc/html.info", next(input));
+    put("/etc/entry.info", next(input));
+    const std::string sent = next(input);
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
     require(send(ends[1], sent.data(), sent.size(), 0) == static_cast<ssize_t>(sent.size()));
@@ -147,13 +142,11 @@ void session(const std::string &input) {
     std::vector<char> pkbuf(kPkbufSize);
     for (;;) {
         std::fill_n(pkbuf.begin(), 64, '\0');
-        const ssize_t peeked = recv(ends[0], pkbuf.data(), 64, MSG_PEEK);
-        if (peeked <= 0) break;
-        const auto lineEnd = std::find(pkbuf.begin(), pkbuf.begin() + peeked, '\n');
-        const int length = static_cast<int>(lineEnd - pkbuf.begin());
-        recv(ends[0], pkbuf.data(), static_cast<size_t>(std::min<ssize_t>(length + 1, peeked)), 0);
-        std::fill(lineEnd, pkbuf.begin() + 64, '\0');
-        ParseCmd(ends[0], pkbuf.data(), std::max(length, 1));
+        size_t length = 0;
+        while (length < 64 && recv(ends[0], &pkbuf[length], 1, 0) == 1 && pkbuf[length] != '\n') ++length;
+        if (length == 0 && pkbuf[0] != '\n') break;
+        if (length < 64) pkbuf[length] = '\0';
+        ParseCmd(ends[0], pkbuf.data(), std::max(static_cast<int>(length), 1));
         require(memchr(pkbuf.data(), '\0', pkbuf.size()) != nullptr);
     }
     close(ends[0]);
@@ -163,10 +156,8 @@ void session(const std::string &input) {
     require(truncate("/flash/mtd6", 1 << 16) == 0);
 }
 
-constexpr struct {
-    const char *name;
-    void (*run)(const std::string &input);
-} kTargets[] = {{"configuration", configuration}, {"image", image}, {"session", session}};
+const std::map<std::string, void (*)(std::string input)> kTargets = {
+    {"configuration", configuration}, {"image", image}, {"session", session}};
 
 // A run finds the board as the one before it did.
 void reset() {
@@ -211,37 +202,22 @@ unsigned sleep(unsigned) {
     return 0;
 }
 
-int shmget(key_t, size_t size, int) noexcept { return size == kConfigurationSize ? 1 : -1; }
 void *shmat(int, const void *, int) noexcept { return segment; }
-int semget(key_t, int, int) noexcept { return 1; }
-int semop(int, sembuf *, size_t) noexcept { return 0; }
-int semtimedop(int, sembuf *, size_t, const timespec *) noexcept { return 0; }
+}
 
-const auto *chosen = std::begin(kTargets);
-
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+#if defined(LIBFUZZER)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const auto target = kTargets.at(getenv("TARGET"));
     reset();
-    chosen->run(std::string(data, data + size));
+    target(std::string(data, data + size));
     return 0;
 }
-
-// The first argument names the target; the others are libFuzzer's.
-int LLVMFuzzerInitialize(int *argc, char ***argv) {
-    while (chosen != std::end(kTargets) && (*argc < 2 || strcmp((*argv)[1], chosen->name) != 0)) ++chosen;
-    if (chosen == std::end(kTargets)) exit(2);
-    (*argv)[1] = (*argv)[0];
-    ++*argv;
-    --*argc;
-    return 0;
-}
-}
-
-#if !defined(LIBFUZZER)
+#else
 int main(int argc, char **argv) {
     const long mutations = argc > 1 ? atol(argv[1]) : 100;
     std::mt19937 random(1);
-    for (chosen = std::begin(kTargets); chosen != std::end(kTargets); ++chosen) {
-        for (const auto &entry : fs::directory_iterator(fs::path("/src/tests/fuzz/corpus") / chosen->name)) {
+    for (const auto &[name, target] : kTargets) {
+        for (const auto &entry : fs::directory_iterator("/src/tests/fuzz/corpus/" + name)) {
             const std::string input = get(entry.path());
             for (long i = 0; i < mutations; ++i) {
                 std::string mutated = input;
@@ -251,7 +227,8 @@ int main(int argc, char **argv) {
                                                                 : mutated.substr(random() % (at + 1), 40);
                     mutated.replace(at, random() % 4, bytes);
                 }
-                LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(mutated.data()), mutated.size());
+                reset();
+                target(mutated);
             }
         }
     }
