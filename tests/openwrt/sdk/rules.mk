@@ -1,5 +1,5 @@
 # Stand-in for the OpenWrt build system: what the package's Makefile uses of it, with the same names and meaning.
-INCLUDE_DIR:=$(TOPDIR)/include
+INCLUDE_DIR:=$(TOPDIR)
 CP:=cp -fpR
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755

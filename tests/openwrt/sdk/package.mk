@@ -15,8 +15,6 @@ root:
 	rm -rf $(BUILD_DIR)
 	mkdir -p $(PKG_BUILD_DIR)
 	$$(Build/Prepare)
-	$$(Build/Configure)
 	$$(Build/Compile)
-	$$(Build/Install)
 	$$(call Package/$(1)/install,$(BUILD_DIR)/root)
 endef
