@@ -4,11 +4,9 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 
 #include <cstring>
 #include <fstream>
-#include <map>
 
 #include "daemon/board.h"
 #include "identity/country.h"
@@ -20,35 +18,21 @@
 using namespace std::string_literals;
 using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
 
-// What the kernel tells about links of these names.
-struct Link {
-    bool up = true;
+// The links by their names: "u" is up with 1000 Mbit/s and full duplex, "u100d0" with these values instead; "d" is
+// down, and "g" tells no values.
+extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
+    char state = '\0';
     uint16_t speed = 1000;
     uint8_t duplex = 1;
-    bool told = true;  // false: the settings cannot be read
-};
-const std::map<std::string, Link> kLinks = {{"good", {}},
-                                            {"g", {}},
-                                            {"fast", {.speed = 2500}},
-                                            {"faster", {.speed = 10000}},
-                                            {"slow", {.speed = 100}},
-                                            {"half", {.duplex = 0}},
-                                            {"odd", {.speed = 2000, .duplex = 255}},
-                                            {"down", {.up = false}},
-                                            {"gone", {.told = false}},
-                                            {"sixteen-letters", {}}};
-
-extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
-    const auto link = kLinks.find(request->ifr_name);
-    if (link == kLinks.end()) return -1;
-    const auto [up, speed, duplex, told] = link->second;
-    auto *const value = reinterpret_cast<ethtool_value *>(request->ifr_data);
+    sscanf(request->ifr_name, "%c%hud%hhu", &state, &speed, &duplex);
+    auto *const link = reinterpret_cast<ethtool_value *>(request->ifr_data);
     auto *const settings = reinterpret_cast<ethtool_cmd *>(request->ifr_data);
-    if (value->cmd == ETHTOOL_GLINK) {
-        value->data = up ? 1 : 0;
+    if (strchr("udg", state) == nullptr) return -1;
+    if (link->cmd == ETHTOOL_GLINK) {
+        link->data = state != 'd';
         return 0;
     }
-    if (value->cmd != ETHTOOL_GSET || !told) return -1;
+    if (link->cmd != ETHTOOL_GSET || state == 'g') return -1;
     settings->speed = speed;
     settings->duplex = duplex;
     return 0;
@@ -56,13 +40,9 @@ extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
 
 namespace {
 
-constexpr char kDevice[] = "/dev/mtdblock6";
 constexpr size_t kBlock = 0x5000;  // the calibration block, whose second word is its checksum
 constexpr size_t kChecksum = kBlock + 2;
-
-std::string stored(const char *key) { return if_exist(key) ? RETURN_DEF_STR(key) : "(none)"; }
-
-std::string initial() { return std::string(65536, 'x'); }
+const std::string kDevice = "/dev/mtdblock6", kInitial(65536, 'x');
 
 std::string flash() { return board::readFile(kDevice); }
 
@@ -73,12 +53,10 @@ protected:
         configure("SYSTEM_ART_PART = 6\nSYSTEM_COUNTRY_ARGS = \"6 1f0\"\nPORT1_ORIG_MAC = 00:11:22:33:44:5a\n"
                   "WIFI_2.4G_MAC = 00:11:22:33:44:5b\n");
         init_configuration();
-        board::writeFile(kDevice, initial());
-        wireTotal = 2;
-        wirelessTotal = 2;
+        board::writeFile(kDevice, kInitial);
+        wireTotal = wirelessTotal = 2;
         support_freq = 3;
         board::writeFile("/etc/system.info", board::padded(board::productBlock(), 76));
-        board::writeFile("/etc/html.info", "& 12000\nname value\n");
         board::writeFile("/etc/entry.info", "& 3\nname value\n");
     }
 
@@ -96,9 +74,8 @@ protected:
     }
 
     static std::string report(int pingFlag) {
-        std::vector<char> buffer(kReportSize + 1, '?');
+        std::vector<char> buffer(kReportSize);
         getInfo(buffer.data(), pingFlag);
-        EXPECT_EQ(buffer[kReportSize], '?') << "written past the buffer";
         return buffer.data();
     }
 };
@@ -111,33 +88,24 @@ TEST_F(Identity, AddressesAreReadInBothForms) {
         {"281474976710657", "00:00:00:00:00:01"},   {"-1", "FF:FF:FF:FF:FF:FF"}};
     for (const auto &[text, address] : cases) {
         EXPECT_EQ(setMacWith("6 1 0 1_0", text), 0) << text;
-        EXPECT_EQ(stored("PORT1_ORIG_MAC"), address) << text;
+        EXPECT_STREQ(RETURN_DEF_STR("PORT1_ORIG_MAC"), address) << text;
     }
 }
 
 TEST_F(Identity, SlotsGetOneAddressAfterAnother) {
     wireTotal = 1;
-    EXPECT_EQ(setMacWith("6 2 2 2_6 1_0x0 70_100 60_5006 49_200 59_300 50_1002", "FF:FF:FF:FF:FF:FD"), 0);
-    const std::pair<size_t, std::string> slots[] = {// clang-format off
-        {0x6, "\xFF\xFF\xFF\xFF\xFF\xFD"s}, {0x0, "\xFF\xFF\xFF\xFF\xFF\xFE"s}, {0x100, "\xFF\xFF\xFF\xFF\xFF\xFF"s},
-        {0x5006, "\0\0\0\0\0\0"s}, {0x200, "\0\0\0\0\0\1"s}, {0x300, "\0\0\0\0\0\2"s}, {0x1002, "\0\0\0\0\0\3"s},
-        {kChecksum, flash().substr(kChecksum, 2)}};
-    // clang-format on
-    std::string expected = initial();
-    for (const auto &[offset, bytes] : slots) expected.replace(offset, bytes.size(), bytes);
-    EXPECT_EQ(flash(), expected);
+    EXPECT_EQ(setMacWith("6 2 2 2_6 1_0x0 70_c 60_12 49_18 59_1e 50_24", "FF:FF:FF:FF:FF:FD"), 0);
+    const std::string slots = "\xFF\xFF\xFF\xFF\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFD\xFF\xFF\xFF\xFF\xFF\xFF"
+                              "\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\0\0\2\0\0\0\0\0\3"s;
+    EXPECT_EQ(flash().replace(kChecksum, 2, "xx"), slots + kInitial.substr(slots.size()));
     EXPECT_TRUE(checksumHolds());
-    EXPECT_EQ(stored("PORT2_ORIG_MAC") + stored("PORT49_ORIG_MAC"), "FF:FF:FF:FF:FF:FD00:00:00:00:00:01");
-    EXPECT_EQ(stored("WIFI_5G_MAC") + stored("PORT70_ORIG_MAC"), "00:00:00:00:00:00(none)");
-    EXPECT_EQ(stored("WIFI_2.4G_MAC"), "00:00:00:00:00:03") << "the last of two";
     EXPECT_THAT(board::log(), ElementsAre("set ethernet MAC: FF:FF:FF:FF:FF:FD, ftell=0xc",
                                           "set ethernet MAC: FF:FF:FF:FF:FF:FE, ftell=0x6",
-                                          "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x500c",
-                                          "set ethernet MAC: 00:00:00:00:00:01, ftell=0x206",
-                                          "set wireless(2.4G) MAC: 00:00:00:00:00:02, ftell=0x306",
-                                          "set wireless(2.4G) MAC: 00:00:00:00:00:03, ftell=0x1008",
-                                          "/sbin/ifconfig eth0 192.168.1.1 > /dev/null 2>&1",
-                                          "/bin/ping -c 30 192.168.1.2 > /dev/null 2>&1 &"));
+                                          "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x18",
+                                          "set ethernet MAC: 00:00:00:00:00:01, ftell=0x1e",
+                                          "set wireless(2.4G) MAC: 00:00:00:00:00:02, ftell=0x24",
+                                          "set wireless(2.4G) MAC: 00:00:00:00:00:03, ftell=0x2a",
+                                          HasSubstr("ifconfig eth0"), HasSubstr("ping")));
 }
 
 TEST_F(Identity, TheChecksumIsRepairedForA5GSlotAlone) {
@@ -148,9 +116,7 @@ TEST_F(Identity, TheChecksumIsRepairedForA5GSlotAlone) {
     EXPECT_FALSE(checksumHolds()) << "another partition, which is not there";
     add_configuration("SYSTEM_ART_PART", "6");
     for (const size_t byte : {kChecksum, kChecksum + 1, kBlock, kBlock + 2115}) {
-        std::string broken = flash();
-        broken[byte] = static_cast<char>(broken[byte] ^ 1);
-        board::writeFile(kDevice, broken);
+        board::writeFile(kDevice, flash().replace(byte, 1, "y"));
         setMac("1");
         EXPECT_TRUE(checksumHolds()) << byte;
     }
@@ -168,35 +134,34 @@ TEST_F(Identity, SlotListsOfAnyShape) {
         std::filesystem::remove("/dev/mtdblock0");
         EXPECT_EQ(setMacWith(arguments, "1"), result) << arguments;
         const std::string after = flash();
-        EXPECT_EQ(after.size() - static_cast<size_t>(std::count(after.begin(), after.end(), 'x')), 6 * slots);
+        EXPECT_EQ(std::count(after.begin(), after.end(), 'x'), 65536 - 6 * slots) << arguments;
         EXPECT_EQ(board::log().size(), slots + commands) << arguments;
-        EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "nothing is created";
     }
+    EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "nothing is created";
     del_configuration("SYSTEM_MAC_ARGS");
     EXPECT_EQ(setMac("1"), -1);
 }
 
 TEST_F(Identity, TheCountryIsTwoBytesOnTheFlash) {
-    std::string expected = initial();
-    char code[] = "##!!";
-    for (const std::string &text : {"US"s, "de"s, "\xFF\x01"s, "D\0"s, "USA"s}) {
-        std::string buffer = text;
-        EXPECT_EQ(CountryRW(1, buffer.data()), 0);
-        expected.replace(0x1F0, 2, text.substr(0, 2));
-        EXPECT_EQ(flash(), expected);
-        EXPECT_EQ(CountryRW(0, code), 0);
-        EXPECT_EQ(std::string(code, 4), text.substr(0, 2) + "\0!"s);
+    std::string expected = kInitial, code;
+    for (std::string text : {"US"s, "\xFF\x01"s, "D\0"s, "USA"s}) {
+        EXPECT_EQ(CountryRW(1, text.data()), 0);
+        EXPECT_EQ(flash(), expected.replace(0x1F0, 2, text, 0, 2));
+        EXPECT_EQ(CountryRW(0, (code = "##!!").data()), 0);
+        EXPECT_EQ(code, text.substr(0, 2) + "\0!"s);
     }
-    for (const char *arguments : {"7 0", ""}) {
-        if (*arguments != '\0') add_configuration("SYSTEM_COUNTRY_ARGS", arguments);
-        if (*arguments == '\0') del_configuration("SYSTEM_COUNTRY_ARGS");
-        for (const int mode : {1, 0}) EXPECT_EQ(CountryRW(mode, strcpy(code, "##!")), 0) << arguments;
-        EXPECT_STREQ(code, "##!") << arguments;
+    add_configuration("SYSTEM_COUNTRY_ARGS", "7 0");
+    for (const char *missing : {"the partition", "the setting"}) {
+        for (const int mode : {1, 0}) EXPECT_EQ(CountryRW(mode, (code = "##!").data()), 0) << missing;
+        EXPECT_EQ(code, "##!") << missing;
+        del_configuration("SYSTEM_COUNTRY_ARGS");
     }
     EXPECT_FALSE(board::exists("/dev/mtdblock7"));
 }
 
 std::string line(const std::string &text) { return "\033[1;37;40m" + text + "\033[0m\n"; }
+
+std::string when(bool holds, const std::string &text) { return holds ? text : ""; }
 
 const std::string kBanner = "\033[1;37;41m>>>>>>> ERROR <<<<<<<", kRule = line(std::string(52, '='));
 const std::string kTableHead = "\n" + line(" PortNum | Link | Speed | Duplex ");
@@ -223,22 +188,20 @@ TEST_F(Identity, TheReportIsExactUnderEveryCombinationOfFlags) {
         add_configuration("WIFI_5G_DEV", present5 && fitted24 ? "lo:" : "missing1");
         add_configuration("WIFI_5G_DEVICE", present5 && !fitted24 ? "" : "missing1");
         add_configuration("SYSTEM_MEMORY_MINIMUM", std::to_string(enough ? memory - 1 : memory).c_str());
-        add_configuration("SYSTEM_CHECK_ETH_STATUS", portsPass ? "none" : "slow_ethtool_0 good_ethtool_0");
-        const bool ok24 = present24 || !radios, ok5 = present5 || !radios;
-
-        std::string expected = "INFO ";
-        if (ping && fitted24 && !ok24) expected += "2.4G ERROR ";
-        if (ping && fitted5 && !ok5) expected += "5G ERROR ";
-        if (ping && !portsPass) expected += "Ethernet ERROR ";
-        if (ping && !enough) expected += "Memory ERROR ";
-        expected += "\n" + kRule + line(" Vendor: ACME ") + line(" Product: AP-1 ") + line(" Version: 1.02.03 ") +
-                    line(" Memory: " + std::to_string(memory) + " kB " + (enough ? "" : kBanner));
-        if (radios) expected += line(" Country: US ");
-        expected += line(" Wire MAC 1: 00:11:22:33:44:5a ") + line(" Wire MAC 2: none ");
-        if (radios && fitted24) expected += line(" Wireless 2.4G MAC: 00:11:22:33:44:5B " + (ok24 ? "" : kBanner));
-        if (radios && fitted5) expected += line(" Wireless   5G MAC: NONE " + (ok5 ? "" : kBanner));
-        if (!portsPass) expected += kTableHead + row(1, "OXO") + row(2, "OOO");
-        ASSERT_EQ(report(ping), expected + kRule) << "flags " << flags;
+        add_configuration("SYSTEM_CHECK_ETH_STATUS", portsPass ? "none" : "u100_ethtool_0 u_ethtool_0");
+        const bool bad24 = radios && !present24, bad5 = radios && !present5;
+        const std::string failed = when(fitted24 && bad24, "2.4G ERROR ") + when(fitted5 && bad5, "5G ERROR ") +
+                                   when(!portsPass, "Ethernet ERROR ") + when(!enough, "Memory ERROR ");
+        const std::string addresses =
+            when(fitted24, line(" Wireless 2.4G MAC: 00:11:22:33:44:5B " + when(bad24, kBanner))) +
+            when(fitted5, line(" Wireless   5G MAC: NONE " + when(bad5, kBanner)));
+        ASSERT_EQ(report(ping), "INFO " + when(ping, failed) + "\n" + kRule + line(" Vendor: ACME ") +
+                                    line(" Product: AP-1 ") + line(" Version: 1.02.03 ") +
+                                    line(" Memory: " + std::to_string(memory) + " kB " + when(!enough, kBanner)) +
+                                    when(radios, line(" Country: US ")) + line(" Wire MAC 1: 00:11:22:33:44:5a ") +
+                                    line(" Wire MAC 2: none ") + when(radios, addresses) +
+                                    when(!portsPass, kTableHead + row(1, "OXO") + row(2, "OOO")) + kRule)
+            << "flags " << flags;
     }
 }
 
@@ -256,21 +219,19 @@ link: port:7 link:up speed:-1 full-duplex
 link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)");
     const std::string longest = "2" + std::string(31, 'x');  // one more character than a field takes
     const std::pair<const char *, std::vector<std::string>> cases[] = {
-        {"", {"good_ethtool_0", "fast_ethtool_", "faster_ethtool_", "good_ethtool_0 ", " good_ethtool_0", ""}},
-        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "switch0_swconfig_8", "good_ethtool_0  "}},
-        {"OOX", {"half_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23", "switch0_swconfig_" + longest}},
-        {"OXO", {"slow_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13"}},
-        {"OXX", {"odd_ethtool_0", "switch0_swconfig_4"}},
-        {"XXX",
-         {"down_ethtool_0", "gone_ethtool_0", "none_ethtool_0", "sixteen-letters-_ethtool_0", "good_x_0", "good",
-          "good good_ethtool_0", "good_ethtool good_ethtool_0", "switch0_swconfig_1", "switch0_swconfig_5",
-          "switch0_swconfig_6", "switch1_swconfig_0"}},
-        {"OXO", {"switch0_swconfig_7"}},
-        {"OOO", {"good_ethtool_0 x"}}};
+        {"", {"u_ethtool_0", "u2500_ethtool_", "u10000_ethtool_", "u_ethtool_0  ", " u_ethtool_0", ""}},
+        {"", {"switch0_swconfig_0", "switch0_swconfig_10", "switch0_swconfig_8"}},
+        {"OOX", {"u1000d0_ethtool_0", "switch0_swconfig_2", "switch0_swconfig_23", "switch0_swconfig_" + longest}},
+        {"OXO", {"u100_ethtool_0", "switch0_swconfig_3", "switch0_swconfig_13", "switch0_swconfig_7"}},
+        {"OXX", {"u2000d255_ethtool_0", "switch0_swconfig_4"}},
+        {"XXX", {"d_ethtool_0", "g_ethtool_0", "none_ethtool_0", "u---------------_ethtool_0", "u_x_0", "u"}},
+        {"XXX", {"x u_ethtool_0", "u_ethtool u_ethtool_0", "switch0_swconfig_1", "switch0_swconfig_5"}},
+        {"XXX", {"switch0_swconfig_6", "switch1_swconfig_0"}},
+        {"OOO", {"u_ethtool_0 x"}}};
     wireTotal = 1;
     wirelessTotal = 0;
     for (const auto &[verdicts, entries] : cases) {
-        const std::string table = *verdicts != '\0' ? kTableHead + row(1, verdicts) : "";
+        const std::string table = when(*verdicts != '\0', kTableHead + row(1, verdicts));
         for (const std::string &entry : entries) {
             add_configuration("SYSTEM_CHECK_ETH_STATUS", entry.c_str());
             EXPECT_THAT(report(1), EndsWith(line(" Wire MAC 1: 00:11:22:33:44:5a ") + table + kRule)) << entry;
@@ -278,10 +239,10 @@ link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)"
     }
     // The word holds eight entries of four bits: the ninth falls onto the first.
     wireTotal = 3;
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ g_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ g_ethtool_ d_x_");
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ u_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ u_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
     wireTotal = 9;
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", "slow_ethtool_0");
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", "u100_ethtool_0");
     EXPECT_THAT(report(0), HasSubstr(row(9, "XXX"))) << "a port without an entry";
 }
 
@@ -299,35 +260,27 @@ TEST_F(Identity, PortsAreExaminedWhileTheTableChanges) {
     EXPECT_EQ(board::wait(other), 0);
 }
 
+// Ports, radio addresses and radios, a digit each.
 TEST_F(Identity, CountsThatAreCutShortLeaveTheRadiosUnread) {
-    const std::tuple<const char *, int, int, int> cases[] = {
-        {"6 4 2 1_0", 4, 2, 3}, {"6 4 2", 4, 2, 3}, {"6 4", 4, 0, 0}};
-    for (const auto &[arguments, wired, wireless, radios] : cases) {
+    add_configuration("WIFI_DEV_DEFINE", "3");
+    for (const auto &[arguments, counts] : {std::pair("6 4 2 1_0", 423), {"6 4 2", 423}, {"6 4", 400}}) {
         wireTotal = wirelessTotal = support_freq = 0;
         add_configuration("SYSTEM_MAC_ARGS", arguments);
-        add_configuration("WIFI_DEV_DEFINE", "3");
         initialFunc();
-        EXPECT_EQ(std::tuple(wireTotal, wirelessTotal, support_freq), std::tuple(wired, wireless, radios)) << arguments;
+        EXPECT_EQ(100 * wireTotal + 10 * wirelessTotal + support_freq, counts) << arguments;
     }
 }
 
-TEST_F(Identity, AReportOfMissingSourcesNamesFailedChecks) {
+TEST_F(Identity, TheProductIsReadOnceAndALongReportIsCut) {
     std::filesystem::rename("/etc/html.info", "/etc/moved");
     initialFunc();  // forgets the product
     EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
     std::filesystem::rename("/etc/moved", "/etc/html.info");
     report(0);
     board::writeFile("/etc/system.info", board::padded(board::productBlock("ELSE"), 76));
-    support_freq = 3;
-    add_configuration("WIFI_24G_DEVICE", "eth0");
-    ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
-    const std::string text = report(1);
-    umount("/proc");
-    EXPECT_THAT(text, StartsWith("INFO 2.4G ERROR 5G ERROR Memory ERROR \n"));
-    EXPECT_THAT(text, HasSubstr(line(" Memory: 0 kB " + kBanner)));
-    EXPECT_THAT(text, HasSubstr(line(" Vendor: ACME "))) << "once read, the product is known";
     wireTotal = 60;
-    EXPECT_EQ(report(1).size(), static_cast<size_t>(kReportSize) - 1) << "a long report is cut";
+    EXPECT_THAT(report(1), HasSubstr(line(" Vendor: ACME ")));
+    EXPECT_EQ(report(1).size(), static_cast<size_t>(kReportSize) - 1);
     getInfo(nullptr, 1);
 }
 
