@@ -35,10 +35,10 @@ protected:
     }
 
     // Every command with an operation of its own; what it writes to a partition is 0xAA and 0xFF alone.
-    static std::vector<Step> everyCommand() {
-        const std::string image = board::sealed(board::productBlock() + board::section("2.bin", "\xAA"));
-        const std::string script = "#!/bin/sh\necho printed\n", data(100000, '\xAA');
-        return {
+    static const std::vector<Step> &everyCommand() {
+        static const std::string image = board::sealed(board::productBlock() + board::section("2.bin", "\xAA"));
+        static const std::string script = "#!/bin/sh\necho printed\n", data(100000, '\xAA');
+        static const std::vector<Step> commands = {
             {"VERSION " + std::to_string(image.size()), image, "OK"},
             {"FW IMAGE " + std::to_string(image.size()), image, "OK"},
             {"FW KERNEL 100000", data, "OK"},
@@ -54,6 +54,7 @@ protected:
             {"nonsense", "", "UNKNOWN"},
             {"BYE", "", "BYE"},
         };
+        return commands;
     }
 
     // The service's next connection; none when it has ended. Asked often, as one that listens polls without a pause.
@@ -156,36 +157,33 @@ TEST_F(Faults, EveryCallOfAModeMayFailOnce) {
             board::run("FAIL_CALL=" + call + " fabtestd " + mode + " 2> /dev/null");
             EXPECT_TRUE(mode == "port_change" || if_exist("SYSTEM_BRAND")) << call;
         }
-        for (const char *file : {"/var/calls", "/var/debug"}) fs::remove(file);
+        board::run("rm -f /var/calls /var/debug");
     }
 }
 
 // The station goes at every step of the session: before the reply, in the middle of the payload, or after the reply.
 // The file that the payload goes to holds what was sent, and the command is carried out with that.
 TEST_F(Faults, TheStationMayGoAtAnyStep) {
-    const std::vector<Step> steps = everyCommand();
-    for (size_t last = 0; last < steps.size(); ++last) {
-        const std::string &payload = steps[last].payload;
-        for (const double sent : payload.empty() ? std::vector{0.0, 2.0} : std::vector{0.0, 0.5, 1.0}) {
+    for (const auto &[command, payload, reply] : everyCommand()) {
+        for (size_t half = 0; half <= 2; half += payload.empty() ? 2 : 1) {
             SetUp();
-            SCOPED_TRACE(steps[last].command + ", " + std::to_string(sent));
+            SCOPED_TRACE(command + ", " + std::to_string(half) + "/2");
             std::optional<Session> session = startSession();
-            const std::string part = payload.substr(0, static_cast<size_t>(sent * static_cast<double>(payload.size())));
+            const std::string part = payload.substr(0, payload.size() * half / 2);
             ask(*session, "PING");
-            session->sendCommand(steps[last].command);
+            session->sendCommand(command);
             session->sendBytes(part);
-            if (sent > 1) session->receiveReply(kSoon);
-            if (last % 2 == 0 && payload.empty()) session->reset();
+            if (payload.empty() && half == 2) session->receiveReply(kSoon);
+            if (payload.empty() && command.size() % 2 == 0) session->reset();
             session.reset();
             EXPECT_EQ(serviceStatus(), 0);
             EXPECT_EQ(board::log().back(), "closeSocket (Socketid = 3)");
             expectNothingElseOnTheFlash();
             if (payload.empty()) continue;
-            const bool cut = steps[last].command.starts_with("FW IMAGE") && part.size() >= 33;
+            const bool cut = command.starts_with("FW IMAGE") && part.size() >= 33;
             EXPECT_EQ(board::readFile("/tmp/fabtestd.file"), part.substr(0, part.size() - (cut ? 33 : 0)));
             const std::string kernel = part + std::string(kPartition - part.size(), '\xFF');
-            const bool flashed = steps[last].command.starts_with("FW KERNEL");
-            EXPECT_TRUE(!flashed || board::readFile("/flash/mtd2") == kernel);
+            EXPECT_TRUE(!command.starts_with("FW KERNEL") || board::readFile("/flash/mtd2") == kernel);
         }
     }
 }
@@ -250,38 +248,33 @@ TEST_F(Faults, SignalsCloseTogetherKeepTheirOrderAndTheirLines) {
 // Without a configuration; without /proc, and with a full /tmp: every command is answered, none with more than there
 // is. A silence that is many ends of the wait for a command changes nothing.
 TEST_F(Faults, ABoardThatLacksPartsServesOn) {
-    for (const bool configured : {false, true}) {
+    const struct {
+        const char *before, *during, *after, *ping, *report;
+    } cases[] = {
+        {"rm -r /etc/* /etc/.config", "true", "true", "PING 0", ""},
+        {"mount -t tmpfs -o size=4k full /tmp; head -c 4096 /dev/zero > /tmp/filled", "mount -t tmpfs none /proc",
+         "umount /proc /tmp", "PING 2", "Memory: 0 kB"},
+    };
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which wants /proc
+    for (const auto &test : cases) {
         SetUp();
-        const char *const ping = configured ? "PING 2" : "PING 0";
-        if (!configured) fs::remove_all("/etc");
-        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which wants /proc
-        if (configured) board::run("mount -t tmpfs -o size=4k full /tmp; head -c 4096 /dev/zero > /tmp/filled");
+        board::run(test.before);
         {
             Session session = startSession();
-            if (configured) board::run("mount -t tmpfs none /proc");
+            board::run(test.during);
             std::this_thread::sleep_for(std::chrono::seconds(1));
             for (const Step &step : everyCommand()) {
                 if (step.command.starts_with("FW IMAGE")) continue;  // waits for processes, which /proc tells
                 const std::string reply = ask(session, step.command, step.payload);
                 EXPECT_THAT(reply, MatchesRegex(step.reply)) << step.command;
-                const bool report = step.command == "INFO" && configured;
-                EXPECT_THAT(reply, HasSubstr(step.command == "PING" ? ping : report ? "Memory: 0 kB" : ""));
+                EXPECT_THAT(reply, HasSubstr(step.command == "PING"   ? test.ping
+                                             : step.command == "INFO" ? test.report
+                                                                      : ""));
             }
         }
-        if (configured) board::run("umount /proc");
+        board::run(test.after);
         EXPECT_EQ(serviceStatus(), 0);
-        if (configured) board::run("umount /tmp");
-        fs::create_directory("/etc");
     }
-}
-
-size_t entriesOf(const std::string &folder) {
-    return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
-}
-
-size_t linesOf(const std::string &file) {
-    const std::string text = board::readFile(file);
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 // Sessions after each other, the last of them long; SOAK makes them so many times more. What is used at the end is what
@@ -295,7 +288,8 @@ TEST_F(Faults, NothingIsUsedUp) {
             if (step.command != "BYE" && !step.command.starts_with("FW I")) ask(session, step.command, step.payload);
         }
     };
-    std::vector<size_t> before;
+    const std::string count = "ls /tmp; grep -c ^ /proc/sysvipc/shm /proc/sysvipc/sem /proc/net/unix";
+    std::string before;
     for (int i = 0; i < 30 * times; ++i) {
         Session session = startSession();
         if (i % 10 == 0) askEverything(session);
@@ -303,24 +297,21 @@ TEST_F(Faults, NothingIsUsedUp) {
         session.expectClose(kSoon);
         EXPECT_EQ(serviceStatus(), 0);
         if (i % 10 == 0) board::clearLog();
-        const std::vector<size_t> now = {entriesOf("/tmp"), linesOf("/proc/sysvipc/shm"), linesOf("/proc/sysvipc/sem"),
-                                         linesOf("/proc/net/unix")};
-        if (i == 0) before = now;
-        ASSERT_EQ(now, before) << "files, shared memory, semaphores, sockets; session " << i;
+        if (i == 0) before = board::run(count);
     }
+    EXPECT_EQ(board::run(count), before) << "files, shared memory, semaphores, sockets";
     Session session = startSession();
     const std::string process = "/proc/" + std::to_string(service_);
     const auto memory = [&] { return std::stol(board::run("sed -n s/^VmRSS://p " + process + "/status")); };
     long used = 0;
-    size_t files = 0;
     for (int i = 0; i < 3000 * times; ++i) {
         ask(session, i % 3 == 0 ? "PING" : i % 3 == 1 ? "WAITING" : "nonsense");
         if (i % 500 == 0) askEverything(session);
+        if (i == 1000) before = board::run("ls " + process + "/fd");
         if (i == 1000) used = memory();
-        if (i == 1000) files = entriesOf(process + "/fd");
     }
     EXPECT_LE(memory(), used + 512) << "kB";
-    EXPECT_EQ(entriesOf(process + "/fd"), files);
+    EXPECT_EQ(board::run("ls " + process + "/fd"), before);
 }
 
 }  // namespace
