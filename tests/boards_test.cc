@@ -11,6 +11,11 @@ namespace {
 
 constexpr int kBoards = 16;
 
+constexpr char kBoard[] =
+    "/usr/bin/ip link add eth0 type veth peer name $0 netns 1; ip link set lo up; ip link set eth0 up;"
+    "station ip addr add 192.168.1.2/24 dev $0; station ip link set $0 up; mount -t tmpfs none /tmp;"
+    "exec /usr/bin/unshare --pid --fork --kill-child --mount-proc sh -c \"$1\"";
+
 class Boards : public board::BoardTest {
 protected:
     void TearDown() override {
@@ -21,15 +26,9 @@ protected:
     // Starts a board, cabled to the interface "lineN" of the station, that runs a line of the shell to its end.
     void addBoard(const std::string &life) {
         const std::string line = "line" + std::to_string(boards_.size() + 1);
-        board::writeFile("/var/" + line, "/usr/bin/ip link add eth0 type veth peer name " + line +
-                                             " netns 1\nip link set lo up; ip link set eth0 up\n"
-                                             "station ip addr add 192.168.1.2/24 dev " +
-                                             line + "; station ip link set " + line +
-                                             " up\nmount -t tmpfs none /tmp\n"
-                                             "exec /usr/bin/unshare --pid --fork --kill-child --mount-proc sh -c '" +
-                                             life + "'\n");
         boards_.push_back(board::fork([&] {
-            execl("/usr/bin/unshare", "unshare", "--net", "--ipc", "--mount", "sh", ("/var/" + line).c_str(), nullptr);
+            execl("/usr/bin/unshare", "unshare", "--net", "--ipc", "--mount", "sh", "-c", kBoard, line.c_str(),
+                  life.c_str(), nullptr);
         }));
         board::run("until station ip link show " + line + " 2> /dev/null | grep -q ,UP; do sleep 0.05; done");
         lines_ += " --interface " + line;
@@ -37,10 +36,9 @@ protected:
 
     // Connects as the service does, for as long as it takes, and then does this with the connection.
     static std::string connecting(const std::string &fate) {
-        board::writeFile("/var/fate-" + fate.substr(0, 4), "#!/bin/sh\ntouch /tmp/connected; " + fate + "\n", 0755);
         return "ip addr add 192.168.1.1/24 dev eth0; until [ -e /tmp/connected ]; do sleep 0.2;"
-               "nc 192.168.1.2 55688 -e /var/fate-" +
-               fate.substr(0, 4) + "; done";
+               "nc 192.168.1.2 55688 -e sh -c 'touch /tmp/connected; " +
+               fate + "'; done";
     }
 
     std::vector<pid_t> boards_;
