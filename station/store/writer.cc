@@ -16,12 +16,12 @@ namespace station {
 namespace {
 
 using json = nlohmann::json;
-using std::chrono::seconds;
+using Seconds = std::chrono::seconds;
 
-constexpr seconds kHeartbeat{5};  // the store is written to so often when there is nothing to write
+constexpr Seconds kHeartbeat{5};  // the store is written to so often when there is nothing to write
 constexpr std::chrono::milliseconds kPause{2};
-constexpr seconds kRetry{1};             // between two attempts to reach a store that is away
-constexpr seconds kPatience{10};         // after which a store is away that neither works nor fails
+constexpr Seconds kRetry{1};             // between two attempts to reach a store that is away
+constexpr Seconds kPatience{10};         // after which a store is away that neither works nor fails
 constexpr int kAttempts = 3;             // at a record, before it is put aside
 constexpr std::chrono::hours kGone{24};  // a station that was not seen for so long runs nothing any more
 
