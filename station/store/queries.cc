@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <ctime>
 #include <map>
 
 #include "station/line/record.h"
@@ -145,6 +147,18 @@ Value findRun(Database &database, const std::string &name) {
     return onlyCell(database.ask("SELECT id FROM runs WHERE run = $1", {name}));
 }
 
+// "2026-11-21", or such a time of that day to the hour, minute, second or millisecond.
+bool isTime(const std::string &text) {
+    constexpr std::string_view kForm = "0000-00-00T00:00:00.000";
+    constexpr std::array<size_t, 5> kParts = {10, 13, 16, 19, kForm.size()};
+    bool fits = std::find(kParts.begin(), kParts.end(), text.size()) != kParts.end();
+    for (size_t i = 0; fits && i < text.size(); ++i) {
+        fits = kForm[i] == '0' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
+    }
+    std::tm date{};
+    return fits && ::strptime((text + std::string(kForm.substr(text.size()))).c_str(), "%Y-%m-%dT%H:%M:%S", &date);
+}
+
 }  // namespace
 
 std::string parseTime(const std::string &text) {
@@ -156,13 +170,9 @@ std::string parseTime(const std::string &text) {
     if (error == std::errc() && unit != kMinutes.end() && ago >= 0) {
         return isoTime(WallClock::now() - std::chrono::minutes(int64_t(ago) * unit->second));
     }
-    constexpr std::string_view kForm = "0000-00-00T00:00:00.000Z";
-    bool fits = text.size() >= 10 && text.size() <= kForm.size();
-    for (size_t i = 0; fits && i < text.size(); ++i) {
-        fits = kForm[i] == '0' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
-    }
-    if (!fits) throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21, 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
-    return text;
+    const std::string time = text.ends_with('Z') ? text.substr(0, text.size() - 1) : text;
+    if (isTime(time)) return time;
+    throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
 }
 
 std::vector<Section> show(Database &database, const std::string &what) {

@@ -18,7 +18,8 @@ struct Period {
     std::string since, until;
 };
 
-// "2026-11-21", a time of that day as 2026-11-21T17:30, or how long ago: 90m, 8h, 7d. Throws Refusal.
+// "2026-11-21", a time of that day as 2026-11-21T17:30, each with or without a Z, or how long ago: 90m, 8h, 7d. Throws
+// Refusal.
 std::string parseTime(const std::string &text);
 
 // All about a unit by its serial or by a value that it was given (an address in any form), or about a run by its

@@ -1,0 +1,51 @@
+// The times of people, in the zone of the station: when a shift began, what an engineer asks for.
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "station/page/local_time.h"
+#include "station/page/shift.h"
+#include "station/store/queries.h"
+
+namespace station {
+namespace {
+
+class LocalTime : public testing::Test {
+protected:
+    void SetUp() override {
+        ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+        ::tzset();
+    }
+};
+
+TEST_F(LocalTime, AShiftBeginsAtItsHourOfTheLocalDay) {
+    const std::tuple<std::vector<int>, const char *, const char *> cases[] = {
+        {{360, 840, 1320}, "2026-11-21T05:59:59Z", "2026-11-21 06:00"},
+        {{360, 840, 1320}, "2026-11-21T04:59:59Z", "2026-11-20 22:00"},
+        {{360, 840, 1320}, "2026-11-21T13:00:00Z", "2026-11-21 14:00"},
+        {{360, 840, 1320}, "2025-12-31T23:30:00Z", "2025-12-31 22:00"},
+        {{360, 840, 1320}, "2026-03-29T03:00:00Z", "2026-03-28 22:00"},  // an hour was left out
+        {{360, 840, 1320}, "2026-10-25T04:59:00Z", "2026-10-24 22:00"},  // an hour came twice
+        {{360, 840, 1320}, "2026-10-25T05:00:00Z", "2026-10-25 06:00"},
+        {{0}, "2026-07-01T22:00:00Z", "2026-07-02 00:00"},
+        {{720}, "2026-07-01T09:59:00Z", "2026-06-30 12:00"}};
+    for (const auto &[starts, now, begin] : cases) {
+        const auto began = shiftBegin(starts, WallClock::from_time_t(timeOf(now)));
+        EXPECT_EQ(localTime(WallClock::to_time_t(began), "%Y-%m-%d %H:%M"), begin) << now;
+    }
+}
+
+TEST_F(LocalTime, WhatAPersonAsksForIsTheStationsTime) {
+    const std::pair<const char *, const char *> cases[] = {{"2026-07-01T12:00", "2026-07-01T10:00:00"},
+                                                           {"2026-12-01", "2026-11-30T23:00:00"},
+                                                           {"2026-07-01T12:00Z", "2026-07-01T12:00Z"}};
+    for (const auto &[asked, stored] : cases) EXPECT_EQ(timeOf(parseLocalTime(asked)), timeOf(stored)) << asked;
+    EXPECT_EQ(localTime(timeOf(parseLocalTime("today")), "%F %T"), localTime(std::time(nullptr), "%F 00:00:00"));
+    for (const char *word : {"", "yesterday", "2026-13-01", "2026-11-21T25:00Z", "12:00"})
+        EXPECT_THROW(parseLocalTime(word), Refusal);
+}
+
+}  // namespace
+}  // namespace station
