@@ -1,5 +1,6 @@
 // The tokenizer and text helpers, and the tables read with them.
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -10,13 +11,14 @@
 
 namespace {
 
-// The text at the very end of a heap block, so that reading or writing one byte past it is caught.
-std::unique_ptr<char, decltype(&free)> exactCopy(const std::string &text) { return {strdup(text.c_str()), free}; }
-
-std::string take(char *heapText) {
-    const std::unique_ptr<char, decltype(&free)> owner(heapText, free);
-    return heapText != nullptr ? heapText : "(null)";
+// A text of the heap, which is freed at the end.
+char *kept(char *text) {
+    static std::vector<std::unique_ptr<char, decltype(&free)>> texts;
+    return texts.emplace_back(text, free).get();
 }
+
+// In a heap block of its own, so that reading or writing one byte past it is caught.
+char *copied(const char *text) { return kept(strdup(text)); }
 
 // Each token with a '|' behind it, each null as '!'.
 template <typename Tokens>
@@ -28,29 +30,19 @@ std::string join(const Tokens &tokens) {
 
 // Ten tokens at most, and the null behind them; "open" when the result is -1.
 std::string parse(const char *line) {
-    const auto text = exactCopy(line);
-    std::vector<char *> tokens(11, text.get());
-    const int count = string_parse(tokens.data(), 10, text.get());
+    char *const text = copied(line);
+    std::vector<char *> tokens(11, text);
+    const int count = string_parse(tokens.data(), 10, text);
     tokens.resize(static_cast<size_t>(std::max(count, 0)) + 1);
     return count < 0 ? "open" : join(tokens);
 }
 
 // Four pieces at most, and the nulls behind them.
 std::string split(const char *text, const char *separator) {
-    const auto copy = exactCopy(text);
-    std::vector<char *> tokens(5, copy.get());
-    EXPECT_EQ(string_split(tokens.data(), 4, copy.get(), separator), 4);
+    std::vector<char *> tokens(5, copied(text));
+    EXPECT_EQ(string_split(tokens.data(), 4, tokens[0], separator), 4);
     return join(tokens);
 }
-
-// The text from where the needle was found.
-std::string findLast(const char *text, const char *needle) {
-    const auto copy = exactCopy(text);
-    const char *const found = my_strrstr(copy.get(), needle);
-    return found != nullptr ? found : "-";
-}
-
-std::string encode(const std::string &text) { return url_encode(exactCopy(text).get()); }
 
 // The number, and the text behind it.
 std::string convert(const char *text, int base) {
@@ -82,18 +74,28 @@ TEST(Texts, AreChanged) {
     char text[] = ":a::b:";
     std::string full;
     while (full.size() < 1023) full += "%20";
-    expectEqual({{take(my_replaceStr("aXbXc", "X", "--")), "a--b--c"}, {take(my_replaceStr("aaa", "aa", "b")), "ba"},
-                 {take(my_replaceStr("ababa", "ab", "abc")), "abcabca"}, {take(my_replaceStr("abc", "", "x")), "abc"},
-                 {take(my_replaceStr("XX", "XX", "12345")), "12345"},
-                 {take(my_replaceStrs("aab", pairs)), "ccccc"}, {take(my_replaceChar("a-b_c", "-_", '+')), "a+b+c"},
-                 {take(my_replaceChar(nullptr, "a", 'b')), "(null)"}, {take(my_replaceChar("a", nullptr, 'b')), "(null)"},
-                 {take(my_removeChar(text, ':')), "ab"}, {text, ":a::b:"}, {my_stripChar(text, ':'), "ab"},
+    char *const number = my_string(my_string(nullptr, "%d;", 1), "%s", "");
+    expectEqual({{kept(my_replaceStr("aXbXc", "X", "--")), "a--b--c"}, {kept(my_replaceStr("aaa", "aa", "b")), "ba"},
+                 {kept(my_replaceStr("ababa", "ab", "abc")), "abcabca"}, {kept(my_replaceStr("abc", "", "x")), "abc"},
+                 {kept(my_replaceStr("XX", "XX", "12345")), "12345"},
+                 {kept(my_replaceStrs("aab", pairs)), "ccccc"}, {kept(my_replaceChar("a-b_c", "-_", '+')), "a+b+c"},
+                 {kept(my_removeChar(text, ':')), "ab"}, {text, ":a::b:"}, {my_stripChar(text, ':'), "ab"},
                  {my_toupper(text), "AB"}, {my_tolower(text), "ab"},
-                 {findLast("abcabc", "bc"), "bc"}, {findLast("aaa", "aa"), "aaa"}, {findLast("abc", ""), "-"},
-                 {encode("a b.c/"), "a%20b.c%2F"}, {encode("\xE2\x82\xAC\xC3\xA4z"), "%E2%82%AC%C3%A4z"},
-                 {encode("\xF0\x9F\x98"), "%F0%9F%98"},  // the text ends inside the sequence
-                 {encode(std::string(2000, 'a')), std::string(1023, 'a')}, {encode(std::string(2000, ' ')), full},
-                 {encode("a" + std::string(2000, ' ')), "a" + full.substr(0, 1020)}, {encode("x"), "x"}});
+                 {kept(my_string(number, "%s", full.c_str())), "1;" + full},
+                 {my_strrstr(copied("abcabc"), "bc"), "bc"}, {my_strrstr(copied("aaa"), "aa"), "aaa"},
+                 {url_encode(copied("\xE2\x82\xAC\xC3\xA4z")), "%E2%82%AC%C3%A4z"},
+                 {url_encode("a b.c/"), "a%20b.c%2F"},
+                 {url_encode(copied("\xF0\x9F\x98")), "%F0%9F%98"},  // the text ends inside the sequence
+                 {url_encode(std::string(2000, 'a').c_str()), std::string(1023, 'a')},
+                 {url_encode(std::string(2000, ' ').c_str()), full},
+                 {url_encode(("a" + std::string(2000, ' ')).c_str()), "a" + full.substr(0, 1020)},
+                 {url_encode("x"), "x"}});
+    const char *const nothing[] = {my_replaceChar(nullptr, "a", 'b'), my_replaceChar("a", nullptr, 'b'),
+                                   my_strrstr(text, "")};
+    EXPECT_THAT(nothing, testing::Each(nullptr));
+    EXPECT_THAT((std::vector{utf8_len(0x7F), utf8_len(0x80), utf8_len(0xBF), utf8_len(0xC0), utf8_len(0xDF)}),
+                testing::ElementsAre(1, 4, 4, 2, 2));
+    EXPECT_THAT((std::vector{utf8_len(0xE0), utf8_len(0xEF), utf8_len(0xF0)}), testing::ElementsAre(3, 3, 4));
 }
 
 TEST(Texts, AreReadAs32BitNumbersOnEveryHost) {
@@ -103,16 +105,6 @@ TEST(Texts, AreReadAs32BitNumbersOnEveryHost) {
                  {convert("-4294967296", 10), "4294967295|"}, {convert("99999999999999999999999", 10), "4294967295|"}});
 }
 // clang-format on
-
-TEST(Texts, GrowAndAreMeasured) {
-    char *const number = my_string(my_string(nullptr, "%d;", 1), "%s", "");
-    EXPECT_EQ(take(my_string(number, "%s", std::string(2000, 'x').c_str())), "1;" + std::string(2000, 'x'));
-    std::string lengths;
-    for (const int first : {0x7F, 0x80, 0xBF, 0xC0, 0xDF, 0xE0, 0xEF, 0xF0}) {
-        lengths += std::to_string(utf8_len(static_cast<unsigned char>(first)));
-    }
-    EXPECT_EQ(lengths, "14422334");
-}
 
 class Tables : public board::BoardTest {};
 
@@ -131,12 +123,11 @@ TEST_F(Tables, OfParametersAreReadByColumn) {
         {"& 1 2\nname \"open b\nname a b\n", 2, "b|"}};
     for (const auto &[content, column, values] : cases) {
         board::writeFile("/tmp/table", content);
-        char table[3][8] = {"", "", "???????"};
+        std::vector<std::array<char, 8>> table(2);
+        const int count = read_parameter("/tmp/table", table[0].data(), 2, 8, column);
         std::string read;
-        const int count = read_parameter("/tmp/table", table[0], 2, 8, column);
-        for (int i = 0; i < count; ++i) read += table[i] + std::string("|");
+        for (int i = 0; i < count; ++i) read += table[static_cast<size_t>(i)].data() + std::string("|");
         EXPECT_EQ(read, values) << content;
-        EXPECT_STREQ(table[2], "???????") << "written past the table";
     }
     EXPECT_EQ(read_parameter("/tmp/none", nullptr, 1, 1, 1), 0);
     board::writeFile("/tmp/list", "# comment x\n1 one\nalone\n2 \"two words\"\n3 a-long-value more\n\"open x\n4 last");
@@ -157,14 +148,13 @@ TEST_F(Tables, OfTheSystemAreSelectedByItsMark) {
         // Digits up to the record's end: the number is out of range, its masks still select.
         {acme + std::string(26, 'f'), "& fff000\nx html\n", "& fff\nx entry\n", "html", "entry", 0}};
     for (const auto &[record, htmlText, entryText, htmlRead, entryRead, result] : cases) {
-        memset(html_fmt, 0, sizeof html_fmt);
-        memset(entry_num, 0, sizeof entry_num);
+        html_fmt[0][0] = entry_num[0][0] = '\0';
         setenv("REMOTE_USER_PRIVILEGE", "1", 1);
         board::writeFile("/etc/system.info", record);
         board::writeFile("/etc/html.info", htmlText);
         board::writeFile("/etc/entry.info", entryText);
-        const std::unique_ptr<char[]> bytes(new char[kSystemInfoSize]);
-        EXPECT_EQ(my_systemInfo(bytes.get()), result) << record;
+        std::vector<char> bytes(kSystemInfoSize);
+        EXPECT_EQ(my_systemInfo(bytes.data()), result) << record;
         EXPECT_EQ(html_fmt[0], htmlRead) << record;
         EXPECT_EQ(entry_num[0], entryRead) << record;
         EXPECT_STREQ(getenv("REMOTE_USER_PRIVILEGE"), "15");
