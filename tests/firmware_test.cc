@@ -97,7 +97,7 @@ TEST_F(Firmware, APartitionIsErasedWholeAndWritten) {
         {"more than it holds", 5, {}, kSize + 1, kSize, erased + "1 MB|2 MB|"},
         {"larger blocks", 2, {.blockSize = 2 * kBlock}, kSize, kSize, larger},
         {"a failed write", 3, {.failingWrite = 33}, 3 * kBlock, kBlock, erased},
-        {"blocks that cannot be unlocked", 5, {.failing = MEMUNLOCK}, 9, 9, erased + "done|"},
+        {"blocks that cannot be unlocked", 5, {.failing = MEMUNLOCK}, 17, 17, erased + "done|"},
         {"no geometry", 2, {.failing = MEMGETINFO}, 1, -1, ""},
         {"no memory for a block", 3, {.noMemoryFor = kBlock}, 9, -1, "no memory for an erase block|"},
         {"blocks of no size", 5, {.blockSize = 0}, 1, -1, ""}};
@@ -125,6 +125,9 @@ TEST_F(Firmware, APartitionThatIsNotThereIsPassedOver) {
     writePartitions(2, "/tmp/data", nullptr, 0);
     EXPECT_FALSE(board::exists("/tmp/dev/mtd2")) << "nothing is created";
     EXPECT_TRUE(flash(2) == kOld && flash(4) == kOld);
+    board::writeFile("/flash/mtd3", "");
+    writePartitions(3, "/dev/null", nullptr, 0);
+    EXPECT_EQ(faults.unlocked, 1U) << "a partition without a size";
 }
 
 TEST_F(Firmware, AnOpenFileIsWrittenFromWhereItStands) {

@@ -99,6 +99,7 @@ TEST_F(Identity, SlotsGetOneAddressAfterAnother) {
                               "\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\0\0\2\0\0\0\0\0\3"s;
     EXPECT_EQ(flash().replace(kChecksum, 2, "xx"), slots + kInitial.substr(slots.size()));
     EXPECT_TRUE(checksumHolds());
+    EXPECT_STREQ(RETURN_DEF_STR("WIFI_2.4G_MAC"), "00:00:00:00:00:03") << "the last of two";
     EXPECT_THAT(board::log(), ElementsAre("set ethernet MAC: FF:FF:FF:FF:FF:FD, ftell=0xc",
                                           "set ethernet MAC: FF:FF:FF:FF:FF:FE, ftell=0x6",
                                           "set wireless(5G) MAC: 00:00:00:00:00:00, ftell=0x18",
