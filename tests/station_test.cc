@@ -73,6 +73,8 @@ TEST(Frames, OfRepliesMustBeExact) {
     Pair pair;
     for (const char c : frame(longer)) pair.boardSends({c});
     EXPECT_EQ(pair.session.receiveReply(Milliseconds(50)), longer) << "in pieces";
+    for (const std::string &piece : {exactly64, "b"s}) pair.boardSends(piece);
+    EXPECT_THROW(pair.session.receiveReply(Milliseconds(50)), SessionError) << "longer than 64, and without an end";
     pair.session.sendCommand("PING");
     char bytes[100];
     EXPECT_EQ(std::string(bytes, static_cast<size_t>(recv(pair.ends[1], bytes, sizeof bytes, 0))), frame("PING"));
