@@ -263,20 +263,10 @@ class Discovery : public ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        board::inStationNetwork([&] { link_ = station::openLink("station"); });
         name_ = board::run("ip -o link show eth0 | sed 's/.*ether //'").substr(0, 17);
         board_ = station::parseMac(name_);
     }
 
-    // A frame from the station, filled to `size` bytes.
-    std::string frame(const Mac &destination, const char *etherType, size_t size = 60) const {
-        const Mac source = link_->address();
-        std::string bytes(destination.begin(), destination.end());
-        bytes.append(source.begin(), source.end());
-        return board::padded(bytes + etherType, size, '\x5A');
-    }
-
-    std::unique_ptr<station::FrameLink> link_;
     Mac board_{};
     std::string name_;  // of the same, as the log has it
 };

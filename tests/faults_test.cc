@@ -30,7 +30,6 @@ protected:
     void SetUp() override {
         ServiceTest::SetUp();
         for (const char *variable : {"FAIL_CALL", "LIST_CALLS"}) unsetenv(variable);
-        if (!link_) board::inStationNetwork([&] { link_ = station::openLink("station"); });
     }
 
     // Every command with an operation of its own; what it writes to a partition is 0xAA and 0xFF alone.
@@ -58,10 +57,8 @@ protected:
 
     // The service's next connection; none when it has ended. Asked often, as one that listens polls without a pause.
     std::optional<Session> acceptUnlessItEnds(station::Listener &listener) {
-        const station::Mac source = link_->address();
-        const std::string request = std::string(6, '\xFF') + std::string(source.begin(), source.end()) + "\x55\xAA";
         for (int tries = 0; serviceStatus(0) == board::kRuns && tries < 6000; ++tries) {
-            link_->send(board::padded(request, 60));
+            link_->send(frame(station::kBroadcast, "\x55\xAA"));
             try {
                 return listener.accept(Milliseconds(10));
             } catch (const SessionError &) {
@@ -120,7 +117,6 @@ protected:
     }
 
     const board::NamedProcess telnetd_{"telnetd"};
-    std::unique_ptr<station::FrameLink> link_;
 };
 
 // The places that call are dealt out to the instances.

@@ -1,6 +1,7 @@
 #pragma once
 // The service on the board, and the station's library at the other end of the cable.
 
+#include <memory>
 #include <optional>
 
 #include "station/wire/discovery.h"
@@ -19,7 +20,16 @@ protected:
             board::writeFile(flash, std::string(kPartition, 'U'));
         }
         board::run("ip link set eth0 up; ip addr flush dev eth0; ip addr add 192.168.1.1/24 dev eth0");
+        board::inStationNetwork([&] { link_ = station::openLink("station"); });
         setenv("HURRY", "100", 1);
+    }
+
+    // A frame from the station, filled to `size` bytes.
+    std::string frame(const station::Mac &destination, const char *etherType, size_t size = 60) const {
+        const station::Mac source = link_->address();
+        std::string bytes(destination.begin(), destination.end());
+        bytes.append(source.begin(), source.end());
+        return board::padded(bytes + etherType, size, '\x5A');
     }
 
     static station::Listener listen() {
@@ -40,4 +50,6 @@ protected:
         session.sendBytes(payload);
         return session.receiveReply(kSoon);
     }
+
+    std::unique_ptr<station::FrameLink> link_;
 };
