@@ -26,6 +26,8 @@
 
 namespace {
 
+const int kHurry = getenv("HURRY") != nullptr ? atoi(getenv("HURRY")) : 1;
+
 // Adds a line to the file, if there is to be one.
 void list(const char *path, const std::string &line) {
     if (path != nullptr) std::ofstream(path, std::ios::app) << line << '\n';
@@ -48,14 +50,9 @@ bool fails(const char *name, const void *place) {
     return true;
 }
 
-int hurry() {
-    const char *const times = getenv("HURRY");
-    return times != nullptr ? atoi(times) : 1;
-}
-
 int64_t sooner(int64_t microseconds) {
     list(getenv("LIST_WAITS"), std::to_string(microseconds));
-    return microseconds / hurry();
+    return microseconds / kHurry;
 }
 
 // Of a timeval or a timespec.
@@ -121,7 +118,7 @@ CALL(void *, reinterpret_cast<void *>(-1), shmat, (int id, const void *at, int f
 extern "C" int __real_clock_gettime(clockid_t clock, timespec *now);
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now) {
     const int result = __real_clock_gettime(clock, now);
-    const int64_t time = (int64_t{now->tv_sec} * 1000000 + now->tv_nsec / 1000) * hurry();
+    const int64_t time = (int64_t{now->tv_sec} * 1000000 + now->tv_nsec / 1000) * kHurry;
     *now = {time / 1000000, time % 1000000 * 1000};
     return result;
 }
