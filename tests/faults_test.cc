@@ -56,15 +56,13 @@ protected:
     }
 
     // The service's next connection; none when it has ended. Asked often, as one that listens polls without a pause.
-    std::optional<Session> acceptUnlessItEnds(station::Listener &listener) {
-        for (int tries = 0; serviceStatus(0) == board::kRuns && tries < 6000; ++tries) {
+    std::optional<Session> acceptUnlessItEnds(const station::Listener &listener) {
+        std::optional<Session> session;
+        board::waitFor(60, [&] {
             link_->send(frame(station::kBroadcast, "\x55\xAA"));
-            try {
-                return listener.accept(Milliseconds(10));
-            } catch (const SessionError &) {
-            }
-        }
-        return std::nullopt;
+            return (session = listener.take(0)) || serviceStatus(0) != board::kRuns;
+        });
+        return session;
     }
 
     // As far as it goes: after a fault the two may be out of step. Returns how many replies were as they should be.
@@ -86,7 +84,7 @@ protected:
     // Discovery and the whole session, again for as long as the service comes back.
     size_t runService(Milliseconds limit) {
         size_t right = 0;
-        station::Listener listener = listen();
+        const station::Listener listener = listen();
         start("qconly");
         while (std::optional<Session> session = acceptUnlessItEnds(listener)) right += serve(*session, limit);
         EXPECT_EQ(serviceStatus(), 0);
