@@ -375,7 +375,7 @@ TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
         std::erase_if(lines, [](const std::string &line) { return !line.starts_with("connecting "); });
         return lines;
     };
-    setenv("HURRY", "10", 1);  // the kernel's own answers come well within the limit of an attempt
+    setenv("HURRY", "20", 1);  // the kernel's own answers come within the limit of an attempt, as a rule
     setenv("LIST_WAITS", "/var/waits", 1);
     apply(kPresentStation, kPresentBoard);
     start("daemon");
