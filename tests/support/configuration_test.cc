@@ -136,7 +136,6 @@ TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     EXPECT_EQ(count(), 0U) << "somebody has loaded it, and emptied it";
     std::filesystem::remove_all("/etc/sysconfig");
     init_configuration();
-    EXPECT_EQ(count(), 0U);
     EXPECT_EQ(set_configuration("K", "v") + del_configuration("K") + save_configuration("K", "v"), -3);
 }
 
@@ -186,7 +185,6 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     load("A = 1\nB = 2\nC = 3\nD = 4\n");
     EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
     EXPECT_EQ(values({"A", "B", "C", "D"}), "-|2|3|-|");
-    EXPECT_EQ(count(), 2 + kHeaderRecords);
     load("A = 1\nB = 2\n");
     for (const char *call : {"malloc", "calloc"}) {
         for (const int passing : {0, 1, 4}) {
