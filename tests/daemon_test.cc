@@ -240,11 +240,14 @@ TEST_F(Modes, PortsAreAddressedAndPairsSwappedUntilOneIsMalformed) {
 TEST_F(Modes, AProcessThatKeepsItsTurnIsWaitedForOnce) {
     sembuf taken = {0, 1, SEM_UNDO}, givenBack = {0, -1, SEM_UNDO};
     const int turn = semget(kConfigurationKey, 1, IPC_CREAT | 0777);
+    init_configuration();
+    add_configuration("OTHER", "recorded");
     ASSERT_EQ(semop(turn, &taken, 1), 0);
     board::run("fabtestd mac 02:00:00:00:00:01");
     EXPECT_EQ(semop(turn, &givenBack, 1), 0);
     EXPECT_THAT(board::log(), Contains(HasSubstr("keeps its turn")).Times(1));
     EXPECT_STREQ(RETURN_DEF_STR("PORT1_ORIG_MAC"), "02:00:00:00:00:01");
+    EXPECT_STREQ(RETURN_DEF_STR("OTHER"), "recorded") << "what other programs recorded is still there";
 }
 
 TEST_F(Modes, AHandlerLeavesTheErrorNumberAlone) {

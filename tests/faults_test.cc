@@ -130,7 +130,7 @@ TEST_P(EveryCall, MayFailOnce) {
         SetUp();
         setenv("FAIL_CALL", calls[i].c_str(), 1);
         SCOPED_TRACE(calls[i]);
-        runService(Milliseconds(2000));
+        runService(Milliseconds(1000));
         expectNothingElseOnTheFlash();
         TearDown();
     }
