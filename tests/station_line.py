@@ -1,18 +1,18 @@
 #!/usr/bin/python3
 """usage: tests/station_line.py [RUNS]
 
-A whole line on this machine: 16 places, each with a cable of its own, and one station that serves them. Boards with the
-real daemon are put in and taken out until RUNS of them have passed (default 32), while some lose their power in the
-middle of the flashing, adapters are unplugged, strangers knock at the port, and the station is stopped, killed and
-started again. At the end
-each board that was cabled long enough must have passed in exactly one run, at its own place, and the station must hold
-no more memory and descriptors than before. Runs itself on the native board (board/native), from the build in BUILD.
+A whole line on this machine: up to 16 places, each with a cable of its own, and one station that serves them. Boards
+with the real daemon are put in and taken out until RUNS of them have passed (16 at half as many places, unless said
+otherwise), while some lose their power in the middle of the flashing, adapters are unplugged, strangers knock at the
+port, and the station is stopped, killed and started again. At the end each board that was cabled long enough must have
+passed in exactly one run, at its own place, and the station must hold no more memory and descriptors than before. Runs
+itself on the native board (board/native), from the build in BUILD.
 """
 import glob, json, os, random, signal, subprocess, sys, threading, time
 
 os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # what is freed there is no growth
-RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 32
-PLACES = 16
+RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 16
+PLACES = min(16, RUNS // 2)
 if not os.path.exists('/src/tests/station_line.py'):
     native = os.path.dirname(os.path.realpath(__file__)) + '/../board/native'
     os.execv(native, [native, 'python3', '/src/tests/station_line.py', str(RUNS)])
