@@ -8,7 +8,7 @@ many stations, boards of each, kills and absences; '8 64 200 10' takes some minu
 import asyncio, collections, csv, glob, json, os, random, shutil, signal, socket, sqlite3, subprocess, sys, tempfile
 
 QCSTATION, SHARED = os.path.abspath(sys.argv[1]) + '/qcstation', sys.argv[2] == 'PostgreSQL'
-STATIONS, BOARDS, KILLS, ABSENCES = map(int, os.environ.get('CHAOS', '2 8 6 1').split())
+STATIONS, BOARDS, KILLS, ABSENCES = map(int, os.environ.get('CHAOS', '2 6 5 1').split())
 SERVER = os.path.dirname(os.path.abspath(__file__)) + '/postgresql'
 PLAN = '''- {send: INFO, match: '^INFO (?P<serial>S[0-9]+)$', required: true}
 - {send: 'MAC {mac}', expect: MAC 4}
