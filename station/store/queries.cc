@@ -170,7 +170,7 @@ std::string parseTime(const std::string &text) {
     if (error == std::errc() && unit != kMinutes.end() && ago >= 0) {
         return isoTime(WallClock::now() - std::chrono::minutes(int64_t(ago) * unit->second));
     }
-    const std::string time = text.ends_with('Z') ? text.substr(0, text.size() - 1) : text;
+    std::string time = text.ends_with('Z') ? text.substr(0, text.size() - 1) : text;
     if (isTime(time)) return time;
     throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
 }
