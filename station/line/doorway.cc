@@ -67,7 +67,10 @@ bool Doorway::judge(Newcomer &newcomer, bool &board) {
         newcomer.arrival.session.receiveNow(newcomer.answer, kFrame);
         board = isAnswer(newcomer.answer);
         if (board) return true;
-        if (newcomer.answer.size() == kFrame) why = fmt::format("it is no board: it said \"{}\"", newcomer.answer);
+        if (newcomer.answer.size() == kFrame) {
+            // Without what fills the frame behind its text.
+            why = fmt::format("it is no board: it said \"{}\"", newcomer.answer.c_str());
+        }
         if (Clock::now() - newcomer.since > kPatience) why = "it is no board: it does not answer";
     } catch (const SessionError &error) {
         why = error.what();
