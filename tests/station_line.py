@@ -12,7 +12,7 @@ import glob, json, os, random, signal, subprocess, sys, threading, time
 
 os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # what is freed there is no growth
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 16
-PLACES = min(16, RUNS // 2)
+PLACES = max(1, min(16, RUNS // 2))
 if not os.path.exists('/src/tests/station_line.py'):
     native = os.path.dirname(os.path.realpath(__file__)) + '/../board/native'
     os.execv(native, [native, 'python3', '/src/tests/station_line.py', str(RUNS)])

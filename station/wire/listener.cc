@@ -45,7 +45,8 @@ std::string hintFor(int error, const std::string &address, const std::string &in
 // How soon a board is missed that has gone without a word: the kernel asks it after so many seconds of silence, and
 // then as often. One that was switched off and on says no at once; one that is off, or whose adapter was unplugged, is
 // given up half a minute after its last word, also in the middle of an upload, where nothing is asked but sent again,
-// ever more seldom.
+// ever more seldom. So is one that is there and takes nothing of an upload for so long: boards take all that comes,
+// also when they have no room for it.
 void watchPeer(int socket) {
     const int on = 1, seconds = 3, patience = 30000;
     setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
