@@ -124,7 +124,7 @@ def check_schemas(folder):
     seen = {event["event"] for event in events}
     assert seen >= {"board_connects", "step_starts", "progress", "step_ends", "board_ends"}, seen
     known = {shape["properties"]["event"]["const"] for shape in schemas["event"]["oneOf"]}
-    told = set(re.findall(r'line\("(\w+)"', open(f"{ROOT}/station/line/events.cc").read()))
+    told = set(re.findall(r'line\("(\w+)"', open(f"{ROOT}/station/run/events.cc").read()))
     assert known == told, known ^ told
     assert sorted(record["verdict"] for record in records(folder, "line")) == ["failed", "passed"]
     for record in records(folder, "line"):

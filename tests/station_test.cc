@@ -11,7 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "station/line/run.h"
+#include "station/run/run.h"
 #include "station/plan/plan.h"
 #include "station/wire/listener.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "station/line/output.h"
+#include "station/run/output.h"
 
 namespace station {
 namespace {

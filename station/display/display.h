@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "station/line/observer.h"
-#include "station/line/operator.h"
+#include "station/run/observer.h"
+#include "station/run/operator.h"
 
 namespace station {
 

@@ -23,8 +23,8 @@
 
 #include "station/display/display.h"
 #include "station/display/layout.h"
-#include "station/line/durations.h"
-#include "station/line/record_json.h"
+#include "station/run/durations.h"
+#include "station/run/record_json.h"
 
 namespace station {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "station/line/observer.h"
+#include "station/run/observer.h"
 #include "station/wire/listener.h"
 
 namespace station {

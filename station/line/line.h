@@ -12,8 +12,8 @@
 
 #include "station/line/crew.h"
 #include "station/line/doorway.h"
-#include "station/line/hooks.h"
 #include "station/line/seat.h"
+#include "station/run/hooks.h"
 
 namespace station {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "station/line/hooks.h"
 #include "station/plan/plan.h"
+#include "station/run/hooks.h"
 
 namespace station {
 

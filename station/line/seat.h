@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "station/line/run.h"
+#include "station/run/run.h"
 
 namespace station {
 

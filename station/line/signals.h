@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "station/line/observer.h"
+#include "station/run/observer.h"
 #include "station/wire/socket.h"
 
 namespace station {

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "station/line/durations.h"
-#include "station/line/observer.h"
-#include "station/line/record_json.h"
 #include "station/page/shift.h"
+#include "station/run/durations.h"
+#include "station/run/observer.h"
+#include "station/run/record_json.h"
 #include "station/wire/socket.h"
 
 namespace station {

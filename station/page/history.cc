@@ -5,12 +5,12 @@
 #include <functional>
 #include <memory>
 
-#include "station/line/record_json.h"
 #include "station/page/archive.h"
 #include "station/page/chart.h"
 #include "station/page/html.h"
 #include "station/page/local_time.h"
 #include "station/page/run_page.h"
+#include "station/run/record_json.h"
 #include "station/store/format.h"
 #include "station/store/load.h"
 #include "station/store/queries.h"

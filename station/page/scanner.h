@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "station/line/operator.h"
 #include "station/page/floor.h"
+#include "station/run/operator.h"
 
 namespace station {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "station/line/record.h"
-#include "station/line/record_json.h"
+#include "station/run/record.h"
+#include "station/run/record_json.h"
 
 namespace station {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 #include "station/store/database.h"
 #include "station/store/queries.h"
 

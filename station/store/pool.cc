@@ -7,7 +7,7 @@
 #include <fstream>
 #include <optional>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 namespace {

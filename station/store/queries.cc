@@ -8,7 +8,7 @@
 #include <ctime>
 #include <map>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 #include "station/store/pool.h"
 
 namespace station {

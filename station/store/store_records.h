@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "station/line/records.h"
+#include "station/run/records.h"
 #include "station/store/writer.h"
 
 namespace station {

@@ -10,7 +10,7 @@
 #include <set>
 #include <utility>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 namespace {

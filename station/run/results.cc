@@ -1,4 +1,4 @@
-#include "station/line/results.h"
+#include "station/run/results.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -9,7 +9,7 @@
 #include <string>
 
 #include "image/new_file.h"
-#include "station/line/record_json.h"
+#include "station/run/record_json.h"
 #include "station/wire/socket.h"
 
 namespace station {

@@ -3,12 +3,12 @@
 
 #include <string>
 
-#include "station/line/observer.h"
-#include "station/line/operator.h"
-#include "station/line/records.h"
-#include "station/line/stop.h"
-#include "station/line/units.h"
 #include "station/plan/plan.h"
+#include "station/run/observer.h"
+#include "station/run/operator.h"
+#include "station/run/records.h"
+#include "station/run/stop.h"
+#include "station/run/units.h"
 #include "station/wire/session.h"
 
 namespace station {

@@ -1,8 +1,8 @@
-#include "station/line/events.h"
+#include "station/run/events.h"
 
 #include <nlohmann/json.hpp>
 
-#include "station/line/record_json.h"
+#include "station/run/record_json.h"
 
 namespace station {
 namespace {

@@ -4,7 +4,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 

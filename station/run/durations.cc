@@ -1,4 +1,4 @@
-#include "station/line/durations.h"
+#include "station/run/durations.h"
 
 #include <fmt/format.h>
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "station/line/records.h"
+#include "station/run/records.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "station/store/commands.h"
+#include "station/cli/store_commands.h"
 
 #include <fmt/format.h>
 
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "station/line/results.h"
+#include "station/run/results.h"
 #include "station/store/database.h"
 #include "station/store/format.h"
 #include "station/store/load.h"

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 

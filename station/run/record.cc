@@ -1,4 +1,4 @@
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -8,7 +8,7 @@
 #include <array>
 #include <random>
 
-#include "station/line/record_json.h"
+#include "station/run/record_json.h"
 
 namespace station {
 namespace {

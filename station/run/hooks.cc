@@ -1,4 +1,4 @@
-#include "station/line/hooks.h"
+#include "station/run/hooks.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -15,7 +15,7 @@
 #include <cstring>
 #include <vector>
 
-#include "station/line/record_json.h"
+#include "station/run/record_json.h"
 #include "station/wire/socket.h"
 
 namespace station {

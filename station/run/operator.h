@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "station/line/record_json.h"
+#include "station/run/record_json.h"
 
 #include <nlohmann/json.hpp>
 

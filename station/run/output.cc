@@ -1,4 +1,4 @@
-#include "station/line/output.h"
+#include "station/run/output.h"
 
 #include <cstdio>
 #include <utility>

@@ -9,11 +9,11 @@
 #include <string>
 #include <system_error>
 
-#include "station/exit_codes.h"
+#include "station/cli/exit_codes.h"
+#include "station/cli/line_commands.h"
+#include "station/cli/store_commands.h"
 #include "station/line/line_file.h"
-#include "station/line/records.h"
-#include "station/line_commands.h"
-#include "station/store/commands.h"
+#include "station/run/records.h"
 #include "station/store/pool.h"
 #include "station/wire/listener.h"
 

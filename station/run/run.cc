@@ -1,4 +1,4 @@
-#include "station/line/run.h"
+#include "station/run/run.h"
 
 #include <fmt/format.h>
 

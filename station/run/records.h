@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "station/line/record.h"
+#include "station/run/record.h"
 
 namespace station {
 

@@ -1,4 +1,4 @@
-#include "station/line_commands.h"
+#include "station/cli/line_commands.h"
 
 #include <fmt/format.h>
 #include <malloc.h>
@@ -14,14 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include "station/cli/exit_codes.h"
 #include "station/display/display.h"
-#include "station/exit_codes.h"
-#include "station/line/events.h"
 #include "station/line/line.h"
 #include "station/line/line_file.h"
-#include "station/line/results.h"
 #include "station/line/signals.h"
 #include "station/page/page.h"
+#include "station/run/events.h"
+#include "station/run/results.h"
 #include "station/store/pool.h"
 #include "station/store/store_records.h"
 #include "station/wire/discovery.h"

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <string>
 
-#include "station/line/observer.h"
-#include "station/line/output.h"
+#include "station/run/observer.h"
+#include "station/run/output.h"
 
 namespace station {
 
