@@ -4,16 +4,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <map>
 #include <string_view>
 
-#include "image/md5.h"
-#include "image/new_file.h"
+#include "station/base/descriptor.h"
+#include "station/base/digest.h"
+#include "station/base/file.h"
 
 namespace fwimage {
 namespace {
@@ -28,8 +27,6 @@ constexpr size_t kTrailerSize = kDigestLength + 1;
 constexpr uint64_t kLongestFile = std::numeric_limits<int32_t>::max();
 
 constexpr char kTooLong[] = "more than the 2147483647 that a command can announce";
-
-std::string describe(const std::string &what) { return fmt::format("{}: {}", what, strerror(errno)); }
 
 bool isGraphic(char c) { return c > ' ' && c < 0x7F; }
 
@@ -188,7 +185,7 @@ void readSections(std::ifstream &file, uint64_t end, Contents &contents) {
 }
 
 void readTrailer(std::ifstream &file, uint64_t end, Contents &contents) {
-    Md5 digest;
+    station::Digest digest("MD5");
     file.clear();
     file.seekg(0);
     readPieces(file, end, [&](std::string_view piece) { digest.feed(piece); });
@@ -215,8 +212,8 @@ std::vector<std::string> create(const fs::path &path, const Product &product, co
         throw ImageError(fmt::format("the image would have {} bytes, {}", length + kTrailerSize, kTooLong));
     }
 
-    NewFile image(path);
-    Md5 digest;
+    station::NewFile image(path);
+    station::Digest digest("MD5");
     const auto write = [&](std::string_view bytes) {
         digest.feed(bytes);
         image.write(bytes);
@@ -227,12 +224,12 @@ std::vector<std::string> create(const fs::path &path, const Product &product, co
         write(headers[i]);
         written += kHeaderSize;
         std::ifstream file(sources[i].file, std::ios::binary);
-        if (!file) throw ImageError(describe("cannot read " + sources[i].file.string()));
+        if (!file) throw ImageError(station::describeError("cannot read " + sources[i].file.string()));
         readPieces(file, kLongestFile, [&](std::string_view piece) {
             write(piece);
             written += piece.size();
         });
-        if (file.bad()) throw ImageError(describe("cannot read " + sources[i].file.string()));
+        if (file.bad()) throw ImageError(station::describeError("cannot read " + sources[i].file.string()));
     }
     if (written != length) throw ImageError("a file changed while it was read");
     image.write(digest.text() + "\n");
@@ -244,7 +241,7 @@ Contents inspect(const fs::path &path) {
     std::error_code error;
     if (fs::is_directory(path, error)) throw ImageError(fmt::format("{} is a directory", path.string()));
     std::ifstream file(path, std::ios::binary);
-    if (!file) throw ImageError(describe("cannot open " + path.string()));
+    if (!file) throw ImageError(station::describeError("cannot open " + path.string()));
     file.seekg(0, std::ios::end);
     const std::streamoff end = file.tellg();
     if (end < 0)

@@ -267,16 +267,16 @@ protected:
     void SetUp() override {
         ServiceTest::SetUp();
         name_ = board::run("ip -o link show eth0 | sed 's/.*ether //'").substr(0, 17);
-        board_ = station::parseMac(name_);
+        board_ = station::parseMac(name_).value();
     }
 
-    Mac board_{};
+    Mac board_ = 0;
     std::string name_;  // of the same, as the log has it
 };
 
 TEST_F(Discovery, AnswersThreeTimesAndThenConnects) {
     for (const size_t size : {14, 60, 1024, 1025, 1514}) {
-        for (const Mac &destination : {station::kBroadcast, board_}) {
+        for (const Mac destination : {station::kBroadcast, board_}) {
             SetUp();
             station::Listener listener = listen();
             start("qconly");
@@ -294,7 +294,7 @@ TEST_F(Discovery, AnswersThreeTimesAndThenConnects) {
 TEST_F(Discovery, IgnoresWhatIsNotForTheBoard) {
     start("qconly");
     // Until the listener, which tells of itself first, is there.
-    const Mac third = {0x02, 0x99, 0, 0, 0, 1};
+    const Mac third = 0x029900000001;
     ASSERT_TRUE(board::waitFor(20, [&] {
         link_->send(frame(third, "\x55\xAA"));
         return board::waitForLog("dest mac = 02:99:00:00:00:01", 0.2);

@@ -25,11 +25,8 @@ protected:
     }
 
     // A frame from the station, filled to `size` bytes.
-    std::string frame(const station::Mac &destination, const char *etherType, size_t size = 60) const {
-        const station::Mac source = link_->address();
-        std::string bytes(destination.begin(), destination.end());
-        bytes.append(source.begin(), source.end());
-        return board::padded(bytes + etherType, size, '\x5A');
+    std::string frame(station::Mac destination, const char *etherType, size_t size = 60) const {
+        return board::padded(station::bytesOf(destination) + station::bytesOf(link_->address()) + etherType, size, '\x5A');
     }
 
     static station::Listener listen() {

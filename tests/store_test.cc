@@ -125,7 +125,7 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
         {"00:FF:00:00:00:00", "02:00:00:00:00:00", "first byte must be one and the same"},
         {"00:00:00:00:00:00", "00:00:00:00:00:01", "is no board's address"},
         {"04:00:00:00:00:01", "04:00:00:00:00:00", "above the last"},
-        {"04:00:00:00:00:0", "04:00:00:00:00:01", "is no MAC address"}};
+        {"04:00:00:00:00:0", "04:00:00:00:00:01", "is not a MAC address"}};
     for (const auto &[first, last, why] : wrong) {
         EXPECT_THAT(refusal([&] { addRange(database, "b", first, last, -1); }), HasSubstr(why));
     }

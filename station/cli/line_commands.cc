@@ -78,7 +78,9 @@ struct Nobody : Operator {
 
 void discover(const Discovery &discovery, FILE *said) {
     const auto link = openLink(discovery.link);
-    const Mac board = station::discover(*link, parseMac(discovery.board), discovery.size, discovery.limit());
+    const auto wanted = parseMac(discovery.board);
+    if (!wanted) throw SessionError(fmt::format("\"{}\" is not a MAC address", discovery.board));
+    const Mac board = station::discover(*link, *wanted, discovery.size, discovery.limit());
     fmt::print(said, "board {} answered three times\n", formatMac(board));
     std::fflush(said);
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "station/base/text.h"
 #include "station/run/results.h"
 #include "station/store/database.h"
 #include "station/store/format.h"
@@ -38,11 +39,6 @@ using Work = std::function<void(Options &, Database &)>;
 
 // ---- how a table is shown
 
-// How many columns of a terminal the text takes, as far as one a character holds.
-size_t width(const std::string &text) {
-    return size_t(std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
-}
-
 void printTable(const Table &table) {
     std::vector<std::vector<std::string>> lines = {table.columns};
     for (const auto &row : table.rows) {
@@ -50,12 +46,12 @@ void printTable(const Table &table) {
     }
     std::vector<size_t> widths(table.columns.size());
     for (const auto &line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width(line[i]));
+        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], charactersOf(line[i]));
     }
     for (const auto &line : lines) {
         std::string shown;
         for (size_t i = 0; i < line.size(); ++i) {
-            const std::string blanks(widths[i] - width(line[i]), ' ');
+            const std::string blanks(widths[i] - charactersOf(line[i]), ' ');
             const bool right = isNumber(table.columns[i]);
             shown += (i ? "  " : "") + (right ? blanks + line[i] : line[i] + blanks);
         }

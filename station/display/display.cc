@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "station/base/text.h"
 #include "station/run/output.h"
 
 namespace station {

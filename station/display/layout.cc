@@ -32,7 +32,7 @@ size_t offsetOf(const std::string &text, size_t character) {
 }
 
 std::string fill(const std::string &text, size_t columns) {
-    const std::string cut = shorten(text, columns);
+    const std::string cut = withoutMiddle(text, columns);
     return cut + std::string(columns - columnsOf(cut), ' ');
 }
 
@@ -59,7 +59,7 @@ std::string withUnit(const Row &row) { return row.unit.empty() ? row.text : row.
 std::string runningLine(const Row &row, size_t columns) {
     const std::string start =
         fmt::format("{} {:2}/{} ", bar(row, std::clamp(columns / 5, kNarrowestBar, kWidestBar)), row.step, row.steps);
-    return start + shorten(withUnit(row), columns - std::min(columns, columnsOf(start)));
+    return start + withoutMiddle(withUnit(row), columns - std::min(columns, columnsOf(start)));
 }
 
 std::string verdictText(const Row &row) {
@@ -97,7 +97,7 @@ public:
             if (tall) lines_.push_back(empty);
             add(row);
             if (tall) lines_.push_back(empty);
-            if (!row.hint.empty()) lines_.push_back(shorten(fmt::format("  -> {}", row.hint), screen_.columns));
+            if (!row.hint.empty()) lines_.push_back(withoutMiddle(fmt::format("  -> {}", row.hint), screen_.columns));
         }
         return std::move(lines_);
     }
@@ -113,7 +113,7 @@ public:
         std::stable_sort(shown.begin(), shown.end(), [](const Row *a, const Row *b) { return rank(*a) > rank(*b); });
         std::string head = fmt::format("{} places:", rows_.size());
         for (size_t i = 0; i < counts.size(); ++i) head += fmt::format("  {} {}", counts[i], kCounted[i]);
-        lines_.push_back(shorten(head, screen_.columns));
+        lines_.push_back(withoutMiddle(head, screen_.columns));
         for (const Row *const row : shown) {
             if (lines_.size() < room) add(*row);
         }
@@ -147,7 +147,7 @@ private:
 
 }  // namespace
 
-std::string shorten(const std::string &text, size_t columns) {
+std::string withoutMiddle(const std::string &text, size_t columns) {
     constexpr char kGap[] = "..";
     const size_t length = columnsOf(text);
     if (length <= columns) return text;
@@ -163,7 +163,7 @@ std::vector<std::string> layOut(const std::vector<Row> &rows, const Screen &scre
     const bool fits = layout.height(1) <= room;
     std::vector<std::string> lines =
         fits ? layout.all(layout.height(kTallVerdict) <= room ? kTallVerdict : 1) : layout.summary(room);
-    for (const std::string &line : foot) lines.push_back(shorten(line, screen.columns));
+    for (const std::string &line : foot) lines.push_back(withoutMiddle(line, screen.columns));
     return lines;
 }
 

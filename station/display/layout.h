@@ -33,6 +33,6 @@ std::vector<std::string> layOut(const std::vector<Row> &rows, const Screen &scre
                                 const std::vector<std::string> &foot);
 
 // The text without its middle, when it has more characters than columns.
-std::string shorten(const std::string &text, size_t columns);
+std::string withoutMiddle(const std::string &text, size_t columns);
 
 }  // namespace station

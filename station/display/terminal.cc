@@ -21,6 +21,7 @@
 #include <thread>
 #include <utility>
 
+#include "station/base/text.h"
 #include "station/display/display.h"
 #include "station/display/layout.h"
 #include "station/run/durations.h"

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "station/base/descriptor.h"
+
 namespace station {
 namespace {
 

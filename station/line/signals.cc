@@ -8,6 +8,8 @@
 
 #include <csignal>
 
+#include "station/base/text.h"
+
 namespace station {
 namespace {
 
@@ -35,7 +37,7 @@ bool stopsWithin(std::chrono::seconds duration) {
 
 Signals::Signals(SignalActions actions) : actions_(std::move(actions)), signals_(-1), done_(eventfd(0, EFD_CLOEXEC)) {
     const sigset_t set = held();
-    signals_ = Socket(signalfd(-1, &set, SFD_CLOEXEC));
+    signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
     thread_ = std::thread([this] { watch(); });
 }
 

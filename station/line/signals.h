@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "station/base/descriptor.h"
 #include "station/run/observer.h"
-#include "station/wire/socket.h"
 
 namespace station {
 
@@ -37,7 +37,7 @@ private:
     void watch();
 
     SignalActions actions_;
-    Socket signals_, done_;
+    Descriptor signals_, done_;
     std::thread thread_;
 };
 

@@ -3,14 +3,14 @@
 #include <fmt/format.h>
 #include <httplib.h>
 #include <openssl/crypto.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
+
+#include "station/base/machine.h"
 
 namespace station {
 namespace {
@@ -75,12 +75,6 @@ private:
     size_t at_ = 0;
 };
 
-std::string machineName() {
-    std::array<char, 256> name{};
-    gethostname(name.data(), name.size() - 1);
-    return lower(name.data());
-}
-
 // Without telling by its time how much of it is right.
 bool same(const std::string &a, const std::string &b) {
     return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
@@ -116,7 +110,7 @@ bool isLoopback(const std::string &address) { return address.starts_with("127.")
 class Exchange::Http : private httplib::Server {
 public:
     Http(const Routes &routes, uint16_t port, std::string token)
-        : routes_(routes), port_(port), token_(std::move(token)), machine_(machineName()) {
+        : routes_(routes), port_(port), token_(std::move(token)), machine_(lower(hostName())) {
         set_default_headers(kHeaders);
         set_payload_max_length(kLongestBody);
         set_pre_routing_handler([this](const Request &request, Response &response) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "station/base/text.h"
 #include "station/display/display.h"
 #include "station/page/static_files.h"
 

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "station/base/time.h"
 #include "station/page/shift.h"
 #include "station/run/durations.h"
 #include "station/run/observer.h"
 #include "station/run/record_json.h"
-#include "station/wire/socket.h"
 
 namespace station {
 

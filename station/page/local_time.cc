@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "station/base/time.h"
 #include "station/store/queries.h"
 
 namespace station {
@@ -33,12 +34,7 @@ std::string midnight() {
 }  // namespace
 
 std::time_t timeOf(const std::string &utc) {
-    std::tm date{};
-    for (const char *const form : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H", "%Y-%m-%d"}) {
-        if (::strptime(utc.c_str(), form, &date)) return ::timegm(&date);
-        date = {};
-    }
-    return 0;
+    return WallClock::to_time_t(parseIsoTime(utc).value_or(WallClock::time_point()));
 }
 
 std::string localTime(std::time_t time, const char *form) { return shown(localDate(time), form); }

@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "station/base/descriptor.h"
+
 namespace station {
 namespace {
 
@@ -57,7 +59,7 @@ enum class State { kReading, kAnswering, kWriting, kStreaming, kLeaving, kOver }
 
 struct PageServer::Connection {
     uint64_t id;
-    Socket socket;
+    Descriptor socket;
     std::string address;
     Clock::time_point deadline = Clock::now() + kForRequest;
     State state = State::kReading;
@@ -155,7 +157,7 @@ void PageServer::await() {
 
 void PageServer::admit() {
     for (size_t i = 0; i < kAdmitted && Clock::now() >= pausedUntil_ && makeRoom(); ++i) {
-        Socket socket(accept4(listener_.descriptor(0), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        Descriptor socket(accept4(listener_.descriptor(0), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.descriptor() < 0) {
             const bool none = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
             if (!none) pausedUntil_ = Clock::now() + kDescriptorPause;

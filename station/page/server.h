@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "station/base/descriptor.h"
 #include "station/line/line_file.h"
 #include "station/page/exchange.h"
 #include "station/wire/listener.h"
-#include "station/wire/socket.h"
 
 namespace station {
 
@@ -67,7 +67,7 @@ private:
     const std::string token_;
     const Feed feed_;
     Routes routes_;
-    Socket wakeup_;
+    Descriptor wakeup_;
     std::unique_ptr<Exchange> exchange_;
     std::list<Connection> connections_;
     uint64_t connectionsMade_ = 0;

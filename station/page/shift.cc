@@ -1,23 +1,17 @@
 #include "station/page/shift.h"
 
 #include <fmt/chrono.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "station/base/machine.h"
+#include "station/base/time.h"
 #include "station/store/queries.h"
 
 namespace station {
 namespace {
-
-std::string hostName() {
-    std::array<char, 256> name{};
-    gethostname(name.data(), name.size() - 1);
-    return name.data();
-}
 
 std::string cell(const Table &table, const std::vector<Value> &row, std::string_view column) {
     const auto at = std::find(table.columns.begin(), table.columns.end(), column);

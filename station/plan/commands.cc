@@ -6,14 +6,14 @@
 #include <algorithm>
 #include <iterator>
 
+#include "station/base/mac.h"
+#include "station/plan/payload.h"
 #include "station/wire/session.h"
 
 namespace station {
 namespace {
 
 using re2::RE2;
-
-constexpr uint64_t kLargestPayload = 2147483647;
 
 // What is wrong with an argument; empty for nothing.
 using ArgumentFault = std::string (*)(std::string_view argument, const Command &command);
@@ -32,16 +32,14 @@ std::string sizeOfScript(std::string_view argument, const Command &command) {
 
 // Without colons the board reads a decimal number, and takes its low 48 bits.
 std::string address(std::string_view argument, const Command &) {
-    uint64_t number = 0;
-    std::string digits(argument);
-    if (RE2::FullMatch(digits, "([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}")) {
-        digits.erase(std::remove(digits.begin(), digits.end(), ':'), digits.end());
-        number = std::stoull(digits, nullptr, 16);
-    } else if (!RE2::FullMatch(digits, "([0-9]{1,15})", &number) || number >> 48 != 0) {
+    Mac number = 0;
+    const std::string text(argument);
+    const auto withColons = text.find(':') == 2 ? parseMac(text) : std::nullopt;
+    if (!withColons && (!RE2::FullMatch(text, "([0-9]{1,15})", &number) || number >> 48 != 0)) {
         return fmt::format("\"{}\" is no MAC address: six pairs of hexadecimal digits with colons, or a decimal number",
                            argument);
     }
-    if (number != 0 && (number >> 40 & 1) == 0) return {};
+    if (isIndividual(withColons.value_or(number))) return {};
     return fmt::format("no board may have the MAC address \"{}\": it is zero, or a group's", argument);
 }
 

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "station/base/text.h"
+
 namespace station {
 namespace {
 
@@ -56,11 +58,6 @@ std::optional<Variables> Expression::find(const std::string &text) const {
     return named;
 }
 
-std::string shorten(const std::string &text) {
-    constexpr size_t kQuoted = 400;
-    return text.size() <= kQuoted ? text : text.substr(0, kQuoted) + "...";
-}
-
 Expectation Expectation::with(const Variables &variables) const {
     Expectation ready;
     if (text) ready.text = expand(*text, variables);
@@ -69,10 +66,10 @@ Expectation Expectation::with(const Variables &variables) const {
 }
 
 std::string Expectation::judge(const std::string &actual, Variables &groups) const {
-    if (text && actual != *text) return fmt::format("expected \"{}\", got \"{}\"", *text, shorten(actual));
+    if (text && actual != *text) return fmt::format("expected \"{}\", got \"{}\"", *text, shorten(actual, kQuoted));
     if (!match) return {};
     std::optional<Variables> found = match->find(actual);
-    if (!found) return fmt::format("expected a match of \"{}\", got \"{}\"", match->text(), shorten(actual));
+    if (!found) return fmt::format("expected a match of \"{}\", got \"{}\"", match->text(), shorten(actual, kQuoted));
     groups = std::move(*found);
     return {};
 }

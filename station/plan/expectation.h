@@ -37,8 +37,8 @@ private:
     bool open_;                                 // there are names in it
 };
 
-// A text as a failure quotes it: its start, as records have all of it.
-std::string shorten(const std::string &text);
+// Bytes of a text that a failure quotes: its start, as records have all of it.
+constexpr size_t kQuoted = 400;
 
 // All of a text, a match in it, or nothing.
 struct Expectation {

@@ -1,6 +1,7 @@
 #pragma once
 // The files of a plan.
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -15,9 +16,9 @@ struct Payload {
     std::string md5;                           // 32 lower-case hexadecimal digits
 };
 
-// All of a regular file. Throws std::runtime_error, which says why it cannot be read.
-std::string readFile(const std::filesystem::path &path);
+constexpr uint64_t kLargestPayload = 2147483647;  // bytes that the board can be told of
 
-Payload readPayload(const std::filesystem::path &path);  // throws the same
+// Throws std::runtime_error, which says why the file cannot be read.
+Payload readPayload(const std::filesystem::path &path);
 
 }  // namespace station

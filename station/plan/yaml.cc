@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
-#include "station/plan/payload.h"
+#include "station/base/file.h"
 
 namespace station {
 
 YAML::Node loadDocument(const std::filesystem::path &path) {
     try {
-        const std::vector<YAML::Node> documents = YAML::LoadAll(readFile(path));
+        const std::vector<YAML::Node> documents = YAML::LoadAll(readFile(path, kLargestFile));
         if (documents.size() > 1) throw Fault{documents[1].Mark(), "a second document: a file has one"};
         return documents.empty() ? YAML::Node() : documents.front();
     } catch (const YAML::Exception &error) {

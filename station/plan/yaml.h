@@ -19,6 +19,8 @@ struct Fault {
     std::string text;
 };
 
+constexpr uint64_t kLargestFile = 1 << 20;  // bytes: a hundred times what people write
+
 // The file's only document. Throws Fault, also for a second document.
 YAML::Node loadDocument(const std::filesystem::path &path);
 

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "station/base/time.h"
 #include "station/run/record_json.h"
 
 namespace station {

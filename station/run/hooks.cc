@@ -15,8 +15,8 @@
 #include <cstring>
 #include <vector>
 
+#include "station/base/descriptor.h"
 #include "station/run/record_json.h"
-#include "station/wire/socket.h"
 
 namespace station {
 namespace {
@@ -34,9 +34,9 @@ std::vector<std::string> environmentFor(const RunRecord &run) {
 }
 
 // A file in memory, which no other process holds back by not reading or writing it.
-Socket memoryFile(const std::string &content) {
-    Socket file(memfd_create("hook", MFD_CLOEXEC));
-    if (pwrite(file.descriptor(), content.data(), content.size(), 0) < 0) return Socket(-1);
+Descriptor memoryFile(const std::string &content) {
+    Descriptor file(memfd_create("hook", MFD_CLOEXEC));
+    if (pwrite(file.descriptor(), content.data(), content.size(), 0) < 0) return Descriptor(-1);
     return file;
 }
 
@@ -74,7 +74,7 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
 
 // Waits for the end, or ends it at the limit. Returns what failed.
 std::string outcomeOf(pid_t pid, Milliseconds limit) {
-    const Socket process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     const bool ended = waitFor(process.descriptor(), POLLIN, Clock::now() + limit);
     if (!ended) kill(-pid, SIGKILL);
     int status = 0;
@@ -98,7 +98,7 @@ std::string endOf(int file) {
 
 std::string runHook(const Hook &hook, const RunRecord &run) {
     if (hook.command.empty()) return {};
-    const Socket input = memoryFile(dump(run) + "\n"), output = memoryFile("");
+    const Descriptor input = memoryFile(dump(run) + "\n"), output = memoryFile("");
     const pid_t pid = start(hook, run, input.descriptor(), output.descriptor());
     const std::string failure = pid < 0 ? strerror(-pid) : outcomeOf(pid, hook.limit);
     if (failure.empty()) return {};

@@ -1,14 +1,13 @@
 #include "station/run/record.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <re2/re2.h>
 
 #include <algorithm>
 #include <array>
 #include <random>
 
-#include "station/run/record_json.h"
+#include "station/base/text.h"
+#include "station/base/time.h"
 
 namespace station {
 namespace {
@@ -16,10 +15,6 @@ namespace {
 constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 constexpr std::array<std::string_view, 3> kVerdicts = {"not run", "passed", "failed"};
 constexpr std::array<std::string_view, 3> kMarks = {"-     ", "ok    ", "FAILED"};
-
-long millisecondsOf(WallClock::time_point time) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
-}
 
 size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
     return static_cast<size_t>(
@@ -40,12 +35,9 @@ const StepResult *RunRecord::firstFailed() const {
 }
 
 std::string makeRunId(WallClock::time_point start) {
-    return fmt::format("{:%Y%m%dT%H%M%S}.{:03}Z-{:08x}", fmt::gmtime(WallClock::to_time_t(start)),
-                       millisecondsOf(start), std::random_device()());
-}
-
-std::string isoTime(WallClock::time_point time) {
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(WallClock::to_time_t(time)), millisecondsOf(time));
+    std::string time = isoTime(start);
+    std::erase_if(time, [](char c) { return c == '-' || c == ':'; });
+    return fmt::format("{}-{:08x}", time, std::random_device()());
 }
 
 std::string countsOf(const RunRecord &run) {
@@ -54,24 +46,9 @@ std::string countsOf(const RunRecord &run) {
 }
 
 std::string describeStep(const StepResult &result) {
-    std::string text = oneLine(result.passed() ? result.reply : result.failure);
-    if (text.size() > kReplyWidth) {
-        size_t end = kReplyWidth;
-        while ((text[end] & 0xC0) == 0x80) --end;  // not within a character
-        text.erase(end).append("...");
-    }
+    const std::string text = shorten(oneLine(result.passed() ? result.reply : result.failure), kReplyWidth);
     return fmt::format("{}  {:7.2f} s  {}  ->  {}", kMarks[static_cast<size_t>(result.verdict)],
-                       double(result.duration.count()) / 1000, oneLine(result.title), text);
-}
-
-std::string oneLine(const std::string &text) {
-    static const re2::RE2 kLineEnd("\n"), kEscape("\x1B"), kControl("\\p{C}"), kNone("[\\x{FFFE}\\x{FFFF}]");
-    std::string line = asUtf8(text);
-    re2::RE2::GlobalReplace(&line, kLineEnd, R"(\\n)");
-    re2::RE2::GlobalReplace(&line, kEscape, R"(\\e)");
-    re2::RE2::GlobalReplace(&line, kControl, "?");
-    re2::RE2::GlobalReplace(&line, kNone, "\uFFFD");  // no characters, and forbidden in XML
-    return line;
+                       inSeconds(result.duration), oneLine(result.title), text);
 }
 
 }  // namespace station

@@ -1,7 +1,6 @@
 #pragma once
 // What is known of one run of a plan on one board: what results, store, display and hooks are made from.
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -10,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-namespace station {
+#include "station/base/time.h"
 
-using WallClock = std::chrono::system_clock;
+namespace station {
 
 // Where a board is cabled to the station.
 struct Place {
@@ -71,16 +70,10 @@ struct RunRecord {
 // "20261121T173000.123Z-" and eight random hexadecimal digits.
 std::string makeRunId(WallClock::time_point start);
 
-// In UTC to the millisecond: "2026-11-21T17:30:00.123Z".
-std::string isoTime(WallClock::time_point time);
-
 // "4 steps, 1 failed", and ", 2 not run" when there are such.
 std::string countsOf(const RunRecord &run);
 
 // A step's line: verdict, time, title, and the reply or what is wrong.
 std::string describeStep(const StepResult &result);
-
-// A text in one line, UTF-8 and fit for XML whatever the board sent: line ends and control characters become visible.
-std::string oneLine(const std::string &text);
 
 }  // namespace station

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "station/base/time.h"
+
 namespace station {
 namespace {
 
@@ -14,8 +16,6 @@ Json toJson(const Measurement &measurement) {
     return json;
 }
 
-double seconds(std::chrono::milliseconds duration) { return double(duration.count()) / 1000; }
-
 }  // namespace
 
 Json toJson(const Place &place) { return {{"number", place.number}, {"name", place.name}}; }
@@ -23,8 +23,8 @@ Json toJson(const Place &place) { return {{"number", place.number}, {"name", pla
 Json toJson(const StepResult &step) {
     Json json = {{"title", step.title},
                  {"verdict", textOf(step.verdict)},
-                 {"offset", seconds(step.offset)},
-                 {"seconds", seconds(step.duration)},
+                 {"offset", inSeconds(step.offset)},
+                 {"seconds", inSeconds(step.duration)},
                  {"attempts", step.attempts},
                  {"reply", step.reply}};
     if (step.cut > 0) json["cut"] = step.cut;
@@ -55,7 +55,5 @@ Json toJson(const RunRecord &run) {
 std::string dump(const Json &json, int indent) { return json.dump(indent, ' ', false, Json::error_handler_t::replace); }
 
 std::string dump(const RunRecord &run, int indent) { return dump(toJson(run), indent); }
-
-std::string asUtf8(const std::string &text) { return Json::parse(dump(Json(text))).get<std::string>(); }
 
 }  // namespace station

@@ -18,7 +18,4 @@ Json toJson(const RunRecord &run);
 std::string dump(const Json &json, int indent = -1);
 std::string dump(const RunRecord &run, int indent = -1);
 
-// The text as UTF-8 in the same way.
-std::string asUtf8(const std::string &text);
-
 }  // namespace station

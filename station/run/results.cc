@@ -8,16 +8,16 @@
 #include <sstream>
 #include <string>
 
-#include "image/new_file.h"
+#include "station/base/descriptor.h"
+#include "station/base/file.h"
+#include "station/base/text.h"
+#include "station/base/time.h"
 #include "station/run/record_json.h"
-#include "station/wire/socket.h"
 
 namespace station {
 namespace {
 
 namespace fs = std::filesystem;
-
-double seconds(WallClock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 std::string logOf(const RunRecord &run) {
     std::string log = fmt::format("plan {}, place {}, {}, {}\n", run.plan, run.place.name,
@@ -33,7 +33,7 @@ void addCase(pugi::xml_node suite, const std::string &name, std::chrono::millise
     pugi::xml_node test = suite.append_child("testcase");
     test.append_attribute("classname") = suite.attribute("name").value();
     test.append_attribute("name") = oneLine(name).c_str();
-    test.append_attribute("time") = fmt::format("{:.3f}", seconds(duration)).c_str();
+    test.append_attribute("time") = fmt::format("{:.3f}", inSeconds(duration)).c_str();
     if (!failure.empty()) test.append_child(outcome).append_attribute("message") = oneLine(failure).c_str();
 }
 
@@ -44,7 +44,7 @@ std::string reportOf(const RunRecord &run) {
     suite.append_attribute("tests") = run.steps.size() + 1;
     suite.append_attribute("failures") = run.failures() + (run.failure.empty() ? 0 : 1);
     suite.append_attribute("skipped") = run.notRun();
-    suite.append_attribute("time") = fmt::format("{:.3f}", seconds(run.end - run.start)).c_str();
+    suite.append_attribute("time") = fmt::format("{:.3f}", inSeconds(run.end - run.start)).c_str();
     suite.append_attribute("timestamp") = isoTime(run.start).c_str();
     suite.append_attribute("hostname") = run.peer.c_str();
     addCase(suite, "0 the run", std::chrono::milliseconds(0), run.failure);
@@ -59,7 +59,7 @@ std::string reportOf(const RunRecord &run) {
 }
 
 void writeWhole(const fs::path &path, const std::string &content, bool durable) try {
-    fwimage::NewFile file(path);
+    NewFile file(path);
     file.write(content);
     file.keep(durable);
 } catch (const std::runtime_error &error) {
@@ -68,7 +68,7 @@ void writeWhole(const fs::path &path, const std::string &content, bool durable) 
 
 // Has the names of new files on the disk.
 void syncFolder(const fs::path &folder) {
-    const Socket descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fsync(descriptor.descriptor()) != 0) throw RecordsError(describeError("cannot write " + folder.string()));
 }
 
@@ -105,7 +105,7 @@ std::string FileRecords::away() try {
         writeResult(folder_, unwritten_.begin()->second);
         unwritten_.erase(unwritten_.begin());
     }
-    fwimage::NewFile(folder_ / "probe").write(std::string(65536, ' '));  // gone again, as it is not kept
+    NewFile(folder_ / "probe").write(std::string(65536, ' '));  // gone again, as it is not kept
     return {};
 } catch (const std::runtime_error &error) {
     return error.what();

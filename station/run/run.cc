@@ -108,8 +108,8 @@ void runScriptStep(Attempt &attempt) {
         result.failure = fmt::format("printed {} bytes; it can be judged by at most {}",
                                      script.output.size() + script.cut, kLongestOutput);
     } else if (script.status != step.status) {
-        result.failure =
-            fmt::format("ended with status {} instead of {}: {}", script.status, step.status, shorten(script.output));
+        result.failure = fmt::format("ended with status {} instead of {}: {}", script.status, step.status,
+                                     shorten(script.output, kQuoted));
     }
 }
 

@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <nlohmann/json.hpp>
+
+#include "station/base/time.h"
 
 namespace station {
 namespace {
@@ -19,12 +20,8 @@ std::chrono::milliseconds secondsOf(const Value &value) {
     return std::chrono::milliseconds(std::llround(numberOf(value) * 1000));
 }
 
-// What isoTime() has written.
 WallClock::time_point timeOf(const Value &value) {
-    std::tm date{};
-    const char *const rest = value ? ::strptime(value->c_str(), "%Y-%m-%dT%H:%M:%S", &date) : nullptr;
-    if (!rest) return {};
-    return WallClock::from_time_t(::timegm(&date)) + secondsOf(std::string(rest, ::strcspn(rest, "Z")));
+    return parseIsoTime(textOf(value)).value_or(WallClock::time_point());
 }
 
 Verdict verdictOf(const Value &value) {

@@ -7,7 +7,8 @@
 #include <fstream>
 #include <optional>
 
-#include "station/run/record.h"
+#include "station/base/mac.h"
+#include "station/base/time.h"
 
 namespace station {
 namespace {
@@ -15,7 +16,7 @@ namespace {
 constexpr int64_t kLastByte = 0xFF;
 
 struct Range {
-    int64_t first, last;
+    Mac first, last;
 };
 
 struct Pool {
@@ -23,6 +24,12 @@ struct Pool {
     bool ofAddresses = false;
     int64_t low = kLow;
 };
+
+Mac needMac(const std::string &text) {
+    const auto mac = parseMac(text);
+    if (!mac) throw Refusal(fmt::format("\"{}\" is not a MAC address", text));
+    return *mac;
+}
 
 int64_t integer(const Value &value) { return value ? std::stoll(*value) : 0; }
 
@@ -52,11 +59,10 @@ Pool openPool(Database &database, const std::string &name, bool ofAddresses, int
 
 // The first byte's lowest bit marks addresses of groups, broadcast among them.
 void checkRange(Range range) {
-    const int64_t firstByte = range.first >> 40;
     if (range.first > range.last) throw Refusal("the first address is above the last");
     if (range.first == 0) throw Refusal("00:00:00:00:00:00 is no board's address");
-    if (firstByte != range.last >> 40) throw Refusal("the range's first byte must be one and the same");
-    if (firstByte & 1) throw Refusal(fmt::format("{} is a multicast address", formatAddress(range.first)));
+    if (range.first >> 40 != range.last >> 40) throw Refusal("the range's first byte must be one and the same");
+    if (!isIndividual(range.first)) throw Refusal(fmt::format("{} is a multicast address", formatMac(range.first)));
 }
 
 void add(Database &database, const Pool &pool, Range range) {
@@ -66,9 +72,9 @@ void add(Database &database, const Pool &pool, Range range) {
                                      {number(range.last), number(range.first)});
     if (!other.empty()) {
         const auto &row = other.rows[0];
-        throw Refusal(fmt::format("{} to {} overlaps {} to {} of the pool \"{}\"", formatAddress(range.first),
-                                  formatAddress(range.last), formatAddress(integer(row[1])),
-                                  formatAddress(integer(row[2])), *row[0]));
+        throw Refusal(fmt::format("{} to {} overlaps {} to {} of the pool \"{}\"", formatMac(range.first),
+                                  formatMac(range.last), formatMac(integer(row[1])), formatMac(integer(row[2])),
+                                  *row[0]));
     }
     database.run("INSERT INTO ranges (pool, first, last, next, retired) VALUES ($1, $2, $3, $2, 0)",
                  {number(pool.id), number(range.first), number(range.last)});
@@ -118,7 +124,7 @@ std::vector<Row> readRows(const std::filesystem::path &path) {
 
 bool isAddress(const Row &row) {
     try {
-        for (const std::string &field : row.fields) parseAddress(field);
+        for (const std::string &field : row.fields) needMac(field);
         return row.fields.size() <= 2;
     } catch (const Refusal &) {
         return false;
@@ -127,7 +133,7 @@ bool isAddress(const Row &row) {
 
 Range rangeOf(const Row &row) {
     if (row.fields.size() > 2) throw Refusal("more than FIRST,LAST");
-    return {parseAddress(row.fields.front()), parseAddress(row.fields.back())};
+    return {needMac(row.fields.front()), needMac(row.fields.back())};
 }
 
 // Addresses that follow each other become one range, so that blocks can be taken of it.
@@ -196,7 +202,7 @@ std::vector<std::string> takeAddresses(Database &database, const std::string &na
     std::string rows;
     std::vector<Value> cells = {number(pool.id), number(taker.unit), number(taker.run), isoTime(WallClock::now())};
     for (int64_t address = block->first; address <= block->last; ++address) {
-        values.push_back(formatAddress(address));
+        values.push_back(formatMac(address));
         rows += fmt::format("{}($1, ${}, ${}, $2, $3, $4, 0)", rows.empty() ? "" : ", ", cells.size() + 1,
                             cells.size() + 2);
         cells.insert(cells.end(), {values.back(), number(address)});
@@ -240,30 +246,8 @@ int64_t idOf(Database &database, const std::string &sql, const std::string &key)
 
 }  // namespace
 
-int64_t parseAddress(const std::string &text) {
-    std::string digits;
-    const char separator = text.size() == 17 ? text[2] : '\0';
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool between = separator && i % 3 == 2 && text[i] == separator && (separator == ':' || separator == '-');
-        if (!between) digits += text[i];
-    }
-    uint64_t address = 0;
-    const char *const end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, address, 16);
-    if (digits.size() != 12 || stop != end || error != std::errc()) {
-        throw Refusal(fmt::format("\"{}\" is no MAC address", text));
-    }
-    return int64_t(address);
-}
-
-std::string formatAddress(int64_t address) {
-    const auto byte = [&](int index) { return uint8_t(address >> (40 - 8 * index)); };
-    return fmt::format("{:02X}:{:02X}:{:02X}:{:02X}:{:02X}:{:02X}", byte(0), byte(1), byte(2), byte(3), byte(4),
-                       byte(5));
-}
-
 void addRange(Database &database, const std::string &pool, const std::string &first, const std::string &last, int low) {
-    const Range range{parseAddress(first), parseAddress(last)};
+    const Range range{needMac(first), needMac(last)};
     database.transact([&] {
         database.lockPools();
         add(database, openPool(database, pool, true, low), range);
@@ -300,7 +284,7 @@ int64_t retire(Database &database, const std::string &name, const std::string &v
         std::vector<Value> which = {number(pool.id)};
         if (!value.empty()) {
             where += pool.ofAddresses ? " AND CAST($2 AS BIGINT) BETWEEN first AND last" : " AND value = $2";
-            which.push_back(pool.ofAddresses ? number(parseAddress(value)) : value);
+            which.push_back(pool.ofAddresses ? number(needMac(value)) : value);
         }
         if (pool.ofAddresses) {
             const std::string left = "SELECT coalesce(sum(last - next + 1), 0) FROM ranges" + where;
@@ -330,8 +314,8 @@ Table listPools(Database &database) {
                      " r.retired * (r.last - r.next + 1), p.low FROM ranges r JOIN pools p ON p.id = r.pool"
                      " ORDER BY p.name, r.first");
     for (auto row : ranges.rows) {
-        row[1] = formatAddress(integer(row[1]));
-        row[2] = formatAddress(integer(row[2]));
+        row[1] = formatMac(integer(row[1]));
+        row[2] = formatMac(integer(row[2]));
         list.rows.push_back(row);
     }
     const Table values = database.ask(

@@ -11,10 +11,6 @@
 
 namespace station {
 
-// Twelve hexadecimal digits, in pairs with colons or hyphens or without. Throws Refusal.
-int64_t parseAddress(const std::string &text);
-std::string formatAddress(int64_t address);  // "02:00:00:00:00:FE"
-
 constexpr int kLow = 100;  // fewer left in a pool than this is worth a warning, unless the pool says otherwise
 
 // Each does all of it or, throwing StoreError (a Refusal where the request is at fault), nothing. A pool is made when

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <ctime>
 #include <map>
 
-#include "station/run/record.h"
+#include "station/base/mac.h"
+#include "station/base/time.h"
 #include "station/store/pool.h"
 
 namespace station {
@@ -112,11 +112,8 @@ Table askPeriod(Database &database, const Period &period, const char *sql,
 
 // As a scanner or a label may have it; anything else is left as it is.
 std::string inStoreForm(const std::string &value) {
-    try {
-        return formatAddress(parseAddress(value));
-    } catch (const Refusal &) {
-        return value;
-    }
+    const auto mac = parseMac(value);
+    return mac ? formatMac(*mac) : value;
 }
 
 std::vector<Section> showUnit(Database &database, const Value &unit) {
@@ -147,18 +144,6 @@ Value findRun(Database &database, const std::string &name) {
     return onlyCell(database.ask("SELECT id FROM runs WHERE run = $1", {name}));
 }
 
-// "2026-11-21", or such a time of that day to the hour, minute, second or millisecond.
-bool isTime(const std::string &text) {
-    constexpr std::string_view kForm = "0000-00-00T00:00:00.000";
-    constexpr std::array<size_t, 5> kParts = {10, 13, 16, 19, kForm.size()};
-    bool fits = std::find(kParts.begin(), kParts.end(), text.size()) != kParts.end();
-    for (size_t i = 0; fits && i < text.size(); ++i) {
-        fits = kForm[i] == '0' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
-    }
-    std::tm date{};
-    return fits && ::strptime((text + std::string(kForm.substr(text.size()))).c_str(), "%Y-%m-%dT%H:%M:%S", &date);
-}
-
 }  // namespace
 
 std::string parseTime(const std::string &text) {
@@ -171,7 +156,7 @@ std::string parseTime(const std::string &text) {
         return isoTime(WallClock::now() - std::chrono::minutes(int64_t(ago) * unit->second));
     }
     std::string time = text.ends_with('Z') ? text.substr(0, text.size() - 1) : text;
-    if (isTime(time)) return time;
+    if (parseIsoTime(time)) return time;
     throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
 }
 

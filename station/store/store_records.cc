@@ -1,13 +1,13 @@
 #include "station/store/store_records.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "station/base/machine.h"
+#include "station/base/time.h"
 #include "station/store/pool.h"
 
 namespace station {
@@ -18,12 +18,6 @@ constexpr std::chrono::seconds kSilence{30};  // of a living process, at most
 Value words(const std::string &value) { return text(value).value_or(""); }
 Value words(std::string_view value) { return words(std::string(value)); }
 Value limit(const std::optional<double> &value) { return value ? number(*value) : std::nullopt; }
-double seconds(auto duration) { return std::chrono::duration<double>(duration).count(); }
-
-std::string hostName() {
-    std::array<char, 256> name{};
-    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "station";
-}
 
 std::string verdictOf(const RunRecord &run) {
     if (run.interrupted) return "interrupted";
@@ -41,8 +35,8 @@ void addStep(Statements &statements, const RunRecord &run, size_t index) {
     const Value at = number(index + 1);
     statements.push_back({"step",
                           {run.id, at, words(step.title), words(textOf(step.verdict)), text(step.reply),
-                           number(step.cut), text(step.failure), text(step.hint), number(seconds(step.offset)),
-                           number(seconds(step.duration)), number(step.attempts)}});
+                           number(step.cut), text(step.failure), text(step.hint), number(inSeconds(step.offset)),
+                           number(inSeconds(step.duration)), number(step.attempts)}});
     for (const Measurement &found : step.measurements) {
         statements.push_back({"measurement",
                               {run.id, at, words(found.name), number(found.value), limit(found.min), limit(found.max),
@@ -116,7 +110,7 @@ Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict)
         {"run",
          {run.id, text(run.unit), words(run.plan), writer_.key(), number(run.place.number), words(run.place.name),
           text(run.peer), isoTime(run.start), over ? Value(isoTime(run.end)) : std::nullopt,
-          over ? number(seconds(run.end - run.start)) : std::nullopt, verdict,
+          over ? number(inSeconds(run.end - run.start)) : std::nullopt, verdict,
           fails ? words(failedStep(run)) : std::nullopt,
           text(run.failure.empty() && fails ? run.steps[failed].failure : run.failure), variables}});
     return statements;

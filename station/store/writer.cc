@@ -10,6 +10,7 @@
 #include <set>
 #include <utility>
 
+#include "station/base/time.h"
 #include "station/run/record.h"
 
 namespace station {

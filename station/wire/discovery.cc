@@ -16,6 +16,7 @@
 namespace station {
 namespace {
 
+constexpr size_t kMacSize = 6;
 constexpr size_t kSource = 6;
 constexpr size_t kEtherType = 12;
 constexpr size_t kPayload = 14;
@@ -24,13 +25,11 @@ constexpr int kAnswers = 3;
 constexpr Milliseconds kRepeat{1000};
 constexpr std::string_view kRequestType = "\x55\xAA";
 constexpr std::string_view kAnswerType = "\xAA\x55";
-constexpr Mac kDatagramStation = {0x02, 0, 0, 0, 0, 0x02};  // locally administered
+constexpr Mac kDatagramStation = 0x020000000002;  // locally administered
 
-std::string bytesOf(const Mac &mac) { return {mac.begin(), mac.end()}; }
-
-Mac macAt(const std::string &frame, size_t offset) {
-    Mac mac{};
-    std::copy_n(frame.begin() + static_cast<std::ptrdiff_t>(offset), mac.size(), mac.begin());
+Mac macAt(std::string_view frame, size_t offset) {
+    Mac mac = 0;
+    for (size_t i = 0; i < kMacSize; ++i) mac = mac << 8 | static_cast<uint8_t>(frame[offset + i]);
     return mac;
 }
 
@@ -55,7 +54,7 @@ public:
         name.copy(request.ifr_name, sizeof request.ifr_name - 1);
         if (ioctl(socket_.descriptor(), SIOCGIFHWADDR, &request) < 0)
             throw SessionError(describeError("interface " + name));
-        std::copy_n(request.ifr_hwaddr.sa_data, address_.size(), address_.begin());
+        address_ = macAt({request.ifr_hwaddr.sa_data, kMacSize}, 0);
         sockaddr_ll bound{};
         bound.sll_family = AF_PACKET;
         bound.sll_protocol = htons(ETH_P_ALL);
@@ -74,7 +73,7 @@ public:
 
 private:
     Socket socket_;
-    Mac address_{};
+    Mac address_ = 0;
 };
 
 sockaddr_in loopback(uint16_t port) {
@@ -105,7 +104,7 @@ private:
     Socket socket_;
 };
 
-std::string makeRequest(const Mac &destination, const Mac &source, size_t size) {
+std::string makeRequest(Mac destination, Mac source, size_t size) {
     std::string frame = bytesOf(destination) + bytesOf(source);
     frame += kRequestType;
     for (size_t i = frame.size(); i < size; ++i) frame += static_cast<char>(i);
@@ -117,8 +116,8 @@ bool isAnswer(const std::string &frame) {
 }
 
 // The answer that a board of this address owes to a request.
-std::string expectedAnswer(const std::string &request, const Mac &board) {
-    const std::string to = request.substr(macAt(request, 0) == kBroadcast ? 0 : kSource, board.size());
+std::string expectedAnswer(const std::string &request, Mac board) {
+    const std::string to = request.substr(macAt(request, 0) == kBroadcast ? 0 : kSource, kMacSize);
     return to + bytesOf(board) + std::string(kAnswerType) + request.substr(kPayload, kLongestAnswer - kPayload);
 }
 
@@ -132,21 +131,6 @@ std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
 
 }  // namespace
 
-Mac parseMac(const std::string &text) {
-    Mac mac{};
-    int length = 0;
-    const int fields = std::sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", mac.data(), &mac[1], &mac[2],
-                                   &mac[3], &mac[4], &mac[5], &length);
-    if (fields != 6 || text.size() != 17 || length != 17) {
-        throw SessionError(fmt::format("\"{}\" is not a MAC address", text));
-    }
-    return mac;
-}
-
-std::string formatMac(const Mac &mac) {
-    return fmt::format("{:02X}:{:02X}:{:02X}:{:02X}:{:02X}:{:02X}", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-}
-
 std::unique_ptr<FrameLink> openLink(const std::string &name) {
     if (!name.starts_with("udp:")) return std::make_unique<InterfaceLink>(name);
     unsigned local = 0, remote = 0;
@@ -158,7 +142,7 @@ std::unique_ptr<FrameLink> openLink(const std::string &name) {
     return std::make_unique<DatagramLink>(static_cast<uint16_t>(local), static_cast<uint16_t>(remote));
 }
 
-Mac discover(FrameLink &link, const Mac &destination, size_t size, Milliseconds limit) {
+Mac discover(FrameLink &link, Mac destination, size_t size, Milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     const std::string request = makeRequest(destination, link.address(), size);
     std::string answer;

@@ -2,24 +2,17 @@
 // The layer-2 handshake with a board that waits in the mode "qconly", before there is a connection: a frame of
 // EtherType 0x55AA, which the board answers three times with EtherType 0xAA55.
 
-#include <array>
-#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "station/base/mac.h"
 #include "station/wire/session.h"
 
 namespace station {
 
-using Mac = std::array<uint8_t, 6>;
-
-constexpr Mac kBroadcast = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+constexpr Mac kBroadcast = 0xFFFFFFFFFFFF;
 constexpr size_t kShortestRequest = 14;   // bytes of a frame: the header alone
 constexpr size_t kLongestRequest = 1514;  // answered with the 1024 bytes that the board keeps
-
-// Six pairs of hexadecimal digits with colons. Throws SessionError for anything else.
-Mac parseMac(const std::string &text);
-std::string formatMac(const Mac &mac);
 
 // Carries whole Ethernet frames.
 class FrameLink {
@@ -37,6 +30,6 @@ std::unique_ptr<FrameLink> openLink(const std::string &name);
 
 // Sends a request of `size` bytes to `destination`, once a second until it is answered, and checks the three answers
 // byte for byte. Returns the board's address. Throws SessionError when there is no answer in time, or a wrong one.
-Mac discover(FrameLink &link, const Mac &destination, size_t size, Milliseconds limit);
+Mac discover(FrameLink &link, Mac destination, size_t size, Milliseconds limit);
 
 }  // namespace station

@@ -1,0 +1,26 @@
+#pragma once
+// Digests as md5sum and sha256sum print them: lower-case hexadecimal digits.
+
+#include <string>
+#include <string_view>
+
+struct evp_md_ctx_st;
+
+namespace station {
+
+class Digest {
+public:
+    // `algorithm`: "MD5", "SHA256". Throws std::runtime_error when OpenSSL does not offer it.
+    explicit Digest(const char *algorithm);
+    ~Digest();
+    Digest(const Digest &) = delete;
+    Digest &operator=(const Digest &) = delete;
+
+    void feed(std::string_view bytes);
+    std::string text();  // once, after everything was fed
+
+private:
+    evp_md_ctx_st *context_;
+};
+
+}  // namespace station

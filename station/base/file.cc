@@ -1,0 +1,94 @@
+#include "station/base/file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+
+#include "station/base/descriptor.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(const char *what, const fs::path &path, std::string_view why = strerror(errno)) {
+    throw std::runtime_error(fmt::format("cannot {} {}: {}", what, path.string(), why));
+}
+
+// Opens a file for reading. A pipe or a device could keep the reader waiting, or have no end.
+Descriptor openRegular(const fs::path &path) {
+    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (file.descriptor() < 0 || fstat(file.descriptor(), &status) != 0) fail("read", path);
+    if (S_ISDIR(status.st_mode)) fail("read", path, strerror(EISDIR));
+    if (!S_ISREG(status.st_mode)) fail("read", path, "not a regular file");
+    return file;
+}
+
+// Returns the file that the path leads to. Throws when something is there that a new file must not replace.
+fs::path replaceable(fs::path path) {
+    for (int links = 0; fs::is_symlink(fs::symlink_status(path)); ++links) {
+        errno = ELOOP;
+        if (links == 40) fail("write", path);  // as many as the kernel follows
+        path = path.parent_path() / fs::read_symlink(path);
+    }
+    if (fs::exists(path) && !fs::is_regular_file(path)) fail("write", path, "it is there, and no regular file");
+    return path;
+}
+
+}  // namespace
+
+std::string readFile(const fs::path &path, uint64_t most) {
+    const Descriptor file = openRegular(path);
+    const std::string tooLong = fmt::format("it has more than {} bytes", most);
+    if (fs::file_size(path) > most) fail("read", path, tooLong);
+    std::string bytes;
+    for (ssize_t length = 1; length > 0;) {  // to its end: it may have grown
+        const size_t before = bytes.size();
+        bytes.resize(before + 65536);
+        length = TEMP_FAILURE_RETRY(read(file.descriptor(), bytes.data() + before, bytes.size() - before));
+        if (length < 0) fail("read", path);
+        bytes.resize(before + static_cast<size_t>(length));
+        if (bytes.size() > most) fail("read", path, tooLong);
+    }
+    return bytes;
+}
+
+// The kernel applies the process's umask to the mode: mkostemp() would make the file 0600, and to read the umask is to
+// change it, for all threads.
+NewFile::NewFile(const fs::path &path) : path_(replaceable(path)), descriptor_(-1) {
+    std::random_device random;
+    do {
+        temporary_ = fmt::format("{}.{:08x}", path_.string(), random());
+        descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (descriptor_ < 0 && errno == EEXIST);
+    if (descriptor_ < 0) fail("write", path_);
+}
+
+NewFile::~NewFile() {
+    if (descriptor_ < 0) return;
+    close(descriptor_);
+    unlink(temporary_.c_str());
+}
+
+void NewFile::write(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = TEMP_FAILURE_RETRY(::write(descriptor_, bytes.data(), bytes.size()));
+        if (written < 0) fail("write", path_);
+        bytes.remove_prefix(static_cast<size_t>(written));
+    }
+}
+
+void NewFile::keep(bool durable) {
+    if ((durable && fsync(descriptor_) != 0) || rename(temporary_.c_str(), path_.c_str()) != 0) fail("write", path_);
+    close(descriptor_);
+    descriptor_ = -1;
+}
+
+}  // namespace station

@@ -1,0 +1,35 @@
+#pragma once
+// Whole files.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace station {
+
+// Returns the content of a regular file of at most `most` bytes. Throws std::runtime_error, which says why it cannot
+// be read.
+std::string readFile(const std::filesystem::path &path, uint64_t most);
+
+// A new file that replaces `path`, or the regular file that symbolic links of this name lead to, when it is kept; what
+// was there stays until then, and for good without that. Every failure throws std::runtime_error, and so does anything
+// else of this name: a device, a FIFO, a folder.
+class NewFile {
+public:
+    explicit NewFile(const std::filesystem::path &path);
+    ~NewFile();
+    NewFile(const NewFile &) = delete;
+    NewFile &operator=(const NewFile &) = delete;
+
+    void write(std::string_view bytes);
+    // `durable`: the content is on the disk before the file is there.
+    void keep(bool durable = true);
+
+private:
+    std::filesystem::path path_;
+    std::string temporary_;
+    int descriptor_;
+};
+
+}  // namespace station

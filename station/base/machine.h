@@ -1,0 +1,11 @@
+#pragma once
+// The machine that the station runs on.
+
+#include <string>
+
+namespace station {
+
+// Returns its name; "station" when it has none.
+std::string hostName();
+
+}  // namespace station

@@ -1,0 +1,42 @@
+#include "station/base/text.h"
+
+#include <re2/re2.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace station {
+namespace {
+
+// True for the bytes of a character that follow its first.
+bool continues(char c) { return (c & 0xC0) == 0x80; }
+
+}  // namespace
+
+std::string asUtf8(const std::string &text) {
+    using nlohmann::json;
+    return json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
+}
+
+std::string oneLine(const std::string &text) {
+    static const re2::RE2 kLineEnd("\n"), kEscape("\x1B"), kControl("\\p{C}"), kNone("[\\x{FFFE}\\x{FFFF}]");
+    std::string line = asUtf8(text);
+    re2::RE2::GlobalReplace(&line, kLineEnd, R"(\\n)");
+    re2::RE2::GlobalReplace(&line, kEscape, R"(\\e)");
+    re2::RE2::GlobalReplace(&line, kControl, "?");
+    re2::RE2::GlobalReplace(&line, kNone, "\uFFFD");  // no characters, and forbidden in XML
+    return line;
+}
+
+size_t charactersOf(const std::string &text) {
+    return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), continues));
+}
+
+std::string shorten(const std::string &text, size_t most) {
+    if (text.size() <= most) return text;
+    size_t end = most;
+    while (end > 0 && most - end < 3 && continues(text[end])) --end;
+    return text.substr(0, end) + "...";
+}
+
+}  // namespace station

@@ -1,0 +1,44 @@
+#include "station/base/time.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <string_view>
+
+namespace station {
+namespace {
+
+constexpr std::string_view kForm = "0000-00-00T00:00:00.000";
+constexpr std::array<size_t, 5> kLengths = {10, 13, 16, 19, kForm.size()};
+
+bool hasForm(const std::string &text) {
+    return std::find(kLengths.begin(), kLengths.end(), text.size()) != kLengths.end() &&
+           std::equal(text.begin(), text.end(), kForm.begin(),
+                      [](char c, char form) { return form == '0' ? c >= '0' && c <= '9' : c == form; });
+}
+
+long millisecondsOf(WallClock::time_point time) {
+    return std::chrono::floor<Milliseconds>(time).time_since_epoch().count() % 1000;
+}
+
+}  // namespace
+
+std::string isoTime(WallClock::time_point time) {
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(WallClock::to_time_t(time)), millisecondsOf(time));
+}
+
+std::optional<WallClock::time_point> parseIsoTime(std::string text) {
+    if (text.ends_with('Z')) text.pop_back();
+    if (!hasForm(text)) return std::nullopt;
+    text += kForm.substr(text.size());
+    std::tm date{};
+    if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &date) == nullptr) return std::nullopt;
+    if (date.tm_year < 1970 - 1900 || date.tm_year > 2261 - 1900) return std::nullopt;
+    const auto time = WallClock::from_time_t(::timegm(&date)) + Milliseconds(std::stoi(text.substr(kForm.size() - 3)));
+    return isoTime(time) == text + "Z" ? std::optional(time) : std::nullopt;  // not 30 February, which is in March then
+}
+
+}  // namespace station

@@ -1,0 +1,54 @@
+// What the rooms of the station share.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "station/base/file.h"
+#include "station/base/text.h"
+#include "station/base/time.h"
+
+namespace station {
+namespace {
+
+TEST(Base, TimesAreThoseOfTheCalendar) {
+    for (const char *good : {"2026-11-21", "2024-02-29T23", "2026-11-21T17:30", "2026-11-21T17:30:59", "2261-12-31"}) {
+        const auto time = parseIsoTime(good);
+        ASSERT_TRUE(time) << good;
+        EXPECT_THAT(isoTime(*time), testing::StartsWith(good));
+    }
+    EXPECT_EQ(isoTime(parseIsoTime("2026-11-21T17:30:00.123Z").value()), "2026-11-21T17:30:00.123Z");
+    for (const char *bad : {"", "today", "2026-02-30", "2025-02-29T23", "2026-13-01", "2026-11-21T24:00", "2026-11-21T",
+                            "2026-11-21 17:30", "2026-11-21T17:30:60", "1969-12-31", "9999-12-31", "-026-11-21"}) {
+        EXPECT_FALSE(parseIsoTime(bad)) << bad;
+    }
+}
+
+TEST(Base, TextsAreCutBetweenCharacters) {
+    EXPECT_EQ(shorten("äöü", 6), "äöü");
+    EXPECT_EQ(shorten("äöü", 5), "äö...");
+    EXPECT_EQ(shorten("äöü", 4), "äö...");
+    EXPECT_EQ(shorten(std::string(9, '\x80'), 8).size(), 8U) << "bytes that are no text";
+}
+
+// The mode is what the umask leaves of 0666, as that of any other program's file; and to make the file leaves the
+// umask, which other threads' files need, alone.
+TEST(Base, ANewFileHasTheModeOfTheUmask) {
+    const mode_t before = umask(027);
+    char folder[] = "/tmp/base.XXXXXX";
+    const std::filesystem::path path = std::filesystem::path(mkdtemp(folder)) / "file";
+    NewFile file(path);
+    file.write("content");
+    file.keep();
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(readFile(path, 7), "content");
+    EXPECT_THROW(readFile(path, 6), std::runtime_error) << "too long";
+    EXPECT_EQ(umask(before), 027U);
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace station
