@@ -1,23 +1,14 @@
 #include "station/store/database.h"
 
 #include <fmt/format.h>
-#include <soci/postgresql/soci-postgresql.h>
-#include <soci/soci.h>
-#include <soci/sqlite3/soci-sqlite3.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <csignal>
-#include <cstring>
-#include <ctime>
-#include <deque>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
+#include "station/store/driver.h"
 #include "station/store/schema.h"
 
 namespace station {
@@ -27,45 +18,13 @@ enum : int { kSchemaLock = 0x7163'0001, kPoolLock };  // advisory locks of this 
 
 bool isShared(const std::string &name) { return name.starts_with("postgresql://") || name.starts_with("postgres://"); }
 
-// A server that is gone without a word is noticed within seconds, unless the name says otherwise.
-std::string withLimits(std::string name) {
-    for (const std::string_view limit : {"connect_timeout=3", "tcp_user_timeout=3000"}) {
-        if (name.find(limit.substr(0, limit.find('='))) != std::string::npos) continue;
-        name += fmt::format("{}{}", name.find('?') == std::string::npos ? '?' : '&', limit);
+std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missing) {
+    if (isShared(name)) return openPostgresql(name);
+    if (name.find("://") != std::string::npos) throw StoreError("neither a file nor postgresql://...");
+    if (missing == Database::Missing::kIsAnError && !std::filesystem::exists(name)) {
+        throw StoreError("there is no such file: run a plan with it, or add a pool, and it is made");
     }
-    return name;
-}
-
-// The database's own words in one line, without the name of the library's function.
-std::string wordsOf(const soci::soci_error &error) {
-    std::string words = error.get_error_message();
-    std::replace(words.begin(), words.end(), '\n', ' ');
-    const size_t function = words.find("_backend::");
-    const size_t begin = function == std::string::npos ? 0 : words.find(": ", function) + 2;
-    return words.substr(begin, words.find_last_not_of(' ') + 1 - begin);
-}
-
-Value valueOf(const soci::row &row, size_t column) {
-    if (row.get_indicator(column) == soci::i_null) return std::nullopt;
-    switch (row.get_properties(column).get_data_type()) {
-    case soci::dt_double:
-        return number(row.get<double>(column));
-    case soci::dt_integer:
-        return number(row.get<int>(column));
-    case soci::dt_long_long:
-        return number(row.get<long long>(column));
-    default:
-        return row.get<std::string>(column);
-    }
-}
-
-// The library keeps the type information, which the sanitizer would ask for, to itself.
-__attribute__((no_sanitize("vptr"))) PGconn *serverOf(soci::session &session) {
-    return static_cast<soci::postgresql_session_backend *>(session.get_backend())->conn_;
-}
-
-__attribute__((no_sanitize("vptr"))) sqlite_api::sqlite3 *connectionOf(soci::session &session) {
-    return static_cast<soci::sqlite3_session_backend *>(session.get_backend())->conn_;
+    return openSqlite(name);
 }
 
 std::string inDialect(std::string_view statement, bool shared) {
@@ -77,55 +36,9 @@ std::string inDialect(std::string_view statement, bool shared) {
 
 }  // namespace
 
-// A statement with its values, which the library takes under names, each of them once, and holds by reference.
-class Call {
-public:
-    // `often`: the database reads and plans it once for all calls.
-    Call(soci::session &session, const std::string &sql, soci::row *row, bool often) : statement_(session) {
-        const std::string named = bind(sql);
-        if (row) statement_.exchange(soci::into(*row));
-        statement_.alloc();
-        statement_.prepare(named, often ? soci::details::st_repeatable_query : soci::details::st_one_time_query);
-        statement_.define_and_bind();
-    }
-    soci::statement &with(const std::vector<Value> &values) {
-        for (auto &[number, content, state] : places_) {
-            // cppcheck-suppress containerOutOfBounds
-            const Value &value = values.at(number - 1);
-            content = value.value_or("");
-            state = value ? soci::i_ok : soci::i_null;
-        }
-        return statement_;
-    }
-
-private:
-    struct Place {
-        size_t number;  // $1, $2, ...
-        std::string content;
-        soci::indicator state;
-    };
-    std::string bind(const std::string &sql) {
-        std::string named;
-        size_t begin = 0;
-        for (size_t at; (at = sql.find('$', begin)) != std::string::npos;) {
-            size_t digits = 0;
-            Place &place = places_.emplace_back(Place{std::stoul(sql.substr(at + 1), &digits), "", soci::i_null});
-            // cppcheck-suppress danglingTempReference
-            statement_.exchange(soci::use(place.content, place.state));
-            named += fmt::format("{}:v{}", sql.substr(begin, at - begin), places_.size());
-            begin = at + 1 + digits;
-        }
-        return named + sql.substr(begin);
-    }
-
-    std::deque<Place> places_;
-    soci::statement statement_;
-};
-
 std::string shownName(const std::string &name) {
-    const size_t user = name.find("://"), host = name.find('@'), password = name.find(':', user + 3);
-    if (user == std::string::npos || host == std::string::npos || password > host) return name;
-    return name.substr(0, password) + name.substr(host);
+    if (isShared(name)) return shownPostgresql(name);
+    return name.substr(0, name.find("://"));  // of another kind: perhaps a password follows
 }
 
 Value text(const std::string &value) {
@@ -139,165 +52,60 @@ Value text(const std::string &value) {
 
 Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}", value)) : std::nullopt; }
 
-// Shuts down a socket when the time is over, which ends the wait for what should have come over it.
-class Cutter {
-public:
-    Cutter(int socket, std::chrono::seconds limit) : limit_(limit.count()) {
-        sigevent event{};
-        event.sigev_notify = SIGEV_THREAD;
-        event.sigev_value.sival_int = socket;
-        event.sigev_notify_function = [](sigval value) { shutdown(value.sival_int, SHUT_RDWR); };
-        if (timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0) {
-            throw StoreError(fmt::format("no timer: {}", strerror(errno)));
-        }
-    }
-    ~Cutter() { timer_delete(timer_); }
-    Cutter(const Cutter &) = delete;
-    Cutter &operator=(const Cutter &) = delete;
-
-    void start() { set(limit_); }
-    void stop() { set(0); }
-
-private:
-    void set(time_t seconds) {
-        const itimerspec once{{0, 0}, {seconds, 0}};
-        timer_settime(timer_, 0, &once, nullptr);
-    }
-
-    const time_t limit_;
-    timer_t timer_{};
-};
-
-namespace {
-
-// Cuts the connection unless the statement has ended before; null: never.
-class Limited {
-public:
-    explicit Limited(Cutter *cutter) : cutter_(cutter) {
-        if (cutter_ != nullptr) cutter_->start();
-    }
-    ~Limited() {
-        if (cutter_ != nullptr) cutter_->stop();
-    }
-    Limited(const Limited &) = delete;
-    Limited &operator=(const Limited &) = delete;
-
-private:
-    Cutter *const cutter_;
-};
-
-}  // namespace
-
-Database::Database(const std::string &name, Missing missing) try : shared_(isShared(name)) {
-    open(name, missing);
+Database::Database(const std::string &name, Missing missing)
+    : shared_(isShared(name)), driver_(connect(name, missing)) {
     migrate();
-} catch (const soci::soci_error &error) {
-    throw StoreError(wordsOf(error));
 }
 
 Database::~Database() = default;
 
 std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing) try {
     return std::make_unique<Database>(name, missing);
+} catch (const StoreAway &error) {
+    throw StoreAway(fmt::format("the store {}: {}", shownName(name), error.what()));
 } catch (const StoreError &error) {
     throw StoreError(fmt::format("the store {}: {}", shownName(name), error.what()));
 }
 
-void Database::open(const std::string &name, Missing missing) {
-    if (shared_) {
-        session_ = std::make_unique<soci::session>("postgresql", withLimits(name));
-        // What the server says besides its answers would go to standard error, into the display.
-        PQsetNoticeProcessor(
-            serverOf(*session_), [](void *, const char *) {}, nullptr);
-        run("SET synchronous_commit = on");
-        run("SET client_min_messages = warning");
-        // Else a day of a million runs is looked for in all of them, as on a disk whose head must move.
-        run("SET random_page_cost = 1.1");
-        return;
-    }
-    if (name.find("://") != std::string::npos) throw StoreError("neither a file nor postgresql://...");
-    if (missing == Missing::kIsAnError && !std::filesystem::exists(name)) {
-        throw StoreError("there is no such file: run a plan with it, or add a pool, and it is made");
-    }
-    session_ = std::make_unique<soci::session>("sqlite3", fmt::format("db=\"{}\" timeout=3", name));
-    // In this mode who asks does not keep who records waiting; and a commit is on the disk when it returns.
-    if (ask("PRAGMA journal_mode").rows[0][0] != "wal") ask("PRAGMA journal_mode = WAL");
-    run("PRAGMA synchronous = FULL");
-    run("PRAGMA foreign_keys = ON");
+void Database::giveUpAfter(std::chrono::milliseconds limit) { driver_->giveUpAfter(limit); }
+
+void Database::onlyAsk(std::chrono::milliseconds limit) { driver_->onlyAsk(limit); }
+
+Table Database::ask(const std::string &sql, const std::vector<Value> &values) { return each(sql, values, {}); }
+
+Table Database::each(const std::string &sql, const std::vector<Value> &values, EachRow row) {
+    const auto answer = std::make_shared<Answer>(Answer{.each = std::move(row)});
+    driver_->queue(sql, values, answer);
+    driver_->finish();
+    return std::move(answer->table);
 }
 
-void Database::giveUpAfter(std::chrono::seconds limit) {
-    if (shared_) cutter_ = std::make_unique<Cutter>(PQsocket(serverOf(*session_)), limit);
+long long Database::run(const std::string &sql, const std::vector<Value> &values) {
+    const auto answer = std::make_shared<Answer>();
+    driver_->queue(sql, values, answer);
+    driver_->finish();
+    return answer->changed;
 }
 
-void Database::onlyAsk(std::chrono::milliseconds limit) {
-    limit_ = limit;
-    if (shared_) {
-        giveUpAfter(std::chrono::ceil<std::chrono::seconds>(2 * limit));
-        run("SET default_transaction_read_only = on");
-        run(fmt::format("SET statement_timeout = {}", limit.count()));
-        return;
-    }
-    run("PRAGMA query_only = ON");
-    constexpr int kInstructions = 10000;  // of its machine: some tenths of a millisecond
-    const auto isLate = [](void *deadline) {
-        return int(*static_cast<const std::chrono::steady_clock::time_point *>(deadline) <
-                   std::chrono::steady_clock::now());
-    };
-    deadline_ = std::chrono::steady_clock::now() + limit_;
-    sqlite_api::sqlite3_progress_handler(connectionOf(*session_), kInstructions, isLate, &deadline_);
-}
-
-void Database::complain(const std::string &words) const {
-    const bool late = limit_.count() > 0 && deadline_ < std::chrono::steady_clock::now();
-    if (late) throw TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 1000));
-    throw StoreError(words);
-}
-
-Table Database::ask(const std::string &sql, const std::vector<Value> &values) try {
-    const Limited limited(cutter_.get());
-    deadline_ = std::chrono::steady_clock::now() + limit_;
-    soci::row row;
-    Call call(*session_, sql, &row, false);
-    soci::statement &statement = call.with(values);
-    bool more = statement.execute(true);
-    Table table;
-    for (size_t i = 0; i < row.size(); ++i) table.columns.push_back(row.get_properties(i).get_name());
-    for (; more; more = statement.fetch()) {
-        std::vector<Value> &cells = table.rows.emplace_back();
-        for (size_t i = 0; i < row.size(); ++i) cells.push_back(valueOf(row, i));
-    }
-    return table;
-} catch (const soci::soci_error &error) {
-    complain(wordsOf(error));
-}
-
-// What has values comes again and again.
-long long Database::run(const std::string &sql, const std::vector<Value> &values) try {
-    const Limited limited(cutter_.get());
-    std::unique_ptr<Call> &call = calls_[sql];
-    if (!call || values.empty()) call = std::make_unique<Call>(*session_, sql, nullptr, !values.empty());
-    soci::statement &statement = call->with(values);
-    statement.execute(true);
-    return statement.get_affected_rows();
-} catch (const soci::soci_error &error) {
-    calls_.erase(sql);
-    throw StoreError(wordsOf(error));
+void Database::queue(const std::string &sql, const std::vector<Value> &values, std::function<void(Table)> done) {
+    driver_->queue(sql, values, done ? std::make_shared<Answer>(Answer{.done = std::move(done)}) : nullptr);
 }
 
 // A transaction of SQLite that begins by reading cannot always go on by writing; so it takes its turn at once.
-void Database::begin() { run(shared_ ? "BEGIN ISOLATION LEVEL READ COMMITTED" : "BEGIN IMMEDIATE"); }
+void Database::begin() { queue(shared_ ? "BEGIN ISOLATION LEVEL READ COMMITTED" : "BEGIN IMMEDIATE"); }
+
+void Database::commit() { run("COMMIT"); }
 
 void Database::rollBack() noexcept {
     try {
-        run("ROLLBACK");
+        driver_->rollBack();
     } catch (...) {  // the connection is dead, and with it the transaction
     }
 }
 
 // SQLite lets one transaction write at a time, and needs no more than that.
 void Database::lock(int what) {
-    if (shared_) run("SELECT pg_advisory_xact_lock($1)", {number(what)});
+    if (shared_) queue("SELECT pg_advisory_xact_lock($1)", {number(what)});
 }
 
 void Database::lockPools() { lock(kPoolLock); }

@@ -1,37 +1,50 @@
 #pragma once
-// A connection to the store's database: SQLite (a file's name) or PostgreSQL (postgresql://...). Values go in and come
-// out as texts, which both take for every type; in the SQL, which is the same for both, they are $1, $2, ...
+// A connection to the store's database: SQLite (a file's name) or PostgreSQL (postgresql://...).
+//
+// Values go in and come out as texts, which both databases take for every type. In the SQL they are $1, $2, ... The SQL
+// is the same for both as far as it can be. Times come out as "2026-11-21T17:30:00.123Z", booleans as 1 and 0.
+//
+//     Database database("postgresql:///line");
+//     const Table found = database.ask("SELECT id, seen FROM stations WHERE name = $1", {"left"});
+//     database.transact([&] {
+//         for (const std::string &unit : units) database.queue("UPDATE units SET product = $2 WHERE serial = $1",
+//                                                              {unit, text(product)});
+//     });  // one round trip
+//
+// Every call throws StoreError, or one of the types derived from it:
+//
+//     StoreAway   the database cannot do it now: it is unreachable, locked, full or out of resources, or another
+//                 transaction is in the way. The same may succeed later, over a new connection.
+//     StoreError  itself: the database refuses the statement, and will always do so.
+//     TooSlow     a question takes longer than onlyAsk() allows.
+//     Refusal     the request does not fit what the store holds; thrown by the callers of this class.
+//
+// After StoreAway the connection may be dead. Begin again with a new Database.
 
 #include <chrono>
 #include <concepts>
-#include <map>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace soci {
-class session;
-}
-
 namespace station {
 
-class Call;
-class Cutter;
+class Driver;
 
 // What the database, or what it was asked for, does not allow, in words for the line engineer.
 struct StoreError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-
-// The store works; it is what was asked for that does not go.
-struct Refusal : StoreError {
+struct StoreAway : StoreError {
     using StoreError::StoreError;
 };
-
-// The question takes longer than it may.
 struct TooSlow : StoreError {
+    using StoreError::StoreError;
+};
+struct Refusal : StoreError {
     using StoreError::StoreError;
 };
 
@@ -40,45 +53,55 @@ using Value = std::optional<std::string>;  // nothing: NULL
 struct Table {
     std::vector<std::string> columns;
     std::vector<std::vector<Value>> rows;
+    std::vector<bool> numbers = {};  // for each column: the database holds or computes numbers in it
 
     bool empty() const { return rows.empty(); }
 };
 
-// The database's name as it may be shown: without a password.
+// The database's name as it may be shown: a file's, or "postgresql://HOST/DATABASE" without user, password and
+// parameters.
 std::string shownName(const std::string &name);
 
 Value text(const std::string &value);  // NULL for an empty one; always UTF-8 without NUL, which is all that both keep
 Value number(std::integral auto value) { return std::to_string(value); }
 Value number(double value);  // as short as it can be read back exactly; NULL for what is not finite
 
-// Used by one thread at a time. Every call throws StoreError; after that the connection may be dead.
+// Used by one thread at a time.
 class Database {
 public:
     enum class Missing { kIsMade, kIsAnError };
+    using EachRow = std::function<void(const Table &head, const std::vector<Value> &row)>;
 
-    // Connects, and brings the schema up to date. What a newer program has made is refused. `missing`: a file that is
-    // not there.
+    // Connects within seconds, and brings the schema up to date. Refuses what a newer program has made. `missing`: a
+    // file that is not there.
     explicit Database(const std::string &name, Missing missing = Missing::kIsMade);
     ~Database();
     Database(const Database &) = delete;
     Database &operator=(const Database &) = delete;
 
-    // From now on a server that does not answer a statement within the limit, as one that hangs, loses the connection.
-    void giveUpAfter(std::chrono::seconds limit);
+    // From now on a statement that a server does not answer within the limit ends with StoreAway.
+    void giveUpAfter(std::chrono::milliseconds limit);
     // From now on nothing is changed over this connection, and a question that takes longer ends with TooSlow.
     void onlyAsk(std::chrono::milliseconds limit);
 
     Table ask(const std::string &sql, const std::vector<Value> &values = {});
+    // The same in bounded memory: calls `row` for each row, and returns the table's head, without rows. When `row` is
+    // called, the types of `head` are known as far as the rows so far tell. `row` must not use this connection.
+    Table each(const std::string &sql, const std::vector<Value> &values, EachRow row);
     // Returns how many rows were changed.
     long long run(const std::string &sql, const std::vector<Value> &values = {});
+    // Within transact(): the statement travels with those before and after it, and is done by the next ask(), each() or
+    // run() or at the end, which throws its error; statements after a failed one are not done. `done` gets its answer;
+    // it must neither throw nor use this connection. SQLite does it at once.
+    void queue(const std::string &sql, const std::vector<Value> &values = {}, std::function<void(Table)> done = {});
 
-    // Everything that `work` does, or, when it throws, nothing of it.
+    // Does everything that `work` does, or, when that throws, nothing of it. Returns after the commit.
     template <typename Work>
     void transact(Work &&work) {
         begin();
         try {
             work();
-            run("COMMIT");
+            commit();
         } catch (...) {
             rollBack();
             throw;
@@ -88,21 +111,18 @@ public:
     // In a transaction, until its end: nobody else gives, adds or retires what a pool holds.
     void lockPools();
 
+    bool shared() const { return shared_; }  // PostgreSQL
+
 private:
-    void open(const std::string &name, Missing missing);
     void begin();
+    void commit();
     void rollBack() noexcept;
     void lock(int what);
     int version();
     void migrate();
-    [[noreturn]] void complain(const std::string &words) const;
 
-    std::unique_ptr<soci::session> session_;
-    std::map<std::string, std::unique_ptr<Call>> calls_;  // prepared ones by their SQL
-    bool shared_;                                         // PostgreSQL
-    std::unique_ptr<Cutter> cutter_;                      // null: the server has all the time it wants
-    std::chrono::milliseconds limit_{0};                  // of a question; 0: none
-    std::chrono::steady_clock::time_point deadline_;
+    const bool shared_;
+    std::unique_ptr<Driver> driver_;
 };
 
 // The same, with the store's name in what it throws.

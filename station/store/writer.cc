@@ -96,14 +96,14 @@ void executeRows(Database &database, const std::string &name, const std::vector<
             lists += (lists.empty() ? "" : ", ") + shifted(sql.substr(begin, end - begin), values.size());
             values.insert(values.end(), rows[i].begin(), rows[i].end());
         }
-        database.run(sql.substr(0, begin) + lists + sql.substr(end), values);
+        database.queue(sql.substr(0, begin) + lists + sql.substr(end), values);
     }
 }
 
 }  // namespace
 
 void execute(Database &database, const Statement &statement) {
-    database.run(kStatements.at(statement.name), statement.values);
+    database.queue(kStatements.at(statement.name), statement.values);
 }
 
 void Writer::Job::apply(Database &database) const {

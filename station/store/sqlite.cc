@@ -1,0 +1,159 @@
+// SQLite. A statement is done when it is queued: there is no way to travel.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+
+#include "station/store/driver.h"
+
+namespace station::sqlite {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kBusy = 3000;  // milliseconds that another process may keep the file to itself
+constexpr int kInstructions =
+    10000;                         // of SQLite's machine between two looks at the clock: some tenths of a millisecond
+constexpr size_t kPrepared = 200;  // statements that are kept; the program has some fifty
+
+// No fault of the statement: the same may succeed later.
+const std::set<int> kAway = {SQLITE_BUSY,     SQLITE_LOCKED,  SQLITE_NOMEM, SQLITE_READONLY,
+                             SQLITE_IOERR,    SQLITE_CORRUPT, SQLITE_FULL,  SQLITE_CANTOPEN,
+                             SQLITE_PROTOCOL, SQLITE_NOTADB,  SQLITE_AUTH,  SQLITE_PERM};
+
+struct Close {
+    void operator()(sqlite3 *connection) const { sqlite3_close(connection); }
+    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Close>;
+
+Value valueOf(sqlite3_stmt *row, int column) {
+    switch (sqlite3_column_type(row, column)) {
+    case SQLITE_NULL:
+        return std::nullopt;
+    case SQLITE_INTEGER:
+        return number(sqlite3_column_int64(row, column));
+    case SQLITE_FLOAT:
+        return number(sqlite3_column_double(row, column));
+    default:
+        const auto *const text = static_cast<const char *>(sqlite3_column_blob(row, column));
+        return std::string(text ? text : "", size_t(sqlite3_column_bytes(row, column)));
+    }
+}
+
+class Sqlite : public Driver {
+public:
+    explicit Sqlite(const std::string &name);
+
+    void queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) override;
+    void finish() override {}
+    void rollBack() override {
+        if (!sqlite3_get_autocommit(connection_.get())) queue("ROLLBACK", {}, {});
+    }
+    void giveUpAfter(std::chrono::milliseconds) override {}  // nothing but a disk can hang
+    void onlyAsk(std::chrono::milliseconds limit) override;
+
+private:
+    sqlite3_stmt *prepared(const std::string &sql);
+    void step(sqlite3_stmt *statement, Answer &answer);
+    [[noreturn]] void fail(int code) const;
+
+    std::unique_ptr<sqlite3, Close> connection_;
+    std::map<std::string, Statement> statements_;
+    std::chrono::milliseconds limit_{0};  // of a question; 0: none
+    Clock::time_point deadline_ = Clock::time_point::max();
+};
+
+// The file has keys in it: its group may read them, nobody else. What SQLite adds beside it gets the same mode. A file
+// that is there already is not opened here: closing it again would end the locks of this process's other connections.
+Sqlite::Sqlite(const std::string &name) {
+    const int file = ::open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0640);
+    if (file >= 0) ::close(file);
+    sqlite3 *connection = nullptr;
+    const int code = sqlite3_open_v2(name.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    connection_.reset(connection);
+    if (code != SQLITE_OK) fail(code);
+    sqlite3_extended_result_codes(connection, 1);
+    sqlite3_busy_timeout(connection, kBusy);
+    // In this mode readers do not keep a writer waiting; and a commit is on the disk when it returns.
+    queue("PRAGMA journal_mode = WAL", {}, {});
+    queue("PRAGMA synchronous = FULL", {}, {});
+    queue("PRAGMA foreign_keys = ON", {}, {});
+}
+
+void Sqlite::onlyAsk(std::chrono::milliseconds limit) {
+    limit_ = limit;
+    queue("PRAGMA query_only = ON", {}, {});
+    const auto isLate = [](void *deadline) {
+        return int(*static_cast<const Clock::time_point *>(deadline) < Clock::now());
+    };
+    sqlite3_progress_handler(connection_.get(), kInstructions, isLate, &deadline_);
+}
+
+void Sqlite::fail(int code) const {
+    const std::string words = connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
+    if ((code & 0xFF) == SQLITE_INTERRUPT)
+        throw TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 1000));
+    if (kAway.contains(code & 0xFF)) throw StoreAway(words);
+    throw StoreError(words);
+}
+
+sqlite3_stmt *Sqlite::prepared(const std::string &sql) {
+    if (const auto known = statements_.find(sql); known != statements_.end()) return known->second.get();
+    if (statements_.size() >= kPrepared) statements_.clear();
+    sqlite3_stmt *statement = nullptr;
+    const int code = sqlite3_prepare_v3(connection_.get(), sql.c_str(), int(sql.size() + 1), SQLITE_PREPARE_PERSISTENT,
+                                        &statement, nullptr);
+    if (code != SQLITE_OK) fail(code);
+    return statements_.emplace(sql, statement).first->second.get();
+}
+
+void Sqlite::queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) {
+    if (limit_.count() > 0) deadline_ = Clock::now() + limit_;
+    sqlite3_stmt *const statement = prepared(sql);
+    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> used(statement, sqlite3_reset);
+    sqlite3_clear_bindings(statement);
+    for (int i = 1; i <= sqlite3_bind_parameter_count(statement); ++i) {
+        const size_t number = std::stoul(sqlite3_bind_parameter_name(statement, i) + 1);  // after the "$"
+        const Value &value = values.at(number - 1);
+        if (value) sqlite3_bind_text(statement, i, value->data(), int(value->size()), SQLITE_STATIC);
+    }
+    Answer nobody;
+    step(statement, answer ? *answer : nobody);
+    if (answer && answer->done) answer->done(std::move(answer->table));
+}
+
+// A column of a table has its declared type; a computed one has that of its values.
+void Sqlite::step(sqlite3_stmt *statement, Answer &answer) {
+    Table &table = answer.table;
+    const int count = sqlite3_column_count(statement);
+    for (int i = 0; i < count; ++i) {
+        const char *const declared = sqlite3_column_decltype(statement, i);
+        table.columns.emplace_back(sqlite3_column_name(statement, i));
+        table.numbers.push_back(declared != nullptr && std::string(declared) != "TEXT");
+    }
+    int code = SQLITE_OK;
+    while ((code = sqlite3_step(statement)) == SQLITE_ROW) {
+        std::vector<Value> cells;
+        for (int i = 0; i < count; ++i) {
+            const int type = sqlite3_column_type(statement, i);
+            if (type == SQLITE_INTEGER || type == SQLITE_FLOAT) table.numbers[size_t(i)] = true;
+            cells.push_back(valueOf(statement, i));
+        }
+        answer.add(std::move(cells));
+    }
+    if (code != SQLITE_DONE) fail(code);
+    answer.changed = sqlite3_changes(connection_.get());
+}
+
+}  // namespace
+}  // namespace station::sqlite
+
+namespace station {
+
+std::unique_ptr<Driver> openSqlite(const std::string &name) { return std::make_unique<sqlite::Sqlite>(name); }
+
+}  // namespace station
