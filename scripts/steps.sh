@@ -1,38 +1,58 @@
-# Steps of a script, to be sourced from the project's root: each prints one line and keeps what it prints in
-# build/logs/RUN; a failure names the step and its log.
+# Steps of a script, to be sourced from the project's root. Each step says that it begins and how it ended. Its output
+# goes to build/logs/RUN; a failure names the step and its log.
 # shellcheck shell=bash
 
-# The name of the run, the script's own unless another script starts it as a part of itself. A second run of the name
-# waits for the first.
+# The name of the run: the script's own, unless another script starts it as a part of itself. A second run of the same
+# name waits for the first.
 run=${FABTESTD_RUN:-$(basename "$0")}
 logs=build/logs/$run
 mkdir -p "$logs"
 exec {run_lock}> "$logs/lock"
 if ! flock --nonblock "$run_lock"; then
-    echo "waiting for the $run that runs here already"
+    echo "waiting until the $run that is already running here has ended"
     flock "$run_lock"
 fi
 steps=0
 failed_steps=0
 
+# tick NAME LOG: rewrites one line of the terminal each second, for as long as the script lives: how long the step has
+# run, and the last line of its log. The terminal cuts the line at its edge, as wrapping is off while it is written.
+tick() {
+    local start=$SECONDS
+    while kill -0 $$ 2> /dev/null; do
+        printf '\r\033[K\033[?7l...     %4d s  %s  %s\033[?7h' $((SECONDS - start)) "$1" \
+            "$(tail -n 1 "$2" | tr -cd '[:print:]')"
+        sleep 1
+    done
+}
+
 # step NAME LOG COMMAND...: runs the command with its output in build/logs/RUN/LOG.log. Returns the command's status.
 step() {
-    local name=$1 log=$logs/$2.log status=0 start=$SECONDS
+    local name=$1 log=$logs/$2.log status=0 start=$SECONDS erase='' ticker=''
     shift 2
     steps=$((steps + 1))
+    : > "$log"
+    if [ -t 1 ] && [ "${TERM:-dumb}" != dumb ]; then
+        erase=$'\r\033[K'
+        tick "$name" "$log" {run_lock}>&- &
+        ticker=$!
+    else
+        printf '...             %s\n' "$name"
+    fi
     "$@" > "$log" 2>&1 < /dev/null || status=$?
+    [ -z "$ticker" ] || { kill "$ticker" && wait "$ticker"; } 2> /dev/null || true
     if [ "$status" -eq 0 ]; then
-        printf 'ok      %4d s  %s\n' $((SECONDS - start)) "$name"
+        printf '%sok      %4d s  %s\n' "$erase" $((SECONDS - start)) "$name"
     else
         failed_steps=$((failed_steps + 1))
-        printf 'FAILED  %4d s  %s (status %d)\n' $((SECONDS - start)) "$name" "$status"
+        printf '%sFAILED  %4d s  %s (status %d)\n' "$erase" $((SECONDS - start)) "$name" "$status"
         tail -n 25 "$log" | sed 's/^/        /'
         printf '        the whole log: %s\n' "$log"
     fi
     return "$status"
 }
 
-# build PRESET [TARGET...]: configures it and builds all or the targets, while nobody else builds there.
+# build PRESET [TARGET...]: configures and builds the preset, all of it or the targets, while nobody else builds there.
 build() {
     local preset=$1
     shift
@@ -42,7 +62,7 @@ build() {
     ) 9> "build/$preset.lock"
 }
 
-# wait_for SECONDS COMMAND...: until the command succeeds; fails when it has not within the time.
+# wait_for SECONDS COMMAND...: repeats the command until it succeeds. Fails when the time is over.
 wait_for() {
     local deadline=$((SECONDS + $1))
     shift
@@ -52,9 +72,8 @@ wait_for() {
     done
 }
 
-# own_network: makes a network of the script's own, which is there for as long as the script is. On its loopback address
-# the ports at which virtual board and station meet are free, whatever else runs on this machine. What is put behind
-# "${in_network[@]}" runs there.
+# own_network: makes a network that lives as long as the script. On its loopback address the ports at which virtual board
+# and station meet are free, whatever else runs on this machine. "${in_network[@]}" COMMAND... runs there.
 # shellcheck disable=SC2034
 own_network() {
     local user=() in_user=() made
@@ -63,6 +82,6 @@ own_network() {
     in_network=(nsenter --target "$network_PID" "${in_user[@]}" --net --)
     read -r made <&"${network[0]}"
     [ "$made" = made ] && return
-    echo "note: without a network of its own ($made), where one run at a time has the virtual board's ports"
+    echo "note: no network of its own ($made): only one run at a time can use the virtual board's ports"
     in_network=()
 }
