@@ -1,42 +1,47 @@
-# The board's toolchain: Debian's cross compiler for little-endian MIPS with musl, which scripts/setup unpacks.
-set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR mipsel)
-set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)
-set(CMAKE_CXX_COMPILER mipsel-linux-gnu-g++)
+# The board's toolchain: Debian's cross compiler with musl, which scripts/setup unpacks.
 
-set(board_root ${CMAKE_CURRENT_LIST_DIR}/../build/mipsel-root)
-get_filename_component(board_root ${board_root} ABSOLUTE)
-set(musl_libraries ${board_root}/usr/lib/mipsel-linux-musl)
+# What is this processor's own. The file for another processor differs here, and nowhere else.
+set(CMAKE_SYSTEM_PROCESSOR mipsel)
+set(compiler mipsel-linux-gnu)  # Debian's prefix of the cross compiler
+set(musl mipsel-linux-musl)     # Debian's folder of musl for the processor
+set(loader ld-musl-mipsel.so.1)
+# Calls of libc through a table of jumps make the binary a tenth smaller than calls through registers. The board's
+# platform builds its packages in the compressed instruction set (MIPS16). The C library is in the ordinary one: calls
+# and returns change between the two.
+set(processor_flags "-mplt -mips16 -minterlink-mips16")
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_C_COMPILER ${compiler}-gcc)
+set(CMAKE_CXX_COMPILER ${compiler}-g++)
+
+get_filename_component(board_root ${CMAKE_CURRENT_LIST_DIR}/../build/${CMAKE_SYSTEM_PROCESSOR}-root ABSOLUTE)
+set(musl_libraries ${board_root}/usr/lib/${musl})
 if(NOT EXISTS ${musl_libraries}/crt1.o)
-    message(FATAL_ERROR "musl for MIPS is not there: run scripts/setup")
+    message(FATAL_ERROR "no ${musl_libraries}/crt1.o: scripts/setup unpacks musl, for mipsel alone")
 endif()
 
 execute_process(COMMAND ${CMAKE_C_COMPILER} -print-file-name=include
                 OUTPUT_VARIABLE compiler_headers OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${CMAKE_C_COMPILER} -dumpversion
                 OUTPUT_VARIABLE compiler_version OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-set(cxx_headers /usr/mipsel-linux-gnu/include/c++/${compiler_version})
+set(cxx_headers /usr/${compiler}/include/c++/${compiler_version})
 
-# The C++ headers were configured for glibc and ask for its version; what the daemon uses of them lives in headers
-# alone and needs no more than an answer.
-set(musl_headers "-isystem ${board_root}/usr/include/mipsel-linux-musl \
+set(musl_headers "-isystem ${board_root}/usr/include/${musl} \
 -isystem ${board_root}/usr/include/kernel -isystem ${compiler_headers}")
-# Calls of libc through a table of jumps are a tenth smaller than through registers. The compressed instruction set is
-# what the board's platform builds its packages with; the C library is in the ordinary one, and calls and returns change
-# between the two.
-set(processor "-fno-pie -mplt -mips16 -minterlink-mips16")
-set(CMAKE_C_FLAGS_INIT "-nostdinc ${musl_headers} ${processor}")
+set(CMAKE_C_FLAGS_INIT "-nostdinc ${musl_headers} -fno-pie ${processor_flags}")
+# The C++ headers were configured for glibc and ask for its version. The daemon uses only what lives in the headers
+# alone, so any answer does.
 set(CMAKE_CXX_FLAGS_INIT "-nostdinc '-D__GLIBC_PREREQ(a,b)=0' -isystem ${cxx_headers} \
--isystem ${cxx_headers}/mipsel-linux-gnu ${musl_headers} ${processor}")
+-isystem ${cxx_headers}/${compiler} ${musl_headers} -fno-pie ${processor_flags}")
 
 # Nothing walks the stack at run time.
 string(APPEND CMAKE_CXX_FLAGS_INIT " -fno-asynchronous-unwind-tables -fno-unwind-tables")
 
-# Without the compiler's own start-up files, which serve exceptions and the unloading of libraries; the dynamic linker
-# runs constructors without them. The smallest unit of pages puts the data right behind the code in the file: else it
-# is filled up to the next 4 kB, and grows by so much at once.
+# The compiler's own start-up files are left out: they serve exceptions and the unloading of libraries, and the dynamic
+# linker runs constructors without them. With the smallest page size the data follows the code in the file at once.
+# Otherwise padding to the next 4 kB lies between them, and the file grows by 4 kB at a time.
 set(CMAKE_C_LINK_EXECUTABLE "<CMAKE_C_COMPILER> <FLAGS> -nostdlib -no-pie -Wl,--as-needed -Wl,-z,common-page-size=4 \
--Wl,--dynamic-linker=/lib/ld-musl-mipsel.so.1 -L${board_root}/lib/mipsel-linux-musl -L${musl_libraries} \
+-Wl,--dynamic-linker=/lib/${loader} -L${board_root}/lib/${musl} -L${musl_libraries} \
 <LINK_FLAGS> ${musl_libraries}/crt1.o ${musl_libraries}/crti.o <OBJECTS> -o <TARGET> <LINK_LIBRARIES> \
 -lc -lgcc ${musl_libraries}/crtn.o")
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
