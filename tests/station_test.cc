@@ -11,9 +11,11 @@
 #include <sstream>
 #include <thread>
 
-#include "station/run/run.h"
 #include "station/plan/plan.h"
+#include "station/plan/yaml.h"
+#include "station/run/run.h"
 #include "station/wire/listener.h"
+#include "station/wire/script.h"
 
 namespace {
 
@@ -119,11 +121,13 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: 'MAC 01:00:00:00:00:01', expect: MAC 4}", "1:10: no board may have the MAC address"},
         {"- {send: 'MAC {mac}', expect: MAC 4}", "1:10: {mac} is taken for a unit"},
         {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC 4}", "2:10: as many addresses are taken"},
+        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', expect: MAC 257}", "2:10: as many addresses are taken"},
         {"- {send: 'COUNTRY de', expect: OK}", "1:10: \"de\" is no country code"},
         {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}", "at most 64"},
         // Names, and what fills them.
         {"- {send: 'X {who}', expect: OK}", "1:10: nothing fills {who}"},
-        {"- {send: 'X }', expect: OK}", "1:3: '}' that is no {name}; write '}}'"},
+        {"- {send: 'X }', expect: OK}", "1:10: '}' that is no {name}; write '}}'"},
+        {"- {send: 'MAC {', expect: MAC 4}", "1:10: '{' that is no {name}"},
         // The course of the session.
         {"- {send: BYE, expect: BYE}\n- {send: PING, expect: PING 2}", "2:3: the session has ended before this step"},
         {"- {send: REBOOT, expect: OK}\n- {send: PING, expect: PING 2}", "2:3: warning: the board may be gone"},
@@ -135,7 +139,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
          "1:3: warning: its OK does not say that it was written"},
         {"- {send: BYE, expect: BYE, retries: 1}", "1:37: a step that ends the session"},
         // The form.
-        {"- {send: PING, expect: OK}\n---\n- {send: PING, expect: OK}", "3:1: a second document"},
+        {"- {send: PING, expect: OK}\n---\n- {send: PING, expect: OK}", "2:1: a second document"},
         {"- {send: PING}\n- PING", "1:3: a command needs \"expect\" or \"match\"\n"},
         {"- {send: PING}\n- PING", "2:3: a step is a map of keys"},
         {"- {send: PING, expct: OK}", "1:16: unknown key \"expct\" in a \"send\" step"},
@@ -145,7 +149,10 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {verify: ., partition: 1}", "1:12: cannot read"},
         {"- {send: PING, expect: OK, timeout: .nan}", "1:37: a time limit lies between"},
         {"- {send: PING, match: 'x', limits: {x: {max: 1}}}", "1:36: a limit is of a named group"},
-        {"{name: a/b, steps: [{send: PING, expect: OK}]}", "1:8: the name has no '/'"},
+        {"{name: a/b, steps: [{send: PING, expect: OK}]}",
+         "1:8: a name that files get has at most 64 bytes and no '/'"},
+        {"{name: a2345678901234567890123456789012345678901234567890123456789012345}", "1:8: a name that files get"},
+        {"- {send: PING, match: 'x', limits: {1: {max: 1}, x: {min: 2, max: 1}}}", "1:53: \"min\" is above \"max\""},
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
@@ -157,6 +164,35 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
         EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
+}
+
+// One wrong character must not keep the reader at work for ever, nor take memory without end: the memory is limited by
+// the sanitizer. Each character that means something in YAML comes before every character of a short file, and before
+// every line of the other files that are shipped.
+TEST_F(PlanTest, AWrongCharacterIsReadOrRefused) {
+    size_t read = 0, refused = 0;
+    const auto load = [&](const std::string &text) {
+        try {
+            station::parseDocument(text);
+            ++read;
+        } catch (const station::Fault &) {
+            ++refused;
+        }
+    };
+    const std::string characters = ",[]{}:-?#&*!|>'\"%@\n\t x\0\xFF"s;
+    for (const char *const name : {"plans/demo.yaml", "plans/faults.yaml", "plans/identity.yaml",
+                                   "plans/production.yaml", "plans/session.yaml", "package/line.yaml"}) {
+        std::ostringstream content;
+        content << std::ifstream(fs::path(SOURCES) / "station" / name).rdbuf();
+        const std::string text = content.str();
+        ASSERT_NO_THROW(station::parseDocument(text)) << name;
+        for (size_t at = 0; at < text.size(); ++at) {
+            if (text.size() > 400 && at > 0 && text[at - 1] != '\n') continue;
+            for (const char c : characters) load(std::string(text).insert(at, 1, c));
+        }
+    }
+    EXPECT_GT(read, 1000U);
+    EXPECT_GT(refused, 1000U);
 }
 
 using Texts = std::vector<std::string>;
@@ -271,8 +307,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "MAC 2;X", "PPP", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;02:00:00:00:00:01", ""},
         {"send: 'FW KERNEL {size}', upload: five, expect: OK|verify: five, partition: 2",
          "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
-        {"script: script, match: '^(line\\s)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
-         "PFP", "exit;exit;exit", "printed 300000 bytes"},
+        {"script: script, match: '^(line\\s?)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
+         "PFP", "exit;exit;exit", "printed 262145 bytes"},
         {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "FP", "X;Y", "taken is in work at place 9"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped"},
@@ -285,8 +321,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         const station::Plan plan = station::loadPlan(write("plan.yaml", text), {}, {{}, {"pool"}});
         write("five", "other bytes");
         Texts replies = *test.replies == '\0' ? Texts{""} : split(test.replies, ';');
-        std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, 45000));
-        std::replace(replies.begin(), replies.end(), "longer"s, lines);
+        std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, station::kLongestOutput));
+        std::replace(replies.begin(), replies.end(), "longer"s, lines.substr(0, station::kLongestOutput + 1));
         Line line;
         RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
         other.unit = "taken";

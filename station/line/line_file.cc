@@ -49,7 +49,7 @@ struct Cable {
 
 // It becomes part of file names, and of what operators read.
 void readName(Cable &cable, const Entry &value) {
-    cable.name = value.line();
+    cable.name = value.part();
     const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
     if (!std::all_of(cable.name.begin(), cable.name.end(), fits)) {
         value.fail("a place's name has letters, digits, '.', '_' and '-'");
@@ -104,12 +104,10 @@ void readHook(Draft &draft, Hook &hook, const Entry &value) {
 }
 
 void readVariables(Draft &draft, const Entry &value) {
-    if (!value.node.IsMap()) value.fail("expected a map of names and values");
-    for (const auto &pair : value.node) {
-        const Entry name{pair.first};
+    eachEntry(value.node, "names and values", draft.faults, [&](const Entry &name, const Entry &text) {
         if (!isName(name.text())) name.fail("a name is a letter or '_', then letters, digits and '_'");
-        draft.line.variables[name.text()] = Entry{pair.second}.line();
-    }
+        draft.line.variables[name.text()] = text.line();
+    });
 }
 
 // A file, or a server's URL.
@@ -127,12 +125,12 @@ void readPageListen(PageSettings &page, const Entry &value) {
     if (inet_pton(AF_INET, page.address.c_str(), &parsed) != 1) value.fail("expected an IPv4 address before the port");
 }
 
-// It goes through a header of HTTP, and is not to be guessed.
+// It travels in a header of HTTP, where '%' begins an escape, and must not be guessed.
 void readToken(PageSettings &page, const Entry &value) {
     page.token = value.line();
-    const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
+    const auto fits = [](char c) { return c > ' ' && c < 0x7F && c != '%'; };
     if (page.token.size() < 8 || !std::all_of(page.token.begin(), page.token.end(), fits)) {
-        value.fail("a token has at least 8 characters, none of them a blank");
+        value.fail("a token has at least 8 characters, none of them a blank or '%'");
     }
 }
 

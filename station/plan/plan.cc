@@ -19,6 +19,9 @@ namespace fs = std::filesystem;
 // An operator may be at another place of the line.
 constexpr std::chrono::hours kAnswerTime(1);
 
+constexpr size_t kMostSteps = 1000;
+constexpr int kMostTaken = 256;  // addresses of a unit: without a carry into the fifth byte
+
 struct Loader;
 
 // A step while it is read.
@@ -27,6 +30,7 @@ struct Draft {
     YAML::Node node;
     Step step = {};
     bool timed = false;
+    std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
 
     YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
@@ -62,9 +66,24 @@ std::string nameIn(const Entry &value) {
     return value.text();
 }
 
+// Notes the names in a text, or in an expression.
+void noteNames(Draft &draft, const Entry &value, std::set<std::string> (*find)(const std::string &)) {
+    try {
+        for (const std::string &name : find(value.text())) draft.names.emplace(name, value.node.Mark());
+    } catch (const std::invalid_argument &error) {
+        value.fail(error.what());
+    }
+}
+
 void readSend(Draft &draft, const Entry &value) {
+    noteNames(draft, value, namesIn);
     draft.step.send = value.text();
     if (draft.step.send.empty()) value.fail("an empty command cannot be sent");
+}
+
+void readPrompt(Draft &draft, const Entry &value) {
+    noteNames(draft, value, namesIn);
+    draft.step.prompt = value.line();
 }
 
 void readFileKey(Draft &draft, const Entry &value) { draft.step.file = payloadAt(draft.loader, value); }
@@ -90,6 +109,7 @@ void readImage(Draft &draft, const Entry &value) {
 }
 
 void readMatch(Draft &draft, const Entry &value) {
+    noteNames(draft, value, namesInExpression);
     try {
         draft.step.expected.match.emplace(value.text());
     } catch (const std::invalid_argument &error) {
@@ -109,13 +129,13 @@ const Keys<Limit> kLimitKeys = {
 };
 
 void readLimits(Draft &draft, const Entry &value) {
-    if (!value.node.IsMap()) value.fail("expected a map of named groups");
-    for (const auto &pair : value.node) {
-        Limit limit{nameIn({pair.first}), {}, {}, {}};
-        readMap(pair.second, kLimitKeys, "in a limit", limit, draft.loader.faults);
-        if (limit.min && limit.max && *limit.min > *limit.max) Entry{pair.second}.fail("\"min\" is above \"max\"");
+    std::vector<Fault> &faults = draft.loader.faults;
+    eachEntry(value.node, "named groups", faults, [&](const Entry &group, const Entry &keys) {
+        Limit limit{nameIn(group), {}, {}, {}};
+        readMap(keys.node, kLimitKeys, "in a limit", limit, faults);
+        if (limit.min && limit.max && *limit.min > *limit.max) keys.fail("\"min\" is above \"max\"");
         draft.step.limits.push_back(std::move(limit));
-    }
+    });
 }
 
 template <bool Step::*Flag>
@@ -133,7 +153,10 @@ void readWhole(Draft &draft, const Entry &value) {
     draft.step.*Number = value.whole(Least, Most);
 }
 
-void readText(Draft &draft, const Entry &value) { draft.step.expected.text = value.text(); }
+void readText(Draft &draft, const Entry &value) {
+    noteNames(draft, value, namesIn);
+    draft.step.expected.text = value.text();
+}
 
 // A kind of step: the first word says which it is.
 struct KindOfStep {
@@ -184,8 +207,8 @@ const std::array<KindOfStep, 4> kKinds = {{
                      {"partition", readWhole<&Step::partition, 0, 1000>},
                      {"erased", readFlag<&Step::erased>}})},
     {"ask", [](const Step &step, const Variables &) { return "ask " + step.ask; },
-     join(join(kEveryStep, kJudged), {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }},
-                                      {"prompt", readLine<&Step::prompt>}})},
+     join(join(kEveryStep, kJudged),
+          {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }}, {"prompt", readPrompt}})},
 }};
 
 size_t kindOf(const YAML::Node &node) {
@@ -230,16 +253,6 @@ constexpr Rule kRules[] = {
      "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
 };
 
-// The names in the step's texts, by the key that they stand behind.
-std::map<std::string, std::set<std::string>> namesOf(const Draft &draft) {
-    const Step &step = draft.step;
-    std::map<std::string, std::set<std::string>> names = {{"send", namesIn(step.send)},
-                                                          {"prompt", namesIn(step.prompt)}};
-    if (step.expected.text) names[step.kind == Kind::kCommand ? "expect" : "output"] = namesIn(*step.expected.text);
-    if (step.expected.match) names["match"] = namesInExpression(step.expected.match->text());
-    return names;
-}
-
 // How many addresses "MAC" needs, as its reply says; 0 when the plan does not say.
 int slotsOf(const Step &step) {
     const std::string reply = step.expected.text.value_or("");
@@ -256,7 +269,10 @@ std::string takeFrom(Draft &draft, const std::string &pool) {
     }
     const bool programs = draft.step.send.starts_with("MAC ");
     const int count = programs ? slotsOf(draft.step) : 1;
-    if (count < 1) return "as many addresses are taken as the board has slots: it needs \"expect: MAC NUMBER\"";
+    if (count < 1 || count > kMostTaken) {
+        return fmt::format(
+            "as many addresses are taken as the board has slots: it needs \"expect: MAC NUMBER\", 1 to {}", kMostTaken);
+    }
     draft.step.takes.push_back({pool, count});
     loader.taken[pool] = std::max(loader.taken[pool], count);
     return {};
@@ -274,9 +290,11 @@ std::string resolve(Draft &draft, const std::string &name) {
 // What the step is about to send, as far as it is known now.
 std::string faultOfSend(const Step &step) {
     if (step.kind != Kind::kCommand) return {};
-    std::string text = fill(step.send, step.known);
-    const bool complete = namesIn(text).empty();
-    text = complete ? expand(text, {}) : text.substr(0, text.find('{'));
+    const auto unknown = [&](const std::string &name) { return !step.known.contains(name); };
+    const std::set<std::string> names = namesIn(step.send);
+    const bool complete = std::none_of(names.begin(), names.end(), unknown);
+    const std::string start = fill(step.send, step.known);
+    const std::string text = complete ? expand(step.send, step.known) : start.substr(0, start.find('{'));
     const auto payload = step.file ? std::optional<uint64_t>(step.file->bytes->size()) : std::nullopt;
     return faultOf({text, complete, payload, step.bare});
 }
@@ -286,18 +304,11 @@ void completeStep(Draft &draft) {
     for (const Rule &rule : kRules) {
         if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
     }
-    try {
-        for (const auto &[key, names] : namesOf(draft)) {
-            for (const std::string &name : names) {
-                const std::string fault = resolve(draft, name);
-                if (!fault.empty()) faults.push_back({draft.mark(key), fault});
-            }
-        }
-        const std::string fault = faultOfSend(draft.step);
-        if (!fault.empty()) faults.push_back({draft.mark("send"), fault});
-    } catch (const std::invalid_argument &error) {
-        faults.push_back({draft.node.Mark(), error.what()});
+    for (const auto &[name, mark] : draft.names) {
+        if (const std::string fault = resolve(draft, name); !fault.empty()) faults.push_back({mark, fault});
     }
+    if (const std::string fault = faultOfSend(draft.step); !fault.empty())
+        faults.push_back({draft.mark("send"), fault});
 }
 
 // From here on the later steps know what this one finds out.
@@ -337,11 +348,7 @@ const Keys<Loader> kDefaultKeys = {
 };
 
 const Keys<Loader> kPlanKeys = {
-    {"name",
-     [](Loader &loader, const Entry &value) {
-         loader.plan.name = value.line();
-         if (loader.plan.name.find('/') != std::string::npos) value.fail("the name has no '/': it names files, too");
-     }},
+    {"name", [](Loader &loader, const Entry &value) { loader.plan.name = value.part(); }},
     {"probe", [](Loader &loader, const Entry &value) { loader.plan.probe = value.flag(); }},
     {"defaults",
      [](Loader &loader, const Entry &value) {
@@ -358,6 +365,9 @@ void readPlan(Loader &loader, const YAML::Node &document) {
     }
     if (!loader.steps.IsSequence() || loader.steps.size() == 0) {
         throw Fault{document.Mark(), "a plan is a list of steps, or a map with \"steps\""};
+    }
+    if (loader.steps.size() > kMostSteps) {
+        throw Fault{document.Mark(), fmt::format("a plan has at most {} steps", kMostSteps)};
     }
     for (const YAML::Node &node : loader.steps) loader.drafts.push_back(readStep(loader, node));
 }
@@ -383,6 +393,9 @@ Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {
     loader.plan.name = path.stem().string();
     try {
         readPlan(loader, loadDocument(path));
+        if (const std::string fault = faultOfPart(loader.plan.name); !fault.empty()) {
+            throw Fault{YAML::Mark::null_mark(), "without \"name\" a plan has its file's: " + fault};
+        }
         finishPlan(loader);
     } catch (Fault &fault) {
         loader.faults.push_back(std::move(fault));

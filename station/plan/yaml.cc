@@ -1,22 +1,58 @@
 #include "station/plan/yaml.h"
 
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/parser.h>
+
 #include <algorithm>
 #include <cmath>
+#include <set>
+#include <sstream>
+#include <utility>
 
 #include "station/base/file.h"
 
 namespace station {
 
-YAML::Node loadDocument(const std::filesystem::path &path) {
-    try {
-        const std::vector<YAML::Node> documents = YAML::LoadAll(readFile(path, kLargestFile));
-        if (documents.size() > 1) throw Fault{documents[1].Mark(), "a second document: a file has one"};
-        return documents.empty() ? YAML::Node() : documents.front();
-    } catch (const YAML::Exception &error) {
-        throw Fault{error.mark, error.msg};
-    } catch (const std::runtime_error &error) {
-        throw Fault{YAML::Mark::null_mark(), error.what()};
+namespace {
+
+// Lets one document pass. The library's LoadAll() never ends on some texts: a ',' at a line's start is an empty
+// document to it, again and again; and Load() ignores what follows the first.
+class OneDocument : public YAML::EventHandler {
+public:
+    void OnDocumentStart(const YAML::Mark &mark) override {
+        if (std::exchange(started_, true))
+            throw Fault{mark, "a second document begins here, and a file has one: look for a wrong character"};
     }
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark &, YAML::anchor_t) override {}
+    void OnAlias(const YAML::Mark &, YAML::anchor_t) override {}
+    void OnScalar(const YAML::Mark &, const std::string &, YAML::anchor_t, const std::string &) override {}
+    void OnSequenceStart(const YAML::Mark &, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark &, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnMapEnd() override {}
+
+private:
+    bool started_ = false;
+};
+
+}  // namespace
+
+YAML::Node parseDocument(const std::string &text) try {
+    std::istringstream stream(text);
+    YAML::Parser parser(stream);
+    OneDocument one;
+    while (parser.HandleNextDocument(one)) {
+    }
+    return YAML::Load(text);
+} catch (const YAML::Exception &error) {
+    throw Fault{error.mark, error.msg};
+}
+
+YAML::Node loadDocument(const std::filesystem::path &path) try {
+    return parseDocument(readFile(path, kLargestFile));
+} catch (const std::runtime_error &error) {
+    throw Fault{YAML::Mark::null_mark(), error.what()};
 }
 
 std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults) {
@@ -30,6 +66,26 @@ std::string describe(const std::filesystem::path &path, const std::vector<Fault>
     return text;
 }
 
+std::string faultOfPart(const std::string &text) {
+    if (text.size() <= kLongestPart && text.find('/') == std::string::npos) return {};
+    return fmt::format("a name that files get has at most {} bytes and no '/'", kLongestPart);
+}
+
+void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> &faults,
+               const std::function<void(const Entry &, const Entry &)> &take) {
+    if (!map.IsMap()) return faults.push_back({map.Mark(), fmt::format("expected a map of {}", what)});
+    std::set<std::string> seen;
+    for (const auto &pair : map) {
+        try {
+            const Entry key{pair.first};
+            if (!seen.insert(key.text()).second) key.fail(fmt::format("\"{}\" stands twice", key.text()));
+            take(key, {pair.second});
+        } catch (Fault &fault) {
+            faults.push_back(std::move(fault));
+        }
+    }
+}
+
 std::string Entry::text() const {
     if (!node.IsScalar()) fail("expected a text");
     return node.Scalar();
@@ -41,6 +97,12 @@ std::string Entry::line() const {
     const auto control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
     if (line.empty() || std::any_of(line.begin(), line.end(), control)) fail("expected one line of text");
     return line;
+}
+
+std::string Entry::part() const {
+    std::string part = line();
+    if (const std::string fault = faultOfPart(part); !fault.empty()) fail(fault);
+    return part;
 }
 
 double Entry::number() const {

@@ -4,9 +4,11 @@
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,15 +21,23 @@ struct Fault {
     std::string text;
 };
 
-constexpr uint64_t kLargestFile = 1 << 20;  // bytes: a hundred times what people write
+constexpr uint64_t kLargestFile = 1 << 18;  // bytes: a hundred times what people write
 
-// The file's only document. Throws Fault, also for a second document.
+// Reads the only document of a text, or of a file of at most kLargestFile bytes. Throws Fault, also for a second
+// document.
+YAML::Node parseDocument(const std::string &text);
 YAML::Node loadDocument(const std::filesystem::path &path);
 
-// A line a fault: FILE:LINE:COLUMN: what is wrong.
+// Returns a line per fault: FILE:LINE:COLUMN: what is wrong.
 std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults);
 
-// A value of a map. What it is asked for and is not, it throws as Fault.
+// Bytes of a part of a file's name: with a plan's, a place's and a run's, a name stays below the 255 of file systems.
+constexpr size_t kLongestPart = 64;
+
+// Returns what keeps a text from being part of a file's name; empty for nothing.
+std::string faultOfPart(const std::string &text);
+
+// A value of a map. Each call throws Fault when the value is not what is asked for.
 struct Entry {
     YAML::Node node;
 
@@ -43,6 +53,7 @@ struct Entry {
     }
     std::string text() const;
     std::string line() const;  // a text without control characters that is not empty
+    std::string part() const;  // a line that can be part of a file's name, see kLongestPart
     bool flag() const { return as<bool>("true or false"); }
     double number() const;  // a finite one
     int whole(int least, int most) const;
@@ -53,23 +64,20 @@ struct Entry {
 template <typename Target>
 using Keys = std::map<std::string_view, void (*)(Target &target, const Entry &value)>;
 
+// Hands each entry of a map to `take`. Adds to `faults` what it throws as Fault, and keys that stand twice. `what` ends
+// the words `expected a map of`.
+void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> &faults,
+               const std::function<void(const Entry &key, const Entry &value)> &take);
+
 // Reads a map into `target`, and adds what is wrong with it to `faults`. `where` ends the words `unknown key "KEY"`.
 template <typename Target>
 void readMap(const YAML::Node &node, const Keys<Target> &keys, std::string_view where, Target &target,
              std::vector<Fault> &faults) {
-    if (!node.IsMap()) return faults.push_back({node.Mark(), fmt::format("expected a map of keys {}", where)});
-    std::set<std::string> seen;
-    for (const auto &pair : node) {
-        try {
-            const Entry name{pair.first};
-            const auto read = keys.find(name.text());
-            if (read == keys.end()) name.fail(fmt::format("unknown key \"{}\" {}", name.text(), where));
-            if (!seen.insert(name.text()).second) name.fail(fmt::format("\"{}\" stands twice", name.text()));
-            read->second(target, {pair.second});
-        } catch (Fault &fault) {
-            faults.push_back(std::move(fault));
-        }
-    }
+    eachEntry(node, fmt::format("keys {}", where), faults, [&](const Entry &key, const Entry &value) {
+        const auto read = keys.find(key.text());
+        if (read == keys.end()) key.fail(fmt::format("unknown key \"{}\" {}", key.text(), where));
+        read->second(target, value);
+    });
 }
 
 }  // namespace station

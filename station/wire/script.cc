@@ -41,16 +41,18 @@ std::string wrap(const std::string &script, const std::map<std::string, std::str
     return wrapperFor(exports, port, wrapperFor(exports, port, 0).size()) + script;
 }
 
-// The status, a line end, and the output.
+// Receives the status, a line end, and the output.
 ScriptResult receiveResult(Session &&connection, Milliseconds limit) {
+    constexpr size_t kLongestStatus = 4;  // "255" and the line end
     ScriptResult result;
-    const std::string bytes = connection.receiveAll(limit, kLongestOutput, &result.cut);
+    const std::string bytes = connection.receiveAll(limit, kLongestStatus + kLongestOutput, &result.cut);
     const size_t lineEnd = bytes.find('\n');
     const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
     if (error != std::errc() || lineEnd == std::string::npos || behind != bytes.data() + lineEnd) {
         throw SessionError("the script's result is not complete");
     }
-    result.output = bytes.substr(lineEnd + 1);
+    result.output = bytes.substr(lineEnd + 1, kLongestOutput);
+    result.cut += bytes.size() - (lineEnd + 1) - result.output.size();
     return result;
 }
 
