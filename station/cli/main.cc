@@ -9,34 +9,16 @@
 #include <string>
 #include <system_error>
 
+#include "station/cli/commands.h"
 #include "station/cli/exit_codes.h"
-#include "station/cli/line_commands.h"
 #include "station/cli/store_commands.h"
-#include "station/line/line_file.h"
+#include "station/plan/plan.h"
 #include "station/run/records.h"
+#include "station/store/database.h"
 #include "station/store/pool.h"
 #include "station/wire/listener.h"
 
 namespace {
-
-void check(const std::string &path, const std::string &files, const std::string &store) {
-    const bool line = station::isLineFile(path);
-    const station::Plan plan = line ? station::loadLine(path, station::poolNames).plan
-                                    : station::loadPlan(path, files, {{}, station::poolNames(store)});
-    if (!plan.warnings.empty()) fmt::print("{}\n", plan.warnings);
-    fmt::print("{}plan {}: {} steps, no faults\n", line ? "line " + path + ": " : "", plan.name, plan.steps.size());
-}
-
-void addCheck(CLI::App &app) {
-    CLI::App *const command =
-        app.add_subcommand("check", "Find every fault of a plan or a line's file, without a board");
-    const auto path = std::make_shared<std::string>(), files = std::make_shared<std::string>();
-    const auto store = std::make_shared<std::string>();
-    command->add_option("plan", *path, "The plan, or the line's file")->required();
-    command->add_option("--files", *files, "Folder of the plan's files, instead of its own");
-    command->add_option("--store", *store, "The store of whose pools the plan takes; a line's file says it itself");
-    command->callback([=] { check(*path, *files, *store); });
-}
 
 int complain(int code, const std::exception &error, const char *name = "qcstation: ") {
     std::fprintf(stderr, "%s%s\n", name, error.what());
@@ -50,8 +32,10 @@ int main(int argc, char **argv) try {
     app.require_subcommand(1);
     app.set_version_flag("--version", "qcstation " VERSION, "Print the version");
     int status = station::kPassed;
-    station::addLineCommands(app, status);
-    addCheck(app);
+    station::addRun(app, status);
+    station::addServe(app, status);
+    station::addDiscover(app);
+    station::addCheck(app);
     station::addStoreCommands(app);
     try {
         app.parse(argc, argv);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <utility>
 
 #include "station/base/text.h"
 
@@ -35,7 +36,18 @@ bool stopsWithin(std::chrono::seconds duration) {
     return signal == SIGINT || signal == SIGTERM;
 }
 
-Signals::Signals(SignalActions actions) : actions_(std::move(actions)), signals_(-1), done_(eventfd(0, EFD_CLOEXEC)) {
+struct Signals::Reloading {
+    std::mutex mutex;  // guards what follows
+    bool wanted = true;
+    bool busy = false;   // a thread is reading
+    bool again = false;  // SIGHUP came meanwhile
+};
+
+Signals::Signals(SignalActions actions)
+    : actions_(std::move(actions)),
+      reloading_(std::make_shared<Reloading>()),
+      signals_(-1),
+      done_(eventfd(0, EFD_CLOEXEC)) {
     const sigset_t set = held();
     signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
     thread_ = std::thread([this] { watch(); });
@@ -44,6 +56,8 @@ Signals::Signals(SignalActions actions) : actions_(std::move(actions)), signals_
 Signals::~Signals() {
     eventfd_write(done_.descriptor(), 1);
     thread_.join();
+    const std::lock_guard lock(reloading_->mutex);
+    reloading_->wanted = false;
 }
 
 void Signals::watch() {
@@ -55,14 +69,31 @@ void Signals::watch() {
         signalfd_siginfo signal{};
         if (read(signals_.descriptor(), &signal, sizeof signal) != sizeof signal) continue;
         if (signal.ssi_signo == SIGHUP) {
-            actions_.reload();
+            reload();
         } else if (stopped) {
+            const sigset_t set = held();
+            pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the next signal ends the process
             actions_.end();
         } else {
             stopped = true;
             actions_.stop();
         }
     }
+}
+
+void Signals::reload() {
+    const std::lock_guard lock(reloading_->mutex);
+    reloading_->again = std::exchange(reloading_->busy, true);
+    if (reloading_->again) return;
+    std::thread([load = actions_.reload, state = reloading_] {
+        for (;;) {
+            const std::function<void()> adopt = load();
+            const std::lock_guard adopting(state->mutex);
+            if (state->wanted) adopt();
+            state->busy = std::exchange(state->again, false) && state->wanted;
+            if (!state->busy) return;
+        }
+    }).detach();
 }
 
 void Unfinished::stepStarts(const RunRecord &run, size_t step) {

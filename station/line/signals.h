@@ -1,9 +1,10 @@
 #pragma once
-// How a person, or the system, has the line stop.
+// The signals by which a person, or the system, has the line stop or read its file again.
 
 #include <chrono>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,20 +14,22 @@
 
 namespace station {
 
-// Takes SIGINT, SIGTERM and SIGHUP from the calling thread and those that it makes from now on; SIGPIPE ends nothing.
-// To be called before any thread is made.
+// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread and in those that it makes from now on, and ignores SIGPIPE.
+// Must be called before any thread is made.
 void holdSignals();
 
-// Waits so long: true when meanwhile one of the held signals has said to stop.
+// Waits so long. Returns true when SIGINT or SIGTERM came meanwhile.
 bool stopsWithin(std::chrono::seconds duration);
 
 struct SignalActions {
-    std::function<void()> stop;    // at the first SIGINT or SIGTERM
-    std::function<void()> end;     // at the second
-    std::function<void()> reload;  // at SIGHUP
+    std::function<void()> stop;  // at the first SIGINT or SIGTERM
+    std::function<void()> end;   // at the second; the third ends the process, whatever this waits for
+    // At SIGHUP, in a thread that nothing waits for, so it may outlive this and all that it refers to. What it returns
+    // is called there, unless the Signals are gone by then.
+    std::function<std::function<void()>()> reload;
 };
 
-// Acts on the signals that are held, in a thread of its own, so that nothing that hangs keeps the line from ending.
+// Acts on the signals that are held, in a thread of its own that never waits for anything else.
 class Signals {
 public:
     explicit Signals(SignalActions actions);
@@ -34,9 +37,12 @@ public:
     Signals(const Signals &) = delete;
 
 private:
+    struct Reloading;
     void watch();
+    void reload();
 
     SignalActions actions_;
+    const std::shared_ptr<Reloading> reloading_;
     Descriptor signals_, done_;
     std::thread thread_;
 };
@@ -48,7 +54,7 @@ public:
     void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
     void stepEnds(const RunRecord &run, size_t step) override;
 
-    // A line a board: where it was left, and whether it may hold half of what was sent.
+    // Returns a line per board: where it was left, and whether it may hold half of what was sent.
     std::string describe() const;
 
 private:

@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "station/base/text.h"
-#include "station/display/display.h"
 #include "station/page/static_files.h"
 
 namespace station {

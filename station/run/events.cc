@@ -8,8 +8,6 @@
 namespace station {
 namespace {
 
-constexpr std::chrono::milliseconds kEvery{100};
-
 // A line: when, what, and the particulars.
 std::string line(const char *event, const Json &particulars) {
     Json result = {{"time", isoTime(WallClock::now())}, {"event", event}};
@@ -32,6 +30,8 @@ Json with(const RunRecord &run, size_t step, const Json &particulars) {
 
 }  // namespace
 
+std::string Events::linesDropped(size_t count) { return line("lines_dropped", {{"count", count}}); }
+
 void Events::lineStarts(const std::vector<Place> &places) {
     Json list = Json::array();
     for (const Place &place : places) list.push_back(toJson(place));
@@ -49,8 +49,7 @@ void Events::stepStarts(const RunRecord &run, size_t step) {
 }
 
 void Events::progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) {
-    if (!isDue(run, sent == total)) return;
-    output_.put(line("progress", with(run, step, {{"sent", sent}, {"total", total}})));
+    output_.progress(line("progress", with(run, step, {{"sent", sent}, {"total", total}})));
 }
 
 void Events::asks(const RunRecord &run, size_t step, const std::string &prompt) {
@@ -62,10 +61,6 @@ void Events::stepEnds(const RunRecord &run, size_t step) {
 }
 
 void Events::boardEnds(const RunRecord &run) {
-    {
-        const std::lock_guard lock(mutex_);
-        told_.erase(run.id);
-    }
     Json particulars = {{"verdict", run.passed() ? "passed" : "failed"},
                         {"failures", run.failures()},
                         {"seconds", std::chrono::duration<double>(run.end - run.start).count()},
@@ -89,15 +84,5 @@ void Events::lineWaits(const std::string &why) { output_.put(line("line_waits", 
 void Events::lineStops() { output_.put(line("line_stops", Json::object())); }
 
 void Events::trouble(const std::string &text) { output_.put(line("trouble", {{"text", text}})); }
-
-bool Events::isDue(const RunRecord &run, bool last) {
-    if (!last && output_.behind()) return false;
-    const std::lock_guard lock(mutex_);
-    const auto now = std::chrono::steady_clock::now();
-    auto &told = told_[run.id];
-    if (!last && now - told < kEvery) return false;
-    told = now;
-    return true;
-}
 
 }  // namespace station

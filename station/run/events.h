@@ -1,9 +1,6 @@
 #pragma once
 // What happens on the line as lines of JSON on standard output, for programs: docs/event.schema.json describes them.
 
-#include <chrono>
-#include <map>
-#include <mutex>
 #include <string>
 
 #include "station/run/observer.h"
@@ -13,6 +10,12 @@ namespace station {
 
 class Events : public Observer {
 public:
+    // `output` must outlive this.
+    explicit Events(Output &output) : output_(output) {}
+
+    // The line that says how many lines the reader was too slow for.
+    static std::string linesDropped(size_t count);
+
     void lineStarts(const std::vector<Place> &places) override;
     void boardConnects(const RunRecord &run) override;
     void stepStarts(const RunRecord &run, size_t step) override;
@@ -28,12 +31,7 @@ public:
     void trouble(const std::string &text) override;
 
 private:
-    // Of the payload that a board is being sent, ten times a second and at its end.
-    bool isDue(const RunRecord &run, bool last);
-
-    std::mutex mutex_;
-    std::map<std::string, std::chrono::steady_clock::time_point> told_;  // by run: its progress
-    Output output_;
+    Output &output_;
 };
 
 }  // namespace station

@@ -1,5 +1,5 @@
 #pragma once
-// Who is told how the line goes on: display, events, page. Called by the threads of all boards at once.
+// The interface to what follows a line: terminal, events, page. Called by the threads of all boards at once.
 
 #include <exception>
 #include <string>
@@ -17,6 +17,7 @@ public:
     virtual void lineStarts(const std::vector<Place> &) {}
     virtual void boardConnects(const RunRecord &) {}
     virtual void stepStarts(const RunRecord &, size_t /*step*/) {}
+    // At most ten times a second, and when all is sent.
     virtual void progress(const RunRecord &, size_t /*step*/, uint64_t /*sent*/, uint64_t /*total*/) {}
     // The step waits for the operator's answer to the prompt.
     virtual void asks(const RunRecord &, size_t /*step*/, const std::string & /*prompt*/) {}

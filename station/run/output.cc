@@ -1,46 +1,121 @@
 #include "station/run/output.h"
 
-#include <cstdio>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <thread>
 #include <utility>
+
+#include "station/base/time.h"
 
 namespace station {
 namespace {
 
-constexpr size_t kBehind = 1000;  // texts that wait
+constexpr size_t kMost = 4 << 20, kMostForProgress = kMost / 4;  // bytes that wait
+constexpr size_t kPiece = 65536;                                 // bytes of a write
+constexpr Milliseconds kGlimpse{100};
+constexpr std::chrono::seconds kPatience{1};
 
 }  // namespace
 
+struct Output::Queue {
+    std::mutex mutex;  // guards all that follows
+    std::condition_variable changed;
+    std::string waiting;
+    size_t writing = 0;    // bytes that the thread has taken and not yet written
+    size_t dropped = 0;    // lines since the reader fell behind
+    uint64_t written = 0;  // bytes in all
+    bool ends = false;
+    std::string failure;
+
+    bool idle() const { return waiting.empty() && writing == 0; }
+    size_t size() const { return waiting.size() + writing; }
+};
+
+Output::Output(int descriptor, Describe describe) : describe_(std::move(describe)), queue_(std::make_shared<Queue>()) {
+    std::thread(write, queue_, descriptor).detach();
+}
+
 Output::~Output() {
-    {
-        const std::lock_guard lock(mutex_);
-        ends_ = true;
+    finish([] { return true; });
+    const std::lock_guard lock(queue_->mutex);
+    queue_->ends = true;
+    queue_->changed.notify_all();
+}
+
+void Output::put(const std::string &text) {
+    const std::lock_guard lock(queue_->mutex);
+    const size_t room = queue_->dropped > 0 ? kMost / 2 : kMost;
+    if (queue_->size() > room) {
+        queue_->dropped += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+        return;
     }
-    changed_.notify_one();
-    writer_.join();
+    if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));
+    queue_->waiting += text;
+    queue_->changed.notify_all();
 }
 
-void Output::put(std::string text) {
+void Output::progress(const std::string &text) {
     {
-        const std::lock_guard lock(mutex_);
-        texts_.push_back(std::move(text));
+        const std::lock_guard lock(queue_->mutex);
+        if (queue_->size() > kMostForProgress) return;
     }
-    changed_.notify_one();
+    put(text);
 }
 
-bool Output::behind() const {
-    const std::lock_guard lock(mutex_);
-    return texts_.size() > kBehind;
+std::string Output::finish(const std::function<bool()> &hurry) {
+    std::unique_lock lock(queue_->mutex);
+    if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));
+    queue_->changed.notify_all();
+    uint64_t written = queue_->written;
+    for (auto since = Clock::now(); !queue_->idle() && queue_->failure.empty();) {
+        queue_->changed.wait_for(lock, kGlimpse);
+        if (std::exchange(written, queue_->written) != queue_->written) since = Clock::now();
+        if (hurry() && Clock::now() - since > kPatience) queue_->failure = "nobody reads it";
+    }
+    return queue_->failure;
 }
 
-void Output::write() {
-    std::unique_lock lock(mutex_);
-    while (!ends_ || !texts_.empty()) {
-        changed_.wait(lock, [&] { return ends_ || !texts_.empty(); });
-        std::deque<std::string> texts = std::exchange(texts_, {});
+// Writes the text in pieces, each with `piece` called behind it. Returns what failed; empty: nothing.
+template <typename Piece>
+static std::string writeAll(int descriptor, const std::string &text, const Piece &piece) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t length = ::write(descriptor, text.data() + done, std::min(kPiece, text.size() - done));
+        if (length < 0 && errno == EAGAIN) {
+            pollfd polled{descriptor, POLLOUT, 0};
+            poll(&polled, 1, -1);
+        } else if (length < 0 && errno != EINTR) {
+            return strerror(errno);
+        } else if (length > 0) {
+            done += static_cast<size_t>(length);
+            piece(static_cast<size_t>(length));
+        }
+    }
+    return {};
+}
+
+void Output::write(const std::shared_ptr<Queue> &queue, int descriptor) {
+    std::unique_lock lock(queue->mutex);
+    for (;;) {
+        queue->changed.wait(lock, [&] { return queue->ends || !queue->waiting.empty(); });
+        if (queue->ends) return;
+        const std::string text = std::exchange(queue->waiting, {});
+        queue->writing = text.size();
         lock.unlock();
-        for (const std::string &text : texts) std::fwrite(text.data(), 1, text.size(), stdout);
-        std::fflush(stdout);
+        const std::string failure = writeAll(descriptor, text, [&](size_t length) {
+            const std::lock_guard counting(queue->mutex);
+            queue->writing -= length;
+            queue->written += length;
+            queue->changed.notify_all();
+        });
         lock.lock();
+        queue->writing = 0;
+        if (queue->failure.empty()) queue->failure = failure;
+        queue->changed.notify_all();
     }
 }
 

@@ -1,34 +1,40 @@
 #pragma once
-// Standard output for the boards' threads, which never wait for whoever reads it.
+// A stream of lines, such as standard output, that no thread ever waits for.
 
 #include <condition_variable>
-#include <deque>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 namespace station {
 
-// Everything that was put is written, in order, before the end of its life; ferror(stdout) tells whether it was taken.
+// Keeps at most 4 MiB for a slow reader: from 1 MiB on progress() is dropped, from 4 MiB on whole lines are, until half
+// of what waits has been taken. `describe` then makes the line that says how many were dropped.
 class Output {
 public:
-    Output() : writer_([this] { write(); }) {}
+    using Describe = std::function<std::string(size_t dropped)>;
+    // Writes to a descriptor, which stays the caller's.
+    Output(int descriptor, Describe describe);
     ~Output();
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
 
-    void put(std::string text);
-    // The reader is behind: what is worth nothing later can be left out.
-    bool behind() const;
+    // One or more whole lines.
+    void put(const std::string &text);
+    // Text that is worth nothing later.
+    void progress(const std::string &text);
+
+    // Waits until everything is written. Once `hurry` returns true, a reader that takes nothing for a second is given
+    // up. Returns why something was not written, the first reason; empty: everything was.
+    std::string finish(const std::function<bool()> &hurry);
 
 private:
-    void write();
+    struct Queue;
+    static void write(const std::shared_ptr<Queue> &queue, int descriptor);
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::string> texts_;
-    bool ends_ = false;
-    std::thread writer_;
+    const Describe describe_;
+    const std::shared_ptr<Queue> queue_;  // shared with the writing thread, which may be blocked for good
 };
 
 }  // namespace station

@@ -34,6 +34,28 @@ const StepResult *RunRecord::firstFailed() const {
     return failed == steps.end() ? nullptr : &*failed;
 }
 
+std::string nameOf(const Place &place) {
+    return place.name == std::to_string(place.number) ? "board " + place.name : place.name;
+}
+
+std::string summaryOf(const RunRecord &run) {
+    const StepResult *const failed = run.firstFailed();
+    if (failed != nullptr) {
+        return fmt::format("step {}/{} {}: {}", failed - run.steps.data() + 1, run.steps.size(), failed->title,
+                           failed->failure);
+    }
+    if (!run.failure.empty()) return run.failure;
+    return run.passed() ? fmt::format("{} steps", run.steps.size()) : "ended before all steps were run";
+}
+
+std::string endLine(const RunRecord &run) {
+    const StepResult *const failed = run.firstFailed();
+    return oneLine(fmt::format("{}  {}{:.1f} s  {}{}", run.passed() ? "PASS" : "FAIL",
+                               run.unit.empty() ? "" : run.unit + "  ",
+                               std::chrono::duration<double>(run.end - run.start).count(), summaryOf(run),
+                               failed == nullptr || failed->hint.empty() ? "" : "  -> " + failed->hint));
+}
+
 std::string makeRunId(WallClock::time_point start) {
     std::string time = isoTime(start);
     std::erase_if(time, [](char c) { return c == '-' || c == ':'; });

@@ -1,5 +1,5 @@
 #pragma once
-// What is known of one run of a plan on one board: what results, store, display and hooks are made from.
+// What is known of one run of a plan on one board: what results, store, page and hooks are made from.
 
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +66,15 @@ struct RunRecord {
     bool passed() const { return failures() + notRun() == 0 && failure.empty(); }
     const StepResult *firstFailed() const;  // null: none has
 };
+
+// The place for people: its name, or "board 3" when it has none but its number.
+std::string nameOf(const Place &place);
+
+// What stands behind a verdict: the first step that failed and why, or what failed besides; else the number of steps.
+std::string summaryOf(const RunRecord &run);
+
+// A run's end in one line: verdict, unit, seconds, summary, and what to do.
+std::string endLine(const RunRecord &run);
 
 // "20261121T173000.123Z-" and eight random hexadecimal digits.
 std::string makeRunId(WallClock::time_point start);

@@ -16,6 +16,7 @@ namespace station {
 namespace {
 
 constexpr Milliseconds kRetryPause{1000};
+constexpr Milliseconds kProgressPause{100};
 constexpr char kUnit[] = "serial";      // the variable that is the unit
 constexpr size_t kLongestValue = 1024;  // of a variable; it may go into a board's and a hook's environment
 
@@ -47,9 +48,13 @@ struct Attempt {
         return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
     }
     void judge(const std::string &text) { result.failure = expected.judge(text, groups); }
+    // Tells the observer ten times a second at most, and at the end.
     Progress progress() const {
-        return
-            [this](uint64_t sent, uint64_t total) { course.context.observer.progress(course.run, index, sent, total); };
+        return [this, told = Clock::time_point{}](uint64_t sent, uint64_t total) mutable {
+            if (sent < total && Clock::now() - told < kProgressPause) return;
+            told = Clock::now();
+            course.context.observer.progress(course.run, index, sent, total);
+        };
     }
 };
 

@@ -1,0 +1,15 @@
+#pragma once
+// The subcommands that serve boards, a file each.
+
+#include <CLI/CLI.hpp>
+
+namespace station {
+
+// Each adds its subcommand, which runs while the command line is parsed, leaves its exit code in `status`, and throws
+// what it finds wrong.
+void addRun(CLI::App &app, int &status);    // a plan on one batch of boards
+void addServe(CLI::App &app, int &status);  // a line, for ever
+void addDiscover(CLI::App &app);            // finds a board that waits in the mode "qconly"
+void addCheck(CLI::App &app);               // reads a plan or a line's file
+
+}  // namespace station

@@ -1,0 +1,158 @@
+#include "station/cli/terminal.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <re2/re2.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "station/base/text.h"
+
+namespace station {
+namespace {
+
+constexpr Milliseconds kTyping{100};
+constexpr size_t kLongestAnswer = 4096;  // bytes of a line, as a terminal limits it
+
+// Keeps a text's lines and colours, but nothing else that could move the cursor or erase what is shown.
+std::string harmless(const std::string &text) {
+    static const re2::RE2 kKept("(?s)((?:\\PC|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)");
+    const std::string clean = asUtf8(text);
+    std::string result, kept, other;
+    for (re2::StringPiece rest(clean); !rest.empty() && re2::RE2::Consume(&rest, kKept, &kept, &other);) {
+        result += kept + (other.empty() ? "" : "?");
+    }
+    return result + "\033[0m";
+}
+
+// Returns the replies that the plan shows, as the board sent them; `named`: each with its place.
+std::string shownReplies(const RunRecord &run, bool named) {
+    std::string text;
+    for (const StepResult &step : run.steps) {
+        if (!step.show || step.reply.empty()) continue;
+        const std::string whose = nameOf(run.place) + (run.unit.empty() ? "" : " " + run.unit);
+        text += named ? fmt::format("\n{}: {}\n", whose, oneLine(step.title)) : "\n";
+        text += step.reply + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+Terminal::Terminal(Output &output, int boards)
+    : output_(output), boards_(boards), watched_(isatty(STDOUT_FILENO) != 0), asks_(isatty(STDIN_FILENO) != 0) {}
+
+void Terminal::boardConnects(const RunRecord &run) {
+    if (boards_ != 1) print(run, "connected from " + run.peer);
+}
+
+void Terminal::stepStarts(const RunRecord &run, size_t step) {
+    if (boards_ == 1) show(fmt::format("{}/{} {}", step + 1, run.steps.size(), oneLine(run.steps[step].title)));
+}
+
+void Terminal::progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) {
+    if (boards_ != 1) return;
+    show(fmt::format("{}/{} {:3} % {}", step + 1, run.steps.size(), sent * 100 / std::max<uint64_t>(total, 1),
+                     oneLine(run.steps[step].title)));
+}
+
+void Terminal::asks(const RunRecord &run, size_t, const std::string &prompt) { print(run, "asks: " + oneLine(prompt)); }
+
+void Terminal::stepEnds(const RunRecord &run, size_t step) {
+    release(run.place.number);
+    print(run, describeStep(run.steps[step]));
+}
+
+void Terminal::boardEnds(const RunRecord &run) {
+    const bool told = boards_ == 1 && run.failure.empty();  // by the steps' lines
+    if (!told) print(run, endLine(run));
+    const std::string replies = shownReplies(run, boards_ != 1);
+    if (!replies.empty()) print(watched_ ? harmless(replies) : replies);
+}
+
+void Terminal::placeHeld(const Place &place, bool held) {
+    print(nameOf(place) + (held ? "  held: it takes no board until it is released\n" : "  released\n"));
+}
+
+void Terminal::strangerRefused(const std::string &peer, const std::string &why) {
+    print(oneLine(fmt::format("stranger {} refused: {}", peer, why)) + "\n");
+}
+
+void Terminal::lineWaits(const std::string &why) {
+    print(why.empty() ? "boards are taken again\n" : "no new boards are taken: " + oneLine(why) + "\n");
+}
+
+void Terminal::lineStops() { print("stopping: running steps end first; interrupt once more to end at once\n"); }
+
+void Terminal::trouble(const std::string &text) { print(oneLine(text) + "\n"); }
+
+std::string Terminal::ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
+                          Clock::time_point deadline, const Needless &needless) {
+    if (!asks_ || !watched_) throw std::runtime_error("there is no terminal where an operator could be asked");
+    const int place = run.place.number;
+    {
+        std::unique_lock lock(mutex_);
+        while (asking_ != 0 && asking_ != place && needless().empty() && Clock::now() < deadline) {
+            free_.wait_for(lock, kTyping);
+        }
+        if (const std::string why = needless(); !why.empty()) throw std::runtime_error(why);
+        if (asking_ != 0 && asking_ != place) throw std::runtime_error("the operator did not answer in time");
+        asking_ = place;
+        tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before belongs to no question
+        prompt_ = fmt::format("{}: {}{} > ", nameOf(run.place), problem.empty() ? "" : oneLine(problem) + ". ",
+                              oneLine(prompt));
+        output_.put("\r\033[K" + prompt_);
+    }
+    try {
+        return readAnswer(deadline, needless);
+    } catch (...) {
+        release(place);
+        throw;
+    }
+}
+
+// Reads a line. Throws std::runtime_error when none comes, or none is needed.
+std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &needless) {
+    while (Clock::now() < deadline) {
+        if (const std::string why = needless(); !why.empty()) throw std::runtime_error(why);
+        pollfd polled{STDIN_FILENO, POLLIN, 0};
+        if (poll(&polled, 1, static_cast<int>(kTyping.count())) <= 0) continue;
+        std::string line(kLongestAnswer, '\0');
+        const ssize_t length = read(STDIN_FILENO, line.data(), line.size());
+        if (length <= 0) throw std::runtime_error("the operator's terminal is gone");
+        line.resize(static_cast<size_t>(length));
+        const std::lock_guard lock(mutex_);
+        prompt_.clear();
+        return line;
+    }
+    throw std::runtime_error("the operator did not answer in time");
+}
+
+void Terminal::release(int place) {
+    const std::lock_guard lock(mutex_);
+    if (asking_ != place) return;
+    asking_ = 0;
+    if (!prompt_.empty()) output_.put("\n");
+    prompt_.clear();
+    free_.notify_all();
+}
+
+void Terminal::print(const RunRecord &run, const std::string &text) {
+    print(boards_ == 1 ? text + "\n" : fmt::format("{}  {}\n", nameOf(run.place), text));
+}
+
+// An open question moves below the new lines; what is typed of its answer stays with the terminal.
+void Terminal::print(const std::string &lines) {
+    const std::lock_guard lock(mutex_);
+    output_.put(watched_ ? "\r\033[K" + lines + prompt_ : lines);
+}
+
+// The terminal cuts the line at its right edge.
+void Terminal::show(const std::string &text) {
+    const std::lock_guard lock(mutex_);
+    if (watched_ && prompt_.empty()) output_.progress("\r\033[?7l" + text + "\033[K\033[?7h");
+}
+
+}  // namespace station

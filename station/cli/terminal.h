@@ -1,0 +1,53 @@
+#pragma once
+// What people read on standard output: a line for each thing that happens.
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "station/run/observer.h"
+#include "station/run/operator.h"
+#include "station/run/output.h"
+
+namespace station {
+
+// On a terminal, a single board also has a line that follows its progress, and the operator is asked there, one
+// question at a time. The terminal stays in its own mode: it echoes and edits what is typed.
+class Terminal : public Observer, public Operator {
+public:
+    // `boards`: how many will be served, 0 for no end. `output` must outlive this.
+    Terminal(Output &output, int boards);
+
+    void boardConnects(const RunRecord &run) override;
+    void stepStarts(const RunRecord &run, size_t step) override;
+    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
+    void asks(const RunRecord &run, size_t step, const std::string &prompt) override;
+    void stepEnds(const RunRecord &run, size_t step) override;
+    void boardEnds(const RunRecord &run) override;
+    void placeHeld(const Place &place, bool held) override;
+    void strangerRefused(const std::string &peer, const std::string &why) override;
+    void lineWaits(const std::string &why) override;
+    void lineStops() override;
+    void trouble(const std::string &text) override;
+
+    // A place whose answer was wrong is asked again before any other place.
+    std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
+                    Clock::time_point deadline, const Needless &needless) override;
+
+private:
+    void print(const RunRecord &run, const std::string &text);
+    void print(const std::string &lines);
+    void show(const std::string &text);  // the line that the next one replaces
+    std::string readAnswer(Clock::time_point deadline, const Needless &needless);
+    void release(int place);
+
+    Output &output_;
+    const int boards_;
+    const bool watched_, asks_;  // standard output is a terminal; standard input is one, too
+    std::mutex mutex_;           // guards what follows
+    std::condition_variable free_;
+    int asking_ = 0;      // the number of the place that is asked; 0: none
+    std::string prompt_;  // of the question that is open
+};
+
+}  // namespace station

@@ -1,0 +1,144 @@
+#include "station/cli/work.h"
+
+#include <fmt/format.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <stdexcept>
+
+#include "station/cli/exit_codes.h"
+#include "station/cli/terminal.h"
+#include "station/line/signals.h"
+#include "station/run/events.h"
+#include "station/run/results.h"
+#include "station/store/store_records.h"
+
+namespace station {
+namespace {
+
+// With --json nobody can answer.
+struct Nobody : Operator {
+    std::string ask(const RunRecord &, size_t, const std::string &, const std::string &, Clock::time_point,
+                    const Needless &) override {
+        throw std::runtime_error("there is no terminal where an operator could be asked");
+    }
+};
+
+// Makes room for a thousand boards: as many descriptors as are allowed; and few heaps, of which each thread would take
+// its own.
+void makeRoom() {
+    mallopt(M_ARENA_MAX, 2);
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+}
+
+// Forwards the records' troubles to the observer.
+struct Telling {
+    Telling(Records &all, Observer &observer) : records(all) {
+        records.tell([&observer](const std::string &trouble) { observer.trouble(trouble); });
+    }
+    ~Telling() { records.tell({}); }
+    Records &records;
+};
+
+// Serves browsers while there is a line to show.
+struct Showing {
+    Showing(Page *all, Line &line) : page(all) {
+        if (page != nullptr) page->start([&line](int place, bool held) { return line.hold(place, held); });
+    }
+    ~Showing() {
+        if (page != nullptr) page->stop();
+    }
+    Page *page;
+};
+
+[[noreturn]] void endAtOnce(const Unfinished &unfinished) {
+    const std::string left = "ended at once\n" + unfinished.describe();
+    [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, left.data(), left.size());
+    _exit(kInterrupted);
+}
+
+int exitCodeOf(const Outcome &outcome, const std::string &unprinted) {
+    if (!outcome.unwritten.empty()) fmt::print(stderr, "qcstation: not all is recorded: {}\n", outcome.unwritten);
+    if (!unprinted.empty()) fmt::print(stderr, "qcstation: standard output: {}\n", unprinted);
+    if (!outcome.unwritten.empty() || !unprinted.empty()) return kCannotWrite;
+    if (outcome.interrupted) return kInterrupted;
+    return outcome.failed > 0 ? kFailed : kPassed;
+}
+
+}  // namespace
+
+Console::Console(bool events)
+    : json(events), output(STDOUT_FILENO, [events](size_t dropped) {
+          return events ? Events::linesDropped(dropped)
+                        : fmt::format("{} lines are missing here: they were not read in time\n", dropped);
+      }) {}
+
+void Console::say(const std::string &lines) {
+    if (json) {
+        fmt::print(stderr, "{}", lines);
+    } else {
+        output.put(lines);
+    }
+}
+
+int work(const Stage &stage) {
+    makeRoom();
+    Console &console = stage.console;
+    Terminal terminal(console.output, stage.boards);
+    Events events(console.output);
+    Unfinished unfinished;
+    Observers observers;
+    observers.add(unfinished);
+    observers.add(console.json ? static_cast<Observer &>(events) : terminal);
+    if (stage.page != nullptr) observers.add(stage.page->observer());
+    Nobody nobody;
+    Operator &people = stage.page != nullptr ? stage.page->operators()
+                       : console.json        ? static_cast<Operator &>(nobody)
+                                             : terminal;
+    Stop stop;
+    Units units;
+    Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people, units});
+    const Signals signals({[&] {
+                               stop.request();
+                               line.wake();
+                           },
+                           [&] { endAtOnce(unfinished); },
+                           [&, reload = stage.reload]() -> std::function<void()> {
+                               const Reload found = reload ? reload() : Reload{};
+                               return [&, found] {
+                                   for (const std::string &trouble : found.troubles) observers.trouble(trouble);
+                                   if (found.job) line.change(found.job);
+                               };
+                           }});
+    Outcome outcome;
+    {
+        const Telling telling(stage.records, observers);
+        const Showing showing(stage.page, line);
+        outcome = stage.task(line);
+    }
+    console.say(stage.summary(outcome));
+    return exitCodeOf(outcome, console.output.finish([&] { return stop.requested(); }));
+}
+
+std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,
+                                   const std::filesystem::path &spool) {
+    auto files = folder.empty() ? std::make_unique<Records>() : std::make_unique<FileRecords>(folder);
+    if (store.empty()) return files;
+    return std::make_unique<StoreRecords>(store, spool.empty() ? defaultSpool(store) : spool, std::move(files));
+}
+
+void warn(const Plan &plan) {
+    if (!plan.warnings.empty()) fmt::print(stderr, "{}\n", plan.warnings);
+}
+
+void addJson(CLI::App *command, bool &json) {
+    command->add_flag("--json", json, "Print each thing that happens as a line of JSON");
+}
+
+}  // namespace station
