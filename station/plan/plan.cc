@@ -185,7 +185,9 @@ const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
 const std::array<KindOfStep, 4> kKinds = {{
     {"send",
      [](const Step &step, const Variables &variables) {
-         const std::string command = fill(fill(step.send, step.known), variables);
+         Variables values = step.known;
+         values.insert(variables.begin(), variables.end());
+         const std::string command = fill(step.send, values);
          return step.file ? fmt::format("{}  [{}]", command, step.file->name) : command;
      },
      join(join(kOnBoard, kJudged), {{"send", readSend},

@@ -20,6 +20,7 @@
 #include <map>
 #include <random>
 #include <span>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@
 #include "firmware/product_block.h"
 #include "firmware/upload.h"
 #include "image/firmware_image.h"
+#include "station/base/text.h"
+#include "station/line/line_file.h"
+#include "station/plan/plan.h"
+#include "station/wire/discovery.h"
 #include "support/configuration.h"
 #include "support/handle.h"
 #include "support/shell.h"
@@ -156,8 +161,67 @@ void session(std::string input) {
     require(truncate("/flash/mtd6", 1 << 16) == 0);
 }
 
-const std::map<std::string, void (*)(std::string input)> kTargets = {
-    {"configuration", configuration}, {"image", image}, {"session", session}};
+// A plan and a line's file. Each fault says where it is.
+void plan(std::string input) {
+    const fs::path file = "/tmp/plan.yaml";
+    put(file, input);
+    put("/tmp/five", "12345");
+    station::Names names{{"serial", "line"}, {"mac"}};
+    try {
+        for (const station::Step &step : station::loadPlan(file, "/tmp", names).steps) {
+            station::Variables groups;
+            step.expected.judge(step.title({{"serial", input}}), groups);
+        }
+    } catch (const station::PlanError &error) {
+        std::istringstream faults(error.what());
+        for (std::string fault; std::getline(faults, fault);) require(fault.starts_with(file.string() + ":"));
+    }
+    try {
+        if (station::isLineFile(file)) station::loadLine(file, nullptr);
+    } catch (const station::PlanError &) {
+    }
+}
+
+// What a board sends: replies until one is wrong, a script's result, the end.
+void replies(std::string input) {
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    station::Session session{station::Socket(ends[0])};
+    const station::Socket board(ends[1]);
+    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
+    shutdown(ends[1], SHUT_WR);
+    try {
+        for (;;) {
+            const std::string reply = session.receiveReply(station::Milliseconds(1000));
+            require(reply.size() < station::kLongestReply && reply.find('\0') == std::string::npos);
+            require(station::oneLine(reply).find('\n') == std::string::npos);
+        }
+    } catch (const station::SessionError &) {
+    }
+}
+
+// Frames, parted by lines, that answer the discovery of a board.
+void discovery(std::string input) {
+    struct Frames : station::FrameLink {
+        void send(const std::string &) override {}
+        std::string receive(station::Clock::time_point) override { return next(rest); }
+        station::Mac address() const override { return 0x020000000002; }
+        std::string rest;
+    } frames;
+    frames.rest = std::move(input);
+    try {
+        const station::Mac board = station::discover(frames, station::kBroadcast, 60, station::Milliseconds(1));
+        require(station::parseMac(station::formatMac(board)) == board);
+    } catch (const station::SessionError &) {
+    }
+}
+
+const std::map<std::string, void (*)(std::string input)> kTargets = {{"configuration", configuration},
+                                                                     {"discovery", discovery},
+                                                                     {"image", image},
+                                                                     {"plan", plan},
+                                                                     {"replies", replies},
+                                                                     {"session", session}};
 
 // A run finds the board as the one before it did.
 void reset() {
