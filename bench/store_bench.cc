@@ -23,22 +23,25 @@
 namespace station {
 namespace {
 
-constexpr int kRunsADay = 10000;
+constexpr int kRunsADay = 27000;
 
-// A hundred days of three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
-void fill(Database &database, int runs, bool shared) {
+// From 2026-01-01 on; three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
+void fill(Database &database, int runs) {
     const std::string counted =
         "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i + 1 < CAST($1 AS BIGINT)) ";
     const auto two = [](const std::string &value) {
         return fmt::format("substr(CAST(100 + {} AS TEXT), 2, 2)", value);
     };
-    const std::string day = fmt::format("(i / {})", kRunsADay), second = fmt::format("(i % {} * 8)", kRunsADay);
-    const std::string started = fmt::format(
-        "'2026-' || {} || '-' || {} || 'T' || {} || ':' || {} || ':' || {} || '.000Z'", two("1 + " + day + " / 10"),
-        two("1 + " + day + " % 10"), two(second + " / 3600"), two(second + " % 3600 / 60"), two(second + " % 60"));
+    const auto timeOf = [&](const char *run) {
+        const std::string second = fmt::format("1767225600 + {} * 86400 / {}", run, kRunsADay);
+        return database.shared() ? fmt::format("to_timestamp({})", second)
+                                 : fmt::format("strftime('%Y-%m-%dT%H:%M:%S.000Z', {}, 'unixepoch')", second);
+    };
+    const std::string started = timeOf("i");
     // NOLINTBEGIN(bugprone-suspicious-missing-comma): literals that belong together
     const std::vector<std::string> parts = {
-        "INSERT INTO units (id, serial, first_seen, last_seen) SELECT i + 1, 'U' || i, '2026', '2026' FROM n",
+        "INSERT INTO units (id, serial, first_seen, last_seen) SELECT i + 1, 'U' || i, " + started + ", " + started +
+            " FROM n",
         "INSERT INTO runs (id, run, unit, plan, station, place, place_name, started, ended, seconds, verdict, attempt,"
         " failed_step, variables) SELECT i + 1, 'R' || i, i - i % 10 / 9 + 1, 'line', 1, i % 16, 'place ' || (i % "
         "16), " +
@@ -47,14 +50,15 @@ void fill(Database &database, int runs, bool shared) {
             " 1 + i % 10 / 9, CASE i % 20 WHEN 0 THEN 'step ' || (i % 7) END, '{}' FROM n",
         "INSERT INTO steps (run, step, title, verdict, reply, cut, started_after, seconds, attempts)"
         " SELECT i / 3 + 1, i % 3 + 1, 'step ' || (i % 3), 'passed', 'OK', 0, i % 3, 1, 1 FROM n",
-        "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict)"
-        " SELECT i / 2 + 1, 1, 'volts ' || (i % 2), 2 + i % 101 / 200.0, 1, 3, 'V', 'passed' FROM n",
-        "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) SELECT 1, '02:00:00:' || " +
-            two("i / 10000") + " || ':' || " + two("i / 100 % 100") + " || ':' || " + two("i % 100") +
-            ", i, i + 1, i + 1, '2026', 0 FROM n"};
+        "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)"
+        " SELECT i / 2 + 1, 1, 'volts ' || (i % 2), 2 + i % 101 / 200.0, 1, 3, 'V', 'passed', 'line', " +
+            timeOf("(i / 2)") + " FROM n",
+        "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) SELECT 1, '02:00:' || " +
+            two("i / 1000000 % 100") + " || ':' || " + two("i / 10000 % 100") + " || ':' || " + two("i / 100 % 100") +
+            " || ':' || " + two("i % 100") + ", i, i + 1, 'R' || i, " + started + ", FALSE FROM n"};
     // NOLINTEND(bugprone-suspicious-missing-comma)
     const int rows[] = {runs, runs, 3 * runs, 2 * runs, runs};
-    database.run("INSERT INTO stations (id, name, key, seen) VALUES (1, 'bench', 'bench', '2026')");
+    database.run("INSERT INTO stations (id, name, key, seen) VALUES (1, 'bench', 'bench', '2026-01-01')");
     database.run("INSERT INTO pools (id, name, kind, low) VALUES (1, 'old', 'addresses', 0)");
     database.transact([&] {
         for (size_t i = 0; i < parts.size(); ++i) {
@@ -64,8 +68,8 @@ void fill(Database &database, int runs, bool shared) {
         }
     });
     for (const char *const table : {"stations", "units", "runs", "pools", "pool_rows"}) {
-        if (!shared) break;  // PostgreSQL does not count the keys that it was given
-        database.run(fmt::format("ALTER TABLE {} ALTER COLUMN id RESTART WITH 10000000", table));
+        if (!database.shared()) break;  // PostgreSQL does not count the keys that it was given
+        database.run(fmt::format("ALTER TABLE {} ALTER COLUMN id RESTART WITH 100000000", table));
     }
     database.run("ANALYZE");
 }
@@ -188,11 +192,11 @@ void compareLines(Records &records, Milliseconds session) {
 void bench(const std::string &store, int runs) {
     Database database(store);
     if (database.ask("SELECT id FROM runs LIMIT 1").empty()) {
-        fill(database, runs, store.find("://") != std::string::npos);
+        fill(database, runs);
         addRange(database, "bench", "06:00:00:00:00:00", "06:00:00:FF:FF:FF", 0);
-        if (store.find("://") == std::string::npos) database.ask("PRAGMA wal_checkpoint(TRUNCATE)");
+        if (!database.shared()) database.ask("PRAGMA wal_checkpoint(TRUNCATE)");
     }
-    const Period day{"2026-05-05", "2026-05-06"};
+    const Period day{"2026-01-20", "2026-01-21"}, month{"2026-01-05", "2026-02-04"};
     report("show SERIAL", [&] { show(database, "U123456"); });
     report("show ADDRESS", [&] { show(database, "02:00:00:12:34:56"); });
     report("show RUN", [&] { show(database, "R123456"); });
@@ -204,6 +208,13 @@ void bench(const std::string &store, int runs) {
     });
     report("summary of a day --by hour", [&] { yields(database, day, By::kHour); });
     report("summary of a day --by value", [&] { measuredValues(database, day); });
+    report("summary of 30 days", [&] { yields(database, month, By::kAll); });
+    report("summary of 30 days --by hour", [&] { yields(database, month, By::kHour); });
+    report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
+    report("summary of 30 days --by value", [&] { measuredValues(database, month); });
+    report("a value of 30 days in 500 groups", [&] { readingGroups(database, month, "line", "volts 1", 500); });
+    report("units, the newest 100", [&] { unitsLike(database, "", 100); });
+    report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
     StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool",
                          std::make_unique<Records>());
     report("records of a board", [&] { record(records, 1); });

@@ -119,6 +119,7 @@ come_back()
 try:
     while SHARED and subprocess.run(['psql', store, '-c', ''], capture_output=True).returncode:
         assert not database.poll()
+    subprocess.run([QCSTATION, 'store', 'upgrade', '--store', store], check=True)
     subprocess.run([QCSTATION, 'pool', 'add', '--store', store, '02:00:00:00:00:00', '02:00:00:0F:FF:FF'], check=True)
     for number in range(1, STATIONS + 1):
         os.mkdir(f'{folder}/{number}')

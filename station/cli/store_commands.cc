@@ -162,7 +162,8 @@ public:
             ->envname("QCSTATION_STORE")
             ->capture_default_str();
         command->callback([options = options_, work = std::move(work), missing] {
-            const auto database = openStore(options->store, missing);
+            const auto say = [](const std::string &text) { fmt::print(stderr, "qcstation: {}\n", text); };
+            const auto database = openStore(options->store, missing, say);
             work(*options, *database);
         });
         return command;
@@ -189,16 +190,15 @@ private:
 };
 
 void addPoolCommands(CLI::App &app, Commands &commands) {
-    using enum Database::Missing;
     Options &options = commands.options();
     CLI::App *const pool = app.add_subcommand("pool", "What is given to each unit once and for ever: addresses, keys");
     pool->require_subcommand(1);
-    CLI::App *const add = commands.add(*pool, "add", "Add a range of MAC addresses", addPool, kIsMade);
+    CLI::App *const add = commands.add(*pool, "add", "Add a range of MAC addresses", addPool);
     add->add_option("range", options.values, "[NAME] FIRST LAST; the name is mac if none is given")
         ->required()
         ->expected(2, 3);
     commands.addLow(add);
-    CLI::App *const import = commands.add(*pool, "import", "Add the rows of a file", importPool, kIsMade);
+    CLI::App *const import = commands.add(*pool, "import", "Add the rows of a file", importPool);
     import->add_option("file", options.what, "A row a line, or FIRST,LAST for a range of addresses")->required();
     import->add_option("--name", options.pool, "The pool")->capture_default_str();
     commands.addLow(import);
@@ -216,6 +216,14 @@ void addStoreCommands(CLI::App &app) {
     Commands commands;
     Options &options = commands.options();
     addPoolCommands(app, commands);
+    CLI::App *const store = app.add_subcommand("store", "The store itself");
+    store->require_subcommand(1);
+    commands.add(
+        *store, "upgrade", "Make the store's tables, or bring those of an older program forward",
+        [](Options &all, Database &database) {
+            fmt::print("{}: version {}\n", shownName(all.store), database.version());
+        },
+        Database::Missing::kIsMade);
     CLI::App *const shown =
         commands.addQuestion(app, "show", "Show all about a unit or a run",
                              [](Options &all, Database &database) { print(all.format, show(database, all.what)); });

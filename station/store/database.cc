@@ -4,10 +4,10 @@
 
 #include <cmath>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
+#include "station/base/text.h"
 #include "station/store/driver.h"
 #include "station/store/schema.h"
 
@@ -22,7 +22,7 @@ std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missi
     if (isShared(name)) return openPostgresql(name);
     if (name.find("://") != std::string::npos) throw StoreError("neither a file nor postgresql://...");
     if (missing == Database::Missing::kIsAnError && !std::filesystem::exists(name)) {
-        throw StoreError("there is no such file: run a plan with it, or add a pool, and it is made");
+        throw StoreError("there is no such file; \"qcstation store upgrade\" makes it");
     }
     return openSqlite(name);
 }
@@ -43,24 +43,22 @@ std::string shownName(const std::string &name) {
 
 Value text(const std::string &value) {
     if (value.empty()) return std::nullopt;
-    // JSON's writer knows UTF-8: what is none becomes U+FFFD, and NUL an escape, which is no text of a database either.
-    const std::string quoted = nlohmann::json(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    std::string clean = nlohmann::json::parse(quoted).get<std::string>();
+    std::string clean = asUtf8(value);
     for (size_t at; (at = clean.find('\0')) != std::string::npos;) clean.replace(at, 1, "\uFFFD");
     return clean;
 }
 
 Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}", value)) : std::nullopt; }
 
-Database::Database(const std::string &name, Missing missing)
+Database::Database(const std::string &name, Missing missing, const Say &say)
     : shared_(isShared(name)), driver_(connect(name, missing)) {
-    migrate();
+    if (missing != Missing::kIsIgnored) migrate(missing, say);
 }
 
 Database::~Database() = default;
 
-std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing) try {
-    return std::make_unique<Database>(name, missing);
+std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing, const Database::Say &say) try {
+    return std::make_unique<Database>(name, missing, say);
 } catch (const StoreAway &error) {
     throw StoreAway(fmt::format("the store {}: {}", shownName(name), error.what()));
 } catch (const StoreError &error) {
@@ -117,22 +115,35 @@ int Database::version() {
     return known.empty() ? 0 : std::stoi(ask("SELECT max(version) FROM schema_version").rows[0][0].value_or("0"));
 }
 
-void Database::migrate() {
-    const int newest = int(kMigrations.size());
-    if (version() > newest) throw StoreError("made by a newer version of this program, which is needed to use it");
-    if (version() == newest) return;
+// SQLite cannot drop a table that others refer to, but with the references unchecked; that is no part of a transaction.
+void Database::migrate(Missing missing, const Say &say) {
+    const int newest = int(kMigrations.size()), found = version();
+    if (found > newest) throw StoreError("made by a newer version of this program, which is needed to use it");
+    if (found == newest) return;
+    const std::string change = fmt::format("version {}, and this program needs version {}", found, newest);
+    if (missing == Missing::kIsAnError) {
+        throw StoreError(found == 0 ? "there are no tables yet; \"qcstation store upgrade\" makes them"
+                                    : fmt::format("it is of {}: stop all stations that use it, then run"
+                                                  " \"qcstation store upgrade\"",
+                                                  change));
+    }
+    if (say && found > 0)
+        say(fmt::format("the store is of {}: it is brought forward, and older programs are refused", change));
+    if (!shared_) run("PRAGMA foreign_keys = OFF");
     transact([&] {
         lock(kSchemaLock);
         int now = version();  // somebody else may have done it meanwhile
         if (now == 0) run("CREATE TABLE IF NOT EXISTS schema_version (version BIGINT PRIMARY KEY)");
         for (; now < newest; ++now) {
-            std::string_view rest = kMigrations[size_t(now)];
+            const Migration &migration = kMigrations[size_t(now)];
+            std::string_view rest = shared_ ? migration.postgresql : migration.sqlite;
             for (size_t end; (end = rest.find(";\n")) != std::string_view::npos; rest.remove_prefix(end + 2)) {
                 run(inDialect(rest.substr(0, end), shared_));
             }
             run("INSERT INTO schema_version (version) VALUES ($1)", {number(now + 1)});
         }
     });
+    if (!shared_) run("PRAGMA foreign_keys = ON");
 }
 
 }  // namespace station

@@ -69,12 +69,15 @@ Value number(double value);  // as short as it can be read back exactly; NULL fo
 // Used by one thread at a time.
 class Database {
 public:
-    enum class Missing { kIsMade, kIsAnError };
+    // Of a store that is not there, or is of an older version: it is made or brought forward; that is an error; what is
+    // there is taken as it is, which may be nothing.
+    enum class Missing { kIsMade, kIsAnError, kIsIgnored };
     using EachRow = std::function<void(const Table &head, const std::vector<Value> &row)>;
+    using Say = std::function<void(const std::string &)>;
 
-    // Connects within seconds, and brings the schema up to date. Refuses what a newer program has made. `missing`: a
-    // file that is not there.
-    explicit Database(const std::string &name, Missing missing = Missing::kIsMade);
+    // Connects within seconds. Refuses what a newer program has made. A store that was of an older version cannot be
+    // used by older programs any more, which `say` is told before.
+    explicit Database(const std::string &name, Missing missing = Missing::kIsMade, const Say &say = {});
     ~Database();
     Database(const Database &) = delete;
     Database &operator=(const Database &) = delete;
@@ -112,20 +115,20 @@ public:
     void lockPools();
 
     bool shared() const { return shared_; }  // PostgreSQL
+    int version();                           // of the schema; 0: there is none
 
 private:
     void begin();
     void commit();
     void rollBack() noexcept;
     void lock(int what);
-    int version();
-    void migrate();
+    void migrate(Missing missing, const Say &say);
 
     const bool shared_;
     std::unique_ptr<Driver> driver_;
 };
 
 // The same, with the store's name in what it throws.
-std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing = Database::Missing::kIsMade);
+std::unique_ptr<Database> openStore(const std::string &name, Database::Missing missing, const Database::Say &say = {});
 
 }  // namespace station

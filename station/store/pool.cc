@@ -76,7 +76,7 @@ void add(Database &database, const Pool &pool, Range range) {
                                   formatMac(range.last), formatMac(integer(row[1])), formatMac(integer(row[2])),
                                   *row[0]));
     }
-    database.run("INSERT INTO ranges (pool, first, last, next, retired) VALUES ($1, $2, $3, $2, 0)",
+    database.run("INSERT INTO ranges (pool, first, last, next, retired) VALUES ($1, $2, $3, $2, FALSE)",
                  {number(pool.id), number(range.first), number(range.last)});
 }
 
@@ -153,7 +153,7 @@ void importValue(Database &database, const Pool &pool, const Row &row) {
     const Value value = row.fields.size() == 1 ? text(row.fields[0]) : std::nullopt;
     if (!value) throw Refusal("one value a row is needed; quote one that holds a comma");
     const long long added = database.run(
-        "INSERT INTO pool_rows (pool, value, retired) VALUES ($1, $2, 0) ON CONFLICT (pool, value) DO NOTHING",
+        "INSERT INTO pool_rows (pool, value, retired) VALUES ($1, $2, FALSE) ON CONFLICT (pool, value) DO NOTHING",
         {number(pool.id), value});
     if (added == 0) throw Refusal(fmt::format("\"{}\" is in the pool already", *value));
 }
@@ -168,14 +168,14 @@ std::optional<Range> blockOf(Range free, int count) {
 
 std::optional<Range> takeBlock(Database &database, const Pool &pool, int count) {
     const Table ranges = database.ask(
-        "SELECT id, next, last FROM ranges WHERE pool = $1 AND retired = 0 AND next <= last ORDER BY first",
+        "SELECT id, next, last FROM ranges WHERE pool = $1 AND NOT retired AND next <= last ORDER BY first",
         {number(pool.id)});
     for (const auto &row : ranges.rows) {
         const Range free{integer(row[1]), integer(row[2])};
         const std::optional<Range> block = blockOf(free, count);
         if (!block) continue;
         if (block->first > free.first) {  // what was too short stays a range of its own, for smaller boards
-            database.run("INSERT INTO ranges (pool, first, last, next, retired) VALUES ($1, $2, $3, $2, 0)",
+            database.run("INSERT INTO ranges (pool, first, last, next, retired) VALUES ($1, $2, $3, $2, FALSE)",
                          {number(pool.id), number(free.first), number(block->first - 1)});
             database.run("UPDATE ranges SET first = $1 WHERE id = $2", {number(block->first), row[0]});
         }
@@ -191,7 +191,8 @@ std::string shortOf(const std::string &name, int count) {
 }
 
 struct Taker {
-    int64_t unit, run;
+    int64_t unit;
+    std::string run;
 };
 
 std::vector<std::string> takeAddresses(Database &database, const std::string &name, const Pool &pool, Taker taker,
@@ -200,10 +201,10 @@ std::vector<std::string> takeAddresses(Database &database, const std::string &na
     if (!block) throw Refusal(shortOf(name, count));
     std::vector<std::string> values;
     std::string rows;
-    std::vector<Value> cells = {number(pool.id), number(taker.unit), number(taker.run), isoTime(WallClock::now())};
+    std::vector<Value> cells = {number(pool.id), number(taker.unit), taker.run, isoTime(WallClock::now())};
     for (int64_t address = block->first; address <= block->last; ++address) {
         values.push_back(formatMac(address));
-        rows += fmt::format("{}($1, ${}, ${}, $2, $3, $4, 0)", rows.empty() ? "" : ", ", cells.size() + 1,
+        rows += fmt::format("{}($1, ${}, ${}, $2, $3, $4, FALSE)", rows.empty() ? "" : ", ", cells.size() + 1,
                             cells.size() + 2);
         cells.insert(cells.end(), {values.back(), number(address)});
     }
@@ -214,7 +215,7 @@ std::vector<std::string> takeAddresses(Database &database, const std::string &na
 std::vector<std::string> takeRows(Database &database, const std::string &name, const Pool &pool, Taker taker,
                                   int count) {
     const Table rows = database.ask(
-        fmt::format("SELECT id, value FROM pool_rows WHERE pool = $1 AND unit IS NULL AND retired = 0 ORDER BY id"
+        fmt::format("SELECT id, value FROM pool_rows WHERE pool = $1 AND unit IS NULL AND NOT retired ORDER BY id"
                     " LIMIT {}",
                     count),
         {number(pool.id)});
@@ -223,16 +224,16 @@ std::vector<std::string> takeRows(Database &database, const std::string &name, c
     for (const auto &row : rows.rows) {
         values.push_back(*row[1]);
         database.run("UPDATE pool_rows SET unit = $1, run = $2, bound = $3 WHERE id = $4",
-                     {number(taker.unit), number(taker.run), isoTime(WallClock::now()), row[0]});
+                     {number(taker.unit), taker.run, isoTime(WallClock::now()), row[0]});
     }
     return values;
 }
 
 int64_t countLeft(Database &database, const Pool &pool) {
     const Table left = database.ask(
-        pool.ofAddresses ? "SELECT coalesce(sum(last - next + 1), 0) FROM ranges WHERE pool = $1 AND retired = 0"
+        pool.ofAddresses ? "SELECT coalesce(sum(last - next + 1), 0) FROM ranges WHERE pool = $1 AND NOT retired"
                          : fmt::format("SELECT count(*) FROM (SELECT 1 FROM pool_rows WHERE pool = $1 AND unit IS NULL"
-                                       " AND retired = 0 LIMIT {}) AS free",
+                                       " AND NOT retired LIMIT {}) AS free",
                                        std::max<int64_t>(pool.low, 1)),
         {number(pool.id)});
     return integer(left.rows[0][0]);
@@ -280,7 +281,7 @@ int64_t retire(Database &database, const std::string &name, const std::string &v
     database.transact([&] {
         database.lockPools();
         const Pool pool = needPool(database, name);
-        std::string where = " WHERE pool = $1 AND retired = 0";
+        std::string where = " WHERE pool = $1 AND NOT retired";
         std::vector<Value> which = {number(pool.id)};
         if (!value.empty()) {
             where += pool.ofAddresses ? " AND CAST($2 AS BIGINT) BETWEEN first AND last" : " AND value = $2";
@@ -289,9 +290,9 @@ int64_t retire(Database &database, const std::string &name, const std::string &v
         if (pool.ofAddresses) {
             const std::string left = "SELECT coalesce(sum(last - next + 1), 0) FROM ranges" + where;
             retired = integer(database.ask(left, which).rows[0][0]);
-            database.run("UPDATE ranges SET retired = 1" + where, which);
+            database.run("UPDATE ranges SET retired = TRUE" + where, which);
         } else {
-            retired = database.run("UPDATE pool_rows SET retired = 1" + where + " AND unit IS NULL", which);
+            retired = database.run("UPDATE pool_rows SET retired = TRUE" + where + " AND unit IS NULL", which);
         }
         if (retired == 0) throw Refusal(fmt::format("nothing of that is left in the pool \"{}\"", name));
     });
@@ -302,26 +303,27 @@ std::set<std::string> poolNames(const std::string &store) {
     std::set<std::string> names;
     const bool file = store.find("://") == std::string::npos;
     if (file && !std::filesystem::exists(store)) return names;
-    const auto database = openStore(store);
+    const auto database = openStore(store, Database::Missing::kIsIgnored);
+    if (database->version() == 0) return names;
     for (const auto &row : database->ask("SELECT name FROM pools").rows) names.insert(*row[0]);
     return names;
 }
 
 Table listPools(Database &database) {
     Table list{{"pool", "first", "last", "given", "left", "retired", "low"}, {}};
-    const Table ranges =
-        database.ask("SELECT p.name, r.first, r.last, r.next - r.first, (1 - r.retired) * (r.last - r.next + 1),"
-                     " r.retired * (r.last - r.next + 1), p.low FROM ranges r JOIN pools p ON p.id = r.pool"
-                     " ORDER BY p.name, r.first");
+    const Table ranges = database.ask(
+        "SELECT p.name, r.first, r.last, r.next - r.first, CASE WHEN r.retired THEN 0 ELSE r.last - r.next + 1 END,"
+        " CASE WHEN r.retired THEN r.last - r.next + 1 ELSE 0 END, p.low FROM ranges r JOIN pools p ON p.id = r.pool"
+        " ORDER BY p.name, r.first");
     for (auto row : ranges.rows) {
         row[1] = formatMac(integer(row[1]));
         row[2] = formatMac(integer(row[2]));
         list.rows.push_back(row);
     }
     const Table values = database.ask(
-        "SELECT p.name, NULL, NULL, count(b.unit), sum(CASE WHEN b.unit IS NULL THEN 1 - b.retired "
-        "ELSE 0"
-        " END), sum(b.retired), p.low FROM pool_rows b JOIN pools p ON p.id = b.pool WHERE p.kind = 'values'"
+        "SELECT p.name, NULL, NULL, count(b.unit), sum(CASE WHEN b.unit IS NULL AND NOT b.retired THEN 1 ELSE 0"
+        " END), sum(CASE WHEN b.retired THEN 1 ELSE 0 END), p.low FROM pool_rows b JOIN pools p ON p.id = b.pool WHERE "
+        "p.kind = 'values'"
         " GROUP BY p.name, p.low ORDER BY p.name");
     list.rows.insert(list.rows.end(), values.rows.begin(), values.rows.end());
     return list;
@@ -330,8 +332,7 @@ Table listPools(Database &database) {
 Given take(Database &database, const std::string &name, const std::string &serial, const std::string &run, int count) {
     database.lockPools();
     const Pool pool = needPool(database, name);
-    const Taker taker{idOf(database, "SELECT id FROM units WHERE serial = $1", serial),
-                      idOf(database, "SELECT id FROM runs WHERE run = $1", run)};
+    const Taker taker{idOf(database, "SELECT id FROM units WHERE serial = $1", serial), run};
     const Table before = database.ask("SELECT value FROM pool_rows WHERE unit = $1 AND pool = $2 ORDER BY id",
                                       {number(taker.unit), number(pool.id)});
     Given given;

@@ -53,7 +53,7 @@ constexpr const char *kSession = R"(
 SELECT set_config(p.name, v.setting, false) FROM pg_settings p JOIN (VALUES
     ('idle_in_transaction_session_timeout', '5s'), ('client_connection_check_interval', '2s'),
     ('tcp_keepalives_idle', '5'), ('tcp_keepalives_interval', '2'), ('tcp_keepalives_count', '3'),
-    ('synchronous_commit', 'on'), ('client_min_messages', 'warning'), ('random_page_cost', '1.1'),
+    ('synchronous_commit', 'on'), ('work_mem', '64MB'), ('client_min_messages', 'warning'), ('random_page_cost', '1.1'),
     ('TimeZone', 'UTC'), ('DateStyle', 'ISO'), ('bytea_output', 'hex'))
     AS v(name, setting) ON p.name = v.name)";
 
@@ -249,8 +249,10 @@ void Postgresql::finish() {
         if (PQstatus(connection_.get()) != CONNECTION_OK) lost();
         if (!error_ && first.answer && first.answer->done) first.answer->done(std::move(first.answer->table));
     }
-    while (const Result end = next()) {
-        if (PQresultStatus(end.get()) == PGRES_PIPELINE_SYNC) break;
+    // Outside a transaction, what is checked at the end of one fails here.
+    for (Result end = next(); PQresultStatus(end.get()) != PGRES_PIPELINE_SYNC; end = next()) {
+        if (PQstatus(connection_.get()) != CONNECTION_OK) lost();
+        if (end && !error_) noteError(end.get());
     }
     if (!error_) return;
     names_.clear();  // which of them were prepared before the error is not known

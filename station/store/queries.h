@@ -18,8 +18,8 @@ struct Period {
     std::string since, until;
 };
 
-// "2026-11-21", a time of that day as 2026-11-21T17:30, each with or without a Z, or how long ago: 90m, 8h, 7d. Throws
-// Refusal.
+// As the store has it: "2026-11-21", a time of that day as 2026-11-21T17:30, each with or without a Z, or how long ago:
+// 90m, 8h, 7d. Throws Refusal.
 std::string parseTime(const std::string &text);
 
 // All about a unit by its serial or by a value that it was given (an address in any form), or about a run by its
@@ -33,12 +33,14 @@ struct RunFilter {
     std::string step = {};  // only those that failed at it; empty: all
 };
 Table listRuns(Database &database, const RunFilter &filter);
+// The same, a run at a time, however many there are.
+Table eachRun(Database &database, const RunFilter &filter, const Database::EachRow &row);
 
 // Yield and cycle time, in all or a row an hour or place; failures a step; measured values with their Cpk.
 enum class By { kAll, kHour, kPlace };
 Table yields(Database &database, const Period &period, By by);
 Table failuresByStep(Database &database, const Period &period);
-// Of one plan or of one name, unless these are empty.
+// Of one plan or of one name, unless these are empty. Includes runs that have not ended.
 Table measuredValues(Database &database, const Period &period, const std::string &plan = "",
                      const std::string &name = "");
 

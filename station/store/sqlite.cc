@@ -4,7 +4,10 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <map>
+#include <numeric>
 #include <set>
 
 #include "station/store/driver.h"
@@ -44,6 +47,41 @@ Value valueOf(sqlite3_stmt *row, int column) {
     }
 }
 
+// The numbers that an aggregate was given.
+std::vector<double> &collected(sqlite3_context *context) {
+    auto **const numbers = static_cast<std::vector<double> **>(sqlite3_aggregate_context(context, sizeof(void *)));
+    if (*numbers == nullptr) *numbers = new std::vector<double>;
+    return **numbers;
+}
+
+void collect(sqlite3_context *context, int count, sqlite3_value **values) {
+    std::vector<double> &numbers = collected(context);
+    if (numbers.empty() && count > 1) numbers.push_back(sqlite3_value_double(values[1]));
+    if (sqlite3_value_type(values[0]) != SQLITE_NULL) numbers.push_back(sqlite3_value_double(values[0]));
+}
+
+// nearest_rank(value, share): the lowest of the values that this share of them does not exceed.
+void nearestRank(sqlite3_context *context) {
+    const std::unique_ptr<std::vector<double>> numbers(&collected(context));
+    if (numbers->size() < 2) return sqlite3_result_null(context);
+    const double share = numbers->front(), count = double(numbers->size() - 1);
+    const auto rank = numbers->begin() + std::max(1L, std::lround(std::ceil(share * count)));
+    std::nth_element(numbers->begin() + 1, rank, numbers->end());
+    sqlite3_result_double(context, *rank);
+}
+
+// stddev_samp(value): the standard deviation of a sample.
+void deviation(sqlite3_context *context) {
+    const std::unique_ptr<std::vector<double>> numbers(&collected(context));
+    const double count = double(numbers->size());
+    if (count < 2) return sqlite3_result_null(context);
+    const double mean = std::accumulate(numbers->begin(), numbers->end(), 0.0) / count;
+    const double squares = std::accumulate(numbers->begin(), numbers->end(), 0.0, [&](double sum, double each) {
+        return sum + (each - mean) * (each - mean);
+    });
+    sqlite3_result_double(context, std::sqrt(squares / (count - 1)));
+}
+
 class Sqlite : public Driver {
 public:
     explicit Sqlite(const std::string &name);
@@ -78,6 +116,8 @@ Sqlite::Sqlite(const std::string &name) {
     if (code != SQLITE_OK) fail(code);
     sqlite3_extended_result_codes(connection, 1);
     sqlite3_busy_timeout(connection, kBusy);
+    sqlite3_create_function(connection, "nearest_rank", 2, SQLITE_UTF8, nullptr, nullptr, collect, nearestRank);
+    sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, collect, deviation);
     // In this mode readers do not keep a writer waiting; and a commit is on the disk when it returns.
     queue("PRAGMA journal_mode = WAL", {}, {});
     queue("PRAGMA synchronous = FULL", {}, {});

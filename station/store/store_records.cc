@@ -99,8 +99,8 @@ Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict)
     const auto product = run.variables.find("product");
     const size_t failed = firstFailed(run);
     const bool fails = failed < run.steps.size();
-    const std::string variables =
-        nlohmann::json(run.variables).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    nlohmann::json variables = nlohmann::json::object();
+    for (const auto &[name, value] : run.variables) variables[name] = *words(value);
     Statements statements;
     if (!run.unit.empty()) {
         const std::string known = product == run.variables.end() ? "" : product->second;
@@ -112,7 +112,7 @@ Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict)
           text(run.peer), isoTime(run.start), over ? Value(isoTime(run.end)) : std::nullopt,
           over ? number(inSeconds(run.end - run.start)) : std::nullopt, verdict,
           fails ? words(failedStep(run)) : std::nullopt,
-          text(run.failure.empty() && fails ? run.steps[failed].failure : run.failure), variables}});
+          text(run.failure.empty() && fails ? run.steps[failed].failure : run.failure), variables.dump()}});
     return statements;
 }
 

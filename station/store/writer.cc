@@ -48,8 +48,9 @@ const std::map<std::string, std::string> kStatements = {
      "INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts)"
      " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)"
      " ON CONFLICT (run, step) DO NOTHING"},
-    {"measurement", "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict)"
-                    " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8)"
+    {"measurement", "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan,"
+                    " started) VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8,"
+                    " (SELECT plan FROM runs WHERE run = $1), (SELECT started FROM runs WHERE run = $1))"
                     " ON CONFLICT (run, step, name) DO NOTHING"}};
 
 std::string now(WallClock::duration ago = {}) { return isoTime(WallClock::now() - ago); }
@@ -260,7 +261,7 @@ void Writer::attempt(const Jobs &jobs) {
 
 void Writer::connect() {
     if (database_) return;
-    auto database = std::make_unique<Database>(store_);
+    auto database = std::make_unique<Database>(store_, Database::Missing::kIsMade, trouble_);
     database->giveUpAfter(kPatience);
     database->transact([&] {
         execute(*database, {"station", {key(), station_, now()}});
