@@ -26,7 +26,8 @@ protected:
 
     // A frame from the station, filled to `size` bytes.
     std::string frame(station::Mac destination, const char *etherType, size_t size = 60) const {
-        return board::padded(station::bytesOf(destination) + station::bytesOf(link_->address()) + etherType, size, '\x5A');
+        return board::padded(station::bytesOf(destination) + station::bytesOf(link_->address()) + etherType, size,
+                             '\x5A');
     }
 
     static station::Listener listen() {
