@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,6 +13,7 @@
 #include "support/handle.h"
 #include "support/process_file.h"
 #include "support/shell.h"
+#include "support/string_utils.h"
 
 int wireTotal;
 int wirelessTotal;
@@ -34,12 +34,12 @@ void copyToRam() {
     my_system("/bin/ln -s busybox %s > /dev/null 2>&1", kRamReboot);
 }
 
-// Reads words 2 and 3. False when the list ends before word 3: what follows the counts is then left unread as well.
+// Reads words 2 and 3. False when the list ends before word 3.
 bool readCounts(const char *macArguments) {
-    const char *const wired = skipWords(macArguments, 1);
+    const char *const wired = my_skipWords(macArguments, 1);
     if (wired == nullptr) return false;
     wireTotal = atoi(wired);
-    const char *const wireless = skipWords(wired, 1);
+    const char *const wireless = my_skipWords(wired, 1);
     if (wireless == nullptr) return false;
     wirelessTotal = atoi(wireless);
     return true;
@@ -55,7 +55,7 @@ void swapNames(const char *a, const char *b) {
     my_system("%s %s up", kIfconfig, b);
 }
 
-// `pair` is cut in place. False when it holds no '_'.
+// Cuts `pair` in place. False when it contains no '_'.
 bool exchangePair(char *pair) {
     char *const underscore = strchr(pair, '_');
     if (underscore == nullptr) return false;
@@ -64,10 +64,10 @@ bool exchangePair(char *pair) {
     return true;
 }
 
-// syslog takes locks that the interrupted code may be holding; a datagram to the log's socket takes none. The message
-// carries its priority and an identity, but no time, which cannot be told without a lock either: every log daemon takes
-// its own then. One of them, however, takes 16 characters behind the priority for a time as soon as the last of them is
-// a blank, and drops them. Behind this identity it is none.
+// Sends a message to the system log without syslog, which takes locks that the interrupted code may hold. The message
+// carries its priority and an identity. It carries no time, because formatting one takes a lock, too; the log daemon
+// then uses its own. Some log daemons drop the 16 characters after the priority as a time if the last of them is a
+// blank. With this identity it is not.
 template <size_t Size>
 void logFromHandler(const char (&message)[Size]) {
     const int interruptedErrno = errno;
@@ -92,19 +92,11 @@ void onReleaseSignal(int) {
 
 }  // namespace
 
-const char *skipWords(const char *text, int count) {
-    for (; count > 0 && text != nullptr; --count) {
-        text = strchr(text, ' ');
-        if (text != nullptr) ++text;
-    }
-    return text;
-}
-
 void initialFunc() {
     memset(systemProduct, 0, sizeof systemProduct);
     copyToRam();
     const char *const macArguments = RETURN_DEF_STR(kMacArguments);
-    // Counts that are cut short leave the radio mask unread: intended, a board with half a description has no radios.
+    // Intended: when the counts are cut short, the radio mask is not read.
     if (macArguments != nullptr && !readCounts(macArguments)) return;
     support_freq = RETURN_DEF_INT("WIFI_DEV_DEFINE");
 }
@@ -123,14 +115,9 @@ void reboot_func() {
 
 void exchangePorts(const char *pairs) {
     char *const copy = strdup(pairs);
-    if (copy == nullptr) return;
-    char *pair = copy;
-    bool going = true;
-    while (going) {
-        char *const blank = strchr(pair, ' ');
-        if (blank != nullptr) *blank = '\0';
-        going = exchangePair(pair) && blank != nullptr;
-        if (going) pair = blank + 1;
+    char *rest = copy;
+    while (char *const pair = strsep(&rest, " ")) {
+        if (!exchangePair(pair)) break;
     }
     free(copy);
 }
@@ -138,7 +125,7 @@ void exchangePorts(const char *pairs) {
 void handleResetSignals() {
     struct sigaction action = {};
     action.sa_flags = SA_RESTART;
-    // Each handler runs with the other's signal blocked, too: of two signals close together the later one decides.
+    // Each handler runs with both signals blocked, so the later of two close signals decides.
     sigaddset(&action.sa_mask, SIGUSR1);
     sigaddset(&action.sa_mask, SIGUSR2);
     action.sa_handler = onReleaseSignal;

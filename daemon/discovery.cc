@@ -6,14 +6,13 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
+#include "support/clock.h"
 #include "support/handle.h"
 #include "support/ignored.h"
 #include "support/string_utils.h"
@@ -23,10 +22,10 @@ namespace {
 constexpr size_t kMacSize = 6;
 constexpr size_t kSource = 6;  // offsets in an Ethernet frame (IEEE 802.3)
 constexpr size_t kEtherType = 12;
-constexpr size_t kFrameSize = 1024;  // a longer frame is cut there, and answered so
+constexpr size_t kFrameSize = 1024;  // a longer request is cut, and so is its answer
 constexpr int kAllEtherTypes = 3;    // ETH_P_ALL of linux/if_ether.h
 constexpr int kAnswers = 3;
-constexpr time_t kWaitSeconds = 2;
+constexpr int32_t kWaitLimit = 2000;  // milliseconds
 constexpr uint8_t kRequest[] = {0x55, 0xAA};
 constexpr uint8_t kAnswer[] = {0xAA, 0x55};
 constexpr uint8_t kBroadcast[kMacSize] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -41,7 +40,7 @@ bool readOwnMac(uint8_t *my_mac) {
     ifreq request = {};
     my_copyText(request.ifr_name, "eth0", sizeof request.ifr_name);
     if (ioctl(socket, SIOCGIFHWADDR, &request) < 0) {
-        // Stays open: intended, as it always has; out of the way (startService in main.cc).
+        // Intended: left open, but moved above 2; see startService in main.cc.
         moveAboveStandard(socket);
         return false;
     }
@@ -50,28 +49,20 @@ bool readOwnMac(uint8_t *my_mac) {
     return true;
 }
 
-int64_t microseconds() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
-
-// Takes the time that the wait took off the limit, which not every C library's select does. The limit is never set
-// anew, so that after two idle seconds the listener polls without a pause: intended, and harmless. It runs for a short
-// time on a line, and the board has nothing else to do meanwhile.
+// Waits, and subtracts the time of the wait from the limit, which not every C library's select does. Intended: the
+// limit is never reset, so after two idle seconds the listener polls without a pause.
 bool waitForFrame(int socket, int32_t *limit) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(socket, &readable);
-    timeval left = {*limit / 1000000, *limit % 1000000};
-    const int64_t start = microseconds();
+    timeval left = {*limit / 1000, *limit % 1000 * 1000};
+    const uint32_t deadline = my_milliseconds() + static_cast<uint32_t>(*limit);
     const int ready = select(socket + 1, &readable, nullptr, nullptr, &left);
-    const int64_t rest = *limit - (microseconds() - start);
-    *limit = rest > 0 ? static_cast<int32_t>(rest) : 0;
+    *limit = my_millisecondsLeft(deadline);
     return ready > 0 && FD_ISSET(socket, &readable);
 }
 
-// Turns a request into its answer, in place. False when it is none, or not for this board.
+// Turns a request into its answer, in place. False when the frame is not a request, or not for this board.
 bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *my_mac) {
     if (length < kEtherType + sizeof kRequest || memcmp(frame + kEtherType, kRequest, sizeof kRequest) != 0)
         return false;
@@ -87,18 +78,16 @@ bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *my_mac) {
 }
 
 void serveOneRequest(int socket, const uint8_t *my_mac) {
-    int32_t limit = kWaitSeconds * 1000000;
+    int32_t limit = kWaitLimit;
     uint8_t frame[kFrameSize];
     for (;;) {
         if (!waitForFrame(socket, &limit)) continue;
-        sockaddr peer = {};
-        socklen_t peerSize = sizeof peer;
-        const ssize_t length = recvfrom(socket, frame, sizeof frame, 0, &peer, &peerSize);
+        sockaddr_pkt peer = {};  // names the interface
+        sockaddr *const address = reinterpret_cast<sockaddr *>(&peer);
+        socklen_t size = sizeof *address;
+        const ssize_t length = recvfrom(socket, frame, sizeof frame, 0, address, &size);
         if (length <= 0 || !answerInPlace(frame, static_cast<size_t>(length), my_mac)) continue;
-        // The answer goes to the first 16 bytes of the frame's address, which name the interface: all that a socket of
-        // this old kind needs. recvfrom, given room for these 16, sets peerSize to the size of the whole address, more
-        // than is there to hand on.
-        for (int i = 0; i < kAnswers; ++i) sendto(socket, frame, static_cast<size_t>(length), 0, &peer, sizeof peer);
+        for (int i = 0; i < kAnswers; ++i) sendto(socket, frame, static_cast<size_t>(length), 0, address, size);
         return;
     }
 }

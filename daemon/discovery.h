@@ -1,6 +1,6 @@
 #pragma once
-// The layer-2 handshake by which a test station finds the board before there is a connection.
+// The layer-2 handshake with which a test station finds the board before the connection.
 
-// Waits for an Ethernet frame of EtherType 0x55AA to the address of eth0 or to everyone, and answers it three times
-// with EtherType 0xAA55, everything behind that unchanged. Returns when it has, or at once when it cannot be set up.
+// Waits for an Ethernet frame of EtherType 0x55AA to the address of eth0 or to the broadcast address, and answers it
+// three times with EtherType 0xAA55 and an unchanged payload. Returns after that, or at once when the set-up fails.
 void run_fabtestd();

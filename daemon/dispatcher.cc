@@ -21,17 +21,17 @@ int pingFlag;
 
 namespace {
 
-constexpr unsigned kFlagPollSeconds = 1;  // between two looks at the factory reset's flag
+constexpr unsigned kFlagPollSeconds = 1;
 
 struct Request {
     int socket;
     char *pkbuf;
     int length;
-    char *argument;  // what follows the command word in pkbuf
+    char *argument;  // the text after the command word in pkbuf
 };
 
-// Clears as much as was received, which ends the reply that is written next. Behind that the reply's frame of 64 bytes
-// is all NUL as well: the connection has cleared these bytes before it received the command.
+// Clears the received bytes so that the reply is NUL-terminated. The rest of its frame of 64 bytes is NUL already: the
+// connection clears the frame before it receives a command.
 void clearReply(const Request &request) { memset(request.pkbuf, 0, static_cast<size_t>(request.length)); }
 
 void reply(const Request &request, const char *text) {
@@ -62,7 +62,7 @@ void reboot(const Request &request) {
     reply(request, "OK");
 }
 
-// Receives the payload that the command announces; a size that is no number is 0.
+// Receives the payload whose size the command announces; without a number the size is 0.
 void receivePayload(const Request &request) { saveFile(request.socket, atoi(request.argument), kReceiveFile); }
 
 void version(const Request &request) {
@@ -83,10 +83,10 @@ void flashPartition(const Request &request) {
     reply(request, "OK");
 }
 
-// The command itself is the reply: nothing is cleared.
+// Leaves the command in the buffer, as its own reply.
 void shell(const Request &request) {
-    // The size stands behind one separator, whatever character that is. A bare "SHELL" has none, but the buffer has
-    // been cleared: behind a NUL in the separator's place stands another one, an empty size.
+    // The size follows one separator, which may be any character. After a bare "SHELL" both are NUL, since the buffer
+    // was cleared: the size is then 0.
     saveFile(request.socket, atoi(request.argument + 1), kReceiveFile);
     my_system("chmod 755 %s; %s", kReceiveFile, kReceiveFile);
 }
@@ -119,8 +119,7 @@ struct Command {
     void (*run)(const Request &request);
 };
 
-// The first word that the text begins with wins: the order is part of the interface. The empty word ends the table,
-// as every text begins with it.
+// The first matching word wins: the order is part of the interface. The empty word at the end matches every text.
 constexpr Command kCommands[] = {
     {"VERSION ", version},
     {"FW IMAGE ", flashImage},

@@ -1,4 +1,4 @@
-// The command line: one mode word and at most one argument. The exit status is 0 on every path.
+// The command line: a mode word and at most one argument. Intended: the exit status is 0 on every path.
 
 #include <unistd.h>
 
@@ -22,11 +22,11 @@
 
 namespace {
 
-// Holds each command and its reply; in the one-shot modes the report or the country code.
+// Holds a command and then its reply; in the one-shot modes the report or the country code.
 char pkbuf[kPkbufSize];
 
-constexpr unsigned kStationSeconds = 1;    // what the station takes to listen, once it has found the board
-constexpr unsigned kInterfaceSeconds = 1;  // what the interfaces take to come up
+constexpr unsigned kDiscoverySeconds = 1;   // pause after the discovery
+constexpr unsigned kConnectionSeconds = 1;  // pause before the connection
 
 constexpr char kUsage[] =
     "%s command:\n\n"
@@ -44,15 +44,15 @@ constexpr char kUsage[] =
     "\tconfig filename - write config\n"
     "\n\n";
 
-// The file that a mode is to write: the third of exactly three words, if it exists. Otherwise prints the error line
-// and returns null.
+// Returns the third of exactly three words if a file of that name exists. Otherwise prints the error line and returns
+// null.
 const char *fileArgument(int argc, char **argv) {
     if (argc == 3 && access(argv[2], F_OK) == 0) return argv[2];
     printf("%s %s filename\n\n", argv[0], argv[1]);
     return nullptr;
 }
 
-// False when there was no file to flash.
+// False when there is no file to flash.
 bool flashFile(int partition, int argc, char **argv) {
     const char *const file = fileArgument(argc, argv);
     if (file == nullptr) return false;
@@ -60,23 +60,26 @@ bool flashFile(int partition, int argc, char **argv) {
     return true;
 }
 
-// Descriptors 0 to 2 are closed, and the next that is opened gets the lowest free one. The first log line opens the
-// socket of the system log, which takes 0 and keeps it: everything opened before that must be closed again by then.
-// Without a log daemon, some C libraries give that socket back, others keep it; where it is given back the connection
-// gets 0, and the service ends. 1 and 2 must not go to anything that stays open, as they would be the output of the
-// programs that commands start, and they must not stay closed, as a shell does not even start "/tmp/reboot 2>&1" then.
-// So what stays open moves above 2, and once the connection has a socket, /dev/null is opened on what is free.
-void startService(bool discovered) {
+// The service closes descriptors 0 to 2, and each descriptor that is opened next gets the lowest free number.
+//
+// 0 goes to the socket of the system log, which the first log line opens and which stays open. Everything that is
+// opened before must be closed by then. Without a log daemon some C libraries close that socket again; the connection
+// then gets 0, and the service ends.
+//
+// Nothing long-lived may occupy 1 or 2, because child processes use them as stdout and stderr. Nor may they stay
+// closed: a shell refuses to run "/tmp/reboot 2>&1" without descriptor 1. So whatever stays open is moved above 2, and
+// serveStation opens /dev/null on those that are free.
+void startService(bool waitsForDiscovery) {
     if (fork() != 0) return;
     for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) close(standard);
     init_configuration();
     initialFunc();
     interfaceCmd();
-    if (discovered) {
+    if (waitsForDiscovery) {
         run_fabtestd();
-        sleep(kStationSeconds);
+        sleep(kDiscoverySeconds);
     }
-    sleep(kInterfaceSeconds);
+    sleep(kConnectionSeconds);
     memset(pkbuf, 0, sizeof pkbuf);
     handleResetSignals();
     serveStation(pkbuf);
@@ -105,7 +108,7 @@ void domcheckMode(int argc, char **argv) {
     writeDOMCheck(argc == 2 ? nullptr : argv[2]);
 }
 
-// A text with colons must have the length of an address; one without is a number of any length.
+// A text with colons must have the length of an address; without colons any length will do.
 void macMode(int argc, char **argv) {
     if (argc != 3) {
         printf("%s %s mac\n\n", argv[0], argv[1]);
@@ -124,7 +127,7 @@ void countryMode(int argc, char **argv) {
         return;
     }
     printf("Country: %s -> ", pkbuf);
-    char code[3] = "";  // two bytes of it are written, however short the argument is
+    char code[3] = "";  // two bytes are written even if the argument is shorter
     my_copyText(code, argv[2], sizeof code);
     CountryRW(1, code);
     CountryRW(0, pkbuf);
@@ -138,8 +141,7 @@ void imageMode(int argc, char **argv) {
     my_system(kRamReboot);
 }
 
-// Writing the kernel or the configuration does not reboot the board: intended, only a new root file system pulls the
-// ground from under what is running.
+// Intended: writing the kernel or the configuration does not reboot the board.
 void kernelMode(int argc, char **argv) { flashFile(kKernelPartition, argc, argv); }
 
 void rootfsMode(int argc, char **argv) {

@@ -25,7 +25,7 @@ constexpr uint16_t kStationPort = 55688;
 constexpr int kConnectSeconds = 3;
 constexpr unsigned kRetrySeconds = 3;
 constexpr int kWaitSeconds = 30;
-constexpr size_t kFrame = 64;  // a command is at most this long, a reply at least
+constexpr size_t kFrame = 64;  // maximum size of a command, minimum size of a reply
 
 sockaddr_in stationAddress() {
     sockaddr_in address = {};
@@ -35,24 +35,23 @@ sockaddr_in stationAddress() {
     return address;
 }
 
-// Moves the socket above descriptors 0 to 2 and opens /dev/null on those that are free (startService in main.cc says
-// why). Leaves descriptor 0 where it is, for serveStation to judge. Returns the socket's descriptor.
+// Moves the socket above descriptors 0 to 2 and opens /dev/null on those that are free; see startService in main.cc. A
+// socket with descriptor 0 stays there: serveStation rejects it. Returns the socket's descriptor.
 int makeRoomForOutput(int socket) {
     if (socket == 0 || socket > STDERR_FILENO) return socket;
     const int moved = moveAboveStandard(socket);
-    int null;
-    do null = open("/dev/null", O_RDWR);
-    while (null >= 0 && null <= STDERR_FILENO);
-    if (null >= 0) close(null);
+    int opened;
+    do opened = open("/dev/null", O_RDWR);
+    while (opened >= 0 && opened <= STDERR_FILENO);
+    if (opened >= 0) close(opened);
     return moved;
 }
 
-// Makes the socket as new for the next attempt. Connecting it to no family ends the attempt, also one that is still
-// under way: the kernel would go on with that at ever longer intervals, a minute and more behind a station that comes
-// late. What the kernel has noted of the attempt stays on the socket, and is taken away: the pending error would fail
-// the next attempt, and the error queue, where the answers of the network stand ("no route to host"), would make it
-// look ready at once, without an error, and so connected.
-void forgetFailedAttempt(int socket) {
+// Resets the socket for the next attempt. Connecting to AF_UNSPEC aborts an attempt still in progress; left alone, the
+// kernel would keep retransmitting with growing back-off and notice a late station only after a minute or more. Then
+// drain what is left: a pending SO_ERROR would fail the next connect, and a queued ICMP error would make select report
+// the socket ready without an error, which looks like success.
+void resetSocket(int socket) {
     sockaddr none = {};
     none.sa_family = AF_UNSPEC;
     ignored(connect(socket, &none, sizeof none));
@@ -69,14 +68,14 @@ void connectStation(int socket) {
     syslog(LOG_ALERT, "connecting %d\n", attempt);
     while (my_connect_t(socket, reinterpret_cast<const sockaddr *>(&station), sizeof station, kConnectSeconds) < 0) {
         const int reason = errno;
-        forgetFailedAttempt(socket);
+        resetSocket(socket);
         syslog(LOG_ALERT, "connecting %d (%s)\n", attempt, strerror(reason));
         sleep(kRetrySeconds);
         syslog(LOG_ALERT, "connecting %d\n", ++attempt);
     }
 }
 
-// False when the wait ended without anything to read: the time ran out or a signal came.
+// False after a timeout or a signal.
 bool waitForCommand(int socket) {
     fd_set readable;
     FD_ZERO(&readable);
@@ -85,14 +84,14 @@ bool waitForCommand(int socket) {
     return select(socket + 1, &readable, nullptr, nullptr, &limit) > 0;
 }
 
-// Sends the text as one frame: 64 bytes, or with its NUL when it is longer. Returns what send returns. A station that
-// has gone must not end the process by a signal.
+// Sends the text as one frame: 64 bytes, or a longer text with its NUL. Returns send's result. MSG_NOSIGNAL: a station
+// that has gone must not kill the process with SIGPIPE.
 ssize_t sendReply(int socket, const char *pkbuf) {
     const size_t length = strlen(pkbuf);
     return send(socket, pkbuf, length <= kFrame ? kFrame : length + 1, MSG_NOSIGNAL);
 }
 
-// Receives one command, carries it out and answers it. False when the session has ended.
+// Receives one command, carries it out and replies. False at the end of the session.
 bool serveCommand(int socket, char *pkbuf) {
     memset(pkbuf, 0, kFrame);
     const ssize_t received = recv(socket, pkbuf, kFrame, 0);
@@ -113,7 +112,7 @@ bool serveCommand(int socket, char *pkbuf) {
 }  // namespace
 
 void serveStation(char *pkbuf) {
-    // Close-on-exec: nothing that a command's program prints may enter the protocol stream.
+    // Close-on-exec keeps the output of child processes out of the protocol.
     const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (made < 0) {
         perror("fabtestd(initSocket - socket)");
@@ -122,8 +121,7 @@ void serveStation(char *pkbuf) {
     const int station = makeRoomForOutput(made);
     connectStation(station);
     syslog(LOG_ALERT, "Socketid = %d\n", station);
-    // Intended: the connection has descriptor 0 only where nothing can be logged (startService in main.cc), and nobody
-    // would see what was done.
+    // Intended: the connection gets descriptor 0 only when nothing can be logged; see startService in main.cc.
     if (station == 0) return;
 
     while (!waitForCommand(station) || serveCommand(station, pkbuf)) {

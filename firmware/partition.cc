@@ -7,23 +7,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 
 #include "daemon/board.h"
 #include "support/handle.h"
+#include "support/process_file.h"
 #include "support/shell.h"
 
 namespace {
 
-constexpr char kOperation[] = "writePartitions";  // what every log line names, with its line here
+constexpr char kOperation[] = "writePartitions";  // every log line begins with this and its source line
 constexpr int kProgressBlocks = 16;               // 1 MiB with the usual erase blocks of 64 KiB
 
 void logProgress(int line, int blocks) {
     if (blocks % kProgressBlocks == 0) syslog(LOG_ALERT, "[%s,%d] %d MB", kOperation, line, blocks / kProgressBlocks);
 }
 
-// Blocks that cannot be unlocked or erased are passed over: writing shows whether it matters.
+// Goes on after a failure: writing shows whether it matters.
 void eraseBlock(int device, erase_info_user *block) {
     ioctl(device, MEMUNLOCK, block);
     ioctl(device, MEMERASE, block);
@@ -37,25 +37,14 @@ void erasePartition(int device, const mtd_info_user &geometry) {
     }
 }
 
-bool writeAll(int device, const char *data, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(device, data, length);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;  // one that takes nothing is a failed one, too: the next would take nothing
-        data += written;
-        length -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
-// Writes in chunks of one erase block, through `buffer` of that size. A file that ends early ends the writing. False
-// when a write failed.
+// Writes in chunks of one erase block through `buffer`, which has that size. Ends early where the file does. False when
+// a write failed.
 bool writeChunks(int device, FILE *file, int32_t length, char *buffer, uint32_t blockSize) {
     int chunks = 0;
     for (int32_t remaining = length; remaining > 0;) {
         const size_t count = fread(buffer, 1, std::min(blockSize, static_cast<uint32_t>(remaining)), file);
         if (count == 0) break;
-        if (!writeAll(device, buffer, count)) return false;
+        if (my_writeAll(device, buffer, count) != 0) return false;
         logProgress(__LINE__, ++chunks);
         remaining -= static_cast<int32_t>(count);
     }
@@ -71,10 +60,10 @@ int32_t measure(FILE *file) {
 
 // False when a write failed.
 bool writeDevice(int partition, FILE *file, int32_t length) {
-    const DescriptorHandle device(open(M(kRamFlash, partition), O_RDWR | O_SYNC | O_CLOEXEC));
+    const DescriptorHandle device(open(M(kFlashNode, partition), O_RDWR | O_SYNC | O_CLOEXEC));
     if (device < 0) return true;
     mtd_info_user geometry = {};
-    // Silent as for a device without a geometry: without an erase block there is no unit to erase or write by.
+    // An erase block size of 0 is no geometry either: it would never end the erasing.
     if (ioctl(device, MEMGETINFO, &geometry) < 0 || geometry.erasesize == 0) return true;
     char *const buffer = static_cast<char *>(malloc(geometry.erasesize));
     if (buffer == nullptr) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// True for a blank and for NUL, and for nothing else.
+// True for a blank or a NUL.
 bool endsText(char c) { return (c & 0xDF) == 0; }
 
 void cutText(char *block, size_t start) {
@@ -25,7 +25,7 @@ void cutText(char *block, size_t start) {
 void cutProductFields(char *block) {
     cutText(block, kVendor);
     cutText(block, kProduct);
-    // Last, so that a text without an end of its own ends here.
+    // Last, so that a text without an end of its own ends at a separator.
     constexpr size_t kSeparators[] = {kMinor - 1, kPatch - 1, kMark - 1, kMark + 8};
     for (const size_t separator : kSeparators) block[separator] = '\0';
 }

@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr char kOperation[] = "writeImage";  // what the log lines name, with their line here
-constexpr int kTrailerSize = 33;             // 32 hexadecimal digits and a byte that nobody looks at
+constexpr char kOperation[] = "writeImage";  // log lines begin with this and their source line
+constexpr int kTrailerSize = 33;             // 32 hexadecimal digits and a byte that is not examined
 constexpr size_t kDigestLength = 32;
 
 void waitForBoot() {
@@ -28,12 +28,12 @@ void waitForBoot() {
     }
 }
 
-// Cuts the trailer off the file and copies its digest, kDigestLength characters and a NUL. Returns the image's length
-// without the trailer, -1 when there is none.
+// Cuts the trailer off the file and copies its digest, kDigestLength characters and a NUL. Returns the length of the
+// image without the trailer, or -1 when the trailer is missing.
 int32_t cutTrailer(const char *path, char *digest) {
     FileHandle image(fopen(path, "rbe"));
     if (image == nullptr) return -1;
-    // In a file that is too short for a trailer the seek fails and leaves the position at 0.
+    // In a file too short for a trailer the seek fails and the position stays 0.
     fseek(image, -kTrailerSize, SEEK_END);
     const int32_t length = static_cast<int32_t>(ftell(image));
     char trailer[kTrailerSize];
@@ -51,28 +51,24 @@ int32_t cutTrailer(const char *path, char *digest) {
     return length;
 }
 
-// Closes the pipe. Not part of its caller's frame: popen takes 6 kB of stack, and this is not to lie on top of it.
-[[gnu::noinline]] bool digestIs(const char *expected, FILE *sum) {
-    char computed[1024] = "";
-    ignored(fscanf(sum, "%1023s", computed));
+bool digestHolds(const char *path, const char *expected) {
+    FILE *const sum = popen(M("/usr/bin/md5sum %s", path), "r");
+    if (sum == nullptr) return false;
+    char computed[64] = "";
+    ignored(fscanf(sum, "%63s", computed));
     pclose(sum);
     syslog(LOG_ALERT, "chksum = %s.", expected);
     syslog(LOG_ALERT, "buffer = %s.", computed);
     return strcmp(expected, computed) == 0;
 }
 
-bool digestHolds(const char *path, const char *expected) {
-    FILE *const sum = popen(M("/usr/bin/md5sum %s", path), "r");
-    return sum != nullptr && digestIs(expected, sum);
-}
-
-// An image for another vendor or product is shown beside the system's own, and installed.
+// Logs the identities of the system and the image. Intended: they are not compared.
 void logIdentities(const char *block) {
     char system[kSystemInfoSize];
     if (my_systemInfo(system) >= 0) {
         char image[kProductBlockSize];
         getProduct(nullptr, block, image);
-        cutProductFields(system);  // the record has no NUL of its own: each text would be shown with all behind it
+        cutProductFields(system);  // the record has no NULs: each text would run to its end
         syslog(LOG_ALERT, "system_info(Vendor: %s, Product: %s, mark: %s)\n", system + kVendor, system + kProduct,
                system + kMark);
         syslog(LOG_ALERT, " image_info(Vendor: %s, Product: %s, mark: %s)\n", image + kVendor, image + kProduct,
@@ -95,7 +91,7 @@ int writeImage(const char *path) {
     if (length < 0 || !digestHolds(path, digest)) return -1;
 
     FileHandle image(fopen(path, "rbe"));
-    if (image == nullptr) return 0;  // it was good, and is accepted although nothing can be installed
+    if (image == nullptr) return 0;  // intended: the image counts as accepted although nothing is installed
     char block[kProductBlockSize];
     const size_t count = fread(block, 1, sizeof block, image);
     image.close();
@@ -114,7 +110,7 @@ int CheckFileDoUpgrade() {
     if (access("/tmp/rootfs.img", F_OK) == 0) logAndRun("/sbin/mtd -qq write /tmp/rootfs.img rootfs > /dev/null 2>&1");
     const int missing = access("/tmp/firmware.img", F_OK);
     if (missing != 0) return missing;
-    // In the background: the upgrade flashes and reboots by itself while the station gets its reply.
+    // In the background: the upgrade flashes and reboots while the station gets its reply.
     return logAndRun("sysupgrade -c -d 3 /tmp/firmware.img > /dev/null 2>&1 &");
 }
 

@@ -1,15 +1,15 @@
 #pragma once
-// Installing a whole firmware image.
+// Installs a whole firmware image.
 
-// Waits until the board has finished booting, checks the image's MD5 trailer, splits the image into staged partition
-// images and has the platform's tools flash them. The trailer is cut off the file, whatever comes of the check.
-// Returns -1 when the image cannot be opened, is too short or fails the check, else 0: an image of another product is
-// installed, and nobody looks at what the flashing tools return.
+// Waits without a limit until the board has booted, checks the image's MD5 trailer, stages the image's sections under
+// /tmp and runs the platform's flashing tools on them. Cuts the trailer off the file even when the check fails.
+// Returns -1 when the image cannot be opened, is too short or fails the check, else 0: it installs an image of another
+// product, too, and does not look at the results of the flashing tools.
 int writeImage(const char *path);
 
-// Flashes the staged images that are in /tmp. Returns the status of the upgrade's start, or of the test that found no
-// staged firmware.
+// Flashes the staged images in /tmp, also those of an earlier image. Returns the status of starting the upgrade, or the
+// non-zero result of the test when there is no staged firmware.
 int CheckFileDoUpgrade();
 
-// Does nothing: the place where a board with a disk on module would rewrite its check data.
+// Does nothing; the mode "domcheck" and the command BYE call it.
 void writeDOMCheck(const char *argument);

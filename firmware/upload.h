@@ -1,15 +1,16 @@
 #pragma once
-// Moves firmware onto the RAM disk before anything is flashed: a payload from the connection into a file, an image's
-// sections into staged partition images.
+// Moves firmware onto the RAM disk before anything is flashed: a payload of the connection into a file, the sections of
+// an image into one staged file each.
 
 #include <cstdint>
 
-// Empties or creates the file, then receives exactly `size` bytes from the socket into it; less when the station
-// closes or fails before. A size below 1 receives nothing.
-// The result is used by nobody: of the shell for a size below 1, 0 when the file cannot be opened, else of its close.
+// Empties or creates the file and receives `size` bytes from the socket into it, fewer when the connection ends before.
+// A size below 1 receives nothing. Logs when the file does not hold all that was received.
+// No caller uses the result: that of the shell for a size below 1, 0 when the file cannot be opened, else fclose's.
 int saveFile(int socket, int32_t size, const char *path);
 
-// Splits the image at `path`, of `size` bytes without its checksum trailer, into one file a section: "/tmp/NAME.img",
-// where NAME is what the MTD block device of the section's number is called. Always 0; a section that cannot be read
-// ends the walk or is passed over.
+// Stages each section of the image at `path`, which has `size` bytes without its checksum trailer, as "/tmp/NAME.img",
+// where NAME is the name of the section's MTD block device. Skips a section that cannot be read, or ends there. Removes
+// the staged file, with a log line, when it cannot hold the whole section.
+// Returns 0.
 int write2tmp(const char *path, uint32_t size);

@@ -19,7 +19,7 @@ constexpr std::array<uint32_t, 5> kSpeeds = {10, 100, 1000, 2500, 10000};
 
 bool isUsual(uint32_t speed) { return std::find(kSpeeds.begin(), kSpeeds.end(), speed) != kSpeeds.end(); }
 
-// Sends an ethtool command, which is answered in place.
+// Sends an ethtool command. The kernel writes its answer over the command.
 bool ask(int socket, ifreq *request, void *command) {
     request->ifr_data = static_cast<char *>(command);
     return ioctl(socket, SIOCETHTOOL, request) >= 0;

@@ -7,9 +7,7 @@
 
 #include "daemon/board.h"
 #include "firmware/product_block.h"
-#include "identity/country.h"
 #include "identity/ethernet_link.h"
-#include "identity/mac.h"
 #include "support/configuration.h"
 #include "support/handle.h"
 #include "support/shell.h"
@@ -17,8 +15,6 @@
 #include "support/system_info.h"
 
 namespace {
-
-constexpr char kNone[] = "none";
 
 struct Link {
     bool up;
@@ -41,8 +37,8 @@ const char *findProduct() {
     return systemProduct;
 }
 
-// The radio, if any, whose interface a line of /proc/net/dev is about. A missing key matches no line, and an empty
-// value every one.
+// Returns the bit of the radio to whose interface a line of /proc/net/dev belongs, or 0. A missing key matches no line,
+// an empty value every line.
 unsigned radioOf(const char *line) {
     constexpr struct {
         const char *key;
@@ -65,7 +61,7 @@ unsigned findRadios() {
     return present;
 }
 
-// Copies the field at `text`, as far as it fits, and returns the text behind the field and its end.
+// Copies as much of the field at `text` as fits. Returns the text after the field and its end.
 const char *cutField(char (&field)[32], const char *text, char end) {
     const char ends[] = {end, '\0'};
     const size_t length = strcspn(text, ends);
@@ -73,21 +69,21 @@ const char *cutField(char (&field)[32], const char *text, char end) {
     return text[length] != '\0' ? text + length + 1 : text + length;
 }
 
-// An entry NAME_METHOD_PORT. Only the port ends at a blank: intended, an entry that lacks a field swallows what follows
-// and fails the check, so that a list with a mistake passes no board.
+// Reads an entry NAME_METHOD_PORT and returns the text after it. Intended: only the port ends at a blank. An entry that
+// lacks a field swallows the next one and fails the check, so a list with a mistake never passes a board.
 const char *parseEntry(const char *text, PortEntry *entry) {
     text = cutField(entry->name, text, '_');
     text = cutField(entry->method, text, '_');
     return cutField(entry->port, text, ' ');
 }
 
-const char *behindColon(const char *word) {
+const char *afterColon(const char *word) {
     const char *const colon = strchr(word, ':');
     return colon != nullptr ? colon + 1 : nullptr;
 }
 
-// Reads a line such as "link: port:1 link:up speed:1000baseT full-duplex", which it cuts into its words. False unless
-// it is about the port and its link is up.
+// Reads a line such as "link: port:1 link:up speed:1000baseT full-duplex", and cuts it into words. False unless the
+// line belongs to the port and its link is up.
 bool parseSwitchLine(char *line, const char *port, Link *link) {
     if (strstr(line, "link:") == nullptr) return false;
     const char *words[5];
@@ -96,17 +92,18 @@ bool parseSwitchLine(char *line, const char *port, Link *link) {
         word = strtok_r(nullptr, kWhiteSpace, &rest);
         if (word == nullptr) word = "";
     }
-    const char *const number = behindColon(words[1]);
-    // The configured port contains the switch's number, so that a configured 10 also takes ports 1 and 0: intended.
+    const char *const number = afterColon(words[1]);
+    // Intended: the configured port need only contain the switch's number, so a configured 10 also matches ports 1 and
+    // 0.
     if (number == nullptr || strstr(port, number) == nullptr || strstr(words[2], ":up") == nullptr) return false;
-    const char *const speed = behindColon(words[3]);  // a negative one is no speed
+    const char *const speed = afterColon(words[3]);  // a negative number counts as 0
     link->up = true;
     link->speed = speed != nullptr ? static_cast<uint32_t>(std::max(atoi(speed), 0)) : 0;
     link->duplex = strcmp(words[4], "full-duplex") == 0;
     return true;
 }
 
-// Not part of its caller's frame: popen takes 6 kB of stack, and this is not to lie on top of it.
+// noinline: keeps this buffer out of the frame that is live during popen, which takes 6 kB of stack.
 [[gnu::noinline]] Link readSwitch(FILE *output, const char *port) {
     Link link = {};
     char line[512];
@@ -141,7 +138,7 @@ Ports examinePorts(const char *text) {
         PortEntry entry;
         text = parseEntry(text, &entry);
         const Link link = examine(entry);
-        // A port of 100 Mbit/s fails: intended, the product's ports are gigabit ones.
+        // Intended: a port of 100 Mbit/s fails.
         const unsigned bits = (link.up ? kLinkUp : 0) | (link.speed >= 1000 ? kGigabit : 0) |
                               (link.duplex == 1 ? kFullDuplex : 0) | kExamined;
         const unsigned shift = Ports::shiftOf(ports.entries++);
@@ -153,44 +150,29 @@ Ports examinePorts(const char *text) {
 
 Ports findPorts() {
     const char *const list = RETURN_DEF_STR("SYSTEM_CHECK_ETH_STATUS");
-    if (list == nullptr || strcmp(list, kNone) == 0) return {};
-    // A private copy: while a switch is asked, another process may change the table and move its records, and a list
-    // that ended early would pass a bad board.
+    if (list == nullptr || strcmp(list, "none") == 0) return {};
+    // A private copy: while a switch is queried, another process may change the table and move its records. A list that
+    // changed or ended early could pass a bad board.
     char copy[sizeof ConfigurationRecord::value];
     my_copyText(copy, list, sizeof copy);
     return examinePorts(copy);
 }
 
-// In kB. False, and 0, when the kernel does not tell.
+// Stores the memory in kB. False, with 0 stored, when it cannot be read.
 bool readMemory(int *total) {
     *total = 0;
     const FileHandle file(fopen("/proc/meminfo", "re"));
     return file != nullptr && fscanf(file, "%*s %d", total) == 1;
 }
 
-void copyMac(MacText &mac, const char *key) {
-    const char *const stored = RETURN_DEF_STR(key);
-    my_copyText(mac, stored != nullptr ? stored : kNone, sizeof mac);
-}
-
-void findMacs(Facts *facts) {
-    facts->wired = std::min(wireTotal, kMostWired);
-    for (int i = 0; i < facts->wired; ++i) copyMac(facts->wiredMacs[i], M(kWiredMacKey, i + 1));
-    copyMac(facts->mac24G, k24GMacKey);
-    copyMac(facts->mac5G, k5GMacKey);
-}
-
 }  // namespace
 
-void findFacts(Facts *facts) {
-    facts->product = findProduct();
-    facts->radioSlots = wirelessTotal != 0;
-    facts->fitted = static_cast<unsigned>(support_freq);
-    facts->present = findRadios();
-    facts->ports = findPorts();
+Facts findFacts() {
+    Facts facts = {};
+    facts.product = findProduct();
+    facts.missing = static_cast<unsigned>(support_freq) & ~findRadios();
+    facts.ports = findPorts();
     const int minimum = RETURN_DEF_INT("SYSTEM_MEMORY_MINIMUM");
-    facts->memoryPasses = readMemory(&facts->memory) && minimum < facts->memory;
-    facts->country[0] = '\0';
-    if (facts->radioSlots) CountryRW(0, facts->country);
-    findMacs(facts);
+    facts.memoryPasses = readMemory(&facts.memory) && minimum < facts.memory;
+    return facts;
 }

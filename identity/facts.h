@@ -1,48 +1,38 @@
 #pragma once
-// What is found out about the board for the report.
+// The facts about the board that the report judges.
 
 #include <cstdint>
 
-constexpr unsigned k24G = 1;  // bits of the radios
+// Bits of the radios, as in support_freq.
+constexpr unsigned k24G = 1;
 constexpr unsigned k5G = 2;
 
-// Four bits of the port words for each entry of "SYSTEM_CHECK_ETH_STATUS".
+// The four bits of a port word per entry of "SYSTEM_CHECK_ETH_STATUS".
 constexpr unsigned kLinkUp = 1;
 constexpr unsigned kGigabit = 2;
 constexpr unsigned kFullDuplex = 4;
 constexpr unsigned kExamined = 8;
 
 struct Ports {
-    uint32_t status;    // what was found
-    uint32_t expected;  // what was to be found
+    uint32_t status;
+    uint32_t expected;  // the status of ports that pass
     unsigned entries;
 
     bool pass() const { return status == expected; }
-    // The bits of the n-th entry, from 0; none when there is no such entry.
+    // Returns the bits of an entry, counted from 0; 0 when there is no such entry.
     unsigned bitsOf(unsigned entry) const { return entry < entries ? status >> shiftOf(entry) & 0xF : 0; }
-    // The word holds eight entries; later ones fall onto the first ones' bits.
+    // A word holds eight entries; the ninth and later ones wrap around onto the first.
     static unsigned shiftOf(unsigned entry) { return entry * 4 % 32; }
 };
 
-// More wired ports than a report shows: none of its lines has fewer than 29 characters, and it is cut at 1499.
-constexpr int kMostWired = 52;
-
-using MacText = char[64];  // as stored, or "none"
-
 struct Facts {
-    const char *product;  // the system's product block, its fields cut; empty texts when it cannot be read
-    int memory;           // kB
+    const char *product;  // the system's product block with its fields cut; empty texts when it cannot be read
+    int memory;           // kB, 0 when it cannot be read
     bool memoryPasses;
-    int wired;  // ports, at most kMostWired
-    MacText wiredMacs[kMostWired];
     Ports ports;
-    bool radioSlots;   // false: the board has no radio addresses, nothing is said of radios and country
-    unsigned fitted;   // radios
-    unsigned present;  // radios whose interface is there
-    MacText mac24G;
-    MacText mac5G;
-    char country[3];
+    unsigned missing;  // fitted radios whose interface does not exist
 };
 
-// Finds all of them out; what cannot be read is a failed check. Takes as long as "/sbin/swconfig" does.
-void findFacts(Facts *facts);
+// Finds all facts. Memory that cannot be read, and a port that does not report a link, fail their checks. Blocks for as
+// long as "/sbin/swconfig" runs.
+Facts findFacts();

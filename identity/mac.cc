@@ -19,21 +19,21 @@ namespace {
 
 constexpr size_t kAddressSize = 6;
 
-// The qc98xx calibration block: 16-bit words, one of which makes the exclusive-or of all come out as 0xFFFF.
+// The qc98xx calibration block: 16-bit words whose exclusive-or is 0xFFFF. One of the words is the checksum.
 constexpr off_t kBlockOffset = 0x5000;
 constexpr size_t kBlockSize = 0x844;
-constexpr size_t kChecksum = 2;  // within the block
+constexpr size_t kChecksum = 2;  // offset in the block
 
 struct Address {
     uint8_t bytes[kAddressSize];  // most significant first, as on the flash
 };
 
-// What a slot's id says it is: the first row whose limit is above the id.
+// The kind of a slot: the first row whose limit is above the slot's id.
 struct SlotKind {
     int limit;
     const char *name;
-    const char *key;  // null: numbered by the id
-    bool checksummed;
+    const char *key;   // null: kWiredMacKey
+    bool checksummed;  // by the calibration block
 };
 
 constexpr SlotKind kSlotKinds[] = {
@@ -49,7 +49,7 @@ const SlotKind *kindOf(int id) {
     return nullptr;
 }
 
-// Fields at every third character; what the text is too short for is 0.
+// Reads a field at every third character. Fields that the text is too short for are 0.
 Address parsePairs(const char *text) {
     Address address = {};
     const size_t length = strlen(text);
@@ -59,7 +59,7 @@ Address parsePairs(const char *text) {
     return address;
 }
 
-// Decimal, although addresses are written in hexadecimal elsewhere: intended, stations count in numbers.
+// Intended: the number is decimal, unlike the form with colons.
 Address parseNumber(const char *text) {
     Address address = {};
     uint64_t number = strtoull(text, nullptr, 10);
@@ -76,32 +76,31 @@ void increment(Address *address) {
     }
 }
 
-// Opened for writing in place: neither created nor emptied.
+// Opens the device without creating or truncating it, so that a partition image in a regular file works, too.
 int openPartition(int number, int access) { return open(M("/dev/mtdblock%d", number), access | O_CLOEXEC); }
 
-void programSlot(int device, int id, uint32_t offset, const Address &address) {
+// Returns whether the calibration block's checksum covers the slot.
+bool programSlot(int device, int id, uint32_t offset, const Address &address) {
     ignored(pwrite(device, address.bytes, kAddressSize, static_cast<off_t>(offset)));
     const SlotKind *const kind = kindOf(id);
-    if (kind == nullptr) return;
+    if (kind == nullptr) return false;
     const uint8_t *const b = address.bytes;
     const char *const text = M("%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
     add_configuration(kind->key != nullptr ? kind->key : M(kWiredMacKey, id), text);
-    const uint32_t behind = offset + kAddressSize;
-    syslog(LOG_ALERT, "set %s MAC: %s, ftell=0x%x\n", kind->name, text, behind);
+    const uint32_t end = offset + kAddressSize;
+    syslog(LOG_ALERT, "set %s MAC: %s, ftell=0x%x\n", kind->name, text, end);
+    return kind->checksummed;
 }
 
-// Programs the slots of the list, which stand in any order of their ids. -1 at one without an offset. Blanks at the end
-// are no slot, however many.
+// Programs the slots in the order of the list. -1 at a slot without an offset. Trailing blanks are not a slot.
 int programSlots(int device, const char *slot, Address address, bool *checksummed) {
     while (slot != nullptr && slot[strspn(slot, " ")] != '\0') {
         const int id = atoi(slot);
         const char *const underscore = strchr(slot, '_');
         if (underscore == nullptr) return -1;
-        programSlot(device, id, my_strtou32(underscore + 1, nullptr, 16), address);
-        const SlotKind *const kind = kindOf(id);
-        if (kind != nullptr && kind->checksummed) *checksummed = true;
+        if (programSlot(device, id, my_strtou32(underscore + 1, nullptr, 16), address)) *checksummed = true;
         increment(&address);
-        slot = skipWords(underscore, 1);
+        slot = my_skipWords(underscore, 1);
     }
     return 0;
 }
@@ -111,7 +110,7 @@ int programSlots(int device, const char *slot, Address address, bool *checksumme
 int setMac(const char *text) {
     const char *const arguments = RETURN_DEF_STR(kMacArguments);
     if (arguments == nullptr) return -1;
-    // A private copy: recording an address may move the table's records.
+    // A private copy: storing an address may move the table's records.
     char *const list = strdup(arguments);
     if (list == nullptr) return -1;
     const Address first = strchr(text, ':') != nullptr ? parsePairs(text) : parseNumber(text);
@@ -119,7 +118,7 @@ int setMac(const char *text) {
     int result = -1;
     {
         const DescriptorHandle device(openPartition(atoi(list), O_WRONLY));
-        if (device >= 0) result = programSlots(device, skipWords(list, kWordsBeforeSlots), first, &checksummed);
+        if (device >= 0) result = programSlots(device, my_skipWords(list, kWordsBeforeSlots), first, &checksummed);
     }
     free(list);
     if (result != 0) return result;
@@ -136,7 +135,7 @@ void qc98xx_verify_checksum() {
     ignored(pread(device, block, sizeof block, kBlockOffset));
     const uint8_t stored[2] = {block[kChecksum], block[kChecksum + 1]};
     block[kChecksum] = block[kChecksum + 1] = 0xFF;
-    // Byte by byte, so that the order of the processor's bytes does not matter.
+    // Byte by byte: independent of the processor's byte order.
     uint8_t sum[2] = {};
     for (size_t i = 0; i < kBlockSize; ++i) sum[i % 2] ^= block[i];
     if (memcmp(sum, stored, sizeof sum) == 0) return;

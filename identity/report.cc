@@ -3,8 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "daemon/board.h"
 #include "firmware/product_block.h"
+#include "identity/country.h"
 #include "identity/facts.h"
+#include "identity/mac.h"
+#include "support/configuration.h"
 #include "support/shell.h"
 #include "support/string_utils.h"
 
@@ -17,12 +21,10 @@ constexpr char kPassed[] = "O";
 constexpr char kFailed[] = "\033[1;37;41mX\033[1;37;40m";
 constexpr char kRule[] = "====================================================";
 
-bool isMissing(const Facts &facts, unsigned radio) { return (facts.fitted & ~facts.present & radio) != 0; }
-
 char *writeHeader(const Facts &facts, bool named) {
     const auto word = [named](bool failed, const char *text) { return named && failed ? text : ""; };
-    return my_string(nullptr, "INFO %s%s%s%s\n%s%s%s\n", word(isMissing(facts, k24G), "2.4G ERROR "),
-                     word(isMissing(facts, k5G), "5G ERROR "), word(!facts.ports.pass(), "Ethernet ERROR "),
+    return my_string(nullptr, "INFO %s%s%s%s\n%s%s%s\n", word((facts.missing & k24G) != 0, "2.4G ERROR "),
+                     word((facts.missing & k5G) != 0, "5G ERROR "), word(!facts.ports.pass(), "Ethernet ERROR "),
                      word(!facts.memoryPasses, "Memory ERROR "), kColour, kRule, kReset);
 }
 
@@ -36,28 +38,39 @@ char *writeMemory(char *text, const Facts &facts) {
     return my_string(text, "%s Memory: %d kB %s%s\n", kColour, facts.memory, facts.memoryPasses ? "" : kBanner, kReset);
 }
 
-char *writeWiredMacs(char *text, const Facts &facts) {
-    for (int i = 0; i < facts.wired; ++i) {
-        text = my_string(text, "%s Wire MAC %d: %s %s\n", kColour, i + 1, facts.wiredMacs[i], kReset);
+char *writeCountry(char *text) {
+    char country[3] = "";
+    CountryRW(0, country);
+    return my_string(text, "%s Country: %s %s\n", kColour, country, kReset);
+}
+
+const char *storedMac(const char *key) {
+    const char *const mac = RETURN_DEF_STR(key);
+    return mac != nullptr ? mac : "none";
+}
+
+char *writeWiredMacs(char *text) {
+    for (int port = 1; port <= wireTotal; ++port) {
+        text = my_string(text, "%s Wire MAC %d: %s %s\n", kColour, port, storedMac(M(kWiredMacKey, port)), kReset);
     }
     return text;
 }
 
-// In upper case, "none" too: intended, the station reads it so.
-char *writeRadioMac(char *text, const Facts &facts, const char *label, const char *mac, unsigned radio) {
-    if ((facts.fitted & radio) == 0) return text;
-    return my_string(text, "%s Wireless %s MAC: %s %s%s\n", kColour, label, my_toupper(M("%s", mac)),
-                     isMissing(facts, radio) ? kBanner : "", kReset);
+// Intended: the address is shown in upper case, "none" included.
+char *writeRadioMac(char *text, const Facts &facts, const char *label, const char *key, unsigned radio) {
+    if ((static_cast<unsigned>(support_freq) & radio) == 0) return text;
+    return my_string(text, "%s Wireless %s MAC: %s %s%s\n", kColour, label, my_toupper(M("%s", storedMac(key))),
+                     (facts.missing & radio) != 0 ? kBanner : "", kReset);
 }
 
-char *writeRadios(char *text, const Facts &facts) {
-    text = writeRadioMac(text, facts, "2.4G", facts.mac24G, k24G);
-    return writeRadioMac(text, facts, "  5G", facts.mac5G, k5G);
+char *writeRadioMacs(char *text, const Facts &facts) {
+    text = writeRadioMac(text, facts, "2.4G", k24GMacKey, k24G);
+    return writeRadioMac(text, facts, "  5G", k5GMacKey, k5G);
 }
 
 char *writePorts(char *text, const Facts &facts) {
     text = my_string(text, "\n%s %s | %s | %s | %s %s\n", kColour, "PortNum", "Link", "Speed", "Duplex", kReset);
-    for (int i = 0; i < facts.wired; ++i) {
+    for (int i = 0; i < wireTotal; ++i) {
         const unsigned bits = facts.ports.bitsOf(static_cast<unsigned>(i));
         const auto verdict = [bits](unsigned bit) { return (bits & bit) != 0 ? kPassed : kFailed; };
         text = my_string(text, "%s    %d    |   %s  |   %s   |    %s   %s\n", kColour, i + 1, verdict(kLinkUp),
@@ -66,28 +79,24 @@ char *writePorts(char *text, const Facts &facts) {
     return text;
 }
 
-}  // namespace
-
 char *writeReport(const Facts &facts, bool named) {
     char *text = writeHeader(facts, named);
     text = writeIdentity(text, facts.product);
     text = writeMemory(text, facts);
-    if (facts.radioSlots) text = my_string(text, "%s Country: %s %s\n", kColour, facts.country, kReset);
-    text = writeWiredMacs(text, facts);
-    if (facts.radioSlots) text = writeRadios(text, facts);
+    if (wirelessTotal != 0) text = writeCountry(text);
+    text = writeWiredMacs(text);
+    if (wirelessTotal != 0) text = writeRadioMacs(text, facts);
     if (!facts.ports.pass()) text = writePorts(text, facts);
     return my_string(text, "%s%s%s\n", kColour, kRule, kReset);
 }
 
+}  // namespace
+
 void getInfo(char *buffer, int pingFlag) {
-    // Neither on the stack, whose pages the daemon would keep, nor static.
-    Facts *const facts = static_cast<Facts *>(calloc(1, sizeof(Facts)));
-    if (facts != nullptr) findFacts(facts);
-    char *const text = facts != nullptr ? writeReport(*facts, pingFlag != 0) : nullptr;
-    // Each step above lengthens the text by one line. When memory runs out, that step loses what was written so far,
-    // and the next one begins a new text, without the header and its verdicts. No report then, rather than such a one.
+    char *const text = writeReport(findFacts(), pingFlag != 0);
+    // When memory runs out, my_string loses the text so far, and the next line begins a new one without the header and
+    // its verdicts. Such a report must not be sent.
     const bool whole = text != nullptr && strncmp(text, "INFO ", 5) == 0;
     if (buffer != nullptr) my_copyText(buffer, whole ? text : "", kReportSize);
     free(text);
-    free(facts);
 }

@@ -12,8 +12,10 @@
 #include <cstring>
 #include <ctime>
 
+#include "support/clock.h"
 #include "support/containers.h"
 #include "support/handle.h"
+#include "support/ignored.h"
 #include "support/process_file.h"
 #include "support/shell.h"
 #include "support/string_utils.h"
@@ -23,9 +25,9 @@ namespace {
 constexpr int kPermissions = IPC_CREAT | 0777;
 constexpr int kMaxTokens = 10;
 constexpr int kIdentityLines = 10;
-constexpr time_t kTurnSeconds = 10;
-constexpr int kLockPolls = 300;
-constexpr useconds_t kLockPollPause = 10000;
+constexpr int32_t kTurnLimit = 10000;         // milliseconds
+constexpr int32_t kLockLimit = 3000;          // milliseconds
+constexpr useconds_t kLockPollPause = 10000;  // microseconds
 
 ConfigurationSegment *segment;
 char line[3096];
@@ -46,61 +48,69 @@ bool attach() {
     return true;
 }
 
-// Other programs write the segment too, so its count is not trusted to stay inside the table.
+// Returns the number of records, at most kConfigurationCapacity: other programs write the segment, too.
 size_t recordCount() {
     const int32_t count = segment->count;
     if (count < 0) return 0;
     return static_cast<size_t>(count) < kConfigurationCapacity ? static_cast<size_t>(count) : kConfigurationCapacity;
 }
 
-// Processes of this program take turns by a semaphore that the kernel gives back when its holder dies. The mutex in
-// the segment is what the board's other programs know; being a private one it wakes nobody in another process, so it
-// is polled, and only whoever has the turn may judge that its holder is dead: two that did so at once would both
-// come to hold the fresh lock.
-int heldTurn = -1;  // the semaphore, while this process has the turn
-bool turnRefused;   // the last one was not to be had
-
-// When the turn is not to be had in time the caller goes on without it. That time is waited for once, and said once: as
-// long as the turn is not given back, later calls only look.
-void takeTurn() {
-    if (heldTurn >= 0) return;  // could not be given back the last time
+// Waits until the semaphore is free and takes it. False with errno set, EAGAIN after kTurnLimit or at once without
+// `waits`.
+bool takeSemaphore(int semaphore, bool waits) {
     sembuf free_then_taken[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
-    const int turn = semget(kConfigurationKey, 1, kPermissions);
-    timespec limit = {turnRefused ? 0 : kTurnSeconds, 0};
-    int failed;
-    do failed = semtimedop(turn, free_then_taken, 2, &limit);
-    while (failed != 0 && errno == EINTR);
-    if (failed == 0) heldTurn = turn;
-    if (failed != 0 && !turnRefused) {
-        syslog(LOG_ALERT, "configuration: another process keeps its turn, going on without (%s)\n", strerror(errno));
+    int32_t left = waits ? kTurnLimit : 0;
+    const uint32_t deadline = my_milliseconds() + static_cast<uint32_t>(left);
+    for (;; left = my_millisecondsLeft(deadline)) {
+        const timespec limit = {left / 1000, left % 1000 * 1000000};
+        if (semtimedop(semaphore, free_then_taken, 2, &limit) == 0) return true;
+        if (errno != EINTR) return false;
     }
-    turnRefused = failed != 0;
 }
 
-// A semaphore that somebody has removed or set free meanwhile is nobody's turn any more.
-void endTurn() {
+// Processes of this program take turns with a semaphore, which the kernel releases when its holder dies. The board's
+// other programs know only the mutex in the segment. The mutex is process-private, so unlocking it never wakes a waiter
+// in another process; we poll. Only the process whose turn it is may declare the mutex's owner dead: if two processes
+// did so at once, both would hold the new lock.
+//
+// Returns the semaphore, for endTurn; -1 when the turn cannot be taken. The caller then carries on without it. Waits
+// and logs only the first time.
+int takeTurn() {
+    static bool failedBefore;
+    const int semaphore = semget(kConfigurationKey, 1, kPermissions);
+    const bool taken = semaphore >= 0 && takeSemaphore(semaphore, !failedBefore);
+    if (!taken && !failedBefore) {
+        const char *const reason =
+            semaphore >= 0 && errno == EAGAIN ? "another process keeps its turn" : strerror(errno);
+        syslog(LOG_ALERT, "configuration: going on without a turn (%s)\n", reason);
+    }
+    failedBefore = !taken;
+    return taken ? semaphore : -1;
+}
+
+// A failure means that somebody has removed or reset the semaphore: there is nothing left to give back.
+void endTurn(int semaphore) {
     sembuf given_back = {0, -1, SEM_UNDO | IPC_NOWAIT};
-    if (heldTurn < 0) return;
-    const bool kept = semop(heldTurn, &given_back, 1) != 0 && errno != EINVAL && errno != EIDRM && errno != EAGAIN;
-    if (!kept) heldTurn = -1;
+    if (semaphore >= 0) ignored(semop(semaphore, &given_back, 1));
 }
 
 void lockTable() {
-    for (int polls = 0; pthread_mutex_trylock(&segment->lock) != 0; ++polls) {
-        if (polls == kLockPolls) {
-            syslog(LOG_ALERT, "configuration: the lock's holder does not give it back, made a fresh one\n");
-            memset(&segment->lock, 0, sizeof segment->lock);
-            polls = 0;
-        } else {
+    const uint32_t deadline = my_milliseconds() + kLockLimit;
+    while (pthread_mutex_trylock(&segment->lock) != 0) {
+        if (my_millisecondsLeft(deadline) > 0) {
             usleep(kLockPollPause);
+            continue;
         }
+        syslog(LOG_ALERT, "configuration: the lock's holder is dead, reset it\n");
+        memset(&segment->lock, 0, sizeof segment->lock);
+        return lockTable();
     }
 }
 
 int unlockTable() { return pthread_mutex_unlock(&segment->lock); }
 
-// The first record met by probing the middle of what remains. Of several equal keys it is the probe order that
-// decides, and every program of the board is to find the same one.
+// Returns the first record that a binary search meets, or null. The probe order decides between equal keys: every
+// program of the board must find the same record.
 ConfigurationRecord *findRecord(const char *key) {
     ConfigurationRecord *base = segment->table;
     for (size_t left = recordCount(); left > 0;) {
@@ -129,12 +139,25 @@ int compareKeys(const void *a, const void *b) {
     return (order > 0) - (order < 0);
 }
 
-// Adds a new record to the build tree. False when memory ran out; the tree is then as before.
+// Copies at most 63 characters. Returns whether the value had to be cut.
+bool storeValue(ConfigurationRecord *record, const char *value) {
+    if (value == nullptr) return false;
+    const bool cut = strnlen(value, sizeof record->value) == sizeof record->value;
+    my_copyText(record->value, value, sizeof record->value);
+    return cut;
+}
+
+void logCut(const ConfigurationRecord &record) {
+    syslog(LOG_ALERT, "configuration: \"%s\" is cut to %zu characters\n", record.key, sizeof record.value - 1);
+}
+
+// Adds a new record to the tree from which the table is rebuilt. Until then its index says whether its value was cut.
+// False when memory ran out; the tree is then unchanged.
 bool addToTree(bt_tree *tree, const char *key, const char *value) {
     ConfigurationRecord *const record = static_cast<ConfigurationRecord *>(calloc(1, sizeof(ConfigurationRecord)));
     if (record == nullptr) return false;
     if (key != nullptr) my_copyText(record->key, key, sizeof record->key);
-    if (value != nullptr) my_copyText(record->value, value, sizeof record->value);
+    record->index = storeValue(record, value) ? 1 : 0;
     if (bt_add(tree, record) != nullptr) return true;
     free(record);
     return false;
@@ -142,6 +165,7 @@ bool addToTree(bt_tree *tree, const char *key, const char *value) {
 
 int moveIntoTable(void *value, void *) {
     ConfigurationRecord *const record = static_cast<ConfigurationRecord *>(value);
+    if (record->index != 0) logCut(*record);
     const uint32_t slot = segment->fill;
     if (slot < kConfigurationCapacity) {
         record->index = slot;
@@ -152,7 +176,7 @@ int moveIntoTable(void *value, void *) {
     return 1;
 }
 
-// Empties the tree's records into the table, ascending, and frees the tree. It holds no more than the table does.
+// Moves the tree's records into the table, ascending, and frees the tree. The callers add no more than fit.
 void buildTable(bt_tree *tree) {
     if (bt_count(tree) > 0) {
         segment->count = bt_count(tree);
@@ -172,7 +196,7 @@ void discardTree(bt_tree *tree) {
     bt_free(tree);
 }
 
-// Splits the shared line; true when it holds key, sign and value.
+// Splits the shared line. Returns whether it holds key, sign and value.
 bool parseSetting() { return string_parse(tokens, kMaxTokens, line) >= 3; }
 
 FileIdentity readIdentity(const char *path) {
@@ -195,7 +219,7 @@ FileIdentity readIdentity(const char *path) {
     return identity;
 }
 
-// Makes the persistent file the one to load, and notes in the segment whose it is.
+// Makes the persistent file the one to load, and stores its identity and version in the segment.
 void selectFile() {
     const FileIdentity shipped = readIdentity(kDefaultConfiguration);
     const FileIdentity persistent = readIdentity(kPersistentConfiguration);
@@ -206,7 +230,8 @@ void selectFile() {
     segment->version = loaded.version;
 }
 
-// False when the table is full before the file ends; the key of the first record left out is then in tokens[0].
+// Adds the file's records to the tree. False when the table is full before the file ends; tokens[0] is then the key of
+// the first record that was left out.
 bool readSettings(bt_tree *tree) {
     const FileHandle file(fopen(kPersistentConfiguration, "re"));
     if (file == nullptr) return true;
@@ -218,25 +243,17 @@ bool readSettings(bt_tree *tree) {
     return true;
 }
 
-// True of a segment that nobody has loaded yet: the kernel makes it of zeros.
-bool isFresh() {
-    const char *const header = reinterpret_cast<const char *>(segment);
-    size_t zeros = 0;
-    while (zeros < offsetof(ConfigurationSegment, table) && header[zeros] == 0) ++zeros;
-    return zeros == offsetof(ConfigurationSegment, table);
-}
-
-// Loads the table of an attached segment; for whoever has the turn.
+// Reloads the table of an attached segment. The caller has the turn.
 void loadTable() {
-    // To clear a fresh one would take all of its pages, which most tables do not fill.
-    if (!isFresh()) memset(static_cast<void *>(segment), 0, kConfigurationSize);
+    memset(static_cast<void *>(segment), 0, kConfigurationSize);
     lockTable();
     bt_tree *const tree = bt_init(compareKeys);
     if (tree != nullptr) {
         selectFile();
-        // Logged when the file is closed, which may have descriptor 0: that one is the log's (startService in main.cc).
+        // Nothing may be logged while the file is open: it may have descriptor 0, which the log's socket must get
+        // (startService in main.cc).
         if (!readSettings(tree)) {
-            syslog(LOG_ALERT, "configuration: more than %zu records, \"%s\" and what follows left out\n",
+            syslog(LOG_ALERT, "configuration: more than %zu records, \"%s\" and the rest left out\n",
                    kConfigurationCapacity, tokens[0]);
         }
         buildTable(tree);
@@ -244,11 +261,11 @@ void loadTable() {
     unlockTable();
 }
 
-// Inserts into the locked table. False when it is full or memory ran out; it is then as before.
+// Inserts a record into the locked table. False when the table is full or memory ran out; it is then unchanged.
 bool insertRecord(const char *key, const char *value) {
     const size_t count = recordCount();
     if (count == kConfigurationCapacity) {
-        syslog(LOG_ALERT, "configuration: no room for \"%s\" beside %zu records\n", key != nullptr ? key : "", count);
+        syslog(LOG_ALERT, "configuration: no room for \"%s\"\n", key != nullptr ? key : "");
         return false;
     }
     bt_tree *const tree = bt_init(compareKeys);
@@ -266,11 +283,11 @@ bool insertRecord(const char *key, const char *value) {
 }
 
 void overwriteValue(ConfigurationRecord *record, const char *value) {
-    if (value != nullptr) my_copyText(record->value, value, sizeof record->value);
+    if (storeValue(record, value)) logCut(*record);
 }
 
-// Copies the settings, of whatever length and content, with every line that begins with `prefix` replaced. Returns how
-// many did, -1 when the copy is not complete.
+// Copies a file of any line length and content, and replaces every line that begins with `prefix`. Returns the number
+// of replaced lines, or -1 when reading failed.
 int copySettings(FILE *from, FILE *to, const char *prefix, const char *key, const char *value) {
     int replaced = 0;
     char *setting = nullptr;
@@ -289,7 +306,7 @@ int copySettings(FILE *from, FILE *to, const char *prefix, const char *key, cons
     return feof(from) != 0 ? replaced : -1;
 }
 
-// Writes the settings with the key set, down to the disk. False on any failure.
+// Writes the settings with the key set, and syncs them to the disk. False on any failure.
 bool writeSettings(FILE *from, FILE *to, const char *key, const char *value) {
     char *const prefix = xasprintf("%s = ", key);
     if (prefix == nullptr) return false;
@@ -302,7 +319,7 @@ bool writeSettings(FILE *from, FILE *to, const char *key, const char *value) {
     return replaced >= 0 && fflush(to) == 0 && ferror(to) == 0 && fsync(fileno(to)) == 0;
 }
 
-// Replaces the persistent file by one that has the key set. False on any failure; it is then as before.
+// Replaces the persistent file with one in which the key is set. False on any failure; the file is then unchanged.
 bool replaceFile(const char *key, const char *value) {
     const FileHandle from(fopen(kPersistentConfiguration, "re"));
     if (from == nullptr) return false;
@@ -312,7 +329,7 @@ bool replaceFile(const char *key, const char *value) {
     const bool written = writeSettings(from, to, key, value);
     const bool complete = to.close() == 0 && written;
     if (complete) my_mv(temporary, kPersistentConfiguration);
-    // my_mv tells nothing: the temporary file does, by being gone.
+    // my_mv has no result; it succeeded if the temporary file is gone.
     const bool replaced = complete && access(temporary, F_OK) != 0;
     if (!replaced) unlink(temporary);
     return replaced;
@@ -322,17 +339,17 @@ bool replaceFile(const char *key, const char *value) {
 
 ConfigurationSegment *init_configuration() {
     if (!attach()) return nullptr;
-    takeTurn();
+    const int turn = takeTurn();
     loadTable();
-    endTurn();
+    endTurn(turn);
     return segment;
 }
 
 ConfigurationSegment *open_configuration() {
     if (!attach()) return nullptr;
-    takeTurn();
+    const int turn = takeTurn();
     if (recordCount() == 0 && segment->identity[0] == '\0') loadTable();
-    endTurn();
+    endTurn(turn);
     return segment;
 }
 
@@ -359,7 +376,7 @@ const char *RETURN_DEF_STR(const char *key) { return findValue(key); }
 
 int add_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const int turn = takeTurn();
     lockTable();
     ConfigurationRecord *const record = key != nullptr ? findRecord(key) : nullptr;
     bool stored = true;
@@ -369,29 +386,29 @@ int add_configuration(const char *key, const char *value) {
         stored = insertRecord(key, value);
     }
     const int unlocked = unlockTable();
-    endTurn();
+    endTurn(turn);
     return stored ? unlocked : -1;
 }
 
 int set_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const int turn = takeTurn();
     lockTable();
     ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) overwriteValue(record, value);
     unlockTable();
-    endTurn();
+    endTurn(turn);
     return record != nullptr ? 0 : -1;
 }
 
 int del_configuration(const char *key) {
     if (!attach()) return -1;
-    takeTurn();
+    const int turn = takeTurn();
     lockTable();
     const ConfigurationRecord *const record = findRecord(key);
     if (record != nullptr) {
-        // What moves up keeps the index it had, and it is the stored index that says where the gap is: intended, as
-        // every program of the board does the same. The next build of the table sets the numbers right.
+        // Intended: the records that move up keep their stored index, and that index also says which record is removed.
+        // Every program of the board does the same. The next rebuild of the table corrects the numbers.
         const size_t count = recordCount();
         const size_t gap = record->index;
         if (gap < count && gap + 1 < count) {
@@ -400,16 +417,16 @@ int del_configuration(const char *key) {
         segment->count = static_cast<int32_t>(count - 1);
     }
     unlockTable();
-    endTurn();
+    endTurn(turn);
     return record != nullptr ? 0 : -1;
 }
 
 int save_configuration(const char *key, const char *value) {
     if (!attach()) return -1;
-    takeTurn();
+    const int turn = takeTurn();
     selectFile();
     const bool replaced = replaceFile(key, value);
     if (replaced) loadTable();
-    endTurn();
+    endTurn(turn);
     return replaced ? 0 : -1;
 }

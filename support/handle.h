@@ -1,12 +1,12 @@
 #pragma once
-// The two scope handles of the system: whatever path leaves a scope, what it opened is closed. And what stays open.
+// The two scope handles, which close what they own on every path out of a scope, and moveAboveStandard.
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
-// Owns an open stream, or none (null) when opening it failed. Closes it with fclose.
+// Owns an open stream, or none (null). Closes it with fclose.
 struct FileHandle {
     explicit FileHandle(FILE *opened) : stream(opened) {}
     ~FileHandle() { close(); }
@@ -15,7 +15,7 @@ struct FileHandle {
 
     operator FILE *() const { return stream; }
 
-    // Closes before the end of the scope. Returns fclose's result, 0 when nothing was open.
+    // Closes the stream now. Returns fclose's result, or 0 when nothing is open.
     int close() {
         FILE *const closing = stream;
         stream = nullptr;
@@ -25,7 +25,7 @@ struct FileHandle {
     FILE *stream;
 };
 
-// Owns an open file descriptor, or none (negative) when opening it failed.
+// Owns an open file descriptor, or none (negative).
 struct DescriptorHandle {
     explicit DescriptorHandle(int opened) : descriptor(opened) {}
     ~DescriptorHandle() {
@@ -39,8 +39,8 @@ struct DescriptorHandle {
     int descriptor;
 };
 
-// Moves an open descriptor above 2, where programs that are started look for nothing; they do not inherit it. Returns
-// the descriptor it has now: the old one when there is no room.
+// Moves a descriptor above the standard three and sets close-on-exec, so that child processes never see it. Returns the
+// new descriptor; the old one, unchanged, when no other is free.
 inline int moveAboveStandard(int descriptor) {
     const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (moved < 0) return descriptor;

@@ -1,7 +1,6 @@
 #pragma once
-// A result that is ignored on purpose.
 
-// Takes a result that nothing can be done about, or that says what the buffer says too: the C library's headers warn of
-// one that is simply dropped.
+// Discards a result that we cannot act on, or that the buffer already tells us. The C library's headers warn when such
+// a result is simply dropped.
 template <typename Result>
 constexpr void ignored(Result) {}

@@ -14,7 +14,7 @@ void unlockIf(ll_list *list, int lock) {
 }
 
 // Links a new node between the tail and the head. Null when it cannot be allocated.
-ll_node *linkBehindTail(ll_list *list, void *value) {
+ll_node *linkAfterTail(ll_list *list, void *value) {
     ll_node *const node = static_cast<ll_node *>(malloc(sizeof(ll_node)));
     if (node == nullptr) return nullptr;
     node->value = value;
@@ -29,7 +29,7 @@ ll_node *linkBehindTail(ll_list *list, void *value) {
     return node;
 }
 
-// The node in front of the first match from the head, which is its `next`; null when nothing matches.
+// Returns the node before the first match from the head, or null.
 ll_node *findBefore(const ll_list *list, const void *key, ll_match match) {
     if (list->tail == nullptr) return nullptr;
     ll_node *before = list->tail;
@@ -46,8 +46,8 @@ ll_node *findBeforeTail(const ll_list *list) {
     return before;
 }
 
-// Frees the node behind `before` and returns its value. Null for no node.
-void *unlinkBehind(ll_list *list, ll_node *before) {
+// Frees the node after `before` and returns its value. Null when `before` is null.
+void *unlinkAfter(ll_list *list, ll_node *before) {
     if (before == nullptr) return nullptr;
     ll_node *const node = before->next;
     void *const value = node->value;
@@ -62,9 +62,9 @@ void *unlinkBehind(ll_list *list, ll_node *before) {
     return value;
 }
 
-// The two nodes may be neighbours, one or both ways round: exchanging first the links to them and then the links
-// from them is right in every case.
-void swapBehind(ll_list *list, ll_node *beforeA, ll_node *beforeB) {
+// Swaps the nodes after the two given ones. Swapping first the links to them and then the links from them is right for
+// neighbours, too.
+void swapAfter(ll_list *list, ll_node *beforeA, ll_node *beforeB) {
     ll_node *const a = beforeA->next;
     ll_node *const b = beforeB->next;
     if (a == b) return;
@@ -88,7 +88,7 @@ ll_list *ll_init() {
 void ll_free(ll_list *list) {
     if (list == nullptr) return;
     lockIf(list, 1);
-    while (list->tail != nullptr) unlinkBehind(list, list->tail);
+    while (list->tail != nullptr) unlinkAfter(list, list->tail);
     unlockIf(list, 1);
     pthread_mutex_destroy(&list->lock);
     free(list);
@@ -97,7 +97,7 @@ void ll_free(ll_list *list) {
 ll_list *ll_append(ll_list *list, void *value) {
     if (list == nullptr) return nullptr;
     lockIf(list, 1);
-    ll_node *const node = linkBehindTail(list, value);
+    ll_node *const node = linkAfterTail(list, value);
     if (node != nullptr) list->tail = node;
     unlockIf(list, 1);
     return list;
@@ -106,7 +106,7 @@ ll_list *ll_append(ll_list *list, void *value) {
 ll_list *ll_insert_head(ll_list *list, void *value) {
     if (list == nullptr) return nullptr;
     lockIf(list, 1);
-    linkBehindTail(list, value);
+    linkAfterTail(list, value);
     unlockIf(list, 1);
     return list;
 }
@@ -140,7 +140,7 @@ void *ll_tail(ll_list *list) {
 void *ll_delete_head(ll_list *list) {
     if (list == nullptr) return nullptr;
     lockIf(list, 1);
-    void *const value = unlinkBehind(list, list->tail);
+    void *const value = unlinkAfter(list, list->tail);
     unlockIf(list, 1);
     return value;
 }
@@ -148,7 +148,7 @@ void *ll_delete_head(ll_list *list) {
 void *ll_delete_tail(ll_list *list) {
     if (list == nullptr) return nullptr;
     lockIf(list, 1);
-    void *const value = unlinkBehind(list, findBeforeTail(list));
+    void *const value = unlinkAfter(list, findBeforeTail(list));
     unlockIf(list, 1);
     return value;
 }
@@ -156,7 +156,7 @@ void *ll_delete_tail(ll_list *list) {
 void *ll_delete(ll_list *list, const void *key, ll_match match) {
     if (list == nullptr) return nullptr;
     lockIf(list, 1);
-    void *const value = unlinkBehind(list, findBefore(list, key, match));
+    void *const value = unlinkAfter(list, findBefore(list, key, match));
     unlockIf(list, 1);
     return value;
 }
@@ -174,10 +174,10 @@ int ll_traverse(ll_list *list, int lock, container_visit visit, void *argument) 
     if (list == nullptr) return 0;
     lockIf(list, lock);
     int going = list->tail != nullptr;
-    for (ll_node *before = list->tail; going != 0;) {
-        before = before->next;
-        going = visit(before->value, argument) != 0;
-        if (before == list->tail) break;
+    for (ll_node *node = list->tail; going != 0;) {
+        node = node->next;
+        going = visit(node->value, argument) != 0;
+        if (node == list->tail) break;
     }
     unlockIf(list, lock);
     return going;
@@ -201,7 +201,7 @@ int ll_swap(ll_list *list, const void *a, const void *b, int lock, ll_match matc
     ll_node *const beforeA = findBefore(list, a, match);
     ll_node *const beforeB = findBefore(list, b, match);
     const bool found = beforeA != nullptr && beforeB != nullptr;
-    if (found) swapBehind(list, beforeA, beforeB);
+    if (found) swapAfter(list, beforeA, beforeB);
     unlockIf(list, lock);
     return found ? 0 : -1;
 }

@@ -24,7 +24,7 @@ constexpr int kKillFailures = 6;
 constexpr useconds_t kKillPause = 300;
 constexpr size_t kCopyBlock = 4096;
 
-// Fills `record` when /proc/ENTRY belongs to a process of this name.
+// Fills the record if /proc/ENTRY belongs to a process of this name. Returns whether it does.
 bool readProcess(const char *entry, const char *name, my_proc *record) {
     char text[256];
     snprintf(text, sizeof text, "/proc/%s/stat", entry);
@@ -34,19 +34,19 @@ bool readProcess(const char *entry, const char *name, my_proc *record) {
     if (length <= 0) return false;
     text[length] = '\0';
 
-    // A command name may hold parentheses itself: it ends at the last one.
+    // A command name may itself contain parentheses: it ends at the last one.
     char *const opening = strchr(text, '(');
     char *const closing = strrchr(text, ')');
     if (opening == nullptr || closing == nullptr || closing < opening) return false;
     *closing = '\0';
     if (strcmp(opening + 1, name) != 0) return false;
-    const char *const behind = closing + 1;
+    const char *const rest = closing + 1;
     record->pid = static_cast<int32_t>(strtol(entry, nullptr, 10));
-    record->state = behind[strspn(behind, " ")];
+    record->state = rest[strspn(rest, " ")];
     return true;
 }
 
-// The whole chain, or with `firstOnly` at most one record.
+// Returns the chain of all matches, or with `firstOnly` of the first one.
 my_proc *findProcesses(const char *name, bool firstOnly) {
     DIR *const directory = opendir("/proc");
     if (directory == nullptr) return nullptr;
@@ -76,11 +76,13 @@ void killExcept(const char *name, int signal, pid_t spared) {
 
 bool isDotEntry(const char *name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
 
-// Calls `handle` with each child of the directory, and with its counterpart below `other` when that is not null.
-// Stops with -1 at the first that fails. A directory that cannot be opened has no children.
+constexpr int kUnreadable = 1;
+
+// Calls `handle` with each child of the directory and, unless `other` is null, with its counterpart in `other`.
+// Returns 0; -1 at the first child for which `handle` fails; kUnreadable when the directory cannot be opened.
 int forEachChild(const char *directory, const char *other, int (*handle)(const char *child, const char *counterpart)) {
     DIR *const opened = opendir(directory);
-    if (opened == nullptr) return 0;
+    if (opened == nullptr) return kUnreadable;
     int result = 0;
     while (result == 0) {
         const dirent *const entry = readdir(opened);
@@ -104,17 +106,6 @@ ssize_t readBlock(int descriptor, char *block) {
     return count;
 }
 
-int writeBlock(int descriptor, const char *block, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(descriptor, block, length);
-        if (written < 0 && errno != EINTR) return -1;
-        if (written <= 0) continue;
-        block += written;
-        length -= static_cast<size_t>(written);
-    }
-    return 0;
-}
-
 int copyContent(const char *source, const char *destination, mode_t mode) {
     const DescriptorHandle from(open(source, O_RDONLY | O_CLOEXEC));
     if (from < 0) return -1;
@@ -125,23 +116,23 @@ int copyContent(const char *source, const char *destination, mode_t mode) {
     for (;;) {
         const ssize_t length = readBlock(from, block);
         if (length <= 0) return length < 0 ? -1 : 0;
-        if (writeBlock(to, block, static_cast<size_t>(length)) != 0) return -1;
+        if (my_writeAll(to, block, static_cast<size_t>(length)) != 0) return -1;
     }
 }
 
 int copyTree(const char *source, const char *destination);
 
 int copyDirectory(const char *source, const char *destination, mode_t mode, bool exists) {
-    if (exists) return forEachChild(source, destination, copyTree);
-    // Ours to enter and to write until its content is there, whatever the source allows.
+    if (exists) return forEachChild(source, destination, copyTree) < 0 ? -1 : 0;
+    // The owner needs full access until the content is there, whatever the source's mode.
     const mode_t mask = umask(0);
     const int made = mkdir(destination, (mode & ~mask) | S_IRWXU);
     umask(mask);
-    if (made != 0 || forEachChild(source, destination, copyTree) != 0) return -1;
+    if (made != 0 || forEachChild(source, destination, copyTree) < 0) return -1;
     return chmod(destination, mode & ~mask);
 }
 
-// The native copy: -1 for whatever is neither a directory nor a regular file.
+// Copies natively. -1 when anything in the tree is neither a directory nor a regular file.
 int copyTree(const char *source, const char *destination) {
     struct stat from;
     struct stat to;
@@ -157,7 +148,7 @@ int copyTree(const char *source, const char *destination) {
     }
     const utimbuf times = {from.st_atime, from.st_mtime};
     utime(destination, &times);
-    // Only the superuser may give files away. It clears the set-user-ID bits, so the mode comes last.
+    // Only root may change the owner. The mode comes last because chown clears the set-user-ID bits.
     ignored(chown(destination, from.st_uid, from.st_gid));
     chmod(destination, from.st_mode & 07777);
     return 0;
@@ -167,14 +158,12 @@ int removeTree(const char *path, const char *) {
     struct stat status;
     if (lstat(path, &status) != 0) return -1;
     if (!S_ISDIR(status.st_mode)) return unlink(path);
-    DIR *const readable = opendir(path);
-    if (readable == nullptr) return 0;
-    closedir(readable);
-    if (forEachChild(path, nullptr, removeTree) != 0) return -1;
-    return rmdir(path);
+    const int result = forEachChild(path, nullptr, removeTree);
+    if (result == kUnreadable) return 0;
+    return result == 0 ? rmdir(path) : -1;
 }
 
-// An argument with a '*' goes unquoted, so that the shell expands it.
+// An argument with a '*' stays unquoted so that the shell expands it.
 const char *quoteFor(const char *path) { return strchr(path, '*') != nullptr ? "" : "\""; }
 
 void runOnTwo(const char *command, const char *source, const char *destination) {
@@ -226,6 +215,17 @@ char *concat_path_file(const char *directory, const char *name) {
     return xasprintf("%s%s%s", directory, separated ? "" : "/", name + strspn(name, "/"));
 }
 
+int my_writeAll(int descriptor, const char *data, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(descriptor, data, length);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return -1;  // treat 0 as an error: retrying could loop for ever
+        data += written;
+        length -= static_cast<size_t>(written);
+    }
+    return 0;
+}
+
 void my_cp(const char *source, const char *destination) {
     if (source == nullptr || destination == nullptr) return;
     if (copyTree(source, destination) != 0) runOnTwo("/bin/cp -af", source, destination);
@@ -239,10 +239,9 @@ void my_mv(const char *source, const char *destination) {
 void my_rm(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char *path = nullptr;
-    const int length = vasprintf(&path, format, arguments);
+    char *const path = xvasprintf(format, arguments);
     va_end(arguments);
-    if (length < 0) return;
+    if (path == nullptr) return;
     if (removeTree(path, nullptr) != 0) {
         const char *const quote = quoteFor(path);
         my_system("/bin/rm -rf %s%s%s", quote, path, quote);

@@ -16,9 +16,9 @@ namespace {
 constexpr unsigned kRingSlots = 32;  // a power of two: the counter wraps with a mask
 constexpr int kDefaultConnectSeconds = 60;
 
-// The line as it runs in debug mode; takes over `line`. Cut at the first '>' of the whole line, not at the one before
-// "/dev/null": intended. Callers append their redirection last, and without it, and without a '&' behind it, what
-// the command prints can be captured.
+// Returns the line as it runs in debug mode; takes ownership of `line`. Intended: it is cut at the first '>' of the
+// whole line, not at the one before "/dev/null". Callers append their redirection last. Without it, and without the '&'
+// after it, the output can be captured.
 char *withOutputShown(char *line) {
     const char *const redirection = strchr(line, '>');
     if (strstr(line, "/dev/null") == nullptr || redirection == nullptr) return line;
@@ -33,8 +33,7 @@ void runIntoLog(const char *line) {
     if (output == nullptr) return;
     char piece[256];
     while (fgets(piece, sizeof piece, output) != nullptr) {
-        // The last character goes even when a long line came in several pieces: intended, as it is the newline
-        // of nearly every line.
+        // Intended: the last character, normally the newline, goes even when it is the end of a piece of a long line.
         const size_t length = strlen(piece);
         if (length > 0) piece[length - 1] = '\0';
         syslog(LOG_ALERT, "      msg: %s\n", piece);
@@ -59,13 +58,17 @@ bool connectionEstablished(int socket, int timeout_seconds) {
 
 }  // namespace
 
+char *xvasprintf(const char *format, va_list arguments) {
+    char *text = nullptr;
+    return vasprintf(&text, format, arguments) < 0 ? nullptr : text;
+}
+
 char *xasprintf(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char *text = nullptr;
-    const int length = vasprintf(&text, format, arguments);
+    char *const text = xvasprintf(format, arguments);
     va_end(arguments);
-    return length < 0 ? nullptr : text;
+    return text;
 }
 
 char *M(const char *format, ...) {
@@ -82,17 +85,16 @@ char *M(const char *format, ...) {
 int my_system(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char *line = nullptr;
-    const int length = vasprintf(&line, format, arguments);
+    char *line = xvasprintf(format, arguments);
     va_end(arguments);
-    if (length < 0) return -1;
+    if (line == nullptr) return -1;
 
     int result = -1;
     if (access(kDebugSwitch, F_OK) == 0) {
         line = withOutputShown(line);
         syslog(LOG_ALERT, "%s\n", line);
         runIntoLog(line);
-        // Stays -1: callers that act on success take their failure branch while someone is looking on.
+        // The result stays -1: in debug mode callers that act on success take their failure branch.
     } else {
         syslog(LOG_ALERT, "%s\n", line);
         result = system(line);

@@ -14,8 +14,8 @@ namespace {
 
 char *newText(size_t length) { return static_cast<char *>(calloc(length + 1, 1)); }
 
-// A quote behind one backslash is escaped; behind exactly two it closes, as those two are an escaped backslash;
-// behind three or more it counts as escaped again. The opening quote bounds the look back.
+// A quote after one backslash is escaped. After exactly two it closes the token: those two are an escaped backslash.
+// After three or more it counts as escaped again. The opening quote bounds the look back.
 bool isEscapedQuote(const char *quote) {
     if (quote[-1] != '\\') return false;
     return quote[-2] != '\\' || quote[-3] == '\\';
@@ -37,7 +37,8 @@ void unescape(char *token) {
     *written = '\0';
 }
 
-// Cuts the quoted token off at its closing quote; returns the position behind that, null when there is none.
+// Cuts the token at its closing quote and unescapes it. Returns the position after the quote, or null when the quote is
+// missing.
 char *cutQuoted(char *token) {
     char *const closing = findClosingQuote(token);
     if (closing == nullptr) return nullptr;
@@ -81,7 +82,7 @@ int string_parse(char **tokens, int max, char *line) {
             line = cutQuoted(token);
             if (line == nullptr) return -1;
         } else {
-            // A CR or LF met here makes an empty token: only blanks and tabs are skipped between tokens.
+            // A CR or LF here makes an empty token: only blanks and tabs are skipped between tokens.
             line = cutUnquoted(token);
         }
         tokens[count++] = token;
@@ -93,11 +94,9 @@ int string_parse(char **tokens, int max, char *line) {
 char *my_string(char *previous, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    char *added = nullptr;
-    const int length = vasprintf(&added, format, arguments);
+    char *const added = xvasprintf(format, arguments);
     va_end(arguments);
-    if (length < 0) return nullptr;
-    if (previous == nullptr) return added;
+    if (added == nullptr || previous == nullptr) return added;
     char *const joined = xasprintf("%s%s", previous, added);
     free(previous);
     free(added);
@@ -173,7 +172,7 @@ int string_split(char **tokens, int max, char *text, const char *separator) {
     int count = 0;
     while (count < max) {
         tokens[count++] = text;
-        // strstr finds an empty separator everywhere: the first cut would empty every token.
+        // strstr finds an empty separator at once: the cut would empty the token.
         char *const found = *separator != '\0' ? strstr(text, separator) : nullptr;
         if (found == nullptr) break;
         *found = '\0';
@@ -193,7 +192,7 @@ char *url_encode(const char *text) {
     static char encoded[1024];
     memset(encoded, 0, sizeof encoded);
     size_t length = 0;
-    int escapesLeft = 0;  // bytes still to come of the UTF-8 sequence that is being written
+    int escapesLeft = 0;  // bytes left in the current UTF-8 sequence
     for (; *text != '\0'; ++text) {
         const unsigned char byte = static_cast<unsigned char>(*text);
         if (escapesLeft == 0 && (isalnum(byte) || byte == '.')) {
@@ -230,16 +229,24 @@ int read_value_list(const char *path, char *table, int max_entries, int entry_si
 
 uint32_t my_strtou32(const char *text, const char **end, int base) {
     constexpr uint32_t kMost = std::numeric_limits<uint32_t>::max();
-    char *behind = nullptr;
-    // As a signed 64-bit number it shows its sign; anything whose magnitude passes 32 bits is out of range.
-    const long long value = strtoll(text, &behind, base);
-    if (end != nullptr) *end = behind;
+    char *rest = nullptr;
+    // Read as a signed 64-bit number, which keeps the sign; a magnitude of more than 32 bits is out of range.
+    const long long value = strtoll(text, &rest, base);
+    if (end != nullptr) *end = rest;
     const bool inRange = value >= -static_cast<long long>(kMost) && value <= static_cast<long long>(kMost);
     return inRange ? static_cast<uint32_t>(value) : kMost;
 }
 
 void my_copyText(char *destination, const char *source, size_t size) {
     const size_t length = strnlen(source, size - 1);
-    memmove(destination, source, length);  // a value may come from the very place that it goes to
+    memmove(destination, source, length);  // the two may overlap
     destination[length] = '\0';
+}
+
+const char *my_skipWords(const char *text, int count) {
+    for (; count > 0 && text != nullptr; --count) {
+        text = strchr(text, ' ');
+        if (text != nullptr) ++text;
+    }
+    return text;
 }

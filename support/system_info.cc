@@ -30,8 +30,8 @@ bool beginsWithLetter(const char *text) {
     return lower >= 'a' && lower <= 'z';
 }
 
-// Reads on to the next header that names the column. Returns the column's position among a line's tokens, -1 when
-// there is no such header any more.
+// Reads up to the next header that names the column. Returns the position of the column among a line's tokens, or -1 at
+// the end of the file.
 int findColumn(Line *line, FILE *file, uint32_t column_id) {
     while (readLine(line, file)) {
         if (line->text[0] != '&') continue;
@@ -78,11 +78,11 @@ int read_parameter(const char *path, char *table, int max_entries, int entry_siz
     Line line;
     int count = 0;
     const int column = findColumn(&line, file, column_id);
-    // Further headers are ordinary lines from here on: they do not begin with a letter. A full table ends the reading:
-    // whatever a later header names, there is no room for it.
+    // Further headers are skipped like any line that does not begin with a letter. A full table ends the reading: there
+    // is no room for the values of a later header.
     while (column > 0 && count < max_entries && readLine(&line, file)) {
         if (!beginsWithLetter(line.text) || parse(&line) <= column) continue;
-        // The entry's last byte stays as it was: zero in a fresh table.
+        // The last byte of the entry stays as it is: 0 in a fresh table.
         strncpy(table, line.tokens[column], static_cast<size_t>(entry_size) - 1);
         table += entry_size;
         ++count;

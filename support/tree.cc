@@ -12,16 +12,16 @@ void unlockIf(bt_tree *tree, int lock) {
     if (lock != 0) pthread_mutex_unlock(&tree->lock);
 }
 
-// Makes `node` the root of the tree at `root`: the path that the value would take down is parted into what sorts
-// before it and what does not, each part keeping its order of ancestors. This is what inserting at the leaf and
-// rotating up to the root gives, in one pass and without recursion.
+// Makes `node` the root of the tree at `root`. Splits the search path of its value into the nodes that sort before the
+// value and those that sort after it; each part keeps its order of ancestors. The result is that of inserting at the
+// leaf and rotating up to the root, in one pass.
 bt_node *splitUnder(bt_node *node, bt_node *root, bt_compare compare) {
     bt_node **before = &node->left;
-    bt_node **behind = &node->right;
+    bt_node **after = &node->right;
     while (root != nullptr) {
         if (compare(node->value, root->value) == -1) {
-            *behind = root;
-            behind = &root->left;
+            *after = root;
+            after = &root->left;
             root = root->left;
         } else {
             *before = root;
@@ -30,11 +30,12 @@ bt_node *splitUnder(bt_node *node, bt_node *root, bt_compare compare) {
         }
     }
     *before = nullptr;
-    *behind = nullptr;
+    *after = nullptr;
     return node;
 }
 
-// The link (in a parent, or the root) to the node that compares equal, or to the null where it would be.
+// Returns the link (in a parent, or the root) to the node that compares equal; to the null in its place if there is
+// none.
 bt_node **findLink(bt_tree *tree, const void *key) {
     bt_node **link = &tree->root;
     while (*link != nullptr) {
@@ -55,8 +56,8 @@ bt_node **leftmostLink(bt_node **link) {
     return link;
 }
 
-// Takes the node at `link` out of its tree and returns its value. A node with two children takes over the value of
-// its successor, the leftmost node of its right subtree, which goes instead.
+// Removes the value of the node at `link` from the tree and returns it. A node with two children takes the value of its
+// successor, the leftmost node of its right subtree, and that node is removed instead.
 void *unlinkAt(bt_node **link) {
     bt_node *node = *link;
     void *const value = node->value;
@@ -76,7 +77,7 @@ struct Walk {
     bool seen(const bt_node *node) const { return visit(node->value, argument) != 0; }
 };
 
-// Each returns whether the visit of `node` itself returned non-zero; what the visits below returned only prunes there.
+// Each returns whether the visit of `node` itself returned non-zero. A 0 from a visit further down only prunes there.
 bool preOrder(const bt_node *node, const Walk &walk) {
     if (node == nullptr) return true;
     if (!walk.seen(node)) return false;
@@ -108,8 +109,7 @@ bool reverseInOrder(const bt_node *node, const Walk &walk) {
     return true;
 }
 
-// False when a visit ended the walk. The queue is then never freed: intended. A walk that is ended early leaves
-// everything behind it as it is, the tree's lock as well (bt_traverse).
+// False when a visit ended the walk. Intended: the queue is then never freed, and bt_traverse leaves the tree locked.
 bool breadthFirst(bt_node *root, const Walk &walk) {
     ll_list *const queue = ll_init();
     if (root != nullptr) ll_append(queue, root);
@@ -120,6 +120,13 @@ bool breadthFirst(bt_node *root, const Walk &walk) {
     }
     ll_free(queue);
     return true;
+}
+
+void freeNodes(bt_node *node) {
+    if (node == nullptr) return;
+    freeNodes(node->left);
+    freeNodes(node->right);
+    free(node);
 }
 
 int heightOf(const bt_node *node) {
@@ -142,19 +149,7 @@ bt_tree *bt_init(bt_compare compare) {
 void bt_free(bt_tree *tree) {
     if (tree == nullptr) return;
     lockIf(tree, 1);
-    // Rotating left children up keeps this free of recursion, however high the tree is.
-    for (bt_node *node = tree->root; node != nullptr;) {
-        bt_node *const left = node->left;
-        if (left != nullptr) {
-            node->left = left->right;
-            left->right = node;
-            node = left;
-        } else {
-            bt_node *const right = node->right;
-            free(node);
-            node = right;
-        }
-    }
+    freeNodes(tree->root);
     unlockIf(tree, 1);
     pthread_mutex_destroy(&tree->lock);
     free(tree);
@@ -196,12 +191,11 @@ void *bt_traverse(bt_tree *tree, int lock, int order, container_visit visit, voi
     if (tree == nullptr || order < BT_PRE_ORDER || order > BT_REVERSE_IN_ORDER) return nullptr;
     const Walk walk = {visit, argument};
     lockIf(tree, lock);
-    // As it was when the walk began: a visit may free the value, or change the tree when it is not locked.
+    // Read before the walk: a visit may free the value or, in an unlocked tree, replace the root.
     void *const rootValue = tree->root != nullptr ? tree->root->value : nullptr;
     void *stoppedAt = nullptr;
     if (order == BT_BREADTH_FIRST) {
-        // Ended early, the walk leaves the tree locked: intended. The visitor that ends it keeps what it found from
-        // changing, and unlocks the tree when it is done.
+        // Intended: a walk that a visit ends leaves the tree locked.
         if (!breadthFirst(tree->root, walk)) return nullptr;
     } else if (!kWalks[order](tree->root, walk)) {
         stoppedAt = rootValue;

@@ -1,11 +1,10 @@
-// Calls of the C library that fail on demand, linked in front of the library's own (the linker's --wrap) for the
-// daemon's own code; and time that runs faster, for who waits and for who looks at the clock. Steered by the
-// environment:
+// Makes calls of the C library fail on demand, and time run faster. Wraps the calls of the daemon's own code with the
+// linker's --wrap. The environment controls it:
 //
-//   HURRY=N       time runs N times as fast
-//   FAIL_CALL=C   the first call from the place C of the code fails, with EIO
-//   LIST_CALLS=F  each place that calls, on its first call, is added to the file F
-//   LIST_WAITS=F  each time that is waited, or waited at most, is added to the file F, in microseconds
+//   HURRY=N       time runs N times as fast, both for waits and on the clock
+//   FAIL_CALL=C   the first call from the place C fails with EIO
+//   LIST_CALLS=F  appends each calling place to the file F at its first call
+//   LIST_WAITS=F  appends each wait, or the limit of a wait, to the file F, in microseconds
 
 #include <dirent.h>
 #include <sys/select.h>
@@ -28,17 +27,17 @@ namespace {
 
 const int kHurry = getenv("HURRY") != nullptr ? atoi(getenv("HURRY")) : 1;
 
-// Adds a line to the file, if there is to be one.
+// Appends a line to the file unless `path` is null.
 void list(const char *path, const std::string &line) {
     if (path != nullptr) std::ofstream(path, std::ios::app) << line << '\n';
 }
 
-// True when this call is the one to fail. A place is told by the function's name and the distance from here, which is
-// the same in every process.
+// Returns whether this call must fail. A place is identified by the name of the function and the distance of the return
+// address from here, which is the same in every process.
 bool fails(const char *name, const void *place) {
     static const char *const wanted = getenv("FAIL_CALL"), *const listed = getenv("LIST_CALLS");
     static std::set<const void *> places;
-    static bool ended = false;  // what runs behind the daemon's own code, such as the counting of coverage, calls too
+    static bool ended = false;  // code that runs at exit, such as the coverage counters, must not fail
     static const int registered = atexit([] { ended = true; });
     if (registered != 0 || ended || (wanted == nullptr && listed == nullptr) || !places.insert(place).second)
         return false;
@@ -55,11 +54,11 @@ int64_t sooner(int64_t microseconds) {
     return microseconds / kHurry;
 }
 
-// Of a timeval or a timespec.
+// Shortens a timeval or a timespec. The result is static.
 template <typename Limit>
 Limit *sooner(const Limit *limit) {
     static Limit shorter;
-    constexpr int64_t kParts = std::is_same_v<Limit, timeval> ? 1 : 1000;  // of a microsecond
+    constexpr int64_t kParts = std::is_same_v<Limit, timeval> ? 1 : 1000;  // per microsecond
     const auto [seconds, parts] = *limit;
     const int64_t wait = sooner(int64_t{seconds} * 1000000 + parts / kParts);
     shorter = {wait / 1000000, wait % 1000000 * kParts};
@@ -128,6 +127,6 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
     return 0;
 }
 
-// The service closes its standard error: what the sanitizers find goes to a file.
+// The service closes its standard error, so the sanitizers report to a file.
 extern "C" const char *__asan_default_options() { return "log_path=/var/sanitizer"; }
 extern "C" const char *__ubsan_default_options() { return "log_path=/var/sanitizer"; }

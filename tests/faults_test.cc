@@ -1,6 +1,6 @@
-// The service when something fails under it: every call of the C library, the station at every step of a session, parts
-// of the board that are not there, signals at any time, thousands of sessions. It ends with status 0 or goes on; it
-// never hangs, and the flash holds nothing but what was there, what was sent, or erased bytes.
+// The service under faults: failing calls of the C library, a station that leaves at any step, missing parts of the
+// board, signals at any time, and thousands of sessions. The service goes on or ends with status 0; it never hangs.
+// Every byte of the flash is unchanged, erased or as sent.
 
 #include <signal.h>
 #include <sys/socket.h>
@@ -22,7 +22,7 @@ using testing::HasSubstr, testing::MatchesRegex;
 namespace {
 
 struct Step {
-    std::string command, payload, reply;  // an expression
+    std::string command, payload, reply;  // the reply is a regular expression
 };
 
 class Faults : public ServiceTest {
@@ -32,7 +32,7 @@ protected:
         for (const char *variable : {"FAIL_CALL", "LIST_CALLS"}) unsetenv(variable);
     }
 
-    // Every command with an operation of its own; what it writes to a partition is 0xAA and 0xFF alone.
+    // Returns every command that has an operation of its own. Payloads for partitions contain only 0xAA and 0xFF.
     static const std::vector<Step> &everyCommand() {
         static const std::string image = board::sealed(board::productBlock() + board::section("2.bin", "\xAA"));
         static const std::string script = "#!/bin/sh\necho printed\n", data(100000, '\xAA');
@@ -55,7 +55,7 @@ protected:
         return commands;
     }
 
-    // The service's next connection; none when it has ended. Asked often, as one that listens polls without a pause.
+    // Returns the service's next connection, or nothing once the service has ended. Repeats the discovery frame.
     std::optional<Session> acceptUnlessItEnds(const station::Listener &listener) {
         std::optional<Session> session;
         board::waitFor(60, [&] {
@@ -65,7 +65,8 @@ protected:
         return session;
     }
 
-    // As far as it goes: after a fault the two may be out of step. Returns how many replies were as they should be.
+    // Runs all commands as far as the session lasts. Returns the number of correct replies: after a fault the two sides
+    // may be out of step.
     static size_t serve(Session &session, Milliseconds limit) {
         size_t right = 0;
         try {
@@ -73,7 +74,7 @@ protected:
                 session.sendCommand(step.command);
                 session.sendBytes(step.payload);
                 const std::string reply = session.receiveReply(limit);
-                EXPECT_GT(reply[0], '\033') << "no report, or one without its beginning";
+                EXPECT_GT(reply[0], '\033') << "a report without its beginning";
                 right += testing::Matches(MatchesRegex(step.reply))(reply);
             }
         } catch (const SessionError &) {
@@ -81,7 +82,7 @@ protected:
         return right;
     }
 
-    // Discovery and the whole session, again for as long as the service comes back.
+    // Runs the service: discovery and session, repeated while the service connects again. Returns the correct replies.
     size_t runService(Milliseconds limit) {
         size_t right = 0;
         const station::Listener listener = listen();
@@ -98,7 +99,7 @@ protected:
         return calls;
     }
 
-    // Each byte is as it was, erased, or what the session writes there; or that on top of what could not be erased.
+    // Each byte is unchanged, erased, or as the session writes it, also over a block that could not be erased.
     static void expectNothingElseOnTheFlash() {
         for (const int number : {2, 3, 5}) {
             const std::string content = board::readFile("/flash/mtd" + std::to_string(number));
@@ -117,7 +118,7 @@ protected:
     const board::NamedProcess telnetd_{"telnetd"};
 };
 
-// The places that call are dealt out to the instances.
+// The instances share the calling places between them.
 constexpr size_t kShards = 6;
 class EveryCall : public Faults, public testing::WithParamInterface<size_t> {};
 
@@ -138,7 +139,8 @@ TEST_P(EveryCall, MayFailOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, EveryCall, testing::Range<size_t>(0, kShards));
 
-// What the service never does, in debugging, when the output of programs is read; and a record beside those there are.
+// Covers what the service itself does not do: port_change, reading the output of commands in debug mode, and inserting
+// a new record.
 TEST_F(Faults, EveryCallOfAModeMayFailOnce) {
     configure("SYSTEM_PORT_CHANGE = lan0_lan1\nSYSTEM_MAC_ARGS = \"6 1 1 1_0\"\nSYSTEM_ART_PART = 6\n");
     board::writeFile("/var/debug", "");
@@ -155,8 +157,8 @@ TEST_F(Faults, EveryCallOfAModeMayFailOnce) {
     }
 }
 
-// The station goes at every step of the session: before the reply, in the middle of the payload, or after the reply.
-// The file that the payload goes to holds what was sent, and the command is carried out with that.
+// The station leaves at every step of the session: before the payload, in the middle of it, or after it. The receive
+// file then holds what was sent, and the command is carried out with that.
 TEST_F(Faults, TheStationMayGoAtAnyStep) {
     for (const auto &[command, payload, reply] : everyCommand()) {
         for (size_t half = 0; half <= 2; half += payload.empty() ? 2 : 1) {
@@ -182,7 +184,7 @@ TEST_F(Faults, TheStationMayGoAtAnyStep) {
     }
 }
 
-// The handlers may run while the daemon is inside syslog or the allocator, while it receives and while it flashes.
+// The handlers may run while the daemon is in syslog, in the allocator, receiving or flashing.
 TEST_F(Faults, BurstsOfSignalsNeitherBlockNorLoseAnything) {
     Session session = startSession();
     std::atomic<int> sent = 0;
@@ -202,13 +204,13 @@ TEST_F(Faults, BurstsOfSignalsNeitherBlockNorLoseAnything) {
         EXPECT_TRUE(board::readFile("/flash/mtd2") == data);
     } while (sent < 3000);
     sender.join();
-    // Two that were pending at once came in the order of their numbers, so the last one must come alone.
+    // Pending signals are delivered in the order of their numbers, so the last SIGUSR1 must come alone.
     EXPECT_EQ(ask(session, "PING"), "PING 2");
     kill(service_, SIGUSR1);
     EXPECT_EQ(ask(session, "WAITING"), "OK");
 }
 
-// While the log daemon is slow, the release comes before the reset's handler is through: it is the later one.
+// While the log daemon is slow, the release arrives before the reset's handler has returned. The release must decide.
 TEST_F(Faults, SignalsCloseTogetherKeepTheirOrderAndTheirLines) {
     Session session = startSession();
     EXPECT_EQ(ask(session, "PING"), "PING 2");
@@ -234,13 +236,13 @@ TEST_F(Faults, SignalsCloseTogetherKeepTheirOrderAndTheirLines) {
     EXPECT_EQ(session.receiveReply(kSoon), "WAITING FACTORY RESET");
     EXPECT_EQ(ask(session, "WAITING"), "OK");
     EXPECT_TRUE(board::waitForLog("(SIGUSR1)"));
-    // Behind an identity: a log daemon may take a blank in the 16th place for the end of a time.
+    // With an identity: a log daemon may take a blank at the 16th place for the end of a time.
     EXPECT_EQ(board::run("sed -n 's/.* user.alert \\(.*Signal.*\\)/\\1/p' /var/log/messages"),
               "fabtestd: Factory Reset Signal (SIGUSR2)\nfabtestd: Factory Reset Signal (SIGUSR1)\n");
 }
 
-// Without a configuration; without /proc, and with a full /tmp: every command is answered, none with more than there
-// is. A silence that is many ends of the wait for a command changes nothing.
+// Without a configuration, or without /proc and with a full /tmp, the service still replies to every command. A silence
+// of several receive timeouts changes nothing.
 TEST_F(Faults, ABoardThatLacksPartsServesOn) {
     const struct {
         const char *before, *during, *after, *ping, *report;
@@ -249,7 +251,7 @@ TEST_F(Faults, ABoardThatLacksPartsServesOn) {
         {"mount -t tmpfs -o size=4k full /tmp; head -c 4096 /dev/zero > /tmp/filled", "mount -t tmpfs none /proc",
          "umount -l /proc /tmp", "PING 2", "Memory: 0 kB"},
     };
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which wants /proc
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check needs /proc
     for (const auto &test : cases) {
         SetUp();
         board::run(test.before);
@@ -258,7 +260,7 @@ TEST_F(Faults, ABoardThatLacksPartsServesOn) {
             board::run(test.during);
             std::this_thread::sleep_for(std::chrono::seconds(1));
             for (const Step &step : everyCommand()) {
-                if (step.command.starts_with("FW IMAGE")) continue;  // waits for processes, which /proc tells
+                if (step.command.starts_with("FW IMAGE")) continue;  // would wait for ever for a process in /proc
                 const std::string reply = ask(session, step.command, step.payload);
                 EXPECT_THAT(reply, MatchesRegex(step.reply)) << step.command;
                 EXPECT_THAT(reply, HasSubstr(step.command == "PING"   ? test.ping
@@ -271,11 +273,10 @@ TEST_F(Faults, ABoardThatLacksPartsServesOn) {
     }
 }
 
-// Sessions after each other, the last of them long; SOAK makes them so many times more. What is used at the end is what
-// was used at the start.
+// Runs consecutive sessions and then a long one. SOAK multiplies their number. Nothing may be used up.
 TEST_F(Faults, NothingIsUsedUp) {
     const int times = getenv("SOAK") != nullptr ? atoi(getenv("SOAK")) : 1;
-    // What is freed goes back at once, so that memory can be compared. Leaks of a session are searched elsewhere.
+    // Freed memory is returned at once, so that the use of memory can be compared. Other tests check for leaks.
     setenv("ASAN_OPTIONS", "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:detect_leaks=0", 1);
     const auto askEverything = [](Session &session) {
         for (const Step &step : everyCommand()) {

@@ -1,8 +1,9 @@
-// Firmware: received, staged section by section, shown, checked and installed; and one partition written.
+// Receives firmware, stages its sections, logs, checks and installs it; and writes one partition.
 
 #include <fcntl.h>
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,17 +23,17 @@ using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::Star
 
 constexpr uint32_t kBlock = 65536, kSize = 32 * kBlock;
 
-// What is to go wrong with the flash, between the code and the board's. Every other write is interrupted by a signal.
+// Faults between the code and the native board's flash. Besides, every second write is interrupted by a signal.
 struct Faults {
     uint32_t blockSize = kBlock;
-    unsigned long failing = 0;  // this request fails
-    int failingWrite = 0;       // the n-th write fails, from 1; 0 for none
-    size_t noMemoryFor = 0;     // an allocation of this size fails
+    unsigned long failing = 0;  // the request that fails
+    int failingWrite = 0;       // the number of the write that fails, from 1; 0 for none
+    size_t noMemoryFor = 0;     // the size of the allocation that fails
     int writes = 0;
-    uint32_t unlocked = 1;  // the block that was to be unlocked last
+    uint32_t unlocked = 1;  // the block of the last MEMUNLOCK
 } faults;
 
-// Only a block that was to be unlocked is erased, and none behind the end.
+// Erasing a block fails unless MEMUNLOCK came first. Expects no request after the end.
 extern "C" int __real_ioctl(int device, unsigned long request, void *argument);
 extern "C" int __wrap_ioctl(int device, unsigned long request, void *argument) {
     errno = EIO;
@@ -62,7 +63,7 @@ const std::string kOld(kSize, '\x55');
 
 std::string flash(int number) { return board::readFile("/flash/mtd" + std::to_string(number)); }
 
-// The whole partition after `length` bytes of the pattern were written.
+// Returns the content of a partition to which `length` bytes of the pattern were written.
 std::string flashed(size_t length) { return pattern(length) + std::string(kSize - length, '\xFF'); }
 
 class Firmware : public board::BoardTest {
@@ -71,12 +72,12 @@ protected:
         BoardTest::SetUp();
         for (const char *number : {"2", "3", "4", "5"}) board::writeFile("/flash/mtd"s + number, kOld);
         faults = {};
-        initialFunc();  // puts the device nodes under /tmp
+        initialFunc();  // copies the device nodes to /tmp
         board::clearLog();
     }
 };
 
-// The log of the one operation that ran, a '|' behind each text, without the name that all have in front.
+// Returns the log of one operation, each text without the operation's name and followed by a '|'.
 std::string progress() {
     std::string joined;
     for (const std::string &text : board::log()) {
@@ -90,7 +91,8 @@ std::string progress() {
 TEST_F(Firmware, APartitionIsErasedWholeAndWritten) {
     const std::string erased = "erase size = 2097152, erase block = 65536|1 MB|2 MB|write to partition|";
     const std::string larger = "erase size = 2097152, erase block = 131072|1 MB|write to partition|1 MB|done|";
-    // The partition, bytes of the file, bytes of these on the flash or -1 when it is as before, and the log behind.
+    // The partition, the size of the file, the number of its bytes on the flash (-1: unchanged), and the end of the
+    // log.
     const std::tuple<const char *, int, Faults, size_t, int, std::string> cases[] = {
         {"nothing", 2, {}, 0, 0, erased + "done|"},
         {"16 blocks and a byte", 3, {}, 16 * kBlock + 1, 16 * kBlock + 1, erased + "1 MB|done|"},
@@ -123,7 +125,7 @@ TEST_F(Firmware, APartitionThatIsNotThereIsPassedOver) {
     EXPECT_EQ(progress(), "partition_num = 2|");
     fs::remove("/tmp/dev/mtd2");
     writePartitions(2, "/tmp/data", nullptr, 0);
-    EXPECT_FALSE(board::exists("/tmp/dev/mtd2")) << "nothing is created";
+    EXPECT_FALSE(board::exists("/tmp/dev/mtd2")) << "must not be created";
     EXPECT_TRUE(flash(2) == kOld && flash(4) == kOld);
     board::writeFile("/flash/mtd3", "");
     writePartitions(3, "/dev/null", nullptr, 0);
@@ -164,7 +166,7 @@ TEST_F(Firmware, APayloadIsReceivedToTheByte) {
 
 using Staged = std::map<std::string, std::string>;
 
-// Splits an image of these sections, telling the walk this size, and returns the staged files by name.
+// Stages an image of these sections, with `size` as its announced size. Returns the staged files by name.
 Staged split(const std::string &sections, size_t size) {
     board::writeFile("/tmp/image", productBlock() + sections);
     EXPECT_EQ(write2tmp("/tmp/image", static_cast<uint32_t>(size)), 0);
@@ -188,11 +190,11 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
     const std::string kernel = section("2.bin", "1234"), root = section("3.bin", "5678");
     const Staged none, kernelOnly = {{"kernel", "1234"}}, rootOnly = {{"rootfs", "5678"}};
     const Staged both = {{"kernel", "1234"}, {"rootfs", "5678"}};
-    // The size that the walk is told; 0 for the image's own.
+    // The description, the sections, the staged files, and the announced size; 0 for the true one.
     const std::tuple<const char *, std::string, Staged, size_t> cases[] = {
         // clang-format off
         {"the first word of the partition's name", section("4.x", "f"), {{"firmware", "f"}}, 0},
-        {"no such device behind one", section("2.bin", "x") + section("8.bin", "y"), {{"kernel", "y"}}, 0},
+        {"no such device after one", section("2.bin", "x") + section("8.bin", "y"), {{"kernel", "y"}}, 0},
         {"a device without a name", section("3.bin", "x") + section("5.bin", "y"), {{"rootfs", "y"}}, 0},
         {"a long partition name", section("9.bin", "x"), {{std::string(31, 'n'), "x"}}, 0},
         {"a name without a dot ends the walk", section("2bin", "") + root, none, 0},
@@ -200,10 +202,10 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
         {"no number is 0", section(".bin", "x"), {{"boot", "x"}}, 0},
         {"a path in the name", section("2./../../etc/x", "1234"), kernelOnly, 0},
         {"64 characters without a NUL", "4 2." + std::string(60, 's') + "1234", kernelOnly, 0},
-        {"cut off behind another", section("3.bin", data) + section("2.bin", data).substr(0, 500),
+        {"cut off after another", section("3.bin", data) + section("2.bin", data).substr(0, 500),
          {{"rootfs", data}, {"kernel", data.substr(0, 436)}}, 0},
         {"cut off in its header", kernel + header("1 3.bin").substr(0, 63), kernelOnly, 0},
-        // What remains is counted at 32 bits and wraps; which sections fit depends on it.
+        // The remaining size wraps at 32 bits; which sections fit depends on it.
         {"too long: its length is taken, its data read as headers", header("100 2.bin") + root, rootOnly, 130},
         {"the largest length adds one to what remains", header("4294967295 2.bin") + root, rootOnly, 67},
         {"and not two", header("4294967295 2.bin") + root, none, 66},
@@ -219,11 +221,32 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
     EXPECT_EQ(write2tmp("/tmp/none", 1000), 0);
 }
 
+// On a full RAM disk an incomplete section is removed rather than flashed, and the next section is staged.
+TEST_F(Firmware, ASectionThatDoesNotFitIsNotStaged) {
+    const std::string data = pattern(30000);
+    board::writeFile("/var/image", productBlock() + section("2.x", "k") + section("3.x", data) + section("4.x", "f"));
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    EXPECT_EQ(send(ends[1], data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
+    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=16k"), 0);
+    EXPECT_EQ(write2tmp("/var/image", 90000), 0);
+    EXPECT_EQ(board::readFile("/tmp/kernel.img") + board::readFile("/tmp/firmware.img"), "kf");
+    EXPECT_FALSE(board::exists("/tmp/rootfs.img"));
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("/tmp/rootfs.img")));
+    board::clearLog();
+    saveFile(ends[0], static_cast<int32_t>(data.size()), "/tmp/data");
+    EXPECT_LT(board::readFile("/tmp/data").size(), data.size());
+    EXPECT_EQ(recv(ends[0], ends + 1, 0, MSG_DONTWAIT | MSG_PEEK), -1) << "the whole payload is received";
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("size=30000"), "> /tmp/data", HasSubstr("/tmp/data")));
+    for (const int end : ends) close(end);
+    umount("/tmp");
+}
+
 constexpr char kAcme[] = "Vendor: ACME Product: AP-1 Version: 1.02.03 Mark: 00012003";
 
 TEST_F(Firmware, AProductIsShown) {
     const std::string v21(21, 'V'), nines(60, '9');
-    // Without an end of its own a text runs on into what follows; what follows still starts at its place.
+    // A text without an end runs on into the fields after it, which still start at their own offsets.
     const std::pair<std::string, std::string> cases[] = {
         {productBlock(), kAcme},
         {padded("A", 21, '\0') + padded("B", 20, '\0') + "12x34y56 abc       ",
@@ -237,13 +260,13 @@ TEST_F(Firmware, AProductIsShown) {
         const std::vector<char> source(bytes.begin(), bytes.end());
         std::vector<char> record(kProductBlockSize);
         getProduct(nullptr, source.data(), record.data());
-        EXPECT_EQ(std::string(source.begin(), source.end()), bytes) << "the source stays as it was";
+        EXPECT_EQ(std::string(source.begin(), source.end()), bytes) << "the source must not change";
         board::writeFile("/tmp/block", bytes + "and more");
         getProduct("/tmp/block", nullptr, nullptr);
         EXPECT_THAT(board::log(), ElementsAre(logged, logged));
         board::clearLog();
     }
-    // A file that is short, or not there, leaves the static record as it was.
+    // The static record keeps what a short or missing file does not fill.
     board::writeFile("/tmp/short", "NEWVENDOR!");
     getProduct("/tmp/short", productBlock().data(), nullptr);
     getProduct("/tmp/none", nullptr, nullptr);
@@ -266,16 +289,16 @@ TEST_F(Firmware, AnImageIsInstalledWhenTheBoardHasBooted) {
     ASSERT_TRUE(board::waitFor(20, [&] { return board::log() == std::vector{waits, waits}; })) << "more than once";
     const board::NamedProcess telnetd("telnetd");
     EXPECT_EQ(board::wait(writer), 0);
-    EXPECT_EQ(board::readFile(kImage), image) << "the trailer is cut off";
+    EXPECT_EQ(board::readFile(kImage), image) << "without the trailer";
     EXPECT_EQ(board::readFile("/tmp/kernel.img") + board::readFile("/tmp/rootfs.img"), "the kernelthe root");
     std::vector<std::string> log = board::log();
     std::erase(log, waits);
-    // Each flashing command is logged once for itself and once by the shell runner.
+    // writeImage and the shell runner each log a flashing command.
     EXPECT_THAT(log, ElementsAre("chksum = " + digest + ".", "buffer = " + digest + ".", kAcme,
                                  "system_info(Vendor: ACME, Product: AP-2, mark: 00012001)",
                                  " image_info(Vendor: ACME, Product: AP-1, mark: 00012003)", kAcme, kWriteKernel,
                                  kWriteKernel, kWriteRootfs, kWriteRootfs));
-    // Whatever an earlier image staged is flashed again; without system information there are no identities to show.
+    // Sections that an earlier image staged are flashed again. Without system information no identities are logged.
     fs::remove("/etc/system.info");
     fs::remove("/tmp/rootfs.img");
     board::writeFile(kImage, sealed(productBlock() + header("50 4.bin") + "cut short"));
@@ -295,7 +318,7 @@ TEST_F(Firmware, ABadImageIsRefusedAndStillCut) {
     const std::string noProduct = "[writeImage] fail!! get product len != 60 (len=59)";
     const std::string noTrailer = "[writeImage] fail!! get check md5sum len != 33 (len=";
     const std::tuple<std::string, std::string, std::string> cases[] = {
-        // Image, trailer, what is logged last.
+        // The image, the trailer, and the last line of the log.
         {"B" + image.substr(1), digest, "buffer = "},
         {image, upper, "buffer = "},
         {image, digest.substr(0, 31) + "x\n", "buffer = "},

@@ -1,4 +1,4 @@
-// Addresses and the country code in the calibration partition, and the report.
+// The addresses and the country code in the calibration partition, and the report.
 
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
@@ -18,8 +18,8 @@
 using namespace std::string_literals;
 using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::StartsWith;
 
-// The links by their names: "u" is up with 1000 Mbit/s and full duplex, "u100d0" with these values instead; "d" is
-// down, and "g" tells no values.
+// Reports the link that the interface's name describes: "u" is up with 1000 Mbit/s and full duplex, "u100d0" with 100
+// Mbit/s and half duplex, "d" is down, and "g" does not report its settings.
 extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
     char state = '\0';
     uint16_t speed = 1000;
@@ -40,7 +40,7 @@ extern "C" int __wrap_ioctl(int, unsigned long, ifreq *request) {
 
 namespace {
 
-constexpr size_t kBlock = 0x5000;  // the calibration block, whose second word is its checksum
+constexpr size_t kBlock = 0x5000;  // the calibration block; its second word is the checksum
 constexpr size_t kChecksum = kBlock + 2;
 const std::string kDevice = "/dev/mtdblock6", kInitial(65536, 'x');
 
@@ -60,7 +60,7 @@ protected:
         board::writeFile("/etc/entry.info", "& 3\nname value\n");
     }
 
-    // By the checksum's definition: all 16-bit words of the block, in the processor's order, give 0xFFFF.
+    // Returns whether the exclusive-or of the block's 16-bit words, in the processor's byte order, is 0xFFFF.
     static bool checksumHolds() {
         uint16_t words[2116 / 2] = {}, sum = 0;
         flash().copy(reinterpret_cast<char *>(words), sizeof words, kBlock);
@@ -114,7 +114,7 @@ TEST_F(Identity, TheChecksumIsRepairedForA5GSlotAlone) {
     EXPECT_FALSE(checksumHolds());
     add_configuration("SYSTEM_ART_PART", "7");
     setMacWith("6 1 1 69_0", "1");
-    EXPECT_FALSE(checksumHolds()) << "another partition, which is not there";
+    EXPECT_FALSE(checksumHolds()) << "another partition, which does not exist";
     add_configuration("SYSTEM_ART_PART", "6");
     for (const size_t byte : {kChecksum, kChecksum + 1, kBlock, kBlock + 2115}) {
         board::writeFile(kDevice, flash().replace(byte, 1, "y"));
@@ -123,7 +123,7 @@ TEST_F(Identity, TheChecksumIsRepairedForA5GSlotAlone) {
     }
 }
 
-// Result, addresses written, and lines logged behind them: the ping, when it came so far.
+// The slot list, the result, the number of written addresses, and the number of log lines after them: the ping.
 TEST_F(Identity, SlotListsOfAnyShape) {
     const std::tuple<const char *, int, int, size_t> cases[] = {
         {"6 2 2", 0, 0, 1},      {"6 2 2   ", 0, 0, 1},           {"6", 0, 0, 1},          {"6 2 2 1_0   ", 0, 1, 1},
@@ -138,7 +138,7 @@ TEST_F(Identity, SlotListsOfAnyShape) {
         EXPECT_EQ(std::count(after.begin(), after.end(), 'x'), 65536 - 6 * slots) << arguments;
         EXPECT_EQ(board::log().size(), slots + commands) << arguments;
     }
-    EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "nothing is created";
+    EXPECT_FALSE(board::exists("/dev/mtdblock7")) << "must not be created";
     del_configuration("SYSTEM_MAC_ARGS");
     EXPECT_EQ(setMac("1"), -1);
 }
@@ -167,14 +167,14 @@ std::string when(bool holds, const std::string &text) { return holds ? text : ""
 const std::string kBanner = "\033[1;37;41m>>>>>>> ERROR <<<<<<<", kRule = line(std::string(52, '='));
 const std::string kTableHead = "\n" + line(" PortNum | Link | Speed | Duplex ");
 
-// Of the table of ports; the verdicts as "OXO": link, speed, duplex.
+// Returns a row of the port table. The verdicts on link, speed and duplex are such as "OXO".
 std::string row(int port, const std::string &verdicts) {
     const auto shown = [&](size_t i) { return verdicts[i] == 'O' ? "O" : "\033[1;37;41mX\033[1;37;40m"; };
     return line("    " + std::to_string(port) + "    |   " + shown(0) + "  |   " + shown(1) + "   |    " + shown(2) +
                 "   ");
 }
 
-// Every combination of the ping flag, the radios fitted and present, memory, and ports.
+// Every combination of the ping flag, the fitted and present radios, the memory and the ports.
 TEST_F(Identity, TheReportIsExactUnderEveryCombinationOfFlags) {
     CountryRW(1, "US"s.data());
     const int memory = std::stoi(board::readFile("/proc/meminfo").substr(strlen("MemTotal:")));
@@ -183,7 +183,7 @@ TEST_F(Identity, TheReportIsExactUnderEveryCombinationOfFlags) {
         const bool present5 = flags & 16, enough = flags & 32, portsPass = flags & 64, radios = flags & 128;
         support_freq = (fitted24 ? 1 : 0) | (fitted5 ? 2 : 0);
         wirelessTotal = radios ? 2 : 0;
-        // Either key of a radio will do; an empty one is in every line, and would hide the other radio.
+        // A radio is present if either key matches. An empty value matches every line and would hide the other radio.
         add_configuration("WIFI_24G_DEV", present24 && fitted5 ? "eth0" : "missing0");
         add_configuration("WIFI_24G_DEVICE", present24 && !fitted5 ? "" : "missing0");
         add_configuration("WIFI_5G_DEV", present5 && fitted24 ? "lo:" : "missing1");
@@ -238,7 +238,7 @@ link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)"
             EXPECT_THAT(report(1), EndsWith(line(" Wire MAC 1: 00:11:22:33:44:5a ") + table + kRule)) << entry;
         }
     }
-    // The word holds eight entries of four bits: the ninth falls onto the first.
+    // The word holds eight entries of four bits: the ninth wraps around onto the first.
     wireTotal = 3;
     add_configuration("SYSTEM_CHECK_ETH_STATUS", "d_x_ u_ethtool_ d_x_ d_x_ d_x_ d_x_ d_x_ d_x_ u_ethtool_ d_x_");
     EXPECT_THAT(report(0), EndsWith(kTableHead + row(1, "OOO") + row(2, "OOO") + row(3, "XXX") + kRule));
@@ -247,7 +247,7 @@ link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)"
     EXPECT_THAT(report(0), HasSubstr(row(9, "XXX"))) << "a port without an entry";
 }
 
-// Another process puts records in front of the list's while the first switch is asked: the second port fails as before.
+// Another process inserts records before the list's while the first switch is queried. The second port must still fail.
 TEST_F(Identity, PortsAreExaminedWhileTheTableChanges) {
     std::filesystem::remove("/etc/swconfig/switch0");
     board::run("mkfifo /etc/swconfig/switch0");
@@ -261,7 +261,7 @@ TEST_F(Identity, PortsAreExaminedWhileTheTableChanges) {
     EXPECT_EQ(board::wait(other), 0);
 }
 
-// Ports, radio addresses and radios, a digit each.
+// The digits of an expected number are the wired ports, the radio addresses and the radio mask.
 TEST_F(Identity, CountsThatAreCutShortLeaveTheRadiosUnread) {
     add_configuration("WIFI_DEV_DEFINE", "3");
     for (const auto &[arguments, counts] : {std::pair("6 4 2 1_0", 423), {"6 4 2", 423}, {"6 4", 400}}) {
@@ -274,7 +274,7 @@ TEST_F(Identity, CountsThatAreCutShortLeaveTheRadiosUnread) {
 
 TEST_F(Identity, TheProductIsReadOnceAndALongReportIsCut) {
     std::filesystem::rename("/etc/html.info", "/etc/moved");
-    initialFunc();  // forgets the product
+    initialFunc();  // clears the product
     EXPECT_THAT(report(1), HasSubstr(line(" Vendor:  ") + line(" Product:  ") + line(" Version: 0.00.00 ")));
     std::filesystem::rename("/etc/moved", "/etc/html.info");
     report(0);

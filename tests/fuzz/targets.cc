@@ -1,9 +1,9 @@
-// The fuzz targets: each feeds readers of foreign bytes, on the native board. The sanitizers find what reads or writes
-// out of bounds, leaks or is undefined; a target adds what its readers promise. In the place of what the C library does
-// outside the process - shell, log, shared memory - stand functions that only read what they are given.
+// The fuzz targets. Each passes its input to code that reads foreign bytes, on the native board. The sanitizers find
+// accesses out of bounds, leaks and undefined behaviour; the target checks what the code promises. Functions that only
+// read their arguments replace what the C library does outside the process: shell, log, network and shared memory.
 //
-// With libFuzzer: TARGET=NAME fuzz [ITS ARGUMENTS]. Without: every input of the corpus, and mutations of each that are
-// the same in every run.
+// With libFuzzer: TARGET=NAME fuzz [ITS ARGUMENTS]. Without: every input of the corpus, with mutations that are the
+// same in every run.
 
 #include <sys/prctl.h>
 #include <sys/shm.h>
@@ -42,15 +42,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string printed;                                  // by each program that is started with popen
-void *const segment = calloc(1, kConfigurationSize);  // its borders are watched
+std::string printed;                                  // the output of every program that popen starts
+void *const segment = calloc(1, kConfigurationSize);  // the sanitizer watches its bounds
 
 // Ends the run with a finding unless `held`.
 void require(bool held) {
     if (!held) abort();
 }
 
-// Not by a C++ stream, whose writes would go by the rules of flash.
+// Writes a file without a C++ stream, whose writes would follow the rules of flash.
 void put(const std::string &path, std::string_view content) {
     FileHandle file(fopen(path.c_str(), "w"));
     require(file != nullptr && fwrite(content.data(), 1, content.size(), file) == content.size() && file.close() == 0);
@@ -63,7 +63,8 @@ std::string get(const std::string &path) {
     return content;
 }
 
-// Takes the next text off an input whose texts are parted by lines of "%%"; one that is missing is empty.
+// Removes the next text from an input whose texts are separated by lines of "%%", and returns it. A missing text is
+// empty.
 std::string next(std::string &input) {
     const std::string text = input.substr(0, input.find("\n%%\n"));
     input.erase(0, text.size() + strlen("\n%%\n"));
@@ -84,7 +85,7 @@ void checkTable() {
                            [](const auto &a, const auto &b) { return strcmp(a.key, b.key) < 0; }));
 }
 
-// The default and the persistent file, and a key with its value.
+// Input: the default file, the persistent file, a key and its value.
 void configuration(std::string input) {
     put(kDefaultConfiguration, next(input));
     put(kPersistentConfiguration, next(input));
@@ -101,8 +102,7 @@ void configuration(std::string input) {
     checkTable();
 }
 
-// An image: its product, and its sections. One that fwimage finds nothing wrong with, its digest aside, is staged by
-// the board as fwimage shows it.
+// Input: an image. If fwimage finds no fault but the digest, the board must stage the sections that fwimage shows.
 void image(std::string input) {
     put("/tmp/image", input);
     std::vector<char> block(kProductBlockSize);
@@ -124,15 +124,15 @@ void image(std::string input) {
     for (const auto &[path, data] : expected) require(get(path) == data);
 }
 
-// The settings behind those of the board, what programs print, the system's record and its tables, and a session:
-// commands that end at a line end, each followed by the payload that it announces.
+// Input: settings that are appended to the board's, the output of programs, the system's record and its two tables, and
+// a session: commands that end at a line end, each followed by its payload.
 void session(std::string input) {
     const std::string settings = next(input);
     put(kDefaultConfiguration, get("/src/board/rootfs/etc/.config") + settings);
     put(kPersistentConfiguration, "");
     init_configuration();
     initialFunc();
-    wireTotal = std::min(wireTotal, 8);  // each costs a command: a number of any size is no fault, only slow
+    wireTotal = std::min(wireTotal, 8);  // each port costs a command: a larger number is only slow
     printed = next(input);
     std::string record = next(input);
     record.resize(kSystemInfoSize, ' ');
@@ -223,16 +223,16 @@ const std::map<std::string, void (*)(std::string input)> kTargets = {{"configura
                                                                      {"replies", replies},
                                                                      {"session", session}};
 
-// A run finds the board as the one before it did.
+// Resets the board before a run.
 void reset() {
-    prctl(PR_SET_NAME, "telnetd");  // whose presence tells the daemon that the board is up
+    prctl(PR_SET_NAME, "telnetd");  // the process that shows the daemon that the board has booted
     memset(segment, 0, kConfigurationSize);
     constexpr char kEmptyBlock[kProductBlockSize] = {};
     getProduct(nullptr, kEmptyBlock, nullptr);
     pingFlag = 0;
     factoryResetFlag = 0;
     printed.clear();
-    put(kDebugSwitch, "");  // so that what commands print is read as well
+    put(kDebugSwitch, "");  // so that the output of commands is read, too
     put("/tmp/busybox", "");
     for (const char *staged : {"/tmp/kernel.img", "/tmp/rootfs.img", "/tmp/firmware.img"}) unlink(staged);
     if (fs::create_directories("/tmp/dev")) fs::create_symlink("/flash/mtd2", "/tmp/dev/mtd2");
@@ -243,7 +243,7 @@ void reset() {
 
 extern "C" {
 
-// Formats, and thereby reads every argument to its end.
+// Formats the message, and thereby reads every argument to its end.
 void syslog(int, const char *format, ...) {
     static char text[8192];
     va_list arguments;
@@ -260,7 +260,7 @@ FILE *popen(const char *line, const char *mode) {
 
 int pclose(FILE *stream) { return fclose(stream); }
 
-// The factory reset's other process answers while the daemon sleeps.
+// Plays the process that answers a factory reset.
 unsigned sleep(unsigned) {
     factoryResetFlag = factoryResetFlag == 1 ? 2 : 0;
     return 0;

@@ -15,13 +15,23 @@
 #include "tests/board.h"
 
 using namespace std::string_literals;
-using testing::ElementsAre, testing::HasSubstr, testing::IsEmpty;
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr, testing::IsEmpty, testing::Not;
 
-// This call fails, after so many that do not.
+// The call that fails, after so many that succeed.
 struct {
     std::string_view call;
     int passing;
 } failing;
+
+// The next so many calls of usleep are interrupted at once; the last of them releases the table's lock.
+int interruptedPauses = 0;
+extern "C" int __real_usleep(useconds_t pause);
+extern "C" int __wrap_usleep(useconds_t pause) {
+    if (interruptedPauses == 0) return __real_usleep(pause);
+    if (--interruptedPauses == 0) pthread_mutex_unlock(&get_configuration()->lock);
+    errno = EINTR;
+    return -1;
+}
 
 #define CALL(result, failure, name, parameters, arguments)                  \
     extern "C" result __real_##name parameters;                             \
@@ -31,6 +41,7 @@ struct {
     }
 
 CALL(int, -1, fsync, (int file), (file))
+CALL(int, -1, semget, (key_t key, int count, int flags), (key, count, flags))
 CALL(int, -1, vasprintf, (char **text, const char *format, va_list arguments), (text, format, arguments))
 CALL(void *, nullptr, calloc, (size_t count, size_t size), (count, size))
 CALL(void *, nullptr, malloc, (size_t size), (size))
@@ -47,7 +58,7 @@ std::string records(size_t number) {
     return text;
 }
 
-// The keys' values, each with a '|' behind it; '-' for a missing key.
+// Returns the keys' values, each followed by a '|'; '-' for a missing key.
 std::string values(const std::vector<std::string> &keys) {
     std::string text;
     for (const std::string &key : keys) text += (if_exist(key.c_str()) ? RETURN_DEF_STR(key.c_str()) : "-") + "|"s;
@@ -56,7 +67,7 @@ std::string values(const std::vector<std::string> &keys) {
 
 class Configuration : public board::BoardTest {
 protected:
-    // Makes `text`, behind a header, the content of both files and loads it.
+    // Loads `text`, after a header, as the persistent file; the header alone is the default file.
     static void load(const std::string &text) {
         board::writeFile(kDefaultConfiguration, kHeader);
         board::writeFile(kPersistentConfiguration, kHeader + text);
@@ -66,7 +77,7 @@ protected:
     static size_t count() { return static_cast<size_t>(get_configuration()->count); }
     static std::string file() { return board::readFile(kPersistentConfiguration); }
 
-    // Nothing is saved, and the file is as before.
+    // Expects that saving fails and leaves the file unchanged.
     static void expectRefusal(const char *why) {
         const std::string before = file();
         EXPECT_EQ(save_configuration("K", "2"), -1) << why;
@@ -80,6 +91,7 @@ TEST_F(Configuration, LinesAreReadByTheirSyntax) {
          "C = \"a\\\"b\\\\\"\nD = a b c d e f g h i j k l\nE\t=\tv\r\nF = \nY = yes\nCAP = Y\nN = 1\nI = -12abc\n"
          "HEX = 0x10\nU = 4294967295\nMORE = 4294967296\n" +
          std::string(40, 'K') + " = " + std::string(70, 'v') + "\nLAST = \"end\"");
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr(std::string(31, 'K')))) << "a value that is cut";
     EXPECT_EQ(
         values({"NO", "#", "a", "A", "B", "C", "D", "E", "F", "LAST", std::string(31, 'K'), std::string(40, 'K')}),
         "-|-|-|a b|plain|a\"b\\|a|v||end|" + std::string(63, 'v') + "|-|");
@@ -90,7 +102,7 @@ TEST_F(Configuration, LinesAreReadByTheirSyntax) {
                 ElementsAre(UINT32_MAX, UINT32_MAX, 0));
 }
 
-// Of equal keys the file's order is kept in the table, and the probe order decides: n/2 of n records comes first.
+// Equal keys keep the order of the file in the table. The probe order decides between them: the search begins at n/2.
 TEST_F(Configuration, TheProbeOrderDecidesBetweenEqualKeys) {
     load("K = 1\nK = 2\nK = 3\n");
     EXPECT_EQ(values({"K"}), "3|") << "K K K SYSTEM_BRAND SYSTEM_MODEL: the third";
@@ -98,8 +110,8 @@ TEST_F(Configuration, TheProbeOrderDecidesBetweenEqualKeys) {
     EXPECT_EQ(values({"K"}), "2|") << "A B C K K K and two more: the fifth";
 }
 
-// What is loaded (whose, from which file, of which version) with a default of this version and model and a persistent
-// file, of model M, that has its version in this line.
+// A case has the version and model of the default file, then the line and the number of the persistent file's version
+// (its model is M), and then the loaded identity, file and version.
 TEST_F(Configuration, ANewerOrOtherDefaultReplacesTheFile) {
     const std::tuple<std::string, const char *, int, const char *, const char *> cases[] = {
         {"3", "M", 3, "3", "B_M old|3"},
@@ -124,7 +136,7 @@ TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     add_configuration("MAC", "recorded");
     open_configuration();
     EXPECT_EQ(values({"K", "MAC"}), "v|recorded|");
-    // Other programs find the segment like this.
+    // The layout in which other programs find the segment.
     const int id = shmget(0x20120422, 12868, 0);
     shmid_ds status = {};
     ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
@@ -133,13 +145,14 @@ TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     EXPECT_EQ(record + 4 + "="s + (record + 36), "K=v");
     get_configuration()->count = 0;
     open_configuration();
-    EXPECT_EQ(count(), 0U) << "somebody has loaded it, and emptied it";
+    EXPECT_EQ(count(), 0U) << "loaded and then emptied by another program";
     std::filesystem::remove_all("/etc/sysconfig");
     init_configuration();
     EXPECT_EQ(set_configuration("K", "v") + del_configuration("K") + save_configuration("K", "v"), -3);
 }
 
-// Whatever the files hold, nothing outside the table is written: the rest of the segment's last page stays as it was.
+// Whatever the files contain, nothing outside the table is written: the rest of the segment's last page stays
+// unchanged.
 TEST_F(Configuration, FilesOfAnySizeAndContentStayInsideTheTable) {
     const std::string piece(3095, 'x');
     const std::tuple<const char *, std::string, size_t, size_t> cases[] = {
@@ -178,10 +191,10 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     EXPECT_EQ(add_configuration("NEW", "1"), -1) << "the table is full";
     EXPECT_EQ(add_configuration("R5", "2"), 0);
     EXPECT_EQ(values({"R5", "NEW"}), "2|-|");
-    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("NEW")));
+    EXPECT_THAT(board::log(), ElementsAre(HasSubstr("\"B\" is cut"), HasSubstr("NEW")));
     EXPECT_EQ(set_configuration("R12", RETURN_DEF_STR("R12") + 1), 0);
     EXPECT_EQ(values({"R12"}), "2|") << "a value may come from the table";
-    // What moved up keeps its stored index, which says where the gap is: a second deletion takes the neighbour.
+    // The records that moved up keep their index, which says what to delete: the second deletion takes the neighbour.
     load("A = 1\nB = 2\nC = 3\nD = 4\n");
     EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
     EXPECT_EQ(values({"A", "B", "C", "D"}), "-|2|3|-|");
@@ -195,7 +208,7 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     }
 }
 
-// What other programs may leave in the shared segment must not lead a lookup or a writer out of it.
+// Numbers that other programs write must not lead a lookup or a writer out of the segment.
 TEST_F(Configuration, AnImpossibleCountOrIndexStaysInsideTheTable) {
     for (const int32_t count : {-1, 1000000, INT32_MIN, INT32_MAX}) {
         load("A = 1\nB = 2\n");
@@ -250,8 +263,8 @@ void updateMany(char name, int updates) {
     }
 }
 
-// A reader takes no lock and may meet a table that is being rebuilt, so what the writers wrote is read at the end. The
-// lock of a holder that died, or of another program of the board, is taken over once, by one of those who wait.
+// A reader takes no lock and may see a table during its rebuild, so the values are read at the end. The lock of a
+// holder that died, or of another program of the board, is reset once, by one of the waiting writers.
 TEST_F(Configuration, WritersLoseNothingWhetherOrNotTheLockIsGivenBack) {
     for (const bool kept : {false, true}) {
         SetUp();
@@ -282,10 +295,20 @@ TEST_F(Configuration, AWriterKilledAtAnyMomentDoesNotStopTheOthers) {
     }
 }
 
+// A living holder is not declared dead because signals cut the pauses between the polls short.
+TEST_F(Configuration, AnInterruptedWaitForTheLockGoesOn) {
+    load("");
+    ASSERT_EQ(pthread_mutex_trylock(&get_configuration()->lock), 0);
+    interruptedPauses = 1000;
+    EXPECT_EQ(add_configuration("K", "v"), 0);
+    EXPECT_EQ(interruptedPauses, 0);
+    EXPECT_THAT(board::log(), IsEmpty());
+}
+
 int semaphore() { return semget(kConfigurationKey, 1, IPC_CREAT | 0777); }
 
-// A process that loads the table twice stands still in its turn each time: the file that it reads is a pipe.
-TEST_F(Configuration, ATurnThatWasTakenAwayIsTakenAnew) {
+// A process loads the table twice and blocks during its turn each time, because the file is a pipe.
+TEST_F(Configuration, ASemaphoreThatWasRemovedIsMadeAgain) {
     board::writeFile(kPersistentConfiguration, "");
     std::filesystem::remove(kDefaultConfiguration);
     ASSERT_EQ(mkfifo(kDefaultConfiguration, 0600), 0);
@@ -302,7 +325,15 @@ TEST_F(Configuration, ATurnThatWasTakenAwayIsTakenAnew) {
     EXPECT_EQ(board::wait(loader), 0);
 }
 
-// Signals, such as those of a factory reset, do not cut the wait short.
+TEST_F(Configuration, WithoutASemaphoreNobodyElseIsBlamed) {
+    load("");
+    failing = {"semget", 0};
+    errno = ENOSPC;
+    EXPECT_EQ(add_configuration("K", "v"), 0);
+    EXPECT_THAT(board::log(), ElementsAre(AllOf(HasSubstr("No space"), Not(HasSubstr("another process")))));
+}
+
+// Signals do not cut the wait short.
 TEST_F(Configuration, AnInterruptedWaitForTheTurnGoesOn) {
     load("");
     ASSERT_EQ(semctl(semaphore(), 0, SETVAL, 1), 0);

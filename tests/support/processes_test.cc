@@ -24,10 +24,13 @@ namespace fs = std::filesystem;
 using namespace std::string_literals;
 using testing::ElementsAre, testing::IsEmpty, testing::UnorderedElementsAre;
 
-// Every other write is interrupted by a signal, with nothing written; and directories can be made unreadable.
+// The next `emptyWrites` writes take nothing. Of the others every second is interrupted by a signal before it writes.
+// While `unreadable` is set, no directory can be opened.
+int emptyWrites = 0;
 extern "C" ssize_t __real_write(int file, const void *data, size_t length);
 extern "C" ssize_t __wrap_write(int file, const void *data, size_t length) {
     static int writes = 0;
+    if (emptyWrites > 0) return --emptyWrites, 0;
     errno = EINTR;
     return ++writes % 2 == 0 ? -1 : __real_write(file, data, length);
 }
@@ -36,7 +39,7 @@ bool unreadable = false;
 extern "C" DIR *__real_opendir(const char *path);
 extern "C" DIR *__wrap_opendir(const char *path) { return unreadable ? nullptr : __real_opendir(path); }
 
-// Nothing is waited for: how long, and for which socket alone, is seen here.
+// Ends a wait at once. Records its limit, and expects it to be for one socket alone.
 long waited = 0;  // seconds
 extern "C" int __wrap_select(int count, fd_set *, fd_set *out, fd_set *bad, const timeval *limit) {
     fd_set last = {};
@@ -68,7 +71,7 @@ TEST_F(System, ProcessesAreFoundAndSignalledByTheirWholeName) {
 
     my_killproc("target", SIGTERM);
     for (const board::NamedProcess *ended : {&first, &second}) EXPECT_EQ(board::wait(ended->pid()), -SIGTERM);
-    my_killproc_retry("target2", 0, 1000);     // fails, and is given up in the end
+    my_killproc_retry("target2", 0, 1000);     // fails every time
     my_killproc_retry("target2", 1, SIGTERM);  // another tag
     my_killproc_retry("target2", 0, SIGUSR1);
     EXPECT_EQ(board::wait(longer.pid()), -SIGUSR1);
@@ -98,7 +101,7 @@ TEST_F(System, TreesAreCopiedWithModesAndTimesAndRemoved) {
         my_cp("/tmp/from", "/tmp/to");
     };
     EXPECT_EQ(board::wait(board::fork(withoutPrivileges)), 0);
-    my_cp("/tmp/from", "/tmp/to");  // once more, where it is looked for leaks
+    my_cp("/tmp/from", "/tmp/to");  // again, in the process that the leak check covers
     EXPECT_EQ(board::readFile("/tmp/to/sub/file"), content);
     EXPECT_TRUE(board::exists("/tmp/to/.empty") && board::exists("/tmp/to/kept"));
     EXPECT_EQ(fs::status("/tmp/to/sub/file").permissions(), fs::perms(04751));
@@ -107,13 +110,13 @@ TEST_F(System, TreesAreCopiedWithModesAndTimesAndRemoved) {
 
     fs::create_symlink("/tmp/to/kept", "/tmp/link");
     my_cp("/tmp/from/sub/file", "/tmp/link");
-    EXPECT_FALSE(fs::is_symlink("/tmp/link")) << "it is replaced";
+    EXPECT_FALSE(fs::is_symlink("/tmp/link")) << "the link is replaced";
     my_cp("/tmp/to/kept", "/tmp/to/kept");
     EXPECT_EQ(board::readFile("/tmp/to/kept"), "old");
     unreadable = true;
     my_cp("/tmp/from", "/tmp/copied");
     my_rm("/tmp/to");
-    EXPECT_TRUE(fs::is_empty("/tmp/copied") && board::exists("/tmp/to/kept")) << "nothing is in them";
+    EXPECT_TRUE(fs::is_empty("/tmp/copied") && board::exists("/tmp/to/kept")) << "they count as empty";
     EXPECT_EQ(my_procisrun("syslogd"), -1);
     unreadable = false;
     fs::create_symlink("/etc", "/tmp/to/sub/link");
@@ -127,11 +130,15 @@ TEST_F(System, TreesAreCopiedWithModesAndTimesAndRemoved) {
     }
 }
 
-// What the native operations refuse goes to the shell, quoted unless the shell is to expand it.
-TEST_F(System, FilesAreLeftToTheShellOtherwise) {
+// The shell does what the native operations cannot. Arguments are quoted unless the shell must expand them.
+TEST_F(System, TheShellDoesWhatFailsNatively) {
     for (const char *file : {"a.img", "b.img", "blank name"}) board::writeFile("/tmp/"s + file, file);
     fs::create_symlink("a.img", "/tmp/link");
     fs::create_directory("/tmp/x");
+    emptyWrites = 2;
+    my_cp("/tmp/b.img", "/tmp/full");
+    EXPECT_EQ(emptyWrites, 1) << "a write that takes nothing is not retried";
+    emptyWrites = 0;
     my_cp("/tmp/link", "/tmp/link2");
     my_cp("/tmp/*.img", "/tmp/x");
     my_mv("/tmp/blank name", "/tmp/moved");
@@ -142,10 +149,11 @@ TEST_F(System, FilesAreLeftToTheShellOtherwise) {
     EXPECT_TRUE(fs::is_symlink("/tmp/link2"));
     EXPECT_EQ(board::readFile("/tmp/moved") + board::readFile("/tmp/x/a.img"), "blank namea.img");
     EXPECT_FALSE(board::exists("/tmp/x/b.img"));
-    EXPECT_THAT(board::log(),
-                ElementsAre("/bin/cp -af \"/tmp/link\" \"/tmp/link2\"", "/bin/cp -af /tmp/*.img \"/tmp/x\"",
-                            "/bin/mv -f /tmp/*.img /tmp/x*", "/bin/mv -f \"/tmp/none\" \"/tmp/x\"",
-                            "/bin/rm -rf /tmp/x/b*", "/bin/rm -rf \"/tmp/none\""));
+    EXPECT_THAT(
+        board::log(),
+        ElementsAre("/bin/cp -af \"/tmp/b.img\" \"/tmp/full\"", "/bin/cp -af \"/tmp/link\" \"/tmp/link2\"",
+                    "/bin/cp -af /tmp/*.img \"/tmp/x\"", "/bin/mv -f /tmp/*.img /tmp/x*",
+                    "/bin/mv -f \"/tmp/none\" \"/tmp/x\"", "/bin/rm -rf /tmp/x/b*", "/bin/rm -rf \"/tmp/none\""));
 }
 
 TEST(Paths, AreJoinedAndHeldInThirtyTwoBuffers) {
@@ -170,7 +178,7 @@ TEST_F(System, CommandsAreRunAndLogged) {
         {"echo a >/tmp/f; echo b > /dev/null", {"echo a 2>&1", "      msg: a"}},
         {"echo a /dev/null", {"echo a /dev/null", "      msg: a /dev/null"}},
         {"echo a >&2; echo one; printf ab", {"echo a >&2; echo one; printf ab", "      msg: one", "      msg: a"}},
-        {"echo " + longLine,  // a piece of 255 characters loses its last one, like every piece
+        {"echo " + longLine,  // each piece of 255 characters loses its last one
          {"echo " + longLine, "      msg: " + longLine.substr(0, 254), "      msg: " + longLine.substr(0, 45)}}};
     for (const auto &[line, log] : inDebugMode) {
         SetUp();
@@ -180,12 +188,12 @@ TEST_F(System, CommandsAreRunAndLogged) {
     }
 }
 
-// Nobody answers at that address, not even that it is not there. All else about connections is seen with the service.
+// No host answers at this address. The tests of the service cover everything else about connections.
 TEST_F(System, ConnectsWithinATimeLimit) {
     board::run("ip link set eth0 up; ip addr add 192.168.1.1/24 dev eth0");
     const sockaddr_in to = {AF_INET, htons(80), {inet_addr("192.168.1.77")}, {}};
     for (const auto &[seconds, limit] : {std::pair(1, 1), {0, 60}}) {
-        const int client = socket(AF_INET, SOCK_STREAM, 0);  // another one each time: the first stays open
+        const int client = socket(AF_INET, SOCK_STREAM, 0);  // stays open, so the second has another number
         EXPECT_EQ(my_connect_t(client, reinterpret_cast<const sockaddr *>(&to), sizeof to, seconds), -1);
         EXPECT_EQ(errno, EINPROGRESS);
         EXPECT_EQ(waited, limit);

@@ -11,16 +11,16 @@
 
 namespace {
 
-// A text of the heap, which is freed at the end.
+// Keeps a heap string until the end of the program, and returns it.
 char *kept(char *text) {
     static std::vector<std::unique_ptr<char, decltype(&free)>> texts;
     return texts.emplace_back(text, free).get();
 }
 
-// In a heap block of its own, so that reading or writing one byte past it is caught.
+// Returns a copy in a heap block of its own, so that the sanitizer sees every access out of bounds.
 char *copied(const char *text) { return kept(strdup(text)); }
 
-// Each token with a '|' behind it, each null as '!'.
+// Returns the tokens, each followed by a '|'; a null as '!'.
 template <typename Tokens>
 std::string join(const Tokens &tokens) {
     std::string joined;
@@ -28,7 +28,7 @@ std::string join(const Tokens &tokens) {
     return joined;
 }
 
-// Ten tokens at most, and the null behind them; "open" when the result is -1.
+// Returns at most ten tokens and the null after them; "open" when the result is -1.
 std::string parse(const char *line) {
     char *const text = copied(line);
     std::vector<char *> tokens(11, text);
@@ -37,18 +37,18 @@ std::string parse(const char *line) {
     return count < 0 ? "open" : join(tokens);
 }
 
-// Four pieces at most, and the nulls behind them.
+// Returns at most four pieces and the nulls after them.
 std::string split(const char *text, const char *separator) {
     std::vector<char *> tokens(5, copied(text));
     EXPECT_EQ(string_split(tokens.data(), 4, tokens[0], separator), 4);
     return join(tokens);
 }
 
-// The number, and the text behind it.
+// Returns the number and the text after it.
 std::string convert(const char *text, int base) {
-    const char *behind = nullptr;
-    const uint32_t value = my_strtou32(text, &behind, base);
-    return std::to_string(value) + "|" + behind;
+    const char *rest = nullptr;
+    const uint32_t value = my_strtou32(text, &rest, base);
+    return std::to_string(value) + "|" + rest;
 }
 
 void expectEqual(const std::vector<std::pair<std::string, std::string>> &cases) {
@@ -62,7 +62,7 @@ TEST(Texts, AreSplitIntoTokens) {
                  {parse(R"("x\\"y)"), R"(x\|y|!)"}, {parse(R"("x\\\" y" z)"), R"(x\" y|z|!)"},
                  {parse(R"("a\b")"), "ab|!"}, {parse(R"("a"""b"c)"), R"(a||b"c|!)"},
                  {parse(R"(say"it" now)"), R"(say"it"|now|!)"},
-                 // Only blanks and tabs are skipped, so a line end that follows a cut is an empty token of its own.
+                 // Only blanks and tabs are skipped, so a line end after a cut is an empty token.
                  {parse("key \"value\"\n"), "key|value||!"}, {parse("a\r\n"), "a||!"},
                  {parse(R"("abc)"), "open"}, {parse(R"(a "b\")"), "open"}, {parse(R"("\\\")"), "open"},
                  {split("a,b,c", ","), "a|b|c|!!"}, {split("a,b,c,d,e", ","), "a|b|c|d|!"}, {split("", ","), "|!!!!"},
@@ -108,7 +108,7 @@ TEST(Texts, AreReadAs32BitNumbersOnEveryHost) {
 
 class Tables : public board::BoardTest {};
 
-// Two entries at most, of seven characters.
+// The table has room for two entries of seven characters.
 TEST_F(Tables, OfParametersAreReadByColumn) {
     const std::tuple<const char *, uint32_t, const char *> cases[] = {
         {"& 1000 2000 3000\nname a b\nname a\nother c d e\n", 0x2000, "b|d|"},
@@ -145,7 +145,7 @@ TEST_F(Tables, OfTheSystemAreSelectedByItsMark) {
         {model.substr(0, 75), html, entry, "", "", -1},
         {model, "", entry, "", "", -1},
         {model, html, "& 457\nx entry\n", "html", "", -1},
-        // Digits up to the record's end: the number is out of range, its masks still select.
+        // Digits up to the end of the record: the number is out of range, and its masks still select a column.
         {acme + std::string(26, 'f'), "& fff000\nx html\n", "& fff\nx entry\n", "html", "entry", 0}};
     for (const auto &[record, htmlText, entryText, htmlRead, entryRead, result] : cases) {
         html_fmt[0][0] = entry_num[0][0] = '\0';
