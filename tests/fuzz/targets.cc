@@ -6,8 +6,10 @@
 // same in every run.
 
 #include <sys/prctl.h>
+#include <sys/select.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <random>
 #include <span>
 #include <sstream>
@@ -25,7 +28,9 @@
 #include <vector>
 
 #include "daemon/board.h"
+#include "daemon/discovery.h"
 #include "daemon/dispatcher.h"
+#include "daemon/qc_connection.h"
 #include "firmware/product_block.h"
 #include "firmware/upload.h"
 #include "image/firmware_image.h"
@@ -36,6 +41,7 @@
 #include "support/configuration.h"
 #include "support/handle.h"
 #include "support/shell.h"
+#include "support/string_utils.h"
 #include "support/system_info.h"
 
 namespace {
@@ -44,10 +50,15 @@ namespace fs = std::filesystem;
 
 std::string printed;                                  // the output of every program that popen starts
 void *const segment = calloc(1, kConfigurationSize);  // the sanitizer watches its bounds
+int connected = -1;                                   // the board's end of the connection
+std::vector<std::string> logged;                      // the replies that the log has
+std::vector<std::string> arriving, answered;          // frames: those to be received, in reverse, and those sent
 
-// Ends the run with a finding unless `held`.
-void require(bool held) {
-    if (!held) abort();
+// Ends the run with a finding, the line of the call, unless `held`.
+void require(bool held, int line = __builtin_LINE()) {
+    if (held) return;
+    fprintf(stderr, "line %d\n", line);
+    abort();
 }
 
 // Writes a file without a C++ stream, whose writes would follow the rules of flash.
@@ -124,15 +135,19 @@ void image(std::string input) {
     for (const auto &[path, data] : expected) require(get(path) == data);
 }
 
-// Input: settings that are appended to the board's, the output of programs, the system's record and its two tables, and
-// a session: commands that end at a line end, each followed by its payload.
-void session(std::string input) {
-    const std::string settings = next(input);
+void loadSettings(const std::string &settings) {
     put(kDefaultConfiguration, get("/src/board/rootfs/etc/.config") + settings);
     put(kPersistentConfiguration, "");
     init_configuration();
     initialFunc();
     wireTotal = std::min(wireTotal, 8);  // each port costs a command: a larger number is only slow
+}
+
+// Input: settings that are appended to the board's, the output of programs, the system's record and its two tables, and
+// a session: commands that end at a line end, each followed by its payload.
+void session(std::string input) {
+    const std::string settings = next(input);
+    loadSettings(settings);
     printed = next(input);
     std::string record = next(input);
     record.resize(kSystemInfoSize, ' ');
@@ -161,7 +176,7 @@ void session(std::string input) {
     require(truncate("/flash/mtd6", 1 << 16) == 0);
 }
 
-// A plan and a line's file. Each fault says where it is.
+// Input: a plan or a line's file. Each fault must say where it is.
 void plan(std::string input) {
     const fs::path file = "/tmp/plan.yaml";
     put(file, input);
@@ -182,7 +197,7 @@ void plan(std::string input) {
     }
 }
 
-// What a board sends: replies until one is wrong, a script's result, the end.
+// Input: the bytes of a board. The station must read valid replies until the first fault.
 void replies(std::string input) {
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
@@ -200,7 +215,7 @@ void replies(std::string input) {
     }
 }
 
-// Frames, parted by lines, that answer the discovery of a board.
+// Input: frames that answer the discovery of a board.
 void discovery(std::string input) {
     struct Frames : station::FrameLink {
         void send(const std::string &) override {}
@@ -216,12 +231,105 @@ void discovery(std::string input) {
     }
 }
 
+// Input: the bytes of a station. The board must send the replies that it logs, each in a frame of its own: 64 bytes, or
+// a longer text and its NUL.
+void connection(std::string input) {
+    loadSettings("");
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
+    shutdown(ends[1], SHUT_WR);
+    connected = ends[0];
+    std::vector<char> pkbuf(kPkbufSize);
+    serveStation(pkbuf.data());
+    close(ends[0]);
+    for (const std::string &reply : logged) {
+        std::string frame(std::max<size_t>(64, reply.size() + (reply.size() > 64 ? 1 : 0)), '\0');
+        require(recv(ends[1], frame.data(), frame.size(), MSG_WAITALL) == static_cast<ssize_t>(frame.size()));
+        require(frame.starts_with(reply) && (frame.size() == reply.size() || frame[reply.size()] == '\0'));
+    }
+    require(recv(ends[1], pkbuf.data(), 1, 0) < 1);
+    close(ends[1]);
+}
+
+// Input: a frame, to the board's own address if it begins with "board!". The board must answer it if it is a request,
+// and otherwise the request that comes next.
+void listener(std::string input) {
+    const std::string everyone(6, '\xFF'), request = everyone + "sender\x55\xAA";
+    arriving = {request};
+    run_fabtestd();
+    const std::string own = answered.at(0).substr(6, 6);
+    answered.clear();
+    if (input.starts_with("board!")) input.replace(0, own.size(), own);
+    arriving = {request, input, "otherssender\x55\xAA"};
+    run_fabtestd();
+    input.resize(std::min<size_t>(input.size(), 1024));
+    const std::string to = input.substr(0, 6);
+    const bool asked = input.size() >= 14 && input.substr(12, 2) == "\x55\xAA" && (to == everyone || to == own);
+    const std::string &frame = asked ? input : request;
+    const std::string back = asked && to == own ? frame.substr(6, 6) : everyone;
+    require(answered == std::vector(3, back + own + "\xAA\x55" + frame.substr(14)));
+}
+
+// Input: a port, and what the switch's tool prints. No port passes without a line of a link that is up.
+void links(std::string input) {
+    loadSettings("");
+    add_configuration("SYSTEM_CHECK_ETH_STATUS", ("switch0_swconfig_" + next(input)).c_str());
+    printed = input;
+    std::vector<char> report(kReportSize);
+    getInfo(report.data(), 1);
+    if (strstr(report.data(), "Ethernet ERROR") != nullptr) return;
+    for (const char *part : {"link:", ":up", "full-duplex"}) require(input.find(part) != std::string::npos);
+}
+
+std::string decode(const std::string &encoded) {
+    std::string text;
+    for (size_t i = 0; i < encoded.size(); i += encoded[i] == '%' ? 3 : 1) {
+        text += encoded[i] == '%' ? static_cast<char>(std::stoi(encoded.substr(i + 1, 2), nullptr, 16)) : encoded[i];
+    }
+    return text;
+}
+
+void replaceAll(std::string &text, const std::string &old, const std::string &replacement) {
+    for (size_t at = 0; !old.empty() && (at = text.find(old, at)) != std::string::npos; at += replacement.size()) {
+        text.replace(at, old.size(), replacement);
+    }
+}
+
+// Input: a text, a part to be replaced, and its replacement.
+void texts(std::string input) {
+    const std::string bytes = next(input), text = bytes.c_str(), old = next(input).c_str(), added = input.c_str();
+    using Heap = std::unique_ptr<char, decltype(&free)>;
+    const std::string encoded = url_encode(text.c_str()), decoded = decode(encoded);
+    require(text.starts_with(decoded) && (decoded == text || encoded.size() > 1023 - 3));
+    std::string replaced = text;
+    replaceAll(replaced, old, added);
+    require(replaced == Heap(my_replaceStr(text.c_str(), old.c_str(), added.c_str()), free).get());
+    const Heap line(strdup(text.c_str()), free), pieces(strdup(text.c_str()), free);
+    char *tokens[11];
+    const int count = string_parse(tokens, 10, line.get());
+    require(count >= -1 && count <= 10 && (count < 0 || tokens[count] == nullptr));
+    for (int i = 0; i < count; ++i) require(tokens[i] + strlen(tokens[i]) <= line.get() + text.size());
+    require(string_split(tokens, 10, pieces.get(), old.c_str()) == 10 && tokens[10] == nullptr);
+    put("/tmp/list", bytes);
+    char values[4][8] = {};
+    for (const bool list : {true, false}) {
+        const int read =
+            list ? read_value_list("/tmp/list", *values, 4, 8) : read_parameter("/tmp/list", *values, 4, 8, 1);
+        require(read >= 0 && read <= 4 && std::all_of(std::begin(values), std::end(values), isText<8>));
+    }
+}
+
 const std::map<std::string, void (*)(std::string input)> kTargets = {{"configuration", configuration},
+                                                                     {"connection", connection},
                                                                      {"discovery", discovery},
                                                                      {"image", image},
+                                                                     {"links", links},
+                                                                     {"listener", listener},
                                                                      {"plan", plan},
                                                                      {"replies", replies},
-                                                                     {"session", session}};
+                                                                     {"session", session},
+                                                                     {"texts", texts}};
 
 // Resets the board before a run.
 void reset() {
@@ -232,6 +340,8 @@ void reset() {
     pingFlag = 0;
     factoryResetFlag = 0;
     printed.clear();
+    logged.clear();
+    answered.clear();
     put(kDebugSwitch, "");  // so that the output of commands is read, too
     put("/tmp/busybox", "");
     for (const char *staged : {"/tmp/kernel.img", "/tmp/rootfs.img", "/tmp/firmware.img"}) unlink(staged);
@@ -250,6 +360,30 @@ void syslog(int, const char *format, ...) {
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    const std::string message = text, begin = "====== send pkbuf=", end = " ======\n";
+    if (message.starts_with(begin)) {
+        logged.push_back(message.substr(begin.size(), message.size() - begin.size() - end.size()));
+    }
+}
+
+// Closing a packet socket takes long, and its calls are replaced anyway.
+int socket(int family, int type, int protocol) noexcept {
+    return family == AF_PACKET ? dup(STDERR_FILENO) : static_cast<int>(syscall(SYS_socket, family, type, protocol));
+}
+
+int connect(int descriptor, const sockaddr *, socklen_t) { return dup2(connected, descriptor) < 0 ? -1 : 0; }
+
+int select(int, fd_set *, fd_set *, fd_set *, timeval *) { return 1; }
+
+ssize_t recvfrom(int, void *data, size_t size, int, sockaddr *, socklen_t *) {
+    const std::string frame = arriving.back();
+    arriving.pop_back();
+    return static_cast<ssize_t>(frame.copy(static_cast<char *>(data), size));
+}
+
+ssize_t sendto(int, const void *data, size_t size, int, const sockaddr *, socklen_t) {
+    answered.emplace_back(static_cast<const char *>(data), size);
+    return static_cast<ssize_t>(size);
 }
 
 int system(const char *line) { return strlen(line) > 0 ? 0 : -1; }
