@@ -239,6 +239,9 @@ TEST_F(Firmware, ASectionThatDoesNotFitIsNotStaged) {
     EXPECT_EQ(recv(ends[0], ends + 1, 0, MSG_DONTWAIT | MSG_PEEK), -1) << "the whole payload is received";
     EXPECT_THAT(board::log(), ElementsAre(HasSubstr("size=30000"), "> /tmp/data", HasSubstr("/tmp/data")));
     for (const int end : ends) close(end);
+    board::writeFile("/var/image", productBlock() + section("3.x", "r"));
+    EXPECT_EQ(write2tmp("/var/image", 125), 0);
+    EXPECT_FALSE(board::exists("/tmp/rootfs.img")) << "only closing the file fails";
     umount("/tmp");
 }
 
