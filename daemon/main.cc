@@ -62,9 +62,9 @@ bool flashFile(int partition, int argc, char **argv) {
 
 // The service closes descriptors 0 to 2, and each descriptor that is opened next gets the lowest free number.
 //
-// 0 goes to the socket of the system log, which the first log line opens and which stays open. Everything that is
-// opened before must be closed by then. Without a log daemon some C libraries close that socket again; the connection
-// then gets 0, and the service ends.
+// Descriptor 0 goes to the socket of the system log, which the first log line opens and which stays open. Everything
+// that is opened before must be closed by then. Without a log daemon some C libraries close that socket again; the
+// connection then gets 0, and the service ends.
 //
 // Nothing long-lived may occupy 1 or 2, because child processes use them as stdout and stderr. Nor may they stay
 // closed: a shell refuses to run "/tmp/reboot 2>&1" without descriptor 1. So whatever stays open is moved above 2, and

@@ -93,8 +93,7 @@ bool parseSwitchLine(char *line, const char *port, Link *link) {
         if (word == nullptr) word = "";
     }
     const char *const number = afterColon(words[1]);
-    // Intended: the configured port need only contain the switch's number, so a configured 10 also matches ports 1 and
-    // 0.
+    // Intended: a substring test, so a configured port 10 also matches the switch's ports 1 and 0.
     if (number == nullptr || strstr(port, number) == nullptr || strstr(words[2], ":up") == nullptr) return false;
     const char *const speed = afterColon(words[3]);  // a negative number counts as 0
     link->up = true;

@@ -55,8 +55,8 @@ size_t recordCount() {
     return static_cast<size_t>(count) < kConfigurationCapacity ? static_cast<size_t>(count) : kConfigurationCapacity;
 }
 
-// Waits until the semaphore is free and takes it. False with errno set, EAGAIN after kTurnLimit or at once without
-// `waits`.
+// Waits up to kTurnLimit for the semaphore, or without `waits` not at all, and takes it. False with errno set: EAGAIN
+// if it is still taken.
 bool takeSemaphore(int semaphore, bool waits) {
     sembuf free_then_taken[] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
     int32_t left = waits ? kTurnLimit : 0;
@@ -101,7 +101,7 @@ void lockTable() {
             usleep(kLockPollPause);
             continue;
         }
-        syslog(LOG_ALERT, "configuration: the lock's holder is dead, reset it\n");
+        syslog(LOG_ALERT, "configuration: the lock was not released, reset it\n");
         memset(&segment->lock, 0, sizeof segment->lock);
         return lockTable();
     }

@@ -12,8 +12,8 @@ void unlockIf(bt_tree *tree, int lock) {
     if (lock != 0) pthread_mutex_unlock(&tree->lock);
 }
 
-// Makes `node` the root of the tree at `root`. Splits the search path of its value into the nodes that sort before the
-// value and those that sort after it; each part keeps its order of ancestors. The result is that of inserting at the
+// Makes `node` the root of the tree at `root`. The nodes on the search path of its value that sort after the value go
+// to its right, the others to its left; each side keeps its order of ancestors. The result is that of inserting at the
 // leaf and rotating up to the root, in one pass.
 bt_node *splitUnder(bt_node *node, bt_node *root, bt_compare compare) {
     bt_node **before = &node->left;
@@ -34,8 +34,7 @@ bt_node *splitUnder(bt_node *node, bt_node *root, bt_compare compare) {
     return node;
 }
 
-// Returns the link (in a parent, or the root) to the node that compares equal; to the null in its place if there is
-// none.
+// Returns the link (in a parent, or the root) to the node that compares equal, or the null link where it would be.
 bt_node **findLink(bt_tree *tree, const void *key) {
     bt_node **link = &tree->root;
     while (*link != nullptr) {
