@@ -24,7 +24,7 @@ protected:
         setenv("HURRY", "100", 1);
     }
 
-    // A frame from the station, filled to `size` bytes.
+    // Returns a frame from the station, padded to `size` bytes.
     std::string frame(station::Mac destination, const char *etherType, size_t size = 60) const {
         return board::padded(station::bytesOf(destination) + station::bytesOf(link_->address()) + etherType, size,
                              '\x5A');
@@ -36,7 +36,7 @@ protected:
         return std::move(*listener);
     }
 
-    // Listens, starts the service and accepts it.
+    // Starts the service and returns its session.
     station::Session startSession() {
         station::Listener listener = listen();
         start("daemon");
