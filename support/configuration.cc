@@ -101,7 +101,7 @@ void lockTable() {
             usleep(kLockPollPause);
             continue;
         }
-        syslog(LOG_ALERT, "configuration: the lock was not released, reset it\n");
+        syslog(LOG_ALERT, "configuration: lock not released, reset it\n");
         memset(&segment->lock, 0, sizeof segment->lock);
         return lockTable();
     }
@@ -245,7 +245,9 @@ bool readSettings(bt_tree *tree) {
 
 // Reloads the table of an attached segment. The caller has the turn.
 void loadTable() {
-    memset(static_cast<void *>(segment), 0, kConfigurationSize);
+    // A table that was never built is all zeros. Clearing it would only make the kernel allocate its pages.
+    const bool built = segment->count != 0 || segment->fill != 0;
+    memset(static_cast<void *>(segment), 0, built ? kConfigurationSize : offsetof(ConfigurationSegment, table));
     lockTable();
     bt_tree *const tree = bt_init(compareKeys);
     if (tree != nullptr) {
