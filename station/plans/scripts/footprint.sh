@@ -2,7 +2,7 @@
 # What the daemon takes of the board, late in a session, each figure with its limit: memory that no other process has,
 # which is all but the code of the C library, shared by every program of a board; and the stack. Both in pages of 4 kB,
 # of which the stack takes one more or less by where the kernel puts its start.
-awk -v private_limit=96 -v stack_limit=16 '
+awk -v private_limit=92 -v stack_limit=16 '
 /^[0-9a-f]+-/ { shared = $2 ~ /x/ && $6 ~ /^\/lib\//; stack = $6 == "[stack]" }
 /^Private_(Clean|Dirty):/ && !shared { private += $2 }
 /^Rss:/ && stack { depth += $2 }
