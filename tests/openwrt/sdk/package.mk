@@ -8,6 +8,7 @@ $(eval $(Package/$(1)))
 $(foreach field,PKG_RELEASE SECTION CATEGORY TITLE Package/$(1)/description,\
   $(if $($(field)),,$(error Package/$(1) lacks $(field))))
 fields:
+	@echo target $(notdir $(CURDIR))
 	@echo version $(PKG_VERSION)
 	@echo depends $(DEPENDS)
 	@echo conffiles $(Package/$(1)/conffiles)
