@@ -86,7 +86,7 @@ protected:
 
     // Makes the settings, behind those of brand and model, the board's. Loads nothing.
     static void configure(const std::string &settings);
-    // Starts the service with SIGPIPE ignored, as procd does. This process adopts it.
+    // Starts the service, with SIGPIPE ignored as procd does. This process adopts it.
     void start(const std::string &mode);
     // How it ended, as wait() tells.
     int serviceStatus(double seconds = 20);
