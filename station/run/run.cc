@@ -9,6 +9,7 @@
 #include <sstream>
 #include <utility>
 
+#include "station/base/text.h"
 #include "station/plan/commands.h"
 #include "station/wire/script.h"
 
