@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "station/base/time.h"
+
 namespace station {
 namespace {
 
@@ -17,9 +19,25 @@ void Archive::connect() try {
     throw StoreError(fmt::format("the store {} is away: {}", shownName(store_), error.what()));
 }
 
+void Archive::takeTurn() {
+    const Lock lock(mutex_);
+    const auto free = [this]() REQUIRES(mutex_) { return !busy_; };
+    if (!free_.waitUntil(lock, Clock::now() + 2 * kLimit, free)) {
+        throw TooSlow("the store has others to answer, or hangs");
+    }
+    busy_ = true;
+}
+
+void Archive::endTurn() {
+    const Lock lock(mutex_);
+    busy_ = false;
+    free_.notifyOne();
+}
+
 void Archive::ask(const std::function<void(Database &)> &work) {
-    const std::unique_lock lock(turn_, 2 * kLimit);
-    if (!lock) throw TooSlow("the store has others to answer, or hangs");
+    takeTurn();
+    const auto end = [](Archive *archive) { archive->endTurn(); };
+    const std::unique_ptr<Archive, decltype(end)> turn(this, end);
     const bool fresh = !database_;
     if (fresh) connect();
     try {

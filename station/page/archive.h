@@ -3,9 +3,9 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "station/base/mutex.h"
 #include "station/store/database.h"
 
 namespace station {
@@ -20,11 +20,15 @@ public:
     void ask(const std::function<void(Database &)> &work);
 
 private:
+    void takeTurn();
+    void endTurn();
     void connect();
 
     const std::string store_;
-    std::timed_mutex turn_;  // of what follows
-    std::unique_ptr<Database> database_;
+    Mutex mutex_;
+    Condition free_;
+    bool busy_ GUARDED_BY(mutex_) = false;
+    std::unique_ptr<Database> database_;  // belongs to the thread that has the turn
 };
 
 }  // namespace station
