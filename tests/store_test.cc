@@ -10,6 +10,7 @@
 #include <regex>
 #include <thread>
 
+#include "station/store/format.h"
 #include "station/store/load.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
@@ -125,9 +126,9 @@ std::vector<std::string> cells(const Table &table, size_t row) {
 
 TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     Database database(store_);
-    addRange(database, "mac", "02:00:00:00:00:FA", "02-00-00-00-01-07", 4);
+    addRange(database, "mac", "02:00:00:00:00:FA", "02-00-00-00-01-07", 2);
     const std::vector<std::array<const char *, 3>> wrong = {
-        {"02:00:00:00:00:00", "02:00:00:00:00:fa", "overlaps 02:00:00:00:00:FA to 02:00:00:00:01:07 of"},
+        {"02:00:00:00:00:00", "02:00:00:00:00:fa", "overlaps a range of the pool"},
         {"FF:FF:FF:FF:FF:FF", "FF:FF:FF:FF:FF:FF", "is a multicast address"},
         {"00:FF:00:00:00:00", "02:00:00:00:00:00", "first byte must be one and the same"},
         {"00:00:00:00:00:00", "00:00:00:00:00:01", "is no board's address"},
@@ -136,10 +137,6 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     for (const auto &[first, last, why] : wrong) {
         EXPECT_THAT(refusal([&] { addRange(database, "b", first, last, -1); }), HasSubstr(why));
     }
-    std::ofstream(folder_ / "keys") << "# keys\n\"a,b\"\nc\n";
-    EXPECT_EQ(importRows(database, "key", folder_ / "keys", -1), 2);
-    EXPECT_THAT(refusal([&] { importRows(database, "key", folder_ / "keys", -1); }), HasSubstr("keys:2: \"a,b\" is"));
-
     const auto records = station();
     const auto given = [&](const char *serial, const char *pool, int count) {
         const RunRecord run = runOf(serial);
@@ -151,16 +148,72 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_EQ(given("B", "mac", 4), "02:00:00:00:01:03");
     EXPECT_EQ(given("C", "mac", 2), "02:00:00:00:00:FF");
     EXPECT_EQ(given("A", "mac", 4), "02:00:00:00:00:FD");
-    EXPECT_EQ(said_, "");
+    EXPECT_THAT(said_, HasSubstr("\"mac\" runs low: enough for 1 more"));
     EXPECT_EQ(given("D", "mac", 2), "02:00:00:00:01:05");
-    EXPECT_THAT(said_, HasSubstr("\"mac\" runs low: 2 left"));
     EXPECT_THAT(refusal([&] { given("E", "mac", 4); }), HasSubstr("is empty of blocks of 4"));
-    EXPECT_THAT(refusal([&] { given("C", "mac", 4); }), HasSubstr("has 2 of the pool \"mac\" from before"));
-    EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:07"), 2);
-    EXPECT_THAT(refusal([&] { given("E", "mac", 1); }), HasSubstr("is empty"));
-    EXPECT_EQ(given("E", "key", 1), "a,b");
-    EXPECT_THAT(refusal([&] { given("", "key", 1); }), HasSubstr("serial is not known"));
+    // A unit that had fewer than it takes now has new ones, once.
+    addRange(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:0F", -1);
+    EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");
+    EXPECT_THAT(said_, HasSubstr("had 2 addresses"));
+    EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");
+    EXPECT_THAT(cells(listPools(database), 0),
+                ElementsAre("mac", "addresses", "16", "14", "0", "4", "3", "2", "5.25", "5.2 days left"));
+    // One address is retired, a range, and given back.
+    EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", false), 1);
+    EXPECT_EQ(given("F", "mac", 1), "02:00:00:00:01:07");
+    EXPECT_THAT(refusal([&] { retire(database, "mac", "02:00:00:00:01:07", "", false); }), HasSubstr("nothing"));
+    EXPECT_EQ(retire(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:FF", false), 12);
+    EXPECT_THAT(refusal([&] { given("G", "mac", 1); }), HasSubstr("is empty"));
+    EXPECT_EQ(retire(database, "mac", "", "", true), 13);
+    EXPECT_EQ(given("G", "mac", 1), "02:00:00:00:01:06");
+    EXPECT_THAT(refusal([&] { given("", "mac", 1); }), HasSubstr("serial is not known"));
+    EXPECT_THAT(refusal([&] { given("G", "nothing", 1); }), HasSubstr("no pool"));
     EXPECT_EQ(show(database, "020000000105")[0].table.rows[0][0], "D");
+    RunRecord labelled = runOf("H"), other = runOf("H");
+    labelled.variables["product"] = "X";
+    other.variables["product"] = "Y";
+    records->begins(labelled);
+    records->bind("mac", labelled, 1);
+    records->ends(labelled);
+    records->begins(other);
+    EXPECT_THAT(refusal([&] { records->bind("mac", other, 1); }), HasSubstr("of the product X"));
+}
+
+TEST_P(Store, ImportsAFileWholeOrNotAtAll) {
+    Database database(store_);
+    addRange(database, "mac", "04:00:00:00:00:00", "04:00:00:00:00:FF", 0);
+    const auto import = [&](const char *pool, const std::string &content, const char *kind) {
+        std::ofstream(folder_ / "file") << content;
+        std::string why = "none";
+        try {
+            return fmt::format("{} added", importFile(database, pool, folder_ / "file", kind, -1).added);
+        } catch (const Refusal &error) {
+            return std::string(error.what());
+        }
+    };
+    const std::vector<std::array<const char *, 4>> files = {
+        {"key", "\uFEFF# keys\r\n\"a,b\"\r\n\t c \r\n\r\n", "values", "2 added"},
+        {"key", "d\na,b\n", "", "file:2: one value a row"},
+        {"key", "d\n\"a,b\"\n", "", "file:2: \"a,b\" is in this pool already"},
+        {"key", "d\ne\nd\n", "", "\"d\" is there twice"},
+        {"key", "d\ne\tf\n", "", "file:2: a tab"},
+        {"key", "d\n\xFF\n", "", "file:2: it is no text in UTF-8"},
+        {"key", "d\n\"e\n", "", "file:2: a quote has no end"},
+        {"key", "", "", "no rows"},
+        {"key", "06:00:00:00:00:00\n", "addresses", "is one of values"},
+        {"key", "040000000010\nd\n", "", "file:1: \"040000000010\" is an address of the pool \"mac\""},
+        {"key", "06:00:00:00:00:00\nd\ne\n", "", "file:1: an address among values"},
+        {"key", "060000000000\nd\n", "", "2 added"},
+        {"mac", "05FFFFFFFFFF,060000000010\n", "", "first byte"},
+        {"mac", "060000000000,060000000010\n", "", "060000000000 is in the pool \"key\" already"},
+        {"mac", "Address\n06:00:00:00:00:01\nx\n", "", "file:1: \"Address\" is not a MAC address\n"},
+        {"mac", "06:00:00:00:00:02\n06:00:00:00:00:01 \n06-00-00-00-00-04,06-00-00-00-00-07", "", "6 added"},
+        {"new", "a\n", "", "say --kind"},
+        {"a b", "a\n", "values", "cannot be a pool's name"},
+        {"", "a\n", "values", "cannot be a pool's name"}};
+    for (const auto &[pool, content, kind, said] : files) EXPECT_THAT(import(pool, content, kind), HasSubstr(said));
+    EXPECT_THAT(cells(listRanges(database, "mac"), 1),
+                ElementsAre("06:00:00:00:00:01", "06:00:00:00:00:02", "0", "2", "0"));
 }
 
 TEST_P(Store, RecordsRunsAndAnswers) {
@@ -196,6 +249,12 @@ TEST_P(Store, RecordsRunsAndAnswers) {
     EXPECT_THAT(cells(failuresByStep(database, {}), 1), ElementsAre("PING", "1", "50", "100"));
     EXPECT_NEAR(std::stod(cells(measuredValues(database, {}), 0).back()), 2.24, 0.1);
     EXPECT_EQ(listRuns(database, {.period = {}, .failed = true, .limit = 1}).rows.size(), 1);
+    EXPECT_THAT(listRuns(database, {}).numbers,
+                ElementsAre(false, false, false, false, false, false, true, false, true, false, false));
+    EXPECT_EQ(csvOf(Table{{"serial", "seconds"}, {{"=1", "-1"}, {"1.10", "1.10"}}, {false, true}}),
+              "serial,seconds\n'=1,-1\n1.10,1.10\n");
+    EXPECT_EQ(cellText("1.10", false) + cellText("1.10", true), "1.101.100");
+    EXPECT_THAT(parseTime("99999999d"), HasSubstr("1970-"));
     // What the document asks, each database answers.
     const std::string all = contentOf(SOURCES "/docs/database.md");
     for (size_t end = 0, at; (at = all.find("```sql\n", end)) != std::string::npos;) {
@@ -255,10 +314,10 @@ TEST_P(Store, IsAwayOrRefusesByTheDatabasesOwnCodes) {
     // A station that vanished within a transaction does not keep the pools to itself.
     EXPECT_EQ(failureOf([&] {
                   last.transact([&] {
-                      last.lockPools();
+                      last.lock("pool mac");
                       last.run("SELECT 1");
                       Database waiting(store_);
-                      waiting.transact([&] { waiting.lockPools(); });
+                      waiting.transact([&] { waiting.lock("pool mac"); });
                   });
               }),
               "away");

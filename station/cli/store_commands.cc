@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -22,11 +23,11 @@ namespace station {
 namespace {
 
 struct Options {
-    std::string store = "qcstation.db";
+    std::string store = std::getenv("QCSTATION_STORE") != nullptr ? std::getenv("QCSTATION_STORE") : "qcstation.db";
     std::string format = "table";
-    std::string by, what, since, until, pool = "mac";
+    std::string by, what, since, until, kind, table, pool = "mac";
     std::vector<std::string> values;
-    bool failed = false;
+    bool failed = false, excel = false, undo = false;
     int limit = RunFilter().limit;
     int low = -1;
 
@@ -39,89 +40,147 @@ using Work = std::function<void(Options &, Database &)>;
 
 // ---- how a table is shown
 
-void printTable(const Table &table) {
-    std::vector<std::vector<std::string>> lines = {table.columns};
-    for (const auto &row : table.rows) {
-        std::transform(row.begin(), row.end(), std::back_inserter(lines.emplace_back()), cellText);
+// Prints tables one after the other, a row as it comes, so that a million of them take no room.
+class Printer {
+public:
+    Printer(const Options &options, bool isOneOfSeveral)
+        : format_(options.format), excel_(options.excel), several_(isOneOfSeveral) {}
+
+    void begin(const std::string &name) {
+        if (several_ && format_ == "json") fmt::print("{}\"{}\": ", tables_ == 0 ? "{" : ",\n", name);
+        if (several_ && format_ == "table") fmt::print("{}{}\n", tables_ == 0 ? "" : "\n", name);
+        ++tables_;
+        rows_ = 0;
+        widths_.clear();
     }
-    std::vector<size_t> widths(table.columns.size());
-    for (const auto &line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], charactersOf(line[i]));
+    void row(const Table &head, const std::vector<Value> &row) {
+        if (format_ == "json") {
+            fmt::print("{}{}", rows_ == 0 ? "[\n" : ",\n", jsonOf(head, row).dump());
+        } else if (format_ == "csv") {
+            fmt::print("{}{}", rows_ == 0 ? csvHead() + csvLine(head) : "", csvLine(head, row));
+        } else {
+            waiting_.push_back(row);
+            if (waiting_.size() == kMeasured) flush(head);
+        }
+        ++rows_;
     }
-    for (const auto &line : lines) {
+    void end(const Table &head) {
+        if (format_ == "json") fmt::print("{}", rows_ == 0 ? "[]" : "\n]");
+        if (format_ == "json" && !several_) fmt::print("\n");
+        if (format_ == "csv" && rows_ == 0) fmt::print("{}{}", csvHead(), csvLine(head));
+        if (format_ == "table" && rows_ == 0) fmt::print("none\n");
+        if (format_ == "table" && rows_ > 0) flush(head);
+    }
+    void finish() const {
+        if (format_ == "json" && several_) fmt::print("}}\n");
+    }
+    size_t rows() const { return rows_; }
+
+private:
+    static constexpr size_t kMeasured = 1000;  // rows whose widths all others get, too
+
+    std::string csvHead() const { return excel_ ? "\uFEFF" : ""; }
+    static nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) {
+        nlohmann::ordered_json entry;
+        for (size_t i = 0; i < row.size(); ++i) {
+            nlohmann::ordered_json &cell = entry[head.columns[i]];
+            if (row[i]) cell = *row[i];
+            if (row[i] && head.numbers.at(i)) cell = nlohmann::ordered_json::parse(*row[i]);
+        }
+        return entry;
+    }
+    void flush(const Table &head) {
+        std::vector<std::vector<std::string>> lines;
+        if (widths_.empty()) lines.push_back(head.columns);
+        for (const auto &row : waiting_) {
+            auto &line = lines.emplace_back();
+            for (size_t i = 0; i < row.size(); ++i) line.push_back(cellText(row[i], head.numbers.at(i)));
+        }
+        waiting_.clear();
+        if (widths_.empty()) measure(lines);
+        for (const auto &line : lines) printLine(head, line);
+    }
+    void measure(const std::vector<std::vector<std::string>> &lines) {
+        widths_.resize(lines[0].size());
+        for (const auto &line : lines) {
+            for (size_t i = 0; i < line.size(); ++i) widths_[i] = std::max(widths_[i], charactersOf(line[i]));
+        }
+    }
+    void printLine(const Table &head, const std::vector<std::string> &line) const {
         std::string shown;
         for (size_t i = 0; i < line.size(); ++i) {
-            const std::string blanks(widths[i] - charactersOf(line[i]), ' ');
-            const bool right = isNumber(table.columns[i]);
-            shown += (i ? "  " : "") + (right ? blanks + line[i] : line[i] + blanks);
+            const size_t width = charactersOf(line[i]);
+            const std::string blanks(width < widths_[i] ? widths_[i] - width : 0, ' ');
+            shown += (i ? "  " : "") + (head.numbers.at(i) ? blanks + line[i] : line[i] + blanks);
         }
         fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
     }
-}
 
-nlohmann::ordered_json jsonOf(const Table &table) {
-    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
-    for (const auto &row : table.rows) {
-        nlohmann::ordered_json &entry = rows.emplace_back();
-        for (size_t i = 0; i < row.size(); ++i) {
-            const std::string &name = table.columns[i];
-            if (!row[i]) {
-                entry[name] = nullptr;
-            } else if (isNumber(name)) {
-                entry[name] = nlohmann::ordered_json::parse(*row[i], nullptr, false);
-            } else {
-                entry[name] = *row[i];
-            }
-        }
+    const std::string format_;
+    const bool excel_, several_;
+    size_t tables_ = 0, rows_ = 0;
+    std::vector<size_t> widths_;
+    std::vector<std::vector<Value>> waiting_;
+};
+
+void print(const Options &options, std::vector<Section> sections) {
+    std::string names;
+    for (const Section &section : sections) names += (names.empty() ? "" : ", ") + section.name;
+    if (!options.table.empty()) {
+        std::erase_if(sections, [&](const Section &section) { return section.name != options.table; });
+        if (sections.empty()) throw Refusal(fmt::format("there is no table \"{}\", but {}", options.table, names));
     }
-    return rows;
-}
-
-void printAsJson(const std::vector<Section> &sections) {
-    nlohmann::ordered_json all = nlohmann::ordered_json::object();
-    for (const Section &section : sections) all[section.name] = jsonOf(section.table);
-    fmt::print("{}\n", (sections.size() == 1 ? all.front() : all).dump(2));
-}
-
-void printAsTables(const std::vector<Section> &sections) {
+    if (options.format == "csv" && sections.size() > 1) {
+        throw Refusal(fmt::format("CSV has one table a file: choose one with --table, of {}", names));
+    }
+    Printer printer(options, sections.size() > 1);
     for (const Section &section : sections) {
-        if (&section != &sections.front()) fmt::print("\n");
-        if (sections.size() > 1) fmt::print("{}\n", section.name);
-        if (section.table.empty()) fmt::print("none\n");
-        if (!section.table.empty()) printTable(section.table);
+        printer.begin(section.name);
+        for (const auto &row : section.table.rows) printer.row(section.table, row);
+        printer.end(section.table);
     }
-}
-
-void print(const std::string &format, const std::vector<Section> &sections) {
-    if (format == "json") return printAsJson(sections);
-    if (format == "csv") return fmt::print("{}", csvOf(sections));
-    printAsTables(sections);
+    printer.finish();
 }
 
 // ---- what the subcommands do
+
+void printUnusual(const std::vector<std::string> &unusual) {
+    for (const std::string &text : unusual) fmt::print(stderr, "note: {}\n", text);
+}
 
 void addPool(Options &options, Database &database) {
     if (options.values.size() == 3) {
         options.pool = options.values.front();
         options.values.erase(options.values.begin());
     }
-    addRange(database, options.pool, options.values[0], options.values[1], options.low);
+    printUnusual(addRange(database, options.pool, options.values[0], options.values[1], options.low));
     fmt::print("pool {}: {} to {} added\n", options.pool, options.values[0], options.values[1]);
 }
 
 void importPool(Options &options, Database &database) {
-    const int64_t added = importRows(database, options.pool, options.what, options.low);
-    fmt::print("pool {}: {} added\n", options.pool, added);
+    const Imported imported = importFile(database, options.pool, options.what, options.kind, options.low);
+    printUnusual(imported.unusual);
+    fmt::print("pool {}: {} added, \"{}\" first\n", options.pool, imported.added, imported.first);
+}
+
+void listPool(Options &options, Database &database) {
+    if (options.what.empty()) return print(options, {{"pools", listPools(database)}});
+    print(options, {{"ranges", listRanges(database, options.what)}});
 }
 
 void retirePool(Options &options, Database &database) {
-    fmt::print("pool {}: {} retired\n", options.pool, retire(database, options.pool, options.what));
+    options.values.resize(2);
+    const int64_t count = retire(database, options.pool, options.values[0], options.values[1], options.undo);
+    fmt::print("pool {}: {} {}\n", options.pool, count, options.undo ? "can be given again" : "retired");
 }
 
 void printRuns(Options &options, Database &database) {
-    const Table runs = listRuns(database, {options.period(), options.failed, options.limit});
-    print(options.format, {{"runs", runs}});
-    if (options.limit > 0 && runs.rows.size() == size_t(options.limit)) {
+    Printer printer(options, false);
+    printer.begin("runs");
+    const RunFilter filter{options.period(), options.failed, options.limit};
+    printer.end(eachRun(database, filter, [&](const Table &head, const auto &row) { printer.row(head, row); }));
+    printer.finish();
+    if (options.limit > 0 && printer.rows() == size_t(options.limit)) {
         fmt::print(stderr, "the newest {}: --limit 0 shows all\n", options.limit);
     }
 }
@@ -138,7 +197,7 @@ void printSummary(Options &options, Database &database) {
     if (options.by.empty() || options.by == "value") {
         sections.push_back({"values", measuredValues(database, period)});
     }
-    print(options.format, sections);
+    print(options, sections);
 }
 
 // One after the other, so that a million of them take no room.
@@ -158,8 +217,9 @@ public:
     CLI::App *add(CLI::App &parent, const std::string &name, const std::string &help, Work work,
                   Database::Missing missing = Database::Missing::kIsAnError) {
         CLI::App *const command = parent.add_subcommand(name, help);
-        command->add_option("--store", options_->store, "The store: a file of SQLite, or postgresql://...")
-            ->envname("QCSTATION_STORE")
+        command
+            ->add_option("--store", options_->store,
+                         "The store: a file of SQLite, or postgresql://...; else that of QCSTATION_STORE")
             ->capture_default_str();
         command->callback([options = options_, work = std::move(work), missing] {
             const auto say = [](const std::string &text) { fmt::print(stderr, "qcstation: {}\n", text); };
@@ -173,14 +233,20 @@ public:
         command->add_option("--format", options_->format, "table, json or csv")
             ->check(CLI::IsMember({"table", "json", "csv"}))
             ->capture_default_str();
+        command->add_flag("--excel", options_->excel, "CSV with a byte order mark, by which Excel knows UTF-8");
         return command;
     }
     void addPeriod(CLI::App *command) {
         command->add_option("--since", options_->since, "Runs from this time on (UTC), or 90m, 8h or 7d ago");
         command->add_option("--until", options_->until, "Runs before this time");
     }
+    void addTable(CLI::App *command) {
+        command->add_option("--table", options_->table, "One table of the answer, by its name");
+    }
     void addLow(CLI::App *command) {
-        command->add_option("--low", options_->low, fmt::format("Warn when fewer are left; {} at first", kLow))
+        command
+            ->add_option("--low", options_->low,
+                         fmt::format("Warn when it has enough for fewer units; {} at first", kLow))
             ->check(CLI::Range(0, 1'000'000'000));
     }
     Options &options() { return *options_; }
@@ -201,13 +267,16 @@ void addPoolCommands(CLI::App &app, Commands &commands) {
     CLI::App *const import = commands.add(*pool, "import", "Add the rows of a file", importPool);
     import->add_option("file", options.what, "A row a line, or FIRST,LAST for a range of addresses")->required();
     import->add_option("--name", options.pool, "The pool")->capture_default_str();
+    import->add_option("--kind", options.kind, "What a new pool has: addresses or values")
+        ->check(CLI::IsMember({"addresses", "values"}));
     commands.addLow(import);
-    commands.addQuestion(*pool, "list", "Show what the pools hold", [](Options &all, Database &database) {
-        print(all.format, {{"pools", listPools(database)}});
-    });
+    CLI::App *const list = commands.addQuestion(*pool, "list", "Show what the pools have left", listPool);
+    list->add_option("name", options.what, "The ranges of this pool");
     CLI::App *const retire = commands.add(*pool, "retire", "Never give what is left", retirePool);
     retire->add_option("name", options.pool, "The pool")->required();
-    retire->add_option("value", options.what, "One value; or an address, for the rest of its range. None: all");
+    retire->add_option("values", options.values, "One value or address, or the FIRST and LAST address; none: all")
+        ->expected(0, 2);
+    retire->add_flag("--undo", options.undo, "Let what is retired be given again");
 }
 
 }  // namespace
@@ -226,7 +295,8 @@ void addStoreCommands(CLI::App &app) {
         Database::Missing::kIsMade);
     CLI::App *const shown =
         commands.addQuestion(app, "show", "Show all about a unit or a run",
-                             [](Options &all, Database &database) { print(all.format, show(database, all.what)); });
+                             [](Options &all, Database &database) { print(all, show(database, all.what)); });
+    commands.addTable(shown);
     shown->add_option("what", options.what, "A serial number, an address, or the name of a run")->required();
     CLI::App *const runs = commands.addQuestion(app, "runs", "List runs", printRuns);
     commands.addPeriod(runs);
@@ -239,6 +309,7 @@ void addStoreCommands(CLI::App &app) {
     CLI::App *const summary =
         commands.addQuestion(app, "summary", "Yield, cycle time, failures, measured values", printSummary);
     commands.addPeriod(summary);
+    commands.addTable(summary);
     summary->add_option("--by", options.by, "A row a hour, place, step or value, instead of all in short")
         ->check(CLI::IsMember({"hour", "place", "step", "value"}));
 }

@@ -14,8 +14,6 @@
 namespace station {
 namespace {
 
-enum : int { kSchemaLock = 0x7163'0001, kPoolLock };  // advisory locks of this program's
-
 bool isShared(const std::string &name) { return name.starts_with("postgresql://") || name.starts_with("postgres://"); }
 
 std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missing) {
@@ -101,12 +99,9 @@ void Database::rollBack() noexcept {
     }
 }
 
-// SQLite lets one transaction write at a time, and needs no more than that.
-void Database::lock(int what) {
-    if (shared_) queue("SELECT pg_advisory_xact_lock($1)", {number(what)});
+void Database::lock(const std::string &name) {
+    if (shared_) queue("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {name});
 }
-
-void Database::lockPools() { lock(kPoolLock); }
 
 int Database::version() {
     const Table known = ask(shared_ ? "SELECT tablename FROM pg_tables WHERE tablename = 'schema_version'"
@@ -131,7 +126,7 @@ void Database::migrate(Missing missing, const Say &say) {
         say(fmt::format("the store is of {}: it is brought forward, and older programs are refused", change));
     if (!shared_) run("PRAGMA foreign_keys = OFF");
     transact([&] {
-        lock(kSchemaLock);
+        lock("schema");
         int now = version();  // somebody else may have done it meanwhile
         if (now == 0) run("CREATE TABLE IF NOT EXISTS schema_version (version BIGINT PRIMARY KEY)");
         for (; now < newest; ++now) {

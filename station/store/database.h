@@ -111,8 +111,9 @@ public:
         }
     }
 
-    // In a transaction, until its end: nobody else gives, adds or retires what a pool holds.
-    void lockPools();
+    // In a transaction: waits for and then keeps, until its end, the lock of this name. SQLite lets one transaction
+    // write at a time, and needs no more than that.
+    void lock(const std::string &name);
 
     bool shared() const { return shared_; }  // PostgreSQL
     int version();                           // of the schema; 0: there is none
@@ -121,7 +122,6 @@ private:
     void begin();
     void commit();
     void rollBack() noexcept;
-    void lock(int what);
     void migrate(Missing missing, const Say &say);
 
     const bool shared_;

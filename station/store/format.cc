@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <set>
+#include <string_view>
 
 namespace station {
 namespace {
@@ -15,11 +16,9 @@ std::string csvField(const std::string &text) {
     return quoted + "\"";
 }
 
-std::string csvLine(const auto &cells, auto textOfCell) {
-    std::string line;
-    for (const auto &cell : cells) line += csvField(textOfCell(cell)) + ",";
-    line.back() = '\n';
-    return line;
+std::string guarded(const std::string &text) {
+    const bool formula = !text.empty() && std::string_view("=+-@\t\r").find(text[0]) != std::string_view::npos;
+    return formula ? "'" + text : text;
 }
 
 }  // namespace
@@ -44,19 +43,36 @@ bool isNumber(const std::string &column) {
     return kNumbers.contains(column);
 }
 
-std::string cellText(const Value &cell) {
+std::string cellText(const Value &cell, bool isNumber) {
     if (!cell) return "-";
     char *end = nullptr;
     const double number = std::strtod(cell->c_str(), &end);
-    if (cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", number);
+    if (isNumber && cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", number);
     std::string shown = *cell;
     for (char &letter : shown) letter = uint8_t(letter) < ' ' || letter == '\x7F' ? ' ' : letter;
     return shown;
 }
 
+std::string csvLine(const Table &head) {
+    std::string line;
+    for (const std::string &name : head.columns) line += csvField(name) + ",";
+    line.back() = '\n';
+    return line;
+}
+
+std::string csvLine(const Table &head, const std::vector<Value> &row) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+        const bool number = i < head.numbers.size() ? head.numbers[i] : isNumber(head.columns[i]);
+        line += csvField(number ? row[i].value_or("") : guarded(row[i].value_or(""))) + ",";
+    }
+    line.back() = '\n';
+    return line;
+}
+
 std::string csvOf(const Table &table) {
-    std::string text = csvLine(table.columns, [](const std::string &name) { return name; });
-    for (const auto &row : table.rows) text += csvLine(row, [](const Value &cell) { return cell.value_or(""); });
+    std::string text = csvLine(table);
+    for (const auto &row : table.rows) text += csvLine(table, row);
     return text;
 }
 

@@ -8,15 +8,17 @@
 
 namespace station {
 
-// True when a column of this name has numbers, whatever table it is of.
+// Returns true when a column of this name has numbers, whatever table it is of. Table::numbers knows better.
 bool isNumber(const std::string &column);
 
-// A cell to look at: three decimals, no control characters; "-" for none.
-std::string cellText(const Value &cell);
+// Returns a cell to look at: a number with three decimals at most, a text without control characters; "-" for none.
+std::string cellText(const Value &cell, bool isNumber = true);
 
-// Comma-separated values, all digits, behind a line with the columns' names. Of several tables each has its name before
-// it, behind "# ".
+// Comma-separated values, all digits, after a line with the columns' names. A text that a spreadsheet would take for a
+// formula (it begins with =, +, -, @ or a tab) gets an apostrophe in front.
+std::string csvLine(const Table &head);  // the names
+std::string csvLine(const Table &head, const std::vector<Value> &row);
 std::string csvOf(const Table &table);
-std::string csvOf(const std::vector<Section> &sections);
+std::string csvOf(const std::vector<Section> &sections);  // each with its name before it, after "# "
 
 }  // namespace station

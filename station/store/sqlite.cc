@@ -122,6 +122,7 @@ Sqlite::Sqlite(const std::string &name) {
     queue("PRAGMA journal_mode = WAL", {}, {});
     queue("PRAGMA synchronous = FULL", {}, {});
     queue("PRAGMA foreign_keys = ON", {}, {});
+    queue("PRAGMA cache_size = -32000", {}, {});  // kB
 }
 
 void Sqlite::onlyAsk(std::chrono::milliseconds limit) {

@@ -58,6 +58,21 @@ std::string otherPlace(Database &database, const std::string &serial, const std:
     return fmt::format("place {} of the station {}", *found.rows.at(0)[0], *found.rows[0][1]);
 }
 
+// The serial number of one product must not pass for that of another: the label may be the wrong one.
+struct OtherProduct : Refusal {
+    using Refusal::Refusal;
+};
+
+void refuseOtherProduct(Database &database, const std::string &serial, const std::string &product) {
+    const Table found =
+        database.ask("SELECT product FROM units WHERE serial = $1 AND product <> $2", {serial, text(product)});
+    if (found.empty()) return;
+    throw OtherProduct(
+        fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check"
+                    " the label. Products that count alike need the product in their serial numbers",
+                    serial, *found.rows[0][0], product));
+}
+
 template <typename Call>
 auto asRecordsError(Call &&call) {
     try {
@@ -161,8 +176,11 @@ void StoreRecords::asUnit(const RunRecord &run,
         return name != named_.end() && name->second == run.unit;
     };
     const Statements statements = isNamed(false) ? Statements() : runOf(run, "running");
+    const auto known = run.variables.find("product");
+    const std::string product = known == run.variables.end() ? "" : known->second;
     writer_.store([=, serial = *text(run.unit), key = writer_.key()](Database &store) {
-        store.lockPools();  // before any row, as everybody does
+        store.lock("unit " + serial);
+        if (!statements.empty() && !product.empty()) refuseOtherProduct(store, serial, product);
         const std::string where = statements.empty() ? "" : otherPlace(store, serial, key);
         if (!where.empty()) throw Refusal(where);
         for (const Statement &statement : statements) execute(store, statement);
@@ -174,6 +192,8 @@ void StoreRecords::asUnit(const RunRecord &run,
 std::string StoreRecords::elsewhere(const RunRecord &run) try {
     asUnit(run, [](Database &, const std::string &) {});
     return {};
+} catch (const OtherProduct &) {  // which bind() refuses
+    return {};
 } catch (const Refusal &where) {
     return where.what();
 } catch (const StoreError &) {  // away: who shares it is not known
@@ -182,15 +202,39 @@ std::string StoreRecords::elsewhere(const RunRecord &run) try {
 
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
     if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
-    const auto given = std::make_shared<Given>();
+    const auto given = std::make_shared<std::shared_ptr<Given>>();
     asRecordsError([&] {
         asUnit(run, [=](Database &database, const std::string &serial) {
             *given = take(database, pool, serial, run.id, count);
         });
     });
-    if (given->low && isNews(pool, given->left))
-        say(fmt::format("the pool \"{}\" runs low: {} left", pool, given->left));
-    return given->values;
+    const Given &found = **given;
+    const auto values = asRecordsError([&] { return valuesOf(found); });
+    if (found.had > 0) {
+        say(fmt::format(
+            "the unit {} had {} addresses of the pool \"{}\", which are no block of {}: it has new ones now", run.unit,
+            found.had, pool, count));
+    }
+    if (found.low && isNews(pool, found.left)) {
+        say(fmt::format("the pool \"{}\" runs low: enough for {} more units", pool, found.left));
+    }
+    sayWarnings();
+    return values;
+}
+
+// Once an hour: it looks at a week of units.
+void StoreRecords::sayWarnings() {
+    {
+        const std::lock_guard lock(mutex_);
+        if (Clock::now() < nextLook_) return;
+        nextLook_ = Clock::now() + std::chrono::hours(1);
+    }
+    const auto warnings = std::make_shared<std::vector<std::string>>();
+    try {
+        writer_.store([=](Database &database) { *warnings = poolWarnings(database); });
+    } catch (const StoreError &) {  // the next board will hear of it
+    }
+    for (const std::string &warning : *warnings) say(warning);
 }
 
 void StoreRecords::stepEnded(const RunRecord &run, size_t step) {

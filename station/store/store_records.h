@@ -36,12 +36,14 @@ private:
 
     bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);
+    void sayWarnings();
 
     const std::unique_ptr<Records> beside_;
     std::mutex mutex_;                                        // of what follows
     std::map<std::string, std::vector<std::string>> titles_;  // of a run's steps, before their variables are filled in
     std::map<std::string, std::string> named_;                // the unit that the store knows a run by
     std::map<std::string, int64_t> told_;                     // what was left of a pool when it was last said
+    std::chrono::steady_clock::time_point nextLook_{};        // at the pools
     std::function<void(const std::string &)> trouble_;
     std::vector<std::string> unsaid_;  // while nobody listened
     Writer writer_;

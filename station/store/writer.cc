@@ -32,7 +32,7 @@ const std::map<std::string, std::string> kStatements = {
     {"interrupt", "UPDATE runs SET verdict = 'interrupted' WHERE verdict = 'running'"
                   " AND station IN (SELECT id FROM stations WHERE key = $1 OR seen < $2)"},
     {"unit", "INSERT INTO units (serial, product, first_seen, last_seen) VALUES ($1, $2, $3, $3) ON CONFLICT (serial)"
-             " DO UPDATE SET last_seen = excluded.last_seen, product = coalesce(excluded.product, units.product)"},
+             " DO UPDATE SET last_seen = excluded.last_seen, product = coalesce(units.product, excluded.product)"},
     {"run", "INSERT INTO runs (run, unit, plan, station, place, place_name, peer, started, ended, seconds, verdict,"
             " failed_step, failure, variables) VALUES ($1, (SELECT id FROM units WHERE serial = $2), $3,"
             " (SELECT id FROM stations WHERE key = $4), $5, $6, $7, $8, $9, $10, $11, $12, $13, $14) ON CONFLICT (run)"
