@@ -121,11 +121,12 @@ void runLine(benchmark::State &state, int boards, const station::Step &step, int
     Nobody nobody;
     station::Units units;
     while (state.KeepRunning()) {
-        station::Listener listener("127.0.0.1", 0);
+        std::vector<station::Listener> listeners;
+        listeners.emplace_back("127.0.0.1", 0);
         std::vector<std::thread> threads;
         threads.reserve(static_cast<size_t>(boards));
-        for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listener.port(), steps, payload);
-        station::Line line(listener, places, false, job, {silent, none, stop, nobody, units});
+        for (int i = 0; i < boards; ++i) threads.emplace_back(serveAsBoard, listeners.front().port(), steps, payload);
+        station::Line line(listeners, places, job, {silent, none, stop, nobody, units});
         const station::Outcome outcome = line.run(boards, station::Milliseconds(10000));
         if (outcome.runs != boards || outcome.failed > 0) state.SkipWithError("a session failed");
         for (std::thread &thread : threads) thread.join();

@@ -154,19 +154,20 @@ struct NoRecords : Records {
 
 // Seconds that it takes the whole line to serve 64 boards at once.
 double serveBoards(Records &records, const std::shared_ptr<Job> &job, Milliseconds command) {
-    Listener listener("127.0.0.1", 0);
+    std::vector<Listener> listeners;
+    listeners.emplace_back("127.0.0.1", 0);
     std::vector<Place> places;
     for (int i = 1; i <= kBoards; ++i) places.push_back({i, std::to_string(i)});
     Observer silent;
     const Stop stop;
     Nobody nobody;
     Units units;
-    Line line(listener, places, false, job, {silent, records, stop, nobody, units});
+    Line line(listeners, places, job, {silent, records, stop, nobody, units});
     const auto start = Clock::now();
     std::vector<std::jthread> boards;
     boards.reserve(kBoards);
     for (int i = 0; i < kBoards; ++i) {
-        boards.emplace_back(serveAsBoard, listener.port(), makeRunId(WallClock::now()), command);
+        boards.emplace_back(serveAsBoard, listeners.front().port(), makeRunId(WallClock::now()), command);
     }
     const Outcome outcome = line.run(kBoards, Milliseconds(10000));
     if (outcome.failed > 0) throw std::runtime_error("a session failed");

@@ -60,7 +60,7 @@ protected:
         std::optional<Session> session;
         board::waitFor(60, [&] {
             link_->send(frame(station::kBroadcast, "\x55\xAA"));
-            return (session = listener.take(0)) || serviceStatus(0) != board::kRuns;
+            return (session = listener.take()) || serviceStatus(0) != board::kRuns;
         });
         return session;
     }

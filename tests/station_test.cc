@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -13,6 +15,8 @@
 
 #include "station/plan/plan.h"
 #include "station/plan/yaml.h"
+#include "station/run/hooks.h"
+#include "station/run/output.h"
 #include "station/run/run.h"
 #include "station/wire/listener.h"
 #include "station/wire/script.h"
@@ -81,6 +85,51 @@ TEST(Frames, OfRepliesMustBeExact) {
     char bytes[100];
     EXPECT_EQ(std::string(bytes, static_cast<size_t>(recv(pair.ends[1], bytes, sizeof bytes, 0))), frame("PING"));
     EXPECT_THROW(pair.session.sendCommand(longer), SessionError);
+}
+
+TEST(Frames, ThatTrickleInEndAtTheLimit) {
+    Pair pair;
+    pair.boardSends(std::string(64, 'a'));
+    std::atomic<bool> over = false;
+    int sent = 0;
+    std::thread board([&] {
+        for (; sent < 100 && !over; ++sent) {
+            pair.boardSends("b");
+            std::this_thread::sleep_for(Milliseconds(50));
+        }
+    });
+    EXPECT_THROW(pair.session.receiveReply(Milliseconds(200)), SessionError);
+    over = true;
+    board.join();
+    EXPECT_LT(sent, 100);
+}
+
+TEST(OutputTest, ASlowReaderLosesProgressFirstThenWholeLines) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const Socket reader(ends[0]), writer(ends[1]);
+    station::Output output(ends[1], [](size_t dropped) { return "dropped " + std::to_string(dropped) + "\n"; });
+    const std::string line(999, 'x');
+    for (int i = 0; i < 3000; ++i) output.put(line + "\n");
+    for (int i = 0; i < 3000; ++i) output.progress("progress\n");
+    for (int i = 0; i < 7000; ++i) output.put(line + "\n");
+    EXPECT_EQ(output.finish([] { return true; }), "nobody reads it");
+    std::string text, part(4096, '\0');
+    while (text.find("dropped") == std::string::npos || text.back() != '\n') {
+        text.append(part, 0, static_cast<size_t>(read(ends[0], part.data(), part.size())));
+    }
+    const auto lines = std::count(text.begin(), text.end(), '\n') - 1;
+    EXPECT_EQ(text.find("progress"), std::string::npos);
+    EXPECT_LT(text.size(), 5 << 20);
+    EXPECT_THAT(text, testing::EndsWith("\ndropped " + std::to_string(10000 - lines) + "\n"));
+}
+
+TEST(HookTest, KeepsTheEndOfWhatIsPrintedAlone) {
+    const station::Hook hook{
+        "head -c 50000000 /dev/zero; stat -Lc ' %s bytes kept' /dev/stdout; exit 3", Milliseconds(60000), {}};
+    const std::string failure = station::runHook(hook, {});
+    EXPECT_THAT(failure, HasSubstr("ended with status 3: "));
+    EXPECT_THAT(failure, testing::EndsWith(" 0 bytes kept\n"));
 }
 
 class PlanTest : public testing::Test {
@@ -222,9 +271,12 @@ public:
     }
 
 private:
-    static Socket connectTo(uint16_t port) {
+    // From 127.0.0.1, or another address of this machine.
+    static Socket connectTo(uint16_t port, in_addr_t from = INADDR_LOOPBACK) {
         sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        const sockaddr_in own = {AF_INET, 0, {htonl(from)}, {}};
         Socket board(socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(bind(board.descriptor(), reinterpret_cast<const sockaddr *>(&own), sizeof own), 0);
         EXPECT_EQ(connect(board.descriptor(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         return board;
     }
@@ -250,8 +302,12 @@ private:
         }
     }
 
+    // Another host, which has found the port, is quicker than the board.
     static void sendResult(const std::string &payload, const std::string &output) {
-        const Socket result = connectTo(static_cast<uint16_t>(std::stoi(payload.substr(payload.find("nc ") + 15))));
+        const auto port = static_cast<uint16_t>(std::stoi(payload.substr(payload.find("nc ") + 15)));
+        const Socket other = connectTo(port, INADDR_LOOPBACK + 1);
+        send(other.descriptor(), "0\nother", 7, MSG_NOSIGNAL);
+        const Socket result = connectTo(port);
         send(result.descriptor(), ("0\n" + output).data(), output.size() + 2, MSG_NOSIGNAL);
     }
 

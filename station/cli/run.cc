@@ -53,14 +53,14 @@ int run(RunOptions options) {
     const std::string found = options.discovery.link.empty() ? "" : discover(options.discovery);
     holdSignals();  // before the first board can connect
     Console console(options.json);
-    Listener listener(options.address, options.port, options.interfaces);
-    console.say(fmt::format(
-        "{}plan {}: {} steps, waiting for {} on {}:{}\n", found, job->plan.name, job->plan.steps.size(),
-        options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address, listener.port()));
+    std::vector<Listener> listeners = listenAt(options.address, options.port, options.interfaces, false);
+    console.say(fmt::format("{}plan {}: {} steps, waiting for {} on {}:{}\n", found, job->plan.name,
+                            job->plan.steps.size(),
+                            options.boards == 1 ? "a board" : fmt::format("{} boards", options.boards), options.address,
+                            listeners.front().port()));
     return work({.console = console,
-                 .listener = listener,
+                 .listeners = listeners,
                  .places = placesOf(options.interfaces, options.boards),
-                 .cabled = interfaces > 0,
                  .job = job,
                  .records = *records,
                  .boards = options.boards,

@@ -59,16 +59,15 @@ int serve(const std::string &path, bool json) {
     const LineFile &line = *found;
     warn(line.plan);
     const auto records = recordsIn(line.results.string(), line.store, line.spool);
-    Listener listener(line.address, line.port, line.interfaces(), true);
+    std::vector<Listener> listeners = listenAt(line.address, line.port, line.cables, true);
     const auto page = line.page ? std::make_unique<Page>(*line.page, line.store) : nullptr;
     if (page) console.say(fmt::format("page {}\n", page->url()));
     console.say(fmt::format("line {}: {} places, plan {}, waiting for boards on {}:{}\n", path, line.places.size(),
-                            line.plan.name, line.address, listener.port()));
+                            line.plan.name, line.address, listeners.front().port()));
     const int code =
         work({.console = console,
-              .listener = listener,
+              .listeners = listeners,
               .places = line.places,
-              .cabled = !line.interfaces().empty(),
               .job = jobOf(line),
               .records = *records,
               .boards = 0,

@@ -103,7 +103,7 @@ int work(const Stage &stage) {
                                              : terminal;
     Stop stop;
     Units units;
-    Line line(stage.listener, stage.places, stage.cabled, stage.job, {observers, stage.records, stop, people, units});
+    Line line(stage.listeners, stage.places, stage.job, {observers, stage.records, stop, people, units});
     const Signals signals({[&] {
                                stop.request();
                                line.wake();
@@ -124,6 +124,16 @@ int work(const Stage &stage) {
     }
     console.say(stage.summary(outcome));
     return exitCodeOf(outcome, console.output.finish([&] { return stop.requested(); }));
+}
+
+std::vector<Listener> listenAt(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces,
+                               bool patient) {
+    std::vector<Listener> listeners;
+    if (interfaces.empty()) listeners.emplace_back(address, port);
+    for (const std::string &interface : interfaces) {
+        listeners.emplace_back(address, listeners.empty() ? port : listeners.front().port(), interface, patient);
+    }
+    return listeners;
 }
 
 std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,

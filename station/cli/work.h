@@ -34,9 +34,8 @@ struct Reload {
 
 struct Stage {
     Console &console;
-    Listener &listener;
+    std::vector<Listener> &listeners;  // see Line
     std::vector<Place> places;
-    bool cabled;  // a place a socket
     std::shared_ptr<const Job> job;
     Records &records;
     int boards;                                           // 0: no end
@@ -48,6 +47,10 @@ struct Stage {
 
 // Works until the task has ended, and says how it ended. Returns an exit code.
 int work(const Stage &stage);
+
+// Listens on each of the interfaces, or without any at one socket.
+std::vector<Listener> listenAt(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces,
+                               bool patient);
 
 // Opens the records of a results folder and a store; each may be empty.
 std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,

@@ -2,285 +2,201 @@
 
 #include <fmt/format.h>
 #include <net/if.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <optional>
+#include <thread>
 #include <utility>
-
-#include "station/base/descriptor.h"
 
 namespace station {
 namespace {
 
-constexpr char kNoCable[] = "127.0.0.1";
-constexpr Milliseconds kLook{1000};   // how often records and cables are looked at
-constexpr Milliseconds kGlance{50};   // while newcomers are on the way
-constexpr Milliseconds kRetry{1000};  // to record the begin of a run
+constexpr Milliseconds kLook{1000};      // how often records and cables are looked at
+constexpr Milliseconds kLastLook{20};    // while a gate is to close
+constexpr Milliseconds kLastCall{1000};  // for handshakes under way when no more boards are wanted
+constexpr Milliseconds kRetry{1000};     // to record the begin of a run
 
 bool hasCarrier(const std::string &interface) {
     ifreq request{};
     interface.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    const Socket any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return ioctl(any.descriptor(), SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) != 0;
-}
-
-// True when the board has closed the connection while it waited.
-bool hasGone(Session &session) {
-    std::string nothing;
-    try {
-        session.receiveNow(nothing, 1);
-        return false;
-    } catch (const SessionError &) {
-        return true;
-    }
 }
 
 }  // namespace
 
-Line::Line(Listener &listener, const std::vector<Place> &places, bool cabled, std::shared_ptr<const Job> job,
+// A socket, with the places there.
+struct Line::Gate {
+    Gate(Listener &listener, Observer &observer) : door(listener, observer) {}
+
+    Door door;  // but for wake() and the listener's interface, its thread's alone
+    std::vector<Seat *> seats;
+    std::thread thread;
+    Clock::time_point looked;               // its thread's: at the cable
+    bool plugged = true;                    // its thread's: the interface is there
+    std::optional<Clock::time_point> last;  // its thread's: nobody is let in from then on
+    size_t expected = 0;                    // guarded by the line's mutex: boards that are likely to get a place
+};
+
+// A place, with the board that is served there.
+struct Line::Seat : Board {
+    Seat(Line &all, Gate &where, Place name) : line(all), gate(where), place(std::move(name)) {}
+
+    Session &session() override { return *served; }
+    void reconnect(Clock::time_point deadline) override {
+        std::unique_lock lock(line.mutex_);
+        awaits = true;
+        gate.door.wake();
+        changed.wait_until(lock, deadline, [&] { return next.has_value(); });
+        awaits = false;
+        if (!next) throw SessionError("the board did not connect again in time");
+        served = std::exchange(next, std::nullopt);
+    }
+
+    Line &line;
+    Gate &gate;
+    const Place place;
+    std::thread thread;
+    std::optional<Session> served;  // its thread's
+
+    // Guarded by the line's mutex:
+    std::condition_variable changed;
+    std::optional<Session> next;  // handed over by the gate
+    std::string address;          // of the last board's connection
+    bool busy = false;
+    bool awaits = false;  // the plan waits for the board's next connection
+    bool held = false;
+    bool verdict = false;          // the board that has had its run may still be there
+    Clock::time_point ended = {};  // of the last run; none yet
+    bool had() const { return ended != Clock::time_point{}; }
+};
+
+// What a gate does next.
+struct Line::Orders {
+    bool admit = false;   // new connections
+    bool accept = false;  // those that wait in the kernel
+    bool probe = true;
+    bool last = false;  // end when nobody is there or on the way
+};
+
+Line::Line(std::vector<Listener> &listeners, const std::vector<Place> &places, std::shared_ptr<const Job> job,
            const Context &context)
-    : listener_(listener),
-      context_(context),
-      door_(listener, context_.observer),
-      cabled_(cabled),
-      wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      places_(places),
-      job_(std::move(job)) {
-    size_t socket = 0;
-    for (const Place &place : places) seats_.emplace_back(place, cabled ? socket++ : 0, [this] { wake(); });
+    : context_(context), places_(places), job_(std::move(job)) {
+    for (Listener &listener : listeners) gates_.emplace_back(listener, context_.observer);
+    auto gate = gates_.begin();
+    for (const Place &place : places) {
+        gate->seats.push_back(&seats_.emplace_back(*this, *gate, place));
+        if (!listeners.front().interface().empty()) ++gate;
+    }
 }
+
+Line::~Line() { endThreads(); }
 
 Outcome Line::run(int boards, Milliseconds wait) {
-    wish_ = {false, boards, Clock::now() + wait};
+    endless_ = false;
+    wanted_ = boards;
+    deadline_ = Clock::now() + wait;
     return work();
 }
 
-Outcome Line::serve() {
-    wish_ = {};
-    return work();
-}
+Outcome Line::serve() { return work(); }
 
 void Line::change(std::shared_ptr<const Job> job) {
-    {
-        const std::lock_guard lock(mutex_);
-        job_ = std::move(job);
-    }
-    wake();
+    const std::lock_guard lock(mutex_);
+    job_ = std::move(job);
 }
 
 bool Line::hold(int number, bool held) {
-    const auto place =
-        std::find_if(places_.begin(), places_.end(), [&](const Place &one) { return one.number == number; });
-    if (place == places_.end()) return false;
+    const auto seat =
+        std::find_if(seats_.begin(), seats_.end(), [&](const Seat &s) { return s.place.number == number; });
+    if (seat == seats_.end()) return false;
     {
         const std::lock_guard lock(mutex_);
-        if (!(held ? held_.insert(number).second : held_.erase(number) > 0)) return true;
+        if (std::exchange(seat->held, held) == held) return true;
     }
-    context_.observer.placeHeld(*place, held);
-    wake();
+    context_.observer.placeHeld(seat->place, held);
+    seat->gate.door.wake();
     return true;
 }
 
-void Line::wake() const {
-    [[maybe_unused]] const int ignored = eventfd_write(wakeup_.descriptor(), 1);  // a full counter wakes as well
+void Line::wake() {
+    {
+        const std::lock_guard lock(mutex_);  // the waiting thread has either not looked yet, or is notified
+    }
+    for (const Gate &gate : gates_) gate.door.wake();
+    changed_.notify_all();
 }
 
+// ---- the calling thread
+
 Outcome Line::work() {
+    away_ = context_.records.away();
     context_.observer.lineStarts(places_);
-    while (!over()) {
-        await();
-        look();
-        adoptJob();
-        for (Arrival &board : door_.tend()) place(std::move(board));
-        collectEnded();
-        startWaiting();
-        tellWhyItWaits();
-        tendGates();
-    }
+    if (!away_.empty()) context_.observer.lineWaits(away_);
+    open_ = gates_.size();
+    for (Seat &seat : seats_) seat.thread = std::thread([&] { tendSeat(seat); });
+    for (Gate &gate : gates_) gate.thread = std::thread([&] { tendGate(gate); });
+    look();
+    endThreads();
     nameLeftOut();
     missBoards();
-    const std::lock_guard lock(mutex_);
     outcome_.unwritten = context_.records.away();
     return outcome_;
 }
 
-// The end comes when nobody is served, waits, or is on the way, and nobody can be any more.
-bool Line::over() {
-    const bool stopped = context_.stop.requested();
-    if (!closing_ && (stopped || (!wish_.endless && (wish_.boards <= 0 || Clock::now() >= wish_.deadline)))) {
-        closing_ = true;
-        if (stopped) context_.observer.lineStops();
-        tendGates();
-    }
-    if (!closing_ || !door_.quiet()) return false;
-    const bool waits = std::any_of(seats_.begin(), seats_.end(),
-                                   [&](const Seat &seat) { return seat.busy || (!seat.waiting.empty() && !stopped); });
-    return !waits && (stopped || parked_.empty());
-}
-
+// Looks after the records until all gates are closed.
 void Line::look() {
-    if (Clock::now() - asked_ < kLook) return;
-    asked_ = Clock::now();
-    shorthanded_ = false;
-    away_ = context_.records.away();
-    watchCables();
-}
-
-void Line::tellWhyItWaits() {
-    const std::string why = away_.empty() && shorthanded_ ? "no more threads can be made" : away_;
-    if (std::exchange(told_, why) != why) context_.observer.lineWaits(why);
-}
-
-void Line::tendGates() {
-    size_t expected = 0;
-    for (size_t i = 0; i < door_.sockets(); ++i) expected += door_.expected(i);
-    const bool takes =
-        !closing_ && away_.empty() && !shorthanded_ && (wish_.endless || static_cast<size_t>(wish_.boards) > expected);
-    std::vector<size_t> room(door_.sockets());
-    for (const Seat &seat : seats_) {
-        const bool vacant = !seat.busy && seat.waiting.empty() && (wish_.endless || !seat.served) && !held(seat);
-        room[seat.socket()] += (takes && vacant) || seat.awaits() ? 1 : 0;
-    }
-    for (size_t i = 0; i < room.size(); ++i) door_.admit(i, room[i] > door_.expected(i));
-}
-
-void Line::await() const {
-    std::vector<pollfd> polled = {{wakeup_.descriptor(), POLLIN, 0}};
-    door_.addTo(polled);
-    auto limit = std::min(Clock::now() + (door_.busy() || closing_ ? kGlance : kLook),
-                          wish_.endless || closing_ ? Clock::time_point::max() : wish_.deadline);
-    poll(polled.data(), polled.size(), pollLimit(limit));
-    eventfd_t count;
-    [[maybe_unused]] const int ignored = eventfd_read(wakeup_.descriptor(), &count);
-}
-
-void Line::place(Arrival arrival) {
-    Seat *const seat = seatFor(arrival);
-    if (seat == nullptr) {
-        parked_.push_back(std::move(arrival));
-        return;
-    }
-    seat->address = arrival.session.peerAddress();
-    if (!seat->welcome(arrival.session)) seat->waiting.push_back(std::move(arrival.session));
-}
-
-Seat *Line::seatFor(const Arrival &arrival) {
-    const std::string address = arrival.session.peerAddress();
-    const auto find = [&](auto condition) {
-        const auto seat = std::find_if(seats_.begin(), seats_.end(), condition);
-        return seat == seats_.end() ? nullptr : &*seat;
-    };
-    if (cabled_) return find([&](const Seat &seat) { return seat.socket() == arrival.socket; });
-    Seat *seat = find([&](const Seat &s) { return s.awaits() && s.address == address; });
-    if (seat == nullptr && address != kNoCable) seat = find([&](const Seat &s) { return s.address == address; });
-    return seat != nullptr ? seat : vacantSeat();
-}
-
-// One that nobody has sat on comes first, so that a board that comes again finds its own; then the one whose board has
-// been gone for longest, which seats_ is kept in the order of.
-Seat *Line::vacantSeat() {
-    Seat *vacant = nullptr;
-    for (Seat &seat : seats_) {
-        if (seat.busy || !seat.waiting.empty() || (seat.served && !mayStart(seat)) || held(seat)) continue;
-        if (!seat.served) return &seat;
-        if (vacant == nullptr) vacant = &seat;
-    }
-    return vacant;
-}
-
-// A batch gives each place one run first; who comes again there waits until all boards have come.
-bool Line::mayStart(const Seat &seat) const {
-    return !seat.busy && (wish_.endless || !seat.served || closing_) && !held(seat);
-}
-
-bool Line::held(const Seat &seat) const {
-    const std::lock_guard lock(mutex_);
-    return held_.contains(seat.place().number);
-}
-
-void Line::startWaiting() {
-    if (context_.stop.requested()) return;
-    for (size_t i = parked_.size(); i > 0; --i) {
-        Arrival arrival = std::move(parked_.front());
-        parked_.pop_front();
-        place(std::move(arrival));
-    }
-    for (Seat &seat : seats_) {
-        if (seat.waiting.empty()) continue;
-        if (seat.welcome(seat.waiting.front())) {
-            seat.waiting.pop_front();
-        } else if (mayStart(seat) && !shorthanded_) {
-            shorthanded_ = !start(seat);
-        }
+    bool stopped = false;
+    for (std::unique_lock lock(mutex_);;) {
+        const auto next = std::min(Clock::now() + kLook, closed_ ? Clock::time_point::max() : deadline_);
+        changed_.wait_until(lock, next, [&] { return open_ == 0 || stopped != context_.stop.requested(); });
+        if (open_ == 0) return;
+        const bool stops = !std::exchange(stopped, context_.stop.requested()) && stopped;
+        closed_ |= stopped || Clock::now() >= deadline_;
+        lock.unlock();
+        if (stops) context_.observer.lineStops();
+        const std::string why = context_.records.away();
+        lock.lock();
+        const bool news = std::exchange(away_, why) != why;
+        lock.unlock();
+        if (news) context_.observer.lineWaits(why);
+        if (news || closed_) wake();
+        lock.lock();
     }
 }
 
-// False when no thread can be made for the board, which waits on.
-bool Line::start(Seat &seat) {
-    Session session = std::move(seat.waiting.front());
-    seat.waiting.pop_front();
-    if (hasGone(session)) {
-        context_.observer.strangerRefused(seat.address, "it has gone before its turn");
-        return true;
-    }
-    seat.sit(std::move(session));
-    seat.busy = true;
-    std::shared_ptr<const Job> job;
+// Boards in work have been served when all gates are closed.
+void Line::endThreads() {
     {
         const std::lock_guard lock(mutex_);
-        job = job_;
+        ended_ = true;
+        for (Seat &seat : seats_) seat.changed.notify_all();
     }
-    if (crew_.run([this, &seat, job] { serveBoard(seat, *job); })) {
-        --wish_.boards;
-        return true;
+    wake();
+    for (Gate &gate : gates_) {
+        if (gate.thread.joinable()) gate.thread.join();
     }
-    seat.busy = false;
-    seat.waiting.push_front(std::move(seat.session()));
-    return false;
-}
-
-void Line::adoptJob() {
-    const std::lock_guard lock(mutex_);
-    door_.setProbe(job_->plan.probe);
-}
-
-void Line::collectEnded() {
-    std::vector<Seat *> ended;
-    {
-        const std::lock_guard lock(mutex_);
-        ended.swap(ended_);
-    }
-    for (Seat *const seat : ended) {
-        seat->busy = false;
-        seat->served = seat->verdict = true;
-        shorthanded_ = false;
-        const auto self = std::find_if(seats_.begin(), seats_.end(), [&](const Seat &other) { return &other == seat; });
-        seats_.splice(seats_.end(), seats_, self);
-    }
-}
-
-void Line::watchCables() {
-    if (!cabled_) return;
     for (Seat &seat : seats_) {
-        const bool plugged = listener_.renew(seat.socket());
-        if (std::exchange(seat.plugged, plugged) != plugged) {
-            context_.observer.trouble(fmt::format("place {}: its interface {}", seat.place().name,
-                                                  plugged ? "is there" : "is not there, or has no address"));
-        }
-        if (!seat.verdict || seat.busy || hasCarrier(listener_.interface(seat.socket()))) continue;
-        seat.verdict = false;
-        context_.observer.placeFree(seat.place());
+        if (seat.thread.joinable()) seat.thread.join();
     }
 }
 
-// Those that a batch has waited for in vain fail.
+void Line::nameLeftOut() {
+    if (!context_.stop.requested()) return;
+    const bool missing = !endless_ && wanted_ > 0;
+    if (!left_.empty()) context_.observer.trouble("connected, but not served, start their service again:" + left_);
+    if (missing) context_.observer.trouble(fmt::format("{} of the boards had not connected", wanted_));
+    outcome_.interrupted |= missing || !left_.empty();
+}
+
+// A batch fails the boards that it has waited for in vain.
 void Line::missBoards() {
-    if (wish_.endless || context_.stop.requested()) return;
+    if (endless_ || context_.stop.requested()) return;
     for (const Seat &seat : seats_) {
-        if (seat.served || wish_.boards-- <= 0) continue;
-        RunRecord run = newRun(job_->plan, seat.place());
+        if (seat.had() || wanted_-- <= 0) continue;
+        RunRecord run = newRun(job_->plan, seat.place);
         run.failure = "no board connected";
         for (StepResult &step : run.steps) step.failure = "not run: no board connected";
         run.end = run.start;
@@ -288,37 +204,133 @@ void Line::missBoards() {
     }
 }
 
-void Line::nameLeftOut() {
-    if (!context_.stop.requested()) return;
-    std::string left;
-    for (const Arrival &board : parked_) left += fmt::format(" {}", board.session.peer());
-    for (const Seat &seat : seats_) {
-        for (const Session &board : seat.waiting) left += fmt::format(" {}", board.peer());
+// ---- the thread of a socket
+
+void Line::tendGate(Gate &gate) {
+    for (;;) {
+        const Orders orders = decide(gate);
+        gate.door.listener().admit(orders.admit);
+        if (orders.last) {
+            if (!gate.last) gate.last = Clock::now() + kLastCall;
+            const bool over = Clock::now() >= *gate.last;
+            if (!gate.door.undecided() && (over || gate.door.listener().quiet())) break;
+            gate.door.attend(!over, orders.probe, kLastLook);
+        } else {
+            gate.door.attend(orders.accept, orders.probe, kLook);
+        }
+        watchCable(gate);
     }
-    const bool missing = !wish_.endless && wish_.boards > 0;
-    if (!left.empty()) context_.observer.trouble("connected, but not served, start their service again:" + left);
-    if (missing) context_.observer.trouble(fmt::format("{} of the boards had not connected", wish_.boards));
-    outcome_.interrupted |= missing || !left.empty();
+    const std::lock_guard lock(mutex_);
+    left_ += gate.door.boards();
+    --open_;
+    changed_.notify_all();
 }
 
-void Line::serveBoard(Seat &seat, const Job &job) {
-    try {
-        RunRecord run = newRun(job.plan, seat.place());
-        run.peer = seat.session().peer();
-        run.variables = job.variables;
-        if (begin(run)) finish(runJob(seat, job, std::move(run)));
-    } catch (const std::exception &error) {
-        context_.observer.trouble(fmt::format("place {}: {}", seat.place().name, error.what()));
+// Hands over the boards that have turned up, and says what to do next.
+Line::Orders Line::decide(Gate &gate) {
+    const std::lock_guard lock(mutex_);
+    gate.door.handOver([&](Newcomer &board) { return seat(gate, board); });
+    gate.expected = gate.door.expected();
+    size_t expected = 0;
+    for (const Gate &other : gates_) expected += other.expected;
+    const bool wants = !closing() && (endless_ || static_cast<size_t>(wanted_) > expected);
+    size_t room = 0;
+    bool idle = true;
+    Orders orders;
+    orders.probe = job_->plan.probe;
+    for (const Seat *const seat : gate.seats) {
+        idle &= !seat->busy;
+        const bool usable = seat->awaits ? !seat->next : mayStart(*seat);
+        orders.accept |= usable;
+        room += usable && (seat->awaits || (wants && (endless_ || !seat->had()))) ? 1 : 0;
     }
-    seat.leave();
+    orders.admit = room > gate.expected;
+    // Whoever has connected to a batch is served, as soon as records can be kept; a stop names him.
+    orders.last = ended_ || (closing() && idle && (context_.stop.requested() || gate.door.boards().empty()));
+    return orders;
+}
+
+// Returns true when the board has got a place.
+bool Line::seat(Gate &gate, Newcomer &board) {
+    Seat *const seat = seatFor(gate, board.address);
+    if (seat == nullptr) return false;
+    if (!seat->awaits) --wanted_;
+    seat->busy = true;
+    seat->address = board.address;
+    seat->next.emplace(std::move(board.session));
+    seat->changed.notify_all();
+    return true;
+}
+
+// A place that no board has had comes first, so that a board that comes again finds its own; then the one whose board
+// has been gone for longest.
+Line::Seat *Line::seatFor(const Gate &gate, const std::string &address) {
+    const bool tells = gate.seats.size() > 1 && address != kNoCable;
+    Seat *vacant = nullptr;
+    for (Seat *const seat : gate.seats) {
+        const bool own = gate.seats.size() == 1 || seat->address == address;
+        if (seat->awaits && !seat->next && own) return seat;
+        if (tells && own) return mayStart(*seat) ? seat : nullptr;
+        if (mayStart(*seat) && (vacant == nullptr || seat->ended < vacant->ended)) vacant = seat;
+    }
+    return vacant;
+}
+
+void Line::watchCable(Gate &gate) {
+    Listener &listener = gate.door.listener();
+    if (listener.interface().empty() || Clock::now() - gate.looked < kLook) return;
+    gate.looked = Clock::now();
+    Seat &seat = *gate.seats.front();
+    const bool plugged = listener.renew();
+    if (std::exchange(gate.plugged, plugged) != plugged) {
+        context_.observer.trouble(fmt::format("place {}: its interface {}", seat.place.name,
+                                              plugged ? "is there" : "is not there, or has no address"));
+    }
+    if (hasCarrier(listener.interface())) return;
     {
         const std::lock_guard lock(mutex_);
-        ended_.push_back(&seat);
+        if (seat.busy || !std::exchange(seat.verdict, false)) return;
     }
-    wake();
+    context_.observer.placeFree(seat.place);
 }
 
-// False when the line stops before the run could be recorded.
+bool Line::closing() const { return closed_ || ended_ || (!endless_ && wanted_ <= 0) || context_.stop.requested(); }
+
+// A batch gives each place one run first; a board that comes again there waits until all boards have come.
+bool Line::mayStart(const Seat &seat) const {
+    return !seat.busy && !seat.held && away_.empty() && !ended_ && !context_.stop.requested() &&
+           (endless_ || !seat.had() || closing());
+}
+
+// ---- the thread of a place
+
+void Line::tendSeat(Seat &seat) {
+    for (std::unique_lock lock(mutex_);;) {
+        seat.changed.wait(lock, [&] { return seat.next || ended_; });
+        if (!seat.next) return;
+        seat.served = std::exchange(seat.next, std::nullopt);
+        const std::shared_ptr<const Job> job = job_;
+        lock.unlock();
+        serveBoard(seat, *job);
+        seat.served.reset();
+        lock.lock();
+        seat.busy = false;
+        seat.verdict = true;
+        seat.ended = Clock::now();
+        seat.gate.door.wake();
+    }
+}
+
+void Line::serveBoard(Seat &seat, const Job &job) try {
+    RunRecord run = newRun(job.plan, seat.place);
+    run.peer = seat.session().peer();
+    run.variables = job.variables;
+    if (begin(run)) finish(runJob(seat, job, std::move(run)));
+} catch (const std::exception &error) {
+    context_.observer.trouble(fmt::format("place {}: {}", seat.place.name, error.what()));
+}
+
+// Returns false when the line stops before the run could be recorded.
 bool Line::begin(const RunRecord &run) {
     std::string told;
     for (;;) {
@@ -345,7 +357,7 @@ RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
     } else {
         for (StepResult &step : run.steps) step.failure = "not run: the command before it failed";
     }
-    run.end = WallClock::now();
+    run.stampEnd();
     const std::string failure = runHook(job.after, run);
     if (!failure.empty()) run.failure += (run.failure.empty() ? "after: " : "; after: ") + failure;
     return run;

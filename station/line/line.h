@@ -1,19 +1,17 @@
 #pragma once
-// The line: which board is at which place, and what is run there. One thread looks after places and newcomers, one a
-// board serves it.
+// The line: which board is at which place, and what is run there. A thread per socket lets boards in (Door), a thread
+// per place serves them, and the calling thread looks after the whole.
 
-#include <atomic>
+#include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "station/line/crew.h"
-#include "station/line/doorway.h"
-#include "station/line/seat.h"
+#include "station/line/door.h"
 #include "station/run/hooks.h"
+#include "station/run/run.h"
 
 namespace station {
 
@@ -26,7 +24,7 @@ struct Job {
 
 // How a line's work has ended.
 struct Outcome {
-    int runs = 0;        // boards that have a record, those that never connected included
+    int runs = 0;        // boards that have a record, including those that never connected
     int failed = 0;      // of them
     std::string counts;  // of the last board's steps
     bool interrupted = false;
@@ -35,79 +33,73 @@ struct Outcome {
 
 class Line {
 public:
-    // A place at each of the listener's sockets, named as given; or, when it has one socket and `cabled` is false, any
-    // number of places there, which are told apart by their boards' addresses: all that come from one are one place's.
-    // Only 127.0.0.1 tells nothing, as every emulated board comes from there.
-    Line(Listener &listener, const std::vector<Place> &places, bool cabled, std::shared_ptr<const Job> job,
+    // With listeners on interfaces, there is a place at each of them, in the same order. With a single one on none,
+    // there are any number of places there, which are told apart by their boards' addresses: all boards from one
+    // address belong to one place, except those from 127.0.0.1.
+    Line(std::vector<Listener> &listeners, const std::vector<Place> &places, std::shared_ptr<const Job> job,
          const Context &context);
+    ~Line();
+    Line(const Line &) = delete;
 
-    // Runs the job once at so many places, which have `wait` to be connected to. Nothing of what a board sends is lost:
-    // one that has connected beyond that number gets its run too.
+    // Runs the job once at so many places, which have `wait` to be connected to. Nothing that a board sends is lost:
+    // one that has connected beyond that number gets its run, too. May be called once, as serve().
     Outcome run(int boards, Milliseconds wait);
     // Runs it on every board that comes, until the stop is requested.
     Outcome serve();
 
-    // From any thread: what the boards get that come from now on.
+    // May be called from any thread: sets what boards get that come from now on.
     void change(std::shared_ptr<const Job> job);
-    // From any thread: the place with this number takes no board until it is released. False: there is no such place.
+    // May be called from any thread: the place with this number takes no board until it is released. Returns false when
+    // there is no such place.
     bool hold(int number, bool held);
-    // From any thread: has the line look at the stop.
-    void wake() const;
+    // Must be called, from any thread, after the stop was requested.
+    void wake();
 
 private:
-    struct Wish {  // how the line is to end
-        bool endless = true;
-        int boards = 0;  // still to come
-        Clock::time_point deadline;
-    };
+    struct Gate;
+    struct Seat;
+    struct Orders;
 
     Outcome work();
-    bool over();
-    void look();  // after records and cables
-    void tellWhyItWaits();
-    void tendGates();
-    void await() const;  // the next thing to happen
-    void place(Arrival arrival);
-    Seat *seatFor(const Arrival &arrival);
-    Seat *vacantSeat();
-    bool mayStart(const Seat &seat) const;
-    bool held(const Seat &seat) const;
-    void startWaiting();
-    bool start(Seat &seat);
-    void adoptJob();
-    void collectEnded();
-    void watchCables();
-    void missBoards();
+    void look();
+    void endThreads();
     void nameLeftOut();
+    void missBoards();
 
-    // In the board's own thread:
+    // In the thread of a socket:
+    void tendGate(Gate &gate);
+    Orders decide(Gate &gate);
+    bool seat(Gate &gate, Newcomer &board);
+    void watchCable(Gate &gate);
+
+    // In the thread of a place:
+    void tendSeat(Seat &seat);
     void serveBoard(Seat &seat, const Job &job);
     bool begin(const RunRecord &run);
     RunRecord runJob(Seat &seat, const Job &job, RunRecord run);
     void finish(const RunRecord &run);
 
-    Listener &listener_;
-    Context context_;
-    Doorway door_;
-    bool cabled_;
-    std::list<Seat> seats_;
-    std::deque<Arrival> parked_;  // boards for which there is no seat yet
-    Wish wish_;
-    bool closing_ = false;      // no more boards are wanted
-    bool shorthanded_ = false;  // no thread could be made for a board that waits
-    std::string away_;          // why records cannot be kept now
-    std::string told_;          // why no new board is taken, as the observer knows it
-    Clock::time_point asked_;   // when that was looked at
-    Socket wakeup_;
+    bool closing() const;  // no more boards are wanted
+    bool mayStart(const Seat &seat) const;
+    Seat *seatFor(const Gate &gate, const std::string &address);
 
+    const Context context_;
     const std::vector<Place> places_;
-    mutable std::mutex mutex_;  // of what follows
-    std::set<int> held_;        // places, by number
-    std::shared_ptr<const Job> job_;
-    std::vector<Seat *> ended_;
-    Outcome outcome_;
+    std::list<Gate> gates_;  // these and the seats do not change while there are threads
+    std::list<Seat> seats_;
 
-    Crew crew_;  // at the end, so that its threads have ended before anything that they use
+    mutable std::mutex mutex_;  // guards what follows, and what Gate and Seat say
+    std::condition_variable changed_;
+    std::shared_ptr<const Job> job_;
+    bool endless_ = true;
+    int wanted_ = 0;  // boards still to come, unless it is endless
+    bool closed_ = false;
+    bool ended_ = false;
+    size_t open_ = 0;   // gates
+    std::string away_;  // why records cannot be kept now
+    std::string left_;  // boards that had connected when the line was stopped
+    Outcome outcome_;
+    Clock::time_point deadline_ = Clock::time_point::max();  // for boards to come
 };
 
 }  // namespace station

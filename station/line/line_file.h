@@ -39,7 +39,6 @@ struct LineFile {
     std::filesystem::path spool;    // folder for what the store cannot take yet; empty: the usual one
     std::optional<PageSettings> page;
 
-    const std::vector<std::string> &interfaces() const { return cables; }
     // True when the other line has the same address, places, records and page.
     bool sameStation(const LineFile &other) const;
 };

@@ -142,7 +142,7 @@ void PageServer::turn() {
 
 // Until something can be read or written, or there is news that may be told; a second at most.
 void PageServer::await() {
-    std::vector<pollfd> polled = {{wakeup_.descriptor(), POLLIN, 0}, {listener_.descriptor(0), POLLIN, 0}};
+    std::vector<pollfd> polled = {{wakeup_.descriptor(), POLLIN, 0}, {listener_.descriptor(), POLLIN, 0}};
     if (Clock::now() < pausedUntil_) polled[1].fd = -1;
     for (Connection &one : connections_) {
         polled.push_back({one.state == State::kAnswering ? -1 : one.socket.descriptor(), one.events(), 0});
@@ -157,7 +157,7 @@ void PageServer::await() {
 
 void PageServer::admit() {
     for (size_t i = 0; i < kAdmitted && Clock::now() >= pausedUntil_ && makeRoom(); ++i) {
-        Descriptor socket(accept4(listener_.descriptor(0), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        Descriptor socket(accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket.descriptor() < 0) {
             const bool none = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
             if (!none) pausedUntil_ = Clock::now() + kDescriptorPause;

@@ -1,15 +1,15 @@
 #include "station/run/hooks.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -21,7 +21,7 @@
 namespace station {
 namespace {
 
-constexpr off_t kOutputShown = 400;  // bytes, from the end
+constexpr size_t kOutputShown = 400;  // bytes, from the end
 
 std::vector<std::string> environmentFor(const RunRecord &run) {
     std::vector<std::string> environment;
@@ -33,7 +33,7 @@ std::vector<std::string> environmentFor(const RunRecord &run) {
     return environment;
 }
 
-// A file in memory, which no other process holds back by not reading or writing it.
+// Returns a file in memory, which a process that does not read it holds up nobody by.
 Descriptor memoryFile(const std::string &content) {
     Descriptor file(memfd_create("hook", MFD_CLOEXEC));
     if (pwrite(file.descriptor(), content.data(), content.size(), 0) < 0) return Descriptor(-1);
@@ -72,37 +72,51 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     return error == 0 ? pid : -error;
 }
 
-// Waits for the end, or ends it at the limit. Returns what failed.
-std::string outcomeOf(pid_t pid, Milliseconds limit) {
+// Takes what has been printed, at most a pipe's content, and keeps the end of it. Returns false when no more can come.
+bool takeOutput(int pipe, std::string &printed) {
+    std::array<char, 65536> part;
+    const ssize_t length = read(pipe, part.data(), part.size());
+    if (length > 0) printed.append(part.data(), static_cast<size_t>(length));
+    if (printed.size() > kOutputShown) printed.erase(0, printed.size() - kOutputShown);
+    return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
+}
+
+// Waits for the end, or kills the command at the limit. Returns what failed.
+std::string outcomeOf(pid_t pid, Milliseconds limit, int output, std::string &printed) {
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    const bool ended = waitFor(process.descriptor(), POLLIN, Clock::now() + limit);
+    const auto deadline = Clock::now() + limit;
+    bool ended = false;
+    while (!ended && Clock::now() < deadline) {
+        pollfd polled[] = {{process.descriptor(), POLLIN, 0}, {output, POLLIN, 0}};
+        poll(polled, 2, pollLimit(deadline));
+        ended = polled[0].revents != 0;
+        if (polled[1].revents != 0 && !takeOutput(output, printed)) output = -1;
+    }
     if (!ended) kill(-pid, SIGKILL);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (!ended) return fmt::format("did not end within {:.1f} s", double(limit.count()) / 1000);
+    if (!ended) return fmt::format("did not end within {:.1f} s", inSeconds(limit));
     if (WIFSIGNALED(status)) return fmt::format("ended by signal {}", WTERMSIG(status));
     return WEXITSTATUS(status) == 0 ? "" : fmt::format("ended with status {}", WEXITSTATUS(status));
-}
-
-std::string endOf(int file) {
-    struct stat size {};
-    fstat(file, &size);
-    std::string text(static_cast<size_t>(std::min(size.st_size, kOutputShown)), '\0');
-    const ssize_t length = pread(file, text.data(), text.size(), size.st_size - static_cast<off_t>(text.size()));
-    text.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    return text;
 }
 
 }  // namespace
 
 std::string runHook(const Hook &hook, const RunRecord &run) {
     if (hook.command.empty()) return {};
-    const Descriptor input = memoryFile(dump(run) + "\n"), output = memoryFile("");
-    const pid_t pid = start(hook, run, input.descriptor(), output.descriptor());
-    const std::string failure = pid < 0 ? strerror(-pid) : outcomeOf(pid, hook.limit);
+    const Descriptor input = memoryFile(dump(run) + "\n");
+    std::array<int, 2> ends = {-1, -1};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) return describeError(hook.command);
+    const Descriptor output(ends[0]);
+    Descriptor childs(ends[1]);
+    fcntl(output.descriptor(), F_SETFL, O_NONBLOCK);
+    const pid_t pid = start(hook, run, input.descriptor(), childs.descriptor());
+    childs = Descriptor(-1);
+    std::string printed;
+    const std::string failure = pid < 0 ? strerror(-pid) : outcomeOf(pid, hook.limit, output.descriptor(), printed);
     if (failure.empty()) return {};
-    const std::string printed = endOf(output.descriptor());
+    takeOutput(output.descriptor(), printed);
     return fmt::format("{}: {}{}{}", hook.command, failure, printed.empty() ? "" : ": ", printed);
 }
 

@@ -14,8 +14,9 @@ struct Hook {
     std::filesystem::path folder;            // where it runs
 };
 
-// Runs the hook, the record as JSON on its standard input; in its environment QC_RUN, QC_PLACE, QC_VERDICT, and the
-// run's variables as QC_NAME. Returns what failed, with the end of what it printed; empty when it ended with status 0.
+// Runs the hook, with the record as JSON on its standard input, and QC_RUN, QC_PLACE, QC_VERDICT and the run's
+// variables as QC_NAME in its environment. Returns what failed, with the last 400 bytes of what it printed; empty when
+// it ended with status 0. Nobody reads what a process that it leaves behind prints.
 std::string runHook(const Hook &hook, const RunRecord &run);
 
 }  // namespace station

@@ -25,6 +25,8 @@ size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
 
 std::string_view textOf(Verdict verdict) { return kVerdicts[static_cast<size_t>(verdict)]; }
 
+void RunRecord::stampEnd() { end = start + std::chrono::duration_cast<WallClock::duration>(Clock::now() - began); }
+
 size_t RunRecord::failures() const { return count(steps, Verdict::kFailed); }
 size_t RunRecord::notRun() const { return count(steps, Verdict::kNotRun); }
 

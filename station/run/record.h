@@ -56,11 +56,13 @@ struct RunRecord {
     std::string peer;  // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one; empty: it never connected
     std::string unit;  // the variable "serial"; empty: nobody said
     WallClock::time_point start, end;
+    Clock::time_point began;  // the start by a clock that never jumps
     std::map<std::string, std::string> variables;
     std::vector<StepResult> steps;  // one for each step of the plan, from the run's start on
     std::string failure;            // what failed besides the steps; empty: nothing
     bool interrupted = false;       // the station was stopped before the plan's end
 
+    void stampEnd();  // sets the end by how long the run has lasted: a clock that was set meanwhile does not matter
     size_t failures() const;  // steps that failed
     size_t notRun() const;    // steps that were not run
     bool passed() const { return failures() + notRun() == 0 && failure.empty(); }

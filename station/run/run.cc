@@ -127,16 +127,16 @@ void runVerify(Attempt &attempt) {
         runScript(attempt.session(), digestScript(step.partition, size), attempt.deadline, {}, attempt.progress());
     std::istringstream lines(script.output);
     std::string digest;
-    long written = -1;  // bytes behind the file that are not erased
-    if (!(lines >> digest >> written)) {
-        result.failure = fmt::format("the board could not read the partition: {}", script.output);
+    long written = -1;  // bytes after the file that are not erased
+    if (!(lines >> digest >> written) || digest.size() != step.file->md5.size()) {
+        result.failure = fmt::format("the board could not read the partition: {}", shorten(script.output, kQuoted));
         return;
     }
     result.reply = fmt::format("{} bytes, MD5 {}", size, digest);
     if (digest != step.file->md5) {
         result.failure = fmt::format("the partition's digest is {}, the file's {}", digest, step.file->md5);
     } else if (step.erased && written != 0) {
-        result.failure = fmt::format("{} bytes behind the file are not erased", written);
+        result.failure = fmt::format("{} bytes after the file are not erased", written);
     }
 }
 
@@ -305,6 +305,7 @@ void follow(Course &course, const Step &step, const StepResult &result) {
 RunRecord newRun(const Plan &plan, const Place &place) {
     RunRecord run;
     run.start = WallClock::now();
+    run.began = Clock::now();
     run.id = makeRunId(run.start);
     run.plan = plan.name;
     run.place = place;
@@ -330,7 +331,7 @@ RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &
         }
         follow(course, plan.steps[i], result);
     }
-    run.end = WallClock::now();
+    run.stampEnd();
     return run;
 }
 

@@ -1,35 +1,31 @@
 #pragma once
-// The wish that the line stop: steps that run end, nothing new is begun.
+// The request that the line stop: running steps end, nothing new is begun.
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <atomic>
+
+#include "station/base/descriptor.h"
 
 namespace station {
 
+// May be used from any thread.
 class Stop {
 public:
     void request() {
-        {
-            const std::lock_guard lock(mutex_);
-            requested_ = true;
-        }
-        changed_.notify_all();
+        requested_ = true;
+        eventfd_write(event_.descriptor(), 1);
     }
-    bool requested() const {
-        const std::lock_guard lock(mutex_);
-        return requested_;
-    }
-    // Waits so long, or until the stop is requested: true then.
-    bool wait(std::chrono::milliseconds duration) const {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, duration, [&] { return requested_; });
+    bool requested() const { return requested_; }
+    // Waits so long, or until the stop is requested. Returns whether it is.
+    bool wait(Milliseconds duration) const {
+        return waitFor(event_.descriptor(), POLLIN, Clock::now() + duration) || requested();
     }
 
 private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    bool requested_ = false;
+    std::atomic<bool> requested_ = false;
+    const Descriptor event_{eventfd(0, EFD_CLOEXEC)};
 };
 
 }  // namespace station

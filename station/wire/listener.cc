@@ -2,15 +2,18 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <utility>
 
 namespace station {
 namespace {
@@ -25,7 +28,7 @@ sockaddr_in addressOf(const std::string &address, uint16_t port) {
     return result;
 }
 
-// What to do when the address, the port or the interface cannot be had.
+// Returns what to do when the address, the port or the interface is unavailable.
 std::string hintFor(int error, const std::string &address, const std::string &interface) {
     switch (error) {
     case EADDRNOTAVAIL:
@@ -42,11 +45,13 @@ std::string hintFor(int error, const std::string &address, const std::string &in
     }
 }
 
-// How soon a board is missed that has gone without a word: the kernel asks it after so many seconds of silence, and
-// then as often. One that was switched off and on says no at once; one that is off, or whose adapter was unplugged, is
-// given up half a minute after its last word, also in the middle of an upload, where nothing is asked but sent again,
-// ever more seldom. So is one that is there and takes nothing of an upload for so long: boards take all that comes,
-// also when they have no room for it.
+// Connections that wait to be accepted on a cable of their own, and where many boards share a socket.
+constexpr int kBacklogOfCable = 8, kBacklog = SOMAXCONN;
+
+// How soon a board is missed that disappears silently. After three seconds of silence the kernel probes it, and repeats
+// that every three seconds: a board that was restarted answers with a reset. One that is off or unplugged is given up
+// half a minute after its last sign of life. So is a board that takes nothing of an upload for that long: boards take
+// everything that comes, even what they have no room for.
 void watchPeer(int socket) {
     const int on = 1, seconds = 3, patience = 30000;
     setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
@@ -64,7 +69,7 @@ Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
     const auto length = static_cast<socklen_t>(interface.size());
     if ((length > 0 && setsockopt(socket.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
         bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
-        listen(socket.descriptor(), SOMAXCONN) != 0) {
+        listen(socket.descriptor(), length > 0 ? kBacklogOfCable : kBacklog) != 0) {
         return Socket(-1);
     }
     return socket;
@@ -72,93 +77,82 @@ Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
 
 }  // namespace
 
-Listener::Listener(const std::string &address, uint16_t port, const std::vector<std::string> &interfaces, bool patient)
-    : interfaces_(interfaces.empty() ? std::vector<std::string>{""} : interfaces), bound_(addressOf(address, port)) {
-    for (const std::string &interface : interfaces_) {
-        const Socket &socket = sockets_.emplace_back(listenAt(bound_, interface));
-        const bool later = patient && !interface.empty() && (errno == ENODEV || errno == EADDRNOTAVAIL);
-        if (socket.descriptor() >= 0 || later) continue;
+Listener::Listener(const std::string &address, uint16_t port, const std::string &interface, bool patient)
+    : interface_(interface), bound_(addressOf(address, port)), socket_(listenAt(bound_, interface)) {
+    const bool later = patient && !interface.empty() && (errno == ENODEV || errno == EADDRNOTAVAIL);
+    if (descriptor() < 0 && !later) {
         const std::string hint = hintFor(errno, address, interface);
         throw ListenError(fmt::format("cannot listen on {}:{}{}{}: {}", address, port, interface.empty() ? "" : "%",
                                       interface, hint));
     }
     socklen_t length = sizeof bound_;
-    getsockname(descriptor(0), reinterpret_cast<sockaddr *>(&bound_), &length);
+    getsockname(descriptor(), reinterpret_cast<sockaddr *>(&bound_), &length);
 }
 
-uint16_t Listener::port() const { return ntohs(bound_.sin_port); }
-
-std::optional<size_t> Listener::waiting(Clock::time_point deadline) const {
-    std::vector<pollfd> polled;
-    for (const Socket &socket : sockets_) polled.push_back({socket.descriptor(), POLLIN, 0});
-    while (Clock::now() < deadline) {
-        if (poll(polled.data(), polled.size(), pollLimit(deadline)) <= 0) continue;
-        const auto ready = std::find_if(polled.begin(), polled.end(), [](const pollfd &p) { return p.revents != 0; });
-        return static_cast<size_t>(ready - polled.begin());
-    }
-    return std::nullopt;
-}
-
-Session Listener::accept(Milliseconds limit) {
+Session Listener::accept(Milliseconds limit) const {
     const auto deadline = Clock::now() + limit;
-    while (const std::optional<size_t> ready = waiting(deadline)) {
-        if (std::optional<Session> session = take(*ready)) return std::move(*session);
+    while (waitFor(descriptor(), POLLIN, deadline)) {
+        if (std::optional<Session> session = take()) return std::move(*session);
     }
     throw SessionError("no board connected");
 }
 
-std::optional<Session> Listener::take(size_t socket) const {
-    const int board = accept4(descriptor(socket), nullptr, nullptr, SOCK_CLOEXEC);
+std::optional<Session> Listener::take() const {
+    const int board = accept4(descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
     if (board < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
         throw SessionError(describeError("cannot accept a board"));
     }
-    if (board < 0) return std::nullopt;  // it has gone again, or nobody is there
+    if (board < 0) return std::nullopt;  // none waits, or it has gone again
     const int on = 1;
     setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setLeastTtl(board, 0);  // it inherits what admit() wants of a newcomer
+    setLeastTtl(board, 0);  // inherited from the listener
     watchPeer(board);
     return Session(Socket(board));
 }
 
-// An interface that comes back is another one to the kernel, and the socket stays bound to the one that has gone.
-bool Listener::renew(size_t socket) {
-    if (interfaces_[socket].empty() || boundTo(descriptor(socket)) == interfaces_[socket]) return true;
-    Socket fresh = listenAt(bound_, interfaces_[socket]);
+// To the kernel an interface that comes back is a new one, while the socket stays bound to the old one.
+bool Listener::renew() {
+    if (interface_.empty() || boundTo(descriptor()) == interface_) return true;
+    Socket fresh = listenAt(bound_, interface_);
     if (fresh.descriptor() < 0) return false;
-    sockets_[socket] = std::move(fresh);
+    socket_ = std::move(fresh);
+    setLeastTtl(descriptor(), admits_ ? 0 : 255);
     return true;
 }
 
-// A segment whose time to live is below the socket's least is dropped: with 255 that is every one of a board, whose
-// system starts from 64. It is not looked at in connections that have begun, needs no privilege, and is undone at once.
-void Listener::admit(size_t socket, bool boards) const { setLeastTtl(descriptor(socket), boards ? 0 : 255); }
+// The kernel drops segments whose time to live is below the socket's least. With 255 these are all segments of boards,
+// whose system starts from 64. Connections that have begun are not checked. Setting it needs no privilege.
+void Listener::admit(bool boards) {
+    if (std::exchange(admits_, boards) != boards) setLeastTtl(descriptor(), boards ? 0 : 255);
+}
 
-// Who finishes his handshake between the two looks is found by the second.
+// A handshake that ends between the two looks is found by the second.
 bool Listener::quiet() const {
     if (handshaking()) return false;
-    std::vector<pollfd> polled;
-    for (const Socket &socket : sockets_) polled.push_back({socket.descriptor(), POLLIN, 0});
-    return poll(polled.data(), polled.size(), 0) == 0;
+    pollfd polled{descriptor(), POLLIN, 0};
+    return poll(&polled, 1, 0) == 0;
 }
 
-// The kernel's table of sockets has the connections that have begun in state 03.
+// Asks the kernel for connections to this port whose handshake has begun. It answers at once; a kernel without the
+// module tcp_diag knows of none.
 bool Listener::handshaking() const {
-    const std::string here = fmt::format(": {:08X}:{:04X} ", bound_.sin_addr.s_addr, port());
-    std::ifstream sockets("/proc/net/tcp");
-    for (std::string line; std::getline(sockets, line);) {
-        const size_t at = line.find(here);
-        if (at != std::string::npos && line.compare(at + here.size() + 14, 2, "03") == 0) return true;
-    }
-    return false;
-}
-
-bool Listener::waitForBoard(const Session &session, Clock::time_point deadline, Milliseconds grace) const {
-    while (Clock::now() < deadline) {
-        pollfd polled[] = {{sockets_.front().descriptor(), POLLIN, 0}, {session.descriptor(), POLLIN, 0}};
-        if (poll(polled, 2, pollLimit(deadline)) <= 0) continue;
-        return polled[0].revents != 0 || waiting(Clock::now() + grace).has_value();
-    }
-    return false;
+    const Descriptor kernel(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 question;
+    } request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.question.sdiag_family = AF_INET;
+    request.question.sdiag_protocol = IPPROTO_TCP;
+    request.question.idiag_states = 1U << TCP_SYN_RECV;
+    request.question.id.idiag_sport = bound_.sin_port;
+    if (send(kernel.descriptor(), &request, sizeof request, 0) < 0) return false;
+    alignas(nlmsghdr) std::array<char, 16384> answer;
+    const ssize_t length = recv(kernel.descriptor(), answer.data(), answer.size(), 0);
+    const auto *const first = reinterpret_cast<const nlmsghdr *>(answer.data());
+    return length >= static_cast<ssize_t>(sizeof *first) && first->nlmsg_type == SOCK_DIAG_BY_FAMILY;
 }
 
 }  // namespace station

@@ -1,22 +1,25 @@
 #include "station/wire/script.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
+#include <utility>
 
 #include "station/wire/listener.h"
 
 namespace station {
 namespace {
 
-// How long the board's reply may wait for a result that was sent on another connection before it.
+// How much later than the reply the result may connect, which the board began before it.
 constexpr Milliseconds kResultGrace{1000};
 
-// The script follows the wrapper, which finds it at the byte after its own end. The board has the station's fixed
+// The script follows the wrapper, which finds it at the byte after its own end. The board uses the station's fixed
 // address, whatever this machine calls it. It connects before the script runs: when the station is killed meanwhile,
-// the connection ends, and with it the board's wait. A connection that was only begun then would wait for minutes where
-// the refusal takes another card's cable, as on a station with one address on many.
+// the connection ends, and the board's wait with it. If it connected only afterwards, its attempt could last for
+// minutes: on a station with one address on many cards the refusal leaves by another card.
 std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLength) {
     return fmt::format("#!/bin/sh\n"
                        "{}"
@@ -41,11 +44,15 @@ std::string wrap(const std::string &script, const std::map<std::string, std::str
     return wrapperFor(exports, port, wrapperFor(exports, port, 0).size()) + script;
 }
 
+Milliseconds until(Clock::time_point deadline) {
+    return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
+}
+
 // Receives the status, a line end, and the output.
-ScriptResult receiveResult(Session &&connection, Milliseconds limit) {
+ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
     constexpr size_t kLongestStatus = 4;  // "255" and the line end
     ScriptResult result;
-    const std::string bytes = connection.receiveAll(limit, kLongestStatus + kLongestOutput, &result.cut);
+    const std::string bytes = connection.receiveAll(until(deadline), kLongestStatus + kLongestOutput, &result.cut);
     const size_t lineEnd = bytes.find('\n');
     const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
     if (error != std::errc() || lineEnd == std::string::npos || behind != bytes.data() + lineEnd) {
@@ -56,26 +63,32 @@ ScriptResult receiveResult(Session &&connection, Milliseconds limit) {
     return result;
 }
 
-Milliseconds until(Clock::time_point deadline) {
-    return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
+// Accepts the result's connection, which is the board's alone: whatever else connects there is dropped. The reply on
+// `session` comes when the wrapper has ended, so the result's connection is there before it, or never.
+Session acceptResult(const Listener &results, const Session &session, Clock::time_point deadline) {
+    for (bool replied = false; Clock::now() < deadline;) {
+        pollfd polled[] = {{results.descriptor(), POLLIN, 0}, {replied ? -1 : session.descriptor(), POLLIN, 0}};
+        poll(polled, 2, pollLimit(deadline));
+        if (polled[1].revents != 0) {
+            replied = true;
+            deadline = std::min(deadline, Clock::now() + kResultGrace);
+        }
+        std::optional<Session> result = polled[0].revents != 0 ? results.take() : std::nullopt;
+        if (result && result->peerAddress() == session.peerAddress()) return std::move(*result);
+    }
+    throw SessionError("the board sent no result of the script: has it no \"nc\"?");
 }
 
 }  // namespace
 
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const std::map<std::string, std::string> &variables, const Progress &progress) {
-    const std::string interface = session.interface();
-    Listener results(session.localAddress(), 0,
-                     interface.empty() ? std::vector<std::string>{} : std::vector{interface});
+    const Listener results(session.localAddress(), 0, session.interface());
     const std::string payload = wrap(script, variables, results.port());
     const std::string command = fmt::format("SHELL {}", payload.size());
     session.sendCommand(command);
     session.sendBytes(payload, progress);
-    // The reply comes when the wrapper has ended, so the result's connection is there before it, or never.
-    if (!results.waitForBoard(session, deadline, kResultGrace)) {
-        throw SessionError("the board sent no result of the script: has it no \"nc\"?");
-    }
-    ScriptResult result = receiveResult(results.accept(until(deadline)), until(deadline));
+    ScriptResult result = receiveResult(acceptResult(results, session, deadline), deadline);
     const std::string reply = session.receiveReply(until(deadline));
     if (reply != command) throw SessionError(fmt::format("expected \"{}\", got \"{}\"", command, reply));
     return result;

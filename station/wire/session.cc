@@ -21,7 +21,9 @@ namespace {
 // How long a reply of 64 characters without a NUL is given to turn out longer.
 constexpr Milliseconds kLongReplyGrace{300};
 
-// Bytes of the frame at the start of `bytes`, as far as it can be told yet.
+bool isTemporary(int error) { return error == EAGAIN || error == EINTR; }
+
+// Returns the bytes of the frame at the start of `bytes`, as far as it can be told yet.
 size_t frameLength(std::string_view bytes) {
     const size_t end = bytes.find('\0');
     if (end == std::string_view::npos) return bytes.size() == kFrame ? kFrame : bytes.size() + 1;
@@ -51,7 +53,7 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
         const std::string_view rest = bytes.substr(done);
         // cppcheck-suppress invalidLifetime
         const ssize_t sent = send(socket_.descriptor(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (sent < 0 && isTemporary(errno)) continue;
         if (sent < 0) throw SessionError(describeError("sending failed"));
         done += static_cast<uint64_t>(sent);
         if (progress) progress(done, bytes.size());
@@ -61,7 +63,8 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
 Session::Arrival Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
     if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return Arrival::kNothing;
     std::array<char, kLongestReply + 1> part;
-    const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
+    const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), MSG_DONTWAIT);
+    if (received < 0 && isTemporary(errno)) return receiveSome(bytes, deadline);
     if (received < 0) throw SessionError(describeError("receiving failed"));
     bytes.append(part.data(), static_cast<size_t>(received));
     return received > 0 ? Arrival::kBytes : Arrival::kEnd;
@@ -79,7 +82,7 @@ std::string Session::receiveReply(Milliseconds limit) {
     }
     // 64 characters are a whole frame, or the first of a longer one.
     while (bytes.find('\0') == std::string::npos && bytes.size() <= kLongestReply &&
-           receiveSome(bytes, Clock::now() + kLongReplyGrace) == Arrival::kBytes) {
+           receiveSome(bytes, std::min(deadline, Clock::now() + kLongReplyGrace)) == Arrival::kBytes) {
     }
     const size_t length = frameLength(bytes);
     if (length > kLongestReply) throw SessionError(fmt::format("a reply of {} bytes", length));
@@ -105,7 +108,7 @@ void Session::receiveNow(std::string &bytes, size_t most) {
         const size_t room = std::min(part.size(), most - bytes.size());
         const ssize_t received = recv(socket_.descriptor(), part.data(), room, MSG_DONTWAIT);
         if (received == 0) throw SessionError("closed the connection");
-        if (received < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        if (received < 0 && isTemporary(errno)) return;
         if (received < 0) throw SessionError(describeError("receiving failed"));
         bytes.append(part.data(), static_cast<size_t>(received));
     }
@@ -116,7 +119,8 @@ void Session::expectClose(Milliseconds limit) {
         throw SessionError("the board left the connection open");
     }
     char byte;
-    if (recv(socket_.descriptor(), &byte, 1, 0) > 0) throw SessionError("the board sent more instead of closing");
+    if (recv(socket_.descriptor(), &byte, 1, MSG_DONTWAIT) > 0)
+        throw SessionError("the board sent more instead of closing");
 }
 
 std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) {
@@ -127,7 +131,8 @@ std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) 
         if (!waitFor(socket_.descriptor(), POLLIN, deadline)) {
             throw SessionError(fmt::format("the board did not finish within {:.1f} s", double(limit.count()) / 1000));
         }
-        const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), 0);
+        const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), MSG_DONTWAIT);
+        if (received < 0 && isTemporary(errno)) continue;
         if (received < 0) throw SessionError(describeError("receiving failed"));
         if (received == 0) return bytes;
         const auto length = static_cast<size_t>(received);

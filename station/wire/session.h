@@ -24,7 +24,8 @@ class Session {
 public:
     explicit Session(Socket socket) : socket_(std::move(socket)) {}
 
-    // Every send throws when the board does not take everything before this; an hour from now on at first.
+    // Sets the time by which the board must have taken all that is sent: every send throws after it. At first it is an
+    // hour after the connection.
     void setSendDeadline(Clock::time_point deadline) { sendDeadline_ = deadline; }
 
     // Sends a command of at most 64 bytes, padded with NUL, so that a payload can follow at once.
@@ -32,8 +33,8 @@ public:
     // Sends bytes as they are. `progress`, when set, is called after each part that was taken.
     void sendBytes(std::string_view bytes, const Progress &progress = {});
 
-    // Receives one reply and returns its text. Throws when it does not arrive within the limit, or when its frame is
-    // not exact: 64 bytes, NUL behind the text; or the text and one NUL when it is longer; and nothing behind that.
+    // Receives one reply and returns its text. Throws when not all of it arrives within the limit, or when its frame is
+    // not exact: 64 bytes with NUL after the text; or a longer text and one NUL; and nothing after that.
     std::string receiveReply(Milliseconds limit);
 
     // Appends what has arrived to `bytes`, without waiting, until there are `most`.

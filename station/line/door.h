@@ -1,0 +1,66 @@
+#pragma once
+// Lets boards in at one socket, and refuses whatever else connects there.
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "station/base/descriptor.h"
+#include "station/run/observer.h"
+#include "station/wire/listener.h"
+
+namespace station {
+
+// The address that all emulated boards come from: it tells no place.
+constexpr char kNoCable[] = "127.0.0.1";
+
+// A connection that has no place yet.
+struct Newcomer {
+    Session session;
+    std::string peer, address;
+    Clock::time_point since;
+    std::string answer = {};
+    bool asked = false;
+    bool board = false;  // it has answered as a board does
+};
+
+// Belongs to one thread; only wake() may be called from others. Keeps so few newcomers that a flood on this socket
+// takes nothing from the others: what else connects waits in the kernel.
+class Door {
+public:
+    Door(Listener &listener, Observer &observer);
+
+    Listener &listener() { return listener_; }
+    // Ends the wait of attend().
+    void wake() const;
+
+    // Waits for something to happen, at most so long; then accepts who knocks, if `accept`, and finds out what the
+    // newcomers are. Without `probe` all are boards; with it, a board is what answers an unknown word with UNKNOWN,
+    // which changes nothing there. Drops newcomers that have gone, refuses those that are no boards, and all boards but
+    // one that wait for the same place.
+    void attend(bool accept, bool probe, Milliseconds limit);
+
+    // Hands over the boards that `seat` returns true for, which then has taken the session.
+    void handOver(const std::function<bool(Newcomer &)> &seat);
+
+    // Newcomers that are boards, or have had hardly the time to answer.
+    size_t expected() const;
+    bool undecided() const;  // there are newcomers of which it is not known yet what they are
+    // The boards that have no place: " ADDRESS:PORT" for each.
+    std::string boards() const;
+
+private:
+    size_t most() const;  // newcomers, and as many boards that wait
+    bool full() const;
+    void letIn();
+    bool judge(Newcomer &newcomer, bool probe) const;
+    void refuseSurplus();
+
+    Listener &listener_;
+    Observer &observer_;
+    const Descriptor wakeup_;
+    Clock::time_point pausedUntil_;  // no descriptor is left
+    std::vector<Newcomer> newcomers_;
+};
+
+}  // namespace station

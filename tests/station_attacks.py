@@ -1,0 +1,147 @@
+#!/usr/bin/python3
+"""usage: tests/station_attacks.py BUILD
+
+Attacks on a line of two cables, in networks of their own: what comes by one cable must not slow the other one down, use
+up descriptors, or hold up a stop; and surplus boards must not get a connection that is lost again.
+"""
+import contextlib, ctypes, os, select, signal, socket, subprocess, sys, tempfile, threading
+
+if 'ATTACKS' not in os.environ:  # not yet in a network of its own
+    user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
+    os.execvpe('unshare', ['unshare', *user, '--net', 'sh', '-c', 'ip link set lo up; exec "$@"', 'sh', *sys.argv],
+               {**os.environ, 'ATTACKS': '1'})
+
+STATION = ('192.168.1.2', 55688)
+PATIENCE = 120  # seconds, for what takes much less on a machine that has nothing else to do
+PLAN = '[{send: PING, expect: PING 2, timeout: 5}, {send: BYE, expect: BYE, closes: true}]'
+REPLIES = {'QCSTATION': 'UNKNOWN', 'PING': 'PING 2', 'BYE': 'BYE'}
+libc = ctypes.CDLL(None)
+home = os.open('/proc/self/ns/net', os.O_RDONLY)
+
+
+class Cable:
+    def __init__(self, number):
+        self.holder = subprocess.Popen(['unshare', '--net', 'sleep', '100000'])
+        os.environ.update(P=str(self.holder.pid), L=f'line{number}')
+        subprocess.run('until [ "$(readlink /proc/$P/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do sleep 0.1; done;'
+                       'set -e; ip link add $L type veth peer name eth0 netns $P; ip addr add 192.168.1.2/24 dev $L;'
+                       'ip link set $L up; nsenter --net=/proc/$P/ns/net sh -c "ip addr add 192.168.1.1/24 dev eth0;'
+                       'ip link set eth0 up"', shell=True, check=True)
+        self.network = os.open(f'/proc/{self.holder.pid}/ns/net', os.O_RDONLY)
+
+    def socket(self, ttl=64):
+        """A socket in the network at the cable's other end."""
+        libc.setns(self.network, 0)
+        try: made = socket.socket()
+        finally: libc.setns(home, 0)
+        made.setsockopt(socket.IPPROTO_IP, socket.IP_TTL, ttl)
+        return made
+
+    def board(self):
+        """Has a session, from the connection to its end."""
+        while True:
+            with self.socket() as board, contextlib.suppress(TimeoutError):
+                board.settimeout(0.2)  # much less than the kernel waits before it repeats an attempt
+                board.connect(STATION)
+                board.settimeout(PATIENCE)
+                return serve(board)
+
+
+def serve(board):
+    while command := board.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
+        board.sendall(REPLIES[command].encode().ljust(64, b'\0'))
+        if command == 'BYE': return
+
+
+@contextlib.contextmanager
+def flood(cable, size, ttl, answer):
+    """Meanwhile so many connections are made again and again: they say nothing, or first pass for a board."""
+    over, begun = threading.Event(), threading.Event()
+
+    def make():
+        poller, all = select.poll(), {}
+        while not over.is_set():
+            while len(all) < size:
+                one = cable.socket(ttl)
+                one.setblocking(False)
+                one.connect_ex(STATION)
+                poller.register(one, select.POLLIN)
+                all[one.fileno()] = one
+            for number, event in poller.poll(100):
+                try: said = all[number].recv(64)
+                except OSError: said = b''
+                if said and answer:
+                    with contextlib.suppress(OSError): all[number].send(b'UNKNOWN'.ljust(64, b'\0'))
+                if said: begun.set()
+                if not said:
+                    poller.unregister(number)
+                    all.pop(number).close()
+        for one in all.values(): one.close()
+
+    thread = threading.Thread(target=make)
+    thread.start()
+    try:
+        assert begun.wait(PATIENCE)
+        yield
+    finally:
+        over.set()
+        thread.join()
+
+
+def drops():
+    """How many segments the station's kernel has dropped for their time to live."""
+    with open('/proc/thread-self/net/netstat') as file: names, values = [line.split() for line in file][:2]
+    return int(values[names.index('TCPMinTTLDrop')])
+
+
+def surplus(cable, station):
+    """While a place is busy, 200 boards get no connection; all of them are still there to come."""
+    with cable.socket() as first:
+        first.settimeout(PATIENCE)
+        first.connect(STATION)
+        first.sendall(REPLIES['QCSTATION'].encode().ljust(64, b'\0'))
+        while first.recv(64, socket.MSG_WAITALL).rstrip(b'\0') != b'PING': pass
+        before, poller, others = drops(), select.poll(), [cable.socket() for _ in range(200)]
+        for other in others:
+            other.setblocking(False)
+            other.connect_ex(STATION)
+            poller.register(other, select.POLLOUT)
+        while drops() - before < len(others) and not poller.poll(0): pass
+        assert not poller.poll(0), 'a surplus board got a connection'
+        for other in others: other.close()
+        first.sendall(REPLIES['PING'].encode().ljust(64, b'\0'))
+        serve(first)
+
+
+def silent(cable, station):
+    """Silent strangers on one cable leave the other cable's boards alone."""
+    with flood(cables[0], 1000, 64, False):
+        for _ in range(20): cables[1].board()
+
+
+def impostors(cable, station):
+    """What passes for a board and passes the gate is kept to a few; and a stop ends all the same."""
+    with flood(cables[0], 1000, 255, True):
+        for _ in range(5): cables[1].board()
+        held = len(os.listdir(f'/proc/{station.pid}/fd'))
+        assert held < 60, f'{held} descriptors'
+        station.send_signal(signal.SIGTERM)
+        assert station.wait(PATIENCE) in (0, 5)
+
+
+QCSTATION = os.path.abspath(sys.argv[1]) + '/qcstation'
+os.chdir(tempfile.mkdtemp())
+for path, text in (('plan.yaml', PLAN), ('line.yaml', 'plan: plan.yaml\nplaces: [{interface: line1}, {interface: line2}]')):
+    with open(path, 'w') as file: file.write(text)
+cables = [Cable(1), Cable(2)]
+try:
+    station = subprocess.Popen([QCSTATION, 'serve', 'line.yaml'], stdout=subprocess.PIPE)
+    station.stdout.readline()
+    reader = threading.Thread(target=station.stdout.read)
+    reader.start()
+    for attack in surplus, silent, impostors:
+        attack(cables[1], station)
+        print(attack.__doc__)
+finally:
+    station.kill()
+    for cable in cables: cable.holder.kill()
