@@ -56,18 +56,20 @@ void readPartitionName(int number, char *partition) {
     ignored(fscanf(file, "%31s", partition));
 }
 
-// A file that is written, and whether it holds everything so far.
+// A file that is written, and why it does not hold everything: an errno, or 0 while it does.
 struct Output {
     FileHandle file;
-    bool whole = true;
+    int failure = 0;
 
-    void write(const char *data, size_t length) { whole = fwrite(data, 1, length, file) == length && whole; }
+    void write(const char *data, size_t length) {
+        if (fwrite(data, 1, length, file) != length && failure == 0) failure = errno;
+    }
 
     // Returns fclose's result. Logs a line when the file does not hold everything.
     int close(const char *path) {
         const int closed = file.close();
-        whole = closed == 0 && whole;
-        if (!whole) syslog(LOG_ALERT, "%s is incomplete (%s)\n", path, strerror(errno));
+        if (closed != 0 && failure == 0) failure = errno;
+        if (failure != 0) syslog(LOG_ALERT, "%s is incomplete (%s)", path, strerror(failure));
         return closed;
     }
 };
@@ -85,7 +87,7 @@ uint32_t stageSection(FILE *image, const char *path, uint32_t length) {
     }
     staged.close(path);
     // Whatever is staged is flashed: half a kernel would leave a board that does not boot.
-    if (!staged.whole) unlink(path);
+    if (staged.failure != 0) unlink(path);
     return left;
 }
 

@@ -1,5 +1,6 @@
 #include "identity/report.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -49,8 +50,11 @@ const char *storedMac(const char *key) {
     return mac != nullptr ? mac : "none";
 }
 
+// A report of more ports is cut anyway. The bound keeps a mistyped number of ports from using up the memory.
+constexpr int kMostLines = kReportSize / 20;
+
 char *writeWiredMacs(char *text) {
-    for (int port = 1; port <= wireTotal; ++port) {
+    for (int port = 1; port <= std::min(wireTotal, kMostLines); ++port) {
         text = my_string(text, "%s Wire MAC %d: %s %s\n", kColour, port, storedMac(M(kWiredMacKey, port)), kReset);
     }
     return text;
@@ -70,7 +74,7 @@ char *writeRadioMacs(char *text, const Facts &facts) {
 
 char *writePorts(char *text, const Facts &facts) {
     text = my_string(text, "\n%s %s | %s | %s | %s %s\n", kColour, "PortNum", "Link", "Speed", "Duplex", kReset);
-    for (int i = 0; i < wireTotal; ++i) {
+    for (int i = 0; i < std::min(wireTotal, kMostLines); ++i) {
         const unsigned bits = facts.ports.bitsOf(static_cast<unsigned>(i));
         const auto verdict = [bits](unsigned bit) { return (bits & bit) != 0 ? kPassed : kFailed; };
         text = my_string(text, "%s    %d    |   %s  |   %s   |    %s   %s\n", kColour, i + 1, verdict(kLinkUp),

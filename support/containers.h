@@ -90,6 +90,8 @@ enum bt_order {
     BT_REVERSE_IN_ORDER = 4,  // descending; the left subtree of the node is skipped
 };
 
+// The functions below that visit all nodes recurse as deep as the tree is high.
+
 // Returns an empty tree, which bt_free frees, or null when the allocation fails.
 bt_tree *bt_init(bt_compare compare);
 void bt_free(bt_tree *tree);
@@ -105,8 +107,7 @@ void *bt_find(bt_tree *tree, const void *key, int lock);
 void *bt_delete(bt_tree *tree, const void *key);
 
 // Visits every value in the given bt_order; any other number visits nothing. Returns the value that the root had at the
-// start of the walk if the visit of the root returned 0, except breadth-first; else null. The recursion is as deep as
-// the tree is high.
+// start of the walk if the visit of the root returned 0, except breadth-first; else null.
 void *bt_traverse(bt_tree *tree, int lock, int order, container_visit visit, void *argument);
 
 int bt_count(bt_tree *tree);
