@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "station/page/local_time.h"
 #include "station/page/shift.h"
@@ -37,12 +38,31 @@ TEST_F(LocalTime, AShiftBeginsAtItsHourOfTheLocalDay) {
     }
 }
 
+TEST_F(LocalTime, AShiftsCountersSurviveAClockThatJumps) {
+    using namespace std::chrono_literals;
+    auto uptime = sinceBoot();
+    Shift shift({360, 840, 1320});
+    const auto renews = [&](const char *now, std::chrono::nanoseconds passed) {
+        return shift.renew(WallClock::from_time_t(timeOf(now)), uptime += passed);
+    };
+    renews("2026-11-21T09:00:00Z", 1s);
+    shift.add("A-1", "plan", true, 9);
+    EXPECT_FALSE(renews("2026-11-22T09:00:01Z", 1s)) << "a day forward";
+    EXPECT_FALSE(renews("2001-01-01T00:00:00Z", 1s)) << "years back";
+    EXPECT_FALSE(renews("2026-11-21T12:59:59Z", 2s)) << "right again";
+    EXPECT_EQ(shift.toJson()["units"], 1);
+    EXPECT_TRUE(renews("2026-11-21T13:00:01Z", 2s)) << "the next shift";
+    EXPECT_EQ(shift.toJson()["units"], 0);
+    EXPECT_TRUE(renews("2026-11-22T13:00:01Z", 24h)) << "a day that nobody looked";
+}
+
 TEST_F(LocalTime, WhatAPersonAsksForIsTheStationsTime) {
     const std::pair<const char *, const char *> cases[] = {{"2026-07-01T12:00", "2026-07-01T10:00:00"},
                                                            {"2026-12-01", "2026-11-30T23:00:00"},
                                                            {"2026-07-01T12:00Z", "2026-07-01T12:00Z"}};
     for (const auto &[asked, stored] : cases) EXPECT_EQ(timeOf(parseLocalTime(asked)), timeOf(stored)) << asked;
     EXPECT_EQ(localTime(timeOf(parseLocalTime("today")), "%F %T"), localTime(std::time(nullptr), "%F 00:00:00"));
+    EXPECT_EQ(parseLocalTime("99999999d").substr(0, 10), "1970-01-01");  // more than a clock can say
     for (const char *word : {"", "yesterday", "2026-13-01", "2026-11-21T25:00Z", "12:00"})
         EXPECT_THROW(parseLocalTime(word), Refusal);
 }

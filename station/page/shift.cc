@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "station/base/machine.h"
 #include "station/base/time.h"
@@ -33,6 +34,12 @@ WallClock::time_point shiftBegin(const std::vector<int> &starts, WallClock::time
     return WallClock::from_time_t(std::mktime(&day));
 }
 
+std::chrono::nanoseconds sinceBoot() {
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 void Shift::add(const std::string &unit, const std::string &plan, bool passed, double seconds) {
     seconds_.push_back(seconds);
     unnamed_ += unit.empty() ? 1 : 0;
@@ -54,9 +61,11 @@ void Shift::recall(const std::string &store) {
     }
 }
 
-bool Shift::renew() {
-    const auto begin = shiftBegin(starts_, WallClock::now());
-    if (begin <= begin_) return false;
+// A wall clock that jumps passes shifts in no time: how long the last call is ago is asked of a clock that nobody sets.
+bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
+    const auto last = now - (uptime - std::exchange(looked_, uptime));
+    const auto begin = shiftBegin(starts_, now);
+    if (begin <= last) return false;
     begin_ = begin;
     units_.clear();
     firsts_.clear();

@@ -5,31 +5,37 @@
 #include <string>
 #include <vector>
 
+#include "station/base/time.h"
 #include "station/run/record.h"
 #include "station/run/record_json.h"
 
 namespace station {
 
-// When the shift of this moment began. `starts`: minutes of the local day, in order, at least one.
+// Returns when the shift of this moment began. `starts`: minutes of the local day, in order, at least one.
 WallClock::time_point shiftBegin(const std::vector<int> &starts, WallClock::time_point now);
+
+// Returns how long the machine has run, asleep or not: a clock that nobody sets.
+std::chrono::nanoseconds sinceBoot();
 
 class Shift {
 public:
-    explicit Shift(std::vector<int> starts) : starts_(std::move(starts)), begin_(WallClock::now()) {}
+    explicit Shift(std::vector<int> starts) : starts_(std::move(starts)) {}
 
-    // Counts a run that was judged. `unit`: empty for one that nobody named, which counts as one of its own.
+    // Counts a run that was judged. `unit`: empty when nobody named it; it then counts as a unit of its own.
     void add(const std::string &unit, const std::string &plan, bool passed, double seconds);
-    // Takes the runs of this shift, and of this station, that a store remembers. Throws StoreError.
+    // Counts the runs of this shift, and of this station, that a store remembers. Throws StoreError.
     void recall(const std::string &store);
-    // Forgets all of it when another shift has begun: true.
-    bool renew();
+    // Forgets everything when a shift has begun since the last call, and returns true then. A clock that was set, by
+    // whatever, begins no shift.
+    bool renew(WallClock::time_point now = WallClock::now(), std::chrono::nanoseconds uptime = sinceBoot());
 
-    // Units; of those the percentage that passed at the first run; the median of a run's seconds; since when.
+    // Units; the percentage of these that passed at the first run; the median of a run's seconds; since when.
     Json toJson() const;
 
 private:
     const std::vector<int> starts_;
-    WallClock::time_point begin_;  // of the shift, or of the station, when nothing is remembered of before
+    WallClock::time_point begin_ = WallClock::now();  // of the shift; of the station when it began later
+    std::chrono::nanoseconds looked_ = sinceBoot();   // at the last call of renew()
     std::set<std::string> units_, firsts_;
     size_t unnamed_ = 0, firstRuns_ = 0, firstPasses_ = 0;
     std::vector<double> seconds_;
