@@ -4,7 +4,8 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import glob, http.client, json, os, shutil, signal, socket, subprocess, sys, tempfile, threading, unittest, urllib.request
+import glob, http.client, importlib.machinery, json, os, shutil, signal, socket, subprocess, sys, tempfile, threading
+import unittest, urllib.request
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
     user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
@@ -18,8 +19,11 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import WebDriverWait
 
+attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__) + '/../scripts/attack').load_module()
+
 PATIENCE = 60  # seconds, for what takes much less on a machine that has nothing else to do
 PORT, PAGE = 55688, 8080
+AWAY = attack.STATION
 PLAN = '''probe: false
 steps:
   - {ask: serial, prompt: Scan the label, match: '^[A-Z<][-A-Za-z0-9<>()/]+$'}
@@ -56,13 +60,16 @@ class Page(unittest.TestCase):
         with open('plan.yaml', 'w') as file: file.write(PLAN)
         with open('line.yaml', 'w') as file:
             file.write(f'listen: 127.0.0.1:{PORT}\nplaces: 2\nplan: plan.yaml\nstore: line.db\n'
-                       f'page: {{listen: "0.0.0.0:{PAGE}", token: long-enough}}\n')
+                       f'page: {{listen: "0.0.0.0:{PAGE}", token: long%41enough}}\n')
         options = webdriver.ChromeOptions()
         options.binary_location = '/usr/bin/chromium'
         for argument in ('--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage',
                          '--window-size=1280,800', f'--user-data-dir={cls.folder}/browser'):
             options.add_argument(argument)
         cls.browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
+        cls.browser.set_page_load_timeout(PATIENCE)
+        for address in AWAY, attack.ATTACKER:  # of other machines, as far as the station knows
+            subprocess.run(['ip', 'address', 'add', address + '/32', 'dev', 'lo'], check=True)
 
     @classmethod
     def tearDownClass(cls):
@@ -106,13 +113,15 @@ class Page(unittest.TestCase):
 
     def asked(self, place): self.until(lambda: self.browser.find_element(By.ID, 'whose').text == place)
 
-    def request(self, path, headers=(), body=None, host=f'127.0.0.1:{PAGE}', address='127.0.0.1'):
+    def request(self, path, headers=(), body=None, host=f'127.0.0.1:{PAGE}', address='127.0.0.1', whole=True):
+        """The status of the reply, and its content: all of it, or only how it begins."""
         connection = http.client.HTTPConnection(address, PAGE, timeout=PATIENCE)
         connection.putrequest('GET' if body is None else 'POST', path, skip_host=True)
         for name, value in [('Host', host), *headers]: connection.putheader(name, value)
         connection.putheader('Content-Length', str(len(body or '')))
         connection.endheaders((body or '').encode())
-        with connection.getresponse() as response: return response.status
+        with connection.getresponse() as response:
+            return response.status, response.read() if whole else response.readline()
 
     def test_two_boards_pass_and_fail(self):
         """An operator scans two units, one of them wrongly at first, and sees which is good."""
@@ -178,15 +187,15 @@ class Page(unittest.TestCase):
 
     def test_refusals(self):
         """Only this page may change anything; from another machine only who has the token."""
-        address = '10.1.2.3'  # of this machine, but not its own alone
-        subprocess.run(['ip', 'address', 'replace', address + '/32', 'dev', 'lo'], check=True)
-        json_type, away = ('Content-Type', 'application/json'), {'host': f'{address}:{PAGE}', 'address': address}
-        hold = json.dumps({'place': 1, 'hold': True})
+        json_type, away = ('Content-Type', 'application/json'), {'host': f'{AWAY}:{PAGE}', 'address': AWAY}
+        hold, token = json.dumps({'place': 1, 'hold': True}), ('Authorization', 'Bearer long%41enough')
         for status, path, headers, more in (
                 (200, '/', (), {}),
                 (200, '/', (), away),
                 (404, '/nothing', (), {}),
                 (405, '/hold', (), {}),
+                (405, '/%68old', (), {}),
+                (431, '/', [('Cookie', 'x' * 20000)], {}),
                 (403, '/', (), {'host': f'evil.example:{PAGE}'}),
                 (403, '/', [('Origin', 'http://10.9.9.9')], {}),
                 (403, '/hold', [json_type, ('Origin', 'http://10.9.9.9')], {'body': hold}),
@@ -196,11 +205,56 @@ class Page(unittest.TestCase):
                 (409, '/scan', [json_type], {'body': '{"place": 1, "text": "A-1"}'}),
                 (413, '/hold', [json_type], {'body': ' ' * 20000}),
                 (401, '/hold', [json_type], {'body': hold, **away}),
-                (401, '/hold', [json_type, ('Authorization', 'Bearer long-enougH')], {'body': hold, **away}),
-                (200, '/hold', [json_type, ('Authorization', 'Bearer long-enough')], {'body': hold, **away}),
+                (200, '/hold', [json_type, token], {'body': hold, **away}),
                 (200, '/hold', [json_type, ('Origin', f'http://127.0.0.1:{PAGE}')], {'body': hold})):
             with self.subTest(path=path, headers=headers, **more):
-                self.assertEqual(self.request(path, headers, **more), status)
+                self.assertEqual(self.request(path, headers, **more)[0], status)
+
+        def change(value): return self.request('/hold', [json_type, ('Authorization', value)], hold, **away)[0]
+        self.assertEqual(change('Bearer long%41enougH'), 401)
+        self.until(lambda: change('Bearer guess') == 429)  # an address tries one a second, right ones too
+        self.until(lambda: change(token[1]) == 200)
+        self.until(lambda: f'{AWAY} sent the page a wrong token' in self.page())
+
+    def test_a_request_is_what_it_says(self):
+        """However a request asks for a file it gets this file once; however its path is written, what takes long holds
+        nobody up."""
+        plain = self.request('/page.js')
+        for headers in [('Range', 'bytes=' + ','.join(['0-'] * 1000))], [('Accept-Encoding', 'gzip')]:
+            self.assertEqual(self.request('/page.js', headers), plain)
+        attack.fill('line.db')
+        with socket.create_connection(('127.0.0.1', PAGE), PATIENCE) as slow:
+            slow.sendall(f'GET /%73ummary?since=9d HTTP/1.1\r\nHost: 127.0.0.1:{PAGE}\r\n\r\n'.encode())
+            self.assertEqual(self.request('/')[0], 200)
+            slow.setblocking(False)
+            with self.assertRaises(BlockingIOError): slow.recv(1)
+
+    def test_one_client_leaves_room_for_the_others(self):
+        """Whatever a machine does to the page, it takes a bounded part of the station, and others see and hold."""
+        for name in 'idle', 'deaf-streams', 'deaf-replies':
+            attacker, calm = attack.Attacker(attack.ATTACKS[name]), threading.Event()
+            thread = threading.Thread(target=attacker.work, args=[lambda: not calm.is_set()], daemon=True)
+            thread.start()
+            self.until(lambda: attacker.counts['connections'] > attacker.attack.connections)
+            for address in '127.0.0.1', AWAY:
+                with self.subTest(name=name, address=address):
+                    asked = {'host': f'{address}:{PAGE}', 'address': address}
+                    self.assertEqual(self.request('/', **asked)[0], 200)
+                    self.assertEqual(self.request('/events', whole=False, **asked), (200, b'retry: 1000\n'))
+                    self.assertLess(len(os.listdir(f'/proc/{self.station.pid}/fd')), 100)
+            calm.set()
+            thread.join()
+
+    def test_seven_tabs(self):
+        """A browser shows the line in as many tabs as anybody opens."""
+        first = self.browser.current_window_handle
+        for _ in range(7):
+            self.browser.switch_to.new_window('tab')
+            self.open()
+        for tab in self.browser.window_handles:
+            self.browser.switch_to.window(tab)
+            if tab != first: self.browser.close()
+        self.browser.switch_to.window(first)
 
 
 if __name__ == '__main__': unittest.main(verbosity=2, warnings='ignore')

@@ -48,8 +48,10 @@ struct Telling {
 
 // Serves browsers while there is a line to show.
 struct Showing {
-    Showing(Page *all, Line &line) : page(all) {
-        if (page != nullptr) page->start([&line](int place, bool held) { return line.hold(place, held); });
+    Showing(Page *all, Line &line, Observer &observer) : page(all) {
+        if (page == nullptr) return;
+        page->start([&line](int place, bool held) { return line.hold(place, held); },
+                    [&observer](const std::string &trouble) { observer.trouble(trouble); });
     }
     ~Showing() {
         if (page != nullptr) page->stop();
@@ -119,7 +121,7 @@ int work(const Stage &stage) {
     Outcome outcome;
     {
         const Telling telling(stage.records, observers);
-        const Showing showing(stage.page, line);
+        const Showing showing(stage.page, line, observers);
         outcome = stage.task(line);
     }
     console.say(stage.summary(outcome));

@@ -125,12 +125,12 @@ void readPageListen(PageSettings &page, const Entry &value) {
     if (inet_pton(AF_INET, page.address.c_str(), &parsed) != 1) value.fail("expected an IPv4 address before the port");
 }
 
-// It travels in a header of HTTP, where '%' begins an escape, and must not be guessed.
+// It travels in a header of HTTP, and must not be guessed.
 void readToken(PageSettings &page, const Entry &value) {
     page.token = value.line();
-    const auto fits = [](char c) { return c > ' ' && c < 0x7F && c != '%'; };
+    const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
     if (page.token.size() < 8 || !std::all_of(page.token.begin(), page.token.end(), fits)) {
-        value.fail("a token has at least 8 characters, none of them a blank or '%'");
+        value.fail("a token has at least 8 characters, none of them a blank");
     }
 }
 

@@ -15,8 +15,6 @@ constexpr size_t kLongestScan = 1024;
 
 PageReply said(int status, const Json &json) { return {status, "application/json", dump(json)}; }
 
-PageReply refused(int status, const std::string &error) { return said(status, {{"error", error}}); }
-
 PageReply outcome(const std::string &problem) {
     return problem.empty() ? said(200, {{"ok", true}}) : refused(409, problem);
 }
@@ -61,9 +59,9 @@ Page::Page(const PageSettings &settings, const std::string &store)
 
 std::string Page::url() const { return fmt::format("http://{}:{}/", address_, server_.port()); }
 
-void Page::start(Hold hold) {
+void Page::start(Hold hold, std::function<void(const std::string &trouble)> tell) {
     hold_ = std::move(hold);
-    server_.start();
+    server_.start(std::move(tell));
 }
 
 PageReply Page::scan(const PageRequest &request) {

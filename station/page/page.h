@@ -23,7 +23,8 @@ public:
     Observer &observer() { return floor_; }
     Operator &operators() { return scanner_; }
 
-    void start(Hold hold);
+    // `tell` is told, by the page's thread, what a person should look at.
+    void start(Hold hold, std::function<void(const std::string &trouble)> tell);
     // Nobody is answered, and nothing held, any more when it returns.
     void stop() { server_.stop(); }
 

@@ -1,5 +1,5 @@
 #pragma once
-// What a browser asks for and is answered.
+// What a browser asks for, and what it is answered.
 
 #include <functional>
 #include <map>
@@ -9,29 +9,35 @@
 namespace station {
 
 struct PageRequest {
-    std::string path;
-    std::map<std::string, std::string> parameters;  // of the query
+    std::string path;                               // decoded, without the query
+    std::map<std::string, std::string> parameters;  // of the query, decoded; the first of each name
     std::string body;
 };
 
 struct PageReply {
     int status = 200;
     std::string type = "text/html; charset=utf-8";
-    std::string body;
+    std::string body = {};
+    std::map<std::string, std::string> headers = {};  // besides those that every reply has
 };
+
+// A reply of JSON that says why a request is not answered: {"error": "..."}.
+PageReply refused(int status, const std::string &error, std::map<std::string, std::string> headers = {});
 
 enum class RouteKind {
-    kSlow,    // reads, and may take its time over it
+    kSlow,    // reads, and may take seconds
     kQuick,   // reads what is in memory
     kChange,  // changes something, by a POST of JSON; quick
-    kStream,  // the server's stream of events; nobody else answers
+    kStream,  // the server's own stream of events
 };
 
-// What answers at a path. Called by several threads at once; what it throws is shown as an error 500.
+// Answers the requests for one path. Called by several threads at once; an exception is shown as an error 500.
 struct Route {
     std::string path;
     std::function<PageReply(const PageRequest &)> answer;
     RouteKind kind = RouteKind::kSlow;
 };
+
+using Routes = std::map<std::string, Route, std::less<>>;  // by path
 
 }  // namespace station

@@ -1,50 +1,67 @@
 #include "station/page/server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <netinet/tcp.h>
+#include <microhttpd.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
+#include <optional>
+#include <stdexcept>
 #include <utility>
-
-#include "station/base/descriptor.h"
 
 namespace station {
 namespace {
 
-// What browsers can take together. Replies that take their time are those that may be large.
-constexpr size_t kMostConnections = 128, kMostStreams = 64, kMostSlow = 16;
-constexpr size_t kAdmitted = 32;            // at once: who has just come is heard before he can be the one to go
-constexpr size_t kSlowAnswers = 2;          // at once
-constexpr Milliseconds kForRequest{10000};  // to come, and for the next one behind it
-constexpr Milliseconds kForReply{30000};    // to be taken
-constexpr Milliseconds kForStream{10000};   // to take what has happened, or to confirm that it has
+// Connections, and replies of slow routes, which may be large: of one address, and of all other machines together. This
+// machine has as many for itself.
+constexpr size_t kOfAddress = 32, kOfAll = 96, kSlowOfAddress = 6, kSlowOfAll = 16;
+constexpr size_t kSlowThreads = 2;
+constexpr size_t kMemory = 16384;  // of a connection: a request's head has 8 kB of it at least
+constexpr size_t kLongestBody = 16384, kMostRead = 4 * kLongestBody;
+constexpr std::chrono::seconds kForRequest{10};  // to arrive, from the connection or the last reply on
+constexpr std::chrono::seconds kForReply{30};    // to be taken
+constexpr std::chrono::seconds kForEvents{10};   // to be taken
 constexpr std::chrono::hours kForEver{10000};
-constexpr Milliseconds kForGoodbye{2000};    // for the browser to close behind an error
 constexpr Milliseconds kBetweenNews{200};    // five times a second is live for people
 constexpr Milliseconds kBetweenBeats{2000};  // by which a page knows that its station lives
-constexpr Milliseconds kDescriptorPause{1000};
 constexpr int kGivesWay = 10;
 
-constexpr char kBusy[] =
-    "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 5\r\nConnection: close\r\n\r\n";
+// A page may load what this station serves and no more, and no browser keeps or guesses any of it.
+constexpr std::pair<const char *, const char *> kHeaders[] = {
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
+     "form-action 'self'; frame-ancestors 'none'; base-uri 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Cache-Control", "no-store"},
+};
 
-void giveWay() { setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kGivesWay); }
+std::string textOf(const sockaddr *address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text.data(), text.size());
+    return text.data();
+}
 
 std::string localAddress(int socket) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     getsockname(socket, reinterpret_cast<sockaddr *>(&address), &length);
-    std::array<char, INET_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
-    return text.data();
+    return textOf(reinterpret_cast<sockaddr *>(&address));
+}
+
+template <typename Work>
+std::thread startThread(Work work) {
+    return std::thread([work = std::move(work)] {
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kGivesWay);
+        work();
+    });
 }
 
 Listener listenFor(const PageSettings &settings) try {
@@ -53,30 +70,129 @@ Listener listenFor(const PageSettings &settings) try {
     throw ListenError(fmt::format("page: {}", error.what()));
 }
 
-enum class State { kReading, kAnswering, kWriting, kStreaming, kLeaving, kOver };
+PageReply answerOf(const Route &route, const PageRequest &request) try {
+    return route.answer(request);
+} catch (const std::exception &error) {
+    return refused(500, error.what());
+}
 
 }  // namespace
 
-struct PageServer::Connection {
-    uint64_t id;
-    Descriptor socket;
-    std::string address;
+// Under the server's mutex, but for the last three members: they belong to the thread that works on the request.
+struct PageServer::Client {
+    PageServer *server;
+    MHD_Connection *connection;
+    int socket;
+    std::string peer;
     Clock::time_point deadline = Clock::now() + kForRequest;
-    State state = State::kReading;
-    std::string in = {}, out = {};
-    size_t sent = 0;    // of what goes out
-    uint64_t seen = 0;  // of the feed
-    bool closes = false, streams = false;
-    bool slow = false;  // its reply is made, or taken, without haste
-    bool ready = false;
+    bool suspended = false;  // the library leaves it alone until it is resumed
+    bool slow = false;       // its reply is being made or taken, and may be large
+    bool streams = false;
+    std::string events = {};  // not taken yet
+    uint64_t seen = 0;        // of the feed
+    const Route *route = nullptr;
+    PageRequest request = {};
+    std::optional<PageReply> reply = {};
 
-    short events() const {
-        if (state == State::kAnswering) return 0;
-        return static_cast<short>((state == State::kWriting ? 0 : POLLIN) | (out.empty() ? 0 : POLLOUT));
+    void suspend() {
+        suspended = true;
+        deadline = Clock::now() + kForEver;
+        MHD_suspend_connection(connection);
     }
-    void enter(State next, Milliseconds limit) {
-        state = next;
+    void resume(std::chrono::seconds limit) {
+        if (!std::exchange(suspended, false)) return;
         deadline = Clock::now() + limit;
+        MHD_resume_connection(connection);
+    }
+};
+
+struct PageServer::Callbacks {
+    static MHD_Result admit(void *self, const sockaddr *peer, socklen_t) {
+        auto &server = *static_cast<PageServer *>(self);
+        const Lock lock(server.mutex_);
+        return server.hasRoom(textOf(peer), kOfAddress, kOfAll, false) ? MHD_YES : MHD_NO;
+    }
+
+    static void connection(void *self, MHD_Connection *connection, void **, MHD_ConnectionNotificationCode code) {
+        auto &server = *static_cast<PageServer *>(self);
+        const auto *const peer = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+        const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+        const Lock lock(server.mutex_);
+        server.clients_.erase(connection);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED)
+            server.clients_.emplace(connection, Client{&server, connection, socket, textOf(peer)});
+    }
+
+    // Called with the head, with each piece of the body, at the request's end, and when a slow reply has come.
+    static MHD_Result request(void *self, MHD_Connection *connection, const char *path, const char *method,
+                              const char *, const char *piece, size_t *size, void **known) try {
+        Client &client = clientOf(self, connection);
+        if (client.reply) return reply(client);
+        if (std::exchange(*known, &client) == nullptr) return MHD_YES;
+        std::string &body = client.request.body;
+        if (*size > 0) {
+            body.append(piece, std::exchange(*size, 0));
+            return body.size() <= kMostRead ? MHD_YES : MHD_NO;
+        }
+        client.request.path = path;
+        MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, parameter, &client.request.parameters);
+        client.server->serve(client, {method, path, localAddress(client.socket), client.peer,
+                                      header(connection, "Host"), header(connection, "Origin"),
+                                      header(connection, "Content-Type"), header(connection, "Authorization")});
+        return client.reply ? reply(client) : MHD_YES;
+    } catch (const std::exception &) {  // out of memory
+        return MHD_NO;
+    }
+
+    static void completed(void *self, MHD_Connection *connection, void **, MHD_RequestTerminationCode) {
+        Client &client = clientOf(self, connection);
+        const Lock lock(client.server->mutex_);
+        client = {client.server, connection, client.socket, client.peer};
+    }
+
+private:
+    static Client &clientOf(void *server, MHD_Connection *connection) {
+        const Lock lock(static_cast<PageServer *>(server)->mutex_);
+        return static_cast<PageServer *>(server)->clients_.at(connection);
+    }
+
+    static std::string header(MHD_Connection *connection, const char *name) {
+        const char *const value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+        return value == nullptr ? "" : value;
+    }
+
+    static MHD_Result parameter(void *parameters, MHD_ValueKind, const char *name, size_t size, const char *value,
+                                size_t length) {
+        static_cast<std::map<std::string, std::string> *>(parameters)
+            ->emplace(std::string(name, size), std::string(value == nullptr ? "" : value, length));
+        return MHD_YES;
+    }
+
+    static MHD_Result reply(Client &client) {
+        PageReply &given = *client.reply;
+        MHD_Response *const response =
+            client.streams
+                ? MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kMemory / 4, events, &client, nullptr)
+                : MHD_create_response_from_buffer(given.body.size(), given.body.data(), MHD_RESPMEM_PERSISTENT);
+        for (const auto &[name, value] : kHeaders) MHD_add_response_header(response, name, value);
+        for (const auto &[name, value] : given.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
+        MHD_add_response_header(response, "Content-Type", given.type.c_str());
+        const MHD_Result result = MHD_queue_response(client.connection, static_cast<unsigned>(given.status), response);
+        MHD_destroy_response(response);
+        const Lock lock(client.server->mutex_);
+        client.deadline = Clock::now() + kForReply;
+        return result;
+    }
+
+    // Called when the stream has taken what it was given.
+    static ssize_t events(void *context, uint64_t, char *room, size_t size) {
+        Client &client = *static_cast<Client *>(context);
+        const Lock lock(client.server->mutex_);
+        if (client.server->ends_) return MHD_CONTENT_READER_END_WITH_ERROR;
+        const size_t length = client.events.copy(room, size);
+        client.events.erase(0, length);
+        if (length == 0) client.suspend();
+        return static_cast<ssize_t>(length);
     }
 };
 
@@ -94,222 +210,129 @@ void PageServer::add(std::vector<Route> routes) {
     for (Route &route : routes) routes_[route.path] = std::move(route);
 }
 
-void PageServer::start() {
-    exchange_ = std::make_unique<Exchange>(routes_, port(), token_);
-    threads_.emplace_back([this] { work(); });
-    for (size_t i = 0; i < kSlowAnswers; ++i) threads_.emplace_back([this] { answerSlowly(); });
+void PageServer::start(std::function<void(const std::string &trouble)> tell) {
+    guard_ = std::make_unique<Guard>(port(), token_, std::move(tell));
+    startThread([this] {  // the library's thread inherits the priority of its maker
+        const int listening = fcntl(listener_.descriptor(), F_DUPFD_CLOEXEC, 0);
+        daemon_ =
+            MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME, 0, Callbacks::admit, this,
+                             Callbacks::request, this, MHD_OPTION_LISTEN_SOCKET, listening,
+                             MHD_OPTION_NOTIFY_CONNECTION, Callbacks::connection, this, MHD_OPTION_NOTIFY_COMPLETED,
+                             Callbacks::completed, this, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kMemory, MHD_OPTION_END);
+    })
+        .join();
+    if (daemon_ == nullptr) throw std::runtime_error("page: the HTTP server does not start");
+    threads_.push_back(startThread([this] { feedStreams(); }));
+    for (size_t i = 0; i < kSlowThreads; ++i) threads_.push_back(startThread([this] { answerSlowly(); }));
 }
 
 void PageServer::stop() {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         ends_ = true;
     }
-    asked_.notify_all();
-    wake();
+    asked_.notifyAll();
+    changed();
     for (std::thread &thread : threads_) thread.join();
     threads_.clear();
-    connections_.clear();
+    {
+        const Lock lock(mutex_);
+        for (auto &[connection, client] : clients_) client.resume(kForReply);
+    }
+    if (daemon_ != nullptr) MHD_stop_daemon(std::exchange(daemon_, nullptr));
 }
 
 void PageServer::changed() {
-    if (!news_.exchange(true)) wake();
+    if (!news_.exchange(true)) eventfd_write(wakeup_.descriptor(), 1);
 }
 
-void PageServer::wake() const { [[maybe_unused]] const int ignored = eventfd_write(wakeup_.descriptor(), 1); }
+// Returns true when the address may have one client more, or one more whose reply is slow.
+bool PageServer::hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const {
+    size_t same = 0, all = 0;
+    for (const auto &[connection, client] : clients_) {
+        if (slow && !client.slow) continue;
+        same += client.peer == peer ? 1 : 0;
+        all += isLoopback(client.peer) == isLoopback(peer) ? 1 : 0;
+    }
+    return same < ofAddress && all < ofAll;
+}
 
-void PageServer::work() {
-    giveWay();
-    while (!ends_) {
-        try {
-            turn();
-        } catch (const std::exception &) {  // out of memory, most likely; pages come back by themselves
-            connections_.clear();
-        }
+// Leaves a reply with the client, or suspends it until its reply has come.
+void PageServer::serve(Client &client, const RequestHead &head) {
+    const auto found = routes_.find(head.path);
+    client.route = found == routes_.end() ? nullptr : &found->second;
+    client.reply = guard_->refusal(client.route, head);
+    if (client.reply) return;
+    if (client.request.body.size() > kLongestBody) {
+        client.reply = refused(413, fmt::format("a body has at most {} bytes", kLongestBody));
+    } else if (client.route->kind == RouteKind::kSlow) {
+        askSlowly(client);
+    } else if (client.route->kind == RouteKind::kStream) {
+        client.reply = {200, "text/event-stream"};
+        const Lock lock(mutex_);
+        client.streams = true;
+        client.events = "retry: 1000\n\n";
+        changed();  // for this client all is new
+    } else {
+        client.reply = answerOf(*client.route, client.request);
     }
 }
 
-void PageServer::turn() {
-    await();
-    admit();
-    for (Connection &connection : connections_) serve(connection);
-    collectAnswers();
-    feedStreams();
-    connections_.remove_if([](const Connection &one) {
-        return one.state == State::kOver || (one.state != State::kAnswering && Clock::now() >= one.deadline);
-    });
-}
-
-// Until something can be read or written, or there is news that may be told; a second at most.
-void PageServer::await() {
-    std::vector<pollfd> polled = {{wakeup_.descriptor(), POLLIN, 0}, {listener_.descriptor(), POLLIN, 0}};
-    if (Clock::now() < pausedUntil_) polled[1].fd = -1;
-    for (Connection &one : connections_) {
-        polled.push_back({one.state == State::kAnswering ? -1 : one.socket.descriptor(), one.events(), 0});
-    }
-    const auto limit = Clock::now() + Milliseconds(1000);
-    poll(polled.data(), polled.size(), pollLimit(news_ ? std::min(limit, fed_ + kBetweenNews) : limit));
-    eventfd_t count;
-    [[maybe_unused]] const int ignored = eventfd_read(wakeup_.descriptor(), &count);
-    auto found = polled.begin() + 2;
-    for (Connection &one : connections_) one.ready = (found++)->revents != 0;
-}
-
-void PageServer::admit() {
-    for (size_t i = 0; i < kAdmitted && Clock::now() >= pausedUntil_ && makeRoom(); ++i) {
-        Descriptor socket(accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (socket.descriptor() < 0) {
-            const bool none = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
-            if (!none) pausedUntil_ = Clock::now() + kDescriptorPause;
-            return;
-        }
-        const int on = 1, limit = static_cast<int>(kForStream.count());
-        setsockopt(socket.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        setsockopt(socket.descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, sizeof limit);
-        std::string address = localAddress(socket.descriptor());
-        connections_.push_back({++connectionsMade_, std::move(socket), std::move(address)});
-        connections_.back().ready = true;
-    }
-}
-
-// Who has kept us waiting for longest goes first. False: all are in the middle of something; who comes waits.
-bool PageServer::makeRoom() {
-    if (connections_.size() < kMostConnections) return true;
-    const auto idle = std::min_element(connections_.begin(), connections_.end(), [](const auto &a, const auto &b) {
-        return std::pair(a.state != State::kReading, a.deadline) < std::pair(b.state != State::kReading, b.deadline);
-    });
-    if (idle->state != State::kReading) {
-        pausedUntil_ = Clock::now() + kBetweenNews;
-        return false;
-    }
-    connections_.erase(idle);
-    return true;
-}
-
-void PageServer::serve(Connection &connection) {
-    if (!connection.ready) return;
-    if (connection.state != State::kWriting) receive(connection);
-    if (!connection.out.empty()) send(connection);
-}
-
-void PageServer::receive(Connection &connection) {
-    std::array<char, 16384> bytes;
-    const ssize_t length = recv(connection.socket.descriptor(), bytes.data(), bytes.size(), 0);
-    if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (length <= 0) {
-        connection.state = State::kOver;
-    } else if (connection.state == State::kReading) {
-        connection.in.append(bytes.data(), static_cast<size_t>(length));
-        takeRequest(connection);
-    }
-}
-
-void PageServer::takeRequest(Connection &connection) {
-    const std::optional<size_t> size = sizeOfRequest(connection.in);
-    if (!size) return;
-    std::string request = connection.in.substr(0, *size);
-    connection.in.erase(0, *size);
-    const Route *const route = routeOf(routes_, request);
-    if (route == nullptr || route->kind != RouteKind::kSlow) {
-        return reply(connection, exchange_->answer(request, connection.address));
-    }
-    if (count(&Connection::slow) >= kMostSlow) return reply(connection, {kBusy, true, false});
-    connection.state = State::kAnswering;
-    connection.slow = true;
-    {
-        const std::lock_guard lock(mutex_);
-        tasks_.push_back({connection.id, std::move(request), connection.address});
-    }
-    asked_.notify_one();
-}
-
-size_t PageServer::count(bool Connection::*what) const {
-    const auto has = [what](const Connection &one) { return one.*what; };
-    return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), has));
-}
-
-void PageServer::reply(Connection &connection, HttpReply given) {
-    if (given.streams && count(&Connection::streams) >= kMostStreams) given = {kBusy, true, false};
-    connection.out = std::move(given.bytes);
-    connection.sent = 0;
-    connection.closes = given.closes;
-    connection.streams = given.streams;
-    if (given.streams) connection.out += "retry: 1000\n\n";
-    connection.enter(State::kWriting, kForReply);
-    send(connection);
-}
-
-void PageServer::send(Connection &connection) {
-    const ssize_t length = ::send(connection.socket.descriptor(), connection.out.data() + connection.sent,
-                                  connection.out.size() - connection.sent, MSG_NOSIGNAL);
-    if (length < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (length < 0) {
-        connection.state = State::kOver;
+void PageServer::askSlowly(Client &client) {
+    const Lock lock(mutex_);
+    if (ends_ || !hasRoom(client.peer, kSlowOfAddress, kSlowOfAll, true)) {
+        client.reply = refused(503, "The station has others to answer. Try again.", {{"Retry-After", "5"}});
         return;
     }
-    connection.sent += static_cast<size_t>(length);
-    if (connection.sent < connection.out.size()) return;
-    connection.out = {};
-    connection.sent = 0;
-    connection.slow = false;
-    if (connection.streams) {
-        if (connection.seen == 0) news_ = true;  // for this one all is new
-        connection.enter(State::kStreaming, kForEver);
-    } else if (connection.closes) {
-        shutdown(connection.socket.descriptor(), SHUT_WR);
-        connection.enter(State::kLeaving, kForGoodbye);
-    } else {
-        connection.enter(State::kReading, kForRequest);
-        takeRequest(connection);
-    }
+    client.slow = true;
+    client.suspend();
+    asking_.push_back(&client);
+    asked_.notifyOne();
 }
 
-void PageServer::collectAnswers() {
-    std::vector<std::pair<uint64_t, HttpReply>> answers;
-    {
-        const std::lock_guard lock(mutex_);
-        answers.swap(answers_);
-    }
-    for (auto &[id, given] : answers) {
-        const auto whose = std::find_if(connections_.begin(), connections_.end(),
-                                        [id = id](const Connection &one) { return one.id == id; });
-        if (whose != connections_.end()) reply(*whose, std::move(given));
-    }
-}
-
-// A page that is behind gets what has happened meanwhile at once, when it has taken what it was sent.
-void PageServer::feedStreams() {
-    const auto now = Clock::now();
-    const bool beats = now >= beat_ + kBetweenBeats;
-    if (!beats && now < fed_ + kBetweenNews) return;
-    news_ = false;
-    fed_ = now;
-    if (beats) beat_ = now;
-    for (Connection &one : connections_) {
-        if (one.state != State::kStreaming || !one.out.empty()) continue;
-        const std::string data = feed_(one.seen);
-        if (data.empty() && !beats) continue;
-        one.out = fmt::format("data: {}\n\n", data.empty() ? "{}" : data);
-        one.deadline = now + kForStream;
-        send(one);
-    }
-}
-
+// A client that is suspended stays, whatever its connection does.
 void PageServer::answerSlowly() {
-    giveWay();
-    Exchange exchange(routes_, port(), token_);
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     for (;;) {
-        asked_.wait(lock, [this] { return ends_ || !tasks_.empty(); });
+        asked_.wait(lock, [this]() REQUIRES(mutex_) { return ends_ || !asking_.empty(); });
         if (ends_) return;
-        const Task task = std::move(tasks_.front());
-        tasks_.pop_front();
+        Client &client = *asking_.front();
+        asking_.pop_front();
         lock.unlock();
-        HttpReply given = exchange.answer(task.request, task.address);
+        client.reply = answerOf(*client.route, client.request);
         lock.lock();
-        answers_.emplace_back(task.connection, std::move(given));
-        wake();
+        client.resume(kForReply);
     }
+}
+
+void PageServer::feedStreams() {
+    auto beat = Clock::now();
+    bool beats = true;
+    while (feedOnce(beats)) {
+        std::this_thread::sleep_for(kBetweenNews);
+        beats = !waitFor(wakeup_.descriptor(), POLLIN, beat);
+        if (beats) beat = Clock::now() + kBetweenBeats;
+    }
+}
+
+// Tells the streams what is new, or that the station lives, and ends the clients that are too slow. A stream that has
+// not taken the last events gets all news after these. Returns false when the server ends.
+bool PageServer::feedOnce(bool beats) try {
+    eventfd_t ignored;
+    eventfd_read(wakeup_.descriptor(), &ignored);
+    news_ = false;
+    const Lock lock(mutex_);
+    for (auto &[connection, client] : clients_) {
+        if (Clock::now() >= client.deadline) shutdown(client.socket, SHUT_RDWR);
+        if (!client.streams || !client.suspended) continue;
+        const std::string data = feed_(client.seen);
+        if (data.empty() && !beats) continue;
+        client.events = fmt::format("data: {}\n\n", data.empty() ? "{}" : data);
+        client.resume(kForEvents);
+    }
+    return !ends_;
+} catch (const std::exception &) {  // out of memory
+    return true;
 }
 
 }  // namespace station

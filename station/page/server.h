@@ -1,29 +1,33 @@
 #pragma once
-// The page's server. Its limits are its own: whoever asks, and however many they are, takes nothing of the boards'.
+// The page's HTTP server. libmicrohttpd speaks HTTP; this class says who is served, for how long, and by which thread.
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
-#include <list>
+#include <functional>
+#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "station/base/descriptor.h"
+#include "station/base/mutex.h"
 #include "station/line/line_file.h"
-#include "station/page/exchange.h"
+#include "station/page/guard.h"
+#include "station/page/reply.h"
 #include "station/wire/listener.h"
+
+struct MHD_Connection;
+struct MHD_Daemon;
 
 namespace station {
 
-// What a stream has not seen yet, as the data of an event; empty: there is nothing new. `seen` is 0 at first, and is
+// Returns what a stream has not seen yet, as the data of an event; empty: nothing is new. `seen` is 0 at first, and is
 // brought up to date.
 using Feed = std::function<std::string(uint64_t &seen)>;
 
-// One thread looks after all connections and never waits for any of them; two more answer what may take its time. All
-// give way to the boards' threads.
+// One thread looks after all connections, one feeds the streams, and two answer what may take seconds. All give way to
+// the boards' threads.
 class PageServer {
 public:
     // Listens. Throws ListenError.
@@ -32,52 +36,40 @@ public:
     PageServer(const PageServer &) = delete;
 
     uint16_t port() const { return listener_.port(); }
-    // Before the start.
+    // To be called before start().
     void add(std::vector<Route> routes);
-    void start();
+    // `tell` is called by the server's thread. Throws std::runtime_error.
+    void start(std::function<void(const std::string &trouble)> tell);
     // Ends all connections. Nobody is answered any more when it returns.
     void stop();
-    // From any thread, and as often as you like: the feed has something new.
+    // Says that the feed has something new. To be called from any thread, as often as you like.
     void changed();
 
 private:
-    struct Connection;
-    struct Task {
-        uint64_t connection;
-        std::string request, address;
-    };
+    struct Client;
+    struct Callbacks;  // what the library calls
 
-    void work();
-    void turn();
-    void await();
-    void admit();
-    bool makeRoom();
-    void serve(Connection &connection);
-    void receive(Connection &connection);
-    void takeRequest(Connection &connection);
-    size_t count(bool Connection::*what) const;  // the connections that have this
-    void reply(Connection &connection, HttpReply given);
-    void send(Connection &connection);
-    void collectAnswers();
-    void feedStreams();
+    bool hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const REQUIRES(mutex_);
+    void serve(Client &client, const RequestHead &head);
+    void askSlowly(Client &client);
     void answerSlowly();
-    void wake() const;
+    void feedStreams();
+    bool feedOnce(bool beats);
 
     Listener listener_;
     const std::string token_;
     const Feed feed_;
     Routes routes_;
-    Descriptor wakeup_;
-    std::unique_ptr<Exchange> exchange_;
-    std::list<Connection> connections_;
-    uint64_t connectionsMade_ = 0;
-    Clock::time_point pausedUntil_{}, fed_{}, beat_{};
-    std::atomic<bool> news_ = false, ends_ = false;
+    Descriptor wakeup_;  // of the thread that feeds
+    std::unique_ptr<Guard> guard_;
+    MHD_Daemon *daemon_ = nullptr;
+    std::atomic<bool> news_ = false;
 
-    std::mutex mutex_;  // of what follows
-    std::condition_variable asked_;
-    std::deque<Task> tasks_;
-    std::vector<std::pair<uint64_t, HttpReply>> answers_;
+    Mutex mutex_;
+    Condition asked_;
+    std::map<MHD_Connection *, Client> clients_ GUARDED_BY(mutex_);
+    std::deque<Client *> asking_ GUARDED_BY(mutex_);  // for slow replies
+    bool ends_ GUARDED_BY(mutex_) = false;
 
     std::vector<std::thread> threads_;
 };

@@ -276,16 +276,20 @@ function hear(event) {
     showBox();
 }
 
+// A browser makes six connections to a station, and a stream keeps one: a tab that nobody sees has none.
 function connect() {
-    if (stream) stream.close();
+    stream?.close();
     heard = now();
+    if (document.hidden) return;
     stream = new EventSource('/events');
     stream.onmessage = hear;
 }
+document.addEventListener('visibilitychange', connect);
 
 // The station is heard of every two seconds. What the browser does not notice, as a cable that was pulled, is noticed
 // here; and what it gives up is begun anew.
 setInterval(() => {
+    if (document.hidden) return;
     const silent = now() - heard;
     at('lost').hidden = stream.readyState === EventSource.OPEN && silent < 5;
     if (silent > 8 || (stream.readyState === EventSource.CLOSED && silent > 1)) connect();

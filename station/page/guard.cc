@@ -1,0 +1,89 @@
+#include "station/page/guard.h"
+
+#include <fmt/format.h>
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cctype>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "station/base/machine.h"
+#include "station/run/record_json.h"
+
+namespace station {
+namespace {
+
+// A wrong token makes its address wait, so that nobody tries more than one a second.
+constexpr std::chrono::seconds kBetweenGuesses{1};
+constexpr std::chrono::minutes kRemembered{10};
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// Constant-time comparison.
+bool same(const std::string &a, const std::string &b) {
+    return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+bool isPowerOfTen(size_t number) {
+    while (number % 10 == 0) number /= 10;
+    return number == 1;
+}
+
+bool isJson(const std::string &type) { return type == "application/json" || type.starts_with("application/json;"); }
+
+}  // namespace
+
+bool isLoopback(const std::string &address) { return address.starts_with("127."); }
+
+PageReply refused(int status, const std::string &error, std::map<std::string, std::string> headers) {
+    return {status, "application/json", dump({{"error", error}}), std::move(headers)};
+}
+
+Guard::Guard(uint16_t port, const std::string &token, std::function<void(const std::string &)> tell)
+    : port_(port), expected_("Bearer " + token), machine_(lower(hostName())), tell_(std::move(tell)) {}
+
+std::optional<PageReply> Guard::refusal(const Route *route, const RequestHead &head) {
+    if (!isOurs(head)) return refused(403, fmt::format("this page is at http://{}/ only", hostOf(head.local)));
+    if (route == nullptr) return refused(404, "there is nothing at " + head.path);
+    const bool changes = route->kind == RouteKind::kChange;
+    const bool fits = changes ? head.method == "POST" : head.method == "GET" || head.method == "HEAD";
+    const std::string allowed = changes ? "POST" : "GET, HEAD";
+    if (!fits) return refused(405, fmt::format("{} takes {}", head.path, allowed), {{"Allow", allowed}});
+    if (changes && !isJson(lower(head.type))) return refused(415, "expected application/json");
+    return changes && !isLoopback(head.peer) ? checkToken(head) : std::nullopt;
+}
+
+// Rejects cross-origin requests and DNS rebinding: the page has its own names only.
+bool Guard::isOurs(const RequestHead &head) const {
+    const std::string host = lower(head.host), origin = lower(head.origin);
+    const std::string &name = isLoopback(head.local) ? "localhost" : machine_;
+    return (host == hostOf(head.local) || host == hostOf(name)) && (origin.empty() || origin == "http://" + host);
+}
+
+std::string Guard::hostOf(const std::string &name) const {
+    return port_ == 80 ? name : fmt::format("{}:{}", name, port_);
+}
+
+std::optional<PageReply> Guard::checkToken(const RequestHead &head) {
+    const auto now = std::chrono::steady_clock::now();
+    if (head.authorization.empty()) return refused(401, "the token of the line's file is needed");
+    std::erase_if(guesses_, [&](const auto &one) { return now > one.second.last + kRemembered; });
+    const auto past = guesses_.find(head.peer);
+    if (past != guesses_.end() && now < past->second.last + kBetweenGuesses)
+        return refused(429, "The last token was wrong. Wait a second, then try again.", {{"Retry-After", "1"}});
+    if (same(head.authorization, expected_)) return std::nullopt;
+    Guesses &guesses = guesses_[head.peer];
+    guesses.last = now;
+    if (isPowerOfTen(++guesses.wrong))
+        tell_(fmt::format("{} sent the page a wrong token ({} in all). If nobody mistyped it there, find out who uses"
+                          " that machine.",
+                          head.peer, guesses.wrong));
+    return refused(401, "The token is wrong. It stands in the line's file.");
+}
+
+}  // namespace station
