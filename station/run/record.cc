@@ -64,6 +64,12 @@ std::string makeRunId(WallClock::time_point start) {
     return fmt::format("{}-{:08x}", time, std::random_device()());
 }
 
+RunRecord unfinished(RunRecord run) {
+    run.interrupted = true;
+    run.end = {};
+    return run;
+}
+
 std::string countsOf(const RunRecord &run) {
     const std::string left = run.notRun() > 0 ? fmt::format(", {} not run", run.notRun()) : "";
     return fmt::format("{} steps, {} failed{}", run.steps.size(), run.failures(), left);

@@ -19,6 +19,12 @@ struct Place {
     std::string name;  // from the line's file, or the interface's, or the number; fit for a file's name
 };
 
+// The process that made a record.
+struct Recorder {
+    std::string name;  // of its machine
+    std::string key;   // of its spool: no other process has it; empty: it records to no store
+};
+
 // A number that a step found, and what it was held to.
 struct Measurement {
     std::string name;
@@ -34,7 +40,8 @@ enum class Verdict { kNotRun, kPassed, kFailed };
 std::string_view textOf(Verdict verdict);
 
 struct StepResult {
-    std::string title;  // the step's, for people; its variables are filled in when it starts
+    std::string title;    // the step's, for people; its variables are filled in when it starts
+    std::string planned;  // the title as the plan has it, the same for every unit
     Verdict verdict = Verdict::kNotRun;
     std::string reply;                    // its text, or what the script printed, without what was cut off
     uint64_t cut = 0;                     // bytes that were cut off the reply, of which a record keeps so many
@@ -53,19 +60,21 @@ struct RunRecord {
     std::string id;  // no other run on any station has it; fit for a file's name
     std::string plan;
     Place place;
+    Recorder station;
     std::string peer;  // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one; empty: it never connected
     std::string unit;  // the variable "serial"; empty: nobody said
-    WallClock::time_point start, end;
-    Clock::time_point began;  // the start by a clock that never jumps
+    WallClock::time_point start, end;  // `end`: 0 until the run has ended
+    Clock::time_point began;           // the start by a clock that never jumps
     std::map<std::string, std::string> variables;
     std::vector<StepResult> steps;  // one for each step of the plan, from the run's start on
     std::string failure;            // what failed besides the steps; empty: nothing
-    bool interrupted = false;       // the station was stopped before the plan's end
+    bool interrupted = false;       // the station was stopped, or ended, before the plan's end
 
     void stampEnd();  // sets the end by how long the run has lasted: a clock that was set meanwhile does not matter
+    bool ended() const { return end != WallClock::time_point(); }
     size_t failures() const;  // steps that failed
     size_t notRun() const;    // steps that were not run
-    bool passed() const { return failures() + notRun() == 0 && failure.empty(); }
+    bool passed() const { return failures() + notRun() == 0 && failure.empty() && !interrupted; }
     const StepResult *firstFailed() const;  // null: none has
 };
 
@@ -80,6 +89,9 @@ std::string endLine(const RunRecord &run);
 
 // "20261121T173000.123Z-" and eight random hexadecimal digits.
 std::string makeRunId(WallClock::time_point start);
+
+// Returns the record as it is kept before the run has ended: without an end, and interrupted unless one follows.
+RunRecord unfinished(RunRecord run);
 
 // "4 steps, 1 failed", and ", 2 not run" when there are such.
 std::string countsOf(const RunRecord &run);

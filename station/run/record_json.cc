@@ -1,11 +1,37 @@
 #include "station/run/record_json.h"
 
+#include <fmt/format.h>
+
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "station/base/time.h"
 
 namespace station {
 namespace {
+
+Milliseconds duration(const Json &json) { return Milliseconds(std::llround(json.get<double>() * 1000)); }
+
+WallClock::time_point timeOf(const Json &json) {
+    const auto time = parseIsoTime(json.get<std::string>());
+    if (!time) throw std::invalid_argument(fmt::format("{} is not a time", json.dump()));
+    return *time;
+}
+
+Verdict verdictOf(const Json &json) {
+    for (const Verdict verdict : {Verdict::kNotRun, Verdict::kPassed, Verdict::kFailed}) {
+        if (json == textOf(verdict)) return verdict;
+    }
+    throw std::invalid_argument(fmt::format("{} is not a verdict", json.dump()));
+}
+
+// Returns the member's text; empty when there is none.
+std::string textIn(const Json &json, const char *name) { return json.value(name, std::string()); }
+
+std::optional<double> limitIn(const Json &json, const char *name) {
+    return json.contains(name) ? std::optional(json.at(name).get<double>()) : std::nullopt;
+}
 
 Json toJson(const Measurement &measurement) {
     Json json = {{"name", measurement.name}, {"value", measurement.value}};
@@ -14,6 +40,44 @@ Json toJson(const Measurement &measurement) {
     if (!measurement.unit.empty()) json["unit"] = measurement.unit;
     json["verdict"] = textOf(measurement.passed ? Verdict::kPassed : Verdict::kFailed);
     return json;
+}
+
+Measurement measurementOf(const Json &json) {
+    return {json.at("name"),      json.at("value"),     limitIn(json, "min"),
+            limitIn(json, "max"), textIn(json, "unit"), verdictOf(json.at("verdict")) == Verdict::kPassed};
+}
+
+StepResult stepOf(const Json &json) {
+    StepResult step;
+    step.title = json.at("title");
+    step.planned = json.value("planned", step.title);
+    step.verdict = verdictOf(json.at("verdict"));
+    step.offset = duration(json.at("offset"));
+    step.duration = duration(json.at("seconds"));
+    step.attempts = json.at("attempts");
+    step.reply = json.at("reply");
+    step.cut = json.value("cut", uint64_t(0));
+    step.failure = textIn(json, "failure");
+    step.hint = textIn(json, "hint");
+    for (const Json &measurement : json.at("measurements")) step.measurements.push_back(measurementOf(measurement));
+    return step;
+}
+
+RunRecord recordOf(const Json &json) {
+    RunRecord run;
+    run.id = json.at("id");
+    run.plan = json.at("plan");
+    run.place = {json.at("place").at("number"), json.at("place").at("name")};
+    if (json.contains("station")) run.station = {json["station"].at("name"), textIn(json["station"], "key")};
+    run.peer = json.at("peer");
+    run.unit = json.at("unit");
+    run.start = timeOf(json.at("start"));
+    if (json.contains("end")) run.end = timeOf(json["end"]);
+    run.interrupted = json.at("interrupted");
+    run.failure = textIn(json, "failure");
+    run.variables = json.at("variables").get<std::map<std::string, std::string>>();
+    for (const Json &step : json.at("steps")) run.steps.push_back(stepOf(step));
+    return run;
 }
 
 }  // namespace
@@ -27,6 +91,7 @@ Json toJson(const StepResult &step) {
                  {"seconds", inSeconds(step.duration)},
                  {"attempts", step.attempts},
                  {"reply", step.reply}};
+    if (!step.planned.empty() && step.planned != step.title) json["planned"] = step.planned;
     if (step.cut > 0) json["cut"] = step.cut;
     if (!step.failure.empty()) json["failure"] = step.failure;
     if (!step.passed() && !step.hint.empty()) json["hint"] = step.hint;
@@ -36,15 +101,12 @@ Json toJson(const StepResult &step) {
 }
 
 Json toJson(const RunRecord &run) {
-    Json json = {{"id", run.id},
-                 {"plan", run.plan},
-                 {"place", toJson(run.place)},
-                 {"peer", run.peer},
-                 {"unit", run.unit},
-                 {"start", isoTime(run.start)},
-                 {"end", isoTime(run.end)},
-                 {"verdict", textOf(run.passed() ? Verdict::kPassed : Verdict::kFailed)},
-                 {"interrupted", run.interrupted}};
+    Json json = {{"id", run.id}, {"plan", run.plan}, {"place", toJson(run.place)}};
+    if (!run.station.name.empty()) json["station"] = {{"name", run.station.name}, {"key", run.station.key}};
+    json.update({{"peer", run.peer}, {"unit", run.unit}, {"start", isoTime(run.start)}});
+    if (run.ended()) json["end"] = isoTime(run.end);
+    json["verdict"] = textOf(run.passed() ? Verdict::kPassed : Verdict::kFailed);
+    json["interrupted"] = run.interrupted;
     if (!run.failure.empty()) json["failure"] = run.failure;
     json["variables"] = run.variables;
     json["steps"] = Json::array();
@@ -55,5 +117,11 @@ Json toJson(const RunRecord &run) {
 std::string dump(const Json &json, int indent) { return json.dump(indent, ' ', false, Json::error_handler_t::replace); }
 
 std::string dump(const RunRecord &run, int indent) { return dump(toJson(run), indent); }
+
+RunRecord parseRecord(const std::string &text) try {
+    return recordOf(Json::parse(text));
+} catch (const std::exception &error) {
+    throw std::runtime_error(fmt::format("this is not the record of a run: {}", error.what()));
+}
 
 }  // namespace station

@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <pugixml.hpp>
 #include <sstream>
 #include <string>
@@ -18,6 +21,8 @@ namespace station {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr uint64_t kRoom = 256 << 10;  // bytes that a disk has left when no more boards are taken
 
 std::string logOf(const RunRecord &run) {
     std::string log = fmt::format("plan {}, place {}, {}, {}\n", run.plan, run.place.name,
@@ -44,7 +49,7 @@ std::string reportOf(const RunRecord &run) {
     suite.append_attribute("tests") = run.steps.size() + 1;
     suite.append_attribute("failures") = run.failures() + (run.failure.empty() ? 0 : 1);
     suite.append_attribute("skipped") = run.notRun();
-    suite.append_attribute("time") = fmt::format("{:.3f}", inSeconds(run.end - run.start)).c_str();
+    suite.append_attribute("time") = fmt::format("{:.3f}", run.ended() ? inSeconds(run.end - run.start) : 0).c_str();
     suite.append_attribute("timestamp") = isoTime(run.start).c_str();
     suite.append_attribute("hostname") = run.peer.c_str();
     addCase(suite, "0 the run", std::chrono::milliseconds(0), run.failure);
@@ -76,8 +81,15 @@ fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extens
     return folder / fmt::format("{}-{}-{}{}", run.plan, run.id, run.place.name, extension);
 }
 
-void writeRecord(const fs::path &folder, RunRecord run, bool durable) {
-    run.interrupted = true;
+// Returns nothing when there is no such file, or it is not a record, as after a power cut.
+std::optional<RunRecord> readRecord(const fs::path &path) try {
+    std::ifstream file(path);
+    return parseRecord({std::istreambuf_iterator<char>(file), {}});
+} catch (const std::runtime_error &) {
+    return std::nullopt;
+}
+
+void writeRecord(const fs::path &folder, const RunRecord &run, bool durable) {
     writeWhole(fileOf(folder, run, ".json"), dump(run, 2) + "\n", durable);
     if (durable) syncFolder(folder);
 }
@@ -85,18 +97,28 @@ void writeRecord(const fs::path &folder, RunRecord run, bool durable) {
 }  // namespace
 
 void writeResult(const fs::path &folder, const RunRecord &run) {
-    writeWhole(fileOf(folder, run, ".json"), dump(run, 2) + "\n", true);
+    writeRecord(folder, run, true);
     writeWhole(fileOf(folder, run, ".log"), logOf(run), false);
     writeWhole(fileOf(folder, run, ".xml"), reportOf(run), false);
     syncFolder(folder);
+}
+
+std::string fullness(const fs::path &folder) {
+    struct statvfs disk {};
+    const std::string name = folder.empty() ? "." : folder.string();
+    if (::access(name.c_str(), W_OK | X_OK) != 0 || ::statvfs(name.c_str(), &disk) != 0) {
+        return describeError("cannot write to " + name);
+    }
+    if (disk.f_bavail * disk.f_frsize >= kRoom && (disk.f_files == 0 || disk.f_favail > 0)) return {};
+    return fmt::format("the disk of {} is full: make room there", name);
 }
 
 FileRecords::FileRecords(fs::path folder) : folder_(std::move(folder)) {
     std::error_code error;
     fs::create_directories(folder_, error);
     if (error) throw RecordsError(fmt::format("cannot make {}: {}", folder_.string(), error.message()));
-    const std::string why = FileRecords::away();
-    if (!why.empty()) throw RecordsError(why);
+    if (::access(folder_.c_str(), W_OK | X_OK) != 0)
+        throw RecordsError(describeError("cannot write to " + folder_.string()));
 }
 
 std::string FileRecords::away() try {
@@ -105,16 +127,15 @@ std::string FileRecords::away() try {
         writeResult(folder_, unwritten_.begin()->second);
         unwritten_.erase(unwritten_.begin());
     }
-    NewFile(folder_ / "probe").write(std::string(65536, ' '));  // gone again, as it is not kept
-    return {};
-} catch (const std::runtime_error &error) {
+    return fullness(folder_);
+} catch (const RecordsError &error) {
     return error.what();
 }
 
-void FileRecords::begins(const RunRecord &run) { writeRecord(folder_, run, true); }
+void FileRecords::begins(const RunRecord &run) { writeRecord(folder_, unfinished(run), true); }
 
 void FileRecords::stepEnded(const RunRecord &run, size_t) try {
-    writeRecord(folder_, run, false);
+    writeRecord(folder_, unfinished(run), false);
 } catch (const RecordsError &) {  // the whole record is written again at the end
 }
 
@@ -122,6 +143,22 @@ void FileRecords::ends(const RunRecord &run) try { writeResult(folder_, run); } 
     const std::lock_guard lock(mutex_);
     unwritten_[run.id] = run;
     throw;
+}
+
+std::optional<RunRecord> FileRecords::find(const RunRecord &run) const {
+    return readRecord(fileOf(folder_, run, ".json"));
+}
+
+std::vector<RunRecord> FileRecords::left(const std::set<std::string> &keys) const {
+    std::vector<RunRecord> left;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(folder_, error)) {
+        fs::path path = entry.path();
+        if (path.extension() != ".json" || fs::exists(path.replace_extension(".log"))) continue;
+        const auto run = readRecord(entry.path());
+        if (run && keys.contains(run->station.key)) left.push_back(*run);
+    }
+    return left;
 }
 
 }  // namespace station

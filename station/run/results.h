@@ -5,7 +5,10 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "station/run/records.h"
 
@@ -15,20 +18,32 @@ namespace station {
 // Throws RecordsError.
 void writeResult(const std::filesystem::path &folder, const RunRecord &run);
 
-// Keeps each run as files in a folder. A run that has begun has its record there, as interrupted until it ends.
+// Returns why the folder cannot take more: it is gone, read-only or almost full. Empty: it can. Writes nothing.
+std::string fullness(const std::filesystem::path &folder);
+
+// Keeps each run as files in a folder. A run that has begun has its record there, unfinished (record.h) until it ends;
+// the .log follows the last record, so that a record without a .log is one of a run in work, or of one that its process
+// has left.
 class FileRecords : public Records {
 public:
-    // Makes the folder, if need be, and makes sure that files can be written there. Throws RecordsError.
+    // Makes the folder if needed. Throws RecordsError when this process may not write there; a disk that is full may
+    // have room later.
     explicit FileRecords(std::filesystem::path folder);
+
     std::string away() override;
     void begins(const RunRecord &run) override;
     void stepEnded(const RunRecord &run, size_t step) override;
     void ends(const RunRecord &run) override;
 
+    // Returns the record that is kept of the run; nothing: there is none, or it cannot be read.
+    std::optional<RunRecord> find(const RunRecord &run) const;
+    // Returns the records without a .log of the stations with these keys.
+    std::vector<RunRecord> left(const std::set<std::string> &keys) const;
+
 private:
-    std::filesystem::path folder_;
+    const std::filesystem::path folder_;
     std::mutex mutex_;
-    std::map<std::string, RunRecord> unwritten_;  // ended, but the folder was full or gone
+    std::map<std::string, RunRecord> unwritten_;  // by ID: ended, but the folder was full or gone
 };
 
 }  // namespace station

@@ -311,7 +311,7 @@ RunRecord newRun(const Plan &plan, const Place &place) {
     run.place = place;
     for (const Step &step : plan.steps) {
         StepResult &result = run.steps.emplace_back();
-        result.title = step.title();
+        result.title = result.planned = step.title();
         result.hint = step.hint;
         result.show = step.show;
     }
