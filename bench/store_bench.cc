@@ -216,8 +216,7 @@ void bench(const std::string &store, int runs) {
     report("a value of 30 days in 500 groups", [&] { readingGroups(database, month, "line", "volts 1", 500); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
-    StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool",
-                         std::make_unique<Records>());
+    StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool", nullptr);
     report("records of a board", [&] { record(records, 1); });
     report("records of 64 boards at once", [&] { recordBoards(records, kBoards); });
     compareLines(records, Milliseconds(1200));

@@ -1,14 +1,19 @@
 #!/usr/bin/python3
 """usage: tests/store_chaos.py BUILD SQLite|PostgreSQL
 
-Stations that share a store serve boards over real sockets, while they are killed at any moment and the store goes away
-again and again. Afterwards the boards' own account and the stations' events must agree with the store. CHAOS says how
-many stations, boards of each, kills and absences; '8 64 200 10' takes some minutes.
+Stations that share a store serve boards over real sockets, while they are killed at any moment, the store goes away and
+the disks of results and spool are full again and again. Afterwards the boards' own account, the stations' events, the
+store and the result files must agree, run by run. CHAOS says how many stations, boards of each, kills and absences;
+'8 64 200 10' takes some minutes.
 """
 import asyncio, collections, csv, glob, json, os, random, shutil, signal, socket, sqlite3, subprocess, sys, tempfile
 
 QCSTATION, SHARED = os.path.abspath(sys.argv[1]) + '/qcstation', sys.argv[2] == 'PostgreSQL'
 STATIONS, BOARDS, KILLS, ABSENCES = map(int, os.environ.get('CHAOS', '2 6 5 1').split())
+DISKS = not (SHARED and os.getuid())  # that can be filled: mounts of its own, within which only root has a server
+if DISKS and 'CHAOS_INSIDE' not in os.environ:
+    os.environ['CHAOS_INSIDE'] = 'yes'
+    os.execvp('unshare', ['unshare', '-m', *(['-r'] if os.getuid() else []), sys.executable, *sys.argv])
 SERVER = os.path.dirname(os.path.abspath(__file__)) + '/postgresql'
 PLAN = '''- {send: INFO, match: '^INFO (?P<serial>S[0-9]+)$', required: true}
 - {send: 'MAC {mac}', expect: MAC 4}
@@ -19,7 +24,7 @@ os.chmod(folder, 0o755)  # the server is not root
 store = f'postgresql:///postgres?host={folder}/server&user=station' if SHARED else folder + '/line.db'
 with socket.create_server(('127.0.0.1', 0)) as free: port = free.getsockname()[1]
 Visit = collections.namedtuple('Visit', 'serial peer commands')
-visits, stations, database, over = [], {}, None, False  # of the visits those that became runs
+visits, stations, begun, database, over = [], {}, {}, None, False  # of the visits those that became runs
 
 
 def ask(sql):
@@ -41,10 +46,27 @@ def come_back():
     if SHARED: database = subprocess.Popen([SERVER, folder + '/server'])
 
 
+def fill(number, disk):
+    with open(f'{folder}/{number}/{disk}/fill', 'wb') as file:
+        end = 0
+        for size in (1 << 20, 1 << 12):
+            try:
+                while DISKS: end += os.posix_fallocate(file.fileno(), end, size) or size
+            except OSError: pass
+
+
+def empty(number, disk): os.unlink(f'{folder}/{number}/{disk}/fill')
+
+
 def begin(number):
     with open(f'{folder}/{number}/events', 'a') as events, open(f'{folder}/{number}/said', 'a') as said:
+        begun[number] = events.tell()
         stations[number] = subprocess.Popen([QCSTATION, 'serve', '--json', 'line.yaml'], cwd=f'{folder}/{number}',
                                             stdout=events, stderr=said)
+
+
+def serves(number):
+    with open(f'{folder}/{number}/events') as events: return 'board_connects' in events.read()[begun[number]:]
 
 
 async def board(here, there):
@@ -72,19 +94,41 @@ async def chaos():
     for kill in range(KILLS):
         await asyncio.sleep(random.uniform(0, 0.8))
         moment = kill % (KILLS // ABSENCES)
+        if moment == 0:
+            poor = random.choice(list(stations))
+            fill(poor, 'results')
         if moment == 1:
             await asyncio.to_thread(go_away)
+            fill(poor, 'spool')
             await asyncio.sleep(random.uniform(0, 4))
         victim = random.choice(list(stations))
         stations[victim].kill()
         stations[victim].wait()
         begin(victim)
-        if moment == 3: come_back()
+        if moment == 3:
+            come_back()
+            empty(poor, 'spool')
+        if moment == 4: empty(poor, 'results')
     enough = len(visits) + 2 * len(boards)
-    while len(visits) < enough: await asyncio.sleep(0.1)
+    while len(visits) < enough or not all(map(serves, stations)): await asyncio.sleep(0.1)
     over = True
     for station in stations.values(): station.terminate()
     await asyncio.gather(*boards, *(asyncio.to_thread(station.wait) for station in stations.values()))
+
+
+def judge_files(verdicts, steps):
+    """Store and result files are about the same runs, and say the same of each."""
+    left = dict(verdicts)
+    for name in glob.glob(folder + '/*/results/*.json'):
+        with open(name) as file: record = json.load(file)
+        verdict = 'interrupted' if record['interrupted'] else record['verdict']
+        ended = sum(step['verdict'] != 'not run' or 'end' in record for step in record['steps'])
+        assert left.pop(record['id'], None) == verdict, f'{name}: {verdict}, not {verdicts.get(record["id"])}'
+        assert steps[record['id']] == str(ended), f'{name}: {ended} steps, not {steps[record["id"]]}'
+        assert os.path.exists(name[:-4] + 'log') and os.path.exists(name[:-4] + 'xml'), f'{name}: no log'
+    assert set(left.values()) <= {'interrupted'}, f'without a file: {left}'  # they never got a command
+    kept = [name for name in glob.glob(folder + '/*/spool/*') if not name.endswith('.spool')]
+    assert not kept, f'in the spool: {kept}'
 
 
 def judge():
@@ -108,6 +152,7 @@ def judge():
         assert verdicts.get(event.get('run'), '') or 'run' not in event, f'not recorded: {event}'
         verdict = 'interrupted' if event.get('interrupted') else event.get('verdict')
         assert event['event'] != 'board_ends' or verdicts[event['run']] == verdict, f'recorded otherwise: {event}'
+    judge_files(verdicts, {row[0]: row[3] for row in rows})
     tally = collections.Counter(verdicts.values())
     print(f'{len(visits)} visits, {len(sent)} units; runs: {dict(tally)}, events: {dict(told)}')
     assert len(owners) == len(given) and all(row[3] == '3' for row in rows if row[1] == 'passed')
@@ -122,13 +167,17 @@ try:
     subprocess.run([QCSTATION, 'store', 'upgrade', '--store', store], check=True)
     subprocess.run([QCSTATION, 'pool', 'add', '--store', store, '02:00:00:00:00:00', '02:00:00:0F:FF:FF'], check=True)
     for number in range(1, STATIONS + 1):
-        os.mkdir(f'{folder}/{number}')
+        for disk in ('results', 'spool'):
+            os.makedirs(f'{folder}/{number}/{disk}')
+            if DISKS: subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=32m', 'disk', f'{folder}/{number}/{disk}'], check=True)
         with open(f'{folder}/{number}/plan.yaml', 'w') as file: file.write(PLAN)
         with open(f'{folder}/{number}/line.yaml', 'w') as file:
-            file.write(f'{{listen: "127.0.{number}.1:{port}", places: {BOARDS}, plan: plan.yaml, store: "{store}"}}')
+            file.write(f'{{listen: "127.0.{number}.1:{port}", places: {BOARDS}, plan: plan.yaml, store: "{store}", '
+                       'results: results, spool: spool}')
         begin(number)
     asyncio.run(chaos())
     judge()
+    for disk in glob.glob(folder + '/*/*/') if DISKS else []: subprocess.run(['umount', disk], capture_output=True)
     shutil.rmtree(folder)
 finally:
     for process in [*stations.values()] + ([database] if SHARED else []):

@@ -1,128 +1,23 @@
-// The store on both of its databases. PostgreSQL is Debian's, in a folder and on a socket of its own.
+// The store on both of its databases.
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
 #include <regex>
-#include <thread>
 
 #include "station/store/format.h"
 #include "station/store/load.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
-#include "station/store/store_records.h"
+#include "tests/store_fixture.h"
 
 namespace station {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-pid_t start(const std::function<void()> &work) {
-    const pid_t child = ::fork();
-    if (child == 0) work();
-    return child;
-}
-
-void finish(pid_t process, int signal) {
-    ::kill(process, signal);
-    ::waitpid(process, nullptr, 0);
-}
-
-std::string refusal(const std::function<void()> &call) try {
-    return call(), "";
-} catch (const std::runtime_error &error) {
-    return error.what();
-}
-
-std::string contentOf(const fs::path &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// A database that can be stopped, and a folder for it that is gone with it.
-class Store : public testing::TestWithParam<const char *> {
-protected:
-    void SetUp() override {
-        std::string name = "/tmp/store-XXXXXX";
-        folder_ = ::mkdtemp(name.data());
-        shared_ = std::string(GetParam()) == "PostgreSQL";
-        store_ = shared_ ? fmt::format("postgresql:///postgres?host={}&user=station", name) : name + "/line.db";
-        comeBack();
-    }
-    void TearDown() override {
-        if (shared_ && server_) goAway();
-        fs::remove_all(folder_);
-    }
-
-    // Of SQLite, a stranger takes the file for himself.
-    void goAway() {
-        if (shared_) return finish(std::exchange(server_, 0), SIGINT);
-        stranger_ = std::make_unique<Database>(store_);
-        while (!refusal([&] { stranger_->run("BEGIN EXCLUSIVE"); }).empty()) continue;
-    }
-    void comeBack() {
-        stranger_.reset();
-        const auto serve = [this] { ::execl(SOURCES "/tests/postgresql", "postgresql", folder_.c_str(), nullptr); };
-        if (shared_) server_ = start(serve);
-        for (int i = 0; i < 600 && !refusal([&] { Database(store_).run("SELECT 1"); }).empty(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-    }
-    std::unique_ptr<StoreRecords> station() {
-        auto records = std::make_unique<StoreRecords>(store_, folder_ / "spool", std::make_unique<Records>());
-        records->tell([this](const std::string &text) { said_ = text; });
-        return records;
-    }
-
-    fs::path folder_;
-    std::string store_, said_;
-    bool shared_ = false;
-    pid_t server_ = 0;
-    std::unique_ptr<Database> stranger_;
-};
 INSTANTIATE_TEST_SUITE_P(, Store, testing::Values("SQLite", "PostgreSQL"),
                          [](const auto &store) { return store.param; });
-
-RunRecord runOf(const std::string &serial) {
-    RunRecord run;
-    run.start = run.end = WallClock::time_point(std::chrono::floor<std::chrono::milliseconds>(WallClock::now()));
-    run.id = makeRunId(run.start);
-    run.plan = "line";
-    run.place = {3, "left"};
-    run.unit = serial;
-    run.steps.resize(2);
-    run.steps[0].title = "PING";
-    run.steps[1].title = "MAC {mac}";
-    return run;
-}
-
-void endSteps(Records &records, RunRecord &run, std::vector<Verdict> verdicts, double volts = 2) {
-    for (size_t i = 0; i < verdicts.size(); ++i) {
-        run.steps[i].verdict = verdicts[i];
-        run.steps[i].title += " of " + run.unit;  // its variables filled in
-        run.steps[i].reply = std::string("no \xFF text\0", 10);
-        run.steps[i].measurements = {{"volts", volts, 1, 3, "V", true}};
-        records.stepEnded(run, i);
-    }
-    records.ends(run);
-}
-
-std::vector<std::string> cells(const Table &table, size_t row) {
-    std::vector<std::string> texts;
-    for (const Value &cell : table.rows.at(row)) {
-        texts.push_back(cell.value_or("-"));  // where one database says 50, the other may say 50.0
-        if (texts.back().ends_with(".0")) texts.back().resize(texts.back().size() - 2);
-    }
-    return texts;
-}
 
 TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     Database database(store_);

@@ -140,8 +140,9 @@ std::vector<Listener> listenAt(const std::string &address, uint16_t port, const 
 
 std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,
                                    const std::filesystem::path &spool) {
-    auto files = folder.empty() ? std::make_unique<Records>() : std::make_unique<FileRecords>(folder);
-    if (store.empty()) return files;
+    auto files = folder.empty() ? nullptr : std::make_unique<FileRecords>(folder);
+    if (store.empty() && files) return files;
+    if (store.empty()) return std::make_unique<Records>();
     return std::make_unique<StoreRecords>(store, spool.empty() ? defaultSpool(store) : spool, std::move(files));
 }
 

@@ -68,6 +68,12 @@ bool isOfStep(const RunRecord &run, const std::string &failure) {
     });
 }
 
+std::map<std::string, std::string> variablesOf(const std::string &json) try {
+    return nlohmann::json::parse(json).get<std::map<std::string, std::string>>();
+} catch (const nlohmann::json::exception &error) {
+    throw Refusal(fmt::format("its variables are not a JSON object of texts: {}", error.what()));
+}
+
 }  // namespace
 
 std::vector<std::string> runNames(Database &database, const Period &period) {
@@ -82,7 +88,8 @@ std::vector<std::string> runNames(Database &database, const Period &period) {
 RunRecord loadRun(Database &database, const std::string &name) {
     const Table found = database.ask(
         "SELECT r.id, r.plan, r.place, r.place_name, r.peer, u.serial, r.started, r.ended, r.variables, r.failure,"
-        " r.verdict FROM runs r LEFT JOIN units u ON u.id = r.unit WHERE r.run = $1",
+        " r.verdict, s.name, s.key FROM runs r JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit"
+        " WHERE r.run = $1",
         {name});
     if (found.empty()) throw Refusal(fmt::format("the store knows no run \"{}\"", name));
     const auto &row = found.rows[0];
@@ -93,9 +100,10 @@ RunRecord loadRun(Database &database, const std::string &name) {
     run.peer = textOf(row[4]);
     run.unit = textOf(row[5]);
     run.start = timeOf(row[6]);
-    run.end = row[7] ? timeOf(row[7]) : run.start;  // nobody saw the end of an interrupted one
-    run.variables = nlohmann::json::parse(textOf(row[8])).get<std::map<std::string, std::string>>();
+    run.end = timeOf(row[7]);
+    run.variables = variablesOf(textOf(row[8]));
     run.interrupted = row[10] == "interrupted";
+    run.station = {textOf(row[11]), textOf(row[12])};
     loadSteps(database, row[0], run);
     loadMeasurements(database, row[0], run);
     if (!isOfStep(run, textOf(row[9]))) run.failure = textOf(row[9]);

@@ -1,46 +1,81 @@
 #pragma once
-// What a process could not write to the store yet, on this machine's disk: a line each in a file that is the process's
-// own for as long as it lives. What a dead one left behind is found by the next.
+// The records of runs that have ended and that the store could not take yet, on this machine's disk. Several processes
+// may share the folder; each has a key, under which the store knows it too.
+//
+//     Spool spool("/var/lib/qcstation/spool", say);
+//     spool.reserve(run.id);                   // before the board's first command
+//     spool.keep(run);                         // the store is away: on the disk when this returns
+//     for (const RunRecord &late : spool.kept()) { save(database, late); spool.forget(late.id); }
+//
+// | file           | content                                                                                |
+// |----------------|----------------------------------------------------------------------------------------|
+// | KEY.spool      | nothing; its lock is held by the process whose key it is, for as long as that lives     |
+// | KEY-ID.room    | blocks that are reserved for the record of a run in work                               |
+// | KEY-ID.json    | the record of a run, as in a result file                                               |
+// | KEY-ID.refused | what cannot be read, or what the store refuses; `qcstation store replay` tries it again |
 
 #include <filesystem>
-#include <memory>
+#include <functional>
+#include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "station/run/record.h"
+
 namespace station {
 
-// Every call throws StoreError when the disk does not do what it shall.
+// Every call may come from any thread, and throws RecordsError when the disk does not do what it should.
 class Spool {
 public:
-    // Takes the file, or makes it.
-    explicit Spool(const std::filesystem::path &path);
+    using Say = std::function<void(const std::string &)>;
+
+    // Makes the folder if needed, and takes over every key in it that no living process holds; makes a key when there
+    // is none. `say` is told of files that are set aside.
+    Spool(std::filesystem::path folder, Say say);
     ~Spool();
     Spool(const Spool &) = delete;
     Spool &operator=(const Spool &) = delete;
 
-    bool mine() const { return mine_; }               // no living process has it but this one
-    std::string key() const { return path_.stem(); }  // no other file on any machine has it
-    const std::filesystem::path &path() const { return path_; }
+    std::string key() const;  // of this process
+    // All that this process answers for: its own key and those that dead processes have left.
+    std::set<std::string> keys() const;
+    // Gives a key up, since another machine holds it, too. After the last one the process has a new one.
+    void surrender(const std::string &key);
 
-    // Whole lines that are kept, and where they end.
-    std::vector<std::string> lines(off_t &end) const;
-    // Returns when the lines are on the disk; when it throws, none of them is.
-    void append(const std::vector<std::string> &lines);
-    // Forgets everything, unless more than up to `end` has been kept meanwhile.
-    void clear(off_t end);
+    // Sets blocks aside for the record of the run, so that keep() works on a full disk. Nothing, when they are there.
+    void reserve(const std::string &id);
+    // Keeps the record durably, instead of one of the same run.
+    void keep(const RunRecord &run);
+    // Gives back what is kept and reserved for the run.
+    void forget(const std::string &id);
+    // Keeps the record as one that the store refuses. Returns the file.
+    std::filesystem::path refuse(const RunRecord &run);
+
+    // Returns why no more can be kept: the folder is gone, read-only or full. Empty: it can. Writes nothing.
+    std::string away() const;
+    // Returns the records that wait; needs no disk when there is none. What cannot be read is set aside as refused, and
+    // said.
+    std::vector<RunRecord> kept();
 
 private:
-    void endTornLine() const;
-    void reserve() const;
+    std::filesystem::path pathOf(const std::string &id, const char *extension) const;
+    void lockNew();
+    void adopt(const std::filesystem::path &path);
+    void setAside(const std::filesystem::path &path, const std::string &why);
 
-    std::filesystem::path path_;
-    int file_;
-    bool mine_;
-    mutable std::mutex mutex_;
+    const std::filesystem::path folder_;
+    const Say say_;
+    mutable std::mutex mutex_;                    // of what follows
+    std::map<std::string, int> locks_;            // descriptors by key
+    std::string key_;                             // of locks_, this process's own
+    std::map<std::string, std::string> waiting_;  // file names without extension, by the run's ID
 };
 
-// All of the folder that no living process has; a new one when there is none.
-std::vector<std::unique_ptr<Spool>> takeSpools(const std::filesystem::path &folder);
+// Plays the records of the folder that were refused again. `take` throws what is wrong with one, which stays; the
+// others are removed. Returns how many were taken.
+size_t replay(const std::filesystem::path &folder, const std::function<void(const RunRecord &)> &take,
+              const Spool::Say &say);
 
 }  // namespace station

@@ -3,59 +3,44 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <memory>
-#include <nlohmann/json.hpp>
+#include <exception>
+#include <utility>
 
 #include "station/base/machine.h"
-#include "station/base/time.h"
+#include "station/store/mend.h"
 #include "station/store/pool.h"
+#include "station/store/save.h"
 
 namespace station {
 namespace {
 
-constexpr std::chrono::seconds kSilence{30};  // of a living process, at most
+using Seconds = std::chrono::seconds;
 
-Value words(const std::string &value) { return text(value).value_or(""); }
-Value words(std::string_view value) { return words(std::string(value)); }
-Value limit(const std::optional<double> &value) { return value ? number(*value) : std::nullopt; }
+constexpr Seconds kHeartbeat{5};     // between two signs of life while a board is in work
+constexpr Seconds kSilence{30};      // of a living process with a board in work, at most
+constexpr Seconds kGone{24 * 3600};  // a station that was not seen for so long runs nothing any more
+constexpr Seconds kGhost{15};        // after which a server has noticed that a connection is dead
 
-std::string verdictOf(const RunRecord &run) {
-    if (run.interrupted) return "interrupted";
-    return run.passed() ? "passed" : "failed";
+// Returns the time in SQL by the store's own clock, as the clocks of stations differ.
+std::string clockOf(const Database &database) {
+    return database.shared() ? "CURRENT_TIMESTAMP" : "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')";
 }
 
-size_t firstFailed(const RunRecord &run) {
-    const auto failed = std::find_if(run.steps.begin(), run.steps.end(),
-                                     [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
-    return size_t(failed - run.steps.begin());
+// Returns SQL for: the station s was seen in the last so many seconds.
+std::string wasSeen(const Database &database, Seconds ago) {
+    return database.shared()
+               ? fmt::format("s.seen > CURRENT_TIMESTAMP - interval '{} seconds'", ago.count())
+               : fmt::format("s.seen > strftime('%Y-%m-%dT%H:%M:%fZ', 'now', '-{} seconds')", ago.count());
 }
 
-void addStep(Statements &statements, const RunRecord &run, size_t index) {
-    const StepResult &step = run.steps[index];
-    const Value at = number(index + 1);
-    statements.push_back({"step",
-                          {run.id, at, words(step.title), words(textOf(step.verdict)), text(step.reply),
-                           number(step.cut), text(step.failure), text(step.hint), number(inSeconds(step.offset)),
-                           number(inSeconds(step.duration)), number(step.attempts)}});
-    for (const Measurement &found : step.measurements) {
-        statements.push_back({"measurement",
-                              {run.id, at, words(found.name), number(found.value), limit(found.min), limit(found.max),
-                               text(found.unit), found.passed ? "passed" : "failed"}});
-    }
-}
-
-// Where another process, which is heard of, has the unit in work; empty: nowhere. The update changes nothing: unlike a
-// question it is planned once, and counts.
+// Returns where another process, which was heard of lately, has the unit in work; empty: nowhere.
 std::string otherPlace(Database &database, const std::string &serial, const std::string &key) {
-    const std::string other = " FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
-                              " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND s.seen > $3";
-    const std::vector<Value> values = {serial, key, isoTime(WallClock::now() - kSilence)};
-    if (database.run("UPDATE stations SET seen = seen WHERE key = $2 AND EXISTS (SELECT 1" + other + ")", values) ==
-        0) {
-        return {};
-    }
-    const Table found = database.ask("SELECT r.place_name, s.name" + other, values);
-    return fmt::format("place {} of the station {}", *found.rows.at(0)[0], *found.rows[0][1]);
+    const Table found = database.ask(
+        "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
+        " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
+            wasSeen(database, kSilence),
+        {serial, key});
+    return found.empty() ? "" : fmt::format("place {} of the station {}", *found.rows[0][0], *found.rows[0][1]);
 }
 
 // The serial number of one product must not pass for that of another: the label may be the wrong one.
@@ -63,14 +48,16 @@ struct OtherProduct : Refusal {
     using Refusal::Refusal;
 };
 
-void refuseOtherProduct(Database &database, const std::string &serial, const std::string &product) {
-    const Table found =
-        database.ask("SELECT product FROM units WHERE serial = $1 AND product <> $2", {serial, text(product)});
+void refuseOtherProduct(Database &database, const RunRecord &run) {
+    const auto product = run.variables.find("product");
+    if (product == run.variables.end() || product->second.empty()) return;
+    const Table found = database.ask("SELECT product FROM units WHERE serial = $1 AND product <> $2",
+                                     {text(run.unit), text(product->second)});
     if (found.empty()) return;
     throw OtherProduct(
         fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check"
                     " the label. Products that count alike need the product in their serial numbers",
-                    serial, *found.rows[0][0], product));
+                    run.unit, *found.rows[0][0], product->second));
 }
 
 template <typename Call>
@@ -85,15 +72,12 @@ auto asRecordsError(Call &&call) {
 }  // namespace
 
 StoreRecords::StoreRecords(const std::string &store, const std::filesystem::path &spool,
-                           std::unique_ptr<Records> beside)
-    : beside_(std::move(beside)),
-      writer_(asRecordsError([&] { return takeSpools(spool); }), store, hostName(),
-              [this](const std::string &trouble) { say(trouble); }) {}
-
-std::string StoreRecords::away() {
-    const std::string why = writer_.away();
-    return why.empty() ? beside_->away() : why;
-}
+                           std::unique_ptr<FileRecords> files)
+    : machine_(hostName()),
+      files_(std::move(files)),
+      spool_(spool, sayer()),
+      writer_(
+          store, [this](Database &database, bool fresh) { greet(database, fresh); }, sayer()) {}
 
 void StoreRecords::tell(const std::function<void(const std::string &)> &trouble) {
     const std::lock_guard lock(mutex_);
@@ -108,89 +92,143 @@ void StoreRecords::say(const std::string &trouble) {
     trouble_(trouble);
 }
 
-// The unit, which may become known at any time of a run, and the run as it is now.
-Statements StoreRecords::runOf(const RunRecord &run, const std::string &verdict) {
-    const bool over = verdict != "running";
-    const auto product = run.variables.find("product");
-    const size_t failed = firstFailed(run);
-    const bool fails = failed < run.steps.size();
-    nlohmann::json variables = nlohmann::json::object();
-    for (const auto &[name, value] : run.variables) variables[name] = *words(value);
-    Statements statements;
-    if (!run.unit.empty()) {
-        const std::string known = product == run.variables.end() ? "" : product->second;
-        statements.push_back({"unit", {text(run.unit), text(known), isoTime(run.start)}});
+// ---- in the writer's thread
+
+void StoreRecords::greet(Database &database, bool fresh) {
+    if (fresh) introduce(database);
+    if (!mended_) {
+        mend(database, spool_, files_.get(), sayer());
+        mended_ = true;
     }
-    statements.push_back(
-        {"run",
-         {run.id, text(run.unit), words(run.plan), writer_.key(), number(run.place.number), words(run.place.name),
-          text(run.peer), isoTime(run.start), over ? Value(isoTime(run.end)) : std::nullopt,
-          over ? number(inSeconds(run.end - run.start)) : std::nullopt, verdict,
-          fails ? words(failedStep(run)) : std::nullopt,
-          text(run.failure.empty() && fails ? run.steps[failed].failure : run.failure), variables.dump()}});
-    return statements;
+    for (const RunRecord &run : spool_.kept()) writeLate(database, spool_, run, sayer());
+    retryUnkept([&](const RunRecord &run) { writeLate(database, spool_, run, sayer()); });
+    heartbeat(database);
 }
 
-// By what the step is called in the plan, as every unit fills in its own variables.
-std::string StoreRecords::failedStep(const RunRecord &run) {
-    const size_t failed = firstFailed(run);
-    const std::lock_guard lock(mutex_);
-    const auto titles = titles_.find(run.id);
-    return titles == titles_.end() ? run.steps[failed].title : titles->second.at(failed);
+// Another machine that has a copy of the spool has its keys, too: only one of the two may answer for what they left.
+void StoreRecords::introduce(Database &database) {
+    firstTry_ = std::min(firstTry_, Clock::now());
+    for (const std::string &key : spool_.keys()) {
+        if (holdsKey(database, key) || mended_) continue;
+        if (Clock::now() < firstTry_ + kGhost)
+            throw StoreAway("an earlier connection of this station has not ended yet");
+        spool_.surrender(key);
+        say(fmt::format("another station uses the key {} of this station's spool, which is a copy of its own: this one"
+                        " goes on as {}. Give each station a spool of its own",
+                        key, spool_.key()));
+    }
+    database.run("INSERT INTO stations (key, name, seen) VALUES ($1, $2, " + clockOf(database) +
+                     ") ON CONFLICT (key) DO UPDATE SET name = excluded.name, seen = excluded.seen",
+                 {spool_.key(), text(machine_)});
+    database.run("UPDATE runs SET verdict = 'interrupted' WHERE verdict = 'running'"
+                 " AND station IN (SELECT s.id FROM stations s WHERE NOT " +
+                 wasSeen(database, kGone) + ")");
 }
 
-void StoreRecords::begins(const RunRecord &run) {
+// Holds the key, 16 hexadecimal digits, for as long as the connection lives; false: another connection does. A file of
+// SQLite is for the processes of one machine, whose spools know that.
+bool StoreRecords::holdsKey(Database &database, const std::string &key) {
+    if (!database.shared()) return true;
+    const auto number = static_cast<int64_t>(std::stoull(key, nullptr, 16));
+    return database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {station::number(number)})
+        .rows.size();
+}
+
+// A line without a board in work writes nothing.
+void StoreRecords::heartbeat(Database &database) {
     {
         const std::lock_guard lock(mutex_);
-        std::vector<std::string> &titles = titles_[run.id];
-        titles.clear();
-        for (const StepResult &step : run.steps) titles.push_back(step.title);
+        if (inWork_.empty() || Clock::now() < lastSeen_ + kHeartbeat) return;
     }
-    asRecordsError([&] {
-        try {
-            writer_.store(runOf(run, "running"));
-        } catch (const StoreError &) {  // it may be there all the same, when only the answer was lost
-            writer_.later({{"abandon", {run.id}}});
-            throw;
-        }
-    });
-    beside_->begins(run);
+    database.run("UPDATE stations SET seen = " + clockOf(database) + " WHERE key = $1", {spool_.key()});
+    lastSeen_ = Clock::now();
 }
 
-// Once, and again at each half of what was left.
-bool StoreRecords::isNews(const std::string &pool, int64_t left) {
-    const std::lock_guard lock(mutex_);
-    const auto [told, first] = told_.emplace(pool, left);
-    if (!first && left > told->second / 2) return false;
-    told->second = left;
-    return true;
+// ---- in the threads of line and boards
+
+std::string StoreRecords::away() {
+    std::string why = retryUnkept([&](const RunRecord &run) { spool_.keep(run); });
+    const std::string unwritten = files_ ? files_->away() : "";  // tries again, whatever else is away
+    if (why.empty()) why = writer_.away();
+    if (why.empty()) why = spool_.away();
+    return why.empty() ? unwritten : why;
 }
 
-// In a transaction, behind which no other station has the unit.
-void StoreRecords::asUnit(const RunRecord &run,
-                          const std::function<void(Database &, const std::string &serial)> &work) {
-    const auto isNamed = [&](bool stored) {
+// Returns why something still is not kept; empty: nothing is left. A record is in the hands of one thread at a time.
+std::string StoreRecords::retryUnkept(const std::function<void(const RunRecord &)> &take) {
+    std::vector<Shared> unkept;
+    {
         const std::lock_guard lock(mutex_);
-        if (stored) named_[run.id] = run.unit;
-        const auto name = named_.find(run.id);
-        return name != named_.end() && name->second == run.unit;
-    };
-    const Statements statements = isNamed(false) ? Statements() : runOf(run, "running");
-    const auto known = run.variables.find("product");
-    const std::string product = known == run.variables.end() ? "" : known->second;
-    writer_.store([=, serial = *text(run.unit), key = writer_.key()](Database &store) {
-        store.lock("unit " + serial);
-        if (!statements.empty() && !product.empty()) refuseOtherProduct(store, serial, product);
-        const std::string where = statements.empty() ? "" : otherPlace(store, serial, key);
+        unkept.swap(unkept_);
+    }
+    std::string why;
+    for (const Shared &run : unkept) try {
+            take(*run);
+        } catch (const std::runtime_error &error) {
+            why = fmt::format("the run {} is not recorded yet: {}", run->id, error.what());
+            const std::lock_guard lock(mutex_);
+            unkept_.push_back(run);
+        }
+    return why;
+}
+
+StoreRecords::Shared StoreRecords::mine(RunRecord run) const {
+    run.station = {machine_, spool_.key()};
+    return std::make_shared<const RunRecord>(std::move(run));
+}
+
+StoreRecords::Course StoreRecords::courseOf(const RunRecord &run) {
+    const std::lock_guard lock(mutex_);
+    const auto course = inWork_.find(run.id);
+    return course == inWork_.end() ? Course() : course->second;
+}
+
+void StoreRecords::begins(const RunRecord &begun) {
+    const Shared run = mine(unfinished(begun));
+    spool_.reserve(run->id);
+    {
+        const std::lock_guard lock(mutex_);
+        inWork_[run->id] = {};
+    }
+    try {
+        asRecordsError([&] { writer_.now({[run](Database &store) { save(store, *run, true); }}); });
+        if (files_) files_->begins(*run);
+    } catch (const RecordsError &) {
+        forget(run->id);
+        // It may be in the store all the same, when only the answer was lost.
+        writer_.later({[run](Database &store) {
+            store.run("UPDATE runs SET verdict = 'interrupted' WHERE run = $1 AND verdict = 'running'", {run->id});
+        }});
+        throw;
+    }
+}
+
+void StoreRecords::forget(const std::string &id) {
+    spool_.forget(id);
+    const std::lock_guard lock(mutex_);
+    inWork_.erase(id);
+}
+
+// In a transaction, after which no other station has the unit.
+void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
+                          const std::function<void(Database &, const RunRecord &)> &take) {
+    const Shared run = mine(unfinished(named));
+    const bool known = courseOf(named).unit == named.unit;
+    const auto write = [=](Database &store) {
+        store.lock("unit " + *text(run->unit));
+        if (!known) refuseOtherProduct(store, *run);
+        const std::string where = known ? "" : otherPlace(store, *text(run->unit), run->station.key);
         if (!where.empty()) throw Refusal(where);
-        for (const Statement &statement : statements) execute(store, statement);
-        work(store, serial);
-    });
-    isNamed(true);
+        if (!known) save(store, *run, true, run->steps.size());
+        take(store, *run);
+    };
+    writer_.now({write, {}, pool});
+    const std::lock_guard lock(mutex_);
+    if (const auto course = inWork_.find(run->id); course != inWork_.end()) course->second.unit = run->unit;
 }
 
 std::string StoreRecords::elsewhere(const RunRecord &run) try {
-    asUnit(run, [](Database &, const std::string &) {});
+    asUnit(run, "*", [](Database &, const RunRecord &) {});
     return {};
 } catch (const OtherProduct &) {  // which bind() refuses
     return {};
@@ -203,13 +241,13 @@ std::string StoreRecords::elsewhere(const RunRecord &run) try {
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
     if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
     const auto given = std::make_shared<std::shared_ptr<Given>>();
-    asRecordsError([&] {
-        asUnit(run, [=](Database &database, const std::string &serial) {
-            *given = take(database, pool, serial, run.id, count);
+    const auto values = asRecordsError([&] {
+        asUnit(run, pool, [=](Database &database, const RunRecord &taker) {
+            *given = take(database, pool, *text(taker.unit), taker.id, count);
         });
+        return valuesOf(**given);
     });
     const Given &found = **given;
-    const auto values = asRecordsError([&] { return valuesOf(found); });
     if (found.had > 0) {
         say(fmt::format(
             "the unit {} had {} addresses of the pool \"{}\", which are no block of {}: it has new ones now", run.unit,
@@ -231,32 +269,70 @@ void StoreRecords::sayWarnings() {
     }
     const auto warnings = std::make_shared<std::vector<std::string>>();
     try {
-        writer_.store([=](Database &database) { *warnings = poolWarnings(database); });
+        writer_.now({[=](Database &database) { *warnings = poolWarnings(database); }});
     } catch (const StoreError &) {  // the next board will hear of it
     }
     for (const std::string &warning : *warnings) say(warning);
 }
 
-void StoreRecords::stepEnded(const RunRecord &run, size_t step) {
-    Statements statements;
-    addStep(statements, run, step);
-    writer_.later(std::move(statements));
-    beside_->stepEnded(run, step);
+// Once, and again at each half of what was left.
+bool StoreRecords::isNews(const std::string &pool, int64_t left) {
+    const std::lock_guard lock(mutex_);
+    const auto [told, first] = told_.emplace(pool, left);
+    if (!first && left > told->second / 2) return false;
+    told->second = left;
+    return true;
 }
 
-void StoreRecords::ends(const RunRecord &run) {
-    Statements statements = runOf(run, verdictOf(run));
-    statements.push_back({"attempt", {run.id}});
-    for (size_t i = 0; i < run.steps.size(); ++i) {
-        if (run.steps[i].verdict == Verdict::kNotRun) addStep(statements, run, i);
+void StoreRecords::stepEnded(const RunRecord &ended, size_t step) {
+    const Shared run = mine(unfinished(ended));
+    const auto stored = courseOf(ended).steps;
+    if (files_) files_->stepEnded(*run, step);
+    writer_.later({[=](Database &store) { saveSteps(store, *run, *stored); }, [=] { *stored = step + 1; }});
+}
+
+void StoreRecords::ends(const RunRecord &ended) {
+    const Shared run = mine(ended);
+    std::string why;
+    bool filed = false;
+    try {
+        if (files_) files_->ends(*run);
+        filed = files_ != nullptr;
+    } catch (const RecordsError &error) {
+        why = error.what();
     }
+    const bool kept = store(run, why);
     {
         const std::lock_guard lock(mutex_);
-        titles_.erase(run.id);
-        named_.erase(run.id);
+        inWork_.erase(run->id);
+        if (!kept) unkept_.push_back(run);
     }
-    asRecordsError([&] { writer_.keep(std::move(statements)); });
-    beside_->ends(run);
+    if (!kept && !filed) throw RecordsError(why);
+    if (files_ && !filed) say(fmt::format("the result of the run {} is not written yet: {}", run->id, why));
+}
+
+// Returns false when neither the store nor the spool has the record, and adds the reasons.
+bool StoreRecords::store(const Shared &run, std::string &why) {
+    const auto add = [&](const std::exception &error) {
+        why += (why.empty() ? "" : "; and ") + std::string(error.what());
+    };
+    try {
+        writer_.now({[run, steps = courseOf(*run).steps](Database &store) { save(store, *run, false, *steps); }});
+        spool_.forget(run->id);
+        return true;
+    } catch (const StoreAway &error) {
+        add(error);
+    } catch (const StoreError &error) {
+        setAside(spool_, *run, error.what(), sayer());
+        return true;
+    }
+    try {
+        spool_.keep(*run);
+        return true;
+    } catch (const RecordsError &error) {
+        add(error);
+        return false;
+    }
 }
 
 std::filesystem::path defaultSpool(const std::string &store) {

@@ -1,6 +1,35 @@
 #pragma once
-// The records of a line in a store.
+// The records of a line: in a store, and in result files if it has a folder for them. The file is the truth; the store
+// is written from the same records, and both agree again at the next start.
+//
+//     StoreRecords records("line.db", "line.db-spool", std::make_unique<FileRecords>("results"));
+//     records.begins(run);                                       // before the first command
+//     run.variables["mac"] = records.bind("mac", run, 4).at(0);  // before it is sent
+//     records.stepEnded(run, 0);
+//     records.ends(run);                                         // before the verdict is shown
+//
+// What happens to a run:
+//
+// |                     | store up                   | store away                | store refuses     | results full   |
+// |---------------------|----------------------------|---------------------------|-------------------|----------------|
+// | no board yet        | boards are taken           | none is taken             | -                 | none is taken  |
+// | it begins           | running in the store, room | the board waits           | the board waits   | the board      |
+// |                     | in the spool, then file    |                           |                   | waits          |
+// | its unit is named,  | unit, run and address in   | the step fails, nothing   | the step fails,   | as without     |
+// | an address is bound | one transaction, then sent | is sent                   | nothing is sent   |                |
+// | a step has ended    | file, then store soon      | file                      | with the end      | store          |
+// | it ends             | file, then store           | file, then spool          | file, then it is  | store, file    |
+// |                     |                            |                           | set aside, said   | when there is  |
+// |                     |                            |                           |                   | room again     |
+// | the verdict is      | at once                    | at once                   | at once           | at once        |
+// | shown               |                            |                           |                   |                |
+//
+// With results, spool and store unable to take an end, the verdict is shown as not recorded, the record stays in
+// memory, and no board is taken until one of them takes it. Killed at any point, the next process that has the spool's
+// key settles what was left (mend.h): a run whose end is in any of the three has ended so; each other is interrupted.
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -9,7 +38,8 @@
 #include <string>
 #include <vector>
 
-#include "station/run/records.h"
+#include "station/run/results.h"
+#include "station/store/spool.h"
 #include "station/store/writer.h"
 
 namespace station {
@@ -17,9 +47,9 @@ namespace station {
 // Every failure is a RecordsError.
 class StoreRecords : public Records {
 public:
-    // `store`: a file of SQLite or postgresql://...; `spool`: a folder of this machine; `beside`: what else is recorded
-    // to, after the store. A store that is away is no error.
-    StoreRecords(const std::string &store, const std::filesystem::path &spool, std::unique_ptr<Records> beside);
+    // `store`: a file of SQLite or postgresql://...; `spool`: a folder of this machine; `files` may be null. A store
+    // that is away is not an error.
+    StoreRecords(const std::string &store, const std::filesystem::path &spool, std::unique_ptr<FileRecords> files);
 
     std::string away() override;
     void tell(const std::function<void(const std::string &)> &trouble) override;
@@ -30,26 +60,53 @@ public:
     void ends(const RunRecord &run) override;
 
 private:
-    Statements runOf(const RunRecord &run, const std::string &verdict);
-    std::string failedStep(const RunRecord &run);
-    void asUnit(const RunRecord &run, const std::function<void(Database &, const std::string &serial)> &work);
+    using Clock = std::chrono::steady_clock;
+    using Shared = std::shared_ptr<const RunRecord>;
+    struct Course {             // of a run in work
+        std::string unit = {};  // that the store knows it by
+        std::shared_ptr<std::atomic<size_t>> steps = std::make_shared<std::atomic<size_t>>(0);  // that it has
+    };
 
+    // In the writer's thread:
+    void greet(Database &database, bool fresh);
+    void introduce(Database &database);
+    bool holdsKey(Database &database, const std::string &key);
+    void heartbeat(Database &database);
+
+    Shared mine(RunRecord run) const;
+    Course courseOf(const RunRecord &run);
+    void asUnit(const RunRecord &run, const std::string &pool,
+                const std::function<void(Database &, const RunRecord &)> &take);
+    bool store(const Shared &run, std::string &why);
+    void forget(const std::string &id);
+    std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
     bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);
     void sayWarnings();
+    Spool::Say sayer() {
+        return [this](const std::string &trouble) { say(trouble); };
+    }
 
-    const std::unique_ptr<Records> beside_;
-    std::mutex mutex_;                                        // of what follows
-    std::map<std::string, std::vector<std::string>> titles_;  // of a run's steps, before their variables are filled in
-    std::map<std::string, std::string> named_;                // the unit that the store knows a run by
-    std::map<std::string, int64_t> told_;                     // what was left of a pool when it was last said
-    std::chrono::steady_clock::time_point nextLook_{};        // at the pools
+    std::mutex mutex_;                      // of what follows
+    std::map<std::string, Course> inWork_;  // by the run's ID
+    std::map<std::string, int64_t> told_;   // what was left of a pool when it was last said
+    std::vector<Shared> unkept_;            // nothing has taken their ends
+    Clock::time_point nextLook_{};          // at the pools
     std::function<void(const std::string &)> trouble_;
     std::vector<std::string> unsaid_;  // while nobody listened
-    Writer writer_;
+
+    const std::string machine_;
+    const std::unique_ptr<FileRecords> files_;
+    Spool spool_;
+
+    // Of the writer's thread alone.
+    bool mended_ = false;
+    Clock::time_point firstTry_ = Clock::time_point::max(), lastSeen_{};
+
+    Writer writer_;  // at the end: its thread uses the rest
 };
 
-// Where the spool of a store is, if nobody says otherwise: beside a file, else in the working directory.
+// Returns where the spool of a store is, if nobody says otherwise: beside a file, else in the working directory.
 std::filesystem::path defaultSpool(const std::string &store);
 
 }  // namespace station

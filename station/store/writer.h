@@ -1,99 +1,87 @@
 #pragma once
-// The only one who writes runs to the store: a thread of its own with the process's one connection. What comes at the
-// same time shares a transaction. While the store is away, what may wait is kept in the spool.
+// The one thread of a process that writes to the store, over its one connection. What is given to it at the same time
+// shares a transaction, and so a round trip and a sync of the disk.
+//
+//     Writer writer("postgresql:///line", greet);
+//     writer.later({[=](Database &store) { save(store, run, true); }});       // returns at once
+//     writer.now({[=](Database &store) { save(store, run); }});               // returns when it is durable
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "station/store/database.h"
-#include "station/store/spool.h"
 
 namespace station {
 
-// One of kStatements (writer.cc) by its name. Each may be written again at any later time, and changes nothing then.
-struct Statement {
-    std::string name;
-    std::vector<Value> values;
+// Something to write. It may be called again when a transaction has failed, and must then do the same. What it holds
+// must outlive its caller, who may have lost patience.
+struct Change {
+    std::function<void(Database &)> write;
+    std::function<void()> written = {};  // called by the writer's thread after the commit
+    std::string lock = {};               // the pool that it locks first; empty: it locks none
 };
-using Statements = std::vector<Statement>;
-
-void execute(Database &database, const Statement &statement);
 
 class Writer {
 public:
-    using Trouble = std::function<void(const std::string &)>;
+    // Called by the writer's thread outside of a transaction before anything else is written, again and again: after
+    // each connection (`fresh`), with each batch, and every few seconds. The store counts as away until it returns
+    // without an exception.
+    using Greeting = std::function<void(Database &, bool fresh)>;
 
-    // `spools`: its own, then those that dead processes have left. Tries to reach the store before it returns.
-    Writer(std::vector<std::unique_ptr<Spool>> spools, std::string store, std::string station, Trouble trouble);
-    // Writes what waits, or keeps it.
+    // Tries to reach the store before it returns; a store that is away is not an error. `say` is told when the store is
+    // brought forward to this version.
+    Writer(std::string store, Greeting greeting, Database::Say say);
+    // Writes what waits, unless the store is away.
     ~Writer();
     Writer(const Writer &) = delete;
     Writer &operator=(const Writer &) = delete;
 
-    std::string away() const;  // why nothing can be written now; empty: it can
-    std::string key() const { return spools_.front()->key(); }
-
-    void later(Statements statements);  // returns at once
-    void keep(Statements statements);   // returns when they are in the store or in the spool; throws StoreError
-    void store(Statements statements);  // returns when they are in the store; throws StoreError
-    // The same for work that needs answers. A Refusal that it throws must leave nothing changed; it is passed on.
-    void store(std::function<void(Database &)> work);
+    // Returns why nothing can be written at present; empty: it can.
+    std::string away() const;
+    // Writes it some time, or never, if the store is away.
+    void later(Change change);
+    // Returns when the work is durable. Throws StoreAway when the store is away or takes too long, in which case it may
+    // still be written; else what the work threw, or what the database refuses.
+    void now(Change change);
 
 private:
     using Clock = std::chrono::steady_clock;
-
     struct Job {
-        Statements statements;
-        std::function<void(Database &)> work;
-        bool mayWait;  // in the spool
-        std::atomic<bool> written = false;
+        Change change;
         std::promise<void> promise{};
-        std::shared_future<void> done = promise.get_future().share();
+        bool done = false;  // the promise is kept
 
-        explicit Job(Statements all, bool spooled = true) : statements(std::move(all)), mayWait(spooled) {}
-        explicit Job(std::function<void(Database &)> what) : work(std::move(what)), mayWait(false) {}
-        void apply(Database &database) const;
-        std::string line() const;
+        void settle(std::exception_ptr error);
     };
     using Jobs = std::vector<std::shared_ptr<Job>>;
 
-    void submit(const std::shared_ptr<Job> &job);
-    void wait(const Job &job);
+    std::shared_ptr<Job> submit(Change change);
     void loop();
-    void round(const Jobs &jobs);
-    void attempt(const Jobs &jobs);
+    void round(Jobs jobs);
     void connect();
     void writeTogether(const Jobs &jobs);
     void writeAlone(Job &job);
-    void putAside(const std::string &line, const std::string &why);
-    void keepAll(const Jobs &jobs, const std::string &why);
-    void spool(const Jobs &jobs);
-    Jobs spooled(std::vector<off_t> &ends, std::vector<std::string> &torn);
+    std::string silence() const;
     void setAway(const std::string &why);
 
-    const std::string store_, station_;
-    const Trouble trouble_;
-    std::vector<std::unique_ptr<Spool>> spools_;  // its own, and until the first success those of dead processes
+    const std::string store_;
+    const Greeting greeting_;
+    const Database::Say say_;
 
     // Of the thread alone.
     std::unique_ptr<Database> database_;
-    bool recovered_ = false;
     Clock::time_point retry_{};
-    Jobs unkept_;  // not even the spool took them
 
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex_;  // of what follows
     std::condition_variable changed_;
-    Jobs queue_, inHand_;
+    Jobs queue_;
     std::string away_ = "the store was not reached yet";
     Clock::time_point busySince_ = Clock::time_point::max();
     bool stopping_ = false;

@@ -1,0 +1,91 @@
+#include "station/store/mend.h"
+
+#include <fmt/format.h>
+
+#include <map>
+
+#include "station/store/load.h"
+#include "station/store/save.h"
+
+namespace station {
+namespace {
+
+using Runs = std::map<std::string, RunRecord>;  // by ID
+
+void consider(RunRecord &best, const RunRecord &run) {
+    const auto done = [](const RunRecord &record) { return record.steps.size() - record.notRun(); };
+    if (run.ended() > best.ended() || (run.ended() == best.ended() && done(run) > done(best))) best = run;
+}
+
+void add(Runs &all, const RunRecord &run) { consider(all.try_emplace(run.id, run).first->second, run); }
+
+void addRunning(Database &database, const std::set<std::string> &keys, Runs &all) {
+    for (const std::string &key : keys) {
+        const Table running = database.ask("SELECT r.run FROM runs r JOIN stations s ON s.id = r.station"
+                                           " WHERE s.key = $1 AND r.verdict = 'running'",
+                                           {key});
+        for (const auto &row : running.rows) all.try_emplace(*row[0]);
+    }
+}
+
+// Looks the run up where it was not found, or was found with less.
+void complete(Database &database, const FileRecords *files, const std::string &id, RunRecord &run) {
+    if (!database.ask("SELECT 1 FROM runs WHERE run = $1", {id}).empty()) {
+        const RunRecord stored = loadRun(database, id);
+        if (run.id.empty()) run = stored;
+        consider(run, stored);
+    }
+    if (const auto file = files ? files->find(run) : std::nullopt) consider(run, *file);
+    run.interrupted |= !run.ended();
+}
+
+// Writes the file first, which is the truth when the process dies in between.
+void settle(Database &database, Spool &spool, FileRecords *files, const RunRecord &run, const Spool::Say &say) {
+    try {
+        if (files) files->ends(run);
+    } catch (const std::runtime_error &error) {
+        say(fmt::format("the result of the run {} is not written yet: {}", run.id, error.what()));
+    }
+    writeLate(database, spool, run, say);
+}
+
+}  // namespace
+
+void setAside(Spool &spool, const RunRecord &run, const std::string &why, const Spool::Say &say) {
+    const std::string file = spool.refuse(run).string();
+    say(fmt::format("the store refuses the run {}: {}. Its record is kept in {}: mend what is wrong, then use qcstation"
+                    " store replay",
+                    run.id, why, file));
+}
+
+void writeLate(Database &database, Spool &spool, const RunRecord &run, const Spool::Say &say) try {
+    database.transact([&] { save(database, run); });
+    spool.forget(run.id);
+} catch (const StoreAway &) {
+    throw;
+} catch (const StoreError &error) {
+    setAside(spool, run, error.what(), say);
+}
+
+void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say &say) {
+    Runs all;
+    const std::set<std::string> keys = spool.keys();
+    for (const RunRecord &run : spool.kept()) add(all, run);
+    for (const RunRecord &run : files ? files->left(keys) : std::vector<RunRecord>()) add(all, run);
+    addRunning(database, keys, all);
+    std::string interrupted, judged;
+    for (auto &[id, run] : all) try {
+            complete(database, files, id, run);
+            if (run.station.key.empty()) run.station.key = spool.key();  // an earlier version did not say it
+            settle(database, spool, files, run, say);
+            (run.ended() ? judged : interrupted) += " " + id;
+        } catch (const StoreAway &) {
+            throw;
+        } catch (const std::exception &error) {
+            say(fmt::format("what is known of the run {} cannot be put together: {}", id, error.what()));
+        }
+    if (!interrupted.empty()) say("a station that died has left runs, which are now interrupted:" + interrupted);
+    if (!judged.empty()) say("runs that had ended were brought up to date in store and results:" + judged);
+}
+
+}  // namespace station

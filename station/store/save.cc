@@ -1,0 +1,110 @@
+#include "station/store/save.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "station/base/time.h"
+#include "station/run/record_json.h"
+
+namespace station {
+namespace {
+
+// A station that makes itself known says when it was seen, by the store's clock.
+constexpr const char *kWriteStation =
+    "INSERT INTO stations (key, name, seen) VALUES ($1, $2, $3) ON CONFLICT (key) DO NOTHING";
+
+constexpr const char *kWriteUnit =
+    "INSERT INTO units (serial, product, first_seen, last_seen) VALUES ($1, $2, $3, $3) ON CONFLICT (serial) DO UPDATE"
+    " SET product = coalesce(units.product, excluded.product),"
+    " first_seen = CASE WHEN excluded.first_seen < units.first_seen THEN excluded.first_seen ELSE units.first_seen END,"
+    " last_seen = CASE WHEN excluded.last_seen > units.last_seen THEN excluded.last_seen ELSE units.last_seen END";
+
+constexpr const char *kWriteRun =
+    "INSERT INTO runs (run, unit, plan, station, place, place_name, peer, started, ended, seconds, verdict,"
+    " failed_step, failure, variables) VALUES ($1, (SELECT id FROM units WHERE serial = $2), $3,"
+    " (SELECT id FROM stations WHERE key = $4), $5, $6, $7, $8, $9, $10, $11, $12, $13, $14) ON CONFLICT (run)"
+    " DO UPDATE SET unit = excluded.unit, ended = excluded.ended, seconds = excluded.seconds,"
+    " verdict = excluded.verdict, failed_step = excluded.failed_step, failure = excluded.failure,"
+    " variables = excluded.variables WHERE runs.ended IS NULL OR excluded.ended IS NOT NULL";
+
+constexpr const char *kWriteStep =
+    "INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts)"
+    " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)"
+    " ON CONFLICT (run, step) DO NOTHING";
+
+constexpr const char *kWriteMeasurement =
+    "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)"
+    " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8, $9, $10)"
+    " ON CONFLICT (run, step, name) DO NOTHING";
+
+// Of this run, and of those of its unit and plan that began later: they count it.
+constexpr const char *kAttempts =
+    "UPDATE runs SET attempt = (SELECT count(*) + 1 FROM runs earlier WHERE earlier.unit = runs.unit"
+    " AND earlier.plan = runs.plan AND earlier.started < runs.started AND earlier.verdict IN ('passed', 'failed'))"
+    " WHERE unit = (SELECT id FROM units WHERE serial = $1) AND plan = $2 AND started >= $3"
+    " AND verdict IN ('passed', 'failed')";
+constexpr const char *kFirstAttempt = "UPDATE runs SET attempt = 1 WHERE run = $1 AND verdict IN ('passed', 'failed')";
+
+Value words(const std::string &value) { return text(value).value_or(""); }
+Value limit(const std::optional<double> &value) { return value ? number(*value) : std::nullopt; }
+
+void saveStep(Database &database, const RunRecord &run, size_t index) {
+    const StepResult &step = run.steps[index];
+    const Value at = number(index + 1);
+    database.queue(kWriteStep, {run.id, at, words(step.title), std::string(textOf(step.verdict)), text(step.reply),
+                                number(step.cut), text(step.failure), text(step.hint), number(inSeconds(step.offset)),
+                                number(inSeconds(step.duration)), number(step.attempts)});
+    for (const Measurement &found : step.measurements) {
+        database.queue(kWriteMeasurement,
+                       {run.id, at, words(found.name), number(found.value), limit(found.min), limit(found.max),
+                        text(found.unit), std::string(textOf(found.passed ? Verdict::kPassed : Verdict::kFailed)),
+                        words(run.plan), isoTime(run.start)});
+    }
+}
+
+void saveRun(Database &database, const RunRecord &run, bool inWork) {
+    const StepResult *const failed = run.firstFailed();
+    const std::string &failure = run.failure.empty() && failed ? failed->failure : run.failure;
+    Json variables = Json::object();
+    for (const auto &[name, value] : run.variables) variables[name] = *words(value);
+    const std::string step = !failed ? "" : failed->planned.empty() ? failed->title : failed->planned;
+    database.queue(
+        kWriteRun,
+        {run.id, text(run.unit), words(run.plan), run.station.key, number(run.place.number), words(run.place.name),
+         text(run.peer), isoTime(run.start), run.ended() ? Value(isoTime(run.end)) : std::nullopt,
+         run.ended() ? number(inSeconds(run.end - run.start)) : std::nullopt, verdictIn(run, inWork),
+         failed ? words(step) : std::nullopt, text(failure), variables.dump()});
+}
+
+}  // namespace
+
+std::string verdictIn(const RunRecord &run, bool inWork) {
+    if (inWork && !run.ended()) return "running";
+    if (run.interrupted || !run.ended()) return "interrupted";
+    return run.passed() ? "passed" : "failed";
+}
+
+void saveSteps(Database &database, const RunRecord &run, size_t first) {
+    for (size_t i = first; i < run.steps.size(); ++i) {
+        if (run.ended() || run.steps[i].verdict != Verdict::kNotRun) saveStep(database, run, i);
+    }
+}
+
+void save(Database &database, const RunRecord &run, bool inWork, size_t first) {
+    const auto product = run.variables.find("product");
+    database.queue(kWriteStation, {run.station.key, words(run.station.name), isoTime(run.start)});
+    if (!run.unit.empty()) {
+        const Value known = product == run.variables.end() ? std::nullopt : text(product->second);
+        database.queue(kWriteUnit, {text(run.unit), known, isoTime(run.start)});
+    }
+    saveRun(database, run, inWork);
+    saveSteps(database, run, first);
+    if (!run.ended()) return;
+    if (run.unit.empty()) {
+        database.queue(kFirstAttempt, {run.id});
+    } else {
+        database.queue(kAttempts, {text(run.unit), words(run.plan), isoTime(run.start)});
+    }
+}
+
+}  // namespace station

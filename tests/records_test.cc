@@ -1,0 +1,198 @@
+// Records of runs on their way: as JSON, in the spool, in result files, and in a store that comes and goes.
+
+#include <set>
+
+#include "station/run/record_json.h"
+#include "station/store/load.h"
+#include "station/store/queries.h"
+#include "station/store/save.h"
+#include "tests/store_fixture.h"
+
+namespace station {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+RunRecord fullRun() {
+    RunRecord run = runOf("A");
+    run.end += std::chrono::milliseconds(1234);
+    run.station = {"pc", "0123456789abcdef"};
+    run.peer = "192.168.1.1:1024%line1";
+    run.failure = "after: \"no\"";
+    run.variables = {{"serial", "A"}, {"text", "\u00e9\n\\"}};
+    StepResult &step = run.steps[0];
+    step.verdict = Verdict::kFailed;
+    step.title = "PING of A";
+    step.reply = std::string("a\0b", 3);
+    step.cut = 5000000000;
+    step.failure = "f";
+    step.hint = "h";
+    step.offset = std::chrono::milliseconds(1001);
+    step.duration = std::chrono::milliseconds(2002);
+    step.attempts = 3;
+    step.measurements = {{"volts", 0.1, 1, std::nullopt, "V", false}, {"amps", 1e-30, std::nullopt, 2, "", true}};
+    return run;
+}
+
+TEST(Record, IsReadBackAsItWasWritten) {
+    const RunRecord run = fullRun(), again = parseRecord(dump(run));
+    EXPECT_EQ(dump(again, 2), dump(run, 2));
+    EXPECT_EQ(again.steps[0].duration, run.steps[0].duration);
+    EXPECT_EQ(again.end, run.end);
+    EXPECT_FALSE(parseRecord(dump(unfinished(run))).ended());
+    EXPECT_FALSE(unfinished(runOf("A")).passed());
+    const std::string text = dump(run);
+    for (size_t size = 0; size < text.size(); ++size)
+        EXPECT_THROW(parseRecord(text.substr(0, size)), std::runtime_error);
+}
+
+// A folder that is gone with the test.
+struct Folder {
+    fs::path path;
+    Folder() {
+        std::string name = "/tmp/records-XXXXXX";
+        path = ::mkdtemp(name.data());
+    }
+    ~Folder() { fs::remove_all(path); }
+};
+
+std::set<std::string> kinds(const fs::path &folder) {
+    std::set<std::string> kinds;
+    for (const auto &entry : fs::directory_iterator(folder)) kinds.insert(entry.path().extension());
+    return kinds;
+}
+
+TEST(Spool, HandsTheRecordsOfTheDeadToTheNext) {
+    const Folder folder;
+    std::string said;
+    const auto say = [&](const std::string &text) { said += text + "\n"; };
+    const RunRecord kept = fullRun(), reserved = runOf("B");
+    std::string key;
+    {
+        Spool first(folder.path, say), living(folder.path, say);
+        EXPECT_EQ(first.keys().size(), 1);
+        EXPECT_NE(first.key(), living.key());
+        key = first.key();
+        first.reserve(kept.id);
+        first.reserve(reserved.id);
+        first.keep(unfinished(kept));
+        first.keep(kept);
+        EXPECT_TRUE(living.kept().empty());
+    }
+    std::ofstream(folder.path / (key + "-torn.json")) << dump(kept).substr(0, 100);
+    std::ofstream(folder.path / (key + ".spool")) << "[[\"run\",\"of an earlier version\"]]\n";
+    Spool next(folder.path, say);
+    EXPECT_EQ(next.keys().size(), 2);
+    ASSERT_EQ(next.kept().size(), 1);
+    EXPECT_THAT(said, HasSubstr("-torn.refused cannot be read and is set aside"));
+    EXPECT_THAT(said, HasSubstr(key + "-statements.refused"));
+    EXPECT_EQ(dump(next.kept()[0]), dump(kept));
+    next.forget(kept.id);
+    EXPECT_TRUE(next.kept().empty());
+    EXPECT_EQ(kinds(folder.path), (std::set<std::string>{".refused", ".spool"}));
+}
+
+// A station with results, on either database.
+class Station : public Store {
+protected:
+    void start() {
+        station_ = std::make_unique<StoreRecords>(store_, folder_ / "spool", std::make_unique<FileRecords>(results()));
+        station_->tell([this](const std::string &text) { all_ += text + "\n"; });
+    }
+    void die() { station_.reset(); }
+    fs::path results() const { return folder_ / "results"; }
+    // As store and file have it, of which the latter is whole.
+    std::string verdicts(const RunRecord &run) {
+        Database database(store_);
+        const RunRecord stored = loadRun(database, run.id), file = FileRecords(results()).find(run).value();
+        EXPECT_EQ(stored.steps.size(), file.ended() ? 2 : 1);
+        EXPECT_EQ(FileRecords(results()).left({file.station.key}).size(), 0);
+        return verdictIn(stored) + " " + verdictIn(file);
+    }
+
+    std::unique_ptr<StoreRecords> station_;
+    std::string all_;
+};
+INSTANTIATE_TEST_SUITE_P(, Station, testing::Values("SQLite", "PostgreSQL"),
+                         [](const auto &store) { return store.param; });
+
+TEST_P(Station, MendsWhatADeadOneHasLeftInOnePlaceOnly) {
+    std::vector<RunRecord> runs;
+    for (const char *const serial : {"file", "store", "spool", "nowhere"}) runs.push_back(runOf(serial));
+    start();
+    for (RunRecord &run : runs) {
+        station_->begins(run);
+        run.steps[0].verdict = Verdict::kPassed;
+        station_->stepEnded(run, 0);
+    }
+    die();
+    for (RunRecord &run : runs) {
+        run.steps[1].verdict = Verdict::kPassed;
+        run.station = FileRecords(results()).find(run).value().station;
+    }
+    FileRecords(results()).ends(runs[0]);
+    Database database(store_);
+    database.transact([&] { save(database, runs[1]); });
+    Spool(folder_ / "spool", {}).keep(runs[2]);
+    start();
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(verdicts(runs[i]), "passed passed") << runs[i].unit;
+    EXPECT_EQ(verdicts(runs[3]), "interrupted interrupted");
+    EXPECT_THAT(all_, HasSubstr("which are now interrupted: " + runs[3].id + "\n"));
+    EXPECT_EQ(kinds(folder_ / "spool"), std::set<std::string>{".spool"});
+}
+
+TEST_P(Station, SetsAsideWhatTheStoreRefusesUntilItIsReplayed) {
+    start();
+    Database database(store_);
+    database.run("CREATE UNIQUE INDEX once ON runs (failure)");
+    RunRecord first = runOf("A"), second = runOf("B");
+    for (RunRecord *const run : {&first, &second}) {
+        station_->begins(*run);
+        run->failure = "the same";
+        endSteps(*station_, *run, {Verdict::kPassed, Verdict::kPassed});
+    }
+    EXPECT_THAT(all_, HasSubstr("the store refuses the run " + second.id));
+    EXPECT_EQ(station_->away(), "");
+    EXPECT_EQ(verdictIn(loadRun(database, second.id), true), "running");
+    database.run("DROP INDEX once");
+    const auto take = [&](const RunRecord &run) { database.transact([&] { save(database, run); }); };
+    EXPECT_EQ(replay(folder_ / "spool", take, {}), 1);
+    EXPECT_EQ(verdicts(second), "failed failed");
+    EXPECT_EQ(replay(folder_ / "spool", take, {}), 0);
+}
+
+TEST_P(Station, CountsARunThatArrivesLate) {
+    start();
+    std::vector<RunRecord> runs = {runOf("A"), runOf("A"), runOf("A")};
+    for (size_t i = 0; i < runs.size(); ++i) runs[i].start += std::chrono::seconds(i);
+    Database database(store_);
+    for (const size_t i : {2, 0, 1}) {
+        station_->begins(runs[i]);
+        endSteps(*station_, runs[i], {Verdict::kPassed, Verdict::kPassed});
+    }
+    database.transact([&] { save(database, unfinished(runs[0])); });  // too late: it has ended
+    const Table attempts = database.ask("SELECT attempt, verdict FROM runs ORDER BY started");
+    for (size_t i = 0; i < runs.size(); ++i) {
+        EXPECT_THAT(cells(attempts, i), ElementsAre(std::to_string(i + 1), "passed"));
+    }
+}
+
+TEST_P(Station, NoticesACopyOfItsSpool) {
+    if (!shared_) GTEST_SKIP() << "its file is for the processes of one machine";
+    start();
+    const RunRecord run = runOf("A");
+    station_->begins(run);
+    fs::copy(folder_ / "spool", folder_ / "copy");
+    std::string said;
+    StoreRecords copy(store_, folder_ / "copy", nullptr);
+    copy.tell([&](const std::string &text) { said += text; });
+    EXPECT_THAT(copy.away(), HasSubstr("an earlier connection"));
+    while (!copy.away().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_THAT(said, HasSubstr("Give each station a spool of its own"));
+    Database database(store_);
+    EXPECT_EQ(verdictIn(loadRun(database, run.id), true), "running");
+}
+
+}  // namespace
+}  // namespace station
