@@ -55,6 +55,10 @@ public:
     void wait(const Lock &lock, Until until) UNCHECKED_THREADS {
         condition_.wait(lock.lock_, until);
     }
+    template <typename Duration>
+    void waitFor(const Lock &lock, Duration most) {
+        condition_.wait_for(lock.lock_, most);
+    }
     template <typename Deadline, typename Until>
     bool waitUntil(const Lock &lock, const Deadline &deadline, Until until) UNCHECKED_THREADS {
         return condition_.wait_until(lock.lock_, deadline, until);

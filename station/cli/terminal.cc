@@ -93,9 +93,9 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
     if (!asks_ || !watched_) throw std::runtime_error("there is no terminal where an operator could be asked");
     const int place = run.place.number;
     {
-        std::unique_lock lock(mutex_);
+        Lock lock(mutex_);
         while (asking_ != 0 && asking_ != place && needless().empty() && Clock::now() < deadline) {
-            free_.wait_for(lock, kTyping);
+            free_.waitFor(lock, kTyping);
         }
         if (const std::string why = needless(); !why.empty()) throw std::runtime_error(why);
         if (asking_ != 0 && asking_ != place) throw std::runtime_error("the operator did not answer in time");
@@ -123,7 +123,7 @@ std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &nee
         const ssize_t length = read(STDIN_FILENO, line.data(), line.size());
         if (length <= 0) throw std::runtime_error("the operator's terminal is gone");
         line.resize(static_cast<size_t>(length));
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         prompt_.clear();
         return line;
     }
@@ -131,12 +131,12 @@ std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &nee
 }
 
 void Terminal::release(int place) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (asking_ != place) return;
     asking_ = 0;
     if (!prompt_.empty()) output_.put("\n");
     prompt_.clear();
-    free_.notify_all();
+    free_.notifyAll();
 }
 
 void Terminal::print(const RunRecord &run, const std::string &text) {
@@ -145,13 +145,13 @@ void Terminal::print(const RunRecord &run, const std::string &text) {
 
 // An open question moves below the new lines; what is typed of its answer stays with the terminal.
 void Terminal::print(const std::string &lines) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     output_.put(watched_ ? "\r\033[K" + lines + prompt_ : lines);
 }
 
 // The terminal cuts the line at its right edge.
 void Terminal::show(const std::string &text) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (watched_ && prompt_.empty()) output_.progress("\r\033[?7l" + text + "\033[K\033[?7h");
 }
 

@@ -1,10 +1,9 @@
 #pragma once
 // What people read on standard output: a line for each thing that happens.
 
-#include <condition_variable>
-#include <mutex>
 #include <string>
 
+#include "station/base/mutex.h"
 #include "station/run/observer.h"
 #include "station/run/operator.h"
 #include "station/run/output.h"
@@ -44,10 +43,10 @@ private:
     Output &output_;
     const int boards_;
     const bool watched_, asks_;  // standard output is a terminal; standard input is one, too
-    std::mutex mutex_;           // guards what follows
-    std::condition_variable free_;
-    int asking_ = 0;      // the number of the place that is asked; 0: none
-    std::string prompt_;  // of the question that is open
+    Mutex mutex_;
+    Condition free_;
+    int asking_ GUARDED_BY(mutex_) = 0;      // the number of the place that is asked; 0: none
+    std::string prompt_ GUARDED_BY(mutex_);  // of the question that is open
 };
 
 }  // namespace station

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <utility>
 
+#include "station/base/mutex.h"
 #include "station/base/text.h"
 
 namespace station {
@@ -37,10 +38,10 @@ bool stopsWithin(std::chrono::seconds duration) {
 }
 
 struct Signals::Reloading {
-    std::mutex mutex;  // guards what follows
-    bool wanted = true;
-    bool busy = false;   // a thread is reading
-    bool again = false;  // SIGHUP came meanwhile
+    Mutex mutex;
+    bool wanted GUARDED_BY(mutex) = true;
+    bool busy GUARDED_BY(mutex) = false;   // a thread is reading
+    bool again GUARDED_BY(mutex) = false;  // SIGHUP came meanwhile
 };
 
 Signals::Signals(SignalActions actions)
@@ -56,7 +57,7 @@ Signals::Signals(SignalActions actions)
 Signals::~Signals() {
     eventfd_write(done_.descriptor(), 1);
     thread_.join();
-    const std::lock_guard lock(reloading_->mutex);
+    const Lock lock(reloading_->mutex);
     reloading_->wanted = false;
 }
 
@@ -82,13 +83,13 @@ void Signals::watch() {
 }
 
 void Signals::reload() {
-    const std::lock_guard lock(reloading_->mutex);
+    const Lock lock(reloading_->mutex);
     reloading_->again = std::exchange(reloading_->busy, true);
     if (reloading_->again) return;
     std::thread([load = actions_.reload, state = reloading_] {
         for (;;) {
             const std::function<void()> adopt = load();
-            const std::lock_guard adopting(state->mutex);
+            const Lock adopting(state->mutex);
             if (state->wanted) adopt();
             state->busy = std::exchange(state->again, false) && state->wanted;
             if (!state->busy) return;
@@ -97,22 +98,22 @@ void Signals::reload() {
 }
 
 void Unfinished::stepStarts(const RunRecord &run, size_t step) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     running_[run.place.name] = {oneLine(run.steps[step].title)};
 }
 
 void Unfinished::progress(const RunRecord &run, size_t, uint64_t, uint64_t) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     running_[run.place.name].sent = true;
 }
 
 void Unfinished::stepEnds(const RunRecord &run, size_t) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     running_.erase(run.place.name);
 }
 
 std::string Unfinished::describe() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     std::string text;
     for (const auto &[place, left] : running_) {
         text += fmt::format("place {}: left in the step {}{}\n", place, left.step,

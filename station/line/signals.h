@@ -5,11 +5,11 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "station/base/descriptor.h"
+#include "station/base/mutex.h"
 #include "station/run/observer.h"
 
 namespace station {
@@ -62,8 +62,8 @@ private:
         std::string step;
         bool sent = false;  // some of a payload
     };
-    mutable std::mutex mutex_;
-    std::map<std::string, Left> running_;  // by the place's name
+    mutable Mutex mutex_;
+    std::map<std::string, Left> running_ GUARDED_BY(mutex_);  // by the place's name
 };
 
 }  // namespace station

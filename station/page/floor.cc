@@ -29,7 +29,7 @@ Json failureOf(const RunRecord &run) {
 template <typename Change>
 void Floor::change(const Place &place, const Change &apply) {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         Tile &tile = tiles_[place.number];
         apply(tile);
         tile.json["number"] = place.number;
@@ -43,7 +43,7 @@ void Floor::change(const Place &place, const Change &apply) {
 template <typename Change>
 void Floor::changeLine(const Change &apply) {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         apply();
         lineVersion_ = ++version_;
     }
@@ -55,7 +55,7 @@ void Floor::lineStarts(const std::vector<Place> &places) {
 }
 
 void Floor::boardConnects(const RunRecord &run) {
-    change(run.place, [&](Tile &tile) {
+    change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json = {{"stage", "running"}, {"unit", oneLine(run.unit)}, {"steps", run.steps.size()}, {"step", 0}};
         tile.runs = true;
         tile.connected = tile.started = Clock::now();
@@ -65,7 +65,7 @@ void Floor::boardConnects(const RunRecord &run) {
 }
 
 void Floor::stepStarts(const RunRecord &run, size_t step) {
-    change(run.place, [&](Tile &tile) {
+    change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json["unit"] = oneLine(run.unit);
         tile.json["step"] = step + 1;
         tile.json["title"] = oneLine(run.steps[step].title);
@@ -79,7 +79,7 @@ void Floor::stepStarts(const RunRecord &run, size_t step) {
 // A page moves the bar by itself where it knows how long the run takes.
 void Floor::progress(const RunRecord &run, size_t, uint64_t sent, uint64_t total) {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         Tile &tile = tiles_[run.place.number];
         tile.sent = sent;
         tile.total = total;
@@ -90,13 +90,13 @@ void Floor::progress(const RunRecord &run, size_t, uint64_t sent, uint64_t total
 }
 
 void Floor::stepEnds(const RunRecord &run, size_t step) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     durations_.learn(run, step);
 }
 
 void Floor::boardEnds(const RunRecord &run) {
     const double seconds = std::chrono::duration<double>(run.end - run.start).count();
-    change(run.place, [&](Tile &tile) {
+    change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json = {{"stage", run.passed() ? "passed" : "failed"},
                      {"unit", oneLine(run.unit)},
                      {"seconds", seconds},
@@ -118,11 +118,11 @@ void Floor::placeFree(const Place &place) {
 }
 
 void Floor::placeHeld(const Place &place, bool held) {
-    change(place, [&](Tile &tile) { tile.held = held; });
+    change(place, [&](Tile &tile) REQUIRES(mutex_) { tile.held = held; });
 }
 
 void Floor::asks(const Place &place, const Question &question) {
-    change(place, [&](Tile &tile) {
+    change(place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json["stage"] = question.number > 0 ? "asking" : "running";
         tile.json["ask"] = nullptr;
         if (question.number == 0) return;
@@ -134,22 +134,22 @@ void Floor::asks(const Place &place, const Question &question) {
 }
 
 void Floor::strangerRefused(const std::string &peer, const std::string &why) {
-    changeLine([&] {
+    changeLine([&]() REQUIRES(mutex_) {
         ++strangers_;
         stranger_ = oneLine(peer + ": " + why);
     });
 }
 
 void Floor::lineWaits(const std::string &why) {
-    changeLine([&] { waits_ = oneLine(why); });
+    changeLine([&]() REQUIRES(mutex_) { waits_ = oneLine(why); });
 }
 
 void Floor::lineStops() {
-    changeLine([&] { stops_ = true; });
+    changeLine([&]() REQUIRES(mutex_) { stops_ = true; });
 }
 
 void Floor::trouble(const std::string &text) {
-    changeLine([&] {
+    changeLine([&]() REQUIRES(mutex_) {
         const auto now = fmt::localtime(WallClock::to_time_t(WallClock::now()));
         troubles_.push_back(fmt::format("{:%H:%M} {}", now, oneLine(text)));
         if (troubles_.size() > kTroublesShown) troubles_.pop_front();
@@ -170,7 +170,7 @@ Json Floor::show(const Tile &tile) const {
 }
 
 std::string Floor::since(uint64_t &seen) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (shift_.renew()) shiftVersion_ = ++version_;
     if (seen == version_) return {};
     Json json;

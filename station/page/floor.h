@@ -5,11 +5,11 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/base/time.h"
 #include "station/page/shift.h"
 #include "station/run/durations.h"
@@ -27,7 +27,7 @@ struct Question {
 class Floor : public Observer {
 public:
     // `changed` is called, by any thread, whenever there is something new.
-    Floor(Shift shift, std::function<void()> changed) : shift_(std::move(shift)), changed_(std::move(changed)) {}
+    Floor(Shift shift, std::function<void()> changed) : changed_(std::move(changed)), shift_(std::move(shift)) {}
 
     void lineStarts(const std::vector<Place> &places) override;
     void boardConnects(const RunRecord &run) override;
@@ -66,16 +66,16 @@ private:
     Json show(const Tile &tile) const;
     void warn(const std::string &text);
 
-    std::mutex mutex_;  // of all that follows
-    Shift shift_;
     const std::function<void()> changed_;
-    Durations durations_;
-    std::map<int, Tile> tiles_;  // by the place's number
-    std::string waits_, stranger_;
-    size_t strangers_ = 0;
-    bool stops_ = false;
-    std::deque<std::string> troubles_;  // the last ones
-    uint64_t version_ = 1, lineVersion_ = 1, shiftVersion_ = 1;
+    Mutex mutex_;
+    Shift shift_ GUARDED_BY(mutex_);
+    Durations durations_ GUARDED_BY(mutex_);
+    std::map<int, Tile> tiles_ GUARDED_BY(mutex_);  // by the place's number
+    std::string waits_ GUARDED_BY(mutex_), stranger_ GUARDED_BY(mutex_);
+    size_t strangers_ GUARDED_BY(mutex_) = 0;
+    bool stops_ GUARDED_BY(mutex_) = false;
+    std::deque<std::string> troubles_ GUARDED_BY(mutex_);  // the last ones
+    uint64_t version_ GUARDED_BY(mutex_) = 1, lineVersion_ GUARDED_BY(mutex_) = 1, shiftVersion_ GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace station

@@ -1,12 +1,11 @@
 #pragma once
 // Who answers what a plan asks, when the line has a page: whoever scans or types there.
 
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "station/base/mutex.h"
 #include "station/page/floor.h"
 #include "station/run/operator.h"
 
@@ -30,10 +29,10 @@ private:
     };
 
     Floor &floor_;
-    std::mutex mutex_;
-    std::condition_variable answered_;
-    std::map<int, Open *> open_;  // by the place's number
-    uint64_t asked_ = 0;          // questions so far
+    Mutex mutex_;
+    Condition answered_;
+    std::map<int, Open *> open_ GUARDED_BY(mutex_);  // by the place's number
+    uint64_t asked_ GUARDED_BY(mutex_) = 0;          // questions so far
 };
 
 }  // namespace station

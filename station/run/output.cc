@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "station/base/mutex.h"
 #include "station/base/time.h"
 
 namespace station {
@@ -23,17 +24,17 @@ constexpr std::chrono::seconds kPatience{1};
 }  // namespace
 
 struct Output::Queue {
-    std::mutex mutex;  // guards all that follows
-    std::condition_variable changed;
-    std::string waiting;
-    size_t writing = 0;    // bytes that the thread has taken and not yet written
-    size_t dropped = 0;    // lines since the reader fell behind
-    uint64_t written = 0;  // bytes in all
-    bool ends = false;
-    std::string failure;
+    Mutex mutex;
+    Condition changed;
+    std::string waiting GUARDED_BY(mutex);
+    size_t writing GUARDED_BY(mutex) = 0;    // bytes that the thread has taken and not yet written
+    size_t dropped GUARDED_BY(mutex) = 0;    // lines since the reader fell behind
+    uint64_t written GUARDED_BY(mutex) = 0;  // bytes in all
+    bool ends GUARDED_BY(mutex) = false;
+    std::string failure GUARDED_BY(mutex);
 
-    bool idle() const { return waiting.empty() && writing == 0; }
-    size_t size() const { return waiting.size() + writing; }
+    bool idle() const REQUIRES(mutex) { return waiting.empty() && writing == 0; }
+    size_t size() const REQUIRES(mutex) { return waiting.size() + writing; }
 };
 
 Output::Output(int descriptor, Describe describe) : describe_(std::move(describe)), queue_(std::make_shared<Queue>()) {
@@ -42,13 +43,13 @@ Output::Output(int descriptor, Describe describe) : describe_(std::move(describe
 
 Output::~Output() {
     finish([] { return true; });
-    const std::lock_guard lock(queue_->mutex);
+    const Lock lock(queue_->mutex);
     queue_->ends = true;
-    queue_->changed.notify_all();
+    queue_->changed.notifyAll();
 }
 
 void Output::put(const std::string &text) {
-    const std::lock_guard lock(queue_->mutex);
+    const Lock lock(queue_->mutex);
     const size_t room = queue_->dropped > 0 ? kMost / 2 : kMost;
     if (queue_->size() > room) {
         queue_->dropped += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
@@ -56,24 +57,24 @@ void Output::put(const std::string &text) {
     }
     if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));
     queue_->waiting += text;
-    queue_->changed.notify_all();
+    queue_->changed.notifyAll();
 }
 
 void Output::progress(const std::string &text) {
     {
-        const std::lock_guard lock(queue_->mutex);
+        const Lock lock(queue_->mutex);
         if (queue_->size() > kMostForProgress) return;
     }
     put(text);
 }
 
 std::string Output::finish(const std::function<bool()> &hurry) {
-    std::unique_lock lock(queue_->mutex);
+    Lock lock(queue_->mutex);
     if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));
-    queue_->changed.notify_all();
+    queue_->changed.notifyAll();
     uint64_t written = queue_->written;
     for (auto since = Clock::now(); !queue_->idle() && queue_->failure.empty();) {
-        queue_->changed.wait_for(lock, kGlimpse);
+        queue_->changed.waitFor(lock, kGlimpse);
         if (std::exchange(written, queue_->written) != queue_->written) since = Clock::now();
         if (hurry() && Clock::now() - since > kPatience) queue_->failure = "nobody reads it";
     }
@@ -99,23 +100,23 @@ static std::string writeAll(int descriptor, const std::string &text, const Piece
 }
 
 void Output::write(const std::shared_ptr<Queue> &queue, int descriptor) {
-    std::unique_lock lock(queue->mutex);
+    Lock lock(queue->mutex);
     for (;;) {
-        queue->changed.wait(lock, [&] { return queue->ends || !queue->waiting.empty(); });
+        queue->changed.wait(lock, [&]() REQUIRES(queue->mutex) { return queue->ends || !queue->waiting.empty(); });
         if (queue->ends) return;
         const std::string text = std::exchange(queue->waiting, {});
         queue->writing = text.size();
         lock.unlock();
         const std::string failure = writeAll(descriptor, text, [&](size_t length) {
-            const std::lock_guard counting(queue->mutex);
+            const Lock counting(queue->mutex);
             queue->writing -= length;
             queue->written += length;
-            queue->changed.notify_all();
+            queue->changed.notifyAll();
         });
         lock.lock();
         queue->writing = 0;
         if (queue->failure.empty()) queue->failure = failure;
-        queue->changed.notify_all();
+        queue->changed.notifyAll();
     }
 }
 

@@ -1,10 +1,8 @@
 #pragma once
 // A stream of lines, such as standard output, that no thread ever waits for.
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace station {

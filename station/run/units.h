@@ -2,9 +2,9 @@
 // The units that this line has in work, each at one place.
 
 #include <map>
-#include <mutex>
 #include <string>
 
+#include "station/base/mutex.h"
 #include "station/run/record.h"
 
 namespace station {
@@ -13,17 +13,17 @@ class Units {
 public:
     // Returns the place where the run's unit is in work already; empty: it is the run's, until it is released.
     std::string claim(const RunRecord &run) {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         return inWork_.emplace(run.unit, run.place.name).second ? "" : "place " + inWork_[run.unit];
     }
     void release(const std::string &unit) {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         inWork_.erase(unit);
     }
 
 private:
-    std::mutex mutex_;
-    std::map<std::string, std::string> inWork_;  // the place's name by the unit
+    Mutex mutex_;
+    std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);  // the place's name by the unit
 };
 
 }  // namespace station
