@@ -46,10 +46,10 @@ struct Line::Seat : Board {
 
     Session &session() override { return *served; }
     void reconnect(Clock::time_point deadline) override {
-        std::unique_lock lock(line.mutex_);
+        Lock lock(line.mutex_);
         awaits = true;
         gate.door.wake();
-        changed.wait_until(lock, deadline, [&] { return next.has_value(); });
+        changed.waitUntil(lock, deadline, [&] { return next.has_value(); });
         awaits = false;
         if (!next) throw SessionError("the board did not connect again in time");
         served = std::exchange(next, std::nullopt);
@@ -62,7 +62,7 @@ struct Line::Seat : Board {
     std::optional<Session> served;  // its thread's
 
     // Guarded by the line's mutex:
-    std::condition_variable changed;
+    Condition changed;
     std::optional<Session> next;  // handed over by the gate
     std::string address;          // of the last board's connection
     bool busy = false;
@@ -96,15 +96,18 @@ Line::~Line() { endThreads(); }
 
 Outcome Line::run(int boards, Milliseconds wait) {
     endless_ = false;
-    wanted_ = boards;
     deadline_ = Clock::now() + wait;
+    {
+        const Lock lock(mutex_);
+        wanted_ = boards;
+    }
     return work();
 }
 
 Outcome Line::serve() { return work(); }
 
 void Line::change(std::shared_ptr<const Job> job) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     job_ = std::move(job);
 }
 
@@ -113,7 +116,7 @@ bool Line::hold(int number, bool held) {
         std::find_if(seats_.begin(), seats_.end(), [&](const Seat &s) { return s.place.number == number; });
     if (seat == seats_.end()) return false;
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         if (std::exchange(seat->held, held) == held) return true;
     }
     context_.observer.placeHeld(seat->place, held);
@@ -123,10 +126,10 @@ bool Line::hold(int number, bool held) {
 
 void Line::wake() {
     {
-        const std::lock_guard lock(mutex_);  // the waiting thread has either not looked yet, or is notified
+        const Lock lock(mutex_);  // the waiting thread has either not looked yet, or is notified
     }
     for (const Gate &gate : gates_) gate.door.wake();
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 // ---- the calling thread
@@ -149,9 +152,10 @@ Outcome Line::work() {
 // Looks after the records until all gates are closed.
 void Line::look() {
     bool stopped = false;
-    for (std::unique_lock lock(mutex_);;) {
+    for (Lock lock(mutex_);;) {
         const auto next = std::min(Clock::now() + kLook, closed_ ? Clock::time_point::max() : deadline_);
-        changed_.wait_until(lock, next, [&] { return open_ == 0 || stopped != context_.stop.requested(); });
+        changed_.waitUntil(lock, next,
+                           [&]() REQUIRES(mutex_) { return open_ == 0 || stopped != context_.stop.requested(); });
         if (open_ == 0) return;
         const bool stops = !std::exchange(stopped, context_.stop.requested()) && stopped;
         closed_ |= stopped || Clock::now() >= deadline_;
@@ -159,10 +163,10 @@ void Line::look() {
         if (stops) context_.observer.lineStops();
         const std::string why = context_.records.away();
         lock.lock();
-        const bool news = std::exchange(away_, why) != why;
+        const bool news = std::exchange(away_, why) != why, rouse = news || closed_;
         lock.unlock();
         if (news) context_.observer.lineWaits(why);
-        if (news || closed_) wake();
+        if (rouse) wake();
         lock.lock();
     }
 }
@@ -170,9 +174,9 @@ void Line::look() {
 // Boards in work have been served when all gates are closed.
 void Line::endThreads() {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         ended_ = true;
-        for (Seat &seat : seats_) seat.changed.notify_all();
+        for (Seat &seat : seats_) seat.changed.notifyAll();
     }
     wake();
     for (Gate &gate : gates_) {
@@ -220,16 +224,16 @@ void Line::tendGate(Gate &gate) {
         }
         watchCable(gate);
     }
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     left_ += gate.door.boards();
     --open_;
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 // Hands over the boards that have turned up, and says what to do next.
 Line::Orders Line::decide(Gate &gate) {
-    const std::lock_guard lock(mutex_);
-    gate.door.handOver([&](Newcomer &board) { return seat(gate, board); });
+    const Lock lock(mutex_);
+    gate.door.handOver([&](Newcomer &board) REQUIRES(mutex_) { return seat(gate, board); });
     gate.expected = gate.door.expected();
     size_t expected = 0;
     for (const Gate &other : gates_) expected += other.expected;
@@ -258,7 +262,7 @@ bool Line::seat(Gate &gate, Newcomer &board) {
     seat->busy = true;
     seat->address = board.address;
     seat->next.emplace(std::move(board.session));
-    seat->changed.notify_all();
+    seat->changed.notifyAll();
     return true;
 }
 
@@ -288,7 +292,7 @@ void Line::watchCable(Gate &gate) {
     }
     if (hasCarrier(listener.interface())) return;
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         if (seat.busy || !std::exchange(seat.verdict, false)) return;
     }
     context_.observer.placeFree(seat.place);
@@ -305,8 +309,8 @@ bool Line::mayStart(const Seat &seat) const {
 // ---- the thread of a place
 
 void Line::tendSeat(Seat &seat) {
-    for (std::unique_lock lock(mutex_);;) {
-        seat.changed.wait(lock, [&] { return seat.next || ended_; });
+    for (Lock lock(mutex_);;) {
+        seat.changed.wait(lock, [&]() REQUIRES(mutex_) { return seat.next || ended_; });
         if (!seat.next) return;
         seat.served = std::exchange(seat.next, std::nullopt);
         const std::shared_ptr<const Job> job = job_;
@@ -343,7 +347,7 @@ bool Line::begin(const RunRecord &run) {
         }
         if (!context_.stop.wait(kRetry)) continue;
         context_.observer.trouble("connected, but not served, start its service again: " + run.peer);
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         outcome_.interrupted = true;
         return false;
     }
@@ -371,7 +375,7 @@ void Line::finish(const RunRecord &run) {
     }
     context_.units.release(run.unit);
     context_.observer.boardEnds(run);
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ++outcome_.runs;
     outcome_.failed += run.passed() ? 0 : 1;
     outcome_.counts = countsOf(run);

@@ -2,13 +2,12 @@
 // The line: which board is at which place, and what is run there. A thread per socket lets boards in (Door), a thread
 // per place serves them, and the calling thread looks after the whole.
 
-#include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/line/door.h"
 #include "station/run/hooks.h"
 #include "station/run/run.h"
@@ -60,16 +59,16 @@ private:
     struct Seat;
     struct Orders;
 
-    Outcome work();
+    Outcome work() UNCHECKED_THREADS;  // begins and ends all other threads
     void look();
     void endThreads();
-    void nameLeftOut();
-    void missBoards();
+    void nameLeftOut() UNCHECKED_THREADS;  // no other thread is left by then
+    void missBoards() UNCHECKED_THREADS;   // as before
 
     // In the thread of a socket:
     void tendGate(Gate &gate);
     Orders decide(Gate &gate);
-    bool seat(Gate &gate, Newcomer &board);
+    bool seat(Gate &gate, Newcomer &board) REQUIRES(mutex_);
     void watchCable(Gate &gate);
 
     // In the thread of a place:
@@ -79,27 +78,28 @@ private:
     RunRecord runJob(Seat &seat, const Job &job, RunRecord run);
     void finish(const RunRecord &run);
 
-    bool closing() const;  // no more boards are wanted
-    bool mayStart(const Seat &seat) const;
-    Seat *seatFor(const Gate &gate, const std::string &address);
+    bool closing() const REQUIRES(mutex_);  // no more boards are wanted
+    bool mayStart(const Seat &seat) const REQUIRES(mutex_);
+    Seat *seatFor(const Gate &gate, const std::string &address) REQUIRES(mutex_);
 
     const Context context_;
     const std::vector<Place> places_;
     std::list<Gate> gates_;  // these and the seats do not change while there are threads
     std::list<Seat> seats_;
 
-    mutable std::mutex mutex_;  // guards what follows, and what Gate and Seat say
-    std::condition_variable changed_;
-    std::shared_ptr<const Job> job_;
-    bool endless_ = true;
-    int wanted_ = 0;  // boards still to come, unless it is endless
-    bool closed_ = false;
-    bool ended_ = false;
-    size_t open_ = 0;   // gates
-    std::string away_;  // why records cannot be kept now
-    std::string left_;  // boards that had connected when the line was stopped
-    Outcome outcome_;
+    bool endless_ = true;                                    // like the deadline, set before there are threads
     Clock::time_point deadline_ = Clock::time_point::max();  // for boards to come
+
+    mutable Mutex mutex_;  // guards what Gate and Seat say, too
+    Condition changed_;
+    std::shared_ptr<const Job> job_ GUARDED_BY(mutex_);
+    int wanted_ GUARDED_BY(mutex_) = 0;  // boards still to come, unless it is endless
+    bool closed_ GUARDED_BY(mutex_) = false;
+    bool ended_ GUARDED_BY(mutex_) = false;
+    size_t open_ GUARDED_BY(mutex_) = 0;   // gates
+    std::string away_ GUARDED_BY(mutex_);  // why records cannot be kept now
+    std::string left_ GUARDED_BY(mutex_);  // boards that had connected when the line was stopped
+    Outcome outcome_ GUARDED_BY(mutex_);
 };
 
 }  // namespace station
