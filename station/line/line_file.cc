@@ -47,7 +47,7 @@ struct Cable {
     std::string name, interface;
 };
 
-// It becomes part of file names, and of what operators read.
+// A place's name becomes part of file names, and operators read it.
 void readName(Cable &cable, const Entry &value) {
     cable.name = value.part();
     const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
@@ -106,6 +106,7 @@ void readHook(Draft &draft, Hook &hook, const Entry &value) {
 void readVariables(Draft &draft, const Entry &value) {
     eachEntry(value.node, "names and values", draft.faults, [&](const Entry &name, const Entry &text) {
         if (!isName(name.text())) name.fail("a name is a letter or '_', then letters, digits and '_'");
+        if (text.line().size() > kLongestValue) text.fail(fmt::format("a value has at most {} bytes", kLongestValue));
         draft.line.variables[name.text()] = text.line();
     });
 }

@@ -15,12 +15,12 @@
 
 namespace station {
 
-// Where browsers find the line's page, and who may change something there.
+// Where browsers find the line's page, and what lets them change something there.
 struct PageSettings {
     std::string address = "127.0.0.1";
     uint16_t port = 0;
-    std::string token;  // for who is on another machine; empty: nobody is
-    // When the shifts begin, in the day's minutes.
+    std::string token;  // for browsers on other machines; empty: there are none
+    // When the shifts begin, in minutes of the day.
     std::vector<int> shifts = {6 * 60, 14 * 60, 22 * 60};
 
     bool operator==(const PageSettings &) const = default;
@@ -39,14 +39,14 @@ struct LineFile {
     std::filesystem::path spool;    // folder for what the store cannot take yet; empty: the usual one
     std::optional<PageSettings> page;
 
-    // True when the other line has the same address, places, records and page.
+    // Returns true when the other line has the same address, places, records and page.
     bool sameStation(const LineFile &other) const;
 };
 
-// True when the file is a line's rather than a plan.
+// Returns true when the file is a line's rather than a plan.
 bool isLineFile(const std::filesystem::path &path);
 
-// The names of a store's pools, of which a plan may take.
+// Returns the names of a store's pools, which a plan may take from.
 using AskPools = std::function<std::set<std::string>(const std::string &store)>;
 
 // Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault, and

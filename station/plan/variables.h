@@ -11,6 +11,9 @@ namespace station {
 
 using Variables = std::map<std::string, std::string>;
 
+// Bytes of a value: it may go into the environment of a board's script and of a hook.
+constexpr size_t kLongestValue = 1024;
+
 bool isName(std::string_view text);
 
 // The names in a text. Throws std::invalid_argument for a brace that is none of the above.

@@ -1,5 +1,5 @@
 #pragma once
-// How long each step of a plan took in the runs before: what moves a bar while there is nothing to count.
+// How long each step of a plan took in earlier runs: it moves a bar while there is nothing to count.
 
 #include <map>
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace station {
 
-// Kept between runs in the user's cache folder, where that can be written; without it, for as long as this lives.
+// Kept in the user's cache folder; while that cannot be written, for as long as this lives.
 class Durations {
 public:
     Durations();
@@ -16,19 +16,19 @@ public:
     Durations(const Durations &) = delete;
     Durations &operator=(const Durations &) = delete;
 
-    // In seconds; 0 when the step never passed.
+    // Returns the seconds of a step; 0 when it never passed.
     double of(const RunRecord &run, size_t step) const;
-    // Of this step and all behind it; 0 when one of them never passed.
+    // Returns the seconds of this step and all later ones; 0 when one of them never passed.
     double from(const RunRecord &run, size_t step) const;
-    // Takes a step that has passed into account, the latest the most.
+    // Takes a passed step into account; the latest one counts most.
     void learn(const RunRecord &run, size_t step);
 
 private:
     std::map<std::string, double> seconds_;
 };
 
-// How long a step takes in all, in seconds: as long as before (0: not known), else by the bytes that are sent of its
-// payload, `elapsed` seconds after its start. 0: nobody can know.
+// Returns how long a step takes in all, in seconds: as long as `before` (0: unknown), or else as estimated from the
+// bytes that were sent within `elapsed` seconds. 0: unknown.
 double estimate(double before, double elapsed, uint64_t sent, uint64_t total);
 
 }  // namespace station

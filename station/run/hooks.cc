@@ -33,7 +33,7 @@ std::vector<std::string> environmentFor(const RunRecord &run) {
     return environment;
 }
 
-// Returns a file in memory, which a process that does not read it holds up nobody by.
+// Returns a file in memory: unlike a pipe, it needs nobody who reads it.
 Descriptor memoryFile(const std::string &content) {
     Descriptor file(memfd_create("hook", MFD_CLOEXEC));
     if (pwrite(file.descriptor(), content.data(), content.size(), 0) < 0) return Descriptor(-1);

@@ -26,9 +26,9 @@ public:
     virtual void boardEnds(const RunRecord &) {}
     // The board whose verdict stood there has been taken away.
     virtual void placeFree(const Place &) {}
-    // The place takes no board until it is released, or again does.
+    // The place takes no board until it is released; or it is released.
     virtual void placeHeld(const Place &, bool /*held*/) {}
-    // Something connected that is no board.
+    // Something connected that is not a board, or that has no place.
     virtual void strangerRefused(const std::string & /*peer*/, const std::string & /*why*/) {}
     // No new board is taken for this reason; empty: they are taken again.
     virtual void lineWaits(const std::string & /*why*/) {}
@@ -38,7 +38,7 @@ public:
     virtual void trouble(const std::string &) {}
 };
 
-// Tells all of them, in their order.
+// Forwards each call to all of them, in their order.
 class Observers : public Observer {
 public:
     void add(Observer &observer) { all_.push_back(&observer); }
@@ -69,7 +69,7 @@ private:
         for (Observer *const observer : all_) {
             try {
                 (observer->*call)(arguments...);
-            } catch (const std::exception &) {  // who cannot show it, as on a full device, must not end the board
+            } catch (const std::exception &) {  // a full device, say, must not end the run
             }
         }
     }

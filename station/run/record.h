@@ -1,5 +1,5 @@
 #pragma once
-// What is known of one run of a plan on one board: what results, store, page and hooks are made from.
+// The record of one run of a plan on one board, which results, store, page and hooks are made from.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,7 +25,7 @@ struct Recorder {
     std::string key;   // of its spool: no other process has it; empty: it records to no store
 };
 
-// A number that a step found, and what it was held to.
+// A number that a step found, and its limits.
 struct Measurement {
     std::string name;
     double value = 0;
@@ -78,25 +78,25 @@ struct RunRecord {
     const StepResult *firstFailed() const;  // null: none has
 };
 
-// The place for people: its name, or "board 3" when it has none but its number.
+// Returns the place's name for people: its name, or "board 3" when it has none but its number.
 std::string nameOf(const Place &place);
 
-// What stands behind a verdict: the first step that failed and why, or what failed besides; else the number of steps.
+// Returns the reason of a verdict: the first step that failed and why, or what else failed; or the number of steps.
 std::string summaryOf(const RunRecord &run);
 
-// A run's end in one line: verdict, unit, seconds, summary, and what to do.
+// Returns a run's end in one line: verdict, unit, seconds, reason, and what to do.
 std::string endLine(const RunRecord &run);
 
-// "20261121T173000.123Z-" and eight random hexadecimal digits.
+// Returns "20261121T173000.123Z-" and eight random hexadecimal digits.
 std::string makeRunId(WallClock::time_point start);
 
 // Returns the record as it is kept before the run has ended: without an end, and interrupted unless one follows.
 RunRecord unfinished(RunRecord run);
 
-// "4 steps, 1 failed", and ", 2 not run" when there are such.
+// Returns "4 steps, 1 failed", and ", 2 not run" when there are any.
 std::string countsOf(const RunRecord &run);
 
-// A step's line: verdict, time, title, and the reply or what is wrong.
+// Returns a step's line: verdict, time, title, and the reply or what is wrong.
 std::string describeStep(const StepResult &result);
 
 }  // namespace station

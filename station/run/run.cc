@@ -18,8 +18,7 @@ namespace {
 
 constexpr Milliseconds kRetryPause{1000};
 constexpr Milliseconds kProgressPause{100};
-constexpr char kUnit[] = "serial";      // the variable that is the unit
-constexpr size_t kLongestValue = 1024;  // of a variable; it may go into a board's and a hook's environment
+constexpr char kUnit[] = "serial";  // the variable that is the unit
 
 // A run in its course.
 struct Course {
@@ -59,7 +58,7 @@ struct Attempt {
     }
 };
 
-// Takes what the step needs of the pools, once a run: what is taken is this unit's for good, before it is sent.
+// Takes what the step needs from the pools, once per run. It belongs to this unit for good before it is sent.
 void take(const Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     for (const Taken &taken : attempt.step.takes) {
@@ -71,7 +70,7 @@ void take(const Attempt &attempt) {
     }
 }
 
-// Fills in the step's texts, and looks at the command again, now that it is whole.
+// Fills in the step's texts, and checks the command again, which is complete now.
 void prepare(Attempt &attempt) {
     const Step &step = attempt.step;
     take(attempt);
@@ -146,7 +145,7 @@ std::string trim(const std::string &text) {
     return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
 
-// Makes the run one of this unit. Returns why it cannot be: two boards that pass for one are a label scanned twice.
+// Makes the run one of this unit. Rejects a unit that is in work: one label was scanned for two boards. Returns why.
 std::string nameUnit(const Context &context, RunRecord &run, const std::string &serial) {
     if (serial == run.unit) return {};
     const std::string before = std::exchange(run.unit, serial);
@@ -160,7 +159,7 @@ std::string nameUnit(const Context &context, RunRecord &run, const std::string &
     return fmt::format("the unit {} is in work at {}", serial, where);
 }
 
-// A board that is taken away is not asked about: the answer would be the next one's.
+// Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
 std::string reasonNotToAsk(const Course &course) {
     if (course.context.stop.requested()) return "the station was stopped before the operator answered";
     if (course.connected && course.board.session().gone()) return "the board has gone before the operator answered";
@@ -186,10 +185,10 @@ void runAsk(Attempt &attempt) {
     throw SessionError("nobody answered in time; the last answer: " + problem);
 }
 
-// In the order of Kind.
+// Runs a step of each kind, in the order of Kind.
 constexpr std::array<void (*)(Attempt &), 4> kRunners = {runCommand, runScriptStep, runVerify, runAsk};
 
-// Returns what is wrong with the value, empty for nothing.
+// Returns what is wrong with the value; empty: nothing.
 std::string measure(const Limit &limit, const std::string &text, std::vector<Measurement> &measurements) {
     double value = 0;
     const char *const end = text.data() + text.size();
@@ -204,7 +203,7 @@ std::string measure(const Limit &limit, const std::string &text, std::vector<Mea
                        low ? "below" : "above", low ? *limit.min : *limit.max);
 }
 
-// Holds what the match has found to the limits, and keeps it for the steps behind.
+// Checks what the match has found against the limits, and keeps it for later steps.
 void keep(Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     std::string &failure = attempt.result.failure;
@@ -262,7 +261,7 @@ void runAttempt(Course &course, size_t index) {
     if (step.reconnect && (result.failure.empty() || !course.connected)) reconnect(attempt);
 }
 
-// Why a step is not run; empty: it is.
+// Returns why a step is not run; empty: it is.
 std::string reasonAgainst(const Step &step, Course &course) {
     if (!course.over.empty() && !step.always) return course.over;
     if (!course.connected && step.kind != Kind::kAsk) return "the session had ended";
@@ -293,7 +292,7 @@ void runStep(Course &course, size_t index) {
     context.records.stepEnded(course.run, index);
 }
 
-// What the end of a step means for those behind it.
+// Notes what the end of a step means for later ones.
 void follow(Course &course, const Step &step, const StepResult &result) {
     if (!course.over.empty() || result.passed()) return;
     if (step.required) course.over = "a required step had failed";

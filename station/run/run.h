@@ -1,5 +1,5 @@
 #pragma once
-// Running a plan against one board.
+// Runs a plan on one board.
 
 #include <string>
 
@@ -32,11 +32,11 @@ struct Context {
     Units &units;
 };
 
-// The record of a run that has not begun: a new ID, the time, every step "not run".
+// Returns the record of a run that begins now: with a new ID, every step "not run".
 RunRecord newRun(const Plan &plan, const Place &place);
 
-// Runs the steps. Not run are those behind the end of the session, but what the operator is asked; those behind a
-// required step that failed; and those that the stop comes before. Those that run always are run even then.
+// Runs the steps, and returns the record. After the end of the session only `ask` steps are run; after a required step
+// has failed, or the stop was requested, only steps with `always`.
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context);
 
 }  // namespace station

@@ -95,7 +95,7 @@ public:
         }
     }
 
-    // Nobody at the other end yet is no failure.
+    // It is not a failure when the other end is not there yet.
     void send(const std::string &frame) override { ::send(socket_.descriptor(), frame.data(), frame.size(), 0); }
     std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
     Mac address() const override { return kDatagramStation; }
@@ -115,13 +115,13 @@ bool isAnswer(const std::string &frame) {
     return frame.size() >= kPayload && frame.compare(kEtherType, kAnswerType.size(), kAnswerType) == 0;
 }
 
-// The answer that a board of this address owes to a request.
+// Returns the answer that a board of this address must give to a request.
 std::string expectedAnswer(const std::string &request, Mac board) {
     const std::string to = request.substr(macAt(request, 0) == kBroadcast ? 0 : kSource, kMacSize);
     return to + bytesOf(board) + std::string(kAnswerType) + request.substr(kPayload, kLongestAnswer - kPayload);
 }
 
-// The next frame of the answers' EtherType.
+// Returns the next frame of the answers' EtherType; empty: none came before the deadline.
 std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
     for (;;) {
         std::string frame = link.receive(deadline);

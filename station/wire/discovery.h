@@ -19,7 +19,7 @@ class FrameLink {
 public:
     virtual ~FrameLink() = default;
     virtual void send(const std::string &frame) = 0;
-    // The next frame that arrives before the deadline; empty when none does.
+    // Returns the next frame that arrives before the deadline; empty when none does.
     virtual std::string receive(Clock::time_point deadline) = 0;
     virtual Mac address() const = 0;  // this end's
 };

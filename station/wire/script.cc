@@ -31,7 +31,7 @@ std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLeng
                        exports, ownLength + 1, kDefaultAddress, port);
 }
 
-// A line that puts it into the environment; the shell takes everything between two quotes as it is.
+// Returns a line that puts the variable into the environment; between single quotes the shell changes nothing.
 std::string exportOf(const std::string &name, const std::string &value) {
     std::string quoted;
     for (const char c : value) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);

@@ -1,6 +1,6 @@
 #pragma once
-// Scripts that the board runs by the command SHELL, whose reply is but an echo of the command. The station wraps the
-// script, so that the board sends what it printed and its exit status back over a second connection.
+// Scripts that the board runs by the command SHELL, which replies with nothing but an echo of the command. So the
+// station wraps the script: the board sends its exit status and what it printed over a second connection.
 
 #include <map>
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace station {
 
-// Bytes of a script's output that are kept: more than the logs of a board, and little enough for a record.
+// Bytes of a script's output that are kept: more than a board's logs, and few enough for a record.
 constexpr size_t kLongestOutput = 262144;
 
 struct ScriptResult {
@@ -19,13 +19,14 @@ struct ScriptResult {
 };
 
 // Has the board run a script and returns its result. `script` may be any executable file's content; one without an
-// interpreter line is run by the shell. It finds each variable NAME in its environment as QC_NAME. Throws SessionError
-// when the session fails or no result comes in time.
+// interpreter line is run by the shell. It finds each variable NAME in its environment as QC_NAME. A result that comes
+// from another address than the board's is dropped. Throws SessionError when the session fails or no result comes in
+// time.
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const std::map<std::string, std::string> &variables = {}, const Progress &progress = {});
 
-// A script that prints the MD5 digest of the first `size` bytes of an MTD partition, and in a second line how many
-// bytes behind them are not 0xFF.
+// Returns a script that prints the MD5 digest of the first `size` bytes of an MTD partition, and in a second line how
+// many bytes after them are not 0xFF.
 std::string digestScript(int partition, uint64_t size);
 
 }  // namespace station

@@ -18,7 +18,7 @@
 namespace station {
 namespace {
 
-// How long a reply of 64 characters without a NUL is given to turn out longer.
+// How long to wait for more of a reply that has 64 characters and no NUL.
 constexpr Milliseconds kLongReplyGrace{300};
 
 bool isTemporary(int error) { return error == EAGAIN || error == EINTR; }

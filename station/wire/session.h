@@ -16,7 +16,7 @@ namespace station {
 constexpr size_t kFrame = 64;           // bytes of a padded command, and of a reply that fits
 constexpr size_t kLongestReply = 1500;  // bytes, its NUL included
 
-// Told how many bytes of a payload have been sent, and of how many.
+// Called with how many bytes of a payload have been sent, and of how many.
 using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 
 // One board's connection. Every call throws SessionError when the board closes or resets the connection.
@@ -43,11 +43,11 @@ public:
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
-    // True when the board has closed or reset the connection, or is not there any more.
+    // Returns true when the board has closed or reset the connection, or has been given up by the kernel.
     bool gone() const;
 
-    // What arrives until the peer closes: the first `most` bytes; the others are counted in `cut`, when it is given.
-    // Throws when the peer does not close in time.
+    // Receives until the board closes the connection. Returns the first `most` bytes, and adds the number of the others
+    // to `cut`, when it is given. Throws when the board does not close within the limit.
     std::string receiveAll(Milliseconds limit, size_t most = SIZE_MAX, uint64_t *cut = nullptr);
 
     // Ends the connection with a reset instead of a close.
@@ -61,7 +61,7 @@ public:
 
 private:
     enum class Arrival { kBytes, kNothing, kEnd };
-    // Appends what arrives before the deadline.
+    // Appends what arrives first before the deadline.
     Arrival receiveSome(std::string &bytes, Clock::time_point deadline);
     sockaddr_in board() const;
 
