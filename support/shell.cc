@@ -20,9 +20,9 @@ constexpr int kDefaultConnectSeconds = 60;
 // whole line, not at the one before "/dev/null". Callers append their redirection last. Without it, and without the '&'
 // after it, the output can be captured.
 char *withOutputShown(char *line) {
-    const char *const redirection = strchr(line, '>');
-    if (strstr(line, "/dev/null") == nullptr || redirection == nullptr) return line;
-    char *const shown = xasprintf("%.*s2>&1", static_cast<int>(redirection - line), line);
+    const size_t kept = strcspn(line, ">");
+    if (strstr(line, "/dev/null") == nullptr || line[kept] == '\0') return line;
+    char *const shown = xasprintf("%.*s2>&1", static_cast<int>(kept), line);
     if (shown == nullptr) return line;
     free(line);
     return shown;
