@@ -33,7 +33,7 @@ void fill(Database &database, int runs) {
         return fmt::format("substr(CAST(100 + {} AS TEXT), 2, 2)", value);
     };
     const auto timeOf = [&](const char *run) {
-        const std::string second = fmt::format("1767225600 + {} * 86400 / {}", run, kRunsADay);
+        const std::string second = fmt::format("1767225600 + {} * {}", run, 86400.0 / kRunsADay);
         return database.shared() ? fmt::format("to_timestamp({})", second)
                                  : fmt::format("strftime('%Y-%m-%dT%H:%M:%S.000Z', {}, 'unixepoch')", second);
     };

@@ -112,8 +112,16 @@ std::string addressIn(const Database &database, const std::string &number) {
     return fmt::format("printf('%02X:%02X:%02X:%02X:%02X:%02X'{})", bytes);
 }
 
-// Throws when the ranges that were added since `before` overlap another one, or what any pool holds as a value.
-void refuseOverlaps(Database &database, int64_t before) {
+// Returns the range with the address, of sorted ones; null: none has it.
+const Range *find(const std::vector<Range> &ranges, Mac address) {
+    const auto after = std::upper_bound(ranges.begin(), ranges.end(), address,
+                                        [](Mac mac, const Range &range) { return mac < range.first; });
+    const bool has = after != ranges.begin() && std::prev(after)->last >= address;
+    return has ? &*std::prev(after) : nullptr;
+}
+
+// Throws when a range of the store overlaps another one.
+void refuseOverlaps(Database &database) {
     const Table ranges = database.ask(
         "SELECT first, last, last_before, name FROM (SELECT r.first, r.last, max(r.last) OVER (ORDER BY r.first"
         " ROWS BETWEEN UNBOUNDED PRECEDING AND 1 PRECEDING) AS last_before, lag(p.name) OVER (ORDER BY r.first) AS name"
@@ -122,18 +130,22 @@ void refuseOverlaps(Database &database, int64_t before) {
         throw Refusal(fmt::format("{} overlaps a range of the pool \"{}\" that ends with {}",
                                   textOf({integer(row[0]), integer(row[1])}), *row[3], formatMac(integer(row[2]))));
     }
-    const std::string added = fmt::format("FROM ranges r JOIN pool_rows b ON {{}} JOIN pools p ON p.id = b.pool"
-                                          " WHERE r.id > {} AND r.next = r.first LIMIT 1",
-                                          before);
-    const std::string numbers = "b.number BETWEEN r.first AND r.last";
-    // Values of stores that were of version 1 have no number.
-    const std::string texts = fmt::format("b.number IS NULL AND length(b.value) = 17 AND b.value BETWEEN {} AND {}",
-                                          addressIn(database, "r.first"), addressIn(database, "r.last"));
-    for (const std::string &same : {numbers, texts}) {
-        const Table found = database.ask("SELECT b.value, p.name " + fmt::format(fmt::runtime(added), same));
-        if (found.empty()) continue;
-        throw Refusal(fmt::format("{} is in the pool \"{}\" already", *found.rows[0][0], *found.rows[0][1]));
-    }
+}
+
+// Throws when any pool has an address of these sorted ranges as a value. One pass over the values: a database that does
+// not know the new ranges yet would look through all of them for each. Those of stores that were of version 1 have no
+// number.
+void refuseKnown(Database &database, const std::vector<Range> &ranges) {
+    Value known;
+    const auto look = [&](const Table &, const std::vector<Value> &row) {
+        const auto mac = parseMac(*row[0]);
+        if (!known && mac && find(ranges, *mac))
+            known = fmt::format("{} is in the pool \"{}\" already", *row[0], *row[1]);
+    };
+    const std::string values = "SELECT b.value, p.name FROM pool_rows b JOIN pools p ON p.id = b.pool WHERE b.number ";
+    database.each(values + "BETWEEN $1 AND $2", {number(ranges.front().first), number(ranges.back().last)}, look);
+    database.each(values + "IS NULL AND length(b.value) = 17", {}, look);
+    if (known) throw Refusal(*known);
 }
 
 // Consecutive addresses become one range, so that blocks can be taken of it.
@@ -151,16 +163,17 @@ std::vector<Range> joined(std::vector<Range> ranges) {
 }
 
 int64_t addRanges(Database &database, const Pool &pool, const std::vector<Range> &ranges, Strings &unusual) {
-    const int64_t before = newest(database, "ranges");
+    const std::vector<Range> all = joined(ranges);
+    refuseKnown(database, all);
     std::vector<std::vector<Value>> rows;
     int64_t added = 0;
-    for (const Range range : joined(ranges)) {
+    for (const Range range : all) {
         added += range.last - range.first + 1;
         rows.push_back({number(pool.id), number(range.first), number(range.last), number(range.first), "0"});
         if (unusual.size() < kShownLines) addUnusual(unusual, range);
     }
     insertRows(database, "INSERT INTO ranges (pool, first, last, next, retired) VALUES", rows);
-    refuseOverlaps(database, before);
+    refuseOverlaps(database);
     return added;
 }
 
@@ -290,31 +303,42 @@ Rows valuesIn(File &file) {
     return values;
 }
 
+void refuseInRanges(Database &database, File &file, const Rows &rows) {
+    std::vector<Range> ranges;
+    Strings names;
+    const Table known =
+        database.ask("SELECT r.first, r.last, p.name FROM ranges r JOIN pools p ON p.id = r.pool ORDER BY r.first");
+    for (const auto &row : known.rows) {
+        ranges.push_back({integer(row[0]), integer(row[1])});
+        names.push_back(*row[2]);
+    }
+    for (const auto &row : rows) {
+        const Range *const range = row[2] ? find(ranges, integer(row[2])) : nullptr;
+        if (range == nullptr) continue;
+        file.refuse(file.lineOf(*row[1]), fmt::format("\"{}\" is an address of the pool \"{}\"", *row[1],
+                                                      names[size_t(range - ranges.data())]));
+    }
+}
+
 int64_t addValues(Database &database, const Pool &pool, File &file, Rows rows) {
     const int64_t before = newest(database, "pool_rows");
     for (auto &row : rows) row.insert(row.begin(), number(pool.id)), row.emplace_back("0");
     insertRows(database, "INSERT INTO pool_rows (pool, value, number, retired) VALUES", rows,
                " ON CONFLICT DO NOTHING");
-    const std::string added = fmt::format("FROM pool_rows b {{}} WHERE b.pool = {} AND b.id > {}", pool.id, before);
-    const auto ask = [&](const char *what, const char *join) {
-        return database.ask(what + fmt::format(fmt::runtime(added), join)).rows;
-    };
-    if (integer(ask("SELECT count(*) ", "")[0][0]) < int64_t(rows.size())) {
+    const std::string added = fmt::format("FROM pool_rows WHERE pool = {} AND id > {}", pool.id, before);
+    if (integer(database.ask("SELECT count(*) " + added).rows[0][0]) < int64_t(rows.size())) {
         std::set<std::string> missing;
         for (const auto &row : rows) {
-            if (!missing.insert(*row[1]).second)
-                file.refuse(file.lineOf(*row[1]), fmt::format("\"{}\" is there twice", *row[1]));
+            const std::string &value = *row[1];
+            if (!missing.insert(value).second)
+                file.refuse(file.lineOf(value), fmt::format("\"{}\" is there twice", value));
         }
-        for (const auto &row : ask("SELECT b.value ", "")) missing.erase(*row[0]);
-        file.refuse(file.lineOf(*missing.begin()),
-                    fmt::format("\"{}\" is in this pool already, or in another as an address", *missing.begin()));
+        for (const auto &row : database.ask("SELECT value " + added).rows) missing.erase(*row[0]);
+        const std::string &value = *missing.begin();
+        file.refuse(file.lineOf(value),
+                    fmt::format("\"{}\" is in this pool already, or in another as an address", value));
     }
-    const auto same = ask("SELECT b.value, p.name ",
-                          "JOIN ranges r ON b.number BETWEEN r.first AND r.last JOIN pools p ON p.id = r.pool");
-    if (!same.empty()) {
-        file.refuse(file.lineOf(*same[0][0]),
-                    fmt::format("\"{}\" is an address of the pool \"{}\"", *same[0][0], *same[0][1]));
-    }
+    refuseInRanges(database, file, rows);
     return int64_t(rows.size());
 }
 
