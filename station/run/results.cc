@@ -122,7 +122,7 @@ FileRecords::FileRecords(fs::path folder) : folder_(std::move(folder)) {
 }
 
 std::string FileRecords::away() try {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     while (!unwritten_.empty()) {
         writeResult(folder_, unwritten_.begin()->second);
         unwritten_.erase(unwritten_.begin());
@@ -140,7 +140,7 @@ void FileRecords::stepEnded(const RunRecord &run, size_t) try {
 }
 
 void FileRecords::ends(const RunRecord &run) try { writeResult(folder_, run); } catch (const RecordsError &) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     unwritten_[run.id] = run;
     throw;
 }

@@ -4,12 +4,12 @@
 
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/run/records.h"
 
 namespace station {
@@ -42,8 +42,8 @@ public:
 
 private:
     const std::filesystem::path folder_;
-    std::mutex mutex_;
-    std::map<std::string, RunRecord> unwritten_;  // by ID: ended, but the folder was full or gone
+    Mutex mutex_;
+    std::map<std::string, RunRecord> unwritten_ GUARDED_BY(mutex_);  // by ID: ended, but the folder was full or gone
 };
 
 }  // namespace station

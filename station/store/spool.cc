@@ -111,19 +111,19 @@ void Spool::adopt(const fs::path &path) {
 }
 
 std::string Spool::key() const {
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     return key_;
 }
 
 std::set<std::string> Spool::keys() const {
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     std::set<std::string> keys;
     for (const auto &[key, file] : locks_) keys.insert(key);
     return keys;
 }
 
 void Spool::surrender(const std::string &key) {
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     ::close(locks_.at(key));
     locks_.erase(key);
     std::erase_if(waiting_, [&](const auto &file) { return file.second.starts_with(key); });
@@ -132,7 +132,7 @@ void Spool::surrender(const std::string &key) {
 }
 
 fs::path Spool::pathOf(const std::string &id, const char *extension) const {
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     const auto known = waiting_.find(id);
     return folder_ / ((known == waiting_.end() ? key_ + "-" + id : known->second) + extension);
 }
@@ -158,14 +158,14 @@ void Spool::keep(const RunRecord &run) {
     }
     renameTo(room, path);
     syncFolder(folder_);
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     waiting_[run.id] = path.stem();
 }
 
 void Spool::forget(const std::string &id) {
     ::unlink(pathOf(id, ".room").c_str());
     ::unlink(pathOf(id, ".json").c_str());
-    const std::lock_guard guard(mutex_);
+    const Lock guard(mutex_);
     waiting_.erase(id);
 }
 
@@ -183,7 +183,7 @@ std::string Spool::away() const { return fullness(folder_); }
 std::vector<RunRecord> Spool::kept() {
     std::map<std::string, std::string> waiting;
     {
-        const std::lock_guard guard(mutex_);
+        const Lock guard(mutex_);
         waiting = waiting_;
     }
     std::vector<RunRecord> records;
@@ -193,7 +193,7 @@ std::vector<RunRecord> Spool::kept() {
             records.push_back(readRecord(path));
         } catch (const std::runtime_error &error) {
             setAside(path, error.what());
-            const std::lock_guard guard(mutex_);
+            const Lock guard(mutex_);
             waiting_.erase(id);
         }
     }

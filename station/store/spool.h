@@ -17,11 +17,11 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/run/record.h"
 
 namespace station {
@@ -61,16 +61,16 @@ public:
 
 private:
     std::filesystem::path pathOf(const std::string &id, const char *extension) const;
-    void lockNew();
-    void adopt(const std::filesystem::path &path);
+    void lockNew() REQUIRES(mutex_);
+    void adopt(const std::filesystem::path &path) REQUIRES(mutex_);
     void setAside(const std::filesystem::path &path, const std::string &why);
 
     const std::filesystem::path folder_;
     const Say say_;
-    mutable std::mutex mutex_;                    // of what follows
-    std::map<std::string, int> locks_;            // descriptors by key
-    std::string key_;                             // of locks_, this process's own
-    std::map<std::string, std::string> waiting_;  // file names without extension, by the run's ID
+    mutable Mutex mutex_;
+    std::map<std::string, int> locks_ GUARDED_BY(mutex_);            // descriptors by key
+    std::string key_ GUARDED_BY(mutex_);                             // of locks_, this process's own
+    std::map<std::string, std::string> waiting_ GUARDED_BY(mutex_);  // file names without extension, by the run's ID
 };
 
 // Plays the records of the folder that were refused again. `take` throws what is wrong with one, which stays; the

@@ -80,14 +80,14 @@ StoreRecords::StoreRecords(const std::string &store, const std::filesystem::path
           store, [this](Database &database, bool fresh) { greet(database, fresh); }, sayer()) {}
 
 void StoreRecords::tell(const std::function<void(const std::string &)> &trouble) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     trouble_ = trouble;
     if (trouble_) std::for_each(unsaid_.begin(), unsaid_.end(), trouble_);
     if (trouble_) unsaid_.clear();
 }
 
 void StoreRecords::say(const std::string &trouble) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!trouble_) return unsaid_.push_back(trouble);
     trouble_(trouble);
 }
@@ -137,7 +137,7 @@ bool StoreRecords::holdsKey(Database &database, const std::string &key) {
 // A line without a board in work writes nothing.
 void StoreRecords::heartbeat(Database &database) {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         if (inWork_.empty() || Clock::now() < lastSeen_ + kHeartbeat) return;
     }
     database.run("UPDATE stations SET seen = " + clockOf(database) + " WHERE key = $1", {spool_.key()});
@@ -158,7 +158,7 @@ std::string StoreRecords::away() {
 std::string StoreRecords::retryUnkept(const std::function<void(const RunRecord &)> &take) {
     std::vector<Shared> unkept;
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         unkept.swap(unkept_);
     }
     std::string why;
@@ -166,7 +166,7 @@ std::string StoreRecords::retryUnkept(const std::function<void(const RunRecord &
             take(*run);
         } catch (const std::runtime_error &error) {
             why = fmt::format("the run {} is not recorded yet: {}", run->id, error.what());
-            const std::lock_guard lock(mutex_);
+            const Lock lock(mutex_);
             unkept_.push_back(run);
         }
     return why;
@@ -178,7 +178,7 @@ StoreRecords::Shared StoreRecords::mine(RunRecord run) const {
 }
 
 StoreRecords::Course StoreRecords::courseOf(const RunRecord &run) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto course = inWork_.find(run.id);
     return course == inWork_.end() ? Course() : course->second;
 }
@@ -187,7 +187,7 @@ void StoreRecords::begins(const RunRecord &begun) {
     const Shared run = mine(unfinished(begun));
     spool_.reserve(run->id);
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         inWork_[run->id] = {};
     }
     try {
@@ -205,7 +205,7 @@ void StoreRecords::begins(const RunRecord &begun) {
 
 void StoreRecords::forget(const std::string &id) {
     spool_.forget(id);
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     inWork_.erase(id);
 }
 
@@ -223,7 +223,7 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
         take(store, *run);
     };
     writer_.now({write, {}, pool});
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (const auto course = inWork_.find(run->id); course != inWork_.end()) course->second.unit = run->unit;
 }
 
@@ -263,7 +263,7 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
 // Once an hour: it looks at a week of units.
 void StoreRecords::sayWarnings() {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         if (Clock::now() < nextLook_) return;
         nextLook_ = Clock::now() + std::chrono::hours(1);
     }
@@ -277,7 +277,7 @@ void StoreRecords::sayWarnings() {
 
 // Once, and again at each half of what was left.
 bool StoreRecords::isNews(const std::string &pool, int64_t left) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto [told, first] = told_.emplace(pool, left);
     if (!first && left > told->second / 2) return false;
     told->second = left;
@@ -303,7 +303,7 @@ void StoreRecords::ends(const RunRecord &ended) {
     }
     const bool kept = store(run, why);
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         inWork_.erase(run->id);
         if (!kept) unkept_.push_back(run);
     }

@@ -34,10 +34,10 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/run/results.h"
 #include "station/store/spool.h"
 #include "station/store/writer.h"
@@ -87,13 +87,13 @@ private:
         return [this](const std::string &trouble) { say(trouble); };
     }
 
-    std::mutex mutex_;                      // of what follows
-    std::map<std::string, Course> inWork_;  // by the run's ID
-    std::map<std::string, int64_t> told_;   // what was left of a pool when it was last said
-    std::vector<Shared> unkept_;            // nothing has taken their ends
-    Clock::time_point nextLook_{};          // at the pools
-    std::function<void(const std::string &)> trouble_;
-    std::vector<std::string> unsaid_;  // while nobody listened
+    Mutex mutex_;                                              // of what follows
+    std::map<std::string, Course> inWork_ GUARDED_BY(mutex_);  // by the run's ID
+    std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);   // what was left of a pool when it was last said
+    std::vector<Shared> unkept_ GUARDED_BY(mutex_);            // nothing has taken their ends
+    Clock::time_point nextLook_ GUARDED_BY(mutex_){};          // at the pools
+    std::function<void(const std::string &)> trouble_ GUARDED_BY(mutex_);
+    std::vector<std::string> unsaid_ GUARDED_BY(mutex_);  // while nobody listened
 
     const std::string machine_;
     const std::unique_ptr<FileRecords> files_;

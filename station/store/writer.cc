@@ -38,17 +38,17 @@ Writer::Writer(std::string store, Greeting greeting, Database::Say say)
 
 Writer::~Writer() {
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         stopping_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     thread_.join();
 }
 
 std::string Writer::silence() const { return fmt::format("the store {} does not answer", shownName(store_)); }
 
 std::string Writer::away() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return busySince_ < Clock::now() - kPatience ? silence() : away_;
 }
 
@@ -58,7 +58,7 @@ void Writer::now(Change change) {
     const auto job = submit(std::move(change));
     auto deadline = Clock::now();
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         deadline = std::min(deadline, busySince_) + kPatience;
     }
     std::future<void> done = job->promise.get_future();
@@ -69,17 +69,18 @@ void Writer::now(Change change) {
 std::shared_ptr<Writer::Job> Writer::submit(Change change) {
     const auto job = std::make_shared<Job>(Job{std::move(change)});
     {
-        const std::lock_guard lock(mutex_);
+        const Lock lock(mutex_);
         queue_.push_back(job);
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     return job;
 }
 
 void Writer::loop() {
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     do {
-        changed_.wait_for(lock, away_.empty() ? kIdle : kRetry, [&] { return stopping_ || !queue_.empty(); });
+        changed_.waitUntil(lock, Clock::now() + (away_.empty() ? kIdle : kRetry),
+                           [&]() REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });
         Jobs jobs = std::exchange(queue_, {});
         busySince_ = Clock::now();
         lock.unlock();
@@ -87,7 +88,7 @@ void Writer::loop() {
         lock.lock();
         busySince_ = Clock::time_point::max();
         // What comes meanwhile shares a transaction.
-        changed_.wait_for(lock, kPause, [&] { return stopping_; });
+        changed_.waitUntil(lock, Clock::now() + kPause, [&]() REQUIRES(mutex_) { return stopping_; });
     } while (!stopping_ || !queue_.empty());
 }
 
@@ -110,7 +111,7 @@ void Writer::round(Jobs jobs) {
 }
 
 void Writer::setAway(const std::string &why) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     away_ = why;
 }
 

@@ -7,15 +7,14 @@
 //     writer.now({[=](Database &store) { save(store, run); }});               // returns when it is durable
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "station/base/mutex.h"
 #include "station/store/database.h"
 
 namespace station {
@@ -79,12 +78,12 @@ private:
     std::unique_ptr<Database> database_;
     Clock::time_point retry_{};
 
-    mutable std::mutex mutex_;  // of what follows
-    std::condition_variable changed_;
-    Jobs queue_;
-    std::string away_ = "the store was not reached yet";
-    Clock::time_point busySince_ = Clock::time_point::max();
-    bool stopping_ = false;
+    mutable Mutex mutex_;
+    Condition changed_;
+    Jobs queue_ GUARDED_BY(mutex_);
+    std::string away_ GUARDED_BY(mutex_) = "the store was not reached yet";
+    Clock::time_point busySince_ GUARDED_BY(mutex_) = Clock::time_point::max();
+    bool stopping_ GUARDED_BY(mutex_) = false;
     std::thread thread_;
 };
 
