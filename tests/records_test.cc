@@ -1,9 +1,14 @@
 // Records of runs on their way: as JSON, in the spool, in result files, and in a store that comes and goes.
 
+#include <zlib.h>
+
+#include <atomic>
 #include <set>
 
 #include "station/run/record_json.h"
+#include "station/store/archive.h"
 #include "station/store/load.h"
+#include "station/store/pool.h"
 #include "station/store/queries.h"
 #include "station/store/save.h"
 #include "tests/store_fixture.h"
@@ -11,6 +16,7 @@
 namespace station {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -192,6 +198,72 @@ TEST_P(Station, NoticesACopyOfItsSpool) {
     EXPECT_THAT(said, HasSubstr("Give each station a spool of its own"));
     Database database(store_);
     EXPECT_EQ(verdictIn(loadRun(database, run.id), true), "running");
+}
+
+TEST_P(Station, ArchivesOldRunsWhole) {
+    start();
+    addRange(*openStore(store_, Database::Missing::kIsAnError), "mac", "02:00:00:00:00:00", "02:00:00:00:00:FF", -1);
+    std::vector<RunRecord> runs = {runOf("A"), runOf("B"), runOf("A"), runOf("A")};
+    for (RunRecord &run : runs) {
+        station_->begins(run);
+        station_->bind("mac", run, 4);
+        if (&run != &runs.back()) endSteps(*station_, run, {Verdict::kPassed, Verdict::kPassed});
+    }
+    Database database(store_);
+    const fs::path file = folder_ / "old.jsonl.gz";
+    const std::string whole = dump(loadRun(database, runs[1].id));
+    EXPECT_EQ(archiveRuns(database, "2020-01-01", file), 0);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(archiveRuns(database, "2100-01-01", file), 3);
+    const gzFile zipped = ::gzopen(file.c_str(), "r");
+    std::string text(100'000, ' ');
+    text.resize(size_t(::gzread(zipped, text.data(), unsigned(text.size()))));
+    ::gzclose(zipped);
+    EXPECT_THAT(text, AllOf(HasSubstr("}\n" + whole + "\n{"), HasSubstr(runs[2].id)));
+    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the one in work
+    const auto unit = show(database, "02:00:00:00:00:04");
+    EXPECT_EQ(unit[0].table.rows[0][0], "B");
+    EXPECT_EQ(unit[1].table.rows[3][2], runs[1].id);
+    EXPECT_THAT(cells(unit[3].table, 0), testing::Contains(file.string()));
+    EXPECT_THAT(refusal([&] { show(database, runs[1].id); }), HasSubstr("archived in " + file.string()));
+    EXPECT_THAT(refusal([&] { archiveRuns(database, "2100-01-01", file); }), HasSubstr("is there already"));
+    EXPECT_EQ(archiveRuns(database, "2100-01-01", folder_ / "more"), 0);
+}
+
+TEST_P(Station, GoesOnFromABackupWithoutGivingAnAddressTwice) {
+    start();
+    const auto give = [this](const std::string &serial) {
+        const RunRecord run = runOf(serial);
+        station_->begins(run);
+        return station_->bind("mac", run, 4).at(0);
+    };
+    Database line(store_);
+    addRange(line, "mac", "02:00:00:00:00:00", "02:00:00:00:0F:FF", -1);
+    const fs::path copy = folder_ / "copy.db";
+    if (shared_) {
+        EXPECT_THAT(refusal([&] { backUp(store_, copy); }), HasSubstr("pg_dump"));
+        return;
+    }
+    const std::string first = give("before");
+    std::set<std::string> given = {first};
+    std::atomic<bool> over = false;
+    std::thread work([&] {
+        for (int i = 0; !over; ++i) given.insert(give(fmt::format("during {}", i)));
+    });
+    backUp(store_, copy);
+    over = true;
+    work.join();
+    given.insert(give("after"));
+    die();
+    EXPECT_THAT(refusal([&] { backUp(store_, copy); }), HasSubstr("is there already"));
+    store_ = copy.string();
+    Database restored(store_);
+    retire(restored, "mac", "", "", false);
+    addRange(restored, "mac", "04:00:00:00:00:00", "04:00:00:00:0F:FF", -1);
+    start();
+    EXPECT_EQ(give("before"), first);
+    EXPECT_TRUE(given.insert(give("after")).second);
+    EXPECT_TRUE(given.insert(give("new")).second);
 }
 
 }  // namespace

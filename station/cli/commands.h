@@ -12,4 +12,7 @@ void addServe(CLI::App &app, int &status);  // a line, for ever
 void addDiscover(CLI::App &app);            // finds a board that waits in the mode "qconly"
 void addCheck(CLI::App &app);               // reads a plan or a line's file
 
+// After addStoreCommands(): archive, backup, and store replay.
+void addUpkeep(CLI::App &app, int &status);
+
 }  // namespace station

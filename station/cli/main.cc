@@ -37,6 +37,7 @@ int main(int argc, char **argv) try {
     station::addDiscover(app);
     station::addCheck(app);
     station::addStoreCommands(app);
+    station::addUpkeep(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

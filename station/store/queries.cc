@@ -125,7 +125,26 @@ std::vector<Section> showUnit(Database &database, const Value &unit) {
                                    " JOIN pools p ON p.id = b.pool WHERE b.unit = $1"
                                    " ORDER BY p.name, b.id",
                                    {unit})},
-            {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started, r.id", {unit})}};
+            {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started, r.id", {unit})},
+            {"archives", database.ask("SELECT a.file, a.runs, a.since, a.until FROM archives a"
+                                      " JOIN units u ON u.first_seen <= a.until WHERE u.id = $1 ORDER BY a.id",
+                                      {unit})}};
+}
+
+// Returns the archives that may have the run, whose name begins with its start; empty: none.
+std::string archivesOf(Database &database, const std::string &run) {
+    const std::string form = "00000000T000000";
+    if (run.size() < form.size() || run[8] != 'T') return {};
+    const auto part = [&](size_t at, size_t length) { return run.substr(at, length); };
+    const std::string second =
+        fmt::format("{}-{}-{}T{}:{}:{}", part(0, 4), part(4, 2), part(6, 2), part(9, 2), part(11, 2), part(13, 2));
+    const auto time = parseIsoTime(second);
+    if (!time) return {};
+    const Table found = database.ask("SELECT file FROM archives WHERE since < $2 AND until >= $1 ORDER BY id",
+                                     {isoTime(*time), isoTime(*time + std::chrono::seconds(1))});
+    std::string files;
+    for (const auto &row : found.rows) files += " " + *row[0];
+    return files.empty() ? "" : "; runs of that time were archived in" + files;
 }
 
 std::vector<Section> showRunOf(Database &database, const Value &run) {
@@ -172,7 +191,9 @@ std::vector<Section> show(Database &database, const std::string &what) {
     }
     if (unit) return showUnit(database, unit);
     const Value run = findRun(database, what);
-    if (!run) throw Refusal(fmt::format("the store knows no unit, address or run \"{}\"", what));
+    if (!run)
+        throw Refusal(
+            fmt::format("the store knows no unit, address or run \"{}\"{}", what, archivesOf(database, what)));
     return showRunOf(database, run);
 }
 
