@@ -136,10 +136,11 @@ struct PageServer::Callbacks {
         }
         client.request.path = path;
         MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, parameter, &client.request.parameters);
-        client.server->serve(client, {method, path, localAddress(client.socket), client.peer,
-                                      header(connection, "Host"), header(connection, "Origin"),
-                                      header(connection, "Content-Type"), header(connection, "Authorization")});
-        return client.reply ? reply(client) : MHD_YES;
+        const bool answered =
+            client.server->serve(client, {method, path, localAddress(client.socket), client.peer,
+                                          header(connection, "Host"), header(connection, "Origin"),
+                                          header(connection, "Content-Type"), header(connection, "Authorization")});
+        return answered ? reply(client) : MHD_YES;
     } catch (const std::exception &) {  // out of memory
         return MHD_NO;
     }
@@ -257,16 +258,17 @@ bool PageServer::hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll
     return same < ofAddress && all < ofAll;
 }
 
-// Leaves a reply with the client, or suspends it until its reply has come.
-void PageServer::serve(Client &client, const RequestHead &head) {
+// Leaves a reply with the client and returns true; or suspends it until its reply has come, and returns false: from
+// then on the reply belongs to the thread that makes it.
+bool PageServer::serve(Client &client, const RequestHead &head) {
     const auto found = routes_.find(head.path);
     client.route = found == routes_.end() ? nullptr : &found->second;
     client.reply = guard_->refusal(client.route, head);
-    if (client.reply) return;
+    if (client.reply) return true;
     if (client.request.body.size() > kLongestBody) {
         client.reply = refused(413, fmt::format("a body has at most {} bytes", kLongestBody));
     } else if (client.route->kind == RouteKind::kSlow) {
-        askSlowly(client);
+        return askSlowly(client);
     } else if (client.route->kind == RouteKind::kStream) {
         client.reply = {200, "text/event-stream"};
         const Lock lock(mutex_);
@@ -276,18 +278,20 @@ void PageServer::serve(Client &client, const RequestHead &head) {
     } else {
         client.reply = answerOf(*client.route, client.request);
     }
+    return true;
 }
 
-void PageServer::askSlowly(Client &client) {
+bool PageServer::askSlowly(Client &client) {
     const Lock lock(mutex_);
     if (ends_ || !hasRoom(client.peer, kSlowOfAddress, kSlowOfAll, true)) {
         client.reply = refused(503, "The station has others to answer. Try again.", {{"Retry-After", "5"}});
-        return;
+        return true;
     }
     client.slow = true;
     client.suspend();
     asking_.push_back(&client);
     asked_.notifyOne();
+    return false;
 }
 
 // A client that is suspended stays, whatever its connection does.

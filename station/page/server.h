@@ -50,8 +50,8 @@ private:
     struct Callbacks;  // what the library calls
 
     bool hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const REQUIRES(mutex_);
-    void serve(Client &client, const RequestHead &head);
-    void askSlowly(Client &client);
+    bool serve(Client &client, const RequestHead &head);
+    bool askSlowly(Client &client);
     void answerSlowly();
     void feedStreams();
     bool feedOnce(bool beats);
