@@ -98,8 +98,8 @@ void writeRecord(const fs::path &folder, const RunRecord &run, bool durable) {
 
 void writeResult(const fs::path &folder, const RunRecord &run) {
     writeRecord(folder, run, true);
-    writeWhole(fileOf(folder, run, ".log"), logOf(run), false);
     writeWhole(fileOf(folder, run, ".xml"), reportOf(run), false);
+    writeWhole(fileOf(folder, run, ".log"), logOf(run), false);  // the last: without it the rest is written again
     syncFolder(folder);
 }
 
