@@ -65,8 +65,8 @@ def begin(number):
                                             stdout=events, stderr=said)
 
 
-def serves(number):
-    with open(f'{folder}/{number}/events') as events: return 'board_connects' in events.read()[begun[number]:]
+def has(number, event):
+    with open(f'{folder}/{number}/events') as events: return event in events.read()[begun[number]:]
 
 
 async def board(here, there):
@@ -110,10 +110,15 @@ async def chaos():
             empty(poor, 'spool')
         if moment == 4: empty(poor, 'results')
     enough = len(visits) + 2 * len(boards)
-    while len(visits) < enough or not all(map(serves, stations)): await asyncio.sleep(0.1)
+    while len(visits) < enough or not all(has(number, 'board_connects') for number in stations): await asyncio.sleep(0.1)
     over = True
     for station in stations.values(): station.terminate()
     await asyncio.gather(*boards, *(asyncio.to_thread(station.wait) for station in stations.values()))
+    for number in stations:  # what the store could not take in the end is in the spool for the next start
+        begin(number)
+        while not has(number, 'line_starts'): await asyncio.sleep(0.1)
+        stations[number].terminate()
+        await asyncio.to_thread(stations[number].wait)
 
 
 def judge_files(verdicts, steps):
