@@ -148,6 +148,26 @@ TEST_P(Station, MendsWhatADeadOneHasLeftInOnePlaceOnly) {
     EXPECT_EQ(kinds(folder_ / "spool"), std::set<std::string>{".spool"});
 }
 
+TEST_P(Station, RecordsEachStepInItsPlace) {
+    start();
+    RunRecord run = runOf("A"), other = runOf("B");
+    run.steps.resize(3);
+    station_->begins(run);
+    run.steps[0].verdict = Verdict::kFailed;
+    station_->stepEnded(run, 0);
+    run.steps[1].failure = "not run: a required step had failed";
+    run.steps[2].verdict = Verdict::kPassed;
+    run.steps[2].measurements = {{"volts", 2, 1, 3, "V", true}};
+    station_->stepEnded(run, 2);
+    station_->begins(other);  // returns after the steps are written
+    station_->ends(run);
+    Database database(store_);
+    const RunRecord stored = loadRun(database, run.id);
+    ASSERT_EQ(stored.steps.size(), 3);
+    EXPECT_EQ(stored.steps[1].failure, run.steps[1].failure);
+    EXPECT_EQ(stored.steps[2].measurements.size(), 1);
+}
+
 TEST_P(Station, SetsAsideWhatTheStoreRefusesUntilItIsReplayed) {
     start();
     Database database(store_);

@@ -366,6 +366,10 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"script: script, match: '^(line\\s?)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
          "PFP", "exit;exit;exit", "printed 262145 bytes"},
         {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "FP", "X;Y", "taken is in work at place 9"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "FP", "X;Y", "this is no serial number"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
+        {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
+         "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X", "this board was unit-7 before"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped"},
     };

@@ -59,8 +59,11 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_THAT(refusal([&] { retire(database, "mac", "02:00:00:00:01:07", "", false); }), HasSubstr("nothing"));
     EXPECT_EQ(retire(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:FF", false), 12);
     EXPECT_THAT(refusal([&] { given("G", "mac", 1); }), HasSubstr("is empty"));
-    EXPECT_EQ(retire(database, "mac", "", "", true), 13);
+    EXPECT_THAT(refusal([&] { retire(database, "mac", "", "", true); }), HasSubstr("say what"));
+    EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", true), 1);
+    EXPECT_THAT(refusal([&] { given("G", "mac", 2); }), HasSubstr("is empty of blocks of 2"));
     EXPECT_EQ(given("G", "mac", 1), "02:00:00:00:01:06");
+    EXPECT_EQ(retire(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:FF", true), 12);
     EXPECT_THAT(refusal([&] { given("", "mac", 1); }), HasSubstr("serial is not known"));
     EXPECT_THAT(refusal([&] { given("G", "nothing", 1); }), HasSubstr("no pool"));
     EXPECT_EQ(show(database, "020000000105")[0].table.rows[0][0], "D");

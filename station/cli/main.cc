@@ -13,6 +13,7 @@
 #include "station/cli/exit_codes.h"
 #include "station/cli/store_commands.h"
 #include "station/plan/plan.h"
+#include "station/run/output.h"
 #include "station/run/records.h"
 #include "station/store/database.h"
 #include "station/store/pool.h"
@@ -21,7 +22,7 @@
 namespace {
 
 int complain(int code, const std::exception &error, const char *name = "qcstation: ") {
-    std::fprintf(stderr, "%s%s\n", name, error.what());
+    station::printError(fmt::format("{}{}\n", name, error.what()));
     return code;
 }
 

@@ -220,7 +220,7 @@ public:
         command
             ->add_option("--store", options_->store,
                          "The store: a file of SQLite, or postgresql://...; else that of QCSTATION_STORE")
-            ->capture_default_str();
+            ->default_str(shownName(options_->store));
         command->callback([options = options_, work = std::move(work), missing] {
             const auto say = [](const std::string &text) { fmt::print(stderr, "qcstation: {}\n", text); };
             const auto database = openStore(options->store, missing, say);
@@ -275,7 +275,8 @@ void addPoolCommands(CLI::App &app, Commands &commands) {
     CLI::App *const retire = commands.add(*pool, "retire", "Never give what is left", retirePool);
     retire->add_option("name", options.pool, "The pool")->required();
     retire->add_option("values", options.values, "One value or address, or the FIRST and LAST address; none: all")
-        ->expected(0, 2);
+        ->expected(0, 2)
+        ->check([](const std::string &value) { return value.empty() ? "is empty" : ""; });
     retire->add_flag("--undo", options.undo, "Let what is retired be given again");
 }
 

@@ -51,7 +51,7 @@ void addUpkeep(CLI::App &app, int &status) {
         command
             ->add_option("--store", options->store,
                          "The store: a file of SQLite, or postgresql://...; else that of QCSTATION_STORE")
-            ->capture_default_str();
+            ->default_str(shownName(options->store));
         return command;
     };
     CLI::App *const old = add(app, "archive", "Move old runs from the store into a file");

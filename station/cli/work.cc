@@ -60,14 +60,13 @@ struct Showing {
 };
 
 [[noreturn]] void endAtOnce(const Unfinished &unfinished) {
-    const std::string left = "ended at once\n" + unfinished.describe();
-    [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, left.data(), left.size());
+    printError("ended at once\n" + unfinished.describe());
     _exit(kInterrupted);
 }
 
 int exitCodeOf(const Outcome &outcome, const std::string &unprinted) {
-    if (!outcome.unwritten.empty()) fmt::print(stderr, "qcstation: not all is recorded: {}\n", outcome.unwritten);
-    if (!unprinted.empty()) fmt::print(stderr, "qcstation: standard output: {}\n", unprinted);
+    if (!outcome.unwritten.empty()) printError("qcstation: not all is recorded: " + outcome.unwritten + "\n");
+    if (!unprinted.empty()) printError("qcstation: standard output: " + unprinted + "\n");
     if (!outcome.unwritten.empty() || !unprinted.empty()) return kCannotWrite;
     if (outcome.interrupted) return kInterrupted;
     return outcome.failed > 0 ? kFailed : kPassed;
@@ -83,7 +82,7 @@ Console::Console(bool events)
 
 void Console::say(const std::string &lines) {
     if (json) {
-        fmt::print(stderr, "{}", lines);
+        printError(lines);
     } else {
         output.put(lines);
     }

@@ -234,7 +234,7 @@ void Line::tendGate(Gate &gate) {
 Line::Orders Line::decide(Gate &gate) {
     const Lock lock(mutex_);
     gate.door.handOver([&](Newcomer &board) REQUIRES(mutex_) { return seat(gate, board); });
-    gate.expected = gate.door.expected();
+    gate.expected = std::min(gate.door.expected(), gate.seats.size());  // a flood here closes no other gate
     size_t expected = 0;
     for (const Gate &other : gates_) expected += other.expected;
     const bool wants = !closing() && (endless_ || static_cast<size_t>(wanted_) > expected);
@@ -331,6 +331,7 @@ void Line::serveBoard(Seat &seat, const Job &job) try {
     run.variables = job.variables;
     if (begin(run)) finish(runJob(seat, job, std::move(run)));
 } catch (const std::exception &error) {
+    context_.units.releaseAt(seat.place);
     context_.observer.trouble(fmt::format("place {}: {}", seat.place.name, error.what()));
 }
 

@@ -199,6 +199,7 @@ private:
 
 PageServer::PageServer(const PageSettings &settings, Feed feed)
     : listener_(listenFor(settings)),
+      address_(settings.address),
       token_(settings.token),
       feed_(std::move(feed)),
       wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -253,10 +254,13 @@ bool PageServer::hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll
     for (const auto &[connection, client] : clients_) {
         if (slow && !client.slow) continue;
         same += client.peer == peer ? 1 : 0;
-        all += isLoopback(client.peer) == isLoopback(peer) ? 1 : 0;
+        all += isHere(client.peer) == isHere(peer) ? 1 : 0;
     }
     return same < ofAddress && all < ofAll;
 }
+
+// The kernel drops what comes from elsewhere with an address of this machine.
+bool PageServer::isHere(const std::string &peer) const { return isLoopback(peer) || peer == address_; }
 
 // Leaves a reply with the client and returns true; or suspends it until its reply has come, and returns false: from
 // then on the reply belongs to the thread that makes it.
@@ -273,8 +277,7 @@ bool PageServer::serve(Client &client, const RequestHead &head) {
         client.reply = {200, "text/event-stream"};
         const Lock lock(mutex_);
         client.streams = true;
-        client.events = "retry: 1000\n\n";
-        changed();  // for this client all is new
+        client.events = fmt::format("retry: 1000\n\ndata: {}\n\n", feed_(client.seen));
     } else {
         client.reply = answerOf(*client.route, client.request);
     }
@@ -289,7 +292,11 @@ bool PageServer::askSlowly(Client &client) {
     }
     client.slow = true;
     client.suspend();
-    asking_.push_back(&client);
+    if (isHere(client.peer)) {
+        asking_.push_front(&client);
+    } else {
+        asking_.push_back(&client);
+    }
     asked_.notifyOne();
     return false;
 }

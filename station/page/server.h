@@ -50,6 +50,7 @@ private:
     struct Callbacks;  // what the library calls
 
     bool hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const REQUIRES(mutex_);
+    bool isHere(const std::string &peer) const;
     bool serve(Client &client, const RequestHead &head);
     bool askSlowly(Client &client);
     void answerSlowly();
@@ -57,7 +58,7 @@ private:
     bool feedOnce(bool beats);
 
     Listener listener_;
-    const std::string token_;
+    const std::string address_, token_;
     const Feed feed_;
     Routes routes_;
     Descriptor wakeup_;  // of the thread that feeds

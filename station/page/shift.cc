@@ -14,6 +14,8 @@
 namespace station {
 namespace {
 
+constexpr std::chrono::seconds kForRecall{5};
+
 std::string cell(const Table &table, const std::vector<Value> &row, std::string_view column) {
     const auto at = std::find(table.columns.begin(), table.columns.end(), column);
     return row[static_cast<size_t>(at - table.columns.begin())].value_or("");
@@ -52,6 +54,7 @@ void Shift::add(const std::string &unit, const std::string &plan, bool passed, d
 void Shift::recall(const std::string &store) {
     begin_ = shiftBegin(starts_, WallClock::now());
     Database database(store, Database::Missing::kIsAnError);
+    database.onlyAsk(kForRecall);
     const Table runs = listRuns(database, {{isoTime(begin_), ""}, false, 0});
     for (const auto &row : runs.rows) {
         const std::string verdict = cell(runs, row, "verdict");

@@ -37,6 +37,7 @@ Durations::Durations() {
 // Nothing is lost when it cannot be written: the next run measures anew.
 Durations::~Durations() {
     const fs::path path = cacheFile();
+    if (path.empty()) return;
     std::error_code error;
     fs::create_directories(path.parent_path(), error);
     const fs::path fresh = fmt::format("{}.{}", path.string(), getpid());

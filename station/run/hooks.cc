@@ -92,7 +92,10 @@ std::string outcomeOf(pid_t pid, Milliseconds limit, int output, std::string &pr
         ended = polled[0].revents != 0;
         if (polled[1].revents != 0 && !takeOutput(output, printed)) output = -1;
     }
-    if (!ended) kill(-pid, SIGKILL);
+    if (!ended) {
+        kill(-pid, SIGKILL);
+        kill(pid, SIGKILL);  // it may have left its process group
+    }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <thread>
@@ -117,6 +118,16 @@ void Output::write(const std::shared_ptr<Queue> &queue, int descriptor) {
         queue->writing = 0;
         if (queue->failure.empty()) queue->failure = failure;
         queue->changed.notifyAll();
+    }
+}
+
+void printError(std::string_view text) {
+    while (!text.empty()) {
+        pollfd waiting = {STDERR_FILENO, POLLOUT, 0};
+        if (poll(&waiting, 1, 1000) <= 0) return;
+        const ssize_t written = write(STDERR_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+        if (written <= 0) return;
+        text.remove_prefix(static_cast<size_t>(written));
     }
 }
 

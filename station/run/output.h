@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace station {
 
@@ -34,5 +35,8 @@ private:
     const Describe describe_;
     const std::shared_ptr<Queue> queue_;  // shared with the writing thread, which may be blocked for good
 };
+
+// Writes to standard error, and gives up a reader that takes nothing for a second.
+void printError(std::string_view text);
 
 }  // namespace station

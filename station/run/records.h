@@ -32,7 +32,7 @@ public:
         throw RecordsError("the line has no pool \"" + pool + "\"");
     }
     // The run has said which unit it is about. Returns where another station has that in work; empty: nowhere, as far
-    // as is known.
+    // as is known. Throws RecordsError when it cannot be that unit.
     virtual std::string elsewhere(const RunRecord & /*run*/) { return {}; }
     // May be written later.
     virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}

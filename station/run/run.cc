@@ -28,6 +28,7 @@ struct Course {
     const Context &context;
     Clock::time_point start = Clock::now();
     bool connected = true;
+    bool taken = false;     // something of a pool, for the unit
     std::string over = {};  // why only steps with "always" are run; empty: all are
 };
 
@@ -65,6 +66,7 @@ void take(const Attempt &attempt) {
         if (run.variables.contains(taken.pool)) continue;
         if (run.unit.empty()) throw std::invalid_argument("not sent: nobody said the unit's {serial}");
         const auto rows = attempt.course.context.records.bind(taken.pool, run, taken.count);
+        attempt.course.taken = true;
         run.variables[taken.pool] = rows.at(0);
         for (size_t i = 1; i < rows.size(); ++i) run.variables[fmt::format("{}_{}", taken.pool, i + 1)] = rows[i];
     }
@@ -145,18 +147,34 @@ std::string trim(const std::string &text) {
     return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
 
-// Makes the run one of this unit. Rejects a unit that is in work: one label was scanned for two boards. Returns why.
-std::string nameUnit(const Context &context, RunRecord &run, const std::string &serial) {
+// A serial number is kept as it is everywhere, also where only UTF-8 is taken.
+bool isSerial(const std::string &text) {
+    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; };
+    return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
+}
+
+// Makes the run one of this unit. Rejects a unit that is in work: one label was scanned for two boards. What was taken
+// for a unit stays with it. Returns why.
+std::string nameUnit(Course &course, const std::string &serial) {
+    RunRecord &run = course.run;
+    if (!isSerial(serial)) return fmt::format("this is no serial number: \"{}\"", shorten(serial, kQuoted));
     if (serial == run.unit) return {};
+    if (course.taken) return fmt::format("this board was {} before, and was given addresses as that", run.unit);
     const std::string before = std::exchange(run.unit, serial);
-    std::string where = context.units.claim(run);
-    if (where.empty()) {
-        where = context.records.elsewhere(run);
-        context.units.release(where.empty() ? before : serial);
+    std::string why = course.context.units.claim(run);
+    if (!why.empty()) {
+        run.unit = before;
+        return fmt::format("the unit {} is in work at {}", serial, why);
     }
-    if (where.empty()) return {};
-    run.unit = before;
-    return fmt::format("the unit {} is in work at {}", serial, where);
+    try {
+        const std::string where = course.context.records.elsewhere(run);
+        if (!where.empty()) why = fmt::format("the unit {} is in work at {}", serial, where);
+    } catch (const RecordsError &error) {
+        why = error.what();
+    }
+    course.context.units.release(why.empty() ? before : serial);
+    if (!why.empty()) run.unit = before;
+    return why;
 }
 
 // Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
@@ -177,7 +195,7 @@ void runAsk(Attempt &attempt) {
                                                   attempt.deadline, [&] { return reasonNotToAsk(attempt.course); }));
         attempt.judge(result.reply);
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
-        if (problem.empty() && attempt.step.ask == kUnit) problem = nameUnit(context, attempt.course.run, result.reply);
+        if (problem.empty() && attempt.step.ask == kUnit) problem = nameUnit(attempt.course, result.reply);
         if (!problem.empty()) continue;
         attempt.groups[attempt.step.ask] = result.reply;
         return;
@@ -194,13 +212,13 @@ std::string measure(const Limit &limit, const std::string &text, std::vector<Mea
     const char *const end = text.data() + text.size();
     const auto [behind, error] = std::from_chars(text.data() + (text.starts_with('+') ? 1 : 0), end, value);
     if (error != std::errc() || behind != end || !std::isfinite(value)) {
-        return fmt::format("{} is no number: \"{}\"", limit.group, text);
+        return fmt::format("{} is no number: \"{}\"", limit.group, shorten(text, kQuoted));
     }
     const bool low = limit.min && value < *limit.min, high = limit.max && value > *limit.max;
     measurements.push_back({limit.group, value, limit.min, limit.max, limit.unit, !low && !high});
     if (!low && !high) return {};
-    return fmt::format("{} is {}{}{}, {} {}", limit.group, text, limit.unit.empty() ? "" : " ", limit.unit,
-                       low ? "below" : "above", low ? *limit.min : *limit.max);
+    return fmt::format("{} is {}{}{}, {} {}", limit.group, shorten(text, kQuoted), limit.unit.empty() ? "" : " ",
+                       limit.unit, low ? "below" : "above", low ? *limit.min : *limit.max);
 }
 
 // Checks what the match has found against the limits, and keeps it for later steps.
@@ -216,7 +234,7 @@ void keep(Attempt &attempt) {
     for (const auto &[name, value] : attempt.groups) {
         if (value.size() > kLongestValue) fail(fmt::format("{} has more than {} bytes", name, kLongestValue));
         const std::string kept = value.substr(0, kLongestValue);
-        const std::string fault = name == kUnit ? nameUnit(attempt.course.context, run, kept) : "";
+        const std::string fault = name == kUnit ? nameUnit(attempt.course, kept) : "";
         if (fault.empty()) {
             run.variables[name] = kept;
         } else {

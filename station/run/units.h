@@ -21,6 +21,12 @@ public:
         inWork_.erase(unit);
     }
 
+    // Releases whatever unit is in work at the place.
+    void releaseAt(const Place &place) {
+        const Lock lock(mutex_);
+        std::erase_if(inWork_, [&](const auto &unit) { return unit.second == place.name; });
+    }
+
 private:
     Mutex mutex_;
     std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);  // the place's name by the unit

@@ -77,18 +77,20 @@ std::string readBack(const std::string &name) {
     return file != nullptr && ::gzclose(file) == Z_OK && whole ? digest.text() : "";
 }
 
-void removeRun(Database &database, const std::string &run) {
+// A run whose record has come late meanwhile, so that its verdict is another one, stays.
+void removeRun(Database &database, const std::string &run, const Value &verdict) {
     for (const char *const table : {"measurements", "steps"}) {
-        database.queue(fmt::format("DELETE FROM {} WHERE run = (SELECT id FROM runs WHERE run = $1)", table), {run});
+        const std::string sql = "DELETE FROM {} WHERE run = (SELECT id FROM runs WHERE run = $1 AND verdict = $2)";
+        database.queue(fmt::format(fmt::runtime(sql), table), {run, verdict});
     }
-    database.queue("DELETE FROM runs WHERE run = $1", {run});
+    database.queue("DELETE FROM runs WHERE run = $1 AND verdict = $2", {run, verdict});
 }
 
 }  // namespace
 
 size_t archiveRuns(Database &database, const std::string &before, const fs::path &path) {
-    const Table found =
-        database.ask("SELECT run FROM runs WHERE started < $1 AND verdict <> 'running' ORDER BY started, id", {before});
+    const Table found = database.ask(
+        "SELECT run, verdict FROM runs WHERE started < $1 AND verdict <> 'running' ORDER BY started, id", {before});
     std::vector<std::string> runs;
     for (const auto &row : found.rows) runs.push_back(*row[0]);
     Part part(path);
@@ -103,7 +105,8 @@ size_t archiveRuns(Database &database, const std::string &before, const fs::path
                  {fs::absolute(path).string(), number(runs.size()), isoTime(WallClock::now()), before});
     for (size_t i = 0; i < runs.size(); i += kAtOnce) {
         database.transact([&] {
-            for (size_t j = i; j < std::min(i + kAtOnce, runs.size()); ++j) removeRun(database, runs[j]);
+            for (size_t j = i; j < std::min(i + kAtOnce, runs.size()); ++j)
+                removeRun(database, runs[j], found.rows[j][1]);
         });
     }
     return runs.size();
@@ -115,6 +118,7 @@ void backUp(const std::string &store, const fs::path &path) {
                       " --file=FILE DATABASE");
     }
     Part part(path);
+    const Descriptor made(::open(part.name().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0640));
     Database(store, Database::Missing::kIsAnError).run("VACUUM INTO $1", {part.name()});
     {
         Database copy(part.name(), Database::Missing::kIsIgnored);

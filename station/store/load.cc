@@ -12,6 +12,8 @@
 namespace station {
 namespace {
 
+constexpr size_t kMostSteps = 100000;  // against a number that no run has
+
 std::string textOf(const Value &value) { return value.value_or(""); }
 double numberOf(const Value &value) { return value ? std::strtod(value->c_str(), nullptr) : 0; }
 std::optional<double> limitOf(const Value &value) { return value ? std::optional(numberOf(value)) : std::nullopt; }
@@ -32,12 +34,15 @@ Verdict verdictOf(const Value &value) {
 }
 
 void loadSteps(Database &database, const Value &key, RunRecord &run) {
-    const Table steps = database.ask(
-        "SELECT title, verdict, reply, cut, failure, hint, started_after, seconds, attempts FROM steps WHERE run = $1"
-        " ORDER BY step",
-        {key});
+    const Table steps = database.ask("SELECT title, verdict, reply, cut, failure, hint, started_after, seconds, "
+                                     "attempts, step FROM steps WHERE run = $1"
+                                     " ORDER BY step",
+                                     {key});
     for (const auto &row : steps.rows) {
-        StepResult &step = run.steps.emplace_back();
+        // An interrupted run may lack some.
+        const auto at = std::clamp<size_t>(size_t(numberOf(row[9])), run.steps.size() + 1, kMostSteps);
+        run.steps.resize(at);
+        StepResult &step = run.steps.back();
         step.title = textOf(row[0]);
         step.verdict = verdictOf(row[1]);
         step.reply = textOf(row[2]);

@@ -17,9 +17,10 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-constexpr int kBlock = 256;         // addresses between two carries of the sixth byte
-constexpr size_t kRows = 500;       // that one statement inserts
-constexpr size_t kShownLines = 10;  // of a file, when it is refused
+constexpr int kBlock = 256;                    // addresses between two carries of the sixth byte
+constexpr size_t kRows = 500;                  // that one statement inserts
+constexpr size_t kShownLines = 10;             // of a file, when it is refused
+constexpr std::chrono::seconds kForNames{10};  // to answer, before a line starts or is read again
 
 struct Range {
     Mac first, last;
@@ -419,7 +420,7 @@ constexpr const char *kAdvance = R"(UPDATE ranges SET
         WHERE b.unit = {unit} AND b.pool = {pool}))";
 constexpr const char *kBindValues = R"(UPDATE pool_rows SET unit = {unit}, run = $2, bound = $3 WHERE id IN (
     SELECT b.id FROM pool_rows b WHERE b.pool = {pool} AND b.unit IS NULL AND NOT b.retired
-        AND {unit} IS NOT NULL AND (SELECT kind FROM pools WHERE name = $1) = 'values'
+        AND {unit} IS NOT NULL AND {count} = 1 AND (SELECT kind FROM pools WHERE name = $1) = 'values'
     ORDER BY b.id LIMIT (SELECT CASE WHEN count(*) < {count} THEN {count} - count(*) ELSE 0 END FROM pool_rows h
         WHERE h.unit = {unit} AND h.pool = {pool})))";
 constexpr const char *kResult = R"(SELECT b.value FROM pool_rows b JOIN pools p ON p.id = b.pool
@@ -521,6 +522,7 @@ Imported importFile(Database &database, const std::string &name, const std::file
 int64_t retire(Database &database, const std::string &name, const std::string &first, const std::string &last,
                bool undo) {
     int64_t count = 0;
+    if (undo && first.empty()) throw Refusal("say what can be given again: some of it may be retired for a reason");
     database.transact([&] {
         database.lock("pools");
         database.lock("pool " + name);
@@ -546,6 +548,7 @@ std::set<std::string> poolNames(const std::string &store) {
     const bool file = store.find("://") == std::string::npos;
     if (file && !std::filesystem::exists(store)) return names;
     const auto database = openStore(store, Database::Missing::kIsIgnored);
+    database->giveUpAfter(kForNames);
     if (database->version() == 0) return names;
     for (const auto &row : database->ask("SELECT name FROM pools").rows) names.insert(*row[0]);
     return names;
@@ -617,6 +620,11 @@ std::shared_ptr<Given> take(Database &database, const std::string &pool, const s
 
 const std::vector<std::string> &valuesOf(const Given &given) {
     if (given.kind.empty()) throw Refusal(unknown(given.pool));
+    if (given.kind == "values" && given.count > 1) {
+        throw Refusal(fmt::format("the pool \"{}\" is one of values, which need not follow each other: what takes {} at"
+                                  " a time needs a pool of addresses",
+                                  given.pool, given.count));
+    }
     if (given.values.size() == size_t(given.count)) return given.values;
     throw Refusal(fmt::format("the pool \"{}\" is empty{}: \"qcstation pool add\", or \"pool import\", fills it",
                               given.pool, given.count > 1 ? fmt::format(" of blocks of {}", given.count) : ""));

@@ -38,6 +38,7 @@ enum : Oid {
 // The classes of SQLSTATE that are no fault of the statement: connection, rollback for another transaction's sake,
 // resources, locks, operator intervention, disks, damage; and a server that only reads, as a standby does.
 constexpr std::string_view kAway[] = {"08", "40", "53", "55P03", "57", "58", "25006", "XX001", "XX002"};
+constexpr Milliseconds kForSession{11000};  // to answer the first statement
 constexpr std::string_view kCancelled = "57014";
 
 // A peer that is gone without a word is noticed within seconds. The address may say otherwise. The first four are the
@@ -147,8 +148,8 @@ private:
     std::map<std::string, std::string> names_;  // of prepared statements, by their SQL
     size_t counted_ = 0;                        // names that were ever given
     std::deque<Sent> pipeline_;
-    std::exception_ptr error_;  // the first one of the pipeline
-    Milliseconds limit_{0};     // of a wait for the server; 0: none
+    std::exception_ptr error_;         // the first one of the pipeline
+    Milliseconds limit_{kForSession};  // of a wait for the server; 0: none
     Clock::time_point deadline_ = Clock::time_point::max();
     bool asksOnly_ = false;
 };
@@ -168,6 +169,7 @@ Postgresql::Postgresql(const std::string &name) {
     if (PQenterPipelineMode(connection_.get()) != 1) lost();
     queue(kSession, {}, nullptr);
     finish();
+    limit_ = Milliseconds(0);
 }
 
 // The server gives up first, and says so; should it hang, so that nothing comes at all, the connection is lost.

@@ -86,7 +86,9 @@ std::string verdictIn(const RunRecord &run, bool inWork) {
 
 void saveSteps(Database &database, const RunRecord &run, size_t first) {
     for (size_t i = first; i < run.steps.size(); ++i) {
-        if (run.ended() || run.steps[i].verdict != Verdict::kNotRun) saveStep(database, run, i);
+        const StepResult &step = run.steps[i];
+        const bool passedOver = !step.failure.empty();  // says why it was not run, while later steps may still run
+        if (run.ended() || step.verdict != Verdict::kNotRun || passedOver) saveStep(database, run, i);
     }
 }
 

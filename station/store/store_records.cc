@@ -213,7 +213,10 @@ void StoreRecords::forget(const std::string &id) {
 void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
                           const std::function<void(Database &, const RunRecord &)> &take) {
     const Shared run = mine(unfinished(named));
-    const bool known = courseOf(named).unit == named.unit;
+    const Course course = courseOf(named);
+    const auto variable = named.variables.find("product");
+    const std::string product = variable == named.variables.end() ? "" : variable->second;
+    const bool known = course.unit == named.unit && course.product == product;
     const auto write = [=](Database &store) {
         store.lock("unit " + *text(run->unit));
         if (!known) refuseOtherProduct(store, *run);
@@ -224,14 +227,17 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
     };
     writer_.now({write, {}, pool});
     const Lock lock(mutex_);
-    if (const auto course = inWork_.find(run->id); course != inWork_.end()) course->second.unit = run->unit;
+    if (const auto found = inWork_.find(run->id); found != inWork_.end()) {
+        found->second.unit = run->unit;
+        found->second.product = product;
+    }
 }
 
 std::string StoreRecords::elsewhere(const RunRecord &run) try {
     asUnit(run, "*", [](Database &, const RunRecord &) {});
     return {};
-} catch (const OtherProduct &) {  // which bind() refuses
-    return {};
+} catch (const OtherProduct &error) {
+    throw RecordsError(error.what());
 } catch (const Refusal &where) {
     return where.what();
 } catch (const StoreError &) {  // away: who shares it is not known
@@ -311,6 +317,15 @@ void StoreRecords::ends(const RunRecord &ended) {
     if (files_ && !filed) say(fmt::format("the result of the run {} is not written yet: {}", run->id, why));
 }
 
+// Returns false when the spool is full, and adds the reasons.
+bool StoreRecords::setAside(const RunRecord &run, const char *refusal, std::string &why) try {
+    station::setAside(spool_, run, refusal, sayer());
+    return true;
+} catch (const RecordsError &error) {
+    why += fmt::format("{}{}; and {}", why.empty() ? "" : "; and ", refusal, error.what());
+    return false;
+}
+
 // Returns false when neither the store nor the spool has the record, and adds the reasons.
 bool StoreRecords::store(const Shared &run, std::string &why) {
     const auto add = [&](const std::exception &error) {
@@ -323,8 +338,7 @@ bool StoreRecords::store(const Shared &run, std::string &why) {
     } catch (const StoreAway &error) {
         add(error);
     } catch (const StoreError &error) {
-        setAside(spool_, *run, error.what(), sayer());
-        return true;
+        return setAside(*run, error.what(), why);
     }
     try {
         spool_.keep(*run);

@@ -62,8 +62,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     using Shared = std::shared_ptr<const RunRecord>;
-    struct Course {             // of a run in work
-        std::string unit = {};  // that the store knows it by
+    struct Course {                           // of a run in work
+        std::string unit = {}, product = {};  // that the store knows it by
         std::shared_ptr<std::atomic<size_t>> steps = std::make_shared<std::atomic<size_t>>(0);  // that it has
     };
 
@@ -77,6 +77,7 @@ private:
     Course courseOf(const RunRecord &run);
     void asUnit(const RunRecord &run, const std::string &pool,
                 const std::function<void(Database &, const RunRecord &)> &take);
+    bool setAside(const RunRecord &run, const char *refusal, std::string &why);
     bool store(const Shared &run, std::string &why);
     void forget(const std::string &id);
     std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
