@@ -55,7 +55,7 @@ bool waitForFrame(int socket, int32_t *limit) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(socket, &readable);
-    timeval left = {*limit / 1000, *limit % 1000 * 1000};
+    timeval left = {*limit / 1000, 1000L * (*limit % 1000)};
     const uint32_t deadline = my_milliseconds() + static_cast<uint32_t>(*limit);
     const int ready = select(socket + 1, &readable, nullptr, nullptr, &left);
     *limit = my_millisecondsLeft(deadline);

@@ -62,7 +62,7 @@ bool takeSemaphore(int semaphore, bool waits) {
     int32_t left = waits ? kTurnLimit : 0;
     const uint32_t deadline = my_milliseconds() + static_cast<uint32_t>(left);
     for (;; left = my_millisecondsLeft(deadline)) {
-        const timespec limit = {left / 1000, left % 1000 * 1000000};
+        const timespec limit = {left / 1000, 1000000L * (left % 1000)};
         if (semtimedop(semaphore, free_then_taken, 2, &limit) == 0) return true;
         if (errno != EINTR) return false;
     }
