@@ -52,7 +52,7 @@ private:
 // Writes the records and returns the digest of their text.
 std::string writeRecords(Database &database, const std::vector<std::string> &runs, const std::string &name) {
     Digest digest("SHA256");
-    const gzFile file = ::gzopen(name.c_str(), "wbe");
+    gzFile file = ::gzopen(name.c_str(), "wbe");
     bool written = file != nullptr;
     for (const std::string &run : runs) {
         const std::string line = dump(loadRun(database, run)) + "\n";
@@ -67,7 +67,7 @@ std::string writeRecords(Database &database, const std::vector<std::string> &run
 
 std::string readBack(const std::string &name) {
     Digest digest("SHA256");
-    const gzFile file = ::gzopen(name.c_str(), "rbe");
+    gzFile file = ::gzopen(name.c_str(), "rbe");
     std::array<char, 1 << 16> part;
     int length = 0;
     while (file != nullptr && (length = ::gzread(file, part.data(), part.size())) > 0) {

@@ -18,10 +18,10 @@ namespace station {
 //
 //     archiveRuns(database, "2026-01-01T00:00:00.000Z", "2025.jsonl.gz");
 //     // then, as with any such file: zcat 2025.jsonl.gz | jq 'select(.unit == "A-1")'
-size_t archiveRuns(Database &database, const std::string &before, const std::filesystem::path &file);
+size_t archiveRuns(Database &database, const std::string &before, const std::filesystem::path &path);
 
 // Copies a store of SQLite into a new file, while stations write to it. The copy is whole, checked, and on the disk
 // when this returns. Throws Refusal for PostgreSQL, which has a tool of its own, and when the file is there already.
-void backUp(const std::string &store, const std::filesystem::path &file);
+void backUp(const std::string &store, const std::filesystem::path &path);
 
 }  // namespace station

@@ -52,7 +52,7 @@ Pool openPool(Database &database, const std::string &name, const std::string &ki
     }
     database.queue("INSERT INTO pools (name, kind, low) VALUES ($1, $2, $3) ON CONFLICT (name) DO NOTHING",
                    {name, kind, number(kLow)});
-    const Pool pool = *findPool(database, name);
+    Pool pool = *findPool(database, name);
     if (pool.kind != kind) throw Refusal(fmt::format("the pool \"{}\" is one of {}, not of {}", name, pool.kind, kind));
     if (low >= 0) database.queue("UPDATE pools SET low = $1 WHERE id = $2", {number(low), number(pool.id)});
     return pool;

@@ -37,12 +37,12 @@ struct Imported {
 // Adds a file of comma-separated values: a value a line, or an address or FIRST,LAST. `kind` is "addresses" or
 // "values"; empty for that of a pool that is there. Blanks and tabs around a value, empty lines, lines that begin with
 // # and a byte order mark are skipped. Refuses, with the lines, what is not of the kind.
-Imported importFile(Database &database, const std::string &pool, const std::filesystem::path &file,
+Imported importFile(Database &database, const std::string &name, const std::filesystem::path &path,
                     const std::string &kind, int low);
 
 // What is left of the addresses from `first` to `last`, of one address or value (`last` is empty) or of the whole pool
 // (both are empty) is never given; `undo`: can be given again. Returns how many.
-int64_t retire(Database &database, const std::string &pool, const std::string &first, const std::string &last,
+int64_t retire(Database &database, const std::string &name, const std::string &first, const std::string &last,
                bool undo);
 
 // Returns none when there is no store, or no such file yet.

@@ -167,8 +167,8 @@ Postgresql::Postgresql(const std::string &name) {
         connection_.get(), [](void *, const char *) {}, nullptr);
     if (PQstatus(connection_.get()) != CONNECTION_OK || PQsetnonblocking(connection_.get(), 1) != 0) lost();
     if (PQenterPipelineMode(connection_.get()) != 1) lost();
-    queue(kSession, {}, nullptr);
-    finish();
+    Postgresql::queue(kSession, {}, nullptr);
+    Postgresql::finish();
     limit_ = Milliseconds(0);
 }
 
@@ -209,6 +209,7 @@ const std::string &Postgresql::prepared(const std::string &sql, size_t values) {
 void Postgresql::queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) {
     if (pipeline_.size() >= kQueued) finish();
     std::vector<const char *> cells;
+    cells.reserve(values.size());
     for (const Value &value : values) cells.push_back(value ? value->c_str() : nullptr);
     const int count = int(cells.size());
     PGconn *const to = connection_.get();
@@ -275,6 +276,7 @@ void Postgresql::take(const PGresult *result, Sent &sent) {
     if (answer.table.columns.empty()) addColumns(result, answer.table);
     for (int row = 0; row < PQntuples(result); ++row) {
         std::vector<Value> cells;
+        cells.reserve(size_t(columns));
         for (int i = 0; i < columns; ++i) cells.push_back(valueOf(result, row, i));
         answer.add(std::move(cells));
     }

@@ -119,10 +119,10 @@ Sqlite::Sqlite(const std::string &name) {
     sqlite3_create_function(connection, "nearest_rank", 2, SQLITE_UTF8, nullptr, nullptr, collect, nearestRank);
     sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, collect, deviation);
     // In this mode readers do not keep a writer waiting; and a commit is on the disk when it returns.
-    queue("PRAGMA journal_mode = WAL", {}, {});
-    queue("PRAGMA synchronous = FULL", {}, {});
-    queue("PRAGMA foreign_keys = ON", {}, {});
-    queue("PRAGMA cache_size = -32000", {}, {});  // kB
+    Sqlite::queue("PRAGMA journal_mode = WAL", {}, {});
+    Sqlite::queue("PRAGMA synchronous = FULL", {}, {});
+    Sqlite::queue("PRAGMA foreign_keys = ON", {}, {});
+    Sqlite::queue("PRAGMA cache_size = -32000", {}, {});  // kB
 }
 
 void Sqlite::onlyAsk(std::chrono::milliseconds limit) {

@@ -130,8 +130,7 @@ void StoreRecords::introduce(Database &database) {
 bool StoreRecords::holdsKey(Database &database, const std::string &key) {
     if (!database.shared()) return true;
     const auto number = static_cast<int64_t>(std::stoull(key, nullptr, 16));
-    return database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {station::number(number)})
-        .rows.size();
+    return !database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {station::number(number)}).empty();
 }
 
 // A line without a board in work writes nothing.
@@ -247,7 +246,7 @@ std::string StoreRecords::elsewhere(const RunRecord &run) try {
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
     if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
     const auto given = std::make_shared<std::shared_ptr<Given>>();
-    const auto values = asRecordsError([&] {
+    auto values = asRecordsError([&] {
         asUnit(run, pool, [=](Database &database, const RunRecord &taker) {
             *given = take(database, pool, *text(taker.unit), taker.id, count);
         });

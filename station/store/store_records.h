@@ -53,11 +53,11 @@ public:
 
     std::string away() override;
     void tell(const std::function<void(const std::string &)> &trouble) override;
-    void begins(const RunRecord &run) override;
+    void begins(const RunRecord &begun) override;
     std::string elsewhere(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
-    void stepEnded(const RunRecord &run, size_t step) override;
-    void ends(const RunRecord &run) override;
+    void stepEnded(const RunRecord &ended, size_t step) override;
+    void ends(const RunRecord &ended) override;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -75,7 +75,7 @@ private:
 
     Shared mine(RunRecord run) const;
     Course courseOf(const RunRecord &run);
-    void asUnit(const RunRecord &run, const std::string &pool,
+    void asUnit(const RunRecord &named, const std::string &pool,
                 const std::function<void(Database &, const RunRecord &)> &take);
     bool setAside(const RunRecord &run, const char *refusal, std::string &why);
     bool store(const Shared &run, std::string &why);

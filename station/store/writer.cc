@@ -18,7 +18,7 @@ constexpr Seconds kPatience{10};                // after which a store counts as
 
 }  // namespace
 
-void Writer::Job::settle(std::exception_ptr error) {
+void Writer::Job::settle(const std::exception_ptr &error) {
     if (std::exchange(done, true)) return;
     if (error) return promise.set_exception(error);
     if (change.written) change.written();
@@ -67,7 +67,7 @@ void Writer::now(Change change) {
 }
 
 std::shared_ptr<Writer::Job> Writer::submit(Change change) {
-    const auto job = std::make_shared<Job>(Job{std::move(change)});
+    auto job = std::make_shared<Job>(Job{std::move(change)});
     {
         const Lock lock(mutex_);
         queue_.push_back(job);
@@ -81,10 +81,10 @@ void Writer::loop() {
     do {
         changed_.waitUntil(lock, Clock::now() + (away_.empty() ? kIdle : kRetry),
                            [&]() REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });
-        Jobs jobs = std::exchange(queue_, {});
+        const Jobs jobs = std::exchange(queue_, {});
         busySince_ = Clock::now();
         lock.unlock();
-        round(std::move(jobs));
+        round(jobs);
         lock.lock();
         busySince_ = Clock::time_point::max();
         // What comes meanwhile shares a transaction.
@@ -92,7 +92,7 @@ void Writer::loop() {
     } while (!stopping_ || !queue_.empty());
 }
 
-void Writer::round(Jobs jobs) {
+void Writer::round(const Jobs &jobs) {
     std::string why;
     try {
         if (Clock::now() < retry_) throw StoreAway(away());

@@ -57,13 +57,13 @@ private:
         std::promise<void> promise{};
         bool done = false;  // the promise is kept
 
-        void settle(std::exception_ptr error);
+        void settle(const std::exception_ptr &error);
     };
     using Jobs = std::vector<std::shared_ptr<Job>>;
 
     std::shared_ptr<Job> submit(Change change);
     void loop();
-    void round(Jobs jobs);
+    void round(const Jobs &jobs);
     void connect();
     void writeTogether(const Jobs &jobs);
     void writeAlone(Job &job);
