@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "station/base/file.h"
+#include "station/base/text.h"
 
 namespace station {
 
@@ -59,9 +60,10 @@ std::string describe(const std::filesystem::path &path, const std::vector<Fault>
     std::string text;
     for (const Fault &fault : faults) {
         text += text.empty() ? "" : "\n";
-        text += fault.mark.is_null() ? fmt::format("{}: {}", path.string(), fault.text)
-                                     : fmt::format("{}:{}:{}: {}", path.string(), fault.mark.line + 1,
-                                                   fault.mark.column + 1, fault.text);
+        const std::string words = oneLine(fault.text);  // what it quotes may have several
+        text += fault.mark.is_null()
+                    ? fmt::format("{}: {}", path.string(), words)
+                    : fmt::format("{}:{}:{}: {}", path.string(), fault.mark.line + 1, fault.mark.column + 1, words);
     }
     return text;
 }
