@@ -83,9 +83,10 @@ private:
     static nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) {
         nlohmann::ordered_json entry;
         for (size_t i = 0; i < row.size(); ++i) {
-            nlohmann::ordered_json &cell = entry[head.columns[i]];
-            if (row[i]) cell = *row[i];
-            if (row[i] && head.numbers.at(i)) cell = nlohmann::ordered_json::parse(*row[i]);
+            nlohmann::ordered_json cell;
+            if (row[i])
+                cell = head.numbers.at(i) ? nlohmann::ordered_json::parse(*row[i]) : nlohmann::ordered_json(*row[i]);
+            entry[head.columns[i]] = cell;
         }
         return entry;
     }

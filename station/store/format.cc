@@ -56,8 +56,7 @@ std::string cellText(const Value &cell, bool isNumber) {
 std::string csvLine(const Table &head) {
     std::string line;
     for (const std::string &name : head.columns) line += csvField(name) + ",";
-    line.back() = '\n';
-    return line;
+    return line.substr(0, line.size() - 1) + '\n';
 }
 
 std::string csvLine(const Table &head, const std::vector<Value> &row) {
@@ -66,8 +65,7 @@ std::string csvLine(const Table &head, const std::vector<Value> &row) {
         const bool number = i < head.numbers.size() ? head.numbers[i] : isNumber(head.columns[i]);
         line += csvField(number ? row[i].value_or("") : guarded(row[i].value_or(""))) + ",";
     }
-    line.back() = '\n';
-    return line;
+    return line.substr(0, line.size() - 1) + '\n';
 }
 
 std::string csvOf(const Table &table) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <map>
+#include <utility>
 
 #include "station/store/load.h"
 #include "station/store/save.h"
@@ -14,7 +15,7 @@ using Runs = std::map<std::string, RunRecord>;  // by ID
 
 void consider(RunRecord &best, const RunRecord &run) {
     const auto done = [](const RunRecord &record) { return record.steps.size() - record.notRun(); };
-    if (run.ended() > best.ended() || (run.ended() == best.ended() && done(run) > done(best))) best = run;
+    if (std::pair(run.ended(), done(run)) > std::pair(best.ended(), done(best))) best = run;
 }
 
 void add(Runs &all, const RunRecord &run) { consider(all.try_emplace(run.id, run).first->second, run); }

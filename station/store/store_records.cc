@@ -306,7 +306,7 @@ void StoreRecords::ends(const RunRecord &ended) {
     } catch (const RecordsError &error) {
         why = error.what();
     }
-    const bool kept = store(run, why);
+    const bool kept = persist(run, why);
     {
         const Lock lock(mutex_);
         inWork_.erase(run->id);
@@ -316,34 +316,29 @@ void StoreRecords::ends(const RunRecord &ended) {
     if (files_ && !filed) say(fmt::format("the result of the run {} is not written yet: {}", run->id, why));
 }
 
-// Returns false when the spool is full, and adds the reasons.
-bool StoreRecords::setAside(const RunRecord &run, const char *refusal, std::string &why) try {
-    station::setAside(spool_, run, refusal, sayer());
-    return true;
-} catch (const RecordsError &error) {
-    why += fmt::format("{}{}; and {}", why.empty() ? "" : "; and ", refusal, error.what());
-    return false;
-}
-
 // Returns false when neither the store nor the spool has the record, and adds the reasons.
-bool StoreRecords::store(const Shared &run, std::string &why) {
-    const auto add = [&](const std::exception &error) {
-        why += (why.empty() ? "" : "; and ") + std::string(error.what());
-    };
+bool StoreRecords::persist(const Shared &run, std::string &why) {
+    const auto add = [&](const std::string &reason) { why += (why.empty() ? "" : "; and ") + reason; };
+    std::string refusal;
     try {
         writer_.now({[run, steps = courseOf(*run).steps](Database &store) { save(store, *run, false, *steps); }});
         spool_.forget(run->id);
         return true;
     } catch (const StoreAway &error) {
-        add(error);
+        add(error.what());
     } catch (const StoreError &error) {
-        return setAside(*run, error.what(), why);
+        refusal = error.what();
     }
     try {
-        spool_.keep(*run);
+        if (refusal.empty()) {
+            spool_.keep(*run);
+        } else {
+            setAside(spool_, *run, refusal, sayer());
+        }
         return true;
     } catch (const RecordsError &error) {
-        add(error);
+        if (!refusal.empty()) add(refusal);
+        add(error.what());
         return false;
     }
 }

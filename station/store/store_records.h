@@ -77,8 +77,7 @@ private:
     Course courseOf(const RunRecord &run);
     void asUnit(const RunRecord &named, const std::string &pool,
                 const std::function<void(Database &, const RunRecord &)> &take);
-    bool setAside(const RunRecord &run, const char *refusal, std::string &why);
-    bool store(const Shared &run, std::string &why);
+    bool persist(const Shared &run, std::string &why);
     void forget(const std::string &id);
     std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
     bool isNews(const std::string &pool, int64_t left);
