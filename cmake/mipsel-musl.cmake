@@ -1,6 +1,6 @@
 # The board's toolchain: Debian's cross compiler with musl, which scripts/setup unpacks.
 
-# What is this processor's own. The file for another processor differs here, and nowhere else.
+# Settings of this processor. The file for another processor differs here, and nowhere else.
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(compiler mipsel-linux-gnu)  # Debian's prefix of the cross compiler
 set(musl mipsel-linux-musl)     # Debian's folder of musl for the processor

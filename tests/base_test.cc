@@ -1,4 +1,4 @@
-// What the rooms of the station share.
+// Tests of what the rooms of the station share.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

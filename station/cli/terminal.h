@@ -1,5 +1,5 @@
 #pragma once
-// What people read on standard output: a line for each thing that happens.
+// Prints a line for each thing that happens, for people.
 
 #include <string>
 

@@ -1,5 +1,5 @@
 #pragma once
-// What "run" and "serve" share: a line at work, shown to people or programs, until it ends or is stopped.
+// Shared by "run" and "serve": a line at work, shown to people or programs, until it ends or is stopped.
 
 #include <functional>
 #include <memory>
@@ -26,7 +26,7 @@ struct Console {
     Output output;
 };
 
-// What a reload has found.
+// The result of a reload.
 struct Reload {
     std::shared_ptr<const Job> job;     // for boards that come from now on; null: the old one stays
     std::vector<std::string> troubles;  // to be shown

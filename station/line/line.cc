@@ -73,7 +73,7 @@ struct Line::Seat : Board {
     bool had() const { return ended != Clock::time_point{}; }
 };
 
-// What a gate does next.
+// The next actions of a gate.
 struct Line::Orders {
     bool admit = false;   // new connections
     bool accept = false;  // those that wait in the kernel
@@ -249,7 +249,7 @@ Line::Orders Line::decide(Gate &gate) {
         room += usable && (seat->awaits || (wants && (endless_ || !seat->had()))) ? 1 : 0;
     }
     orders.admit = room > gate.expected;
-    // Whoever has connected to a batch is served, as soon as records can be kept; a stop names him.
+    // A board that has connected to a batch is served as soon as records can be kept; a stop names it.
     orders.last = ended_ || (closing() && idle && (context_.stop.requested() || gate.door.boards().empty()));
     return orders;
 }
