@@ -1,5 +1,5 @@
 #pragma once
-// What a browser asks for, and what it is answered.
+// Requests of browsers, and the replies to them.
 
 #include <functional>
 #include <map>

@@ -82,7 +82,7 @@ std::string Output::finish(const std::function<bool()> &hurry) {
     return queue_->failure;
 }
 
-// Writes the text in pieces, each with `piece` called behind it. Returns what failed; empty: nothing.
+// Writes the text in pieces, and calls `piece` after each. Returns what failed, or an empty text.
 template <typename Piece>
 static std::string writeAll(int descriptor, const std::string &text, const Piece &piece) {
     for (size_t done = 0; done < text.size();) {

@@ -26,7 +26,7 @@ Verdict verdictOf(const Json &json) {
     throw std::invalid_argument(fmt::format("{} is not a verdict", json.dump()));
 }
 
-// Returns the member's text; empty when there is none.
+// Returns the member's text, or an empty one without such a member.
 std::string textIn(const Json &json, const char *name) { return json.value(name, std::string()); }
 
 std::optional<double> limitIn(const Json &json, const char *name) {

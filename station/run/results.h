@@ -35,7 +35,7 @@ public:
     void stepEnded(const RunRecord &run, size_t step) override;
     void ends(const RunRecord &run) override;
 
-    // Returns the record that is kept of the run; nothing: there is none, or it cannot be read.
+    // Returns the run's record, or nothing when the file is missing or cannot be read.
     std::optional<RunRecord> find(const RunRecord &run) const;
     // Returns the records without a .log of the stations with these keys.
     std::vector<RunRecord> left(const std::set<std::string> &keys) const;

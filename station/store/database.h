@@ -116,7 +116,7 @@ public:
     void lock(const std::string &name);
 
     bool shared() const { return shared_; }  // PostgreSQL
-    int version();                           // of the schema; 0: there is none
+    int version();                           // of the schema; 0 without tables
 
 private:
     void begin();

@@ -1,6 +1,6 @@
 #pragma once
-// What Database needs of a database's own library. One class for each database; the code above them has no other
-// branch on which one it talks to than the words of its SQL.
+// The interface of Database to the library of SQLite or PostgreSQL, with a class for each. The code above differs
+// between the two in its SQL alone.
 
 #include <chrono>
 #include <functional>
@@ -13,7 +13,7 @@
 
 namespace station {
 
-// What a statement gave. Filled when it is done.
+// The result of a statement, filled when the statement is done.
 struct Answer {
     Database::EachRow each = {};           // called for each row, whose cells then go nowhere else
     std::function<void(Table)> done = {};  // called at the end

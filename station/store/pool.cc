@@ -403,7 +403,7 @@ free AS (SELECT r.first, r.next, r.last, CASE WHEN r.next % 256 + {count} > 256 
 chosen AS (SELECT * FROM free WHERE start + {count} - 1 <= last AND {unit} IS NOT NULL AND {has} IS NULL
     ORDER BY first LIMIT 1))";
 
-// What is too short before the carry becomes a range of its own, for smaller boards.
+// The addresses before the carry, too few for this block, become a range of their own, for smaller boards.
 constexpr const char *kSplit = R"(INSERT INTO ranges (pool, first, last, next, retired)
     WITH {chosen} SELECT {pool}, first, start - 1, next, FALSE FROM chosen WHERE start > next)";
 constexpr const char *kBind = R"(INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired)
