@@ -1,6 +1,6 @@
 #pragma once
 // The file of a line: where it listens, its places, its plan, what is run before and after a board, where the records
-// go. docs/station.md describes it for those who write it.
+// go. docs/line-file.md describes it for those who write it.
 
 #include <cstdint>
 #include <filesystem>

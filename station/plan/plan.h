@@ -1,6 +1,6 @@
 #pragma once
 // A plan: what is done with one board, read from YAML: a list of steps, or a map with "name", "probe", "defaults" and
-// "steps". docs/station.md describes the language for those who write plans.
+// "steps". docs/plans.md describes the language for those who write plans.
 
 #include <chrono>
 #include <filesystem>
