@@ -111,7 +111,20 @@ class Page(unittest.TestCase):
 
     def type(self, *keys): self.browser.switch_to.active_element.send_keys(*keys)
 
-    def asked(self, place): self.until(lambda: self.browser.find_element(By.ID, 'whose').text == place)
+    def asked(self, place):
+        self.until(lambda: self.browser.find_element(By.ID, 'whose').text == place and
+                   not self.browser.find_elements(By.CLASS_NAME, 'settles'))
+
+    def notice(self): return self.browser.find_element(By.ID, 'notice').text
+
+    def question(self, place):
+        tiles = json.loads(self.request('/api/line')[1])['places']
+        return next(tile['ask']['question'] for tile in tiles if tile['number'] == place)
+
+    def answer(self, place, question, text):
+        """The status of an answer from another browser."""
+        body = json.dumps({'place': place, 'question': question, 'text': text})
+        return self.request('/scan', [('Content-Type', 'application/json')], body)[0]
 
     def request(self, path, headers=(), body=None, host=f'127.0.0.1:{PAGE}', address='127.0.0.1', whole=True):
         """The status of the reply, and its content: all of it, or only how it begins."""
@@ -131,7 +144,7 @@ class Page(unittest.TestCase):
         Board(2, PING='PING <script>document.title="taken"</script>')
         self.sees(2, 'Scan the label')
         self.type('no!', Keys.ENTER)
-        self.until(lambda: 'expected a match' in self.browser.find_element(By.ID, 'notice').text)
+        self.until(lambda: 'expected a match' in self.notice())
         self.type(Keys.TAB)
         self.asked('board 2')
         self.type('<script>alert(1)</script>', Keys.ENTER)
@@ -144,6 +157,30 @@ class Page(unittest.TestCase):
         self.sees(1, 'PASS', 'A-1')
         self.sees(2, 'FAIL', 'PING <script>')
         self.assertEqual(self.browser.title, 'Line')
+
+    def test_a_scan_reaches_the_board_that_was_shown(self):
+        """Half a serial is typed; then somebody else answers, the board leaves, or a board asks only now."""
+        def elsewhere(board): self.assertEqual(self.answer(1, self.question(1), 'C-1'), 200)
+        def leaves(board): board.socket.shutdown(socket.SHUT_RDWR)
+        for number, take_question in enumerate((elsewhere, leaves)):
+            first = Board(1)
+            self.asked('board 1')
+            Board(2)
+            self.sees(2, 'Scan the label')
+            self.type('A-')
+            old = self.question(1)
+            take_question(first)
+            self.until(lambda: 'board 1 asks no more' in self.notice())
+            self.asked('board 2')
+            self.type('9', Keys.ENTER)
+            self.assertEqual(self.answer(2, old, 'A-9'), 409)
+            self.type(f'B-{number}', Keys.ENTER)
+            self.sees(2, 'PASS', f'B-{number}')
+        self.type('B-')
+        Board(1)
+        self.until(lambda: 'board 1 asks only now' in self.notice())
+        self.type('9', Keys.ENTER, 'C-2', Keys.ENTER)
+        self.sees(1, 'PASS', 'C-2')
 
     def test_held_places_and_a_station_that_dies(self):
         """A place that is held takes no board; nobody scans for a board that has gone; a page that has lost its
@@ -202,7 +239,8 @@ class Page(unittest.TestCase):
                 (415, '/hold', [('Content-Type', 'text/plain')], {'body': hold}),
                 (400, '/hold', [json_type], {'body': '{"place": "1"}'}),
                 (400, '/scan', [json_type], {'body': '[' * 9000}),
-                (409, '/scan', [json_type], {'body': '{"place": 1, "text": "A-1"}'}),
+                (400, '/scan', [json_type], {'body': '{"place": 1, "text": "A-1"}'}),
+                (409, '/scan', [json_type], {'body': '{"place": 1, "question": 1, "text": "A-1"}'}),
                 (413, '/hold', [json_type], {'body': ' ' * 20000}),
                 (401, '/hold', [json_type], {'body': hold, **away}),
                 (200, '/hold', [json_type, token], {'body': hold, **away}),

@@ -54,6 +54,7 @@ Page::Page(const PageSettings &settings, const std::string &store)
     server_.add(staticRoutes());
     server_.add(historyRoutes(store));
     server_.add({{"/scan", [this](const PageRequest &request) { return scan(request); }, RouteKind::kChange},
+                 {"/api/line", [this](const PageRequest &) { return line(); }, RouteKind::kQuick},
                  {"/hold", [this](const PageRequest &request) { return hold(request); }, RouteKind::kChange}});
 }
 
@@ -65,11 +66,18 @@ void Page::start(Hold hold, std::function<void(const std::string &trouble)> tell
 }
 
 PageReply Page::scan(const PageRequest &request) {
-    return read(request, "{\"place\": NUMBER, \"text\": TEXT}", [this](const Json &json) {
+    const char *const form = "{\"place\": NUMBER, \"question\": NUMBER, \"text\": TEXT}";
+    return read(request, form, [this](const Json &json) {
         const std::string text = json.at("text").get<std::string>();
         if (text.size() > kLongestScan || !isLine(text)) return refused(400, "expected a line of at most 1024 bytes");
-        return outcome(scanner_.answer(json.at("place").get<int>(), json.value("question", uint64_t(0)), text));
+        return outcome(scanner_.answer(json.at("place").get<int>(), json.at("question").get<uint64_t>(), text));
     });
+}
+
+// What each place asks and does, as a browser is told that comes now.
+PageReply Page::line() {
+    uint64_t seen = 0;
+    return {200, "application/json", floor_.since(seen)};
 }
 
 PageReply Page::hold(const PageRequest &request) {

@@ -30,6 +30,7 @@ public:
 
 private:
     PageReply scan(const PageRequest &request);
+    PageReply line();
     PageReply hold(const PageRequest &request);
 
     const std::string address_;

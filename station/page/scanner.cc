@@ -9,6 +9,10 @@ constexpr std::chrono::milliseconds kLook{100};  // whether an answer is still n
 
 }  // namespace
 
+Scanner::Scanner(Floor &floor)
+    : floor_(floor),
+      asked_(static_cast<uint64_t>(WallClock::now().time_since_epoch() / std::chrono::milliseconds(1))) {}
+
 std::string Scanner::ask(const RunRecord &run, size_t, const std::string &prompt, const std::string &problem,
                          std::chrono::steady_clock::time_point deadline, const Needless &needless) {
     Lock lock(mutex_);
@@ -26,9 +30,8 @@ std::string Scanner::ask(const RunRecord &run, size_t, const std::string &prompt
 std::string Scanner::answer(int place, uint64_t question, const std::string &text) {
     const Lock lock(mutex_);
     const auto open = open_.find(place);
-    if (open == open_.end()) return "this place asks nothing now";
-    if (question != 0 && question != open->second->number) return "the question was answered meanwhile";
-    if (open->second->answer) return "it has been answered already";
+    if (open == open_.end() || open->second->number != question || open->second->answer)
+        return "The question was answered meanwhile, or its board has gone.";
     open->second->answer = text;
     answered_.notifyAll();
     return {};

@@ -13,13 +13,13 @@ namespace station {
 
 class Scanner : public Operator {
 public:
-    explicit Scanner(Floor &floor) : floor_(floor) {}
+    explicit Scanner(Floor &floor);
 
     std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
                     std::chrono::steady_clock::time_point deadline, const Needless &needless) override;
 
-    // Answers what the place asks; when `question` is not 0, only that one: what somebody has typed for a question
-    // that another has answered meanwhile is no answer to the next. Returns why it was not taken; empty: it was.
+    // Answers this question of the place and no other: text that was typed for one board must not reach the next.
+    // Returns why the answer was not taken; empty: it was.
     std::string answer(int place, uint64_t question, const std::string &text);
 
 private:
@@ -32,7 +32,9 @@ private:
     Mutex mutex_;
     Condition answered_;
     std::map<int, Open *> open_ GUARDED_BY(mutex_);  // by the place's number
-    uint64_t asked_ GUARDED_BY(mutex_) = 0;          // questions so far
+    // Of the last question. A page that outlives a station must not answer the next station's questions, so the count
+    // starts at the milliseconds since 1970.
+    uint64_t asked_ GUARDED_BY(mutex_);
 };
 
 }  // namespace station

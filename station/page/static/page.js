@@ -6,11 +6,6 @@ const tiles = new Map();    // by the place's number: its elements, and what is 
 let version;                // of this page's files
 let stream;
 let heard = 0;              // when the station was last heard of
-let chosen = 0;             // the place that the next answer is for, when the operator has chosen one
-let judged = null;          // the question whose answer the station judges
-let mode = 'scan';          // what the box takes: an answer, a place to hold, or the token
-let unsent = null;          // what waits for the token
-let noticeTime = 0;
 
 const now = () => performance.now() / 1000;
 
@@ -69,7 +64,6 @@ function show(place) {
         (step ? `${step}/${place.steps} ${title}` : ''));
     set(tile.text, place.ask ? place.ask.problem : failure.text || '');
     set(tile.hint, failure.hint || '');
-    if (judged && judged.place === place.number && !(place.ask && place.ask.question === judged.question)) judged = null;
 }
 
 // The places that the line has no more.
@@ -111,133 +105,6 @@ function layOut() {
     at('places').classList.toggle('many', tiles.size > 24);
 }
 
-// ---- What the operator is asked
-
-// The places that ask, those first that have waited for longest.
-function asking() {
-    return [...tiles.values()].map(tile => tile.place).filter(place => place.ask)
-        .sort((a, b) => a.ask.since - b.ask.since || a.number - b.number);
-}
-
-function asked() {
-    const places = asking();
-    return places.find(place => place.number === chosen) || places[0];
-}
-
-function next() {
-    const places = asking();
-    const here = places.indexOf(asked());
-    if (places.length > 1) chosen = places[(here + 1) % places.length].number;
-    showBox();
-}
-
-function showBox() {
-    const place = asked();
-    const others = asking().length - 1;
-    const texts = {
-        scan: place ? [place.name, place.ask.prompt] : ['', 'no place asks for anything'],
-        hold: ['Hold', 'the name of a place that is to take no board, or that is to take boards again; Esc: none'],
-        token: ['Token', 'of the line\'s file: who changes something from another machine needs it; Esc: none'],
-    }[mode];
-    document.body.dataset.mode = mode;
-    document.body.classList.toggle('asks', mode === 'scan' && Boolean(place));
-    at('box').type = mode === 'token' ? 'password' : 'text';
-    set(at('whose'), texts[0]);
-    set(at('prompt'), texts[1] + (mode === 'scan' && others > 0 ? ` (${others} more ${others > 1 ? 'wait' : 'waits'})` : ''));
-    const problem = mode === 'scan' && place && place.ask.problem;
-    if (now() > noticeTime) set(at('notice'), problem || '');
-    at('notice').classList.toggle('wrong', Boolean(at('notice').textContent));
-    for (const tile of tiles.values()) tile.box.classList.toggle('meant', mode === 'scan' && tile.place === place);
-    at('next').hidden = others < 1;
-}
-
-function notice(text) {
-    set(at('notice'), text);
-    noticeTime = now() + 6;
-    showBox();
-}
-
-function enter(wanted) {
-    mode = wanted;
-    at('box').value = '';
-    showBox();
-    at('box').focus();
-}
-
-async function post(path, body) {
-    const headers = {'Content-Type': 'application/json'};
-    const token = sessionStorage.getItem('token');
-    if (token) headers.Authorization = `Bearer ${token}`;
-    try {
-        const reply = await fetch(path, {method: 'POST', headers, body: JSON.stringify(body)});
-        if (reply.ok) return true;
-        if (reply.status === 401) {
-            unsent = {path, body};
-            sessionStorage.removeItem('token');
-            enter('token');
-        }
-        notice((await reply.json()).error);
-    } catch (error) {
-        notice(`not sent: ${error.message}`);
-    }
-    return false;
-}
-
-const takes = {
-    async scan(text) {
-        const place = asked();
-        // Nothing that was scanned goes to another place than the one that was shown with it.
-        if (!place || judged) return notice(`${text}: ${place ? 'too soon, once more' : 'no place asks, it is not used'}`);
-        judged = {place: place.number, question: place.ask.question};
-        chosen = place.number;
-        noticeTime = 0;
-        if (!await post('/scan', {place: place.number, question: place.ask.question, text})) judged = null;
-    },
-    async hold(text) {
-        const wanted = text.trim().toLowerCase();
-        const found = [...tiles.values()].map(tile => tile.place)
-            .find(place => place.name.toLowerCase() === wanted || String(place.number) === wanted);
-        if (!found) return notice(`there is no place ${text}`);
-        enter('scan');
-        await post('/hold', {place: found.number, hold: !found.held});
-    },
-    async token(text) {
-        sessionStorage.setItem('token', text);
-        enter('scan');
-        noticeTime = 0;
-        if (unsent) await post(unsent.path, unsent.body);
-    },
-};
-
-at('scan').addEventListener('submit', event => {
-    event.preventDefault();
-    const text = at('box').value;
-    at('box').value = '';
-    if (text.trim()) takes[mode](text).then(showBox);
-});
-
-document.addEventListener('keydown', event => {
-    const keys = {Tab: next, F2: () => enter(mode === 'hold' ? 'scan' : 'hold'), F4: () => at('engineer').click(),
-                  Escape: () => enter('scan')};
-    if (keys[event.key] && !event.altKey && !event.ctrlKey) {
-        event.preventDefault();
-        keys[event.key]();
-    } else {
-        at('box').focus();
-    }
-});
-at('next').addEventListener('click', () => { next(); at('box').focus(); });
-at('hold').addEventListener('click', () => enter('hold'));
-at('box').addEventListener('blur', () => setTimeout(() => at('box').focus()));
-at('places').addEventListener('click', event => {
-    for (const [number, tile] of tiles) {
-        if (tile.box.contains(event.target)) chosen = number;
-    }
-    showBox();
-});
-window.addEventListener('focus', () => at('box').focus());
-window.addEventListener('resize', layOut);
-
 // ---- The counters, and what concerns all places
 
 function showShift(shift) {
@@ -267,7 +134,6 @@ function hear(event) {
     if (news.version) {
         if (version && version !== news.version) return location.reload();  // the station is another, and so is its page
         version = news.version;
-        judged = null;
         forget(news.places || []);
     }
     for (const place of news.places || []) show(place);
@@ -297,4 +163,5 @@ setInterval(() => {
     showBox();
 }, 250);
 
-connect();
+window.addEventListener('resize', layOut);
+window.addEventListener('DOMContentLoaded', connect);
