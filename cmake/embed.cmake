@@ -1,4 +1,5 @@
-# Writes the files' contents as C++ to OUTPUT: cmake -DOUTPUT=... -DFILES=FILE,FILE... -P cmake/embed.cmake
+# Writes the files' contents as C++ to OUTPUT, as the PREFIXFiles and PREFIXVersion that HEADER declares:
+#     cmake -DOUTPUT=... -DHEADER=... -DPREFIX=kStatic -DFILES=FILE,FILE... -P cmake/embed.cmake
 string(REPLACE "," ";" FILES "${FILES}")
 set(rows "")
 set(hashes "")
@@ -10,9 +11,9 @@ foreach(file ${FILES})
     string(APPEND rows "    {\"${name}\", R\"embedded(${content})embedded\"},\n")
 endforeach()
 string(SHA256 version "${hashes}")
-file(WRITE ${OUTPUT} "#include \"station/page/static_files.h\"\n
+file(WRITE ${OUTPUT} "#include \"${HEADER}\"\n
 namespace station {\n
-const std::vector<StaticFile> kStaticFiles = {
+const std::vector<StaticFile> ${PREFIX}Files = {
 ${rows}};
-const std::string_view kStaticVersion = \"${version}\";\n
+const std::string_view ${PREFIX}Version = \"${version}\";\n
 }  // namespace station\n")

@@ -4,13 +4,10 @@
 #include <string_view>
 #include <vector>
 
+#include "station/base/static_file.h"
 #include "station/page/reply.h"
 
 namespace station {
-
-struct StaticFile {
-    std::string_view name, content;
-};
 
 extern const std::vector<StaticFile> kStaticFiles;
 // Changes with each of them: a page that was served by another build is stale.

@@ -14,6 +14,7 @@ namespace {
 
 constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 constexpr std::array<std::string_view, 3> kVerdicts = {"not run", "passed", "failed"};
+constexpr std::array<std::string_view, 5> kCauses = {"", "unit", "connection", "station", "operator"};
 constexpr std::array<std::string_view, 3> kMarks = {"-     ", "ok    ", "FAILED"};
 
 size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
@@ -24,11 +25,17 @@ size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
 }  // namespace
 
 std::string_view textOf(Verdict verdict) { return kVerdicts[static_cast<size_t>(verdict)]; }
+std::string_view textOf(Cause cause) { return kCauses[static_cast<size_t>(cause)]; }
 
 void RunRecord::stampEnd() { end = start + std::chrono::duration_cast<WallClock::duration>(Clock::now() - began); }
 
 size_t RunRecord::failures() const { return count(steps, Verdict::kFailed); }
 size_t RunRecord::notRun() const { return count(steps, Verdict::kNotRun); }
+
+bool RunRecord::counts() const {
+    const bool otherFault = !passed() && cause != Cause::kNone && cause != Cause::kUnit;
+    return ended() && !interrupted && !reference && !otherFault;
+}
 
 const StepResult *RunRecord::firstFailed() const {
     const auto failed = std::find_if(steps.begin(), steps.end(),

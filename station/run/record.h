@@ -36,8 +36,21 @@ struct Measurement {
 
 enum class Verdict { kNotRun, kPassed, kFailed };
 
+// Whose fault a failure is. Only the unit's counts in yields.
+enum class Cause { kNone, kUnit, kConnection, kStation, kOperator };
+
+// A file that a step of the plan sent or compared.
+struct PlanFile {
+    size_t step = 0;   // from 1
+    std::string name;  // as the plan calls it
+    uint64_t size = 0;
+    std::string sha256;  // in hexadecimal digits
+};
+
 // "not run", "passed", "failed"
 std::string_view textOf(Verdict verdict);
+// Returns "", "unit", "connection", "station" or "operator".
+std::string_view textOf(Cause cause);
 
 struct StepResult {
     std::string title;    // the step's, for people; its variables are filled in when it starts
@@ -46,6 +59,7 @@ struct StepResult {
     std::string reply;                    // its text, or what the script printed, without what was cut off
     uint64_t cut = 0;                     // bytes that were cut off the reply, of which a record keeps so many
     std::string failure;                  // why the step did not pass; empty when it passed
+    Cause cause = Cause::kNone;           // of a failure
     std::string hint;                     // what to do when it fails, from the plan
     bool show = false;                    // the plan wants the reply to be seen as it is
     std::chrono::milliseconds offset{0};  // of its start from the run's
@@ -59,6 +73,8 @@ struct StepResult {
 struct RunRecord {
     std::string id;  // no other run on any station has it; fit for a file's name
     std::string plan;
+    std::string planDigest;       // SHA-256, in hexadecimal digits, of the plan and its files; empty: unknown
+    std::vector<PlanFile> files;  // that the plan's steps use
     Place place;
     Recorder station;
     std::string peer;  // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one; empty: it never connected
@@ -68,6 +84,9 @@ struct RunRecord {
     std::map<std::string, std::string> variables;
     std::vector<StepResult> steps;  // one for each step of the plan, from the run's start on
     std::string failure;            // what failed besides the steps; empty: nothing
+    Cause cause = Cause::kNone;     // of a run that failed
+    std::string operatorName;       // empty: nobody asked for it
+    bool reference = false;         // of the reference unit, which counts in no yield
     bool interrupted = false;       // the station was stopped, or ended, before the plan's end
 
     void stampEnd();  // sets the end by how long the run has lasted: a clock that was set meanwhile does not matter
@@ -76,6 +95,9 @@ struct RunRecord {
     size_t notRun() const;    // steps that were not run
     bool passed() const { return failures() + notRun() == 0 && failure.empty() && !interrupted; }
     const StepResult *firstFailed() const;  // null: none has
+    // Returns true when the run says something about the quality of units: it was judged, and a failure was the unit's.
+    // A failure without a cause, as older versions recorded it, counts as the unit's.
+    bool counts() const;
 };
 
 // Returns the place's name for people: its name, or "board 3" when it has none but its number.

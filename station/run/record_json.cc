@@ -58,6 +58,7 @@ StepResult stepOf(const Json &json) {
     step.reply = json.at("reply");
     step.cut = json.value("cut", uint64_t(0));
     step.failure = textIn(json, "failure");
+    step.cause = causeOf(textIn(json, "cause"));
     step.hint = textIn(json, "hint");
     for (const Json &measurement : json.at("measurements")) step.measurements.push_back(measurementOf(measurement));
     return step;
@@ -67,6 +68,10 @@ RunRecord recordOf(const Json &json) {
     RunRecord run;
     run.id = json.at("id");
     run.plan = json.at("plan");
+    run.planDigest = textIn(json, "plan_sha256");
+    for (const Json &file : json.value("files", Json::array())) {
+        run.files.push_back({file.at("step"), file.at("name"), file.at("size"), file.at("sha256")});
+    }
     run.place = {json.at("place").at("number"), json.at("place").at("name")};
     if (json.contains("station")) run.station = {json["station"].at("name"), textIn(json["station"], "key")};
     run.peer = json.at("peer");
@@ -75,6 +80,9 @@ RunRecord recordOf(const Json &json) {
     if (json.contains("end")) run.end = timeOf(json["end"]);
     run.interrupted = json.at("interrupted");
     run.failure = textIn(json, "failure");
+    run.cause = causeOf(textIn(json, "cause"));
+    run.operatorName = textIn(json, "operator");
+    run.reference = json.value("reference", false);
     run.variables = json.at("variables").get<std::map<std::string, std::string>>();
     for (const Json &step : json.at("steps")) run.steps.push_back(stepOf(step));
     return run;
@@ -94,6 +102,7 @@ Json toJson(const StepResult &step) {
     if (!step.planned.empty() && step.planned != step.title) json["planned"] = step.planned;
     if (step.cut > 0) json["cut"] = step.cut;
     if (!step.failure.empty()) json["failure"] = step.failure;
+    if (step.cause != Cause::kNone) json["cause"] = textOf(step.cause);
     if (!step.passed() && !step.hint.empty()) json["hint"] = step.hint;
     json["measurements"] = Json::array();
     for (const Measurement &measurement : step.measurements) json["measurements"].push_back(toJson(measurement));
@@ -101,14 +110,23 @@ Json toJson(const StepResult &step) {
 }
 
 Json toJson(const RunRecord &run) {
-    Json json = {{"id", run.id}, {"plan", run.plan}, {"place", toJson(run.place)}};
+    Json json = {{"id", run.id}, {"plan", run.plan}};
+    if (!run.planDigest.empty()) json["plan_sha256"] = run.planDigest;
+    json["place"] = toJson(run.place);
     if (!run.station.name.empty()) json["station"] = {{"name", run.station.name}, {"key", run.station.key}};
     json.update({{"peer", run.peer}, {"unit", run.unit}, {"start", isoTime(run.start)}});
     if (run.ended()) json["end"] = isoTime(run.end);
     json["verdict"] = textOf(run.passed() ? Verdict::kPassed : Verdict::kFailed);
     json["interrupted"] = run.interrupted;
     if (!run.failure.empty()) json["failure"] = run.failure;
+    if (run.cause != Cause::kNone) json["cause"] = textOf(run.cause);
+    if (!run.operatorName.empty()) json["operator"] = run.operatorName;
+    if (run.reference) json["reference"] = true;
     json["variables"] = run.variables;
+    for (const PlanFile &file : run.files) {
+        json["files"].push_back(
+            {{"step", file.step}, {"name", file.name}, {"size", file.size}, {"sha256", file.sha256}});
+    }
     json["steps"] = Json::array();
     for (const StepResult &step : run.steps) json["steps"].push_back(toJson(step));
     return json;
@@ -117,6 +135,13 @@ Json toJson(const RunRecord &run) {
 std::string dump(const Json &json, int indent) { return json.dump(indent, ' ', false, Json::error_handler_t::replace); }
 
 std::string dump(const RunRecord &run, int indent) { return dump(toJson(run), indent); }
+
+Cause causeOf(const std::string &text) {
+    for (const Cause cause : {Cause::kNone, Cause::kUnit, Cause::kConnection, Cause::kStation, Cause::kOperator}) {
+        if (text == textOf(cause)) return cause;
+    }
+    throw std::invalid_argument(fmt::format("\"{}\" is not a cause", text));
+}
 
 RunRecord parseRecord(const std::string &text) try {
     return recordOf(Json::parse(text));

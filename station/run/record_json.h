@@ -23,6 +23,9 @@ Json toJson(const RunRecord &run);
 std::string dump(const Json &json, int indent = -1);
 std::string dump(const RunRecord &run, int indent = -1);
 
+// Returns the cause that textOf() writes so. Throws std::invalid_argument.
+Cause causeOf(const std::string &text);
+
 // Returns the record of the text. What an older version left out is empty, and what a newer one added is ignored;
 // StepResult::show is not part of a record. Throws std::runtime_error when the text is not a whole record.
 RunRecord parseRecord(const std::string &text);

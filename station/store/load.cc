@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "station/base/time.h"
+#include "station/run/record_json.h"
 
 namespace station {
 namespace {
@@ -35,7 +36,7 @@ Verdict verdictOf(const Value &value) {
 
 void loadSteps(Database &database, const Value &key, RunRecord &run) {
     const Table steps = database.ask("SELECT title, verdict, reply, cut, failure, hint, started_after, seconds, "
-                                     "attempts, step FROM steps WHERE run = $1"
+                                     "attempts, step, cause FROM steps WHERE run = $1"
                                      " ORDER BY step",
                                      {key});
     for (const auto &row : steps.rows) {
@@ -52,6 +53,7 @@ void loadSteps(Database &database, const Value &key, RunRecord &run) {
         step.offset = secondsOf(row[6]);
         step.duration = secondsOf(row[7]);
         step.attempts = int(numberOf(row[8]));
+        step.cause = causeOf(textOf(row[10]));
     }
 }
 
@@ -64,6 +66,18 @@ void loadMeasurements(Database &database, const Value &key, RunRecord &run) {
         if (step == 0 || step > run.steps.size()) continue;
         run.steps[step - 1].measurements.push_back(
             {textOf(row[1]), numberOf(row[2]), limitOf(row[3]), limitOf(row[4]), textOf(row[5]), row[6] == "passed"});
+    }
+}
+
+void loadPlan(Database &database, const Value &version, RunRecord &run) {
+    const Table plan = database.ask("SELECT v.digest, f.step, f.name, f.size, f.sha256 FROM plan_versions v"
+                                    " LEFT JOIN plan_files f ON f.plan_version = v.id WHERE v.id = $1"
+                                    " ORDER BY f.step, f.name",
+                                    {version});
+    for (const auto &row : plan.rows) {
+        run.planDigest = textOf(row[0]);
+        if (row[1])
+            run.files.push_back({size_t(numberOf(row[1])), textOf(row[2]), uint64_t(numberOf(row[3])), textOf(row[4])});
     }
 }
 
@@ -93,7 +107,8 @@ std::vector<std::string> runNames(Database &database, const Period &period) {
 RunRecord loadRun(Database &database, const std::string &name) {
     const Table found = database.ask(
         "SELECT r.id, r.plan, r.place, r.place_name, r.peer, u.serial, r.started, r.ended, r.variables, r.failure,"
-        " r.verdict, s.name, s.key FROM runs r JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit"
+        " r.verdict, s.name, s.key, r.cause, r.operator, r.reference, r.plan_version FROM runs r JOIN stations s ON "
+        "s.id = r.station LEFT JOIN units u ON u.id = r.unit"
         " WHERE r.run = $1",
         {name});
     if (found.empty()) throw Refusal(fmt::format("the store knows no run \"{}\"", name));
@@ -109,6 +124,10 @@ RunRecord loadRun(Database &database, const std::string &name) {
     run.variables = variablesOf(textOf(row[8]));
     run.interrupted = row[10] == "interrupted";
     run.station = {textOf(row[11]), textOf(row[12])};
+    run.cause = causeOf(textOf(row[13]));
+    run.operatorName = textOf(row[14]);
+    run.reference = row[15] == "1";
+    loadPlan(database, row[16], run);
     loadSteps(database, row[0], run);
     loadMeasurements(database, row[0], run);
     if (!isOfStep(run, textOf(row[9]))) run.failure = textOf(row[9]);
