@@ -4,7 +4,8 @@
 Checks what qcstation prints on a terminal and as JSON in real runs, and that it stops whatever happens to its output.
 """
 
-import contextlib, fcntl, json, os, pty, re, signal, socket, struct, subprocess, sys, tempfile, termios, threading
+import contextlib, fcntl, json, os, pty, re, shutil, signal, socket, struct, subprocess, sys, tempfile, termios
+import threading
 import jsonschema
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -30,7 +31,8 @@ def board(port, info, go):
             if word == b"FW":
                 go.wait(30)
                 station.recv(int(rest[-1]), socket.MSG_WAITALL)
-            replies = {b"FW": b"OK", b"INFO": info, b"BYE": b"BYE"}
+            replies = {b"FW": b"OK", b"INFO": info, b"BYE": b"BYE", b"PING": b"PING 2", b"MAC": b"MAC 4",
+                       b"COUNTRY": b"OK"}
             station.sendall(replies.get(word, b"UNKNOWN").ljust(64, b"\0"))
             if word == b"BYE":
                 return
@@ -164,6 +166,28 @@ def check_signals(folder):
     os.close(reader)
 
 
+def check_examples(folder):
+    """The examples do their work; of the line's file only what names this machine is changed."""
+    line, port = f"{folder}/examples/line", free_port()
+    shutil.copytree(f"{ROOT}/examples", f"{folder}/examples")
+    output, status = on_terminal([(PORT, lambda found: serve(found[1], [b"INFO \n"]))],
+                                 words(folder, "examples/first-plan", 1))
+    assert status == 0, output
+    text = open(f"{line}/line.yaml").read()
+    text = re.sub(r"(?ms)^places:.*^(?=plan:)", f"listen: 127.0.0.1:{port}\nplaces: 1\n", text)
+    with open(f"{line}/line.yaml", "w") as file:
+        file.write(re.sub(r"(?m)^page:.*\n", "", text))
+    os.environ["LABEL_COMMAND"] = f"tee -a {folder}/labels"
+    for command in ["store", "upgrade"], ["pool", "add", "02:00:00:00:00:00", "02:00:00:00:0F:FF"]:
+        subprocess.run([QCSTATION, *command, "--store", f"{line}/line.db"], check=True, capture_output=True)
+    report = b"INFO \n Memory: 125952 kB \n Wire MAC 1: 02:00:00:00:00:00 \n\0"
+    talk = [(r"waiting", lambda _: serve(port, [report])), (r"Scan .*> ", lambda _: "SN-1\n"),
+            (r"SN-1.*> ", lambda _: "SN01\n"), (r"PASS", lambda _: "\x03")]
+    output, status = on_terminal(talk, [QCSTATION, "serve", f"{line}/line.yaml"])
+    assert status == 0, output
+    assert open(f"{folder}/labels").read() == "AP-2\nSerial: SN01\nMAC: 02:00:00:00:00:00\n", output
+
+
 def check_schemas(folder):
     schemas = {name: json.load(open(f"{ROOT}/docs/{name}.schema.json")) for name in ("event", "record")}
     stored = {f"{name}.schema.json": schema for name, schema in schemas.items()}
@@ -199,5 +223,5 @@ with tempfile.TemporaryDirectory() as scratch:
         payload.truncate(16 << 20)
     with open(f"{scratch}/slow.yaml", "w") as plan:
         plan.write("[{send: PING, expect: PING 2, timeout: 3600}]")
-    for check in check_schemas, check_questions, check_terminal, check_unread_output, check_signals:
+    for check in check_schemas, check_questions, check_terminal, check_unread_output, check_signals, check_examples:
         check(scratch)
