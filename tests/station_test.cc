@@ -127,9 +127,19 @@ TEST(OutputTest, ASlowReaderLosesProgressFirstThenWholeLines) {
 TEST(HookTest, KeepsTheEndOfWhatIsPrintedAlone) {
     const station::Hook hook{
         "head -c 50000000 /dev/zero; stat -Lc ' %s bytes kept' /dev/stdout; exit 3", Milliseconds(60000), {}};
-    const std::string failure = station::runHook(hook, {});
-    EXPECT_THAT(failure, HasSubstr("ended with status 3: "));
+    const std::string failure = station::runHook(hook, {}, "before");
+    EXPECT_THAT(failure, testing::StartsWith("The command before the test failed (status 3): "));
     EXPECT_THAT(failure, testing::EndsWith(" 0 bytes kept\n"));
+}
+
+TEST(HookTest, NothingReplacesWhatTheStationSays) {
+    RunRecord run;
+    run.id = "mine";
+    run.variables = {{"RUN", "board's"}, {"VERDICT", "passed"}, {"PLACE", "board's"}, {"serial", "7"}};
+    run.steps.resize(1);
+    const std::string failure =
+        station::runHook({"env | grep ^QC_ | LC_ALL=C sort; exit 1", Milliseconds(60000), {}}, run, "after");
+    EXPECT_THAT(failure, testing::EndsWith(": QC_PLACE=\nQC_RUN=mine\nQC_VERDICT=\nQC_serial=7\n"));
 }
 
 class PlanTest : public testing::Test {
@@ -205,7 +215,11 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
+        {"- {run: ''}", "1:9: a command is missing"},
+        {"- {run: x, image: five}", "1:12: unknown key \"image\" in a \"run\" step"},
+        {"- {send: BYE, expect: BYE}\n- {run: x}\n- {send: X, expect: X}", "3:3: the session has ended"},
         // Nothing.
+        {"- {send: BYE, expect: BYE}\n- {run: '{ x; }', reconnect: true}\n- {send: X, expect: X}", "="},
         {"- {send: 'X {{', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
     };
     for (const auto &test : cases) {
@@ -253,8 +267,9 @@ Texts split(const std::string &text, char separator) {
     return parts;
 }
 
-// Connects when the plan begins, and again when that waits for it. Each command gets the next reply; an empty one ends
-// the connection. A script prints the reply, and ends with status 0. `happened` gets the commands with their payloads.
+// Connects when the plan begins, and again when that waits for it. Each command gets the next reply; an empty one, and
+// BYE, end the connection. A script prints the reply, and ends with status 0. `happened` gets the commands with their
+// payloads.
 class ScriptedBoard : public station::Board {
 public:
     ScriptedBoard(Texts replies, std::string &happened) : replies_(std::move(replies)), happened_(happened) {
@@ -299,6 +314,7 @@ private:
             if (reply.empty()) return;
             reply.resize(station::kFrame);
             send(board, reply.data(), reply.size(), MSG_NOSIGNAL);
+            if (command == "BYE") return;
         }
     }
 
@@ -370,6 +386,21 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
          "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X", "this board was unit-7 before"},
+        {"ask: lamp, prompt: L|run: 'grep -q prompt; echo \"v=$QC_lamp\"', match: 'v=(?P<v>.*)'|send: 'X {v}', expect: "
+         "X",
+         "X", "PPP", "L?;X oops", ""},
+        {"ask: serial, prompt: S, match: unit|run: echo unknown; exit 1, required: true|send: 'MAC {pool}', expect: "
+         "MAC 2",
+         "", "PF-", "S?;S!", "ended with status 1 instead of 0: unknown"},
+        {"send: BYE, expect: BYE, closes: true|run: 'echo 2.75; exit 3', status: 3, match: '(?P<v>.*)', limits: {v: "
+         "{max: 2.5}}",
+         "BYE", "PF", "BYE", "v is 2.75, above 2.5"},
+        {"send: BYE, expect: BYE, closes: true|run: test -e five, reconnect: true|send: PING, expect: PING 2",
+         "BYE;PING 2", "PPP", "BYE;PING", ""},
+        {"run: head -c 50000000 /dev/zero, match: ''", "", "F", "", "printed 50000000 bytes"},
+        {"run: kill -9 $$", "", "F", "", "ended by signal 9"},
+        {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",
+         "did not end within 0.3 s"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped"},
     };
@@ -399,7 +430,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
             failure = failure.empty() ? step.failure : failure;
         }
         EXPECT_EQ(verdicts, test.verdicts) << text;
-        EXPECT_EQ(line.happened, test.happened + ";"s) << text;
+        EXPECT_EQ(line.happened, *test.happened == '\0' ? "" : test.happened + ";"s) << text;
         EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
     }
 }

@@ -355,16 +355,15 @@ bool Line::begin(const RunRecord &run) {
 }
 
 RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
-    run.failure = runHook(job.before, run);
-    if (!run.failure.empty()) run.failure.insert(0, "before: ");
+    run.failure = runHook(job.before, run, "before");
     if (run.failure.empty()) {
         run = runPlan(seat, job.plan, std::move(run), context_);
     } else {
         for (StepResult &step : run.steps) step.failure = "not run: the command before it failed";
     }
     run.stampEnd();
-    const std::string failure = runHook(job.after, run);
-    if (!failure.empty()) run.failure += (run.failure.empty() ? "after: " : "; after: ") + failure;
+    const std::string failure = runHook(job.after, run, "after");
+    run.failure += (run.failure.empty() || failure.empty() ? "" : "; ") + failure;
     return run;
 }
 

@@ -86,6 +86,12 @@ void readPrompt(Draft &draft, const Entry &value) {
     draft.step.prompt = value.line();
 }
 
+// The shell reads braces itself, and a value in its text could be a command: it finds the variables in its environment.
+void readRun(Draft &draft, const Entry &value) {
+    draft.step.run = value.text();
+    if (draft.step.run.empty()) value.fail("a command is missing");
+}
+
 void readFileKey(Draft &draft, const Entry &value) { draft.step.file = payloadAt(draft.loader, value); }
 
 void readUpload(Draft &draft, const Entry &value) {
@@ -161,6 +167,7 @@ void readText(Draft &draft, const Entry &value) {
 // A kind of step: the first word says which it is.
 struct KindOfStep {
     std::string word;
+    bool needsBoard;
     std::string (*title)(const Step &step, const Variables &variables);
     Keys<Draft> keys;
 };
@@ -175,15 +182,18 @@ const Keys<Draft> kEveryStep = {
     {"required", readFlag<&Step::required>}, {"always", readFlag<&Step::always>},
 };
 
-const Keys<Draft> kOnBoard =
-    join(kEveryStep,
-         {{"show", readFlag<&Step::show>}, {"retries", readWhole<&Step::retries, 0, 1000>}, {"image", readImage}});
+const Keys<Draft> kRepeated =
+    join(kEveryStep, {{"show", readFlag<&Step::show>}, {"retries", readWhole<&Step::retries, 0, 1000>}});
+const Keys<Draft> kOnBoard = join(kRepeated, {{"image", readImage}});
+const Keys<Draft>::value_type kReconnect = {"reconnect", readFlag<&Step::reconnect>};
 
 const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
 
+const Keys<Draft> kPrinting = {{"output", readText}, {"status", readWhole<&Step::status, 0, 255>}};
+
 // In the order of Kind.
-const std::array<KindOfStep, 4> kKinds = {{
-    {"send",
+const std::array<KindOfStep, 5> kKinds = {{
+    {"send", true,
      [](const Step &step, const Variables &variables) {
          Variables values = step.known;
          values.insert(variables.begin(), variables.end());
@@ -195,29 +205,31 @@ const std::array<KindOfStep, 4> kKinds = {{
                                     {"expect", readText},
                                     {"bare", readFlag<&Step::bare>},
                                     {"closes", readFlag<&Step::closes>},
-                                    {"reconnect", readFlag<&Step::reconnect>}})},
-    {"script", [](const Step &step, const Variables &) { return "script " + step.file->name; },
-     join(join(kOnBoard, kJudged), {{"script", readFileKey},
-                                    {"output", readText},
-                                    {"status", readWhole<&Step::status, 0, 255>},
-                                    {"reconnect", readFlag<&Step::reconnect>}})},
-    {"verify",
+                                    kReconnect})},
+    {"script", true, [](const Step &step, const Variables &) { return "script " + step.file->name; },
+     join(join(kOnBoard, kJudged), join(kPrinting, {{"script", readFileKey}, kReconnect}))},
+    {"verify", true,
      [](const Step &step, const Variables &) {
          return fmt::format("verify partition {} against {}", step.partition, step.file->name);
      },
      join(kOnBoard, {{"verify", readFileKey},
                      {"partition", readWhole<&Step::partition, 0, 1000>},
                      {"erased", readFlag<&Step::erased>}})},
-    {"ask", [](const Step &step, const Variables &) { return "ask " + step.ask; },
+    {"ask", false, [](const Step &step, const Variables &) { return "ask " + step.ask; },
      join(join(kEveryStep, kJudged),
           {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }}, {"prompt", readPrompt}})},
+    // Of the command only its first word: what follows may be a password.
+    {"run", false,
+     [](const Step &step, const Variables &) { return "run " + step.run.substr(0, step.run.find_first_of(" \n")); },
+     join(join(kRepeated, kJudged), join(kPrinting, {{"run", readRun}, kReconnect}))},
 }};
 
 size_t kindOf(const YAML::Node &node) {
     if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
     const auto *const kind =
         std::find_if(kKinds.begin(), kKinds.end(), [&](const KindOfStep &row) { return node[row.word].IsDefined(); });
-    if (kind == kKinds.end()) throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\" or \"ask\""};
+    if (kind == kKinds.end())
+        throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\", \"ask\" or \"run\""};
     return static_cast<size_t>(kind - kKinds.begin());
 }
 
@@ -386,6 +398,8 @@ void finishPlan(Loader &loader) {
 
 }  // namespace
 
+bool Step::needsBoard() const { return kKinds[static_cast<size_t>(kind)].needsBoard; }
+
 std::string Step::title(const Variables &variables) const {
     return name.empty() ? kKinds[static_cast<size_t>(kind)].title(*this, variables) : name;
 }
@@ -399,6 +413,7 @@ Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {
             throw Fault{YAML::Mark::null_mark(), "without \"name\" a plan has its file's: " + fault};
         }
         finishPlan(loader);
+        loader.plan.folder = loader.folder;
     } catch (Fault &fault) {
         loader.faults.push_back(std::move(fault));
     }

@@ -15,7 +15,7 @@
 
 namespace station {
 
-enum class Kind { kCommand, kScript, kVerify, kAsk };
+enum class Kind { kCommand, kScript, kVerify, kAsk, kRun };
 
 // What a named group of a step's match is held to, as a number.
 struct Limit {
@@ -33,7 +33,8 @@ struct Taken {
 struct Step {
     Kind kind = Kind::kCommand;
     std::string name;             // a title of its own; empty: the one that says what is done
-    std::string send;             // the command, with {name}
+    std::string send;             // the board's command, with {name}
+    std::string run;              // the command of the station's shell, as it is
     std::optional<Payload> file;  // to upload, to run, or to compare with
     Expectation expected;         // of the reply, of the script's output, or of the answer
     Variables known;              // what its own files fill in its texts, as {size}
@@ -54,6 +55,9 @@ struct Step {
     bool required = false;   // its failure ends the plan
     bool always = false;     // runs even then
 
+    // Returns true when it is done over the connection to the board.
+    bool needsBoard() const;
+
     // For people: its name, or the command, or what is done with which file; {name} is filled in as far as it is known.
     std::string title(const Variables &variables = {}) const;
 };
@@ -61,6 +65,7 @@ struct Step {
 struct Plan {
     std::string name;  // its own, or the file's without the extension; fit for a file's name
     bool probe = true;
+    std::filesystem::path folder;  // of its files: commands of the station run there
     std::vector<Step> steps;
     std::string warnings;  // a line each, as in PlanError: what a plan may do, but hardly means
 };

@@ -2,7 +2,6 @@
 
 #include <map>
 #include <optional>
-#include <utility>
 
 #include "station/plan/commands.h"
 
@@ -23,10 +22,11 @@ struct Course {
 
 void followSession(const StepSource &source, Role role, Course &course) {
     const Step &step = source.step;
-    if (std::exchange(course.over, false)) {
+    if (!step.needsBoard() && !step.reconnect) return;
+    if (step.needsBoard() && course.over) {
         course.faults.push_back({source.node.Mark(), "the session has ended before this step: a step that the board "
                                                      "comes back after needs \"reconnect: true\""});
-    } else if (course.rebooting) {
+    } else if (step.needsBoard() && course.rebooting) {
         course.warn(source.node.Mark(), "the board may be gone before this step: give the REBOOT "
                                         "\"reconnect: true\", or make it the last step");
     }
@@ -59,7 +59,6 @@ void followFlash(const StepSource &source, Course &course) {
 
 void follow(const StepSource &source, Course &course) {
     const Step &step = source.step;
-    if (step.kind == Kind::kAsk) return;
     const Role role = step.kind == Kind::kCommand ? roleOf(step.send) : Role::kPlain;
     followSession(source, role, course);
     if (step.kind == Kind::kVerify) course.written.erase(step.partition);

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <re2/re2.h>
 
+#include <strings.h>
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
 
@@ -41,6 +43,15 @@ std::string valueOf(const std::string &name, const Variables &variables) {
 
 bool isName(std::string_view text) {
     return RE2::FullMatch(re2::StringPiece(text.data(), text.size()), "[A-Za-z_][A-Za-z0-9_]*");
+}
+
+std::string faultOfName(std::string_view name) {
+    if (!isName(name)) return fmt::format("\"{}\" is not a name: letters, digits and '_', no digit at the start", name);
+    const auto taken = [&](std::string_view own) {
+        return own.size() == name.size() && strncasecmp(own.data(), name.data(), name.size()) == 0;
+    };
+    if (std::none_of(kStationNames.begin(), kStationNames.end(), taken)) return {};
+    return fmt::format("the station sets QC_{} itself: choose another name", name);
 }
 
 std::set<std::string> namesIn(const std::string &text) {

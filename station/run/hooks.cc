@@ -13,9 +13,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <map>
+#include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include "station/base/descriptor.h"
+#include "station/plan/variables.h"
 #include "station/run/record_json.h"
 
 namespace station {
@@ -23,13 +27,24 @@ namespace {
 
 constexpr size_t kOutputShown = 400;  // bytes, from the end
 
+std::string verdictOf(const RunRecord &run) {
+    if (run.passed()) return "passed";
+    return run.ended() || run.failures() > 0 || !run.failure.empty() ? "failed" : "";
+}
+
+// Returns "NAME=VALUE" for each. What the station itself says comes last: nothing replaces it.
 std::vector<std::string> environmentFor(const RunRecord &run) {
+    std::map<std::string, std::string> values;
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const size_t end = text.find('=');
+        if (end != std::string::npos) values[text.substr(0, end)] = text.substr(end + 1);
+    }
+    for (const auto &[name, value] : run.variables) values["QC_" + name] = value.c_str();
+    const std::array<std::string, kStationNames.size()> own = {run.id, run.place.name, verdictOf(run)};
+    for (size_t i = 0; i < own.size(); ++i) values[fmt::format("QC_{}", kStationNames[i])] = own[i];
     std::vector<std::string> environment;
-    for (char **entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
-    environment.push_back("QC_RUN=" + run.id);
-    environment.push_back("QC_PLACE=" + run.place.name);
-    environment.push_back(fmt::format("QC_VERDICT={}", textOf(run.passed() ? Verdict::kPassed : Verdict::kFailed)));
-    for (const auto &[name, value] : run.variables) environment.push_back(fmt::format("QC_{}={}", name, value.c_str()));
+    for (const auto &[name, value] : values) environment.push_back(name + "=" + value);
     return environment;
 }
 
@@ -72,17 +87,18 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     return error == 0 ? pid : -error;
 }
 
-// Takes what has been printed, at most a pipe's content, and keeps the end of it. Returns false when no more can come.
-bool takeOutput(int pipe, std::string &printed) {
+using Take = std::function<void(std::string_view part)>;
+
+// Takes what has been printed, at most a pipe's content. Returns false when no more can come.
+bool takeOutput(int pipe, const Take &take) {
     std::array<char, 65536> part;
     const ssize_t length = read(pipe, part.data(), part.size());
-    if (length > 0) printed.append(part.data(), static_cast<size_t>(length));
-    if (printed.size() > kOutputShown) printed.erase(0, printed.size() - kOutputShown);
+    if (length > 0) take({part.data(), static_cast<size_t>(length)});
     return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
-// Waits for the end, or kills the command at the limit. Returns what failed.
-std::string outcomeOf(pid_t pid, Milliseconds limit, int output, std::string &printed) {
+// Waits for the end, or kills the command at the limit. Returns its status as waitpid() has it; nothing: it was killed.
+std::optional<int> await(pid_t pid, Milliseconds limit, int output, const Take &take) {
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     const auto deadline = Clock::now() + limit;
     bool ended = false;
@@ -90,7 +106,7 @@ std::string outcomeOf(pid_t pid, Milliseconds limit, int output, std::string &pr
         pollfd polled[] = {{process.descriptor(), POLLIN, 0}, {output, POLLIN, 0}};
         poll(polled, 2, pollLimit(deadline));
         ended = polled[0].revents != 0;
-        if (polled[1].revents != 0 && !takeOutput(output, printed)) output = -1;
+        if (polled[1].revents != 0 && !takeOutput(output, take)) output = -1;
     }
     if (!ended) {
         kill(-pid, SIGKILL);
@@ -99,28 +115,42 @@ std::string outcomeOf(pid_t pid, Milliseconds limit, int output, std::string &pr
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (!ended) return fmt::format("did not end within {:.1f} s", inSeconds(limit));
-    if (WIFSIGNALED(status)) return fmt::format("ended by signal {}", WTERMSIG(status));
-    return WEXITSTATUS(status) == 0 ? "" : fmt::format("ended with status {}", WEXITSTATUS(status));
+    takeOutput(output, take);
+    return ended ? std::optional(status) : std::nullopt;
 }
 
 }  // namespace
 
-std::string runHook(const Hook &hook, const RunRecord &run) {
-    if (hook.command.empty()) return {};
+int runShell(const Hook &command, const RunRecord &run, const Take &take) {
     const Descriptor input = memoryFile(dump(run) + "\n");
     std::array<int, 2> ends = {-1, -1};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) return describeError(hook.command);
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error(describeError("did not start"));
     const Descriptor output(ends[0]);
     Descriptor childs(ends[1]);
     fcntl(output.descriptor(), F_SETFL, O_NONBLOCK);
-    const pid_t pid = start(hook, run, input.descriptor(), childs.descriptor());
+    const pid_t pid = start(command, run, input.descriptor(), childs.descriptor());
     childs = Descriptor(-1);
-    std::string printed;
-    const std::string failure = pid < 0 ? strerror(-pid) : outcomeOf(pid, hook.limit, output.descriptor(), printed);
-    if (failure.empty()) return {};
-    takeOutput(output.descriptor(), printed);
-    return fmt::format("{}: {}{}{}", hook.command, failure, printed.empty() ? "" : ": ", printed);
+    if (pid < 0) throw std::runtime_error(fmt::format("did not start: {}", strerror(-pid)));
+    const std::optional<int> status = await(pid, command.limit, output.descriptor(), take);
+    if (!status) throw std::runtime_error(fmt::format("did not end within {:.1f} s", inSeconds(command.limit)));
+    if (WIFSIGNALED(*status)) throw std::runtime_error(fmt::format("ended by signal {}", WTERMSIG(*status)));
+    return WEXITSTATUS(*status);
+}
+
+std::string runHook(const Hook &hook, const RunRecord &run, std::string_view when) {
+    if (hook.command.empty()) return {};
+    std::string printed, failure;
+    try {
+        const int status = runShell(hook, run, [&](std::string_view part) {
+            printed += part;
+            if (printed.size() > kOutputShown) printed.erase(0, printed.size() - kOutputShown);
+        });
+        if (status == 0) return {};
+        failure = fmt::format("status {}", status);
+    } catch (const std::runtime_error &error) {
+        failure = error.what();
+    }
+    return fmt::format("The command {} the test failed ({}){}{}", when, failure, printed.empty() ? "" : ": ", printed);
 }
 
 }  // namespace station

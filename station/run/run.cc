@@ -11,6 +11,7 @@
 
 #include "station/base/text.h"
 #include "station/plan/commands.h"
+#include "station/run/hooks.h"
 #include "station/wire/script.h"
 
 namespace station {
@@ -103,21 +104,37 @@ void runCommand(Attempt &attempt) {
     if (step.closes && attempt.result.failure.empty()) attempt.session().expectClose(attempt.left());
 }
 
-void runScriptStep(Attempt &attempt) {
-    const Step &step = attempt.step;
+// Judges a script or a command by what it has printed and by its exit status.
+void judgeOutput(Attempt &attempt, int status) {
     StepResult &result = attempt.result;
-    const ScriptResult script = runScript(attempt.session(), *step.file->bytes, attempt.deadline,
-                                          attempt.course.run.variables, attempt.progress());
-    result.reply = script.output;
-    result.cut = script.cut;
-    attempt.judge(script.output);
-    if (script.cut > 0 && step.expected) {
+    const int wanted = attempt.step.status;
+    attempt.judge(result.reply);
+    if (result.cut > 0 && attempt.step.expected) {
         result.failure = fmt::format("printed {} bytes; it can be judged by at most {}",
-                                     script.output.size() + script.cut, kLongestOutput);
-    } else if (script.status != step.status) {
-        result.failure = fmt::format("ended with status {} instead of {}: {}", script.status, step.status,
-                                     shorten(script.output, kQuoted));
+                                     result.reply.size() + result.cut, kLongestOutput);
+    } else if (status != wanted) {
+        result.failure =
+            fmt::format("ended with status {} instead of {}: {}", status, wanted, shorten(result.reply, kQuoted));
     }
+}
+
+void runScriptStep(Attempt &attempt) {
+    ScriptResult script = runScript(attempt.session(), *attempt.step.file->bytes, attempt.deadline,
+                                    attempt.course.run.variables, attempt.progress());
+    attempt.result.reply = std::move(script.output);
+    attempt.result.cut = script.cut;
+    judgeOutput(attempt, script.status);
+}
+
+void runOnStation(Attempt &attempt) {
+    StepResult &result = attempt.result;
+    const Hook command{attempt.step.run, attempt.left(), attempt.course.plan.folder};
+    const int status = runShell(command, attempt.course.run, [&](std::string_view part) {
+        const size_t kept = std::min(part.size(), kLongestOutput - result.reply.size());
+        result.reply += part.substr(0, kept);
+        result.cut += part.size() - kept;
+    });
+    judgeOutput(attempt, status);
 }
 
 void runVerify(Attempt &attempt) {
@@ -204,7 +221,7 @@ void runAsk(Attempt &attempt) {
 }
 
 // Runs a step of each kind, in the order of Kind.
-constexpr std::array<void (*)(Attempt &), 4> kRunners = {runCommand, runScriptStep, runVerify, runAsk};
+constexpr std::array<void (*)(Attempt &), 5> kRunners = {runCommand, runScriptStep, runVerify, runAsk, runOnStation};
 
 // Returns what is wrong with the value; empty: nothing.
 std::string measure(const Limit &limit, const std::string &text, std::vector<Measurement> &measurements) {
@@ -249,7 +266,7 @@ void exchange(Attempt &attempt) try {
     if (attempt.step.closes) attempt.course.connected = false;
 } catch (const std::exception &error) {
     attempt.result.failure = error.what();
-    if (attempt.step.kind != Kind::kAsk || attempt.session().gone()) attempt.course.connected = false;
+    if (attempt.step.needsBoard() || attempt.session().gone()) attempt.course.connected = false;
 }
 
 void reconnect(Attempt &attempt) try {
@@ -274,7 +291,7 @@ void runAttempt(Course &course, size_t index) {
         result.failure = error.what();
         return;
     }
-    if (step.kind != Kind::kAsk) attempt.session().setSendDeadline(attempt.deadline);
+    if (step.needsBoard()) attempt.session().setSendDeadline(attempt.deadline);
     exchange(attempt);
     if (step.reconnect && (result.failure.empty() || !course.connected)) reconnect(attempt);
 }
@@ -282,7 +299,7 @@ void runAttempt(Course &course, size_t index) {
 // Returns why a step is not run; empty: it is.
 std::string reasonAgainst(const Step &step, Course &course) {
     if (!course.over.empty() && !step.always) return course.over;
-    if (!course.connected && step.kind != Kind::kAsk) return "the session had ended";
+    if (!course.connected && step.needsBoard()) return "the session had ended";
     if (step.always || !course.context.stop.requested()) return {};
     course.run.interrupted = true;
     return "the station was stopped";

@@ -35,8 +35,8 @@ struct Context {
 // Returns the record of a run that begins now: with a new ID, every step "not run".
 RunRecord newRun(const Plan &plan, const Place &place);
 
-// Runs the steps, and returns the record. After the end of the session only `ask` steps are run; after a required step
-// has failed, or the stop was requested, only steps with `always`.
+// Runs the steps, and returns the record. After the end of the session only steps are run that need no board (`ask`,
+// `run`); after a required step has failed, or the stop was requested, only steps with `always`.
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context);
 
 }  // namespace station
