@@ -197,11 +197,11 @@ void bench(const std::string &store, int runs) {
         addRange(database, "bench", "06:00:00:00:00:00", "06:00:00:FF:FF:FF", 0);
         if (!database.shared()) database.ask("PRAGMA wal_checkpoint(TRUNCATE)");
     }
-    const Period day{"2026-01-20", "2026-01-21"}, month{"2026-01-05", "2026-02-04"};
+    const Filter day{{"2026-01-20", "2026-01-21"}}, month{{"2026-01-05", "2026-02-04"}};
     report("show SERIAL", [&] { show(database, "U123456"); });
     report("show ADDRESS", [&] { show(database, "02:00:00:12:34:56"); });
     report("show RUN", [&] { show(database, "R123456"); });
-    report("runs --failed, the newest 100", [&] { listRuns(database, {.period = {}, .failed = true}); });
+    report("runs --failed, the newest 100", [&] { listRuns(database, {.filter = {}, .failed = true}); });
     report("summary of a day, all three tables", [&] {
         yields(database, day, By::kAll);
         failuresByStep(database, day);
@@ -213,7 +213,7 @@ void bench(const std::string &store, int runs) {
     report("summary of 30 days --by hour", [&] { yields(database, month, By::kHour); });
     report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
     report("summary of 30 days --by value", [&] { measuredValues(database, month); });
-    report("a value of 30 days in 500 groups", [&] { readingGroups(database, month, "line", "volts 1", 500); });
+    report("a value of 30 days in 500 groups", [&] { readingGroups(database, {month.period, "line"}, "volts 1", 500); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
     StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool", nullptr);

@@ -145,12 +145,12 @@ TEST_P(Store, RecordsRunsAndAnswers) {
     EXPECT_EQ(again.failures(), 1);
     EXPECT_THAT(cells(yields(database, {}, By::kAll), 0),
                 ElementsAre("all", "4", "5", "50", "75", "1", "1", "30", "50"));
-    EXPECT_TRUE(yields(database, {"", "2020-01-01"}, By::kPlace).empty());
+    EXPECT_TRUE(yields(database, {{"", "2020-01-01"}}, By::kPlace).empty());
     EXPECT_THAT(cells(failuresByStep(database, {}), 1), ElementsAre("PING", "1", "50", "100"));
     EXPECT_NEAR(std::stod(cells(measuredValues(database, {}), 0).back()), 2.24, 0.1);
-    EXPECT_EQ(listRuns(database, {.period = {}, .failed = true, .limit = 1}).rows.size(), 1);
-    EXPECT_THAT(listRuns(database, {}).numbers,
-                ElementsAre(false, false, false, false, false, false, true, false, true, false, false));
+    EXPECT_EQ(listRuns(database, {.filter = {}, .failed = true, .limit = 1}).rows.size(), 1);
+    EXPECT_THAT(listRuns(database, {}).numbers, ElementsAre(false, false, false, false, false, false, true, false, true,
+                                                            false, false, false, false, true));
     EXPECT_EQ(csvOf(Table{{"serial", "seconds"}, {{"=1", "-1"}, {"1.10", "1.10"}}, {false, true}}),
               "serial,seconds\n'=1,-1\n1.10,1.10\n");
     EXPECT_EQ(cellText("1.10", false) + cellText("1.10", true), "1.101.100");
@@ -286,8 +286,8 @@ TEST_P(Store, BringsVersion1Forward) {
     EXPECT_EQ(run.steps.at(0).measurements.at(0).value, 2.125);
     EXPECT_THAT(cells(show(database, "A")[1].table, 3),
                 ElementsAre("mac", "02:00:00:00:00:FF", run.id, "2026-11-21T17:30:01.000Z"));
-    EXPECT_THAT(cells(yields(database, {"2026-11-21", "2026-11-22"}, By::kHour), 0).front(), "2026-11-21T17");
-    EXPECT_EQ(measuredValues(database, {"2026-11-21T17:30", "2026-11-21T17:31"}).rows.size(), 1);
+    EXPECT_THAT(cells(yields(database, {{"2026-11-21", "2026-11-22"}}, By::kHour), 0).front(), "2026-11-21T17");
+    EXPECT_EQ(measuredValues(database, {{"2026-11-21T17:30", "2026-11-21T17:31"}}).rows.size(), 1);
     RunRecord again = runOf("A"), other = runOf("C");
     records->begins(again);
     records->begins(other);
@@ -322,6 +322,58 @@ TEST_P(Store, KnowsWhoWorkedWhoseTheFaultWasAndWhichPlanRan) {
         EXPECT_EQ(toJson(parseRecord(dump(again)))[member], toJson(run)[member]);
     }
     EXPECT_EQ(again.steps[0].cause, Cause::kConnection);
+}
+
+TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
+    const auto records = station();
+    const auto run = [&](const char *serial, const char *plan, Verdict verdict, Cause cause, bool reference) {
+        RunRecord record = runOf(serial);
+        record.plan = plan;
+        record.cause = cause;
+        record.reference = reference;
+        if (record.plan == "other") record.variables["product"] = "X";
+        record.planDigest = plan;
+        record.files = {{1, "first.bin", 1, plan}, {2, "second.bin", 2, "abc"}};
+        records->begins(record);
+        endSteps(*records, record, {verdict, verdict == Verdict::kPassed ? verdict : Verdict::kNotRun});
+    };
+    run("B", "line", Verdict::kFailed, Cause::kConnection, false);
+    run("B", "line", Verdict::kPassed, Cause::kNone, false);
+    run("R", "line", Verdict::kFailed, Cause::kUnit, true);
+    run("C", "other", Verdict::kFailed, Cause::kUnit, false);
+    run("C", "other", Verdict::kPassed, Cause::kNone, false);
+    Database database(store_);
+    const std::string here = *failuresByCause(database, {}).rows.at(0)[1];
+    // Units, runs, first pass yield, final yield, retests.
+    const std::vector<std::pair<Filter, std::vector<std::string>>> filters = {
+        {{}, {"2", "3", "50", "100", "1"}},
+        {{.plan = "line"}, {"1", "1", "100", "100", "0"}},
+        {{.product = "X"}, {"1", "2", "0", "100", "1"}},
+        {{.plan = "other", .product = "X", .station = here, .place = "left"}, {"1", "2", "0", "100", "1"}},
+        {{.cause = "unit"}, {"0", "1", "0", "-", "0"}},
+        {{.station = "elsewhere"}, {}},
+        {{.place = "right"}, {}}};
+    for (const auto &[filter, expected] : filters) {
+        const Table found = yields(database, filter, By::kAll);
+        const auto all = found.empty() ? std::vector<std::string>() : cells(found, 0);
+        EXPECT_EQ(all.empty() ? all : std::vector<std::string>(all.begin() + 1, all.begin() + 6), expected);
+        EXPECT_EQ(measuredValues(database, filter).empty(), expected.empty());
+    }
+    EXPECT_THAT(cells(failuresByStep(database, {}), 0), ElementsAre("PING", "1", "100", "100"));
+    EXPECT_THAT(cells(failuresByCause(database, {}), 0), ElementsAre("connection", here, "left", "PING", "1"));
+    EXPECT_EQ(cells(measuredValues(database, {{}, "line"}), 0)[3], "4");  // none of the reference unit's
+    const auto ran = [&](const char *file) { return listRuns(database, {.filter = {}, .file = file}).rows.size(); };
+    EXPECT_EQ(ran("first.bin"), 5);
+    EXPECT_EQ(ran("second.bin"), 2);  // the others did not get so far
+    EXPECT_EQ(ran("other"), 2);
+    EXPECT_THAT(cells(show(database, "C").back().table, 1), testing::Contains("second.bin"));
+    const auto first = parseIsoTime(*listRuns(database, {}).rows.at(0)[5]).value();
+    for (const auto zone : {std::chrono::minutes(0), std::chrono::minutes(-330), std::chrono::minutes(24 * 60)}) {
+        EXPECT_EQ(cells(yields(database, {}, By::kDay, zone), 0)[0], isoTime(first + zone).substr(0, 10));
+        EXPECT_EQ(cells(yields(database, {}, By::kHour, zone), 0)[0], isoTime(first + zone).substr(0, 13));
+    }
+    EXPECT_EQ(cells(yields(database, {}, By::kPlan), 1)[0], "other");
+    EXPECT_EQ(cells(yields(database, {}, By::kPlace), 0)[0], here + " left");
 }
 
 TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -25,7 +26,8 @@ namespace {
 struct Options {
     std::string store = std::getenv("QCSTATION_STORE") != nullptr ? std::getenv("QCSTATION_STORE") : "qcstation.db";
     std::string format = "table";
-    std::string by, what, since, until, kind, table, pool = "mac";
+    std::string by, what, since, until, kind, table, file, pool = "mac";
+    Filter runs;  // without its period
     std::vector<std::string> values;
     bool failed = false, excel = false, undo = false;
     int limit = RunFilter().limit;
@@ -33,6 +35,11 @@ struct Options {
 
     Period period() const {
         return {since.empty() ? since : parseTime(since), until.empty() ? until : parseTime(until)};
+    }
+    Filter filter() const {
+        Filter all = runs;
+        all.period = period();
+        return all;
     }
 };
 
@@ -178,7 +185,7 @@ void retirePool(Options &options, Database &database) {
 void printRuns(Options &options, Database &database) {
     Printer printer(options, false);
     printer.begin("runs");
-    const RunFilter filter{options.period(), options.failed, options.limit};
+    const RunFilter filter{options.filter(), options.failed, options.limit, {}, options.file};
     printer.end(eachRun(database, filter, [&](const Table &head, const auto &row) { printer.row(head, row); }));
     printer.finish();
     if (options.limit > 0 && printer.rows() == size_t(options.limit)) {
@@ -187,17 +194,20 @@ void printRuns(Options &options, Database &database) {
 }
 
 void printSummary(Options &options, Database &database) {
-    const Period period = options.period();
+    const Filter filter = options.filter();
     std::vector<Section> sections;
-    if (options.by.empty()) sections.push_back({"yield", yields(database, period, By::kAll)});
-    if (options.by == "hour") sections.push_back({"hours", yields(database, period, By::kHour)});
-    if (options.by == "place") sections.push_back({"places", yields(database, period, By::kPlace)});
-    if (options.by.empty() || options.by == "step") {
-        sections.push_back({"failures", failuresByStep(database, period)});
+    static const std::map<std::string, std::pair<const char *, By>> kParts = {{"", {"yield", By::kAll}},
+                                                                              {"hour", {"hours", By::kHour}},
+                                                                              {"day", {"days", By::kDay}},
+                                                                              {"place", {"places", By::kPlace}},
+                                                                              {"plan", {"plans", By::kPlan}}};
+    const auto asked = [&](const char *by) { return options.by.empty() || options.by == by; };
+    if (const auto part = kParts.find(options.by); part != kParts.end()) {
+        sections.push_back({part->second.first, yields(database, filter, part->second.second)});
     }
-    if (options.by.empty() || options.by == "value") {
-        sections.push_back({"values", measuredValues(database, period)});
-    }
+    if (asked("step")) sections.push_back({"failures", failuresByStep(database, filter)});
+    if (asked("cause")) sections.push_back({"causes", failuresByCause(database, filter)});
+    if (asked("value")) sections.push_back({"values", measuredValues(database, filter)});
     print(options, sections);
 }
 
@@ -240,6 +250,15 @@ public:
     void addPeriod(CLI::App *command) {
         command->add_option("--since", options_->since, "Runs from this time on (UTC), or 90m, 8h or 7d ago");
         command->add_option("--until", options_->until, "Runs before this time");
+    }
+    void addFilter(CLI::App *command) {
+        addPeriod(command);
+        command->add_option("--plan", options_->runs.plan, "Runs of this plan");
+        command->add_option("--product", options_->runs.product, "Runs of units of this product");
+        command->add_option("--station", options_->runs.station, "Runs at this station");
+        command->add_option("--place", options_->runs.place, "Runs at places of this name");
+        command->add_option("--cause", options_->runs.cause, "Runs that failed through the fault of")
+            ->check(CLI::IsMember({"unit", "connection", "station", "operator"}));
     }
     void addTable(CLI::App *command) {
         command->add_option("--table", options_->table, "One table of the answer, by its name");
@@ -301,7 +320,8 @@ void addStoreCommands(CLI::App &app) {
     commands.addTable(shown);
     shown->add_option("what", options.what, "A serial number, an address, or the name of a run")->required();
     CLI::App *const runs = commands.addQuestion(app, "runs", "List runs", printRuns);
-    commands.addPeriod(runs);
+    commands.addFilter(runs);
+    runs->add_option("--file", options.file, "Runs that used this file: its name in the plan, or its SHA-256");
     runs->add_flag("--failed", options.failed, "Failed ones only");
     runs->add_option("--limit", options.limit, "So many, the newest; 0 for all")->capture_default_str();
     CLI::App *const exported = commands.add(app, "export", "Write runs as files: JSON, a log, JUnit's XML", exportRuns);
@@ -310,10 +330,10 @@ void addStoreCommands(CLI::App &app) {
     commands.addPeriod(exported);
     CLI::App *const summary =
         commands.addQuestion(app, "summary", "Yield, cycle time, failures, measured values", printSummary);
-    commands.addPeriod(summary);
+    commands.addFilter(summary);
     commands.addTable(summary);
-    summary->add_option("--by", options.by, "A row a hour, place, step or value, instead of all in short")
-        ->check(CLI::IsMember({"hour", "place", "step", "value"}));
+    summary->add_option("--by", options.by, "A row for each of these, instead of all in short")
+        ->check(CLI::IsMember({"hour", "day", "place", "plan", "step", "cause", "value"}));
 }
 
 }  // namespace station

@@ -132,7 +132,7 @@ PageReply units(Database &database, const PageRequest &request) {
 // ---- runs
 
 RunFilter filterOf(const PageRequest &request, int limit) {
-    return {periodOf(request), parameter(request, "failed") == "1", limit, parameter(request, "step")};
+    return {{periodOf(request)}, parameter(request, "failed") == "1", limit, parameter(request, "step")};
 }
 
 PageReply runs(Database &database, const PageRequest &request) {
@@ -172,23 +172,23 @@ PageReply runRecord(Database &database, const PageRequest &request) {
 // A question about a period: a part of the summary, and a file.
 struct Part {
     const char *path, *title;
-    Table (*ask)(Database &, const Period &);
+    Table (*ask)(Database &, const Filter &);
 };
 
 constexpr Part kFailures{"/failures", "Failures by step", failuresByStep};
 constexpr Part kHours{"/hours", "By the hour",
-                      [](Database &database, const Period &period) { return yields(database, period, By::kHour); }};
+                      [](Database &database, const Filter &filter) { return yields(database, filter, By::kHour); }};
 constexpr Part kPlaces{"/places", "By place",
-                       [](Database &database, const Period &period) { return yields(database, period, By::kPlace); }};
+                       [](Database &database, const Filter &filter) { return yields(database, filter, By::kPlace); }};
 constexpr Part kValues{"/values", "Measured values",
-                       [](Database &database, const Period &period) { return measuredValues(database, period); }};
+                       [](Database &database, const Filter &filter) { return measuredValues(database, filter); }};
 
 Html partOf(const PageRequest &request, const Part &part, const Html &content) {
     return html("<section>\n<h2>{}</h2>\n{}{}</section>\n", part.title, content, csvLink(part.path, chosen(request)));
 }
 
 Html failuresPart(Database &database, const PageRequest &request) {
-    const Table table = failuresByStep(database, periodOf(request));
+    const Table table = failuresByStep(database, {periodOf(request)});
     const auto parameters = [&](const std::string &step) { return chosen(request, {{"step", step}, {"failed", "1"}}); };
     const Look toRuns = [&](const std::string &step, const auto &) { return linkTo("/runs", parameters(step), step); };
     Html content;
@@ -208,7 +208,7 @@ Html keepNewest(Table &table, size_t most) {
 }
 
 Html hoursPart(Database &database, const PageRequest &request) {
-    Table table = kHours.ask(database, periodOf(request));
+    Table table = kHours.ask(database, {periodOf(request)});
     if (table.empty()) return partOf(request, kHours, tableOf(table));
     Html content = keepNewest(table, kPoints);
     content += yieldChart(table);
@@ -217,7 +217,7 @@ Html hoursPart(Database &database, const PageRequest &request) {
 }
 
 Html valuesPart(Database &database, const PageRequest &request) {
-    const Table table = measuredValues(database, periodOf(request));
+    const Table table = measuredValues(database, {periodOf(request)});
     const Look toValue = [&](const std::string &name, const std::vector<Value> &row) {
         return linkTo("/value", chosen(request, {{"plan", row[0].value_or("")}, {"name", name}}), name);
     };
@@ -226,10 +226,10 @@ Html valuesPart(Database &database, const PageRequest &request) {
 
 PageReply summary(Database &database, const PageRequest &request) {
     Html content = periodChooser(request);
-    content += factsOf(without(yields(database, periodOf(request), By::kAll), "period"));
+    content += factsOf(without(yields(database, {periodOf(request)}, By::kAll), "period"));
     content += failuresPart(database, request);
     content += hoursPart(database, request);
-    content += partOf(request, kPlaces, tableOf(kPlaces.ask(database, periodOf(request))));
+    content += partOf(request, kPlaces, tableOf(kPlaces.ask(database, {periodOf(request)})));
     content += valuesPart(database, request);
     return page("Summary", content);
 }
@@ -239,16 +239,16 @@ PageReply summary(Database &database, const PageRequest &request) {
 Table readingsOf(Database &database, const PageRequest &request, size_t most) {
     const std::string name = parameter(request, "name");
     if (name.empty()) throw Refusal("which value is not said: the summary leads to each");
-    return readings(database, periodOf(request), parameter(request, "plan"), name, int(most) + 1);
+    return readings(database, {periodOf(request), parameter(request, "plan")}, name, int(most) + 1);
 }
 
 PageReply value(Database &database, const PageRequest &request) {
     const std::string name = parameter(request, "name"), plan = parameter(request, "plan");
     Table table = readingsOf(database, request, kPoints);
     const bool grouped = table.rows.size() > kPoints;
-    if (grouped) table = readingGroups(database, periodOf(request), plan, name, kGroups);
+    if (grouped) table = readingGroups(database, {periodOf(request), plan}, name, kGroups);
     Html content = periodChooser(request);
-    content += factsOf(without(without(measuredValues(database, periodOf(request), plan, name), "plan"), "name"));
+    content += factsOf(without(without(measuredValues(database, {periodOf(request), plan}, name), "plan"), "name"));
     content +=
         table.empty() ? html("<p class=\"none\">None was measured in this period.</p>\n") : valueChart(table, name);
     if (grouped) {
@@ -295,7 +295,7 @@ PageReply answer(Archive &archive, const Answer &ask, const PageRequest &request
 
 Answer fileOf(const Part &part) {
     return [ask = part.ask](Database &database, const PageRequest &request) {
-        return file(ask(database, periodOf(request)));
+        return file(ask(database, {periodOf(request)}));
     };
 }
 

@@ -55,7 +55,7 @@ void Shift::recall(const std::string &store) {
     begin_ = shiftBegin(starts_, WallClock::now());
     Database database(store, Database::Missing::kIsAnError);
     database.onlyAsk(kForRecall);
-    const Table runs = listRuns(database, {{isoTime(begin_), ""}, false, 0});
+    const Table runs = listRuns(database, {{{isoTime(begin_), ""}}, false, 0});
     for (const auto &row : runs.rows) {
         const std::string verdict = cell(runs, row, "verdict");
         if (cell(runs, row, "station") != hostName() || (verdict != "passed" && verdict != "failed")) continue;

@@ -97,7 +97,7 @@ std::map<std::string, std::string> variablesOf(const std::string &json) try {
 
 std::vector<std::string> runNames(Database &database, const Period &period) {
     std::vector<std::string> names;
-    const Table runs = listRuns(database, {.period = period, .failed = false, .limit = 0});
+    const Table runs = listRuns(database, {.filter = {period}, .failed = false, .limit = 0});
     for (const auto &row : runs.rows) {
         if (row[7] != "running") names.push_back(textOf(row[0]));
     }

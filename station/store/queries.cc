@@ -6,114 +6,95 @@
 #include <array>
 #include <charconv>
 #include <map>
+#include <utility>
 
 #include "station/base/mac.h"
 #include "station/base/time.h"
 #include "station/store/pool.h"
+#include "station/store/sql.h"
 
 namespace station {
 namespace {
 
-// Runs of the period whose verdict is final. A run without a unit counts as one of its own.
-constexpr const char *kInPeriod = "r.started >= $1 AND r.started < $2 AND r.verdict <> 'running'";
 constexpr const char *kFirstDay = "0001-01-01", *kLastDay = "9999-12-31";
 
 constexpr const char *kRuns =
     "SELECT r.run, u.serial, r.plan, s.name AS station, r.place_name AS place, r.started, r.seconds, r.verdict,"
-    " r.attempt, r.failed_step, r.failure FROM runs r JOIN stations s ON s.id = r.station"
-    " LEFT JOIN units u ON u.id = r.unit";
+    " r.attempt, r.failed_step, r.failure, r.cause, r.operator, r.reference FROM runs r"
+    " JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit";
 
-// The median and the 90th percentile are the nearest ranks. A final verdict is the last one of a unit and plan: that of
-// the highest id, which is carried with it in one number.
-constexpr const char *kYields = R"(
-WITH ended AS (
-    SELECT {group} AS part, r.id, coalesce(r.unit, -r.id) AS unit, r.plan, r.seconds, r.attempt, r.verdict,
-           CASE r.verdict WHEN 'passed' THEN 1 ELSE 0 END AS passed
-    FROM runs r JOIN stations s ON s.id = r.station
-    WHERE {period}),
-judged AS (
-    SELECT part, unit, count(*) AS runs, sum(CASE WHEN attempt = 1 THEN passed END) AS passed_first,
-           sum(CASE WHEN attempt = 1 THEN 1 END) AS first, sum(CASE WHEN attempt > 1 THEN 1 ELSE 0 END) AS retests,
-           max(2 * id + passed) % 2 AS passed_last
-    FROM ended WHERE verdict <> 'interrupted' GROUP BY part, unit, plan),
-counted AS (
-    SELECT part, count(DISTINCT unit) AS units, sum(runs) AS runs, 100.0 * sum(passed_first) / sum(first) AS first_pass_yield,
-           100.0 * sum(passed_last) / count(*) AS final_yield, sum(retests) AS retests
-    FROM judged GROUP BY part),
-timed AS (
-    SELECT part, sum(CASE verdict WHEN 'interrupted' THEN 1 ELSE 0 END) AS interrupted,
-           {median} FILTER (WHERE verdict <> 'interrupted') AS median_seconds,
-           {p90} FILTER (WHERE verdict <> 'interrupted') AS p90_seconds
-    FROM ended GROUP BY part)
-SELECT t.part AS {name}, coalesce(c.units, 0) AS units, coalesce(c.runs, 0) AS runs, c.first_pass_yield, c.final_yield,
-       coalesce(c.retests, 0) AS retests, t.interrupted, t.median_seconds, t.p90_seconds
-FROM timed t LEFT JOIN counted c ON c.part = t.part ORDER BY t.part)";
+// The conditions of a filter on a run r, which the file's SQL has at {runs}; on a measurement m at {readings}.
+constexpr std::pair<std::string Filter::*, const char *> kConditions[] = {
+    {&Filter::plan, " AND r.plan = ${}"},
+    {&Filter::product, " AND r.unit IN (SELECT id FROM units WHERE product = ${})"},
+    {&Filter::station, " AND r.station IN (SELECT id FROM stations WHERE name = ${})"},
+    {&Filter::place, " AND r.place_name = ${}"},
+    {&Filter::cause, " AND r.verdict <> 'passed' AND coalesce(r.cause, 'unit') = ${}"}};
+constexpr const char *kReference =
+    " AND m.run NOT IN (SELECT id FROM runs WHERE reference AND started >= $1 AND started < $2)";
 
-constexpr const char *kFailures = R"(
-SELECT coalesce(r.failed_step, r.failure) AS step, count(*) AS failures,
-       100.0 * count(*) / sum(count(*)) OVER () AS percent,
-       100.0 * sum(count(*)) OVER (ORDER BY count(*) DESC, coalesce(r.failed_step, r.failure))
-             / sum(count(*)) OVER () AS cumulative_percent
-FROM runs r WHERE {period} AND r.verdict = 'failed'
-GROUP BY coalesce(r.failed_step, r.failure) ORDER BY failures DESC, step)";
+using Words = std::map<std::string, std::string>;
 
-// Where the limits were changed within the period, the tightest hold.
-constexpr const char *kValues = R"(
-WITH spread AS (
-    SELECT m.plan, m.name, m.unit, count(*) AS measured, sum(CASE m.verdict WHEN 'failed' THEN 1 ELSE 0 END) AS failed,
-           min(m.value) AS lowest, avg(m.value) AS mean, max(m.value) AS highest, stddev_samp(m.value) AS deviation,
-           max(m.minimum) AS minimum, min(m.maximum) AS maximum
-    FROM measurements m WHERE {readings} GROUP BY m.plan, m.name, m.unit)
-SELECT spread.*, CASE WHEN minimum IS NULL OR maximum - mean <= mean - minimum THEN maximum - mean ELSE mean - minimum END
-                 / nullif(3 * deviation, 0) AS cpk
-FROM spread ORDER BY cpk, plan, name)";
-
-constexpr const char *kReadings = "m.started >= $1 AND m.started < $2 AND ($3 = '' OR m.name = $3)"
-                                  " AND ($4 = '' OR m.plan = $4)";
-
-constexpr const char *kEachReading = R"(
-SELECT m.started, r.run, u.serial, s.name AS station, r.place_name AS place, m.value, m.minimum, m.maximum, m.unit, m.verdict
-FROM measurements m JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit
-WHERE {readings} ORDER BY m.started, m.run, m.step LIMIT {limit})";
-
-constexpr const char *kReadingGroups = R"(
-WITH found AS (
-    SELECT m.started, m.value, m.minimum, m.maximum, m.unit, m.verdict, ntile({limit}) OVER (ORDER BY m.started) AS part
-    FROM measurements m
-    WHERE {readings})
-SELECT min(started) AS started, max(started) AS until, count(*) AS measured,
-       sum(CASE verdict WHEN 'failed' THEN 1 ELSE 0 END) AS failed, min(value) AS lowest, avg(value) AS mean,
-       max(value) AS highest, max(minimum) AS minimum, min(maximum) AS maximum, min(unit) AS unit
-FROM found GROUP BY part ORDER BY part)";
-
-std::string fill(std::string sql, const std::map<std::string, std::string> &words) {
+std::string fill(std::string sql, const Words &words) {
     for (const auto &[name, word] : words) {
         for (size_t at; (at = sql.find(name)) != std::string::npos;) sql.replace(at, name.size(), word);
     }
     return sql;
 }
 
-std::vector<Value> bounds(const Period &period) {
-    return {period.since.empty() ? kFirstDay : period.since, period.until.empty() ? kLastDay : period.until};
-}
+// A question about the runs of a filter.
+class Question {
+public:
+    explicit Question(const Filter &filter)
+        : plan_(!filter.plan.empty()),
+          values_({filter.period.since.empty() ? kFirstDay : filter.period.since,
+                   filter.period.until.empty() ? kLastDay : filter.period.until}) {
+        for (const auto &[member, condition] : kConditions) add(condition, filter.*member);
+    }
+    // Adds a condition on the value, ${} in it, unless that is empty.
+    void add(const char *condition, const std::string &value) {
+        if (value.empty()) return;
+        values_.emplace_back(value);
+        runs_ += fill(condition, {{"{}", std::to_string(values_.size())}});
+    }
+    const std::string &runs() const { return runs_; }
+    const std::vector<Value> &values() const { return values_; }
 
-Table askReadings(Database &database, const Period &period, const std::string &plan, const std::string &name,
-                  const char *sql, int limit) {
-    std::vector<Value> values = bounds(period);
-    values.insert(values.end(), {name, plan});
-    return database.ask(fill(sql, {{"{readings}", kReadings}, {"{limit}", std::to_string(limit)}}), values);
-}
+    // Asks what the file NAME.sql asks.
+    Table ask(Database &database, const char *name, Words words = {}) const {
+        words["{runs}"] = runs_;
+        return database.ask(fill(std::string(sqlFile(name)), words), values_);
+    }
+    // The same about the measured values of this name; empty: of all.
+    Table askReadings(Database &database, const char *file, const std::string &name, int count = 0) {
+        std::string readings = std::string("m.started >= $1 AND m.started < $2") + kReference;
+        if (plan_) readings += " AND m.plan = $3";
+        if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
+        values_.emplace_back(name);
+        readings += fmt::format(" AND (${0} = '' OR m.name = ${0})", values_.size());
+        return ask(database, file, {{"{readings}", readings}, {"{count}", std::to_string(count)}});
+    }
 
-Table askPeriod(Database &database, const Period &period, const char *sql,
-                std::map<std::string, std::string> words = {}) {
-    words["{period}"] = kInPeriod;
-    return database.ask(fill(sql, words), bounds(period));
-}
+private:
+    const bool plan_;  // the first value after the period is a plan
+    std::vector<Value> values_;
+    std::string runs_ = "r.started >= $1 AND r.started < $2";
+};
 
 // As a scanner or a label may have it; anything else is left as it is.
 std::string inStoreForm(const std::string &value) {
     const auto mac = parseMac(value);
     return mac ? formatMac(*mac) : value;
+}
+
+// The plans and their files of the runs that have this key in the column.
+Table filesOf(Database &database, const char *column, const Value &key) {
+    return database.ask(fmt::format("SELECT r.run, v.name AS plan, v.digest AS plan_sha256, f.step, f.name AS file,"
+                                    " f.size, f.sha256 FROM runs r JOIN plan_versions v ON v.id = r.plan_version"
+                                    " LEFT JOIN plan_files f ON f.plan_version = v.id WHERE {} = $1"
+                                    " ORDER BY r.started, r.id, f.step, f.name",
+                                    column),
+                        {key});
 }
 
 std::vector<Section> showUnit(Database &database, const Value &unit) {
@@ -128,7 +109,8 @@ std::vector<Section> showUnit(Database &database, const Value &unit) {
             {"runs", database.ask(std::string(kRuns) + " WHERE r.unit = $1 ORDER BY r.started, r.id", {unit})},
             {"archives", database.ask("SELECT a.file, a.runs, a.since, a.until FROM archives a"
                                       " JOIN units u ON u.first_seen <= a.until WHERE u.id = $1 ORDER BY a.id",
-                                      {unit})}};
+                                      {unit})},
+            {"files", filesOf(database, "r.unit", unit)}};
 }
 
 // Returns the archives that may have the run, whose name begins with its start; empty: none.
@@ -154,7 +136,8 @@ std::vector<Section> showRunOf(Database &database, const Value &run) {
                                    {run})},
             {"values", database.ask("SELECT step, name, value, unit, minimum, maximum, verdict FROM measurements"
                                     " WHERE run = $1 ORDER BY step, name",
-                                    {run})}};
+                                    {run})},
+            {"files", filesOf(database, "r.id", run)}};
 }
 
 Value onlyCell(const Table &table) { return table.empty() ? std::nullopt : table.rows[0][0]; }
@@ -211,48 +194,66 @@ Table unitsLike(Database &database, const std::string &begin, int limit) {
         {begin, begin + "\U0010FFFF"});
 }
 
-Table eachRun(Database &database, const RunFilter &filter, const Database::EachRow &row) {
-    std::vector<Value> values = bounds(filter.period);
-    if (!filter.step.empty()) values.emplace_back(filter.step);
-    const std::string runs = fmt::format("{} WHERE r.started >= $1 AND r.started < $2{}{} ORDER BY r.started", kRuns,
-                                         filter.failed ? " AND r.verdict = 'failed'" : "",
-                                         filter.step.empty() ? "" : " AND coalesce(r.failed_step, r.failure) = $3");
+Table eachRun(Database &database, const RunFilter &wanted, const Database::EachRow &row) {
+    Question question(wanted.filter);
+    question.add(" AND coalesce(r.failed_step, r.failure) = ${}", wanted.step);
+    question.add(" AND EXISTS (SELECT 1 FROM plan_files f JOIN steps t ON t.run = r.id AND t.step = f.step"
+                 " AND t.verdict <> 'not run' WHERE f.plan_version = r.plan_version AND ${} IN (f.name, f.sha256))",
+                 wanted.file);
+    const std::string runs = fmt::format("{} WHERE {}{} ORDER BY r.started", kRuns, question.runs(),
+                                         wanted.failed ? " AND r.verdict = 'failed'" : "");
     const std::string newest =
-        fmt::format("SELECT * FROM ({} DESC LIMIT {}) AS newest ORDER BY started", runs, filter.limit);
-    return database.each(filter.limit > 0 ? newest : runs, values, row);
+        fmt::format("SELECT * FROM ({} DESC LIMIT {}) AS newest ORDER BY started", runs, wanted.limit);
+    return database.each(wanted.limit > 0 ? newest : runs, question.values(), row);
 }
 
 Table listRuns(Database &database, const RunFilter &filter) { return eachRun(database, filter, {}); }
 
-Table yields(Database &database, const Period &period, By by) {
-    const std::map<By, std::pair<const char *, const char *>> groups = {
+Table yields(Database &database, const Filter &filter, By by, std::chrono::minutes zone) {
+    const auto begin = [&](int length, const char *form) {
+        if (database.shared()) {
+            return fmt::format("to_char(r.started + interval '{} minutes', '{}')", zone.count(), form);
+        }
+        const std::string local = fmt::format("strftime('%Y-%m-%dT%H', r.started, '{:+} minutes')", zone.count());
+        return fmt::format("substr({}, 1, {})", zone.count() == 0 ? "r.started" : local, length);
+    };
+    const std::map<By, std::pair<std::string, const char *>> groups = {
         {By::kAll, {"'all'", "period"}},
-        {By::kHour,
-         {database.shared() ? "to_char(r.started, 'YYYY-MM-DD\"T\"HH24')" : "substr(r.started, 1, 13)", "hour"}},
-        {By::kPlace, {"s.name || ' ' || r.place_name", "place"}}};
+        {By::kHour, {begin(13, "YYYY-MM-DD\"T\"HH24"), "hour"}},
+        {By::kDay, {begin(10, "YYYY-MM-DD"), "day"}},
+        {By::kPlace, {"s.name || ' ' || r.place_name", "place"}},
+        {By::kPlan, {"r.plan", "plan"}}};
     const auto &[group, name] = groups.at(by);
     const char *const rank =
-        database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY seconds)" : "nearest_rank(seconds, {})";
-    return askPeriod(database, period, kYields,
-                     {{"{group}", group},
-                      {"{name}", name},
-                      {"{median}", fmt::format(fmt::runtime(rank), 0.5)},
-                      {"{p90}", fmt::format(fmt::runtime(rank), 0.9)}});
+        database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY r.seconds)" : "nearest_rank(r.seconds, {})";
+    return Question(filter).ask(database, "yields",
+                                {{"{group}", group},
+                                 {"{name}", name},
+                                 {"{join}", by == By::kPlace ? "JOIN stations s ON s.id = r.station" : ""},
+                                 {"{median}", fmt::format(fmt::runtime(rank), 0.5)},
+                                 {"{p90}", fmt::format(fmt::runtime(rank), 0.9)}});
 }
 
-Table failuresByStep(Database &database, const Period &period) { return askPeriod(database, period, kFailures); }
-
-Table measuredValues(Database &database, const Period &period, const std::string &plan, const std::string &name) {
-    return askReadings(database, period, plan, name, kValues, 0);
+Table failuresByStep(Database &database, const Filter &filter) {
+    Filter units = filter;
+    if (units.cause.empty()) units.cause = "unit";
+    return Question(units).ask(database, "failures_by_step");
 }
 
-Table readings(Database &database, const Period &period, const std::string &plan, const std::string &name, int limit) {
-    return askReadings(database, period, plan, name, kEachReading, limit);
+Table failuresByCause(Database &database, const Filter &filter) {
+    return Question(filter).ask(database, "failures_by_cause");
 }
 
-Table readingGroups(Database &database, const Period &period, const std::string &plan, const std::string &name,
-                    int groups) {
-    return askReadings(database, period, plan, name, kReadingGroups, groups);
+Table measuredValues(Database &database, const Filter &filter, const std::string &name) {
+    return Question(filter).askReadings(database, "values", name);
+}
+
+Table readings(Database &database, const Filter &filter, const std::string &name, int limit) {
+    return Question(filter).askReadings(database, "readings", name, limit);
+}
+
+Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups) {
+    return Question(filter).askReadings(database, "reading_groups", name, groups);
 }
 
 }  // namespace station

@@ -1,6 +1,7 @@
 #pragma once
 // What is asked of a store. docs/database.md explains each column, and has the same questions in SQL.
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,14 @@ struct Period {
     std::string since, until;
 };
 
+// Which runs are meant. An empty text: any.
+struct Filter {
+    Period period = {};
+    std::string plan = {}, product = {};
+    std::string station = {}, place = {};  // their names
+    std::string cause = {};                // of a failure: unit, connection, station, operator
+};
+
 // As the store has it: "2026-11-21", a time of that day as 2026-11-21T17:30, each with or without a Z, or how long ago:
 // 90m, 8h, 7d. Throws Refusal.
 std::string parseTime(const std::string &text);
@@ -27,28 +36,32 @@ std::string parseTime(const std::string &text);
 std::vector<Section> show(Database &database, const std::string &what);
 
 struct RunFilter {
-    Period period;
+    Filter filter = {};
     bool failed = false;
     int limit = 100;        // the newest ones; 0: all
     std::string step = {};  // only those that failed at it; empty: all
+    std::string file = {};  // only those with a step that used the file of this name or SHA-256; empty: all
 };
 Table listRuns(Database &database, const RunFilter &filter);
 // The same, a run at a time, however many there are.
 Table eachRun(Database &database, const RunFilter &filter, const Database::EachRow &row);
 
-// Yield and cycle time, in all or a row an hour or place; failures a step; measured values with their Cpk.
-enum class By { kAll, kHour, kPlace };
-Table yields(Database &database, const Period &period, By by);
-Table failuresByStep(Database &database, const Period &period);
-// Of one plan or of one name, unless these are empty. Includes runs that have not ended.
-Table measuredValues(Database &database, const Period &period, const std::string &plan = "",
-                     const std::string &name = "");
+// Yield and cycle time, in all or a row for each part. A unit is counted once for each plan, where its last run is.
+// Only runs that say something about units count (RunRecord::counts). `zone`: hours and days are those of a clock that
+// is so far ahead of UTC.
+enum class By { kAll, kHour, kDay, kPlace, kPlan };
+Table yields(Database &database, const Filter &filter, By by, std::chrono::minutes zone = {});
+// The unit's failures by step, unless the filter names another cause.
+Table failuresByStep(Database &database, const Filter &filter);
+// The failures that were not the unit's, by cause, place and step.
+Table failuresByCause(Database &database, const Filter &filter);
+// Measured values with their Cpk, of one name unless it is empty. Includes runs that have not ended.
+Table measuredValues(Database &database, const Filter &filter, const std::string &name = "");
 
-// Of a measured value of a plan (empty: of any): the oldest of the period, a row each; or all of them in so many groups
-// of the same size, one behind the other in time, each with its lowest, mean and highest.
-Table readings(Database &database, const Period &period, const std::string &plan, const std::string &name, int limit);
-Table readingGroups(Database &database, const Period &period, const std::string &plan, const std::string &name,
-                    int groups);
+// Of a measured value: the oldest of the filter, a row each; or all of them in so many groups of the same size, in the
+// order of time, each with its lowest, mean and highest.
+Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
+Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups);
 
 // Units whose serials begin so, the last seen first.
 Table unitsLike(Database &database, const std::string &begin, int limit);
