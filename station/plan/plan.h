@@ -67,6 +67,8 @@ struct Plan {
     bool probe = true;
     std::filesystem::path folder;  // of its files: commands of the station run there
     std::vector<Step> steps;
+    std::vector<PlanFile> files;  // of the steps, in their order
+    std::string digest;    // SHA-256 of the plan's text with its files' digests after it, in the order of `files`
     std::string warnings;  // a line each, as in PlanError: what a plan may do, but hardly means
 };
 
