@@ -4,14 +4,15 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import glob, http.client, importlib.machinery, json, os, shutil, signal, socket, subprocess, sys, tempfile, threading
-import unittest, urllib.request
+import csv, glob, http.client, importlib.machinery, io, json, os, shutil, signal, socket, subprocess, sys, tempfile
+import threading, unittest, urllib.parse, urllib.request
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
     user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
     os.execvpe('unshare', ['unshare', *user, '--net', 'sh', '-c', 'ip link set lo up; exec "$@"', 'sh', *sys.argv],
                {**os.environ, 'PAGE_TEST': '1'})
 
+import jsonschema
 from selenium import webdriver
 from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
@@ -21,6 +22,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__) + '/../scripts/attack').load_module()
 
+SCHEMA = os.path.abspath(os.path.dirname(__file__) + '/../docs/api.schema.json')
 PATIENCE = 60  # seconds, for what takes much less on a machine that has nothing else to do
 PORT, PAGE = 55688, 8080
 AWAY = attack.STATION
@@ -202,7 +204,7 @@ class Page(unittest.TestCase):
         self.sees(2, 'waiting')
 
     def test_history(self):
-        """An engineer scans a label and reads why the unit failed; a picture, its table and its file say the same."""
+        """An engineer scans a label and reads why the unit failed. Chart, table, file and data say the same."""
         for serial, ports, verdict in (('<b>7</b>', 9, 'FAIL'), ('A-7', 2, 'PASS')):
             Board(1, PING=f'PING {ports}')
             self.asked('board 1')
@@ -210,17 +212,35 @@ class Page(unittest.TestCase):
             self.sees(1, verdict, serial)
         find = lambda selector: self.browser.find_elements(By.CSS_SELECTOR, selector)
         address = f'http://127.0.0.1:{PAGE}/'
-        self.browser.get(address + 'summary')
-        self.until(lambda: find('svg a'))
+        self.browser.get(address + 'summary?since=7d')
+        self.until(lambda: len(find('canvas')) == 2)
         self.type('<b>7</b>', Keys.ENTER)
         self.until(lambda: 'Unit <b>7</b>' in self.page())
         find('td a')[0].send_keys(Keys.ENTER)
         self.until(lambda: 'ports is 9, above 4' in self.page() and 'See <b>cable 7</b>' in self.page())
+        run = urllib.parse.parse_qs(urllib.parse.urlsplit(self.browser.current_url).query)['run'][0]
         self.browser.find_element(By.LINK_TEXT, 'ports').send_keys(Keys.ENTER)
-        self.until(lambda: find('.cross'))
-        with urllib.request.urlopen(address + 'value.csv?name=ports', timeout=PATIENCE) as file: lines = list(file)
-        self.assertEqual([len(find('.cross')) + len(find('.dot')), len(find('tbody tr'))], 2 * [len(lines) - 1])
-        self.assertEqual(sum(b',failed' in line for line in lines), len(find('.cross')))
+        self.until(lambda: find('canvas'))
+        with urllib.request.urlopen(address + 'value.csv?name=ports&table=readings', timeout=PATIENCE) as file:
+            lines = list(csv.DictReader(io.TextIOWrapper(file)))
+        self.assertEqual([len(lines), len(find('details tbody tr'))], [2, 2])
+        hints = self.browser.execute_script('''
+            const chart = Chart.getChart(document.querySelector('canvas'));
+            return chart.data.datasets.flatMap((set, index) => set.data.map((point, at) => {
+                chart.tooltip.setActiveElements([{datasetIndex: index, index: at}], {x: 0, y: 0});
+                chart.update();
+                return chart.tooltip.body.flatMap(part => part.lines).join(' ');
+            }));''')
+        for line in lines:
+            self.assertTrue(any(f'{line["value"]}  {line["verdict"]} {line["serial"]}' in hint for hint in hints), hints)
+        self.assertIn('maximum 4 ', hints)
+        self.assertIn('since=7d', find('nav a')[1].get_attribute('href'))
+        with open(SCHEMA) as file: schema = jsonschema.Draft202012Validator(json.load(file))
+        for page in 'summary', 'runs', f'run?run={run}', 'units', 'unit?serial=A-7', 'value?name=ports':
+            with self.subTest(page=page), urllib.request.urlopen(f'{address}api/{page}', timeout=PATIENCE) as file:
+                document = json.load(file)
+                schema.validate(document)
+                self.assertTrue(any(table['rows'] for table in document['tables'].values()))
 
     def test_refusals(self):
         """Only this page may change anything; from another machine only who has the token."""

@@ -18,7 +18,7 @@ struct PageReply {
     int status = 200;
     std::string type = "text/html; charset=utf-8";
     std::string body = {};
-    std::map<std::string, std::string> headers = {};  // besides those that every reply has
+    std::map<std::string, std::string> headers = {};  // besides or instead of those that every reply has
 };
 
 // A reply of JSON that says why a request is not answered: {"error": "..."}.

@@ -175,7 +175,9 @@ private:
             client.streams
                 ? MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kMemory / 4, events, &client, nullptr)
                 : MHD_create_response_from_buffer(given.body.size(), given.body.data(), MHD_RESPMEM_PERSISTENT);
-        for (const auto &[name, value] : kHeaders) MHD_add_response_header(response, name, value);
+        for (const auto &[name, value] : kHeaders) {
+            if (!given.headers.contains(name)) MHD_add_response_header(response, name, value);
+        }
         for (const auto &[name, value] : given.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
         MHD_add_response_header(response, "Content-Type", given.type.c_str());
         const MHD_Result result = MHD_queue_response(client.connection, static_cast<unsigned>(given.status), response);

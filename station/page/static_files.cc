@@ -13,8 +13,13 @@ std::vector<Route> staticRoutes() {
         if (file.name != "operator.html") path += file.name;
         const char *const type = kTypes.at(file.name.substr(file.name.rfind('.') + 1));
         routes.push_back({path,
-                          [=](const PageRequest &) {
-                              return PageReply{200, type, std::string(file.content)};
+                          [=](const PageRequest &request) {
+                              PageReply reply{200, type, std::string(file.content)};
+                              // A link with a version never gets other content; a browser need not ask again.
+                              if (request.parameters.contains(std::string(kStaticVersion))) {
+                                  reply.headers["Cache-Control"] = "max-age=31536000, immutable";
+                              }
+                              return reply;
                           },
                           RouteKind::kQuick});
     }

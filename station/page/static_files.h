@@ -1,5 +1,5 @@
 #pragma once
-// The page's own files, which are compiled in from station/page/static.
+// The page's own files, which are compiled in.
 
 #include <string_view>
 #include <vector>
@@ -9,11 +9,14 @@
 
 namespace station {
 
-extern const std::vector<StaticFile> kStaticFiles;
+extern const std::vector<StaticFile> kStaticFiles;  // from station/page/static, and the library of the charts
 // Changes with each of them: a page that was served by another build is stale.
 extern const std::string_view kStaticVersion;
 
-// Each at its name; operator.html at /.
+extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
+extern const std::string_view kTemplateVersion;
+
+// Each static file at its name; operator.html at /.
 std::vector<Route> staticRoutes();
 
 }  // namespace station

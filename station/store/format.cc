@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <set>
 #include <string_view>
@@ -21,7 +23,28 @@ std::string guarded(const std::string &text) {
     return formula ? "'" + text : text;
 }
 
+// Returns the number of decimals; -1: as many as seven digits have.
+int decimalsOf(double minimum, double maximum, double deviation) {
+    const double limits =
+        std::isfinite(minimum - maximum) ? maximum - minimum : std::abs(std::isfinite(minimum) ? minimum : maximum);
+    const double spread = deviation > 0 ? deviation : limits;
+    if (!(spread > 0) || !std::isfinite(spread)) return -1;
+    return std::max((deviation > 0 ? 1 : 3) - int(std::floor(std::log10(spread))), 0);
+}
+
 }  // namespace
+
+std::string measuredText(double value, double minimum, double maximum, double deviation) {
+    constexpr int kMost = 15;
+    if (value == std::round(value) && std::abs(value) < 1e15) return fmt::format("{:.0f}", value);
+    int decimals = decimalsOf(minimum, maximum, deviation);
+    if (decimals < 0) return fmt::format("{:.7g}", value);
+    const auto shown = [&](double number) { return fmt::format("{:.{}f}", number, decimals); };
+    for (const double limit : {minimum, maximum}) {
+        while (value != limit && shown(value) == shown(limit) && decimals < kMost) ++decimals;
+    }
+    return decimals <= 9 ? shown(value) : fmt::format("{:.6g}", value);
+}
 
 bool isNumber(const std::string &column) {
     static const std::set<std::string> kNumbers = {"attempt",     "attempts",

@@ -14,6 +14,10 @@ bool isNumber(const std::string &column);
 // Returns a cell to look at: a number with three decimals at most, a text without control characters; "-" for none.
 std::string cellText(const Value &cell, bool isNumber = true);
 
+// Returns a measured value, or a figure of many, with the digits that mean something: four of the distance between its
+// limits, or two of the deviation, and always enough to tell it from a limit that it is not. NAN: no limit, none known.
+std::string measuredText(double value, double minimum, double maximum, double deviation);
+
 // Comma-separated values, all digits, after a line with the columns' names. A text that a spreadsheet would take for a
 // formula (it begins with =, +, -, @ or a tab) gets an apostrophe in front.
 std::string csvLine(const Table &head);  // the names

@@ -1,0 +1,276 @@
+#include "station/page/document.h"
+
+#include <fmt/format.h>
+#include <string.h>  // strverscmp
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+
+#include "station/page/local_time.h"
+#include "station/store/format.h"
+#include "station/store/load.h"
+
+namespace station {
+namespace {
+
+constexpr size_t kMostOfFile = 100000;  // rows
+constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
+constexpr int kGroups = 200, kBars = 24;
+
+// ---- tables
+
+size_t indexOf(const Table &table, const std::string &column) {
+    return size_t(std::find(table.columns.begin(), table.columns.end(), column) - table.columns.begin());
+}
+
+bool hasNumbers(const Table &table, size_t column) {
+    return column < table.numbers.size() ? table.numbers[column] : isNumber(table.columns[column]);
+}
+
+Table without(Table table, const std::string &column) {
+    const size_t index = indexOf(table, column);
+    if (index == table.columns.size()) return table;
+    const auto remove = [index](auto &cells) {
+        if (index < cells.size()) cells.erase(cells.begin() + ptrdiff_t(index));
+    };
+    remove(table.columns);
+    remove(table.numbers);
+    for (auto &row : table.rows) remove(row);
+    return table;
+}
+
+// Sorts by a column; numbers within texts count as numbers, and empty cells come last.
+void sortBy(Table &table, const std::string &column, bool descending) {
+    const size_t at = indexOf(table, column);
+    if (at == table.columns.size()) return;
+    const bool number = hasNumbers(table, at);
+    const auto compare = [number](const std::string &a, const std::string &b) {
+        if (!number) return strverscmp(a.c_str(), b.c_str());
+        const double x = std::strtod(a.c_str(), nullptr), y = std::strtod(b.c_str(), nullptr);
+        return x < y ? -1 : int(x > y);
+    };
+    std::stable_sort(table.rows.begin(), table.rows.end(), [&](const auto &a, const auto &b) {
+        if (!a[at] || !b[at]) return a[at].has_value() > b[at].has_value();
+        return descending ? compare(*b[at], *a[at]) < 0 : compare(*a[at], *b[at]) < 0;
+    });
+}
+
+// Returns the table's column that the query wants it sorted by, "-" in front of it for descending; empty: none.
+std::string orderOf(const Part &part, const Query &query) {
+    std::string order = query["sort"];
+    const std::string sign = order.starts_with('-') ? "-" : "", prefix = fmt::format("{}{}.", sign, part.name);
+    return order.starts_with(prefix) ? sign + order.substr(prefix.size()) : part.order;
+}
+
+Table ask(Archive &archive, const Part &part, const Query &query, size_t most) {
+    Table table;
+    archive.ask([&](Database &database) { table = part.ask(database, query, most); });
+    const std::string order = orderOf(part, query);
+    const bool descending = order.starts_with('-');
+    sortBy(table, order.substr(descending ? 1 : 0), descending);
+    return table;
+}
+
+Json cellOf(const Value &cell, bool number) {
+    if (!cell) return nullptr;
+    const Json parsed = number ? Json::parse(*cell, nullptr, false) : Json();
+    return parsed.is_number() ? parsed : Json(*cell);
+}
+
+Json rowOf(const Table &table, const std::vector<Value> &row) {
+    Json json = Json::object();
+    for (size_t i = 0; i < row.size(); ++i) json[table.columns[i]] = cellOf(row[i], hasNumbers(table, i));
+    return json;
+}
+
+Json jsonOf(const Table &table, size_t from, size_t most) {
+    Json rows = Json::array();
+    const size_t end = std::min(table.rows.size(), from + most);
+    for (size_t i = from; i < end; ++i) rows.push_back(rowOf(table, table.rows[i]));
+    return {{"columns", table.columns}, {"rows", rows}, {"more", table.rows.size() > end}};
+}
+
+// Returns from when on the station's clock is how many minutes ahead of UTC, for charts.
+Json zonesOf(const Period &period) {
+    constexpr std::time_t kStep = 1800;
+    const std::time_t end = period.until.empty() ? std::time(nullptr) : timeOf(period.until);
+    Json zones = Json::array();
+    long last = 0;
+    for (std::time_t time = timeOf(period.since); zones.empty() || time < end; time += kStep) {
+        const long minutes = aheadOfUtc(time) / 60;
+        if (zones.empty() || minutes != last) zones.push_back({{"from", utcTime(time) + "Z"}, {"minutes", minutes}});
+        last = minutes;
+    }
+    return zones;
+}
+
+// ---- runs and units
+
+Table runs(Database &database, const Query &query, size_t most) {
+    Table found = listRuns(database, {query.filter, query["failed"] == "1", int(most), query["step"], query["file"]});
+    std::reverse(found.rows.begin(), found.rows.end());
+    return found;
+}
+
+Table units(Database &database, const Query &query, size_t most) { return unitsLike(database, query["q"], int(most)); }
+
+template <size_t kSection>
+Table ofUnit(Database &database, const Query &query, size_t) {
+    const auto found = show(database, query["serial"]);
+    if (found[0].name != "unit") throw Refusal(fmt::format("the store knows no unit \"{}\"", query["serial"]));
+    return found[kSection].table;
+}
+
+template <size_t kSection>
+Table ofRun(Database &database, const Query &query, size_t) {
+    return showRun(database, query["run"])[kSection].table;
+}
+
+Table variables(Database &database, const Query &query, size_t) {
+    Table table{{"variable", "is"}, {}};
+    for (const auto &[name, value] : loadRun(database, query["run"]).variables) table.rows.push_back({name, value});
+    return table;
+}
+
+// ---- the runs of a unit side by side
+
+constexpr ptrdiff_t kNeighbours = 3;  // before and after the run
+
+// Returns what may differ between two runs, and what it was in this one.
+std::vector<std::pair<std::string, Value>> factsOf(const RunRecord &run) {
+    const StepResult *const failed = run.firstFailed();
+    std::vector<std::pair<std::string, Value>> facts = {{"started", isoTime(run.start)},
+                                                        {"verdict", run.passed()      ? "passed"
+                                                                    : run.interrupted ? "interrupted"
+                                                                                      : "failed"},
+                                                        {"plan", run.plan},
+                                                        {"station", run.station.name},
+                                                        {"place", run.place.name},
+                                                        {"failed step", failed ? Value(failed->title) : std::nullopt},
+                                                        {"why", text(failed ? failed->failure : run.failure)}};
+    for (const StepResult &step : run.steps) {
+        for (const Measurement &found : step.measurements) {
+            facts.emplace_back(found.unit.empty() ? found.name : fmt::format("{}, {}", found.name, found.unit),
+                               measuredText(found.value, found.min.value_or(NAN), found.max.value_or(NAN), NAN));
+        }
+    }
+    for (const auto &[name, value] : run.variables) facts.emplace_back(fmt::format("{{{}}}", name), value);
+    return facts;
+}
+
+void addColumn(Table &table, const RunRecord &run) {
+    table.columns.push_back(run.id);
+    for (auto &row : table.rows) row.emplace_back();
+    for (const auto &[what, value] : factsOf(run)) {
+        auto row =
+            std::find_if(table.rows.begin(), table.rows.end(), [&](const auto &cells) { return cells[0] == what; });
+        if (row == table.rows.end()) row = table.rows.insert(row, std::vector<Value>(table.columns.size()));
+        row->front() = what;
+        row->back() = value;
+    }
+}
+
+Table attempts(Database &database, const Query &query, size_t) {
+    const std::string serial = loadRun(database, query["run"]).unit;
+    Table table{{"what"}, {}, {}};
+    if (serial.empty()) return table;
+    const Table all = show(database, serial)[2].table;
+    const size_t name = indexOf(all, "run");
+    const auto &rows = all.rows;
+    const auto here =
+        std::find_if(rows.begin(), rows.end(), [&](const auto &row) { return row[name] == query["run"]; });
+    const auto first = here - std::min(kNeighbours, here - rows.begin());
+    const auto end = here + std::min(kNeighbours + 1, rows.end() - here);
+    for (auto row = first; row != end; ++row) addColumn(table, loadRun(database, *(*row)[name]));
+    return table;
+}
+
+// ---- measured values
+
+// The deviation of a constant is what rounding left of it, and its Cpk means nothing.
+Table measured(Database &database, const Query &query, size_t) {
+    Table table = measuredValues(database, query.filter, query["name"]);
+    const size_t low = indexOf(table, "lowest"), high = indexOf(table, "highest");
+    for (auto &row : table.rows) {
+        if (row[low] != row[high]) continue;
+        row[indexOf(table, "deviation")] = "0";
+        row[indexOf(table, "cpk")] = std::nullopt;
+    }
+    return table;
+}
+
+Table everyReading(Database &database, const Query &query, size_t most) {
+    return readings(database, query.filter, query["name"], int(most));
+}
+
+// Returns no rows when there are too many.
+Table fewReadings(Database &database, const Query &query, size_t most) {
+    if (most > kMostReadings) return everyReading(database, query, most);
+    Table table = everyReading(database, query, kMostReadings + 1);
+    if (table.rows.size() > kMostReadings) table.rows.clear();
+    return table;
+}
+
+Table groups(Database &database, const Query &query, size_t) {
+    if (everyReading(database, query, kMostReadings + 1).rows.size() <= kMostReadings) return {};
+    return readingGroups(database, query.filter, query["name"], kGroups);
+}
+
+template <By kBy>
+Table yieldsBy(Database &database, const Query &query, size_t) {
+    const Table table = yields(database, query.filter, kBy);
+    return kBy == By::kAll ? without(table, "period") : table;
+}
+
+}  // namespace
+
+const std::vector<Content> kContents = {
+    {"summary",
+     {{"yields", yieldsBy<By::kAll>},
+      {"failures",
+       [](Database &database, const Query &query, size_t) { return failuresByStep(database, query.filter); }},
+      {"hours", yieldsBy<By::kHour>},
+      {"places", yieldsBy<By::kPlace>, "place"},
+      {"values", measured}}},
+    {"runs", {{"runs", runs}}},
+    {"units", {{"units", units}}},
+    {"unit", {{"unit", ofUnit<0>}, {"given", ofUnit<1>}, {"runs", ofUnit<2>}, {"archives", ofUnit<3>}}},
+    {"run",
+     {{"run", ofRun<0>}, {"steps", ofRun<1>}, {"values", ofRun<2>}, {"variables", variables}, {"attempts", attempts}}},
+    {"value", {{"values", measured}, {"readings", fewReadings}, {"groups", groups}}},
+};
+
+Json documentOf(Archive &archive, const Content &content, const Query &query) {
+    Json tables = Json::object();
+    for (const Part &part : content.parts) {
+        const bool pages = part.name == content.page;  // a list of any length, sorted before it is cut
+        const size_t shown = pages ? query.rows : kMostOfFile, from = pages ? query.offset : 0;
+        const size_t most = !pages ? kMostReadings : query["sort"].empty() ? from + shown + 1 : kMostOfFile;
+        try {
+            tables[std::string(part.name)] = jsonOf(ask(archive, part, query, most), from, shown);
+        } catch (const TooSlow &error) {
+            tables[std::string(part.name)] = {
+                {"columns", Json::array()}, {"rows", Json::array()}, {"error", error.what()}};
+        }
+    }
+    return {{"page", content.page},
+            {"query", query.parameters},
+            {"since", query.filter.period.since},
+            {"until", query.filter.period.until},
+            {"zone", zonesOf(query.filter.period)},
+            {"tables", tables}};
+}
+
+Table tableOf(Archive &archive, const Content &content, const std::string &name, const Query &query) {
+    for (const Part &part : content.parts) {
+        if (part.name != name && (!name.empty() || &part != &content.parts.front())) continue;
+        Table table = ask(archive, part, query, kMostOfFile + 1);
+        if (table.rows.size() <= kMostOfFile) return table;
+        throw Refusal(fmt::format("more than {} rows: choose a shorter period, or ask the store in SQL", kMostOfFile));
+    }
+    throw Refusal(fmt::format("the page has no table \"{}\"", name));
+}
+
+}  // namespace station

@@ -1,0 +1,82 @@
+#include "station/page/query.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "station/page/local_time.h"
+
+namespace station {
+namespace {
+
+constexpr size_t kRowsOfPage = 200;
+constexpr const char *kKept[] = {"since", "until", "plan", "product", "station", "place", "cause"};
+
+std::string percentEncoded(const std::string &text) {
+    std::string encoded;
+    for (const char letter : text) {
+        const bool safe = std::isalnum(uint8_t(letter)) || (letter != '\0' && std::strchr("-._~:", letter));
+        encoded += safe ? std::string(1, letter) : fmt::format("%{:02X}", uint8_t(letter));
+    }
+    return encoded;
+}
+
+// The fields of the form for a period stand beside the period of the page: what is entered there wins.
+void takeEntered(Parameters &parameters) {
+    for (const auto &[entered, name] : {std::pair{"from", "since"}, {"to", "until"}}) {
+        const auto found = parameters.find(entered);
+        if (found == parameters.end()) continue;
+        parameters[name] = found->second;
+        parameters.erase(found);
+    }
+}
+
+}  // namespace
+
+std::string urlOf(const std::string &path, const Parameters &parameters) {
+    std::string url = path;
+    for (const auto &[name, value] : parameters) {
+        if (value.empty()) continue;
+        url += fmt::format("{}{}={}", url.size() == path.size() ? '?' : '&', name, percentEncoded(value));
+    }
+    return url;
+}
+
+Query::Query(const PageRequest &request) : path(request.path) {
+    for (const auto &[name, value] : request.parameters) {
+        if (!value.empty()) parameters[name] = text(value).value_or("");
+    }
+    takeEntered(parameters);
+    const auto since = parameters.emplace("since", "24h").first->second, until = (*this)["until"];
+    const Period period{parseLocalTime(since), until.empty() ? "" : parseLocalTime(until)};
+    if (!until.empty() && period.until <= period.since) throw Refusal("the period ends before it begins");
+    filter = {period, (*this)["plan"], (*this)["product"], (*this)["station"], (*this)["place"], (*this)["cause"]};
+    rows = kRowsOfPage;
+    offset = rows * std::min(std::strtoul((*this)["skip"].c_str(), nullptr, 10) / rows, 1000000UL);
+}
+
+std::string Query::operator[](const std::string &name) const {
+    const auto found = parameters.find(name);
+    return found == parameters.end() ? "" : found->second;
+}
+
+Parameters Query::kept() const {
+    Parameters all;
+    for (const char *const name : kKept) all[name] = (*this)[name];
+    return all;
+}
+
+std::string Query::link(const std::string &to, Parameters more) const {
+    more.merge(kept());
+    return urlOf(to, more);
+}
+
+std::string Query::changed(Parameters changes) const {
+    changes.merge(Parameters(parameters));
+    return urlOf(path, changes);
+}
+
+}  // namespace station

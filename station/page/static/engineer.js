@@ -1,0 +1,211 @@
+'use strict';
+// Draws the charts of an engineer's page from its data. The tables beside them say the same without scripts.
+(() => {
+const data = JSON.parse(document.getElementById('document').textContent);
+const rows = name => data.tables[name]?.rows ?? [];
+const colour = name => getComputedStyle(document.body).getPropertyValue(name).trim();
+const HOUR = 3600e3, DAY = 24 * HOUR;
+
+// ---- times: those of the station's clock, wherever the browser is
+
+const zones = data.zone.map(zone => [Date.parse(zone.from), zone.minutes * 60e3]);
+const ahead = time => (zones.findLast(zone => zone[0] <= time) ?? zones[0])[1];
+const moment = text => Date.parse(text.length === 13 ? text + ':00Z' : text);
+const local = time => new Date(time + ahead(time)).toISOString().replace('T', ' ');
+const clock = time => local(time).slice(0, 16);
+
+// Ticks at full hours or days of that clock, ten at most.
+function timeTicks(axis) {
+    const steps = [1 / 60, 1 / 12, 1 / 4, 1, 3, 6, 12, 24, 48, 168, 336, 672, 2184, 8760].map(hours => hours * HOUR);
+    const step = steps.find(one => (axis.max - axis.min) / one <= 10) ?? 10 * 365 * DAY;
+    axis.ticks = [];
+    for (let time = Math.ceil((axis.min + ahead(axis.min)) / step) * step; ; time += step) {
+        const value = time - ahead(time - ahead(time));
+        if (value > axis.max) break;
+        axis.ticks.push({value});
+    }
+}
+function timeText(time) {
+    const text = local(time);
+    return text.slice(11, 16) === '00:00' ? text.slice(5, 10) : text.slice(11, 16);
+}
+const timeAxis = (min, max) => ({type: 'linear', min, max, afterBuildTicks: timeTicks,
+    ticks: {callback: timeText, maxRotation: 0}, grid: {color: colour('--rule'), offset: false}});
+
+// ---- what all charts share
+
+const charts = [];
+function draw(name, title, make) {
+    const place = document.querySelector(`[data-chart=${name}]`);
+    const config = place && make();
+    if (!config) return place?.remove();
+    const canvas = place.appendChild(document.createElement('canvas'));
+    canvas.setAttribute('role', 'img');
+    canvas.setAttribute('aria-label', title);
+    place.classList.add('drawn');
+    charts.push({canvas, make, chart: new Chart(canvas, config)});
+}
+// Paper is white, whatever the screen is.
+function drawAgain() {
+    for (const one of charts) {
+        one.chart.destroy();
+        one.chart = new Chart(one.canvas, one.make());
+    }
+}
+const visit = (path, more) => {
+    const url = new URL(path, location.href);
+    for (const key of ['since', 'until', 'plan', 'product', 'station', 'place', 'cause']) {
+        if (data.query[key]) url.searchParams.set(key, data.query[key]);
+    }
+    for (const [key, value] of Object.entries(more)) url.searchParams.set(key, value);
+    location.href = url;
+};
+// `to` says where a click on a mark leads.
+const options = (lines, scales, to, more) => ({
+    animation: false, maintainAspectRatio: false, scales, ...more,
+    interaction: {mode: 'nearest', intersect: false, axis: 'xy'},
+    onClick: (event, marks) => { if (marks.length && to) to(marks[0].element.$context.raw, marks[0].index); },
+    plugins: {legend: {display: false}, tooltip: {displayColors: false, callbacks: {title: () => '', label: lines}},
+              ...more?.plugins},
+});
+
+// ---- failures by step
+
+function failures() {
+    const steps = rows('failures').slice(0, 20);
+    if (!steps.length) return null;
+    const cut = text => text.length > 44 ? text.slice(0, 43) + '…' : text;
+    const lines = mark => {
+        const row = steps[mark.dataIndex];
+        return [row.step, `${row.failures} failures, ${row.percent.toFixed(1)} %`,
+                `with those above ${row.cumulative_percent.toFixed(1)} %`];
+    };
+    return {
+        data: {labels: steps.map(row => cut(row.step)), datasets: [
+            {type: 'line', data: steps.map(row => row.cumulative_percent), borderColor: colour('--text'), borderWidth: 1.5,
+             pointRadius: 3, pointBackgroundColor: colour('--back'), pointBorderColor: colour('--text')},
+            {type: 'bar', data: steps.map(row => row.percent), backgroundColor: colour('--bar'), maxBarThickness: 22}]},
+        options: options(lines, {x: {min: 0, max: 100, ticks: {callback: value => value + ' %'}, grid: {color: colour('--rule')}},
+            y: {grid: {display: false}, ticks: {autoSkip: false}}},
+            (_, index) => visit('/runs', {failed: 1, step: steps[index].step}), {indexAxis: 'y'}),
+    };
+}
+
+// ---- yield and runs by the hour
+
+// Returns the lower end of the axis, below the yields of all hours but those of a few runs.
+function lowest(all) {
+    const busy = Math.max(...all.map(row => row.runs)) / 4;
+    const low = Math.min(...all.filter(row => row.runs >= busy).map(row => row.first_pass_yield ?? 100));
+    return [99, 98, 95, 90, 80, 60].find(bound => bound < low) ?? 0;
+}
+function hours() {
+    const all = rows('hours');
+    if (!all.length) return null;
+    const first = moment(all[0].hour), last = Math.max(moment(all.at(-1).hour) + HOUR, first + 6 * HOUR);
+    const known = new Map(all.map(row => [moment(row.hour), row]));
+    const low = lowest(all), below = row => row && row.first_pass_yield < low;
+    const points = [];  // without a value where an hour has none, so that the line ends there
+    for (let time = first; time < last; time += HOUR) points.push({time, row: known.get(time)});
+    const at = value => points.map(point => ({x: point.time + HOUR / 2, y: point.row ? value(point.row) : null, ...point}));
+    const lines = mark => {
+        const {time, row} = mark.raw;
+        return [clock(time), row.first_pass_yield === null ? 'no first run' : `first pass ${row.first_pass_yield.toFixed(1)} %`,
+                `${row.runs} runs of ${row.units} units, ${row.retests} of them retests`];
+    };
+    return {
+        data: {datasets: [
+            {type: 'line', yAxisID: 'y', data: at(row => row.first_pass_yield === null ? null : Math.max(row.first_pass_yield, low)),
+             pointStyle: mark => below(mark.raw?.row) ? 'triangle' : 'circle', pointRotation: 180, clip: 8, borderColor: colour('--text'), borderWidth: 1.5,
+             pointRadius: points.length > 200 ? 1.5 : 3, pointBackgroundColor: colour('--back'), pointBorderColor: colour('--text')},
+            {type: 'bar', yAxisID: 'runs', data: at(row => row.runs), backgroundColor: colour('--bar'), barPercentage: 1,
+             categoryPercentage: .85}]},
+        options: options(lines, {
+            x: {...timeAxis(first, last), offset: false},
+            runs: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'runs'},
+                   ticks: {precision: 0, maxTicksLimit: 4, callback: (count, index, all) => index && index === all.length - 1 ? '' : count}, grid: {color: colour('--rule')}},
+            y: {position: 'left', min: low, max: 100, weight: 1, stack: 'one', stackWeight: 4,
+                title: {display: true, text: 'first pass yield, %'}, grid: {color: colour('--rule')}}},
+            raw => visit('/runs', {since: new Date(raw.time).toISOString().slice(0, 19) + 'Z',
+                                   until: new Date(raw.time + HOUR).toISOString().slice(0, 19) + 'Z'})),
+    };
+}
+
+// ---- a value over time, beside its histogram
+
+const readings = rows('readings'), groups = rows('groups');
+const marks = readings.length ? readings : groups;
+const numbers = marks.flatMap(row => [row.value ?? row.lowest, row.value ?? row.highest]).filter(value => value !== null);
+const limits = marks.flatMap(row => [row.minimum, row.maximum]).filter(value => value !== null && value !== undefined);
+const unit = marks.find(row => row.unit)?.unit ?? '';
+const span = [Math.min(...numbers, ...limits), Math.max(...numbers, ...limits)];
+const room = span[1] > span[0] ? (span[1] - span[0]) * .06 : Math.max(Math.abs(span[1]) * .1, .5);
+const valueAxis = () => ({type: 'linear', min: span[0] - room, max: span[1] + room, grid: {color: colour('--rule')},
+    title: {display: unit !== '', text: unit}, ticks: {includeBounds: false, callback: ticks}});
+// As many digits as tell two ticks apart.
+function ticks(value, index, all) {
+    const step = Math.abs(all[1]?.value - all[0].value) || 1, top = Math.max(...all.map(one => Math.abs(one.value)));
+    if (top < 1e-4 || top >= 1e7) {
+        const power = Math.floor(Math.log10(top)), digits = Math.max(0, Math.ceil(power - Math.log10(step) - 1e-9));
+        return value === 0 ? '0' : (value / 10 ** power).toFixed(digits) + 'e' + power;
+    }
+    return value.toFixed(Math.max(0, Math.ceil(-Math.log10(step) - 1e-9)));
+}
+
+const SHAPES = ['circle', 'rect', 'triangle', 'rectRot', 'star', 'cross'];
+const limitLine = (points, name) => ({type: 'line', label: name, data: points, borderColor: colour('--text'), borderWidth: 1.5,
+    borderDash: [7, 5], pointRadius: 0, pointHitRadius: 4, stepped: 'before'});
+
+function overTime() {
+    if (!marks.length) return null;
+    const times = marks.map(row => moment(row.started));
+    const first = times[0], last = Math.max(moment(marks.at(-1).until ?? marks.at(-1).started), first + 60e3);
+    const bound = name => {
+        const points = marks.map((row, index) => ({x: times[index], y: row[name], limit: name}));
+        return limitLine([{...points[0], x: first}, ...points, {...points.at(-1), x: last}], name);
+    };
+    const places = [...new Set(readings.map(row => row.place))].sort((a, b) => a.localeCompare(b, 'en', {numeric: true}));
+    const failed = row => row.verdict === 'failed' || row.failed > 0;
+    const point = row => ({x: moment(row.started), y: row.value ?? row.mean, row});
+    const sets = readings.length ? places.map((place, index) => ({label: place, type: 'scatter',
+        data: readings.filter(row => row.place === place && row.value !== null).map(point),
+        pointStyle: context => failed(context.raw?.row ?? {}) ? 'crossRot' : SHAPES[index % SHAPES.length],
+        pointRadius: context => failed(context.raw?.row ?? {}) || context.raw?.row.run === data.query.run ? 7 : 2.5,
+        borderWidth: context => failed(context.raw?.row ?? {}) ? 2.5 : 1,
+        borderColor: context => failed(context.raw?.row ?? {}) ? colour('--bad') : hue(index),
+        backgroundColor: hue(index)})) : [
+        {label: 'lowest to highest', type: 'bar', data: groups.map(row => ({x: moment(row.started), y: [row.lowest, row.highest], row})),
+         backgroundColor: colour('--bar'), barThickness: 2},
+        {label: 'mean', type: 'line', data: groups.map(point), borderColor: colour('--text'), borderWidth: 1.5, pointRadius: 0},
+        {label: 'failed', type: 'scatter', pointStyle: 'crossRot', pointRadius: 6, borderWidth: 2.5, borderColor: colour('--bad'),
+         data: groups.filter(failed).map(row => ({x: moment(row.started), row,
+             y: row.maximum !== null && row.highest > row.maximum ? row.highest : row.lowest}))}];
+    const lines = mark => {
+        const {row, limit} = mark.raw;
+        if (limit) return `${limit} ${mark.parsed.y} ${unit}`;
+        if (row.run) return [`${+row.value.toPrecision(9)} ${unit} ${row.verdict}`, row.serial ?? '', row.place, clock(moment(row.started))];
+        return [`${+row.lowest.toPrecision(9)} to ${+row.highest.toPrecision(9)} ${unit}`, `mean ${row.mean.toPrecision(7)}`,
+                `${row.measured} measured, ${row.failed} failed`, clock(moment(row.started))];
+    };
+    return {data: {datasets: [...sets, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
+            options: options(lines, {x: timeAxis(first, last), y: valueAxis()},
+                raw => raw.row?.run && visit('/run', {run: raw.row.run}),
+                {plugins: {legend: {display: places.length > 1 && places.length <= 24, position: 'bottom',
+                    labels: {usePointStyle: true, boxHeight: 6, filter: item => !/imum$/.test(item.text)}}}})};
+}
+const hue = index => colour(`--place-${index % 6}`);
+
+Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
+Chart.defaults.font.size = 12;
+function start() {
+    Chart.defaults.color = colour('--text');
+    if (charts.length) return drawAgain();
+    draw('failures', 'Failures by step, the most frequent first', failures);
+    draw('hours', 'First pass yield and number of runs by the hour', hours);
+    draw('readings', 'The measured values over time, with their limits', overTime);
+}
+start();
+matchMedia('(prefers-color-scheme: dark)').addEventListener('change', start);
+addEventListener('beforeprint', start);
+addEventListener('afterprint', start);
+})();
