@@ -108,7 +108,7 @@ protected:
     }
     void die() { station_.reset(); }
     fs::path results() const { return folder_ / "results"; }
-    // Returns the run as both store and file have it. The file is complete.
+    // As store and file have it, of which the latter is whole.
     std::string verdicts(const RunRecord &run) {
         Database database(store_);
         const RunRecord stored = loadRun(database, run.id), file = FileRecords(results()).find(run).value();
@@ -197,11 +197,45 @@ TEST_P(Station, CountsARunThatArrivesLate) {
         station_->begins(runs[i]);
         endSteps(*station_, runs[i], {Verdict::kPassed, Verdict::kPassed});
     }
-    database.transact([&] { save(database, unfinished(runs[0])); });  // comes too late: the run has ended
+    database.transact([&] { save(database, unfinished(runs[0])); });  // too late: it has ended
     const Table attempts = database.ask("SELECT attempt, verdict FROM runs ORDER BY started");
     for (size_t i = 0; i < runs.size(); ++i) {
         EXPECT_THAT(cells(attempts, i), ElementsAre(std::to_string(i + 1), "passed"));
     }
+}
+
+TEST_P(Station, KnowsHowAUnitWasJudged) {
+    start();
+    const auto named = [&](const char *plan) {
+        RunRecord run = runOf("A");
+        run.plan = plan;
+        station_->begins(run);
+        const auto known = station_->named(run);
+        station_->ends(unfinished(run));
+        return known ? fmt::format("{} {} {}", known->failed, known->passed(), known->where) : "away";
+    };
+    const char *const expected[] = {"0 false ", "1 false left", "1 false left", "2 false left", "0 true left"};
+    const Verdict verdicts[] = {Verdict::kFailed, Verdict::kFailed, Verdict::kFailed, Verdict::kPassed,
+                                Verdict::kFailed};
+    for (size_t i = 0; i < std::size(verdicts); ++i) {
+        EXPECT_EQ(named("line"), expected[i]);
+        RunRecord run = runOf("A");
+        run.start += std::chrono::seconds(i);
+        run.cause = i == 1 ? Cause::kConnection : Cause::kNone;
+        station_->begins(run);
+        endSteps(*station_, run, {verdicts[i], Verdict::kPassed});
+    }
+    EXPECT_EQ(named("other"), expected[0]);
+    RunRecord here = runOf("A");
+    station_->begins(here);
+    station_->named(here);
+    const auto other = station();  // with a spool of its own
+    RunRecord there = runOf("A");
+    other->begins(there);
+    EXPECT_THAT(refusal([&] { other->named(there); }), HasSubstr("the unit A is in work at place left of the station"));
+    goAway();
+    EXPECT_FALSE(other->named(runOf("A")));
+    comeBack();
 }
 
 TEST_P(Station, NoticesACopyOfItsSpool) {
@@ -240,7 +274,7 @@ TEST_P(Station, ArchivesOldRunsWhole) {
     text.resize(size_t(::gzread(zipped, text.data(), unsigned(text.size()))));
     ::gzclose(zipped);
     EXPECT_THAT(text, AllOf(HasSubstr("}\n" + whole + "\n{"), HasSubstr(runs[2].id)));
-    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the run in work
+    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the one in work
     const auto unit = show(database, "02:00:00:00:00:04");
     EXPECT_EQ(unit[0].table.rows[0][0], "B");
     EXPECT_EQ(unit[1].table.rows[3][2], runs[1].id);

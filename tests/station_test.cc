@@ -13,7 +13,6 @@
 #include <sstream>
 #include <thread>
 
-#include "image/firmware_image.h"
 #include "station/plan/plan.h"
 #include "station/plan/yaml.h"
 #include "station/run/hooks.h"
@@ -148,9 +147,6 @@ protected:
     void SetUp() override {
         write("five", "12345");
         write("script", "exit");
-        write("empty", "");
-        fwimage::create(folder_ / "damaged", {"ACME", "AP-2", "1.2.3", "00012001"}, {{"2.bin", folder_ / "five"}});
-        std::ofstream(folder_ / "damaged", std::ios::app) << "more";
     }
     void TearDown() override { fs::remove_all(folder_); }
 
@@ -219,21 +215,10 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
-        // Files.
-        {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, say \"empty: true\""},
-        {"- {verify: five, partition: 1, sha256: 6994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5}",
-         "1:40: five is another file: its SHA-256 is 59944"},
-        {"- {verify: five, partition: 1, sha256: 5994471a}", "1:40: expected 64 hexadecimal digits"},
-        {"- {send: PING, expect: OK, empty: true}", "1:3: the step has no file"},
-        {"- {send: PING, expect: OK, image: five}", "1:35: this is not a firmware image: 5 bytes are too few"},
-        {"- {send: PING, expect: OK, image: damaged}", "1:35: this is not a firmware image: "},
         {"- {run: ''}", "1:9: a command is missing"},
         {"- {run: x, image: five}", "1:12: unknown key \"image\" in a \"run\" step"},
         {"- {send: BYE, expect: BYE}\n- {run: x}\n- {send: X, expect: X}", "3:3: the session has ended"},
         // Nothing.
-        {"- {verify: five, partition: 1, sha256: 5994471ABB01112AFCC18159F6CC74B4F511B99806DA59B3CAF5A9C173CACFC5}",
-         "="},
-        {"- {verify: empty, partition: 1, empty: true}", "="},
         {"- {send: BYE, expect: BYE}\n- {run: '{ x; }', reconnect: true}\n- {send: X, expect: X}", "="},
         {"- {send: 'X {{', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
     };
@@ -242,24 +227,6 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
         EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
-}
-
-TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
-    const fs::path path =
-        write("plan.yaml", "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n");
-    const auto started = [&] { return station::newRun(station::loadPlan(path), {}); };
-    const RunRecord run = started();
-    ASSERT_EQ(run.files.size(), 2U);
-    EXPECT_EQ(run.files[1].step, 2U);
-    EXPECT_EQ(run.files[0].name, "five");
-    EXPECT_EQ(run.files[0].size, 5U);
-    EXPECT_EQ(run.files[0].sha256, "5994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5");
-    EXPECT_EQ(run.planDigest, started().planDigest);
-    write("five", "12346");
-    const std::string otherFile = started().planDigest;
-    EXPECT_NE(otherFile, run.planDigest);
-    std::ofstream(path, std::ios::app) << "# another text";
-    EXPECT_NE(otherFile, started().planDigest);
 }
 
 // One wrong character must not keep the reader at work for ever, nor take memory without end: the memory is limited by
@@ -414,9 +381,9 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
         {"script: script, match: '^(line\\s?)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
          "PFP", "exit;exit;exit", "printed 262145 bytes"},
-        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "FP", "X;Y", "taken is in work at place 9"},
-        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "FP", "X;Y", "this is no serial number"},
-        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
+        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "F-", "X", "taken is in work at place 9"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "F-", "X", "this is no serial number"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "F-", "X", "this is no serial number"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
          "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X", "this board was unit-7 before"},
         {"ask: lamp, prompt: L|run: 'grep -q prompt; echo \"v=$QC_lamp\"', match: 'v=(?P<v>.*)'|send: 'X {v}', expect: "
@@ -449,8 +416,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         std::replace(replies.begin(), replies.end(), "longer"s, lines.substr(0, station::kLongestOutput + 1));
         Line line;
         RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
-        other.unit = "taken";
-        line.units.claim(other);
+        line.units.admit(other, "taken", plan, line, nullptr);
         {
             ScriptedBoard board(replies, line.happened);
             run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
@@ -465,6 +431,71 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         EXPECT_EQ(verdicts, test.verdicts) << text;
         EXPECT_EQ(line.happened, *test.happened == '\0' ? "" : test.happened + ";"s) << text;
         EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
+    }
+}
+
+// An operator with these answers, and none after them.
+struct Scans : Line {
+    std::string ask(const RunRecord &, size_t, const std::string &, const std::string &problem,
+                    station::Clock::time_point, const station::Needless &) override {
+        problems += problem + ";";
+        if (next == answers.size()) throw std::runtime_error("nobody answers");
+        return answers[next++];
+    }
+
+    Texts answers;
+    size_t next = 0;
+    std::string problems;
+};
+
+TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
+    const char *const asks = "ask: serial, prompt: S", *const prints = "send: S, match: '(?P<serial>.*)'";
+    const struct {
+        const char *keys, *names, *before, *answers;  // `before`: how the unit's earlier runs ended
+        const char *verdicts, *unit, *problem;
+    } cases[] = {
+        {"", asks, "", "A", "PP", "A", ""},
+        {"", asks, "P", "A;A", "PP", "A", " at bench-2; scan it once more to test it again"},
+        {"", asks, "P", "A;B", "PP", "B", "A passed "},
+        {"", asks, "P", "A;too", "F-", "", "too passed "},
+        {"", asks, "P", "A;taken;A", "F-", "", "A passed "},
+        {"", asks, "PF", "A", "PP", "A", ""},
+        {"", prints, "P", "", "F-", "", " at bench-2, and is not tested again"},
+        {"again: refuse", asks, "P", "A;A", "F-", "", " at bench-2, and is not tested again"},
+        {"again: allow", prints, "P", "", "PP", "A", ""},
+        {"attempts: 2", asks, "FF", "A;A", "PP", "A", "A failed 2 times in a row"},
+        {"attempts: 2", asks, "FPF", "A", "PP", "A", ""},
+        {"again: allow, attempts: 2", prints, "FF", "", "F-", "", ": to repair"},
+    };
+    for (const auto &test : cases) {
+        std::string keys = test.keys, text = fmt::format("{{{}{}steps: [{{{}}}, {{send: X, expect: X}}]}}", keys,
+                                                         keys.empty() ? "" : ", ", test.names);
+        const station::Plan plan = station::loadPlan(write("plan.yaml", text));
+        Scans line;
+        line.answers = split(test.answers, ';');
+        for (const char verdict : std::string(test.before)) {
+            RunRecord past = station::newRun(plan, {2, "bench-2"});
+            past.unit = "A";
+            for (auto &step : past.steps) {
+                step.verdict = verdict == 'P' ? station::Verdict::kPassed : station::Verdict::kFailed;
+            }
+            past.stampEnd();
+            line.units.ended(past);
+            past.unit = "too";
+            line.units.ended(past);
+        }
+        RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
+        line.units.admit(other, "taken", plan, line, nullptr);
+        {
+            ScriptedBoard board(test.names == prints ? Texts{"A", "X"} : Texts{"X"}, line.happened);
+            run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
+        }
+        std::string verdicts;
+        for (const auto &step : run.steps) verdicts += "-PF"[static_cast<size_t>(step.verdict)];
+        EXPECT_EQ(verdicts, test.verdicts) << text;
+        EXPECT_EQ(run.unit, test.unit) << text;
+        EXPECT_THAT(line.problems + run.steps[0].failure, HasSubstr(test.problem)) << text;
+        EXPECT_EQ(line.problems.size() > 1 || !run.steps[0].passed(), *test.problem != '\0') << text;
     }
 }
 

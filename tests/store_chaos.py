@@ -15,7 +15,9 @@ if DISKS and 'CHAOS_INSIDE' not in os.environ:
     os.environ['CHAOS_INSIDE'] = 'yes'
     os.execvp('unshare', ['unshare', '-m', *(['-r'] if os.getuid() else []), sys.executable, *sys.argv])
 SERVER = os.path.dirname(os.path.abspath(__file__)) + '/postgresql'
-PLAN = '''- {send: INFO, match: '^INFO (?P<serial>S[0-9]+)$', required: true}
+PLAN = '''again: allow
+steps:
+- {send: INFO, match: '^INFO (?P<serial>S[0-9]+)$', required: true}
 - {send: 'MAC {mac}', expect: MAC 4}
 - {send: BYE, expect: BYE, closes: true}
 '''

@@ -53,7 +53,7 @@ protected:
         fs::remove_all(folder_);
     }
 
-    // Takes the store away: another process locks the SQLite file, or PostgreSQL stops.
+    // Of SQLite, a stranger takes the file for himself.
     void goAway() {
         if (shared_) return finish(std::exchange(server_, 0), SIGINT);
         stranger_ = std::make_unique<Database>(store_);
@@ -69,7 +69,7 @@ protected:
     }
     std::unique_ptr<StoreRecords> station() {
         auto records = std::make_unique<StoreRecords>(store_, folder_ / "spool", nullptr);
-        records->tell([this](const std::string &text) { said_ = text; });
+        records->tell([this](const std::string &text) { said_ += text + "\n"; });
         return records;
     }
 

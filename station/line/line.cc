@@ -373,7 +373,7 @@ void Line::finish(const RunRecord &run) {
     } catch (const RecordsError &error) {
         context_.observer.trouble(fmt::format("the run {} is not recorded yet: {}", run.id, error.what()));
     }
-    context_.units.release(run.unit);
+    context_.units.ended(run);
     context_.observer.boardEnds(run);
     const Lock lock(mutex_);
     ++outcome_.runs;

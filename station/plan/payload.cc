@@ -7,10 +7,9 @@ namespace station {
 
 Payload readPayload(const std::filesystem::path &path) {
     auto bytes = std::make_shared<const std::string>(readFile(path, kLargestPayload));
-    Digest md5("MD5"), sha256("SHA256");
-    md5.feed(*bytes);
-    sha256.feed(*bytes);
-    return {path.filename().string(), std::move(bytes), md5.text(), sha256.text()};
+    Digest digest("MD5");
+    digest.feed(*bytes);
+    return {path.filename().string(), std::move(bytes), digest.text()};
 }
 
 }  // namespace station

@@ -62,13 +62,16 @@ struct Step {
     std::string title(const Variables &variables = {}) const;
 };
 
+// Whether a unit is tested again whose last run of the plan passed: when the operator confirms, never, or always.
+enum class Again { kAsk, kRefuse, kAllow };
+
 struct Plan {
     std::string name;  // its own, or the file's without the extension; fit for a file's name
     bool probe = true;
     std::filesystem::path folder;  // of its files: commands of the station run there
+    Again again = Again::kAsk;
+    int attempts = 0;  // failed runs in a row after which a unit is to be repaired; 0: no limit
     std::vector<Step> steps;
-    std::vector<PlanFile> files;  // of the steps, in their order
-    std::string digest;    // SHA-256 of the plan's text with its files' digests after it, in the order of `files`
     std::string warnings;  // a line each, as in PlanError: what a plan may do, but hardly means
 };
 

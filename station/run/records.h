@@ -2,6 +2,7 @@
 // Where runs are recorded: files, a store, or both.
 
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -13,6 +14,15 @@ namespace station {
 // What could not be recorded and why, in words for the line engineer.
 struct RecordsError : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+// What the judged runs of a plan tell about a unit, but for those that failed for another cause than the unit.
+struct UnitHistory {
+    int failed = 0;                // runs in a row, up to the last one
+    WallClock::time_point when{};  // the last one ended; 0: there is none
+    std::string where;             // its place, for people
+
+    bool passed() const { return failed == 0 && when != WallClock::time_point(); }  // the last one
 };
 
 // Called by the threads of all boards at once. "Durable" is what survives a power cut.
@@ -31,9 +41,10 @@ public:
     virtual std::vector<std::string> bind(const std::string &pool, const RunRecord & /*run*/, int /*count*/) {
         throw RecordsError("the line has no pool \"" + pool + "\"");
     }
-    // The run has said which unit it is about. Returns where another station has that in work; empty: nowhere, as far
-    // as is known. Throws RecordsError when it cannot be that unit.
-    virtual std::string elsewhere(const RunRecord & /*run*/) { return {}; }
+    // The run has said which unit it is about, which no other station gets from now on. Returns what the store knows of
+    // the unit from earlier runs of the plan; nothing: no store can be asked. Throws RecordsError when the run cannot
+    // be about that unit, as when another station has it in work.
+    virtual std::optional<UnitHistory> named(const RunRecord & /*run*/) { return std::nullopt; }
     // May be written later.
     virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}
     // Durable before the verdict is shown. Throws RecordsError when it is not; it is then kept and tried again by

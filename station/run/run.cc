@@ -30,6 +30,7 @@ struct Course {
     Clock::time_point start = Clock::now();
     bool connected = true;
     bool taken = false;     // something of a pool, for the unit
+    bool refused = false;   // the unit that was named last
     std::string over = {};  // why only steps with "always" are run; empty: all are
 };
 
@@ -170,28 +171,20 @@ bool isSerial(const std::string &text) {
     return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
 }
 
-// Makes the run one of this unit. Rejects a unit that is in work: one label was scanned for two boards. What was taken
-// for a unit stays with it. Returns why.
-std::string nameUnit(Course &course, const std::string &serial) {
+// Returns why the run cannot be about this unit. What was taken for a unit stays with it. `unconfirmed`: see Units.
+std::string faultOfUnit(Course &course, const std::string &serial, std::string *unconfirmed) {
     RunRecord &run = course.run;
     if (!isSerial(serial)) return fmt::format("this is no serial number: \"{}\"", shorten(serial, kQuoted));
     if (serial == run.unit) return {};
     if (course.taken) return fmt::format("this board was {} before, and was given addresses as that", run.unit);
-    const std::string before = std::exchange(run.unit, serial);
-    std::string why = course.context.units.claim(run);
-    if (!why.empty()) {
-        run.unit = before;
-        return fmt::format("the unit {} is in work at {}", serial, why);
-    }
-    try {
-        const std::string where = course.context.records.elsewhere(run);
-        if (!where.empty()) why = fmt::format("the unit {} is in work at {}", serial, where);
-    } catch (const RecordsError &error) {
-        why = error.what();
-    }
-    course.context.units.release(why.empty() ? before : serial);
-    if (!why.empty()) run.unit = before;
-    return why;
+    return course.context.units.admit(run, serial, course.plan, course.context.records, unconfirmed);
+}
+
+// Makes the run one of this unit. Returns why not: the plan then ends, unless the step names another one.
+std::string nameUnit(Course &course, const std::string &serial, std::string *unconfirmed = nullptr) {
+    const std::string fault = faultOfUnit(course, serial, unconfirmed);
+    course.refused = !fault.empty();
+    return fault;
 }
 
 // Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
@@ -205,14 +198,15 @@ std::string reasonNotToAsk(const Course &course) {
 void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
     StepResult &result = attempt.result;
-    std::string problem;
+    std::string problem, unconfirmed;
     context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
         result.reply = trim(context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
                                                   attempt.deadline, [&] { return reasonNotToAsk(attempt.course); }));
         attempt.judge(result.reply);
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
-        if (problem.empty() && attempt.step.ask == kUnit) problem = nameUnit(attempt.course, result.reply);
+        if (problem.empty() && attempt.step.ask == kUnit)
+            problem = nameUnit(attempt.course, result.reply, &unconfirmed);
         if (!problem.empty()) continue;
         attempt.groups[attempt.step.ask] = result.reply;
         return;
@@ -330,6 +324,7 @@ void runStep(Course &course, size_t index) {
 // Notes what the end of a step means for later ones.
 void follow(Course &course, const Step &step, const StepResult &result) {
     if (!course.over.empty() || result.passed()) return;
+    if (course.refused) course.over = "the unit was refused";
     if (step.required) course.over = "a required step had failed";
     if (!course.connected) course.over = "the session had ended";
 }
@@ -342,8 +337,6 @@ RunRecord newRun(const Plan &plan, const Place &place) {
     run.began = Clock::now();
     run.id = makeRunId(run.start);
     run.plan = plan.name;
-    run.planDigest = plan.digest;
-    run.files = plan.files;
     run.place = place;
     for (const Step &step : plan.steps) {
         StepResult &result = run.steps.emplace_back();

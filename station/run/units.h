@@ -1,35 +1,35 @@
 #pragma once
-// The units that this line has in work, each at one place.
+// What this line knows of units: which are in work, at one place each, and how the last ones were judged.
 
 #include <map>
 #include <string>
 
 #include "station/base/mutex.h"
-#include "station/run/record.h"
+#include "station/plan/plan.h"
+#include "station/run/records.h"
 
 namespace station {
 
 class Units {
 public:
-    // Returns the place where the run's unit is in work already; empty: it is the run's, until it is released.
-    std::string claim(const RunRecord &run) {
-        const Lock lock(mutex_);
-        return inWork_.emplace(run.unit, run.place.name).second ? "" : "place " + inWork_[run.unit];
-    }
-    void release(const std::string &unit) {
-        const Lock lock(mutex_);
-        inWork_.erase(unit);
-    }
-
+    // Makes the run one of this unit, which no other place gets until the run has ended. Returns why not, for the
+    // operator; empty: it is. Rejects a unit that is in work: one label was scanned for two boards. Rejects a unit that
+    // has passed, or failed too often, as the plan says: an operator then confirms by naming it once more.
+    // `*unconfirmed`: the unit that he was told about, kept between the calls for a run; null: nobody can confirm.
+    std::string admit(RunRecord &run, const std::string &serial, const Plan &plan, Records &records,
+                      std::string *unconfirmed);
+    // Releases the unit, and remembers how it was judged, for lines without a store.
+    void ended(const RunRecord &run);
     // Releases whatever unit is in work at the place.
-    void releaseAt(const Place &place) {
-        const Lock lock(mutex_);
-        std::erase_if(inWork_, [&](const auto &unit) { return unit.second == place.name; });
-    }
+    void releaseAt(const Place &place);
 
 private:
-    Mutex mutex_;
-    std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);  // the place's name by the unit
+    std::string claim(const RunRecord &run);
+    UnitHistory historyOf(const RunRecord &run) const;
+
+    mutable Mutex mutex_;
+    std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);     // the place's name by the unit
+    std::map<std::string, UnitHistory> histories_ GUARDED_BY(mutex_);  // by unit and plan, of the last ones
 };
 
 }  // namespace station

@@ -20,6 +20,11 @@ constexpr Seconds kHeartbeat{5};     // between two signs of life while a board 
 constexpr Seconds kSilence{30};      // of a living process with a board in work, at most
 constexpr Seconds kGone{24 * 3600};  // a station that was not seen for so long runs nothing any more
 constexpr Seconds kGhost{15};        // after which a server has noticed that a connection is dead
+constexpr Seconds kPoolsLook{3600};  // between two looks at what is left of the pools, which count a week of units
+constexpr char kRunsOfUnit[] =       // those that count, the last one first
+    "SELECT r.verdict, r.ended, r.place, r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit"
+    " JOIN stations s ON s.id = r.station WHERE u.serial = $1 AND r.plan = $2 AND r.attempt IS NOT NULL"
+    " ORDER BY r.started DESC LIMIT 100";
 
 // Returns the time in SQL by the store's own clock, as the clocks of stations differ.
 std::string clockOf(const Database &database) {
@@ -33,31 +38,42 @@ std::string wasSeen(const Database &database, Seconds ago) {
                : fmt::format("s.seen > strftime('%Y-%m-%dT%H:%M:%fZ', 'now', '-{} seconds')", ago.count());
 }
 
-// Returns where another process, which was heard of lately, has the unit in work; empty: nowhere.
-std::string otherPlace(Database &database, const std::string &serial, const std::string &key) {
+// Throws when another process, which was heard of lately, has the unit in work.
+void refuseInWork(Database &database, const std::string &serial, const std::string &key) {
     const Table found = database.ask(
         "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
         " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
             wasSeen(database, kSilence),
         {serial, key});
-    return found.empty() ? "" : fmt::format("place {} of the station {}", *found.rows[0][0], *found.rows[0][1]);
+    if (found.empty()) return;
+    throw Refusal(fmt::format("the unit {} is in work at place {} of the station {}", serial, *found.rows[0][0],
+                              *found.rows[0][1]));
+}
+
+UnitHistory historyOf(Database &database, const RunRecord &run) {
+    UnitHistory history;
+    for (const auto &row : database.ask(kRunsOfUnit, {text(run.unit), text(run.plan)}).rows) {
+        if (history.where.empty()) {
+            history.when = parseIsoTime(row[1].value_or("")).value_or(run.start);
+            history.where = nameOf(Place{std::stoi(*row[2]), *row[3]});
+            if (*row[4] != run.station.name) history.where += " of the station " + *row[4];
+        }
+        if (row[0] == "passed") break;
+        ++history.failed;
+    }
+    return history;
 }
 
 // The serial number of one product must not pass for that of another: the label may be the wrong one.
-struct OtherProduct : Refusal {
-    using Refusal::Refusal;
-};
-
 void refuseOtherProduct(Database &database, const RunRecord &run) {
     const auto product = run.variables.find("product");
     if (product == run.variables.end() || product->second.empty()) return;
     const Table found = database.ask("SELECT product FROM units WHERE serial = $1 AND product <> $2",
                                      {text(run.unit), text(product->second)});
     if (found.empty()) return;
-    throw OtherProduct(
-        fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check"
-                    " the label. Products that count alike need the product in their serial numbers",
-                    run.unit, *found.rows[0][0], product->second));
+    throw Refusal(fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check"
+                              " the label. Products that count alike need the product in their serial numbers",
+                              run.unit, *found.rows[0][0], product->second));
 }
 
 template <typename Call>
@@ -103,6 +119,7 @@ void StoreRecords::greet(Database &database, bool fresh) {
     for (const RunRecord &run : spool_.kept()) writeLate(database, spool_, run, sayer());
     retryUnkept([&](const RunRecord &run) { writeLate(database, spool_, run, sayer()); });
     heartbeat(database);
+    warnOfPools(database);
 }
 
 // Another machine that has a copy of the spool has its keys, too: only one of the two may answer for what they left.
@@ -141,6 +158,13 @@ void StoreRecords::heartbeat(Database &database) {
     }
     database.run("UPDATE stations SET seen = " + clockOf(database) + " WHERE key = $1", {spool_.key()});
     lastSeen_ = Clock::now();
+}
+
+// Asks outside of a transaction, in which other stations would wait for the pools.
+void StoreRecords::warnOfPools(Database &database) {
+    if (Clock::now() < nextLook_) return;
+    nextLook_ = Clock::now() + kPoolsLook;
+    for (const std::string &warning : poolWarnings(database)) say(warning);
 }
 
 // ---- in the threads of line and boards
@@ -218,10 +242,11 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
     const bool known = course.unit == named.unit && course.product == product;
     const auto write = [=](Database &store) {
         store.lock("unit " + *text(run->unit));
-        if (!known) refuseOtherProduct(store, *run);
-        const std::string where = known ? "" : otherPlace(store, *text(run->unit), run->station.key);
-        if (!where.empty()) throw Refusal(where);
-        if (!known) save(store, *run, true, run->steps.size());
+        if (!known) {
+            refuseOtherProduct(store, *run);
+            refuseInWork(store, *text(run->unit), run->station.key);
+            save(store, *run, true, run->steps.size());
+        }
         take(store, *run);
     };
     writer_.now({write, {}, pool});
@@ -232,15 +257,14 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
     }
 }
 
-std::string StoreRecords::elsewhere(const RunRecord &run) try {
-    asUnit(run, "*", [](Database &, const RunRecord &) {});
-    return {};
-} catch (const OtherProduct &error) {
+std::optional<UnitHistory> StoreRecords::named(const RunRecord &run) try {
+    const auto history = std::make_shared<UnitHistory>();
+    asUnit(run, "*", [=](Database &database, const RunRecord &known) { *history = historyOf(database, known); });
+    return *history;
+} catch (const Refusal &error) {
     throw RecordsError(error.what());
-} catch (const Refusal &where) {
-    return where.what();
-} catch (const StoreError &) {  // away: who shares it is not known
-    return {};
+} catch (const StoreError &) {  // away: neither the other stations nor its earlier runs are known
+    return std::nullopt;
 }
 
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
@@ -261,23 +285,7 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
     if (found.low && isNews(pool, found.left)) {
         say(fmt::format("the pool \"{}\" runs low: enough for {} more units", pool, found.left));
     }
-    sayWarnings();
     return values;
-}
-
-// Once an hour: it looks at a week of units.
-void StoreRecords::sayWarnings() {
-    {
-        const Lock lock(mutex_);
-        if (Clock::now() < nextLook_) return;
-        nextLook_ = Clock::now() + std::chrono::hours(1);
-    }
-    const auto warnings = std::make_shared<std::vector<std::string>>();
-    try {
-        writer_.now({[=](Database &database) { *warnings = poolWarnings(database); }});
-    } catch (const StoreError &) {  // the next board will hear of it
-    }
-    for (const std::string &warning : *warnings) say(warning);
 }
 
 // Once, and again at each half of what was left.

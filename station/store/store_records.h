@@ -54,7 +54,7 @@ public:
     std::string away() override;
     void tell(const std::function<void(const std::string &)> &trouble) override;
     void begins(const RunRecord &begun) override;
-    std::string elsewhere(const RunRecord &run) override;
+    std::optional<UnitHistory> named(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
     void stepEnded(const RunRecord &ended, size_t step) override;
     void ends(const RunRecord &ended) override;
@@ -72,6 +72,7 @@ private:
     void introduce(Database &database);
     bool holdsKey(Database &database, const std::string &key);
     void heartbeat(Database &database);
+    void warnOfPools(Database &database);
 
     Shared mine(RunRecord run) const;
     Course courseOf(const RunRecord &run);
@@ -82,7 +83,6 @@ private:
     std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
     bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);
-    void sayWarnings();
     Spool::Say sayer() {
         return [this](const std::string &trouble) { say(trouble); };
     }
@@ -91,7 +91,6 @@ private:
     std::map<std::string, Course> inWork_ GUARDED_BY(mutex_);  // by the run's ID
     std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);   // what was left of a pool when it was last said
     std::vector<Shared> unkept_ GUARDED_BY(mutex_);            // nothing has taken their ends
-    Clock::time_point nextLook_ GUARDED_BY(mutex_){};          // at the pools
     std::function<void(const std::string &)> trouble_ GUARDED_BY(mutex_);
     std::vector<std::string> unsaid_ GUARDED_BY(mutex_);  // while nobody listened
 
@@ -101,7 +100,7 @@ private:
 
     // Of the writer's thread alone.
     bool mended_ = false;
-    Clock::time_point firstTry_ = Clock::time_point::max(), lastSeen_{};
+    Clock::time_point firstTry_ = Clock::time_point::max(), lastSeen_{}, nextLook_{};
 
     Writer writer_;  // at the end: its thread uses the rest
 };

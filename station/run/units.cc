@@ -1,0 +1,95 @@
+#include "station/run/units.h"
+
+#include <fmt/chrono.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace station {
+namespace {
+
+constexpr size_t kRemembered = 10000;  // units, for which a line without a store takes 2 MB
+
+std::string keyOf(const RunRecord &run) { return run.unit + '\n' + run.plan; }
+
+// "14:02", with the day when that is not today; by the station's clock.
+std::string localTimeOf(WallClock::time_point when) {
+    const std::tm then = fmt::localtime(WallClock::to_time_t(when));
+    const std::tm now = fmt::localtime(WallClock::to_time_t(WallClock::now()));
+    const bool today = then.tm_year == now.tm_year && then.tm_yday == now.tm_yday;
+    return today ? fmt::format("{:%H:%M}", then) : fmt::format("{:%Y-%m-%d %H:%M}", then);
+}
+
+// Why a unit is not simply tested; empty: it is.
+struct Doubt {
+    std::string text = {};
+    bool asks = false;  // the operator may confirm
+};
+
+Doubt doubtOf(const UnitHistory &history, const std::string &unit, const Plan &plan, bool mayAsk) {
+    const std::string last = fmt::format("{} at {}", localTimeOf(history.when), history.where);
+    if (plan.attempts > 0 && history.failed >= plan.attempts) {
+        return {fmt::format("{} failed {} times in a row, the last time {}: to repair{}", unit, history.failed, last,
+                            mayAsk ? "; when that is done, scan it once more to test it again" : ""),
+                mayAsk};
+    }
+    if (!history.passed() || plan.again == Again::kAllow) return {};
+    if (plan.again == Again::kAsk && mayAsk) {
+        return {fmt::format("{} passed {}; scan it once more to test it again", unit, last), true};
+    }
+    return {fmt::format("{} passed {}, and is not tested again: put it with those that passed, or check its label",
+                        unit, last)};
+}
+
+}  // namespace
+
+std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &plan, Records &records,
+                         std::string *unconfirmed) {
+    const std::string before = std::exchange(run.unit, serial);
+    const bool confirmed = unconfirmed != nullptr && std::exchange(*unconfirmed, "") == serial;
+    std::string why = claim(run);
+    const bool claimed = why.empty();
+    if (claimed) try {
+            const auto known = records.named(run);
+            const Doubt doubt = doubtOf(known ? *known : historyOf(run), serial, plan, unconfirmed != nullptr);
+            if (!confirmed) why = doubt.text;
+            if (!confirmed && doubt.asks) *unconfirmed = serial;
+        } catch (const RecordsError &error) {
+            why = error.what();
+        }
+    const Lock lock(mutex_);
+    if (claimed) inWork_.erase(why.empty() ? before : serial);
+    if (!why.empty()) run.unit = before;
+    return why;
+}
+
+std::string Units::claim(const RunRecord &run) {
+    const Lock lock(mutex_);
+    if (inWork_.emplace(run.unit, run.place.name).second) return {};
+    return fmt::format("the unit {} is in work at place {}", run.unit, inWork_[run.unit]);
+}
+
+UnitHistory Units::historyOf(const RunRecord &run) const {
+    const Lock lock(mutex_);
+    const auto found = histories_.find(keyOf(run));
+    return found == histories_.end() ? UnitHistory() : found->second;
+}
+
+void Units::ended(const RunRecord &run) {
+    const Lock lock(mutex_);
+    inWork_.erase(run.unit);
+    if (run.unit.empty() || !run.counts()) return;
+    UnitHistory &history = histories_[keyOf(run)];
+    history = {run.passed() ? 0 : history.failed + 1, run.end, nameOf(run.place)};
+    if (histories_.size() <= kRemembered) return;
+    histories_.erase(std::min_element(histories_.begin(), histories_.end(), [](const auto &one, const auto &other) {
+        return one.second.when < other.second.when;
+    }));
+}
+
+void Units::releaseAt(const Place &place) {
+    const Lock lock(mutex_);
+    std::erase_if(inWork_, [&](const auto &unit) { return unit.second == place.name; });
+}
+
+}  // namespace station
