@@ -1,6 +1,6 @@
-// The daemon on the virtual board, timed from the station, against what one would use instead: flashcp for flashing,
+// Times the daemon on the virtual board from the station, and the usual tools beside it: flashcp for flashing,
 // "nc -l > file" for receiving. usage: board_bench ROUNDS NC-PORT
-// Everything alternates, round by round; the sums are compared.
+// Each round runs everything once; the sums over all rounds are compared.
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -25,8 +25,8 @@ using station::Session;
 constexpr size_t kPayload = 4 << 20;
 constexpr Milliseconds kLimit{60000};
 
-// Prints the milliseconds of a run each of: flashcp with erase-all, its start-up alone, reading the flash and the file
-// back as it does, and the start-up of that. The file is what the station sent last.
+// Prints the milliseconds per run of: flashcp with erase-all, its start-up alone, reading back flash and file as
+// flashcp does, and the start-up of that. The file is the station's last payload.
 constexpr char kFlashcpScript[] =
     "#!/bin/sh\n"
     "runs=5\n"
@@ -74,7 +74,7 @@ double timeNc(uint16_t port, const std::string &payload) {
 }
 
 struct Flashcp {
-    double whole = 0, startUp = 0, readBack = 0;  // seconds a run
+    double whole = 0, startUp = 0, readBack = 0;  // seconds per run
 };
 
 Flashcp timeFlashcp(Session &session) {

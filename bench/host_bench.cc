@@ -1,5 +1,5 @@
-// On this machine: a look into the configuration table against what one would use instead, and how many sessions a
-// second one station completes. Run it in an IPC namespace of its own: the table is a shared memory segment.
+// Measures on this machine: a look-up in the configuration table beside the usual ways, and how many sessions a station
+// completes per second. Run it in an IPC namespace of its own: the table is a shared memory segment.
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -27,7 +27,7 @@ constexpr char kSettingsFile[] = "/tmp/fabtestd-bench.config";
 
 std::string keyOf(int record) { return "SETTING_" + std::to_string(record); }
 
-// The table and a file of the same settings.
+// Holds the table, and a file with the same settings.
 void makeSettings() {
     if (get_configuration() == nullptr) throw std::runtime_error("no shared memory");
     std::ofstream file(kSettingsFile);
@@ -72,7 +72,7 @@ void grepTheFile(benchmark::State &state) {
 }
 BENCHMARK(grepTheFile)->UseRealTime();
 
-// Takes so many bytes and looks at none.
+// Receives and discards so many bytes.
 bool takePayload(int board, size_t bytes) {
     std::vector<char> part(size_t{1} << 18);
     while (bytes > 0) {
@@ -83,7 +83,7 @@ bool takePayload(int board, size_t bytes) {
     return true;
 }
 
-// A board that answers at once, so that it is the station that is measured. Behind each command comes a payload.
+// A board that answers at once, so that only the station is measured. Each command is followed by a payload.
 void serveAsBoard(uint16_t port, int commands, size_t payload) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -107,7 +107,7 @@ class Nobody : public station::Operator {
     }
 };
 
-// Sessions of so many steps on so many boards at once, through the whole line.
+// Measures sessions of so many steps on so many boards at once, through the whole line.
 void runLine(benchmark::State &state, int boards, const station::Step &step, int steps) {
     const auto job = std::make_shared<station::Job>();
     job->plan.probe = false;
@@ -145,7 +145,7 @@ station::Step stepOf(const std::string &command) {
 void sessions(benchmark::State &state) { runLine(state, static_cast<int>(state.range(0)), stepOf("PING"), 10); }
 BENCHMARK(sessions)->Arg(1)->Arg(16)->Arg(64)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// Beside it, in the same run, scripts/bench has iperf3 send as much over as many connections.
+// For comparison, in the same run, scripts/bench lets iperf3 send as much over as many connections.
 void uploads(benchmark::State &state) {
     const auto bytes = std::make_shared<const std::string>(size_t{8} << 20, 'k');
     station::Step step = stepOf("FW KERNEL 8388608");

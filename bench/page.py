@@ -28,7 +28,7 @@ def read_pages():
 
 
 def work():
-    """Lets each board have its session; returns the seconds that all took, from the first command on."""
+    """Runs a session with each board. Returns the seconds from the first command to the last reply."""
     boards, start, left = selectors.DefaultSelector(), None, BOARDS
     for number in range(BOARDS):
         board = socket.socket()
@@ -68,7 +68,7 @@ def main(rounds):
     next(line for line in station.stderr if line.startswith('line '))
 
     def measure():
-        """The seconds that the boards took, and those of a processor that the station did."""
+        """Returns the seconds that the boards took, and the processor time that the station used."""
         def used():
             with open(f'/proc/{station.pid}/stat') as stat: fields = stat.read().rsplit(')', 1)[1].split()
             return (int(fields[11]) + int(fields[12])) / os.sysconf('SC_CLK_TCK')

@@ -1,5 +1,5 @@
-// What a store costs that remembers a million runs: questions, and boards that are recorded.
-// usage: store_bench STORE [RUNS]      an empty one, or one that this has filled
+// Measures a store that holds a million runs: queries, and recording boards.
+// usage: store_bench STORE [RUNS]      STORE is empty, or was filled by this program
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -68,13 +68,13 @@ void fill(Database &database, int runs) {
         }
     });
     for (const char *const table : {"stations", "units", "runs", "pools", "pool_rows"}) {
-        if (!database.shared()) break;  // PostgreSQL does not count the keys that it was given
+        if (!database.shared()) break;  // PostgreSQL's own counter does not notice keys that were given
         database.run(fmt::format("ALTER TABLE {} ALTER COLUMN id RESTART WITH 100000000", table));
     }
     database.run("ANALYZE");
 }
 
-// The quickest of eleven, in milliseconds: the one that the machine has disturbed the least.
+// Prints the milliseconds of the quickest of eleven runs, the one that the machine disturbed least.
 void report(const std::string &name, const std::function<void()> &call) {
     std::vector<double> times;
     for (int i = 0; i < 11; ++i) {
@@ -86,7 +86,7 @@ void report(const std::string &name, const std::function<void()> &call) {
     std::fflush(stdout);
 }
 
-// One board's records: its row, four addresses, ten steps, its verdict.
+// Records one board: its run, four addresses, ten steps, the verdict.
 void record(StoreRecords &records, int board) {
     RunRecord run;
     run.start = run.end = WallClock::now();
@@ -108,9 +108,9 @@ void recordBoards(StoreRecords &records, int boards) {
 }
 
 constexpr int kBoards = 64;
-constexpr int kCommands = 12;  // of a session
+constexpr int kCommands = 12;  // per session
 
-// A board with a serial number of its own, which takes so long for a command.
+// Plays a board with a serial number of its own, which takes so long for each command.
 void serveAsBoard(uint16_t port, const std::string &serial, Milliseconds command) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -145,14 +145,14 @@ struct Nobody : Operator {
     }
 };
 
-// What a line does without any records, but for the addresses.
+// Records nothing, and always gives the same addresses.
 struct NoRecords : Records {
     std::vector<std::string> bind(const std::string &, const RunRecord &, int) override {
         return {"06:00:00:00:00:00", "06:00:00:00:00:01", "06:00:00:00:00:02", "06:00:00:00:00:03"};
     }
 };
 
-// Seconds that it takes the whole line to serve 64 boards at once.
+// Serves 64 boards at once. Returns how many seconds that takes.
 double serveBoards(Records &records, const std::shared_ptr<Job> &job, Milliseconds command) {
     std::vector<Listener> listeners;
     listeners.emplace_back("127.0.0.1", 0);
@@ -174,7 +174,7 @@ double serveBoards(Records &records, const std::shared_ptr<Job> &job, Millisecon
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// With and without the store by turns, as the machine may do other things besides.
+// Runs with and without the store in turns, so that other work of the machine disturbs both alike.
 void compareLines(Records &records, Milliseconds session) {
     const auto job = planOfSession();
     NoRecords none;
@@ -220,7 +220,7 @@ void bench(const std::string &store, int runs) {
     report("records of a board", [&] { record(records, 1); });
     report("records of 64 boards at once", [&] { recordBoards(records, kBoards); });
     compareLines(records, Milliseconds(1200));
-    compareLines(records, Milliseconds(6000));  // as the plan of production takes on the virtual board
+    compareLines(records, Milliseconds(6000));  // as long as plans/production.yaml takes on the virtual board
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The flash of the native board, for the program that this is linked into: the files /flash/mtdN answer the MTD
-// requests, and are written as NOR flash is: a write only clears bits, an erase sets them.
+// The flash of the native board. The program that links this file finds its partitions in the files /flash/mtdN. They
+// answer the MTD requests and behave like NOR flash: a write only clears bits, an erase sets them.
 
 #include <linux/limits.h>
 #include <mtd/mtd-user.h>
@@ -61,7 +61,7 @@ ssize_t program(int flash, const char *data, size_t length) {
 
 }  // namespace
 
-// In the place of the C library's: what is not for the flash goes to the kernel.
+// Replace the C library's functions. Calls that do not concern the flash go on to the kernel.
 extern "C" {
 int flashIoctl(int descriptor, unsigned long request, ...) asm("ioctl");
 ssize_t flashWrite(int descriptor, const void *data, size_t length) asm("write");

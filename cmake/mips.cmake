@@ -1,4 +1,4 @@
-# Big-endian MIPS with glibc, linked statically, run by user-mode emulation: a second byte order for the tests.
+# Big-endian MIPS with glibc, linked statically and run by user-mode emulation: it gives the tests a second byte order.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mips)
 set(CMAKE_C_COMPILER mips-linux-gnu-gcc)

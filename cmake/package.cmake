@@ -1,8 +1,8 @@
-# The Debian package of the station's programs: cpack -G DEB in the folder of a release build.
+# The Debian package of the station's programs. Run "cpack -G DEB" in the folder of a release build.
 set(CPACK_PACKAGE_NAME qcstation)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Test station of a Wi-Fi router's factory line")
 set(CPACK_PACKAGE_CONTACT "fabtestd maintainers <maintainers@localhost>")
-set(CPACK_COMPONENTS_ALL station)  # not the daemon, which is for boards
+set(CPACK_COMPONENTS_ALL station)  # without the daemon, which is for boards
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)

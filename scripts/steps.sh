@@ -1,9 +1,9 @@
-# Steps of a script, to be sourced from the project's root. Each step says that it begins and how it ended. Its output
-# goes to build/logs/RUN; a failure names the step and its log.
+# Runs the steps of a script, which sources this file in the project's root. Each step reports when it begins and how it
+# ended. Its output goes to build/logs/RUN; a failure names the step and its log.
 # shellcheck shell=bash
 
-# The name of the run: the script's own, unless another script starts it as a part of itself. A second run of the same
-# name waits for the first.
+# The run has the script's name, unless another script starts it as one of its steps. A second run of the same name
+# waits for the first.
 run=${FABTESTD_RUN:-$(basename "$0")}
 logs=build/logs/$run
 mkdir -p "$logs"
@@ -15,8 +15,8 @@ fi
 steps=0
 failed_steps=0
 
-# tick NAME LOG: rewrites one line of the terminal each second, for as long as the script lives: how long the step has
-# run, and the last line of its log. The terminal cuts the line at its edge, as wrapping is off while it is written.
+# tick NAME LOG: rewrites one line of the terminal each second while the script lives. The line shows how long the step
+# has run, and the last line of its log. Wrapping is off meanwhile, so the terminal cuts the line at its edge.
 tick() {
     local start=$SECONDS
     while kill -0 $$ 2> /dev/null; do
@@ -52,7 +52,7 @@ step() {
     return "$status"
 }
 
-# build PRESET [TARGET...]: configures and builds the preset, all of it or the targets, while nobody else builds there.
+# build PRESET [TARGET...]: configures the preset and builds all of it or the targets. Waits while others build there.
 build() {
     local preset=$1
     shift
@@ -62,7 +62,7 @@ build() {
     ) 9> "build/$preset.lock"
 }
 
-# wait_for SECONDS COMMAND...: repeats the command until it succeeds. Fails when the time is over.
+# wait_for SECONDS COMMAND...: repeats the command until it succeeds. Fails after so many seconds.
 wait_for() {
     local deadline=$((SECONDS + $1))
     shift
@@ -72,8 +72,8 @@ wait_for() {
     done
 }
 
-# own_network: makes a network that lives as long as the script. On its loopback address the ports at which virtual board
-# and station meet are free, whatever else runs on this machine. "${in_network[@]}" COMMAND... runs there.
+# own_network: makes a network namespace that lives as long as the script. The ports at which virtual board and station
+# meet are always free on its loopback address. "${in_network[@]}" COMMAND... runs there.
 # shellcheck disable=SC2034
 own_network() {
     local user=() in_user=() made

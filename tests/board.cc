@@ -146,7 +146,7 @@ std::string run(const std::string &line, int expectedStatus) {
 
 void inStationNetwork(const std::function<void()> &function) {
     static const int board = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    static const int station = open("/proc/1/ns/net", O_RDONLY | O_CLOEXEC);  // where the board's first process stays
+    static const int station = open("/proc/1/ns/net", O_RDONLY | O_CLOEXEC);  // that of the board's first process
     check(setns(station, CLONE_NEWNET) == 0, "the station's network");
     function();
     check(setns(board, CLONE_NEWNET) == 0, "the board's network");
@@ -220,7 +220,7 @@ void BoardTest::SetUp() {
 }
 
 void BoardTest::TearDown() {
-    // The station has gone: a service that was connected ends by itself, one that looks for a station is ended.
+    // The station has gone. A connected service ends by itself; a service that still looks for a station is ended here.
     if (service_ > 0 && settledLog().find(": Socketid") == std::string::npos) {
         kill(service_, SIGKILL);
         EXPECT_EQ(wait(service_), -SIGKILL) << "it ended before";
@@ -258,7 +258,7 @@ int main(int argc, char **argv) {
     bool listing = false;
     for (int i = 1; i < argc; ++i) listing = listing || strstr(argv[i], "gtest_list_tests") != nullptr;
     if (!listing && !board::exists("/flash")) board::goToTheBoard(argv);
-    // Whatever started the tests: what it ignores is not ignored here, and what it left open is closed.
+    // Undo what the parent process left behind: ignored signals and open descriptors.
     for (const int signal : {SIGHUP, SIGINT, SIGPIPE, SIGQUIT, SIGTERM}) ::signal(signal, SIG_DFL);
     close_range(STDERR_FILENO + 1, ~0U, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 1);

@@ -41,7 +41,7 @@ bool waitForLog(std::string_view part, double seconds = 20);
 void writeFile(const std::string &path, std::string_view content, int mode = 0644);  // makes missing folders
 std::string readFile(const std::string &path);                                       // empty when there is none
 bool exists(const std::string &path);
-std::string pattern(size_t length);  // bytes of which no two stretches are the same
+std::string pattern(size_t length);  // bytes without a repeated sequence
 
 // Runs a line of the shell to its end, and returns what it printed, standard error included.
 std::string run(const std::string &line, int expectedStatus = 0);
@@ -73,22 +73,22 @@ private:
 
 // Firmware images, byte by byte.
 std::string padded(std::string text, size_t length, char filling = ' ');
-std::string header(const std::string &text);                            // of a section, 64 bytes
+std::string header(const std::string &text);                            // a section's header, 64 bytes
 std::string section(const std::string &name, const std::string &data);  // its header, and its data
 std::string productBlock(const std::string &vendor = "ACME");           // 60 bytes: VENDOR AP-1 01.02.03 00012003
-std::string sealed(const std::string &image);                           // with the digest and line end behind it
+std::string sealed(const std::string &image);                           // followed by the digest and a line end
 
 class BoardTest : public testing::Test {
 protected:
     void SetUp() override;
-    // A service that was started must not have ended but with status 0, and no sanitizer have found anything.
+    // Fails unless the services ended with status 0 and no sanitizer found anything.
     void TearDown() override;
 
-    // Makes the settings, behind those of brand and model, the board's. Loads nothing.
+    // Writes the settings, after those of brand and model, to the board's file. Does not load them.
     static void configure(const std::string &settings);
-    // Starts the service, with SIGPIPE ignored as procd does. This process adopts it.
+    // Starts the service with SIGPIPE ignored, as procd does. This process becomes its parent.
     void start(const std::string &mode);
-    // How it ended, as wait() tells.
+    // Waits for the service's end. Returns its status as from wait().
     int serviceStatus(double seconds = 20);
 
     pid_t service_ = -1;

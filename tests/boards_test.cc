@@ -23,7 +23,7 @@ protected:
         for (const pid_t pid : boards_) board::wait(pid);
     }
 
-    // Starts a board, cabled to the interface "lineN" of the station, that runs a line of the shell to its end.
+    // Starts a board, cabled to the station's interface "lineN", that runs a shell command and ends with it.
     void addBoard(const std::string &life) {
         const std::string line = "line" + std::to_string(boards_.size() + 1);
         boards_.push_back(board::fork([&] {
@@ -34,7 +34,7 @@ protected:
         lines_ += " --interface " + line;
     }
 
-    // Connects as the service does, for as long as it takes, and then does this with the connection.
+    // Connects as the service does, however long it takes, and then calls the function with the connection.
     static std::string connecting(const std::string &fate) {
         return "ip addr add 192.168.1.1/24 dev eth0; until [ -e /tmp/connected ]; do sleep 0.2;"
                "nc 192.168.1.2 55688 -e sh -c 'touch /tmp/connected; " +
@@ -54,7 +54,7 @@ TEST_F(Boards, SixteenAtOnceEachWithItsOwnResult) {
                      "- {send: 'FW KERNEL {size}', upload: kernel.bin, expect: OK, timeout: 60}\n"
                      "- {script: script.sh, status: 3, output: \"board's output\\n\", timeout: 20}\n"
                      "- {send: BYE, expect: BYE, closes: true}\n");
-    // All but three are good: two of those connect, but are no boards; one never connects.
+    // All but three are good. Two of the three connect but are not boards; one never connects.
     for (int i = 0; i < kBoards - 3; ++i)
         addBoard("fabtestd daemon; while pidof fabtestd > /dev/null; do sleep 0.1; done");
     addBoard(connecting("head -c 1"));

@@ -43,7 +43,7 @@ protected:
         return poll(&reply, 1, milliseconds) > 0;
     }
 
-    // Receives these bytes, with `afterOthers` up to and including these bytes. Returns whether they came.
+    // Receives exactly these bytes; with `afterOthers`, everything up to and including them. Returns whether they came.
     bool take(const std::string &bytes, bool afterOthers) {
         for (;;) {
             const size_t at = received_.find(bytes);
@@ -63,7 +63,7 @@ protected:
         return std::string(count, static_cast<char>(std::stoi(token, nullptr, 16)));
     }
 
-    // Returns the pieces of a line, which "..." separates. A '+' pads to a frame.
+    // Returns the pieces of a line between "...". A '+' pads a piece to a frame.
     static std::vector<std::string> piecesOf(const std::string &line) {
         std::vector<std::string> pieces(1);
         std::istringstream tokens(line);
@@ -105,7 +105,7 @@ protected:
         for (int i = 0; i < 100 && !arrives(100); ++i) kill(service_, signal);
     }
 
-    // Returns whether the text is the next one in the log; after "..." whether it is a later one.
+    // Returns whether the text is the next one in the log; after "...", whether it is a later one.
     bool isLogged(const std::string &text) {
         const bool later = text.starts_with(" ... ");
         const std::string wanted = text.substr(later ? 5 : 1);
@@ -209,7 +209,7 @@ TEST_F(Modes, PortsAreAddressedAndPairsSwappedUntilOneIsMalformed) {
         {"port_change", "SYSTEM_PORT_CHANGE = \"\"", ""},
         {"port_change", "", ""},
     };
-    // Abbreviations of what is logged.
+    // Abbreviations of log texts.
     const std::pair<const char *, const char *> shortened[] = {
         {"/sbin/ifconfig eth(.) 192\\.168\\.(.)\\.1 > /dev/null 2>&1\n", "$1:$2 "},
         {"/bin/ping -c 30 192\\.168\\.1\\.2 > /dev/null 2>&1 &\n", "ping "},
@@ -243,7 +243,7 @@ TEST_F(Modes, AProcessThatKeepsItsTurnIsWaitedForOnce) {
     init_configuration();
     add_configuration("OTHER", "recorded");
     ASSERT_EQ(semop(turn, &taken, 1), 0);
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check does not survive these signals
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // these signals would kill the leak check
     const pid_t waiter = board::fork([] { execlp("fabtestd", "fabtestd", "mac", "02:00:00:00:00:01", nullptr); });
     int status = board::kRuns;
     for (int signals = 0; signals < 2000 && status == board::kRuns; ++signals) {
@@ -385,14 +385,14 @@ TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
         std::erase_if(lines, [](const std::string &line) { return !line.starts_with("connecting "); });
         return lines;
     };
-    setenv("HURRY", "20", 1);  // normally the kernel still answers within the limit of an attempt
+    setenv("HURRY", "20", 1);  // slow enough for the kernel to answer within the timeout of an attempt
     setenv("LIST_WAITS", "/var/waits", 1);
     apply(kPresentStation, kPresentBoard);
     start("daemon");
     for (const auto &[station, board, reason] : cases) {
         apply(station, board);
-        // Skip the attempt in progress, then wait for two new ones, not counting those that the kernel answered too
-        // late.
+        // Skip the attempt in progress, then wait for two new ones. Those that the kernel answered too late do not
+        // count.
         size_t line = attempts().size() / 2 * 2 + 5;
         ASSERT_TRUE(board::waitFor(60, [&] {
             const std::vector<std::string> lines = attempts();
@@ -407,7 +407,7 @@ TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
         EXPECT_EQ(lines[i].substr(0, lines[i].find(" (")), "connecting " + std::to_string(i / 2 + 1));
         EXPECT_EQ(lines[i].find(" (") != std::string::npos, i % 2 == 1);
     }
-    // A pause follows each attempt, and some attempts lasted until their limit.
+    // A pause follows each attempt, and some attempts lasted until their timeout.
     const std::string waits = board::readFile("/var/waits");
     EXPECT_THAT(waits, testing::MatchesRegex("10000000\n1000000\n(3000000\n)+"));
     EXPECT_GT(std::count(waits.begin(), waits.end(), '\n'), lines.size() / 2 + 4);

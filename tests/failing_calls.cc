@@ -37,7 +37,7 @@ void list(const char *path, const std::string &line) {
 bool fails(const char *name, const void *place) {
     static const char *const wanted = getenv("FAIL_CALL"), *const listed = getenv("LIST_CALLS");
     static std::set<const void *> places;
-    static bool ended = false;  // code that runs at exit, such as the coverage counters, must not fail
+    static bool ended = false;  // calls must not fail in code that runs at exit, such as the coverage counters
     static const int registered = atexit([] { ended = true; });
     if (registered != 0 || ended || (wanted == nullptr && listed == nullptr) || !places.insert(place).second)
         return false;

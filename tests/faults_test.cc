@@ -65,8 +65,8 @@ protected:
         return session;
     }
 
-    // Runs all commands as far as the session lasts. Returns the number of correct replies: after a fault the two sides
-    // may be out of step.
+    // Runs all commands while the session lasts. Returns the number of correct replies; after a fault the two sides may
+    // be out of step.
     static size_t serve(Session &session, Milliseconds limit) {
         size_t right = 0;
         try {
@@ -82,7 +82,7 @@ protected:
         return right;
     }
 
-    // Runs the service: discovery and session, repeated while the service connects again. Returns the correct replies.
+    // Runs discovery and session, repeatedly while the service connects again. Returns the number of correct replies.
     size_t runService(Milliseconds limit) {
         size_t right = 0;
         const station::Listener listener = listen();
@@ -99,7 +99,7 @@ protected:
         return calls;
     }
 
-    // Each byte is unchanged, erased, or as the session writes it, also over a block that could not be erased.
+    // Checks that each byte is unchanged, erased, or as the session writes it, also over a block that was not erased.
     static void expectNothingElseOnTheFlash() {
         for (const int number : {2, 3, 5}) {
             const std::string content = board::readFile("/flash/mtd" + std::to_string(number));
@@ -204,7 +204,7 @@ TEST_F(Faults, BurstsOfSignalsNeitherBlockNorLoseAnything) {
         EXPECT_TRUE(board::readFile("/flash/mtd2") == data);
     } while (sent < 3000);
     sender.join();
-    // Pending signals are delivered in the order of their numbers, so the last SIGUSR1 must come alone.
+    // Pending signals are delivered in the order of their numbers, so send the last SIGUSR1 when none is pending.
     EXPECT_EQ(ask(session, "PING"), "PING 2");
     kill(service_, SIGUSR1);
     EXPECT_EQ(ask(session, "WAITING"), "OK");
@@ -236,7 +236,7 @@ TEST_F(Faults, SignalsCloseTogetherKeepTheirOrderAndTheirLines) {
     EXPECT_EQ(session.receiveReply(kSoon), "WAITING FACTORY RESET");
     EXPECT_EQ(ask(session, "WAITING"), "OK");
     EXPECT_TRUE(board::waitForLog("(SIGUSR1)"));
-    // With an identity: a log daemon may take a blank at the 16th place for the end of a time.
+    // With an identity, since a log daemon may take a blank at the 16th place for the end of a time stamp.
     EXPECT_EQ(board::run("sed -n 's/.* user.alert \\(.*Signal.*\\)/\\1/p' /var/log/messages"),
               "fabtestd: Factory Reset Signal (SIGUSR2)\nfabtestd: Factory Reset Signal (SIGUSR1)\n");
 }
@@ -260,7 +260,7 @@ TEST_F(Faults, ABoardThatLacksPartsServesOn) {
             board::run(test.during);
             std::this_thread::sleep_for(std::chrono::seconds(1));
             for (const Step &step : everyCommand()) {
-                if (step.command.starts_with("FW IMAGE")) continue;  // would wait for ever for a process in /proc
+                if (step.command.starts_with("FW IMAGE")) continue;  // would wait for a process in /proc for ever
                 const std::string reply = ask(session, step.command, step.payload);
                 EXPECT_THAT(reply, MatchesRegex(step.reply)) << step.command;
                 EXPECT_THAT(reply, HasSubstr(step.command == "PING"   ? test.ping
@@ -276,7 +276,7 @@ TEST_F(Faults, ABoardThatLacksPartsServesOn) {
 // Runs consecutive sessions and then a long one. SOAK multiplies their number. Nothing may be used up.
 TEST_F(Faults, NothingIsUsedUp) {
     const int times = getenv("SOAK") != nullptr ? atoi(getenv("SOAK")) : 1;
-    // Freed memory is returned at once, so that the use of memory can be compared. Other tests check for leaks.
+    // Let the sanitizer return freed memory at once, so that memory use can be compared. Other tests check for leaks.
     setenv("ASAN_OPTIONS", "quarantine_size_mb=0:thread_local_quarantine_size_kb=0:detect_leaks=0", 1);
     const auto askEverything = [](Session &session) {
         for (const Step &step : everyCommand()) {

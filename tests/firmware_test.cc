@@ -27,7 +27,7 @@ constexpr uint32_t kBlock = 65536, kSize = 32 * kBlock;
 struct Faults {
     uint32_t blockSize = kBlock;
     unsigned long failing = 0;  // the request that fails
-    int failingWrite = 0;       // the number of the write that fails, from 1; 0 for none
+    int failingWrite = 0;       // which write fails, from 1; 0 for none
     size_t noMemoryFor = 0;     // the size of the allocation that fails
     int writes = 0;
     uint32_t unlocked = 1;  // the block of the last MEMUNLOCK
@@ -91,8 +91,7 @@ std::string progress() {
 TEST_F(Firmware, APartitionIsErasedWholeAndWritten) {
     const std::string erased = "erase size = 2097152, erase block = 65536|1 MB|2 MB|write to partition|";
     const std::string larger = "erase size = 2097152, erase block = 131072|1 MB|write to partition|1 MB|done|";
-    // The partition, the size of the file, the number of its bytes on the flash (-1: unchanged), and the end of the
-    // log.
+    // Partition, size of the file, number of its bytes on the flash (-1: unchanged), end of the log.
     const std::tuple<const char *, int, Faults, size_t, int, std::string> cases[] = {
         {"nothing", 2, {}, 0, 0, erased + "done|"},
         {"16 blocks and a byte", 3, {}, 16 * kBlock + 1, 16 * kBlock + 1, erased + "1 MB|done|"},
@@ -190,7 +189,7 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
     const std::string kernel = section("2.bin", "1234"), root = section("3.bin", "5678");
     const Staged none, kernelOnly = {{"kernel", "1234"}}, rootOnly = {{"rootfs", "5678"}};
     const Staged both = {{"kernel", "1234"}, {"rootfs", "5678"}};
-    // The description, the sections, the staged files, and the announced size; 0 for the true one.
+    // Description, sections, staged files, announced size (0: the true one).
     const std::tuple<const char *, std::string, Staged, size_t> cases[] = {
         // clang-format off
         {"the first word of the partition's name", section("4.x", "f"), {{"firmware", "f"}}, 0},
@@ -205,7 +204,7 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
         {"cut off after another", section("3.bin", data) + section("2.bin", data).substr(0, 500),
          {{"rootfs", data}, {"kernel", data.substr(0, 436)}}, 0},
         {"cut off in its header", kernel + header("1 3.bin").substr(0, 63), kernelOnly, 0},
-        // The remaining size wraps at 32 bits; which sections fit depends on it.
+        // The remaining size wraps around at 32 bits, which decides which sections fit.
         {"too long: its length is taken, its data read as headers", header("100 2.bin") + root, rootOnly, 130},
         {"the largest length adds one to what remains", header("4294967295 2.bin") + root, rootOnly, 67},
         {"and not two", header("4294967295 2.bin") + root, none, 66},
@@ -249,7 +248,7 @@ constexpr char kAcme[] = "Vendor: ACME Product: AP-1 Version: 1.02.03 Mark: 0001
 
 TEST_F(Firmware, AProductIsShown) {
     const std::string v21(21, 'V'), nines(60, '9');
-    // A text without an end runs on into the fields after it, which still start at their own offsets.
+    // A text without an end runs on into the next fields, which still start at their own offsets.
     const std::pair<std::string, std::string> cases[] = {
         {productBlock(), kAcme},
         {padded("A", 21, '\0') + padded("B", 20, '\0') + "12x34y56 abc       ",
@@ -269,7 +268,7 @@ TEST_F(Firmware, AProductIsShown) {
         EXPECT_THAT(board::log(), ElementsAre(logged, logged));
         board::clearLog();
     }
-    // The static record keeps what a short or missing file does not fill.
+    // The static record keeps its old bytes where a short or missing file does not fill it.
     board::writeFile("/tmp/short", "NEWVENDOR!");
     getProduct("/tmp/short", productBlock().data(), nullptr);
     getProduct("/tmp/none", nullptr, nullptr);
@@ -321,7 +320,7 @@ TEST_F(Firmware, ABadImageIsRefusedAndStillCut) {
     const std::string noProduct = "[writeImage] fail!! get product len != 60 (len=59)";
     const std::string noTrailer = "[writeImage] fail!! get check md5sum len != 33 (len=";
     const std::tuple<std::string, std::string, std::string> cases[] = {
-        // The image, the trailer, and the last line of the log.
+        // Image, trailer, last line of the log.
         {"B" + image.substr(1), digest, "buffer = "},
         {image, upper, "buffer = "},
         {image, digest.substr(0, 31) + "x\n", "buffer = "},

@@ -218,7 +218,7 @@ link: port:5 up speed:1000baseT full-duplex
 carrier: port:6 carrier:up speed:1000baseT full-duplex
 link: port:7 link:up speed:-1 full-duplex
 link: a-token-of-more-than-31-characters:8 link:up speed:1000baseT full-duplex)");
-    const std::string longest = "2" + std::string(31, 'x');  // one more character than a field takes
+    const std::string longest = "2" + std::string(31, 'x');  // one character too long for a field
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"", {"u_ethtool_0", "u2500_ethtool_", "u10000_ethtool_", "u_ethtool_0  ", " u_ethtool_0", ""}},
         {"", {"switch0_swconfig_0", "switch0_swconfig_10", "switch0_swconfig_8"}},

@@ -108,7 +108,7 @@ protected:
     }
     void die() { station_.reset(); }
     fs::path results() const { return folder_ / "results"; }
-    // As store and file have it, of which the latter is whole.
+    // Returns the run as both store and file have it. The file is complete.
     std::string verdicts(const RunRecord &run) {
         Database database(store_);
         const RunRecord stored = loadRun(database, run.id), file = FileRecords(results()).find(run).value();
@@ -197,7 +197,7 @@ TEST_P(Station, CountsARunThatArrivesLate) {
         station_->begins(runs[i]);
         endSteps(*station_, runs[i], {Verdict::kPassed, Verdict::kPassed});
     }
-    database.transact([&] { save(database, unfinished(runs[0])); });  // too late: it has ended
+    database.transact([&] { save(database, unfinished(runs[0])); });  // comes too late: the run has ended
     const Table attempts = database.ask("SELECT attempt, verdict FROM runs ORDER BY started");
     for (size_t i = 0; i < runs.size(); ++i) {
         EXPECT_THAT(cells(attempts, i), ElementsAre(std::to_string(i + 1), "passed"));
@@ -274,7 +274,7 @@ TEST_P(Station, ArchivesOldRunsWhole) {
     text.resize(size_t(::gzread(zipped, text.data(), unsigned(text.size()))));
     ::gzclose(zipped);
     EXPECT_THAT(text, AllOf(HasSubstr("}\n" + whole + "\n{"), HasSubstr(runs[2].id)));
-    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the one in work
+    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the run in work
     const auto unit = show(database, "02:00:00:00:00:04");
     EXPECT_EQ(unit[0].table.rows[0][0], "B");
     EXPECT_EQ(unit[1].table.rows[3][2], runs[1].id);

@@ -24,7 +24,7 @@ protected:
         setenv("HURRY", "100", 1);
     }
 
-    // Returns a frame from the station, padded to `size` bytes.
+    // Returns an Ethernet frame from the station, padded to `size` bytes.
     std::string frame(station::Mac destination, const char *etherType, size_t size = 60) const {
         return board::padded(station::bytesOf(destination) + station::bytesOf(link_->address()) + etherType, size,
                              '\x5A');

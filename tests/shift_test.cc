@@ -27,8 +27,8 @@ TEST_F(LocalTime, AShiftBeginsAtItsHourOfTheLocalDay) {
         {{360, 840, 1320}, "2026-11-21T04:59:59Z", "2026-11-20 22:00"},
         {{360, 840, 1320}, "2026-11-21T13:00:00Z", "2026-11-21 14:00"},
         {{360, 840, 1320}, "2025-12-31T23:30:00Z", "2025-12-31 22:00"},
-        {{360, 840, 1320}, "2026-03-29T03:00:00Z", "2026-03-28 22:00"},  // an hour was left out
-        {{360, 840, 1320}, "2026-10-25T04:59:00Z", "2026-10-24 22:00"},  // an hour came twice
+        {{360, 840, 1320}, "2026-03-29T03:00:00Z", "2026-03-28 22:00"},  // summer time skips an hour
+        {{360, 840, 1320}, "2026-10-25T04:59:00Z", "2026-10-24 22:00"},  // winter time repeats an hour
         {{360, 840, 1320}, "2026-10-25T05:00:00Z", "2026-10-25 06:00"},
         {{0}, "2026-07-01T22:00:00Z", "2026-07-02 00:00"},
         {{720}, "2026-07-01T09:59:00Z", "2026-06-30 12:00"}};
@@ -62,7 +62,7 @@ TEST_F(LocalTime, WhatAPersonAsksForIsTheStationsTime) {
                                                            {"2026-07-01T12:00Z", "2026-07-01T12:00Z"}};
     for (const auto &[asked, stored] : cases) EXPECT_EQ(timeOf(parseLocalTime(asked)), timeOf(stored)) << asked;
     EXPECT_EQ(localTime(timeOf(parseLocalTime("today")), "%F %T"), localTime(std::time(nullptr), "%F 00:00:00"));
-    EXPECT_EQ(parseLocalTime("99999999d").substr(0, 10), "1970-01-01");  // more than a clock can say
+    EXPECT_EQ(parseLocalTime("99999999d").substr(0, 10), "1970-01-01");  // before the clock's first day
     for (const char *word : {"", "yesterday", "2026-13-01", "2026-11-21T25:00Z", "12:00"})
         EXPECT_THROW(parseLocalTime(word), Refusal);
 }

@@ -10,7 +10,7 @@ itself on the native board (board/native), from the build in BUILD.
 """
 import glob, json, os, random, signal, subprocess, sys, threading, time
 
-os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # what is freed there is no growth
+os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # otherwise freed memory would count as growth
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 16
 PLACES = max(1, min(16, RUNS // 2))
 if not os.path.exists('/src/tests/station_line.py'):
@@ -26,7 +26,7 @@ PLAN = '''- {send: PING, match: ^PING}
 - {send: BYE, expect: BYE, closes: true}
 '''
 os.makedirs('/var/line/results')
-for path in glob.glob('/flash/mtd?'): os.truncate(path, 1 << 20)  # each board has flash of its own
+for path in glob.glob('/flash/mtd?'): os.truncate(path, 1 << 20)  # each board gets a copy: keep it small
 os.chdir('/var/line')
 with open('kernel.bin', 'wb') as file: file.write(os.urandom(1000000))
 with open('serial.sh', 'w') as file: file.write('#!/bin/sh\ncat /tmp/serial\n')
@@ -48,15 +48,15 @@ def sh(line): return subprocess.run(line, shell=True, stdout=subprocess.DEVNULL,
 
 
 class Cable:
-    """A place's cable: its station's end is lineN; its other end is in a network for the board."""
+    """The cable of a place. The station's end is lineN; the other end is in a network namespace for the board."""
 
     def __init__(self, number):
         self.number = number
         self.holder = subprocess.Popen(['unshare', '--net', 'sleep', '100000'])
         self.inside = f'nsenter --net=/proc/{self.holder.pid}/ns/net '
         self.plug()
-        # A script's connection that is begun as the station is killed is tried for seven seconds, not two minutes: as
-        # all interfaces have one address, the kernel's refusal goes to the first of them.
+        # When the station is killed while a script connects to it, the kernel's refusal goes to the first interface, as
+        # all have the same address. So limit the board's attempts to seven seconds; by default they take two minutes.
         sh(self.inside + 'sh -c "ip link set lo up; /usr/bin/ip link add wlan0 type veth peer name wlan1;'
            'echo 2 > /proc/sys/net/ipv4/tcp_syn_retries"')
 
@@ -67,7 +67,7 @@ class Cable:
         sh(f'station ip addr add 192.168.1.2/24 dev {line}; station ip link set {line} up')
 
     def board(self, serial):
-        """Puts a board in. Its end is the end of its daemon."""
+        """Puts in a board, which ends together with its daemon."""
         sh(self.inside + 'ip link set eth0 up')
         life = f'mount -t tmpfs none /tmp; cp -a /flash /tmp/; mount --bind /tmp/flash /flash; ' \
                f'echo {serial} > /tmp/serial; fabtestd daemon; while pidof fabtestd > /dev/null; do sleep 0.1; done'
@@ -79,7 +79,7 @@ class Cable:
         board.kill()
         board.wait()
         sh(self.inside + 'ip link set eth0 down')
-        if random.random() < 0.1:  # an adapter is unplugged, and plugged in again
+        if random.random() < 0.1:  # unplug the adapter, and plug it in again
             sh(self.inside + '/usr/bin/ip link del eth0')
             self.plug()
             count('replugs')
@@ -93,7 +93,7 @@ class Station:
     def end(self, how):
         self.process.send_signal(how)
         status = self.process.wait(120)
-        if status not in ((0, 5, -15) if how == signal.SIGTERM else (-9,)):  # -15: it had not even begun
+        if status not in ((0, 5, -15) if how == signal.SIGTERM else (-9,)):  # -15: it had not installed its handler yet
             problems.append(f'the station ended with {status}')
 
     def size(self):
@@ -109,7 +109,7 @@ def records(serial=None):
 
 
 def work(cable):
-    """Changes boards until enough have passed; a board that was interrupted is started again, as an operator would."""
+    """Changes boards until enough have passed. Starts an interrupted board again, as an operator would."""
     while not over.is_set():
         with lock:
             serial = len(owners) + 1
@@ -136,7 +136,7 @@ def disturb(cables, station):
         sh(cable.inside + "sh -c 'head -c 100 /dev/urandom | nc -w 1 192.168.1.2 55688'")
         count('strangers')
         if tally['passed'] > RUNS // 2 and tally['kills'] and tally['stops']:
-            calm.set()  # the last half is one station's
+            calm.set()  # one station serves the last half
         elif tally['kills'] + tally['stops'] < 2 or random.random() < 0.5:
             kill = tally['kills'] < tally['stops']
             count('kills' if kill else 'stops')
@@ -155,7 +155,7 @@ for thread in threads: thread.start()
 calm.wait()
 before = station.size()
 for thread in threads: thread.join()
-for _ in range(900):  # the last strangers, and those that lost their power, are given up
+for _ in range(900):  # until the station gives up the last strangers and the boards without power
     if station.size()[0] == idle: break
     time.sleep(0.1)
 after = station.size()

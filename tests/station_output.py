@@ -56,8 +56,8 @@ def records(folder, plan):
 
 
 def on_terminal(talk, command):
-    """What the command writes to a terminal of 80 x 24, and its status. `talk` has, in order, what is waited for, and
-    what is done then; what that returns is typed."""
+    """Runs the command on a terminal of 80 x 24. Returns its output and its status. `talk` is a list of pairs: a
+    pattern to wait for, and a function to call then; the text that the function returns is typed."""
     pid, terminal = pty.fork()
     if pid == 0:
         os.execvp(command[0], command)
@@ -91,7 +91,7 @@ def check_terminal(folder):
 
 
 def check_questions(folder):
-    """A wrong answer is asked for again at the same place, whichever place waits besides."""
+    """After a wrong answer the same place asks again, even when another one waits."""
     place = []
     talk = [(PORT, lambda found: serve(found[1], [b"", b""])),
             (r"(board \d): Scan > ", lambda found: place.append(found[1]) or "oops\n"),
@@ -104,7 +104,7 @@ def check_questions(folder):
 
 
 def line_of(folder, plan, **how):
-    """Starts a line of one place, and returns it with its port."""
+    """Starts a line of one place. Returns the process and its port."""
     with open(f"{folder}/serve.yaml", "w") as file:
         file.write(f"{{listen: '127.0.0.1:1', places: 1, plan: {plan}}}".replace(":1'", f":{free_port()}'"))
     port = re.search(r":(\d+)'", open(f"{folder}/serve.yaml").read())[1]
@@ -119,19 +119,27 @@ def free_port():
         return server.getsockname()[1]
 
 
+def knock(port):
+    """Connects as a stranger. Returns when the station has reported that and closed the connection."""
+    with socket.socket() as stranger:
+        stranger.setsockopt(socket.IPPROTO_IP, socket.IP_TTL, 255)  # not dropped while the place looks at another one
+        stranger.connect(("127.0.0.1", port))
+        stranger.sendall(b"?" * 64)
+        while stranger.recv(64):
+            pass
+
+
 def check_unread_output(folder):
     """A stop does not wait for a reader that has stopped reading."""
     station, port = line_of(folder, "line.yaml")
     pending = 0
-    while pending < 65536 - 4096:  # a pipe's size, but for the end of its last page
-        with socket.create_connection(("127.0.0.1", port)) as stranger:
-            stranger.sendall(b"?" * 64)
-            stranger.recv(64, socket.MSG_WAITALL)
+    while pending < 65536 - 4096:  # the size of a pipe without the rest of its last page
+        knock(port)
         size = struct.unpack("i", fcntl.ioctl(station.stdout, termios.FIONREAD, b"    "))[0]
         assert size >= pending
         pending = size
     for _ in range(64):
-        socket.create_connection(("127.0.0.1", port)).close()
+        knock(port)
     station.send_signal(signal.SIGTERM)
     assert station.wait(60) == 4
     events = [json.loads(line) for line in station.stdout.read().decode().splitlines(True) if line.endswith("\n")]
@@ -139,7 +147,7 @@ def check_unread_output(folder):
 
 
 def check_signals(folder):
-    """A store that does not answer holds up no stop; nor does a full standard error hold up the second signal."""
+    """Neither a silent store delays a stop, nor a full standard error the second signal."""
     station, port = line_of(folder, "slow.yaml")
     with socket.create_server(("127.0.0.1", 0)) as database:
         with open(f"{folder}/serve.yaml", "w") as file:
@@ -167,7 +175,7 @@ def check_signals(folder):
 
 
 def check_examples(folder):
-    """The examples do their work; of the line's file only what names this machine is changed."""
+    """The examples work as they are, except for the line's addresses and interfaces, which are this machine's."""
     line, port = f"{folder}/examples/line", free_port()
     shutil.copytree(f"{ROOT}/examples", f"{folder}/examples")
     output, status = on_terminal([(PORT, lambda found: serve(found[1], [b"INFO \n"]))],

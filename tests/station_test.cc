@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "image/firmware_image.h"
 #include "station/plan/plan.h"
 #include "station/plan/yaml.h"
 #include "station/run/hooks.h"
@@ -147,6 +148,9 @@ protected:
     void SetUp() override {
         write("five", "12345");
         write("script", "exit");
+        write("empty", "");
+        fwimage::create(folder_ / "damaged", {"ACME", "AP-2", "1.2.3", "00012001"}, {{"2.bin", folder_ / "five"}});
+        std::ofstream(folder_ / "damaged", std::ios::app) << "more";
     }
     void TearDown() override { fs::remove_all(folder_); }
 
@@ -215,10 +219,21 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
+        // Files.
+        {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, say \"empty: true\""},
+        {"- {verify: five, partition: 1, sha256: 6994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5}",
+         "1:40: five is another file: its SHA-256 is 59944"},
+        {"- {verify: five, partition: 1, sha256: 5994471a}", "1:40: expected 64 hexadecimal digits"},
+        {"- {send: PING, expect: OK, empty: true}", "1:3: the step has no file"},
+        {"- {send: PING, expect: OK, image: five}", "1:35: this is not a firmware image: 5 bytes are too few"},
+        {"- {send: PING, expect: OK, image: damaged}", "1:35: this is not a firmware image: "},
         {"- {run: ''}", "1:9: a command is missing"},
         {"- {run: x, image: five}", "1:12: unknown key \"image\" in a \"run\" step"},
         {"- {send: BYE, expect: BYE}\n- {run: x}\n- {send: X, expect: X}", "3:3: the session has ended"},
         // Nothing.
+        {"- {verify: five, partition: 1, sha256: 5994471ABB01112AFCC18159F6CC74B4F511B99806DA59B3CAF5A9C173CACFC5}",
+         "="},
+        {"- {verify: empty, partition: 1, empty: true}", "="},
         {"- {send: BYE, expect: BYE}\n- {run: '{ x; }', reconnect: true}\n- {send: X, expect: X}", "="},
         {"- {send: 'X {{', expect: '{{}} {line}', bare: true}\n- {script: script, match: 'a{2,3}\\{b}'}", "="},
     };
@@ -227,6 +242,24 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
         EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
+}
+
+TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
+    const fs::path path =
+        write("plan.yaml", "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n");
+    const auto started = [&] { return station::newRun(station::loadPlan(path), {}); };
+    const RunRecord run = started();
+    ASSERT_EQ(run.files.size(), 2U);
+    EXPECT_EQ(run.files[1].step, 2U);
+    EXPECT_EQ(run.files[0].name, "five");
+    EXPECT_EQ(run.files[0].size, 5U);
+    EXPECT_EQ(run.files[0].sha256, "5994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5");
+    EXPECT_EQ(run.planDigest, started().planDigest);
+    write("five", "12346");
+    const std::string otherFile = started().planDigest;
+    EXPECT_NE(otherFile, run.planDigest);
+    std::ofstream(path, std::ios::app) << "# another text";
+    EXPECT_NE(otherFile, started().planDigest);
 }
 
 // One wrong character must not keep the reader at work for ever, nor take memory without end: the memory is limited by

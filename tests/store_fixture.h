@@ -53,7 +53,7 @@ protected:
         fs::remove_all(folder_);
     }
 
-    // Of SQLite, a stranger takes the file for himself.
+    // Takes the store away: another process locks the SQLite file, or PostgreSQL stops.
     void goAway() {
         if (shared_) return finish(std::exchange(server_, 0), SIGINT);
         stranger_ = std::make_unique<Database>(store_);

@@ -40,7 +40,7 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
         records->begins(run);
         return records->bind(pool, run, count).at(size_t(count) - 1);
     };
-    // No block goes over the sixth byte's carry; what is left before it serves smaller boards.
+    // No block crosses a carry of the sixth byte. The addresses left before it serve smaller boards.
     EXPECT_EQ(given("A", "mac", 4), "02:00:00:00:00:FD");
     EXPECT_EQ(given("B", "mac", 4), "02:00:00:00:01:03");
     EXPECT_EQ(given("C", "mac", 2), "02:00:00:00:00:FF");
@@ -48,14 +48,14 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_THAT(said_, HasSubstr("\"mac\" runs low: enough for 1 more"));
     EXPECT_EQ(given("D", "mac", 2), "02:00:00:00:01:05");
     EXPECT_THAT(refusal([&] { given("E", "mac", 4); }), HasSubstr("is empty of blocks of 4"));
-    // A unit that had fewer than it takes now has new ones, once.
+    // A unit that takes more addresses than it has gets new ones, once.
     addRange(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:0F", -1);
     EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");
     EXPECT_THAT(said_, HasSubstr("had 2 addresses"));
     EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");
     EXPECT_THAT(cells(listPools(database), 0),
                 ElementsAre("mac", "addresses", "16", "14", "0", "4", "3", "2", "5.25", "5.2 days left"));
-    // One address is retired, a range, and given back.
+    // Retire one address, then a range; then undo it.
     EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", false), 1);
     EXPECT_EQ(given("F", "mac", 1), "02:00:00:00:01:07");
     EXPECT_THAT(refusal([&] { retire(database, "mac", "02:00:00:00:01:07", "", false); }), HasSubstr("nothing"));
@@ -155,7 +155,7 @@ TEST_P(Store, RecordsRunsAndAnswers) {
               "serial,seconds\n'=1,-1\n1.10,1.10\n");
     EXPECT_EQ(cellText("1.10", false) + cellText("1.10", true), "1.101.100");
     EXPECT_THAT(parseTime("99999999d"), HasSubstr("1970-"));
-    // What the document asks, each database answers.
+    // Both databases answer the document's questions.
     const std::string all = contentOf(SOURCES "/docs/database.md");
     for (size_t end = 0, at; (at = all.find("```sql\n", end)) != std::string::npos;) {
         end = all.find("```\n", at + 7);
@@ -195,7 +195,7 @@ TEST_P(Store, IsAwayOrRefusesByTheDatabasesOwnCodes) {
     other.onlyAsk(std::chrono::milliseconds(100));
     EXPECT_EQ(failureOf([&] { other.ask(endless); }), "too slow");
     EXPECT_EQ(add(other, "d"), "away");
-    if (!shared_) {  // a page is all that a row of 100 kB lacks, as on a disk that is full
+    if (!shared_) {  // a limit on pages acts like a full disk: a row of 100 kB no longer fits
         database.ask("PRAGMA max_page_count = 30");
         EXPECT_EQ(add(database, std::string(100'000, 'e').c_str()), "away");
         EXPECT_EQ(add(database, "f"), "none");
@@ -211,7 +211,7 @@ TEST_P(Store, IsAwayOrRefusesByTheDatabasesOwnCodes) {
     const std::string who = *killed.ask("SELECT pg_backend_pid()").rows[0][0];
     last.run("SELECT pg_terminate_backend($1)", {who});
     EXPECT_EQ(add(killed, "h"), "away");
-    // A station that vanished within a transaction does not keep the pools to itself.
+    // A station that vanished within a transaction does not keep the pools locked.
     EXPECT_EQ(failureOf([&] {
                   last.transact([&] {
                       last.lock("pool mac");
@@ -385,7 +385,7 @@ TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {
     EXPECT_THAT(refusal([&] { records->bind("mac", inWork, 4); }), HasSubstr(" is away: "));
     EXPECT_THAT(records->away(), HasSubstr(" is away: "));
     endSteps(*records, inWork, {Verdict::kPassed, Verdict::kPassed});
-    records.reset();  // the station ends as well: another process finds what it kept
+    records.reset();  // the station ends, and the next process finds what it kept
     comeBack();
     records = station();
     EXPECT_EQ(records->away(), "");

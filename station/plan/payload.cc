@@ -7,9 +7,10 @@ namespace station {
 
 Payload readPayload(const std::filesystem::path &path) {
     auto bytes = std::make_shared<const std::string>(readFile(path, kLargestPayload));
-    Digest digest("MD5");
-    digest.feed(*bytes);
-    return {path.filename().string(), std::move(bytes), digest.text()};
+    Digest md5("MD5"), sha256("SHA256");
+    md5.feed(*bytes);
+    sha256.feed(*bytes);
+    return {path.filename().string(), std::move(bytes), md5.text(), sha256.text()};
 }
 
 }  // namespace station

@@ -13,7 +13,15 @@ namespace station {
 struct Payload {
     std::string name;                          // the file's, without its folder
     std::shared_ptr<const std::string> bytes;  // shared by the steps and the boards
-    std::string md5;                           // 32 lower-case hexadecimal digits
+    std::string md5, sha256;                   // 32 and 64 lower-case hexadecimal digits
+};
+
+// A file that a step of the plan sends, compares with or reads, for the records.
+struct PlanFile {
+    size_t step = 0;   // from 1
+    std::string name;  // as the plan calls it
+    uint64_t size = 0;
+    std::string sha256;  // 64 lower-case hexadecimal digits
 };
 
 constexpr uint64_t kLargestPayload = 2147483647;  // bytes that the board can be told of

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 
 #include "image/firmware_image.h"
+#include "station/base/digest.h"
 #include "station/plan/commands.h"
 #include "station/plan/review.h"
 #include "station/plan/yaml.h"
@@ -32,6 +34,9 @@ struct Draft {
     Step step = {};
     bool timed = false;
     std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
+    std::vector<PlanFile> files = {};
+    std::string sha256 = {};  // that its files must have; empty: any
+    bool empty = false;       // they may be empty
 
     YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
@@ -93,7 +98,20 @@ void readRun(Draft &draft, const Entry &value) {
     if (draft.step.run.empty()) value.fail("a command is missing");
 }
 
-void readFileKey(Draft &draft, const Entry &value) { draft.step.file = payloadAt(draft.loader, value); }
+const Payload &addFile(Draft &draft, const Entry &value) {
+    const Payload &file = payloadAt(draft.loader, value);
+    draft.files.push_back({0, value.text(), file.bytes->size(), file.sha256});
+    return file;
+}
+
+void readFileKey(Draft &draft, const Entry &value) { draft.step.file = addFile(draft, value); }
+
+void readSha256(Draft &draft, const Entry &value) {
+    draft.sha256 = value.text();
+    for (char &c : draft.sha256) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (draft.sha256.size() == 64 && draft.sha256.find_first_not_of("0123456789abcdef") == std::string::npos) return;
+    value.fail("expected 64 hexadecimal digits, as \"sha256sum\" prints them");
+}
 
 void readUpload(Draft &draft, const Entry &value) {
     readFileKey(draft, value);
@@ -102,9 +120,10 @@ void readUpload(Draft &draft, const Entry &value) {
 
 // Who made an image, and what for, as the product block at its start says.
 void readImage(Draft &draft, const Entry &value) {
+    addFile(draft, value);
     try {
         const fwimage::Contents image = fwimage::inspect(draft.loader.folder / value.text());
-        if (image.product.mark.empty()) value.fail(image.fault);
+        if (!image.fault.empty()) value.fail("this is not a firmware image: " + image.fault);
         const fwimage::Product &product = image.product;
         draft.step.known.insert({{"vendor", product.vendor},
                                  {"product", product.product},
@@ -185,7 +204,10 @@ const Keys<Draft> kEveryStep = {
 
 const Keys<Draft> kRepeated =
     join(kEveryStep, {{"show", readFlag<&Step::show>}, {"retries", readWhole<&Step::retries, 0, 1000>}});
-const Keys<Draft> kOnBoard = join(kRepeated, {{"image", readImage}});
+const Keys<Draft> kOnBoard =
+    join(kRepeated, {{"image", readImage}, {"sha256", readSha256}, {"empty", [](Draft &draft, const Entry &value) {
+                                                                        draft.empty = value.flag();
+                                                                    }}});
 const Keys<Draft>::value_type kReconnect = {"reconnect", readFlag<&Step::reconnect>};
 
 const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
@@ -314,8 +336,20 @@ std::string faultOfSend(const Step &step) {
     return faultOf({text, complete, payload, step.bare});
 }
 
+void checkFiles(const Draft &draft, std::vector<Fault> &faults) {
+    const auto fail = [&](const char *key, std::string text) { faults.push_back({draft.mark(key), std::move(text)}); };
+    if (draft.files.empty() && (draft.empty || !draft.sha256.empty())) fail("sha256", "the step has no file");
+    for (const PlanFile &file : draft.files) {
+        if (file.size == 0 && !draft.empty)
+            fail("", fmt::format("{} is empty: if it must be, say \"empty: true\"", file.name));
+        if (draft.sha256.empty() || draft.sha256 == file.sha256) continue;
+        fail("sha256", fmt::format("{} is another file: its SHA-256 is {}", file.name, file.sha256));
+    }
+}
+
 void completeStep(Draft &draft) {
     std::vector<Fault> &faults = draft.loader.faults;
+    checkFiles(draft, faults);
     for (const Rule &rule : kRules) {
         if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
     }
@@ -397,6 +431,20 @@ void readPlan(Loader &loader, const YAML::Node &document) {
     for (const YAML::Node &node : loader.steps) loader.drafts.push_back(readStep(loader, node));
 }
 
+// Numbers the files. Digests the plan and them.
+void digestPlan(Loader &loader, const std::string &text) {
+    Digest digest("SHA256");
+    digest.feed(text);
+    for (size_t i = 0; i < loader.drafts.size(); ++i) {
+        for (PlanFile &file : loader.drafts[i].files) {
+            file.step = i + 1;
+            digest.feed(file.sha256);
+            loader.plan.files.push_back(std::move(file));
+        }
+    }
+    loader.plan.digest = digest.text();
+}
+
 void finishPlan(Loader &loader) {
     std::vector<StepSource> sources;
     for (Draft &draft : loader.drafts) {
@@ -419,7 +467,9 @@ Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {
     Loader loader{files.empty() ? path.parent_path() : files, files.empty(), names};
     loader.plan.name = path.stem().string();
     try {
-        readPlan(loader, loadDocument(path));
+        std::string text;
+        readPlan(loader, loadDocument(path, &text));
+        digestPlan(loader, text);
         if (const std::string fault = faultOfPart(loader.plan.name); !fault.empty()) {
             throw Fault{YAML::Mark::null_mark(), "without \"name\" a plan has its file's: " + fault};
         }

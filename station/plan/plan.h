@@ -72,6 +72,8 @@ struct Plan {
     Again again = Again::kAsk;
     int attempts = 0;  // failed runs in a row after which a unit is to be repaired; 0: no limit
     std::vector<Step> steps;
+    std::vector<PlanFile> files;  // of the steps, in their order
+    std::string digest;    // SHA-256 of the plan's text with its files' digests after it, in the order of `files`
     std::string warnings;  // a line each, as in PlanError: what a plan may do, but hardly means
 };
 

@@ -50,8 +50,10 @@ YAML::Node parseDocument(const std::string &text) try {
     throw Fault{error.mark, error.msg};
 }
 
-YAML::Node loadDocument(const std::filesystem::path &path) try {
-    return parseDocument(readFile(path, kLargestFile));
+YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) try {
+    const std::string text = readFile(path, kLargestFile);
+    if (read != nullptr) *read = text;
+    return parseDocument(text);
 } catch (const std::runtime_error &error) {
     throw Fault{YAML::Mark::null_mark(), error.what()};
 }

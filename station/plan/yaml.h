@@ -24,9 +24,9 @@ struct Fault {
 constexpr uint64_t kLargestFile = 1 << 18;  // bytes: a hundred times what people write
 
 // Reads the only document of a text, or of a file of at most kLargestFile bytes. Throws Fault, also for a second
-// document.
+// document. Sets `read` to the file's text.
 YAML::Node parseDocument(const std::string &text);
-YAML::Node loadDocument(const std::filesystem::path &path);
+YAML::Node loadDocument(const std::filesystem::path &path, std::string *read = nullptr);
 
 // Returns a line per fault: FILE:LINE:COLUMN: what is wrong.
 std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "station/base/time.h"
+#include "station/plan/payload.h"
 
 namespace station {
 
@@ -38,14 +39,6 @@ enum class Verdict { kNotRun, kPassed, kFailed };
 
 // Whose fault a failure is. Only the unit's counts in yields.
 enum class Cause { kNone, kUnit, kConnection, kStation, kOperator };
-
-// A file that a step of the plan sent or compared.
-struct PlanFile {
-    size_t step = 0;   // from 1
-    std::string name;  // as the plan calls it
-    uint64_t size = 0;
-    std::string sha256;  // in hexadecimal digits
-};
 
 // "not run", "passed", "failed"
 std::string_view textOf(Verdict verdict);

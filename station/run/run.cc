@@ -337,6 +337,8 @@ RunRecord newRun(const Plan &plan, const Place &place) {
     run.began = Clock::now();
     run.id = makeRunId(run.start);
     run.plan = plan.name;
+    run.planDigest = plan.digest;
+    run.files = plan.files;
     run.place = place;
     for (const Step &step : plan.steps) {
         StepResult &result = run.steps.emplace_back();

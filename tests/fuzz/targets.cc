@@ -51,8 +51,8 @@ namespace fs = std::filesystem;
 std::string printed;                                  // the output of every program that popen starts
 void *const segment = calloc(1, kConfigurationSize);  // the sanitizer watches its bounds
 int connected = -1;                                   // the board's end of the connection
-std::vector<std::string> logged;                      // the replies that the log has
-std::vector<std::string> arriving, answered;          // frames: those to be received, in reverse, and those sent
+std::vector<std::string> logged;                      // the replies in the log
+std::vector<std::string> arriving, answered;          // frames to be received, the last one first, and frames sent
 
 // Ends the run with a finding, the line of the call, unless `held`.
 void require(bool held, int line = __builtin_LINE()) {
@@ -140,7 +140,7 @@ void loadSettings(const std::string &settings) {
     put(kPersistentConfiguration, "");
     init_configuration();
     initialFunc();
-    wireTotal = std::min(wireTotal, 8);  // each port costs a command: a larger number is only slow
+    wireTotal = std::min(wireTotal, 8);  // each port runs a command: more of them are only slower
 }
 
 // Input: settings that are appended to the board's, the output of programs, the system's record and its two tables, and
@@ -342,7 +342,7 @@ void reset() {
     printed.clear();
     logged.clear();
     answered.clear();
-    put(kDebugSwitch, "");  // so that the output of commands is read, too
+    put(kDebugSwitch, "");  // makes the daemon read the output of commands
     put("/tmp/busybox", "");
     for (const char *staged : {"/tmp/kernel.img", "/tmp/rootfs.img", "/tmp/firmware.img"}) unlink(staged);
     if (fs::create_directories("/tmp/dev")) fs::create_symlink("/flash/mtd2", "/tmp/dev/mtd2");

@@ -136,7 +136,7 @@ TEST_F(Configuration, OpeningLoadsOnlyWhatNothingHasLoaded) {
     add_configuration("MAC", "recorded");
     open_configuration();
     EXPECT_EQ(values({"K", "MAC"}), "v|recorded|");
-    // The layout in which other programs find the segment.
+    // Other programs rely on this layout of the segment.
     const int id = shmget(0x20120422, 12868, 0);
     shmid_ds status = {};
     ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
@@ -194,7 +194,7 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     EXPECT_THAT(board::log(), ElementsAre(HasSubstr("\"B\" is cut"), HasSubstr("NEW")));
     EXPECT_EQ(set_configuration("R12", RETURN_DEF_STR("R12") + 1), 0);
     EXPECT_EQ(values({"R12"}), "2|") << "a value may come from the table";
-    // The records that moved up keep their index, which says what to delete: the second deletion takes the neighbour.
+    // Records that move up keep their old index. A deletion goes by the index, so the second one hits the neighbour.
     load("A = 1\nB = 2\nC = 3\nD = 4\n");
     EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
     EXPECT_EQ(values({"A", "B", "C", "D"}), "-|2|3|-|");

@@ -105,8 +105,8 @@ Numbers walk(bt_tree *tree, int order) {
 }
 
 TEST(Containers, ATreeIsBuiltAtItsRootAndTakenApart) {
-    // The inserted numbers and the tree in pre-order: the newest is the root, with everything on its left that does not
-    // sort after it.
+    // The inserted numbers, and the tree in pre-order. The newest number is the root; everything that does not sort
+    // after it is on its left.
     const std::pair<Numbers, Numbers> shapes[] = {{{50, 30, 80, 60}, {60, 30, 50, 80}},
                                                   {{10, 20, 11, 30, 12, 21}, {21, 12, 11, 10, 20, 30}}};
     for (const auto &[inserted, shape] : shapes) EXPECT_EQ(walk(treeOf(inserted).get(), BT_PRE_ORDER), shape);
@@ -153,7 +153,7 @@ TEST(Containers, ATreeIsWalkedInEveryOrderAndPruned) {
             EXPECT_EQ(pthread_mutex_trylock(&tree->lock) != 0, stopped) << "left locked";
             pthread_mutex_unlock(&tree->lock);
         };
-        // In a child, which ends without the leak check: a walk that ends early does not free its queue.
+        // In a child, which ends without the leak check, since a walk that ends early does not free its queue.
         EXPECT_EQ(board::wait(board::fork(traverse)), 0);
     }
 }

@@ -71,7 +71,7 @@ TEST_F(System, ProcessesAreFoundAndSignalledByTheirWholeName) {
 
     my_killproc("target", SIGTERM);
     for (const board::NamedProcess *ended : {&first, &second}) EXPECT_EQ(board::wait(ended->pid()), -SIGTERM);
-    my_killproc_retry("target2", 0, 1000);     // fails every time
+    my_killproc_retry("target2", 0, 1000);     // no such signal: fails every time
     my_killproc_retry("target2", 1, SIGTERM);  // another tag
     my_killproc_retry("target2", 0, SIGUSR1);
     EXPECT_EQ(board::wait(longer.pid()), -SIGUSR1);
@@ -101,7 +101,7 @@ TEST_F(System, TreesAreCopiedWithModesAndTimesAndRemoved) {
         my_cp("/tmp/from", "/tmp/to");
     };
     EXPECT_EQ(board::wait(board::fork(withoutPrivileges)), 0);
-    my_cp("/tmp/from", "/tmp/to");  // again, in the process that the leak check covers
+    my_cp("/tmp/from", "/tmp/to");  // once more, in a process that the leak check covers
     EXPECT_EQ(board::readFile("/tmp/to/sub/file"), content);
     EXPECT_TRUE(board::exists("/tmp/to/.empty") && board::exists("/tmp/to/kept"));
     EXPECT_EQ(fs::status("/tmp/to/sub/file").permissions(), fs::perms(04751));
@@ -178,7 +178,7 @@ TEST_F(System, CommandsAreRunAndLogged) {
         {"echo a >/tmp/f; echo b > /dev/null", {"echo a 2>&1", "      msg: a"}},
         {"echo a /dev/null", {"echo a /dev/null", "      msg: a /dev/null"}},
         {"echo a >&2; echo one; printf ab", {"echo a >&2; echo one; printf ab", "      msg: one", "      msg: a"}},
-        {"echo " + longLine,  // each piece of 255 characters loses its last one
+        {"echo " + longLine,  // each piece of 255 characters loses its last character
          {"echo " + longLine, "      msg: " + longLine.substr(0, 254), "      msg: " + longLine.substr(0, 45)}}};
     for (const auto &[line, log] : inDebugMode) {
         SetUp();
@@ -193,7 +193,7 @@ TEST_F(System, ConnectsWithinATimeLimit) {
     board::run("ip link set eth0 up; ip addr add 192.168.1.1/24 dev eth0");
     const sockaddr_in to = {AF_INET, htons(80), {inet_addr("192.168.1.77")}, {}};
     for (const auto &[seconds, limit] : {std::pair(1, 1), {0, 60}}) {
-        const int client = socket(AF_INET, SOCK_STREAM, 0);  // stays open, so the second has another number
+        const int client = socket(AF_INET, SOCK_STREAM, 0);  // left open, so that the second one gets another number
         EXPECT_EQ(my_connect_t(client, reinterpret_cast<const sockaddr *>(&to), sizeof to, seconds), -1);
         EXPECT_EQ(errno, EINPROGRESS);
         EXPECT_EQ(waited, limit);

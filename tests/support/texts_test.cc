@@ -145,7 +145,7 @@ TEST_F(Tables, OfTheSystemAreSelectedByItsMark) {
         {model.substr(0, 75), html, entry, "", "", -1},
         {model, "", entry, "", "", -1},
         {model, html, "& 457\nx entry\n", "html", "", -1},
-        // Digits up to the end of the record: the number is out of range, and its masks still select a column.
+        // Digits up to the end of the record: the number is out of range, but its bits still select a column.
         {acme + std::string(26, 'f'), "& fff000\nx html\n", "& fff\nx entry\n", "html", "entry", 0}};
     for (const auto &[record, htmlText, entryText, htmlRead, entryRead, result] : cases) {
         html_fmt[0][0] = entry_num[0][0] = '\0';

@@ -1,5 +1,5 @@
-# Configures in the build folder itself, for a release, with the target's flags in the environment; builds and installs.
-# The toolchain file is the caller's: it turns Debian's compiler into one for the board's C library.
+# Configures a release in the build folder itself, with the target's flags in the environment; builds and installs. The
+# caller's toolchain file makes Debian's compiler build for the board's C library.
 define Build/Compile
 	cd $(PKG_BUILD_DIR) && CFLAGS="-Os -pipe -mips32r2" CXXFLAGS="-Os -pipe -mips32r2" cmake -G Ninja \
 		-DCMAKE_SYSTEM_NAME=Linux -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \

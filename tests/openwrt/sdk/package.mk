@@ -1,5 +1,5 @@
-# BUILD_DIR is set by the caller. "fields" prints what the package says of itself; "root" builds it anew and installs
-# it into BUILD_DIR/root.
+# The caller sets BUILD_DIR. "fields" prints the package's metadata; "root" rebuilds the package and installs it into
+# BUILD_DIR/root.
 PKG_BUILD_DIR:=$(BUILD_DIR)/$(PKG_NAME)-$(PKG_VERSION)
 PKG_INSTALL_DIR:=$(PKG_BUILD_DIR)/ipkg-install
 

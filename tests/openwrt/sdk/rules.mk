@@ -1,4 +1,5 @@
-# Stand-in for the OpenWrt build system: what the package's Makefile uses of it, with the same names and meaning.
+# Stand-in for those parts of the OpenWrt build system that the package's Makefile uses, with the same names and
+# meaning.
 INCLUDE_DIR:=$(TOPDIR)
 CP:=cp -fpR
 INSTALL_DIR:=install -d -m0755
