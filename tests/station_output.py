@@ -185,12 +185,15 @@ def check_examples(folder):
     text = re.sub(r"(?ms)^places:.*^(?=plan:)", f"listen: 127.0.0.1:{port}\nplaces: 1\n", text)
     with open(f"{line}/line.yaml", "w") as file:
         file.write(re.sub(r"(?m)^page:.*\n", "", text))
-    os.environ["LABEL_COMMAND"] = f"tee -a {folder}/labels"
+    os.environ.update(LABEL_COMMAND=f"tee -a {folder}/labels", ADMITTED=f"{folder}/admitted")
+    with open(f"{folder}/admitted", "w") as file:
+        file.write("SN01\n")
     for command in ["store", "upgrade"], ["pool", "add", "02:00:00:00:00:00", "02:00:00:00:0F:FF"]:
         subprocess.run([QCSTATION, *command, "--store", f"{line}/line.db"], check=True, capture_output=True)
     report = b"INFO \n Memory: 125952 kB \n Wire MAC 1: 02:00:00:00:00:00 \n\0"
     talk = [(r"waiting", lambda _: serve(port, [report])), (r"Scan .*> ", lambda _: "SN-1\n"),
-            (r"SN-1.*> ", lambda _: "SN01\n"), (r"PASS", lambda _: "\x03")]
+            (r"SN-1.*> ", lambda _: "SN02\n"), (r"FAIL.*SN02 has no order", lambda _: serve(port, [report])),
+            (r"Scan .*> ", lambda _: "SN01\n"), (r"PASS", lambda _: "\x03")]
     output, status = on_terminal(talk, [QCSTATION, "serve", f"{line}/line.yaml"])
     assert status == 0, output
     assert open(f"{folder}/labels").read() == "AP-2\nSerial: SN01\nMAC: 02:00:00:00:00:00\n", output
