@@ -34,7 +34,7 @@ void copyToRam() {
     my_system("/bin/ln -s busybox %s > /dev/null 2>&1", kRamReboot);
 }
 
-// Reads words 2 and 3. False when the list ends before word 3.
+// Reads words 2 and 3. Returns false when the list ends before word 3.
 bool readCounts(const char *macArguments) {
     const char *const wired = my_skipWords(macArguments, 1);
     if (wired == nullptr) return false;
@@ -55,7 +55,7 @@ void swapNames(const char *a, const char *b) {
     my_system("%s %s up", kIfconfig, b);
 }
 
-// Cuts `pair` in place. False when it contains no '_'.
+// Cuts `pair` in place. Returns false when it contains no '_'.
 bool exchangePair(char *pair) {
     char *const underscore = strchr(pair, '_');
     if (underscore == nullptr) return false;

@@ -62,7 +62,7 @@ bool waitForFrame(int socket, int32_t *limit) {
     return ready > 0 && FD_ISSET(socket, &readable);
 }
 
-// Turns a request into its answer, in place. False when the frame is not a request, or not for this board.
+// Turns a request into its answer, in place. Returns false when the frame is not a request or not for this board.
 bool answerInPlace(uint8_t *frame, size_t length, const uint8_t *my_mac) {
     if (length < kEtherType + sizeof kRequest || memcmp(frame + kEtherType, kRequest, sizeof kRequest) != 0)
         return false;

@@ -52,7 +52,7 @@ const char *fileArgument(int argc, char **argv) {
     return nullptr;
 }
 
-// False when there is no file to flash.
+// Flashes the file that the command line names. Returns false when there is none.
 bool flashFile(int partition, int argc, char **argv) {
     const char *const file = fileArgument(argc, argv);
     if (file == nullptr) return false;

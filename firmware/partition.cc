@@ -37,8 +37,8 @@ void erasePartition(int device, const mtd_info_user &geometry) {
     }
 }
 
-// Writes in chunks of one erase block through `buffer`, which has that size. Ends early where the file does. False when
-// a write failed.
+// Writes in chunks of one erase block through `buffer`, which has that size. Ends early if the file does. Returns false
+// when a write fails.
 bool writeChunks(int device, FILE *file, int32_t length, char *buffer, uint32_t blockSize) {
     int chunks = 0;
     for (int32_t remaining = length; remaining > 0;) {
@@ -58,12 +58,12 @@ int32_t measure(FILE *file) {
     return static_cast<int32_t>(length);
 }
 
-// False when a write failed.
+// Erases the partition and writes the file to it. Returns false when a write fails.
 bool writeDevice(int partition, FILE *file, int32_t length) {
     const DescriptorHandle device(open(M(kFlashNode, partition), O_RDWR | O_SYNC | O_CLOEXEC));
     if (device < 0) return true;
     mtd_info_user geometry = {};
-    // An erase block size of 0 is no geometry either: it would never end the erasing.
+    // With an erase block size of 0 the erasing would never end.
     if (ioctl(device, MEMGETINFO, &geometry) < 0 || geometry.erasesize == 0) return true;
     char *const buffer = static_cast<char *>(malloc(geometry.erasesize));
     if (buffer == nullptr) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// True for a blank or a NUL.
+// Returns true for a blank or a NUL.
 bool endsText(char c) { return (c & 0xDF) == 0; }
 
 void cutText(char *block, size_t start) {

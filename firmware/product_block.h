@@ -1,6 +1,6 @@
 #pragma once
-// The product block: kProductBlockSize bytes of text at fixed positions, with which a firmware image and
-// "/etc/system.info" begin.
+// The product block: kProductBlockSize bytes of text at fixed positions. A firmware image and "/etc/system.info" begin
+// with it.
 
 #include <cstddef>
 
@@ -19,7 +19,7 @@ static_assert(kMark == kSystemInfoMark);
 // after it, up to the first separator.
 void cutProductFields(char *block);
 
-// Reads a block from the file at `path` or, when that is null or cannot be opened, copies it from `source` unless that
-// is null. Cuts its fields and logs them. The block goes into `destination` or, when that is null, into a static
-// record. The record keeps what a short file does not fill, and everything when there is neither file nor source.
+// Reads a block from the file at `path`. When `path` is null or cannot be opened, copies the block from `source`
+// instead. Stores it in `destination`, or in a static record when that is null; cuts its fields and logs them. Bytes
+// that a short file does not fill keep their old values; without file and source all bytes do.
 void getProduct(const char *path, const char *source, char *destination);

@@ -27,9 +27,9 @@ struct Section {
     char name[kHeaderSize];
 };
 
-// Reads "LENGTH NAME" from a header of at most 64 characters, as "%lu %s" would. Intended: the section stays unchanged
-// when either is missing, even if there is a length. The length of the last complete header is what an unreadable one
-// takes off the rest.
+// Reads "LENGTH NAME" from a header of at most 64 characters, as "%lu %s" would. Intended: when either is missing, the
+// section stays unchanged, even if there is a length. After an unreadable header the walk then subtracts the
+// length of the last complete one from the rest.
 bool parseHeader(const char *header, Section *section) {
     const char *rest = nullptr;
     const uint32_t length = my_strtou32(header, &rest, 10);

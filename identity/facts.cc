@@ -82,8 +82,8 @@ const char *afterColon(const char *word) {
     return colon != nullptr ? colon + 1 : nullptr;
 }
 
-// Reads a line such as "link: port:1 link:up speed:1000baseT full-duplex", and cuts it into words. False unless the
-// line belongs to the port and its link is up.
+// Reads a line such as "link: port:1 link:up speed:1000baseT full-duplex", and cuts it into words. Returns false
+// unless the line belongs to the port and its link is up.
 bool parseSwitchLine(char *line, const char *port, Link *link) {
     if (strstr(line, "link:") == nullptr) return false;
     const char *words[5];

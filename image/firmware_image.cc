@@ -40,7 +40,7 @@ void checkText(std::string_view what, std::string_view text, size_t longest) {
     }
 }
 
-// "1.2.3" as "01.02.03".
+// Returns "1.2.3" as "01.02.03".
 std::string versionField(const std::string &version) {
     std::array<unsigned, 3> numbers{};
     const char *position = version.data();
@@ -64,13 +64,13 @@ std::string productBlock(const Product &product) {
                        product.mark);
 }
 
-// Empty, or what is wrong with a section's name.
+// Returns what is wrong with a section's name, or an empty text.
 std::string nameFault(std::string_view name) {
     const size_t dot = name.find('.');
     if (dot == std::string_view::npos) return "has no dot: the board would end its walk over the sections there";
     unsigned number = 0;
     const auto [behind, error] = std::from_chars(name.data(), name.data() + dot, number);
-    // The board reads the number with atoi: a larger one would be another there.
+    // The board reads the number with atoi, which would turn a larger number into another one.
     if (error != std::errc() || behind != name.data() + dot || number > std::numeric_limits<int32_t>::max())
         return "does not begin with a partition's number and a dot";
     if (!std::all_of(name.begin(), name.end(), isGraphic)) return "holds a blank or an unprintable character";
@@ -92,14 +92,14 @@ std::string sectionHeader(const Source &source) {
     return header;
 }
 
-// The number that a good section's name begins with: of the block device that receives it.
+// Returns the number at the beginning of a valid section's name: that of the block device that receives the section.
 unsigned blockOf(std::string_view name) {
     unsigned number = 0;
     std::from_chars(name.data(), name.data() + name.size(), number);
     return number;
 }
 
-// What is allowed and seldom meant, in words that say what the board makes of it.
+// Returns warnings of what is allowed but probably a mistake; each says what the board will do.
 template <typename Sections>
 std::vector<std::string> findWarnings(const Sections &sections) {
     if (sections.empty()) {
@@ -116,7 +116,7 @@ std::vector<std::string> findWarnings(const Sections &sections) {
     return warnings;
 }
 
-// Hands the file to `take` in pieces; `length` bytes of it, or all.
+// Passes `length` bytes of the file, or all of it, to `take` in pieces.
 template <typename Take>
 void readPieces(std::ifstream &file, uint64_t length, const Take &take) {
     std::array<char, 65536> piece;
@@ -129,14 +129,14 @@ void readPieces(std::ifstream &file, uint64_t length, const Take &take) {
     }
 }
 
-// Fit for a terminal.
+// Replaces unprintable characters with a question mark.
 std::string printable(std::string_view text) {
     std::string result(text);
     for (char &c : result) c = isGraphic(c) ? c : '?';
     return result;
 }
 
-// The text of a field, which ends at its first blank or NUL.
+// Returns the text of a field, which ends at its first blank or NUL.
 std::string fieldText(std::string_view field) { return printable(field.substr(0, field.find_first_of({" \0", 2}))); }
 
 void readProduct(std::string_view block, Contents &contents) {
@@ -151,7 +151,8 @@ void readProduct(std::string_view block, Contents &contents) {
     }
 }
 
-// Reads the header at `offset`; `end` is where the trailer begins. False, with a fault, when there is no going on.
+// Reads the header at `offset`; the trailer begins at `end`. Returns false, and notes the fault, if the next section
+// cannot be found.
 bool readSection(std::string_view header, uint64_t offset, uint64_t end, Contents &contents) {
     const auto fail = [&](std::string text) {
         if (contents.fault.empty()) contents.fault = fmt::format("the section at {} {}", offset, text);
@@ -263,7 +264,7 @@ Contents inspect(const fs::path &path) {
     readProduct(block, contents);
     readSections(file, size - kTrailerSize, contents);
     readTrailer(file, size - kTrailerSize, contents);
-    if (!file) throw ImageError(fmt::format("{} cannot be read to its end", path.string()));
+    if (!file) throw ImageError(fmt::format("{} cannot be read completely", path.string()));
     if (contents.fault.empty()) contents.warnings = findWarnings(contents.sections);
     return contents;
 }

@@ -10,7 +10,7 @@
 
 namespace fwimage {
 
-// What is wrong with an argument or an image, in words for the person at the terminal.
+// Says what is wrong with an argument or an image, in words for the person at the terminal.
 struct ImageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -43,9 +43,9 @@ struct Contents {
     Product product;  // version as it stands in the block
     std::vector<Section> sections;
     std::string trailer;                // the digest that the image carries
-    std::string digest;                 // the digest that it ought to carry
-    std::string fault;                  // the first thing wrong, from the image's start on; empty for a good image
-    std::vector<std::string> warnings;  // of a good image: what is seldom meant, and what the board makes of it
+    std::string digest;                 // the digest of its content, which the trailer should carry
+    std::string fault;                  // the first thing wrong, from the start of the image; empty for a good one
+    std::vector<std::string> warnings;  // for a good image: what is probably a mistake, and what the board will do
 };
 
 // Reads an image as far as it can be read. Throws ImageError when the file cannot be.

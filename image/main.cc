@@ -64,11 +64,11 @@ int main(int argc, char **argv) try {
     CLI::App *const createCommand = app.add_subcommand("create", "Build an image from product fields and sections");
     createCommand->add_option("image", options.image, "The image to write")->required();
     createCommand->add_option("sections", options.sections,
-                              "N.suffix=FILE: the data of MTD partition N, in the order of the image");
+                              "N.suffix=FILE: the content of MTD partition N; sections follow in this order");
     createCommand->add_option("--vendor", options.product.vendor, "At most 20 characters")->required();
     createCommand->add_option("--product", options.product.product, "At most 19 characters")->required();
     createCommand->add_option("--version", options.product.version, "MAJOR.MINOR.PATCH, each 0 to 99")->required();
-    createCommand->add_option("--mark", options.product.mark, "At most 8 characters, as a rule hexadecimal digits")
+    createCommand->add_option("--mark", options.product.mark, "At most 8 characters, usually hexadecimal digits")
         ->required();
     CLI::App *const showCommand =
         app.add_subcommand("show", "Print an image's product, sections and digest; status 1 if something is wrong");

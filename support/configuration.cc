@@ -152,7 +152,7 @@ void logCut(const ConfigurationRecord &record) {
 }
 
 // Adds a new record to the tree from which the table is rebuilt. Until then its index says whether its value was cut.
-// False when memory ran out; the tree is then unchanged.
+// Returns false when memory runs out; the tree is then unchanged.
 bool addToTree(bt_tree *tree, const char *key, const char *value) {
     ConfigurationRecord *const record = static_cast<ConfigurationRecord *>(calloc(1, sizeof(ConfigurationRecord)));
     if (record == nullptr) return false;
@@ -230,8 +230,8 @@ void selectFile() {
     segment->version = loaded.version;
 }
 
-// Adds the file's records to the tree. False when the table is full before the file ends; tokens[0] is then the key of
-// the first record that was left out.
+// Adds the file's records to the tree. Returns false when the table is full before the file ends; tokens[0] is then the
+// key of the first record that was left out.
 bool readSettings(bt_tree *tree) {
     const FileHandle file(fopen(kPersistentConfiguration, "re"));
     if (file == nullptr) return true;
@@ -263,7 +263,7 @@ void loadTable() {
     unlockTable();
 }
 
-// Inserts a record into the locked table. False when the table is full or memory ran out; it is then unchanged.
+// Inserts a record into the locked table. Returns false, with the table unchanged, when it is full or memory runs out.
 bool insertRecord(const char *key, const char *value) {
     const size_t count = recordCount();
     if (count == kConfigurationCapacity) {

@@ -108,7 +108,7 @@ bool reverseInOrder(const bt_node *node, const Walk &walk) {
     return true;
 }
 
-// False when a visit ended the walk. Intended: the queue is then never freed, and bt_traverse leaves the tree locked.
+// Returns false when a visit ends the walk. Intended: the queue is then never freed, and the tree stays locked.
 bool breadthFirst(bt_node *root, const Walk &walk) {
     ll_list *const queue = ll_init();
     if (root != nullptr) ll_append(queue, root);
