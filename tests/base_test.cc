@@ -25,6 +25,36 @@ TEST(Base, TimesAreThoseOfTheCalendar) {
     }
 }
 
+// On a machine of central Europe.
+TEST(Base, ATimeThatAPersonWritesIsTheMachines) {
+    setenv("TZ", "Europe/Berlin", 1);
+    tzset();
+    const std::pair<const char *, const char *> cases[] = {{"2026-07-01T12:00", "2026-07-01T10:00:00.000Z"},
+                                                           {"2026-12-01", "2026-11-30T23:00:00.000Z"},
+                                                           {"2026-12-01T06", "2026-12-01T05:00:00.000Z"},
+                                                           {"2026-07-01T12:00Z", "2026-07-01T12:00:00.000Z"},
+                                                           {"2026-07-01T12:00:00.5", ""},
+                                                           {"2026-07-01T12:00:01.500", "2026-07-01T10:00:01.500Z"},
+                                                           {"2026-02-30", ""},
+                                                           {"2026-11-21T25:00Z", ""},
+                                                           {"99999999d", "1970-01-01T00:00:"},
+                                                           {"8 h", ""},
+                                                           {"yesterday", ""},
+                                                           {"", ""}};
+    for (const auto &[asked, stored] : cases) {
+        const auto time = parseTime(asked);
+        EXPECT_THAT(time ? isoTime(*time) : "", testing::StartsWith(stored)) << asked;
+        EXPECT_EQ(time.has_value(), *stored != '\0') << asked;
+    }
+    const auto now = WallClock::now();
+    EXPECT_LT(now - std::chrono::hours(8) - parseTime("8h").value(), std::chrono::minutes(1));
+    const std::time_t midnight = WallClock::to_time_t(parseTime("today").value());
+    EXPECT_EQ(std::localtime(&midnight)->tm_hour, 0);
+    EXPECT_LT(now - parseTime("today").value(), std::chrono::hours(25));
+    unsetenv("TZ");
+    tzset();
+}
+
 TEST(Base, TextsAreCutBetweenCharacters) {
     EXPECT_EQ(shorten("äöü", 6), "äöü");
     EXPECT_EQ(shorten("äöü", 5), "äö...");

@@ -8,7 +8,6 @@
 
 #include "station/page/local_time.h"
 #include "station/page/shift.h"
-#include "station/store/queries.h"
 
 namespace station {
 namespace {
@@ -54,17 +53,6 @@ TEST_F(LocalTime, AShiftsCountersSurviveAClockThatJumps) {
     EXPECT_TRUE(renews("2026-11-21T13:00:01Z", 2s)) << "the next shift";
     EXPECT_EQ(shift.toJson()["units"], 0);
     EXPECT_TRUE(renews("2026-11-22T13:00:01Z", 24h)) << "a day that nobody looked";
-}
-
-TEST_F(LocalTime, WhatAPersonAsksForIsTheStationsTime) {
-    const std::pair<const char *, const char *> cases[] = {{"2026-07-01T12:00", "2026-07-01T10:00:00"},
-                                                           {"2026-12-01", "2026-11-30T23:00:00"},
-                                                           {"2026-07-01T12:00Z", "2026-07-01T12:00Z"}};
-    for (const auto &[asked, stored] : cases) EXPECT_EQ(timeOf(parseLocalTime(asked)), timeOf(stored)) << asked;
-    EXPECT_EQ(localTime(timeOf(parseLocalTime("today")), "%F %T"), localTime(std::time(nullptr), "%F 00:00:00"));
-    EXPECT_EQ(parseLocalTime("99999999d").substr(0, 10), "1970-01-01");  // before the clock's first day
-    for (const char *word : {"", "yesterday", "2026-13-01", "2026-11-21T25:00Z", "12:00"})
-        EXPECT_THROW(parseLocalTime(word), Refusal);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <re2/re2.h>
 
 #include <algorithm>
 #include <array>
@@ -24,6 +25,25 @@ long millisecondsOf(WallClock::time_point time) {
     return std::chrono::floor<Milliseconds>(time).time_since_epoch().count() % 1000;
 }
 
+// Returns the time at which this machine's calendar and clock show what UTC's show at `time`.
+WallClock::time_point asLocal(WallClock::time_point time) {
+    const std::time_t shown = WallClock::to_time_t(time);
+    std::tm date = fmt::gmtime(shown);
+    date.tm_isdst = -1;  // as it is then
+    return time + std::chrono::seconds(std::mktime(&date) - shown);
+}
+
+// "90m", "8h", "7d"; before 1970, where the clock begins, 1970.
+std::optional<WallClock::time_point> parseAgo(const std::string &text) {
+    static const re2::RE2 kAgo("([0-9]{1,9})([mhd])");
+    int64_t count = 0;
+    char unit = 0;
+    if (!re2::RE2::FullMatch(text, kAgo, &count, &unit)) return std::nullopt;
+    const std::chrono::minutes ago(count * (unit == 'd' ? 24 * 60 : unit == 'h' ? 60 : 1));
+    const auto now = WallClock::now();
+    return now - std::min(ago, std::chrono::floor<std::chrono::minutes>(now.time_since_epoch()));
+}
+
 }  // namespace
 
 std::string isoTime(WallClock::time_point time) {
@@ -39,6 +59,13 @@ std::optional<WallClock::time_point> parseIsoTime(std::string text) {
     if (date.tm_year < 1970 - 1900 || date.tm_year > 2261 - 1900) return std::nullopt;
     const auto time = WallClock::from_time_t(::timegm(&date)) + Milliseconds(std::stoi(text.substr(kForm.size() - 3)));
     return isoTime(time) == text + "Z" ? std::optional(time) : std::nullopt;  // not 30 February, which is in March then
+}
+
+std::optional<WallClock::time_point> parseTime(const std::string &text) {
+    if (text == "today") return parseTime(fmt::format("{:%Y-%m-%d}", fmt::localtime(std::time(nullptr))));
+    if (const auto ago = parseAgo(text)) return ago;
+    const auto time = parseIsoTime(text);
+    return time && !text.ends_with('Z') ? asLocal(*time) : time;
 }
 
 }  // namespace station

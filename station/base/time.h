@@ -20,4 +20,10 @@ std::string isoTime(WallClock::time_point time);
 // Returns nothing for any other text, for a day that does not exist, and for years before 1970 or after 2261.
 std::optional<WallClock::time_point> parseIsoTime(std::string text);
 
+// Reads a time as people write it: "2026-11-21" or "2026-11-21T17:30" of this machine's time zone, the same with a Z in
+// UTC, "today", or "90m", "8h", "7d" ago. Returns nothing for any other text and for a day that does not exist.
+std::optional<WallClock::time_point> parseTime(const std::string &text);
+constexpr const char *kTimeForms =
+    "2026-11-21 or 2026-11-21T17:30 (the station's time, or UTC with a Z), today, or 8h or 7d ago";
+
 }  // namespace station

@@ -1,5 +1,5 @@
 #pragma once
-// The subcommands that serve boards, a file each.
+// The subcommands, a file each, but for those that ask or change a store.
 
 #include <CLI/CLI.hpp>
 
@@ -11,8 +11,6 @@ void addRun(CLI::App &app, int &status);    // a plan on one batch of boards
 void addServe(CLI::App &app, int &status);  // a line, for ever
 void addDiscover(CLI::App &app);            // finds a board that waits in the mode "qconly"
 void addCheck(CLI::App &app);               // reads a plan or a line's file
-
-// After addStoreCommands(): archive, backup, and store replay.
-void addUpkeep(CLI::App &app, int &status);
+void addStoreCommands(CLI::App &app, int &status);
 
 }  // namespace station

@@ -19,9 +19,10 @@ struct Discovery {
     Milliseconds limit() const { return Milliseconds(std::llround(wait * 1000)); }
 };
 
-void addDiscovery(CLI::App *command, Discovery &discovery);
+// Adds the options; `link` is the name of that which says where. Returns this one.
+CLI::Option *addDiscovery(CLI::App *command, const char *link, Discovery &discovery);
 
-// Returns the line that says which board answered. Throws SessionError.
+// Returns the line that says which board answered. Throws SessionError, and ListenError for a link that is unavailable.
 std::string discover(const Discovery &discovery);
 
 }  // namespace station

@@ -11,7 +11,6 @@
 
 #include "station/cli/commands.h"
 #include "station/cli/exit_codes.h"
-#include "station/cli/store_commands.h"
 #include "station/plan/plan.h"
 #include "station/run/output.h"
 #include "station/run/records.h"
@@ -37,8 +36,7 @@ int main(int argc, char **argv) try {
     station::addServe(app, status);
     station::addDiscover(app);
     station::addCheck(app);
-    station::addStoreCommands(app);
-    station::addUpkeep(app, status);
+    station::addStoreCommands(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
@@ -54,7 +52,7 @@ int main(int argc, char **argv) try {
 } catch (const station::RecordsError &error) {
     return complain(station::kCannotWrite, error);
 } catch (const station::Refusal &error) {
-    return complain(station::kFailed, error);
+    return complain(station::kWrongInput, error);
 } catch (const station::StoreError &error) {
     return complain(station::kCannotWrite, error);
 } catch (const std::system_error &error) {

@@ -80,13 +80,13 @@ void addRun(CLI::App &app, int &status) {
     command->add_option("--results", options->results, "Folder for a JSON file, a log and a JUnit XML file a board");
     command->add_option("--store", options->store, "Record to this store too: a file of SQLite, or postgresql://...");
     addJson(command, options->json);
-    command->add_option("--listen", options->address, "Address to listen on")->capture_default_str();
+    command->add_option("--listen", options->address, "Address to listen on")
+        ->check(CLI::ValidIPV4)
+        ->capture_default_str();
     command->add_option("--port", options->port, "TCP port to listen on")->capture_default_str();
     command->add_option("--interface", options->interfaces,
                         "Listen on this interface alone; give it several times for boards that are cabled one each");
-    command->add_option("--discover", options->discovery.link,
-                        "Discover a board first, on this interface or udp:LOCAL:REMOTE");
-    addDiscovery(command, options->discovery);
+    addDiscovery(command, "--discover", options->discovery);
     command->callback([options, &status] { status = run(*options); });
 }
 

@@ -20,7 +20,7 @@ constexpr int kMostPlaces = 1000;
 // The file while it is read.
 struct Draft {
     LineFile line;
-    fs::path folder, plan, files;
+    fs::path folder;
     std::vector<Fault> faults;
 
     fs::path beside(const Entry &value) const { return folder / value.line(); }
@@ -34,6 +34,13 @@ uint16_t portIn(const std::string &text, const Entry &value, std::string_view fo
     }
 }
 
+void checkAddress(const std::string &address, const Entry &value) {
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
+        value.fail(fmt::format("\"{}\" is not an IPv4 address, such as 192.168.1.2", address));
+    }
+}
+
 void readListen(Draft &draft, const Entry &value) {
     const std::string text = value.line();
     const size_t colon = text.find(':');
@@ -41,6 +48,7 @@ void readListen(Draft &draft, const Entry &value) {
     if (colon != std::string::npos) {
         draft.line.port = portIn(text.substr(colon + 1), value, "ADDRESS or ADDRESS:PORT");
     }
+    checkAddress(draft.line.address, value);
 }
 
 struct Cable {
@@ -122,8 +130,7 @@ void readPageListen(PageSettings &page, const Entry &value) {
     const size_t colon = text.find(':');
     if (colon != std::string::npos) page.address = text.substr(0, colon);
     page.port = portIn(text.substr(colon == std::string::npos ? 0 : colon + 1), value, "PORT or ADDRESS:PORT");
-    in_addr parsed{};
-    if (inet_pton(AF_INET, page.address.c_str(), &parsed) != 1) value.fail("expected an IPv4 address before the port");
+    checkAddress(page.address, value);
 }
 
 // It travels in a header of HTTP, and must not be guessed.
@@ -173,8 +180,8 @@ const Keys<Draft> kLineKeys = {
     {"listen", readListen},
     {"places", readPlaces},
     {"page", readPage},
-    {"plan", [](Draft &draft, const Entry &value) { draft.plan = draft.beside(value); }},
-    {"files", [](Draft &draft, const Entry &value) { draft.files = draft.beside(value); }},
+    {"plan", [](Draft &draft, const Entry &value) { draft.line.planPath = draft.beside(value); }},
+    {"files", [](Draft &draft, const Entry &value) { draft.line.planFiles = draft.beside(value); }},
     {"results", [](Draft &draft, const Entry &value) { draft.line.results = draft.beside(value); }},
     {"store", readStore},
     {"spool", [](Draft &draft, const Entry &value) { draft.line.spool = draft.beside(value); }},
@@ -206,7 +213,7 @@ bool isLineFile(const fs::path &path) try {
     return false;
 }
 
-LineFile loadLine(const fs::path &path, const AskPools &pools) {
+LineFile readLine(const fs::path &path) {
     Draft draft;
     draft.line.address = kDefaultAddress;
     draft.line.port = kDefaultPort;
@@ -222,8 +229,13 @@ LineFile loadLine(const fs::path &path, const AskPools &pools) {
         draft.faults.push_back(std::move(fault));
     }
     if (!draft.faults.empty()) throw PlanError(describe(path, draft.faults));
-    draft.line.plan = loadPlan(draft.plan, draft.files, namesOf(draft.line, pools));
     return draft.line;
+}
+
+LineFile loadLine(const fs::path &path, const AskPools &pools) {
+    LineFile line = readLine(path);
+    line.plan = loadPlan(line.planPath, line.planFiles, namesOf(line, pools));
+    return line;
 }
 
 }  // namespace station

@@ -30,7 +30,8 @@ struct LineFile {
     std::string address;
     uint16_t port = 0;
     std::vector<Place> places;
-    std::vector<std::string> cables;  // the interfaces of the places; empty: they are told apart by address
+    std::vector<std::string> cables;            // the interfaces of the places; empty: they are told apart by address
+    std::filesystem::path planPath, planFiles;  // of loadPlan()
     Plan plan;
     Variables variables;
     Hook before, after;
@@ -48,6 +49,9 @@ bool isLineFile(const std::filesystem::path &path);
 
 // Returns the names of a store's pools, which a plan may take from.
 using AskPools = std::function<std::set<std::string>(const std::string &store)>;
+
+// Reads a line's file, but not its plan. Throws PlanError with every fault.
+LineFile readLine(const std::filesystem::path &path);
 
 // Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault, and
 // whatever `pools` throws.

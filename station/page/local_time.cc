@@ -24,13 +24,6 @@ std::tm localDate(std::time_t time) {
     return date;
 }
 
-std::string midnight() {
-    std::tm date = localDate(std::time(nullptr));
-    date.tm_hour = date.tm_min = date.tm_sec = 0;
-    date.tm_isdst = -1;
-    return utcTime(std::mktime(&date));
-}
-
 }  // namespace
 
 std::time_t timeOf(const std::string &utc) {
@@ -55,19 +48,10 @@ std::string zone() {
                        minutes % 60);
 }
 
-std::string parseLocalTime(const std::string &text) try {
-    if (text == "today") return midnight();
-    std::string time = parseTime(text);
-    if (text.ends_with('Z') || time != text) return time;  // of UTC, or ago
-    std::tm date{};
-    const std::time_t wall = timeOf(time);
-    ::gmtime_r(&wall, &date);
-    date.tm_isdst = -1;
-    return utcTime(std::mktime(&date));
-} catch (const Refusal &) {
-    throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (the station's, or UTC with a Z),"
-                              " today, or 8h or 7d ago",
-                              text));
+std::string parseLocalTime(const std::string &text) {
+    const auto time = parseTime(text);
+    if (!time) throw Refusal(fmt::format("\"{}\" is not a time: {}", text, kTimeForms));
+    return isoTime(*time);
 }
 
 }  // namespace station

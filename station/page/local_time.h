@@ -18,8 +18,7 @@ long aheadOfUtc(std::time_t time);
 // "CET, UTC+01:00"
 std::string zone();
 
-// What a person asks for, as the store has it: 2026-11-21 or 2026-11-21T17:30 of the station's time, the same with a Z
-// of UTC, `today`, or 90m, 8h, 7d ago. Throws Refusal.
+// Returns a time as a person writes it, see parseTime(), as the store has it. Throws Refusal.
 std::string parseLocalTime(const std::string &text);
 
 }  // namespace station

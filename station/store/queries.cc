@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <map>
 #include <utility>
 
@@ -147,23 +146,6 @@ Value findRun(Database &database, const std::string &name) {
 }
 
 }  // namespace
-
-std::string parseTime(const std::string &text) {
-    static const std::map<char, int64_t> kMinutes = {{'m', 1}, {'h', 60}, {'d', 24 * 60}};
-    int ago = 0;
-    const char *const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, ago);
-    const auto unit = stop + 1 == end ? kMinutes.find(*stop) : kMinutes.end();
-    if (error == std::errc() && unit != kMinutes.end() && ago >= 0) {
-        const auto now = std::chrono::floor<std::chrono::minutes>(WallClock::now());  // the clock counts from 1970
-        const std::chrono::minutes back(std::min<int64_t>(ago * unit->second, now.time_since_epoch().count()));
-        return isoTime(WallClock::now() - back);
-    }
-    constexpr size_t kToTheHour = 13;  // which PostgreSQL does not take for a time
-    const std::string time = text.ends_with('Z') ? text.substr(0, text.size() - 1) : text;
-    if (parseIsoTime(time)) return time.size() == kToTheHour ? time + ":00" : time;
-    throw Refusal(fmt::format("\"{}\" is no time: 2026-11-21 or 2026-11-21T17:30 (UTC), 8h or 7d ago", text));
-}
 
 std::vector<Section> show(Database &database, const std::string &what) {
     const std::vector<Value> key = {what};

@@ -27,10 +27,6 @@ struct Filter {
     std::string cause = {};                // of a failure: unit, connection, station, operator
 };
 
-// As the store has it: "2026-11-21", a time of that day as 2026-11-21T17:30, each with or without a Z, or how long ago:
-// 90m, 8h, 7d. Throws Refusal.
-std::string parseTime(const std::string &text);
-
 // All about a unit by its serial or by a value that it was given (an address in any form), or about a run by its
 // name. Throws Refusal when there is neither.
 std::vector<Section> show(Database &database, const std::string &what);

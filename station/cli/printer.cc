@@ -1,0 +1,91 @@
+#include "station/cli/printer.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "station/base/text.h"
+#include "station/store/format.h"
+
+namespace station {
+namespace {
+
+constexpr size_t kMeasured = 1000;  // rows that decide the widths of all
+
+nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) {
+    nlohmann::ordered_json entry;
+    for (size_t i = 0; i < row.size(); ++i) {
+        nlohmann::ordered_json cell;
+        if (row[i] && head.numbers.at(i)) cell = nlohmann::ordered_json::parse(*row[i]);
+        if (row[i] && !head.numbers.at(i)) cell = *row[i];
+        entry[head.columns[i]] = cell;
+    }
+    return entry;
+}
+
+}  // namespace
+
+void Printer::begin(const std::string &name) {
+    if (several_ && format_ == "json") fmt::print("{}\"{}\": ", tables_ == 0 ? "{" : ",\n", name);
+    if (several_ && format_ == "table") fmt::print("{}{}\n", tables_ == 0 ? "" : "\n", name);
+    ++tables_;
+    rows_ = 0;
+    widths_.clear();
+}
+
+void Printer::row(const Table &head, const std::vector<Value> &row) {
+    if (format_ == "json") {
+        fmt::print("{}{}", rows_ == 0 ? "[\n" : ",\n", jsonOf(head, row).dump());
+    } else if (format_ == "csv") {
+        fmt::print("{}{}", rows_ == 0 ? csvHead(head) : "", csvLine(head, row));
+    } else {
+        waiting_.push_back(row);
+        if (waiting_.size() == kMeasured) flush(head);
+    }
+    ++rows_;
+}
+
+void Printer::end(const Table &head) {
+    if (format_ == "json") fmt::print("{}{}", rows_ == 0 ? "[]" : "\n]", several_ ? "" : "\n");
+    if (format_ == "csv" && rows_ == 0) fmt::print("{}", csvHead(head));
+    if (format_ == "table" && rows_ == 0) fmt::print("none\n");
+    if (format_ == "table" && rows_ > 0) flush(head);
+}
+
+void Printer::finish() const {
+    if (format_ == "json" && several_) fmt::print("}}\n");
+}
+
+std::string Printer::csvHead(const Table &head) const { return (excel_ ? "\uFEFF" : "") + csvLine(head); }
+
+void Printer::flush(const Table &head) {
+    std::vector<std::vector<std::string>> lines;
+    if (widths_.empty()) lines.push_back(head.columns);
+    for (const auto &row : waiting_) {
+        auto &line = lines.emplace_back();
+        for (size_t i = 0; i < row.size(); ++i) line.push_back(cellText(row[i], head.numbers.at(i)));
+    }
+    waiting_.clear();
+    if (widths_.empty()) measure(lines);
+    for (const auto &line : lines) printLine(head, line);
+}
+
+void Printer::measure(const std::vector<std::vector<std::string>> &lines) {
+    widths_.resize(lines[0].size());
+    for (const auto &line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) widths_[i] = std::max(widths_[i], charactersOf(line[i]));
+    }
+}
+
+void Printer::printLine(const Table &head, const std::vector<std::string> &line) const {
+    std::string shown;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const size_t width = charactersOf(line[i]);
+        const std::string blanks(width < widths_[i] ? widths_[i] - width : 0, ' ');
+        shown += (i ? "  " : "") + (head.numbers.at(i) ? blanks + line[i] : line[i] + blanks);
+    }
+    fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
+}
+
+}  // namespace station

@@ -1,0 +1,36 @@
+#pragma once
+// Prints what a store answered: as a table, JSON or CSV.
+
+#include <string>
+#include <vector>
+
+#include "station/store/queries.h"
+
+namespace station {
+
+// Prints tables one after the other, a row as it comes, so that a million of them take no room.
+class Printer {
+public:
+    // `format`: "table", "json" or "csv"; `excel`: CSV begins with a byte order mark; `several`: each table is named.
+    Printer(const std::string &format, bool excel, bool several) : format_(format), excel_(excel), several_(several) {}
+
+    void begin(const std::string &name);
+    void row(const Table &head, const std::vector<Value> &row);
+    void end(const Table &head);
+    void finish() const;                   // after the last table
+    size_t rows() const { return rows_; }  // of this table
+
+private:
+    std::string csvHead(const Table &head) const;
+    void flush(const Table &head);
+    void measure(const std::vector<std::vector<std::string>> &lines);
+    void printLine(const Table &head, const std::vector<std::string> &line) const;
+
+    const std::string format_;
+    const bool excel_, several_;
+    size_t tables_ = 0, rows_ = 0;
+    std::vector<size_t> widths_;
+    std::vector<std::vector<Value>> waiting_;
+};
+
+}  // namespace station
