@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """usage: tests/station_attacks.py BUILD
 
-Attacks on a line of two cables, in networks of their own: what comes by one cable must not slow the other one down, use
-up descriptors, or hold up a stop; and surplus boards must not get a connection that is lost again.
+Attacks a line of two cables, in network namespaces. Traffic on one cable must not delay the other one, use up
+descriptors, or delay a stop. A surplus board must not get a connection that is then lost.
 """
 import contextlib, ctypes, os, select, signal, socket, subprocess, sys, tempfile, threading
 
@@ -12,7 +12,7 @@ if 'ATTACKS' not in os.environ:  # not yet in a network of its own
                {**os.environ, 'ATTACKS': '1'})
 
 STATION = ('192.168.1.2', 55688)
-PATIENCE = 120  # seconds, for what takes much less on a machine that has nothing else to do
+PATIENCE = 120  # seconds; on an idle machine everything takes much less
 PLAN = '[{send: PING, expect: PING 2, timeout: 5}, {send: BYE, expect: BYE, closes: true}]'
 REPLIES = {'QCSTATION': 'UNKNOWN', 'PING': 'PING 2', 'BYE': 'BYE'}
 libc = ctypes.CDLL(None)
@@ -30,7 +30,7 @@ class Cable:
         self.network = os.open(f'/proc/{self.holder.pid}/ns/net', os.O_RDONLY)
 
     def socket(self, ttl=64):
-        """A socket in the network at the cable's other end."""
+        """Returns a socket in the network at the other end of the cable."""
         libc.setns(self.network, 0)
         try: made = socket.socket()
         finally: libc.setns(home, 0)
@@ -38,7 +38,7 @@ class Cable:
         return made
 
     def board(self):
-        """Has a session, from the connection to its end."""
+        """Plays a board for one session."""
         while True:
             with self.socket() as board, contextlib.suppress(TimeoutError):
                 board.settimeout(0.2)  # much less than the kernel waits before it repeats an attempt
@@ -55,7 +55,7 @@ def serve(board):
 
 @contextlib.contextmanager
 def flood(cable, size, ttl, answer):
-    """Meanwhile so many connections are made again and again: they say nothing, or first pass for a board."""
+    """Keeps so many connections open, replacing those that end. They are silent, or first answer like a board."""
     over, begun = threading.Event(), threading.Event()
 
     def make():
@@ -89,13 +89,13 @@ def flood(cable, size, ttl, answer):
 
 
 def drops():
-    """How many segments the station's kernel has dropped for their time to live."""
+    """Returns how many segments the station's kernel has dropped because of their time to live."""
     with open('/proc/thread-self/net/netstat') as file: names, values = [line.split() for line in file][:2]
     return int(values[names.index('TCPMinTTLDrop')])
 
 
 def surplus(cable, station):
-    """While a place is busy, 200 boards get no connection; all of them are still there to come."""
+    """While a place is busy, 200 boards get no connection, and all of them keep trying."""
     with cable.socket() as first:
         first.settimeout(PATIENCE)
         first.connect(STATION)
@@ -114,13 +114,13 @@ def surplus(cable, station):
 
 
 def silent(cable, station):
-    """Silent strangers on one cable leave the other cable's boards alone."""
+    """Silent strangers on one cable do not delay the boards on the other."""
     with flood(cables[0], 1000, 64, False):
         for _ in range(20): cables[1].board()
 
 
 def impostors(cable, station):
-    """What passes for a board and passes the gate is kept to a few; and a stop ends all the same."""
+    """Of the strangers that answer like boards only a few are let in, and they do not delay a stop."""
     with flood(cables[0], 1000, 255, True):
         for _ in range(5): cables[1].board()
         held = len(os.listdir(f'/proc/{station.pid}/fd'))

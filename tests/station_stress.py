@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """usage: tests/station_stress.py [BOARDS]
 
-The station under ThreadSanitizer: BOARDS boards (600) at 8 places, while pages are watched and asked for, places are
-held and released, the line is read again, and the station is stopped and started. Ends with status 0 when the sanitizer
-has reported nothing, every board was served, and the station ended each time by itself. From the build in BUILD, in a
-network of its own.
+Runs the station under ThreadSanitizer: BOARDS boards (600) come to 8 places, while browsers watch the page and ask for
+others, places are held and released, the line's file is read again, and the station is stopped and started. Exits with
+0 if the sanitizer reported nothing, every board was served, and the station always ended by itself. BUILD names the
+build. All of it runs in a network namespace.
 """
 import glob, http.client, json, os, random, signal, socket, subprocess, sys, tempfile, threading, time
 
@@ -50,7 +50,7 @@ def page(method, path, body=None):
 
 
 def answer_all():
-    """Watches the stream of events, and answers what is asked."""
+    """Reads the stream of events, and answers the questions in it."""
     stream = page('GET', '/events')
     for _ in range(random.randrange(1, 60)):
         line = stream.readline()
@@ -74,7 +74,7 @@ def hold():
 
 
 def work():
-    """Puts in boards until there are none: one that the stop of a station interrupts comes again."""
+    """Puts in boards until all are done. A board that a stop has interrupted comes again."""
     for number in iter(lambda: next_board(), None):
         while not over.is_set() and not serve(number): pause()
         with lock: served.append(number)

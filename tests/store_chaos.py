@@ -1,16 +1,16 @@
 #!/usr/bin/python3
 """usage: tests/store_chaos.py BUILD SQLite|PostgreSQL
 
-Stations that share a store serve boards over real sockets, while they are killed at any moment, the store goes away and
-the disks of results and spool are full again and again. Afterwards the boards' own account, the stations' events, the
-store and the result files must agree, run by run. CHAOS says how many stations, boards of each, kills and absences;
-'8 64 200 10' takes some minutes.
+Stations that share a store serve boards over real sockets. Meanwhile they are killed at any moment, the store goes away,
+and the disks of results and spool fill up, again and again. In the end the boards' own notes, the stations' events, the
+store and the result files must agree on every run. CHAOS gives the numbers of stations, boards per station, kills and
+absences of the store; '8 64 200 10' takes some minutes.
 """
 import asyncio, collections, csv, glob, json, os, random, shutil, signal, socket, sqlite3, subprocess, sys, tempfile
 
 QCSTATION, SHARED = os.path.abspath(sys.argv[1]) + '/qcstation', sys.argv[2] == 'PostgreSQL'
 STATIONS, BOARDS, KILLS, ABSENCES = map(int, os.environ.get('CHAOS', '2 6 5 1').split())
-DISKS = not (SHARED and os.getuid())  # that can be filled: mounts of its own, within which only root has a server
+DISKS = not (SHARED and os.getuid())  # can disks be filled? That takes mounts of our own; there PostgreSQL needs root
 if DISKS and 'CHAOS_INSIDE' not in os.environ:
     os.environ['CHAOS_INSIDE'] = 'yes'
     os.execvp('unshare', ['unshare', '-m', *(['-r'] if os.getuid() else []), sys.executable, *sys.argv])
@@ -26,7 +26,7 @@ os.chmod(folder, 0o755)  # the server is not root
 store = f'postgresql:///postgres?host={folder}/server&user=station' if SHARED else folder + '/line.db'
 with socket.create_server(('127.0.0.1', 0)) as free: port = free.getsockname()[1]
 Visit = collections.namedtuple('Visit', 'serial peer commands')
-visits, stations, begun, database, over = [], {}, {}, None, False  # of the visits those that became runs
+visits, stations, begun, database, over = [], {}, {}, None, False  # visits: only those that became runs
 
 
 def ask(sql):
@@ -35,7 +35,7 @@ def ask(sql):
 
 
 def go_away():
-    """Of SQLite, somebody takes the file for himself."""
+    """Takes the store away: another process locks the SQLite file, or PostgreSQL stops."""
     global database
     if SHARED: return database.send_signal(random.choice([signal.SIGINT, signal.SIGQUIT])) or database.wait()
     database = sqlite3.connect(store, timeout=60, isolation_level=None, check_same_thread=False)
@@ -72,7 +72,7 @@ def has(number, event):
 
 
 async def board(here, there):
-    """Comes as some unit again and again, and writes down what it was sent."""
+    """Plays a board that comes again and again, each time as some unit, and notes what it was sent."""
     while not over:
         await asyncio.sleep(random.uniform(0, 0.3))
         try:
@@ -116,7 +116,7 @@ async def chaos():
     over = True
     for station in stations.values(): station.terminate()
     await asyncio.gather(*boards, *(asyncio.to_thread(station.wait) for station in stations.values()))
-    for number in stations:  # what the store could not take in the end is in the spool for the next start
+    for number in stations:  # the next start writes what is left in the spool
         begin(number)
         while not has(number, 'line_starts'): await asyncio.sleep(0.1)
         stations[number].terminate()
@@ -124,7 +124,7 @@ async def chaos():
 
 
 def judge_files(verdicts, steps):
-    """Store and result files are about the same runs, and say the same of each."""
+    """Store and result files have the same runs, with the same content."""
     left = dict(verdicts)
     for name in glob.glob(folder + '/*/results/*.json'):
         with open(name) as file: record = json.load(file)
