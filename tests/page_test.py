@@ -146,7 +146,7 @@ class Page(unittest.TestCase):
         Board(2, PING='PING <script>document.title="taken"</script>')
         self.sees(2, 'Scan the label')
         self.type('no!', Keys.ENTER)
-        self.until(lambda: 'expected a match' in self.notice())
+        self.until(lambda: 'does not look right' in self.notice())
         self.type(Keys.TAB)
         self.asked('board 2')
         self.type('<script>alert(1)</script>', Keys.ENTER)

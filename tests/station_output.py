@@ -103,6 +103,16 @@ def check_questions(folder):
     assert set(units.values()) == {"SN1", "SN2"}, units
 
 
+def check_unanswered(folder):
+    """A plan that asks does not start where nobody can answer."""
+    with open(f"{folder}/serve.yaml", "w") as file:
+        file.write("{places: 1, plan: question.yaml}")
+    for command in words(folder, "question", 1, "--json"), words(folder, "question", 1), \
+            [QCSTATION, "serve", f"{folder}/serve.yaml"]:
+        ended = subprocess.run(command, capture_output=True, text=True, timeout=60)
+        assert ended.returncode == 2 and "give the line a page" in ended.stderr, ended
+
+
 def line_of(folder, plan, **how):
     """Starts a line of one place. Returns the process and its port."""
     with open(f"{folder}/serve.yaml", "w") as file:
@@ -229,5 +239,6 @@ with tempfile.TemporaryDirectory() as scratch:
         payload.truncate(16 << 20)
     with open(f"{scratch}/slow.yaml", "w") as plan:
         plan.write("[{send: PING, expect: PING 2, timeout: 3600}]")
-    for check in check_schemas, check_questions, check_terminal, check_unread_output, check_signals, check_examples:
+    for check in (check_schemas, check_questions, check_unanswered, check_terminal, check_unread_output, check_signals,
+                  check_examples):
         check(scratch)

@@ -183,8 +183,8 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is no MAC address"},
         {"- {send: 'MAC 01:00:00:00:00:01', expect: MAC 4}", "1:10: no board may have the MAC address"},
         {"- {send: 'MAC {mac}', expect: MAC 4}", "1:10: {mac} is taken for a unit"},
-        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC 4}", "2:10: as many addresses are taken"},
-        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', expect: MAC 257}", "2:10: as many addresses are taken"},
+        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC 4}", "2:10: how many addresses are taken?"},
+        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', expect: MAC 257}", "2:10: how many addresses are taken?"},
         {"- {send: 'COUNTRY de', expect: OK}", "1:10: \"de\" is no country code"},
         {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}", "at most 64"},
         // Names, and what fills them.
@@ -219,6 +219,13 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
+        {"- {send: 'X {line}', expect: X, take: 2}", "1:39: \"take\" needs a text that names a pool"},
+        {"- {ask: mac, prompt: S}\n- {send: 'X {mac}', expect: X}", "2:10: {mac} is a variable and a pool"},
+        {"- {ask: Run, prompt: S}", "1:9: the station sets QC_Run itself"},
+        {"- {send: PING, match: '(?P<VERDICT>.)'}", "1:23: the station sets QC_VERDICT itself"},
+        {"- {send: PING, match: '(?P<1>.)'}", "1:23: \"1\" is not a name"},
+        {"- {send: PING, expect: OK, hint: 'see }'}", "1:34: '}' that is no {name}"},
+        {"- {send: PING, reconnect: true, problem: X}", "1:42: a problem is said when"},
         // Files.
         {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, say \"empty: true\""},
         {"- {verify: five, partition: 1, sha256: 6994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5}",
@@ -231,6 +238,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {run: x, image: five}", "1:12: unknown key \"image\" in a \"run\" step"},
         {"- {send: BYE, expect: BYE}\n- {run: x}\n- {send: X, expect: X}", "3:3: the session has ended"},
         // Nothing.
+        {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC, take: 4, hint: 'see {x}'}", "="},
         {"- {verify: five, partition: 1, sha256: 5994471ABB01112AFCC18159F6CC74B4F511B99806DA59B3CAF5A9C173CACFC5}",
          "="},
         {"- {verify: empty, partition: 1, empty: true}", "="},
@@ -404,7 +412,16 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: BYE, expect: BYE|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
         {"send: X, match: 'v=(?P<v>.*)', limits: {v: {max: 2.5, unit: V}}|send: 'X {v}', expect: '{{{v}}}'",
          "v=2.75;{2.75}", "FP", "X;X 2.75", "v is 2.75 V, above 2.5"},
-        {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X", "got \"b\""},
+        {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X",
+         "\"b\" is not what the plan expects"},
+        {"send: X, match: 'v=(?P<v>.)', hint: 'look at {v} and {w}', limits: {v: {max: 2}}|send: X, expect: X", "v=3;X",
+         "FP", "X;X", "-> look at 3 and {w}"},
+        {"send: X, match: 'a', problem: 'no {{light}}'", "b", "F", "X", "no {light}"},
+        {"script: script, output: \"1\\n2\\n3\\n\"", "1\n3\n", "F", "exit", "line 2: expected \"2\n\", got \"3\n\""},
+        {"script: script, output: \"1\\n2\"", "1\n2\n", "F", "exit", "line 2: expected \"2\", got \"2\n\""},
+        {"script: script, match: 'x'", "1\n2\n", "F", "exit", "\"1...\" is not what the plan expects"},
+        {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', match: MAC, take: 3", "MAC 2", "PP",
+         "S?;S!;3 pool of unit-7;MAC 02:00:00:00:00:01", ""},
         {"send: REBOOT, reconnect: true|send: PING, expect: PING 2", ";PING 2", "PP", "REBOOT;PING", ""},
         {"ask: mac, prompt: A|send: 'MAC {mac}', expect: MAC 4|send: X, expect: X", "X", "PFP", "A?;X",
          "not sent: \"oops\" is no MAC address"},
@@ -459,7 +476,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         std::string verdicts, failure;
         for (const auto &step : run.steps) {
             verdicts += "-PF"[static_cast<size_t>(step.verdict)];
-            failure = failure.empty() ? step.failure : failure;
+            if (failure.empty() && !step.passed())
+                failure = step.failure + (step.hint.empty() ? "" : " -> " + step.hint);
         }
         EXPECT_EQ(verdicts, test.verdicts) << text;
         EXPECT_EQ(line.happened, *test.happened == '\0' ? "" : test.happened + ";"s) << text;

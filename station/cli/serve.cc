@@ -23,8 +23,9 @@ std::shared_ptr<const Job> jobOf(const LineFile &line) {
 }
 
 // Reads the line's file again. When the new one is wrong the old one stays.
-Reload reload(const std::string &path, const LineFile &old) try {
+Reload reload(const std::string &path, const LineFile &old, bool json) try {
     const LineFile line = loadLine(path, poolNames);
+    needAnswers(line.plan, old.page.has_value(), json);
     Reload found{jobOf(line), {}};
     if (!line.sameStation(old)) {
         found.troubles.push_back(path + ": address, places, records and page change at the next start only");
@@ -57,6 +58,7 @@ int serve(const std::string &path, bool json) {
     const std::optional<LineFile> found = awaitLine(path, console);
     if (!found) return kPassed;
     const LineFile &line = *found;
+    needAnswers(line.plan, line.page.has_value(), json);
     warn(line.plan);
     const auto records = recordsIn(line.results.string(), line.store, line.spool);
     std::vector<Listener> listeners = listenAt(line.address, line.port, line.cables, true);
@@ -76,7 +78,7 @@ int serve(const std::string &path, bool json) {
                   [&](const Outcome &outcome) {
                       return fmt::format("line {}: {} boards, {} failed\n", path, outcome.runs, outcome.failed);
                   },
-              .reload = [path, old = line] { return reload(path, old); },
+              .reload = [path, old = line, json] { return reload(path, old, json); },
               .page = page.get()});
     // That boards fail is a line's daily business, and to be stopped is how it ends.
     return code == kFailed ? kPassed : code;

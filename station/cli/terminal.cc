@@ -101,7 +101,8 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
         if (asking_ != 0 && asking_ != place) throw std::runtime_error("the operator did not answer in time");
         asking_ = place;
         tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before belongs to no question
-        prompt_ = fmt::format("{}: {}{} > ", nameOf(run.place), problem.empty() ? "" : oneLine(problem) + ". ",
+        prompt_ = fmt::format("{}: {}{} > ", nameOf(run.place),
+                              problem.empty() ? "" : oneLine(problem) + (problem.ends_with('.') ? " " : ". "),
                               oneLine(prompt));
         output_.put("\r\033[K" + prompt_);
     }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
@@ -143,6 +144,16 @@ std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string 
     if (store.empty() && files) return files;
     if (store.empty()) return std::make_unique<Records>();
     return std::make_unique<StoreRecords>(store, spool.empty() ? defaultSpool(store) : spool, std::move(files));
+}
+
+void needAnswers(const Plan &plan, bool page, bool json) {
+    if (page || (!json && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0)) return;
+    const auto asks = [](const Step &step) { return step.kind == Kind::kAsk; };
+    if (std::none_of(plan.steps.begin(), plan.steps.end(), asks)) return;
+    throw PlanError(
+        fmt::format("the plan {} asks, and nobody can answer: give the line a page, or start the station on a"
+                    " terminal, without --json",
+                    plan.name));
 }
 
 void warn(const Plan &plan) {

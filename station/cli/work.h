@@ -56,6 +56,9 @@ std::vector<Listener> listenAt(const std::string &address, uint16_t port, const 
 std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,
                                    const std::filesystem::path &spool = {});
 
+// Throws PlanError when the plan asks, and nobody can answer: no page, no terminal, or one that --json takes.
+void needAnswers(const Plan &plan, bool page, bool json);
+
 // Prints what a plan may do, but hardly means.
 void warn(const Plan &plan);
 

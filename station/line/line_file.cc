@@ -113,7 +113,8 @@ void readHook(Draft &draft, Hook &hook, const Entry &value) {
 
 void readVariables(Draft &draft, const Entry &value) {
     eachEntry(value.node, "names and values", draft.faults, [&](const Entry &name, const Entry &text) {
-        if (!isName(name.text())) name.fail("a name is a letter or '_', then letters, digits and '_'");
+        if (const std::string fault = faultOfName(name.text()); !fault.empty()) name.fail(fault);
+        if (name.text() == "serial") name.fail("every board would be this unit: let a step find its serial number");
         if (text.line().size() > kLongestValue) text.fail(fmt::format("a value has at most {} bytes", kLongestValue));
         draft.line.variables[name.text()] = text.line();
     });

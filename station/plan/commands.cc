@@ -4,6 +4,7 @@
 #include <re2/re2.h>
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
 
 #include "station/base/mac.h"
@@ -95,6 +96,14 @@ std::string faultOf(const Command &command) {
 }
 
 Role roleOf(std::string_view command) { return rowOf(command).role; }
+int addressesIn(std::string_view command, std::string_view reply) {
+    const Row &row = rowOf(command);
+    if (row.role != Role::kAddress) return 1;
+    int count = 0;
+    if (reply.starts_with(row.word)) std::from_chars(&reply[row.word.size()], reply.data() + reply.size(), count);
+    return count;
+}
+
 int partitionOf(std::string_view command) { return rowOf(command).partition; }
 bool takesLong(std::string_view command) { return rowOf(command).takesLong; }
 

@@ -25,6 +25,10 @@ std::string faultOf(const Command &command);
 
 Role roleOf(std::string_view command);
 
+// How many addresses the board programs, as its reply to the command says; 0: the reply does not say. 1 for commands
+// that program none.
+int addressesIn(std::string_view command, std::string_view reply);
+
 // The number of the MTD partition that it writes, 0 for none that is known.
 int partitionOf(std::string_view command);
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <re2/re2.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
@@ -26,6 +27,31 @@ Variables examples(const std::set<std::string> &names) {
     Variables values;
     for (const std::string &name : names) values.emplace(name, "x");
     return values;
+}
+
+// Returns the line of a text in which the byte is, with its end.
+std::string lineAt(const std::string &text, size_t at) {
+    const size_t before = at == 0 ? std::string::npos : text.rfind('\n', at - 1);
+    const size_t start = before == std::string::npos ? 0 : before + 1;
+    const size_t end = text.find('\n', start);
+    return text.substr(start, end == std::string::npos ? end : end - start + 1);
+}
+
+// Says what differs first: of several lines the line.
+std::string difference(const std::string &expected, const std::string &actual) {
+    const auto differ = std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
+    const auto line = 1 + std::count(expected.begin(), differ.first, '\n');
+    const auto at = static_cast<size_t>(differ.first - expected.begin());
+    const bool several = (expected + actual).find('\n') != std::string::npos;
+    return fmt::format("{}expected \"{}\", got \"{}\"", several ? fmt::format("line {}: ", line) : "",
+                       shorten(lineAt(expected, at), kQuoted), shorten(lineAt(actual, at), kQuoted));
+}
+
+// Quotes the first line: a report's says what failed.
+std::string unexpected(const std::string &actual) {
+    const std::string line = actual.substr(0, actual.find('\n'));
+    return fmt::format("\"{}{}\" is not what the plan expects", shorten(line, kQuoted),
+                       actual.size() > line.size() + 1 ? "..." : "");
 }
 
 }  // namespace
@@ -62,14 +88,15 @@ Expectation Expectation::with(const Variables &variables) const {
     Expectation ready;
     if (text) ready.text = expand(*text, variables);
     if (match) ready.match = match->with(variables);
+    ready.problem = expand(problem, variables);
     return ready;
 }
 
 std::string Expectation::judge(const std::string &actual, Variables &groups) const {
-    if (text && actual != *text) return fmt::format("expected \"{}\", got \"{}\"", *text, shorten(actual, kQuoted));
+    if (text && actual != *text) return problem.empty() ? difference(*text, actual) : problem;
     if (!match) return {};
     std::optional<Variables> found = match->find(actual);
-    if (!found) return fmt::format("expected a match of \"{}\", got \"{}\"", match->text(), shorten(actual, kQuoted));
+    if (!found) return problem.empty() ? unexpected(actual) : problem;
     groups = std::move(*found);
     return {};
 }

@@ -44,6 +44,7 @@ constexpr size_t kQuoted = 400;
 struct Expectation {
     std::optional<std::string> text;
     std::optional<Expression> match;
+    std::string problem = {};  // what people read when it is not met, with {name}; empty: what differs
 
     explicit operator bool() const { return text || match; }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 
 #include "image/firmware_image.h"
 #include "station/base/digest.h"
@@ -35,6 +34,7 @@ struct Draft {
     bool timed = false;
     std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
     std::vector<PlanFile> files = {};
+    int take = 0;             // rows of each pool; 0: as many as the step needs
     std::string sha256 = {};  // that its files must have; empty: any
     bool empty = false;       // they may be empty
 
@@ -67,9 +67,8 @@ const Payload &payloadAt(Loader &loader, const Entry &value) {
     }
 }
 
-std::string nameIn(const Entry &value) {
-    if (!isName(value.text())) value.fail("a name has letters, digits and '_', and begins with no digit");
-    return value.text();
+void checkName(const std::string &name, const Entry &value) {
+    if (const std::string fault = faultOfName(name); !fault.empty()) value.fail(fault);
 }
 
 // Notes the names in a text, or in an expression.
@@ -92,6 +91,16 @@ void readPrompt(Draft &draft, const Entry &value) {
     draft.step.prompt = value.line();
 }
 
+void readProblem(Draft &draft, const Entry &value) {
+    noteNames(draft, value, namesIn);
+    draft.step.expected.problem = value.line();
+}
+
+void readAsk(Draft &draft, const Entry &value) {
+    checkName(value.text(), value);
+    draft.step.ask = value.text();
+}
+
 // The shell reads braces itself, and a value in its text could be a command: it finds the variables in its environment.
 void readRun(Draft &draft, const Entry &value) {
     draft.step.run = value.text();
@@ -100,6 +109,8 @@ void readRun(Draft &draft, const Entry &value) {
 
 const Payload &addFile(Draft &draft, const Entry &value) {
     const Payload &file = payloadAt(draft.loader, value);
+    const auto same = [&](const PlanFile &known) { return known.name == value.text(); };
+    if (std::any_of(draft.files.begin(), draft.files.end(), same)) return file;
     draft.files.push_back({0, value.text(), file.bytes->size(), file.sha256});
     return file;
 }
@@ -138,6 +149,7 @@ void readMatch(Draft &draft, const Entry &value) {
     noteNames(draft, value, namesInExpression);
     try {
         draft.step.expected.match.emplace(value.text());
+        for (const std::string &group : draft.step.expected.match->groups()) checkName(group, value);
     } catch (const std::invalid_argument &error) {
         value.fail(error.what());
     }
@@ -157,7 +169,7 @@ const Keys<Limit> kLimitKeys = {
 void readLimits(Draft &draft, const Entry &value) {
     std::vector<Fault> &faults = draft.loader.faults;
     eachEntry(value.node, "named groups", faults, [&](const Entry &group, const Entry &keys) {
-        Limit limit{nameIn(group), {}, {}, {}};
+        Limit limit{group.text(), {}, {}, {}};
         readMap(keys.node, kLimitKeys, "in a limit", limit, faults);
         if (limit.min && limit.max && *limit.min > *limit.max) keys.fail("\"min\" is above \"max\"");
         draft.step.limits.push_back(std::move(limit));
@@ -169,9 +181,12 @@ void readFlag(Draft &draft, const Entry &value) {
     draft.step.*Flag = value.flag();
 }
 
+// A text for people, whose names are filled in as far as they are known.
 template <std::string Step::*Text>
-void readLine(Draft &draft, const Entry &value) {
-    draft.step.*Text = value.line();
+void readShown(Draft &draft, const Entry &value) try {
+    namesIn(draft.step.*Text = value.line());
+} catch (const std::invalid_argument &error) {
+    value.fail(error.what());
 }
 
 template <int Step::*Number, int Least, int Most>
@@ -198,8 +213,12 @@ Keys<Draft> join(Keys<Draft> keys, const Keys<Draft> &more) {
 }
 
 const Keys<Draft> kEveryStep = {
-    {"name", readLine<&Step::name>},         {"hint", readLine<&Step::hint>},     {"timeout", readTimeout},
-    {"required", readFlag<&Step::required>}, {"always", readFlag<&Step::always>},
+    {"name", readShown<&Step::name>},
+    {"hint", readShown<&Step::hint>},
+    {"timeout", readTimeout},
+    {"required", readFlag<&Step::required>},
+    {"always", readFlag<&Step::always>},
+    {"take", [](Draft &draft, const Entry &value) { draft.take = value.whole(1, kMostTaken); }},
 };
 
 const Keys<Draft> kRepeated =
@@ -210,7 +229,7 @@ const Keys<Draft> kOnBoard =
                                                                     }}});
 const Keys<Draft>::value_type kReconnect = {"reconnect", readFlag<&Step::reconnect>};
 
-const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}};
+const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}, {"problem", readProblem}};
 
 const Keys<Draft> kPrinting = {{"output", readText}, {"status", readWhole<&Step::status, 0, 255>}};
 
@@ -239,8 +258,7 @@ const std::array<KindOfStep, 5> kKinds = {{
                      {"partition", readWhole<&Step::partition, 0, 1000>},
                      {"erased", readFlag<&Step::erased>}})},
     {"ask", false, [](const Step &step, const Variables &) { return "ask " + step.ask; },
-     join(join(kEveryStep, kJudged),
-          {{"ask", [](Draft &draft, const Entry &value) { draft.step.ask = nameIn(value); }}, {"prompt", readPrompt}})},
+     join(join(kEveryStep, kJudged), {{"ask", readAsk}, {"prompt", readPrompt}})},
     // Of the command only its first word: what follows may be a password.
     {"run", false,
      [](const Step &step, const Variables &) { return "run " + step.run.substr(0, step.run.find_first_of(" \n")); },
@@ -275,6 +293,8 @@ constexpr Rule kRules[] = {
     {"", [](const Step &step) { return step.kind == Kind::kCommand && !step.expected && !step.reconnect; },
      "a command needs \"expect\" or \"match\""},
     {"", [](const Step &step) { return step.kind == Kind::kAsk && step.prompt.empty(); }, "\"ask\" needs \"prompt\""},
+    {"problem", [](const Step &step) { return !step.expected.problem.empty() && !step.expected; },
+     "a problem is said when a \"match\" or a text is not met: the step has none"},
     {"bare", [](const Step &step) { return step.bare && step.file; },
      "the board would take the payload for a part of a bare command"},
     {"retries",
@@ -290,25 +310,18 @@ constexpr Rule kRules[] = {
      "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
 };
 
-// How many addresses "MAC" needs, as its reply says; 0 when the plan does not say.
-int slotsOf(const Step &step) {
-    const std::string reply = step.expected.text.value_or("");
-    int slots = 0;
-    if (reply.starts_with("MAC ")) std::from_chars(reply.data() + 4, reply.data() + reply.size(), slots);
-    return slots;
-}
-
 // Returns the fault, empty for none.
 std::string takeFrom(Draft &draft, const std::string &pool) {
     Loader &loader = draft.loader;
     if (!loader.names.variables.contains("serial")) {
         return fmt::format("{{{}}} is taken for a unit: no step before says its {{serial}}", pool);
     }
-    const bool programs = draft.step.send.starts_with("MAC ");
-    const int count = programs ? slotsOf(draft.step) : 1;
+    const int needed = addressesIn(draft.step.send, draft.step.expected.text.value_or(""));
+    const int count = draft.take > 0 ? draft.take : needed;
     if (count < 1 || count > kMostTaken) {
-        return fmt::format(
-            "as many addresses are taken as the board has slots: it needs \"expect: MAC NUMBER\", 1 to {}", kMostTaken);
+        return fmt::format("how many addresses are taken? Say \"take\", or \"expect\" the reply with their number,"
+                           " 1 to {}",
+                           kMostTaken);
     }
     draft.step.takes.push_back({pool, count});
     loader.taken[pool] = std::max(loader.taken[pool], count);
@@ -318,8 +331,10 @@ std::string takeFrom(Draft &draft, const std::string &pool) {
 // Returns what is wrong with {name} in a text of the step, empty for nothing.
 std::string resolve(Draft &draft, const std::string &name) {
     const Names &names = draft.loader.names;
-    if (draft.step.known.contains(name) || names.variables.contains(name)) return {};
-    if (names.pools.contains(name)) return takeFrom(draft, name);
+    const bool pool = names.pools.contains(name), variable = names.variables.contains(name);
+    if (pool && variable) return fmt::format("{{{}}} is a variable and a pool of the line's store: rename one", name);
+    if (draft.step.known.contains(name) || variable) return {};
+    if (pool) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
     return fmt::format("nothing fills {{{}}}: no step before, nothing of the line, no pool of its store", name);
 }
@@ -356,6 +371,8 @@ void completeStep(Draft &draft) {
     for (const auto &[name, mark] : draft.names) {
         if (const std::string fault = resolve(draft, name); !fault.empty()) faults.push_back({mark, fault});
     }
+    if (draft.take > 0 && draft.step.takes.empty())
+        faults.push_back({draft.mark("take"), "\"take\" needs a text that names a pool, as {mac}"});
     if (const std::string fault = faultOfSend(draft.step); !fault.empty())
         faults.push_back({draft.mark("send"), fault});
 }
@@ -460,7 +477,7 @@ void finishPlan(Loader &loader) {
 bool Step::needsBoard() const { return kKinds[static_cast<size_t>(kind)].needsBoard; }
 
 std::string Step::title(const Variables &variables) const {
-    return name.empty() ? kKinds[static_cast<size_t>(kind)].title(*this, variables) : name;
+    return name.empty() ? kKinds[static_cast<size_t>(kind)].title(*this, variables) : fill(name, variables);
 }
 
 Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {

@@ -21,14 +21,13 @@ using Replace = std::function<std::string(const std::string &name)>;
 const RE2 kInText(R"(\{([A-Za-z_][A-Za-z0-9_]*)\}|(\{\{|\}\})|([^{}]+))", RE2::Latin1);
 const RE2 kInExpression(R"((?s)\{([A-Za-z_][A-Za-z0-9_]*)\}|([^\x00-\xFF])|(\\[pPx]\{[^}]*\}|\\.|.))", RE2::Latin1);
 
-// `keep`: two braces stay two, for another turn.
-std::string replaceIn(const std::string &text, const RE2 &piece, bool keep, const Replace &replace) {
+std::string replaceIn(const std::string &text, const RE2 &piece, const Replace &replace) {
     std::string result, name, braces, plain;
     for (re2::StringPiece rest(text); !rest.empty();) {
         if (!RE2::Consume(&rest, piece, &name, &braces, &plain)) {
             throw std::invalid_argument(fmt::format("'{0}' that is no {{name}}; write '{0}{0}' for a brace", rest[0]));
         }
-        result += plain + braces.substr(keep ? 0 : braces.size() / 2) + (name.empty() ? "" : replace(name));
+        result += plain + braces.substr(braces.size() / 2) + (name.empty() ? "" : replace(name));
     }
     return result;
 }
@@ -56,16 +55,16 @@ std::string faultOfName(std::string_view name) {
 
 std::set<std::string> namesIn(const std::string &text) {
     std::set<std::string> names;
-    replaceIn(text, kInText, false, [&](const std::string &name) { return *names.insert(name).first; });
+    replaceIn(text, kInText, [&](const std::string &name) { return *names.insert(name).first; });
     return names;
 }
 
 std::string expand(const std::string &text, const Variables &variables) {
-    return replaceIn(text, kInText, false, [&](const std::string &name) { return valueOf(name, variables); });
+    return replaceIn(text, kInText, [&](const std::string &name) { return valueOf(name, variables); });
 }
 
 std::string fill(const std::string &text, const Variables &variables) {
-    return replaceIn(text, kInText, true, [&](const std::string &name) {
+    return replaceIn(text, kInText, [&](const std::string &name) {
         const auto found = variables.find(name);
         return found == variables.end() ? "{" + name + "}" : found->second;
     });
@@ -73,12 +72,12 @@ std::string fill(const std::string &text, const Variables &variables) {
 
 std::set<std::string> namesInExpression(const std::string &text) {
     std::set<std::string> names;
-    replaceIn(text, kInExpression, false, [&](const std::string &name) { return *names.insert(name).first; });
+    replaceIn(text, kInExpression, [&](const std::string &name) { return *names.insert(name).first; });
     return names;
 }
 
 std::string expandExpression(const std::string &text, const Variables &variables) {
-    return replaceIn(text, kInExpression, false,
+    return replaceIn(text, kInExpression,
                      [&](const std::string &name) { return RE2::QuoteMeta(valueOf(name, variables)); });
 }
 

@@ -29,7 +29,7 @@ std::set<std::string> namesIn(const std::string &text);
 // The text with each {name} replaced by its value. Throws std::invalid_argument, also for a name without a value.
 std::string expand(const std::string &text, const Variables &variables);
 
-// Replaces the names that have a value; everything else, {{ and }} too, stays as it is, for expand.
+// The same for people: a name without a value stays as it is.
 std::string fill(const std::string &text, const Variables &variables);
 
 // The same for regular expressions, where {2,3}, \{name} and \x{7F} are the expression's own and {{ is nothing special:

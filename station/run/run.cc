@@ -74,12 +74,18 @@ void take(const Attempt &attempt) {
     }
 }
 
+// Returns what the step's texts may name.
+Variables valuesOf(const Step &step, const RunRecord &run) {
+    Variables values = step.known;
+    values.insert(run.variables.begin(), run.variables.end());
+    return values;
+}
+
 // Fills in the step's texts, and checks the command again, which is complete now.
 void prepare(Attempt &attempt) {
     const Step &step = attempt.step;
     take(attempt);
-    Variables values = step.known;
-    values.insert(attempt.course.run.variables.begin(), attempt.course.run.variables.end());
+    const Variables values = valuesOf(step, attempt.course.run);
     attempt.result.title = step.title(values);
     attempt.command = expand(step.send, values);
     attempt.prompt = expand(step.prompt, values);
@@ -204,6 +210,10 @@ void runAsk(Attempt &attempt) {
         result.reply = trim(context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
                                                   attempt.deadline, [&] { return reasonNotToAsk(attempt.course); }));
         attempt.judge(result.reply);
+        if (!result.failure.empty() && attempt.expected.problem.empty()) {
+            result.failure =
+                fmt::format("\"{}\" does not look right: scan or type it again", shorten(result.reply, kQuoted));
+        }
         problem = result.reply.empty() ? "an answer is needed" : std::exchange(result.failure, "");
         if (problem.empty() && attempt.step.ask == kUnit)
             problem = nameUnit(attempt.course, result.reply, &unconfirmed);
@@ -317,6 +327,9 @@ void runStep(Course &course, size_t index) {
              !context.stop.requested());
     result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
     result.duration = since(start);
+    const Variables values = valuesOf(step, course.run);  // with what it has found
+    result.title = step.title(values);
+    result.hint = fill(step.hint, values);
     context.observer.stepEnds(course.run, index);
     context.records.stepEnded(course.run, index);
 }

@@ -45,11 +45,8 @@ std::string unknown(const std::string &name) {
 
 // The pool of this name and kind, made if need be.
 Pool openPool(Database &database, const std::string &name, const std::string &kind, int low) {
-    if (!isName(name) && !findPool(database, name)) {
-        throw Refusal(fmt::format("\"{}\" cannot be a pool's name, as a plan could not ask for it: use letters, digits"
-                                  " and _",
-                                  name));
-    }
+    const std::string fault = faultOfName(name);
+    if (!fault.empty() && !findPool(database, name)) throw Refusal("a plan cannot ask for this pool: " + fault);
     database.queue("INSERT INTO pools (name, kind, low) VALUES ($1, $2, $3) ON CONFLICT (name) DO NOTHING",
                    {name, kind, number(kLow)});
     Pool pool = *findPool(database, name);
