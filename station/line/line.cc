@@ -36,6 +36,7 @@ struct Line::Gate {
     std::thread thread;
     Clock::time_point looked;               // its thread's: at the cable
     bool plugged = true;                    // its thread's: the interface is there
+    bool powered = false;                   // its thread's: the interface has a carrier
     std::optional<Clock::time_point> last;  // its thread's: nobody is let in from then on
     size_t expected = 0;                    // guarded by the line's mutex: boards that are likely to get a place
 };
@@ -287,10 +288,13 @@ void Line::watchCable(Gate &gate) {
     Seat &seat = *gate.seats.front();
     const bool plugged = listener.renew();
     if (std::exchange(gate.plugged, plugged) != plugged) {
-        context_.observer.trouble(fmt::format("place {}: its interface {}", seat.place.name,
-                                              plugged ? "is there" : "is not there, or has no address"));
+        context_.observer.placeBlocked(
+            seat.place,
+            plugged ? "" : fmt::format("the interface {} is missing, or has no address", listener.interface()));
     }
-    if (hasCarrier(listener.interface())) return;
+    const bool powered = hasCarrier(listener.interface());
+    if (std::exchange(gate.powered, powered) != powered) context_.observer.placePowered(seat.place, powered);
+    if (powered) return;
     {
         const Lock lock(mutex_);
         if (seat.busy || !std::exchange(seat.verdict, false)) return;
@@ -341,6 +345,7 @@ bool Line::begin(const RunRecord &run) {
     for (;;) {
         try {
             context_.records.begins(run);
+            if (!told.empty()) context_.observer.lineWaits(context_.records.away());
             context_.observer.boardConnects(run);
             return true;
         } catch (const RecordsError &error) {

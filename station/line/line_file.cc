@@ -161,6 +161,8 @@ const Keys<PageSettings> kPageKeys = {
     {"listen", readPageListen},
     {"token", readToken},
     {"shifts", readShifts},
+    {"target", [](PageSettings &page, const Entry &value) { page.target = static_cast<int>(value.whole(1, 100000)); }},
+    {"language", [](PageSettings &page, const Entry &value) { page.language = value.line(); }},
 };
 
 // Where it listens, or a map.
@@ -170,6 +172,7 @@ void readPage(Draft &draft, const Entry &value) {
         readPageListen(page, value);
     } else {
         readMap(value.node, kPageKeys, "of the page", page, draft.faults);
+        if (page.language.ends_with(".json")) page.language = draft.folder / page.language;
         if (!value.node["listen"]) value.fail("the page needs \"listen\"");
     }
     if (!page.address.starts_with("127.") && page.token.empty()) {

@@ -23,6 +23,10 @@ struct PageSettings {
     // When the shifts begin, in minutes of the day.
     std::vector<int> shifts = {6 * 60, 14 * 60, 22 * 60};
 
+    int target = 0;  // units per hour; 0: none
+    // Of the operator's page: "de", "en", "zh", or a file of words, NAME.json.
+    std::string language = "en";
+
     bool operator==(const PageSettings &) const = default;
 };
 

@@ -11,8 +11,19 @@ namespace station {
 namespace {
 
 constexpr size_t kTroublesShown = 3;
+constexpr std::chrono::minutes kTroubleShown{30};
+constexpr size_t kReplyShown = 160;  // bytes
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// A step that has ended, for whoever looks at its place.
+Json endedStep(const StepResult &step) {
+    Json json = toJson(step);
+    json["title"] = oneLine(step.title);
+    json["reply"] = shorten(oneLine(step.reply), kReplyShown);
+    if (!step.failure.empty()) json["failure"] = oneLine(step.failure);
+    return json;
+}
 
 // What went wrong first, and what to do about it.
 Json failureOf(const RunRecord &run) {
@@ -34,7 +45,6 @@ void Floor::change(const Place &place, const Change &apply) {
         apply(tile);
         tile.json["number"] = place.number;
         tile.json["name"] = nameOf(place);
-        tile.json["held"] = tile.held;
         tile.version = ++version_;
     }
     changed_();
@@ -58,6 +68,8 @@ void Floor::boardConnects(const RunRecord &run) {
     change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json = {{"stage", "running"}, {"unit", oneLine(run.unit)}, {"steps", run.steps.size()}, {"step", 0}};
         tile.runs = true;
+        tile.marks = std::string(run.steps.size(), '.');
+        tile.steps = Json::array();
         tile.connected = tile.started = Clock::now();
         tile.before = tile.behind = 0;
         tile.sent = tile.total = 0;
@@ -76,22 +88,19 @@ void Floor::stepStarts(const RunRecord &run, size_t step) {
     });
 }
 
-// A page moves the bar by itself where it knows how long the run takes.
 void Floor::progress(const RunRecord &run, size_t, uint64_t sent, uint64_t total) {
-    {
-        const Lock lock(mutex_);
-        Tile &tile = tiles_[run.place.number];
+    change(run.place, [&](Tile &tile) {
         tile.sent = sent;
         tile.total = total;
-        if (tile.before > 0) return;
-        tile.version = ++version_;
-    }
-    changed_();
+    });
 }
 
 void Floor::stepEnds(const RunRecord &run, size_t step) {
-    const Lock lock(mutex_);
-    durations_.learn(run, step);
+    change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
+        durations_.learn(run, step);
+        tile.marks[step] = run.steps[step].passed() ? 'p' : 'f';
+        tile.steps.push_back(endedStep(run.steps[step]));
+    });
 }
 
 void Floor::boardEnds(const RunRecord &run) {
@@ -103,6 +112,7 @@ void Floor::boardEnds(const RunRecord &run) {
                      {"steps", run.steps.size()}};
         if (!run.passed()) tile.json["failure"] = failureOf(run);
         tile.runs = false;
+        tile.started = Clock::now();
         if (run.interrupted) return;
         shift_.renew();
         shift_.add(run.unit, run.plan, run.passed(), seconds);
@@ -110,15 +120,62 @@ void Floor::boardEnds(const RunRecord &run) {
     });
 }
 
+// What the operator has to do about a board outlasts the board: to plug it in again is to take it away first.
 void Floor::placeFree(const Place &place) {
     change(place, [](Tile &tile) {
+        if (tile.json["stage"] == "again") return;
         tile.json = {{"stage", "waiting"}};
+        tile.marks.clear();
         tile.runs = false;
     });
 }
 
 void Floor::placeHeld(const Place &place, bool held) {
     change(place, [&](Tile &tile) REQUIRES(mutex_) { tile.held = held; });
+}
+
+void Floor::placeBlocked(const Place &place, const std::string &why) {
+    change(place, [&](Tile &tile) { tile.blocked = oneLine(why); });
+}
+
+void Floor::placePowered(const Place &place, bool powered) {
+    change(place, [&](Tile &tile) {
+        tile.powered.reset();
+        if (powered) tile.powered = Clock::now();
+    });
+}
+
+bool Floor::seen(int place) {
+    {
+        const Lock lock(mutex_);
+        if (place == 0) {
+            if (!endTroubles(WallClock::time_point::max())) return false;
+        } else {
+            const auto found = tiles_.find(place);
+            if (found == tiles_.end() || !found->second.json.contains("failure")) return false;
+            Tile &tile = found->second;
+            tile.json["seen"] = true;
+            if (tile.json["stage"] == "again")
+                tile.json = {{"stage", "waiting"}, {"number", place}, {"name", tile.json["name"]}};
+            tile.version = ++version_;
+        }
+    }
+    changed_();
+    return true;
+}
+
+// Ends the troubles that are older than this. Returns false when there are none.
+bool Floor::endTroubles(WallClock::time_point before) {
+    if (std::erase_if(troubles_, [&](const Trouble &trouble) { return trouble.time < before; }) == 0) return false;
+    lineVersion_ = ++version_;
+    return true;
+}
+
+std::string Floor::steps(int place) {
+    const Lock lock(mutex_);
+    const auto tile = tiles_.find(place);
+    if (tile == tiles_.end()) return {};
+    return dump(Json{{"place", show(tile->second)}, {"steps", tile->second.steps}});
 }
 
 void Floor::asks(const Place &place, const Question &question) {
@@ -150,28 +207,35 @@ void Floor::lineStops() {
 
 void Floor::trouble(const std::string &text) {
     changeLine([&]() REQUIRES(mutex_) {
-        const auto now = fmt::localtime(WallClock::to_time_t(WallClock::now()));
-        troubles_.push_back(fmt::format("{:%H:%M} {}", now, oneLine(text)));
+        std::erase_if(troubles_, [&](const Trouble &trouble) { return trouble.text == oneLine(text); });
+        troubles_.push_back({oneLine(text), WallClock::now()});
         if (troubles_.size() > kTroublesShown) troubles_.pop_front();
     });
 }
 
-// The seconds since the board came and, where they are known, those of the whole run; or how much of it is done.
+// Adds what changes with time, in seconds: how long this stage, this step and this run have lasted; where they are
+// known, how long the step will take (`estimate`) and has taken (`usual`), and all later steps (`behind`). `sent`: the
+// part of the step's bytes.
 Json Floor::show(const Tile &tile) const {
     Json json = tile.json;
+    json["age"] = secondsSince(tile.started);
+    if (tile.held) json["held"] = true;
+    if (!tile.blocked.empty()) json["blocked"] = tile.blocked;
+    if (tile.powered) json["powered"] = secondsSince(*tile.powered);
+    if (!tile.marks.empty()) json["marks"] = tile.marks;
     if (!tile.runs) return json;
-    const double inStep = secondsSince(tile.started), elapsed = secondsSince(tile.connected);
-    const double step = estimate(tile.before, inStep, tile.sent, tile.total);
-    json["elapsed"] = elapsed;
-    if (tile.behind > 0 || (step > 0 && json["step"] == json["steps"]))
-        json["total"] = elapsed - inStep + step + tile.behind;
-    if (step > 0) json["part"] = std::min(inStep / step, 0.99);
+    json["elapsed"] = secondsSince(tile.connected);
+    json["estimate"] = estimate(tile.before, json["age"], tile.sent, tile.total);
+    json["usual"] = tile.before;
+    if (tile.behind > 0 || json["step"] == json["steps"]) json["behind"] = tile.behind;
+    if (tile.sent < tile.total) json["sent"] = double(tile.sent) / double(tile.total);
     return json;
 }
 
 std::string Floor::since(uint64_t &seen) {
     const Lock lock(mutex_);
     if (shift_.renew()) shiftVersion_ = ++version_;
+    endTroubles(WallClock::now() - kTroubleShown);
     if (seen == version_) return {};
     Json json;
     if (seen == 0) json["version"] = std::string(kStaticVersion);
@@ -181,7 +245,10 @@ std::string Floor::since(uint64_t &seen) {
     if (shiftVersion_ > seen) json["shift"] = shift_.toJson();
     if (lineVersion_ > seen) {
         json["line"] = {{"waits", waits_}, {"stops", stops_}, {"strangers", strangers_}, {"stranger", stranger_}};
-        json["line"]["troubles"] = troubles_;
+        for (const auto &[text, time] : troubles_) {
+            json["line"]["troubles"].push_back(
+                fmt::format("{:%H:%M} {}", fmt::localtime(WallClock::to_time_t(time)), text));
+        }
     }
     seen = version_;
     return dump(json);

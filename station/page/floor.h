@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,8 @@ public:
     void boardEnds(const RunRecord &run) override;
     void placeFree(const Place &place) override;
     void placeHeld(const Place &place, bool held) override;
+    void placeBlocked(const Place &place, const std::string &why) override;
+    void placePowered(const Place &place, bool powered) override;
     void strangerRefused(const std::string &peer, const std::string &why) override;
     void lineWaits(const std::string &why) override;
     void lineStops() override;
@@ -45,18 +48,32 @@ public:
     // The place's question is this one from now on; one without a number: it has been answered.
     void asks(const Place &place, const Question &question);
 
+    // The operator has seen the place's verdict; of place 0: the line's troubles. Returns false when there are none.
+    bool seen(int place);
+
+    // Returns what the steps of the place's last run have done so far, as JSON; empty: there is no such place.
+    std::string steps(int place);
+
     // What is new since `seen`, which is brought up to date, as JSON; empty: nothing is. 0: all of it, and the version
     // of the page's own files.
     std::string since(uint64_t &seen);
 
 private:
     struct Tile {
-        Json json;  // but for what changes with time
-        Clock::time_point connected, started;
-        double before = 0, behind = 0;  // seconds, as the runs before took them: this step, and those behind it
-        uint64_t sent = 0, total = 0;   // bytes of the step
+        Json json;                             // but for what changes with time
+        Clock::time_point connected, started;  // the board; what stands there now: a step, or a verdict
+        double before = 0, behind = 0;         // seconds in earlier runs: of this step, and of all later ones
+        uint64_t sent = 0, total = 0;          // bytes of the step
         uint64_t version = 0;
         bool runs = false, held = false;
+        std::string marks = {};                         // a letter per step: p passed, f failed, . neither
+        Json steps = Json::array();                     // that have ended
+        std::string blocked = {};                       // why the place can take no board
+        std::optional<Clock::time_point> powered = {};  // since when something has been switched on there
+    };
+    struct Trouble {
+        std::string text;
+        WallClock::time_point time;
     };
 
     template <typename Change>
@@ -64,7 +81,7 @@ private:
     template <typename Change>
     void changeLine(const Change &apply);
     Json show(const Tile &tile) const;
-    void warn(const std::string &text);
+    bool endTroubles(WallClock::time_point before) REQUIRES(mutex_);
 
     const std::function<void()> changed_;
     Mutex mutex_;
@@ -74,7 +91,7 @@ private:
     std::string waits_ GUARDED_BY(mutex_), stranger_ GUARDED_BY(mutex_);
     size_t strangers_ GUARDED_BY(mutex_) = 0;
     bool stops_ GUARDED_BY(mutex_) = false;
-    std::deque<std::string> troubles_ GUARDED_BY(mutex_);  // the last ones
+    std::deque<Trouble> troubles_ GUARDED_BY(mutex_);  // the last ones
     uint64_t version_ GUARDED_BY(mutex_) = 1, lineVersion_ GUARDED_BY(mutex_) = 1, shiftVersion_ GUARDED_BY(mutex_) = 1;
 };
 

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 
+#include "station/base/file.h"
 #include "station/page/history.h"
 #include "station/page/static_files.h"
 #include "station/store/database.h"
@@ -11,7 +13,7 @@
 namespace station {
 namespace {
 
-constexpr size_t kLongestScan = 1024;
+constexpr size_t kLongestScan = 1024, kLongestWords = 65536;
 
 PageReply said(int status, const Json &json) { return {status, "application/json", dump(json)}; }
 
@@ -29,7 +31,7 @@ PageReply read(const PageRequest &request, const char *form, const Act &act) try
 
 // Without a store's help the counters begin with the station.
 Shift shiftOf(const PageSettings &settings, const std::string &store) {
-    Shift shift(settings.shifts);
+    Shift shift(settings.shifts, settings.target);
     if (store.empty()) return shift;
     try {
         Shift recalled = shift;
@@ -38,6 +40,26 @@ Shift shiftOf(const PageSettings &settings, const std::string &store) {
     } catch (const StoreError &) {  // the records say why
         return shift;
     }
+}
+
+Json parseWords(std::string_view text, const std::string &language) try {
+    return Json::parse(text).get<std::map<std::string, std::string>>();
+} catch (const Json::exception &error) {
+    throw std::runtime_error(fmt::format("language {}: expected a file of words in JSON: {}", language, error.what()));
+}
+
+// Returns the words of a language by their names; what a line's own file leaves out is English.
+Json wordsOf(const std::string &language) {
+    Json words = parseWords(*staticFile("words.en.json"), "en");
+    const auto ours = staticFile(fmt::format("words.{}.json", language));
+    if (!ours && !language.ends_with(".json"))
+        throw std::runtime_error(fmt::format("language {}: expected de, en, zh, or a file NAME.json", language));
+    const Json theirs = parseWords(ours ? std::string(*ours) : readFile(language, kLongestWords), language);
+    for (const auto &[name, text] : theirs.items()) {
+        if (!words.contains(name)) throw std::runtime_error(fmt::format("language {}: unknown \"{}\"", language, name));
+    }
+    words.update(theirs);
+    return words;
 }
 
 bool isLine(const std::string &text) {
@@ -52,9 +74,13 @@ Page::Page(const PageSettings &settings, const std::string &store)
       scanner_(floor_),
       server_(settings, [this](uint64_t &seen) { return floor_.since(seen); }) {
     server_.add(staticRoutes());
+    server_.add({{"/words.json", [words = wordsOf(settings.language)](const PageRequest &) { return said(200, words); },
+                  RouteKind::kQuick}});
     server_.add(historyRoutes(store));
     server_.add({{"/scan", [this](const PageRequest &request) { return scan(request); }, RouteKind::kChange},
                  {"/api/line", [this](const PageRequest &) { return line(); }, RouteKind::kQuick},
+                 {"/api/steps", [this](const PageRequest &request) { return steps(request); }, RouteKind::kQuick},
+                 {"/seen", [this](const PageRequest &request) { return seen(request); }, RouteKind::kChange},
                  {"/hold", [this](const PageRequest &request) { return hold(request); }, RouteKind::kChange}});
 }
 
@@ -80,10 +106,25 @@ PageReply Page::line() {
     return {200, "application/json", floor_.since(seen)};
 }
 
+// What the place with the parameter "place" did so far.
+PageReply Page::steps(const PageRequest &request) {
+    const auto place = request.parameters.find("place");
+    const int number = place == request.parameters.end() ? 0 : std::atoi(place->second.c_str());
+    std::string found = floor_.steps(number);
+    if (found.empty()) return refused(404, "There is no such place.");
+    return {200, "application/json", std::move(found)};
+}
+
+PageReply Page::seen(const PageRequest &request) {
+    return read(request, "{\"place\": NUMBER}", [this](const Json &json) {
+        return outcome(floor_.seen(json.at("place").get<int>()) ? "" : "There is nothing to be seen at this place.");
+    });
+}
+
 PageReply Page::hold(const PageRequest &request) {
     return read(request, "{\"place\": NUMBER, \"hold\": true or false}", [this](const Json &json) {
         const bool known = hold_(json.at("place").get<int>(), json.at("hold").get<bool>());
-        return outcome(known ? "" : "there is no such place");
+        return outcome(known ? "" : "There is no such place.");
     });
 }
 

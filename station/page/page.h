@@ -31,6 +31,8 @@ public:
 private:
     PageReply scan(const PageRequest &request);
     PageReply line();
+    PageReply steps(const PageRequest &request);
+    PageReply seen(const PageRequest &request);
     PageReply hold(const PageRequest &request);
 
     const std::string address_;

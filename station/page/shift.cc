@@ -45,7 +45,8 @@ std::chrono::nanoseconds sinceBoot() {
 void Shift::add(const std::string &unit, const std::string &plan, bool passed, double seconds) {
     seconds_.push_back(seconds);
     unnamed_ += unit.empty() ? 1 : 0;
-    if (!unit.empty()) units_.insert(unit);
+    unnamedFailed_ += unit.empty() && !passed ? 1 : 0;
+    if (!unit.empty()) units_[unit] = passed;
     if (!unit.empty() && !firsts_.insert(unit + '\n' + plan).second) return;
     ++firstRuns_;
     firstPasses_ += passed ? 1 : 0;
@@ -73,13 +74,17 @@ bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
     units_.clear();
     firsts_.clear();
     seconds_.clear();
-    unnamed_ = firstRuns_ = firstPasses_ = 0;
+    unnamed_ = unnamedFailed_ = firstRuns_ = firstPasses_ = 0;
     return true;
 }
 
 Json Shift::toJson() const {
+    const auto failed = std::count_if(units_.begin(), units_.end(), [](const auto &unit) { return !unit.second; });
     Json json = {{"since", fmt::format("{:%H:%M}", fmt::localtime(WallClock::to_time_t(begin_)))},
-                 {"units", units_.size() + unnamed_}};
+                 {"seconds", std::chrono::duration<double>(WallClock::now() - begin_).count()},
+                 {"units", units_.size() + unnamed_},
+                 {"failed", static_cast<size_t>(failed) + unnamedFailed_}};
+    if (target_ > 0) json["target"] = target_;
     if (firstRuns_ > 0) json["yield"] = 100.0 * double(firstPasses_) / double(firstRuns_);
     if (seconds_.empty()) return json;
     std::vector<double> sorted = seconds_;

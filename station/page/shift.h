@@ -1,6 +1,7 @@
 #pragma once
 // What a shift has done: units, how many passed at once, how long a board takes.
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,7 +20,8 @@ std::chrono::nanoseconds sinceBoot();
 
 class Shift {
 public:
-    explicit Shift(std::vector<int> starts) : starts_(std::move(starts)) {}
+    // `starts`: as for shiftBegin. `target`: units per hour; 0: none.
+    explicit Shift(std::vector<int> starts, int target = 0) : starts_(std::move(starts)), target_(target) {}
 
     // Counts a run that was judged. `unit`: empty when nobody named it; it then counts as a unit of its own.
     void add(const std::string &unit, const std::string &plan, bool passed, double seconds);
@@ -29,15 +31,18 @@ public:
     // whatever, begins no shift.
     bool renew(WallClock::time_point now = WallClock::now(), std::chrono::nanoseconds uptime = sinceBoot());
 
-    // Units; the percentage of these that passed at the first run; the median of a run's seconds; since when.
+    // Units; how many of them failed at their last run; the percentage that passed at the first run; the median of a
+    // run's seconds; since when.
     Json toJson() const;
 
 private:
     const std::vector<int> starts_;
+    const int target_;
     WallClock::time_point begin_ = WallClock::now();  // of the shift; of the station when it began later
     std::chrono::nanoseconds looked_ = sinceBoot();   // at the last call of renew()
-    std::set<std::string> units_, firsts_;
-    size_t unnamed_ = 0, firstRuns_ = 0, firstPasses_ = 0;
+    std::map<std::string, bool> units_;               // whether the last run passed
+    std::set<std::string> firsts_;
+    size_t unnamed_ = 0, unnamedFailed_ = 0, firstRuns_ = 0, firstPasses_ = 0;
     std::vector<double> seconds_;
 };
 

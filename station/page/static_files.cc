@@ -1,11 +1,20 @@
 #include "station/page/static_files.h"
 
+#include <algorithm>
+
 namespace station {
+
+std::optional<std::string_view> staticFile(std::string_view name) {
+    const auto file =
+        std::find_if(kStaticFiles.begin(), kStaticFiles.end(), [=](auto &one) { return one.name == name; });
+    return file == kStaticFiles.end() ? std::nullopt : std::optional(file->content);
+}
 
 std::vector<Route> staticRoutes() {
     static const std::map<std::string_view, const char *> kTypes = {{"html", "text/html; charset=utf-8"},
                                                                     {"css", "text/css; charset=utf-8"},
                                                                     {"js", "text/javascript; charset=utf-8"},
+                                                                    {"json", "application/json"},
                                                                     {"svg", "image/svg+xml"}};
     std::vector<Route> routes;
     for (const StaticFile &file : kStaticFiles) {

@@ -1,6 +1,7 @@
 #pragma once
 // The page's own files, which are compiled in.
 
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -15,6 +16,9 @@ extern const std::string_view kStaticVersion;
 
 extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
 extern const std::string_view kTemplateVersion;
+
+// Returns the content of the static file with this name; nothing when there is none.
+std::optional<std::string_view> staticFile(std::string_view name);
 
 // Each static file at its name; operator.html at /.
 std::vector<Route> staticRoutes();

@@ -70,8 +70,8 @@ void Durations::learn(const RunRecord &run, size_t step) {
 }
 
 double estimate(double before, double elapsed, uint64_t sent, uint64_t total) {
-    if (before > 0) return before;
-    return sent > 0 && sent < total ? elapsed * double(total) / double(sent) : 0;
+    if (before > elapsed || sent == 0 || sent >= total) return before;
+    return elapsed * double(total) / double(sent);
 }
 
 }  // namespace station

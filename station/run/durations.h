@@ -27,8 +27,8 @@ private:
     std::map<std::string, double> seconds_;
 };
 
-// Returns how long a step takes in all, in seconds: as long as `before` (0: unknown), or else as estimated from the
-// bytes that were sent within `elapsed` seconds. 0: unknown.
+// Returns how long a step takes in all, in seconds: as long as `before` (0: unknown); once it has taken longer, as
+// estimated from the bytes that were sent within `elapsed` seconds. 0: unknown.
 double estimate(double before, double elapsed, uint64_t sent, uint64_t total);
 
 }  // namespace station

@@ -28,6 +28,12 @@ public:
     virtual void placeFree(const Place &) {}
     // The place takes no board until it is released; or it is released.
     virtual void placeHeld(const Place &, bool /*held*/) {}
+    // The place can take no board for this reason, in words; empty: it can again.
+    virtual void placeBlocked(const Place &place, const std::string &why) {
+        trouble("place " + place.name + ": " + (why.empty() ? "takes boards again" : why));
+    }
+    // Something that is switched on was cabled to the place; or it went away. Places that have an interface only.
+    virtual void placePowered(const Place &, bool /*powered*/) {}
     // Something connected that is not a board, or that has no place.
     virtual void strangerRefused(const std::string & /*peer*/, const std::string & /*why*/) {}
     // No new board is taken for this reason; empty: they are taken again.
@@ -56,6 +62,10 @@ public:
     void boardEnds(const RunRecord &run) override { tell(&Observer::boardEnds, run); }
     void placeFree(const Place &place) override { tell(&Observer::placeFree, place); }
     void placeHeld(const Place &place, bool held) override { tell(&Observer::placeHeld, place, held); }
+    void placeBlocked(const Place &place, const std::string &why) override {
+        tell(&Observer::placeBlocked, place, why);
+    }
+    void placePowered(const Place &place, bool powered) override { tell(&Observer::placePowered, place, powered); }
     void strangerRefused(const std::string &peer, const std::string &why) override {
         tell(&Observer::strangerRefused, peer, why);
     }

@@ -1,10 +1,10 @@
 'use strict';
-// The box: what an operator scans or types, and which question it answers. Text belongs to the question that was shown at
-// its first character, and goes to no other one.
+// The box: what an operator scans or types, and which question it answers. Text belongs to the question that was shown
+// at its first character, and goes to no other one.
 
 const kSettle = 0.7;        // seconds in which nobody has read yet that another place asks now
 const kNoticeTime = 8;      // seconds
-let mode = 'scan';          // what the box takes: an answer, a place to hold, or the token
+let mode = 'scan';          // what the box takes: an answer, a place for one of kActs, or the token
 let shown = null;           // the question that stands beside the box: {place, name, question}
 let settled = 0;            // when somebody can have read it
 let begun = null;           // the question that the text in the box was begun for: as `shown`, or {question: 0}
@@ -35,11 +35,11 @@ function drop(text) {
     at('box').value = '';
     begun = null;
     drops = true;
-    notice(`${text} Not used. Press Enter or Esc, then answer again.`);
+    notice(text);
 }
 
-// Shows another question when the one that was shown is gone: the same place's next one after a wrong answer, or that of
-// the place that has waited for longest.
+// Shows another question when the one that was shown is gone: the same place's next one after a wrong answer, or that
+// of the place that has waited longest.
 function followQuestions() {
     const places = asking();
     if (!places.some(place => place.ask.question === judged)) judged = 0;
@@ -52,8 +52,7 @@ function followQuestions() {
     if (next?.ask.question !== gone?.question) choose(next, gone && next?.number !== gone.place ? now() + kSettle : 0);
     if (again) answered = 0;
     if (begun && at('box').value) {
-        drop(begun.name ? `${begun.name} asks no more: it was answered elsewhere, or its board has gone.`
-            : `${shown.name} asks only now.`);
+        drop(begun.name ? say('stale', {place: begun.name}) : say('late', {place: shown.name}));
     }
 }
 
@@ -69,21 +68,19 @@ function showBox() {
     followQuestions();
     const place = shownPlace();
     const others = asking().length - 1;
-    const texts = {
-        scan: place ? [place.name, place.ask.prompt] : ['', 'no place asks for anything'],
-        hold: ['Hold', 'the name of a place that is to take no board, or that is to take boards again; Esc: none'],
-        token: ['Token', 'of the line\'s file: who changes something from another machine needs it; Esc: none'],
-    }[mode];
+    const scans = mode === 'scan';
     document.body.dataset.mode = mode;
-    document.body.classList.toggle('asks', mode === 'scan' && Boolean(place));
+    document.body.classList.toggle('asks', scans && Boolean(place));
     document.body.classList.toggle('settles', now() < settled);
     at('box').type = mode === 'token' ? 'password' : 'text';
-    set(at('whose'), texts[0]);
-    set(at('prompt'), texts[1] + (mode === 'scan' && others > 0 ? ` (${others} more ${others > 1 ? 'wait' : 'waits'})` : ''));
+    set(at('whose'), scans ? place?.name || '' : say(`${mode}Mode`));
+    at('whose').hidden = scans && !place;
+    const prompt = !scans ? say(`${mode}Prompt`) : place ? place.ask.prompt : say('none');
+    set(at('prompt'), prompt);
+    set(at('next'), say('nextKey', {n: others}));
     if (now() > said.until || (said.question && said.question !== shown?.question)) said = {text: '', until: 0};
-    set(at('notice'), said.text || (mode === 'scan' && place && place.ask.problem) || '');
-    at('notice').classList.toggle('wrong', Boolean(at('notice').textContent));
-    for (const tile of tiles.values()) tile.box.classList.toggle('meant', mode === 'scan' && tile.place === place);
+    set(at('notice'), said.text || (scans && place?.ask.problem) || '');
+    for (const tile of tiles.values()) tile.box.classList.toggle('meant', scans && tile.place === place);
     at('next').hidden = others < 1;
 }
 
@@ -108,40 +105,98 @@ async function post(path, body) {
             sessionStorage.removeItem('token');
             enter('token');
         }
-        return (await reply.json()).error;
+        if (reply.status === 409 && path === '/scan') return 'gone';
+        return say('refused', {why: (await reply.json()).error});
     } catch (error) {
-        return `not sent: ${error.message}`;
+        return say('unsent', {why: error.message});
     }
 }
 
-async function send(path, body, about = '') {
+async function send(path, body) {
     const problem = await post(path, body);
-    if (problem) notice(about + problem);
-    return !problem;
+    if (problem) notice(problem);
 }
 
-const takes = {
-    async scan(text, mine) {
-        if (!mine.question) return notice(`${text}: no place asks, it is not used`);
-        if (judged) return notice(`${mine.name}: ${text} came too soon after the answer before. Not used.`, judged);
-        judged = mine.question;
-        answered = mine.place;
-        if (!await send('/scan', {place: mine.place, question: mine.question, text}, `${mine.name}: ${text}: `)) judged = 0;
-    },
-    async hold(text) {
-        const wanted = text.trim().toLowerCase();
-        const found = [...tiles.values()].map(tile => tile.place)
-            .find(place => place.name.toLowerCase() === wanted || String(place.number) === wanted);
-        if (!found) return notice(`there is no place ${text}`);
-        enter('scan');
-        await send('/hold', {place: found.number, hold: !found.held});
-    },
-    async token(text) {
-        sessionStorage.setItem('token', text);
-        enter('scan');
-        if (unsent) await send(unsent.path, unsent.body);
-    },
+// What is done at a place whose name was given, or at the only one that it can be done at.
+const kActs = {
+    hold: {fits: () => true, act: place => send('/hold', {place: place.number, hold: !place.held})},
+    steps: {fits: () => true, act: place => look(place.number)},
+    seen: {fits: place => kVerdicts[place.stage] && place.stage !== 'passed' && !place.seen,
+           act: place => send('/seen', {place: place.number})},
 };
+
+function start(wanted) {
+    const places = [...tiles.values()].map(tile => tile.place).filter(kActs[wanted].fits);
+    if (wanted === 'seen' && looked) return close(), kActs.seen.act(looked);
+    if (mode === wanted || places.length !== 1) return enter(mode === wanted ? 'scan' : wanted);
+    enter('scan');
+    kActs[wanted].act(places[0]);
+}
+
+async function takeAnswer(text, mine) {
+    if (!mine.question) return notice(say('nobody', {text}));
+    if (judged) return notice(say('twice', {text}), judged);
+    judged = mine.question;
+    answered = mine.place;
+    const problem = await post('/scan', {place: mine.place, question: mine.question, text});
+    if (!problem) return;
+    judged = 0;
+    notice(problem === 'gone' ? say('gone', {place: mine.name, text}) : problem);
+}
+
+async function takePlace(text) {
+    const wanted = text.trim().toLowerCase(), {fits, act} = kActs[mode];
+    const found = [...tiles.values()].map(tile => tile.place).filter(fits)
+        .find(place => place.name.toLowerCase() === wanted || String(place.number) === wanted);
+    if (!found) return notice(say('noPlace', {text}));
+    enter('scan');
+    await act(found);
+}
+
+async function takeToken(text) {
+    sessionStorage.setItem('token', text);
+    enter('scan');
+    if (unsent) await send(unsent.path, unsent.body);
+}
+
+// ---- What a place did so far, for the engineer beside it
+
+let looked = null;  // the place
+let lookedAt = 0;
+
+function valueText({name, value, unit, min, max}) {
+    const limits = min === undefined && max === undefined ? '' : ` (${min ?? '…'} – ${max ?? '…'})`;
+    return `${name} ${value}${unit ? ` ${unit}` : ''}${limits}`;
+}
+
+async function look(number) {
+    lookedAt = now();
+    const reply = await fetch(`/api/steps?place=${number}`);
+    if (!reply.ok) return;
+    const {place, steps} = await reply.json();
+    if (!looked) looked = place;
+    if (looked.number !== number) return;
+    looked = place;
+    at('look').hidden = false;
+    set(at('looked'), [place.name, place.unit].filter(Boolean).join('  '));
+    const rows = at('look').querySelector('tbody');
+    while (rows.children.length > steps.length) rows.lastChild.remove();
+    steps.forEach((step, i) => {
+        const row = rows.children[i] || make(rows, 'tr');
+        const passed = step.verdict === 'passed';
+        row.className = passed ? 'p' : 'f';
+        const texts = [`${i + 1} ${step.title}`, passed ? '✓' : '✗', say('seconds', {n: step.seconds.toFixed(1)}),
+                       step.measurements.map(valueText).join(', ') || step.failure || step.reply];
+        texts.forEach((text, j) => set(row.children[j] || make(row, 'td'), text));
+    });
+}
+
+function close() {
+    looked = null;
+    at('look').hidden = true;
+}
+
+// ---- Keys and taps
 
 // Before the first character, the box says whose answer it is.
 at('box').addEventListener('beforeinput', event => {
@@ -150,7 +205,7 @@ at('box').addEventListener('beforeinput', event => {
     if (!drops && !at('box').value) {
         begun = shown || {question: 0};
         answered = 0;
-        if (now() < settled) drop(`${shown.name} asks only since a moment.`);
+        if (now() < settled) drop(say('moved', {place: shown.name}));
     }
     if (drops && event.cancelable && event.inputType !== 'insertLineBreak') event.preventDefault();
     showBox();
@@ -163,12 +218,17 @@ at('scan').addEventListener('submit', event => {
     at('box').value = '';
     begun = null;
     drops = false;
-    if (text.trim() && (mine || mode !== 'scan')) takes[mode](text, mine).then(showBox);
+    if (!text.trim() || (mode === 'scan' && !mine)) return;
+    const take = mode === 'scan' ? takeAnswer : mode === 'token' ? takeToken : takePlace;
+    take(text, mine).then(showBox);
 });
 
+const scroll = pages => at('look').querySelector('div').scrollBy(0, pages * at('look').clientHeight * 0.8);
+
 document.addEventListener('keydown', event => {
-    const keys = {Tab: next, F2: () => enter(mode === 'hold' ? 'scan' : 'hold'), F4: () => at('engineer').click(),
-                  Escape: () => enter('scan')};
+    const keys = {Tab: next, F2: () => start('hold'), F4: () => at('engineer').click(), F6: () => start('steps'),
+                  F8: () => start('seen'), F9: toggleSound, Escape: () => { close(); enter('scan'); },
+                  PageDown: () => scroll(1), PageUp: () => scroll(-1)};
     if (keys[event.key] && !event.altKey && !event.ctrlKey) {
         event.preventDefault();
         keys[event.key]();
@@ -177,11 +237,15 @@ document.addEventListener('keydown', event => {
     }
 });
 at('next').addEventListener('click', () => { next(); at('box').focus(); });
-at('hold').addEventListener('click', () => enter('hold'));
+for (const act of ['hold', 'steps', 'seen']) at(act).addEventListener('click', () => start(act));
+at('sound').addEventListener('click', toggleSound);
+at('done').addEventListener('click', () => { close(); at('box').focus(); });
+at('line').addEventListener('click', () => send('/seen', {place: 0}));
 at('box').addEventListener('blur', () => setTimeout(() => at('box').focus()));
 at('places').addEventListener('click', event => {
     const tapped = [...tiles.values()].find(tile => tile.box.contains(event.target));
-    if (!tapped?.place.ask) return;
+    if (!tapped) return;
+    if (!tapped.place.ask) return look(tapped.place.number);
     enter('scan');
     choose(tapped.place, 0);
     showBox();
