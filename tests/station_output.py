@@ -139,6 +139,21 @@ def knock(port):
             pass
 
 
+def check_shift(folder):
+    """Who works is asked once and recorded; units that fail one after the other hold their place."""
+    port = free_port()
+    with open(f"{folder}/shift.yaml", "w") as file:
+        file.write(f"{{listen: '127.0.0.1:{port}', places: 1, plan: info.yaml, "
+                   "results: shift, operator: {prompt: Badge, match: '^[0-9]+$'}, hold_after: 2}")
+    with open(f"{folder}/info.yaml", "w") as file:
+        file.write("[{send: INFO, expect: INFO}, {send: BYE, expect: BYE, closes: true}]")
+    talk = [("waiting for boards", lambda _: serve(port, [b"INFO"])), (r"Badge > ", lambda _: "me\n"),
+            (r'"me"\. Badge > ', lambda _: "17\n"), (r"PASS ", lambda _: serve(port, [b"bad"])),
+            (r"FAIL ", lambda _: serve(port, [b"bad"])), (r"board 1 is held: 2 runs in a row failed", lambda _: "\x03")]
+    output, status = on_terminal(talk, [QCSTATION, "serve", f"{folder}/shift.yaml"])
+    assert status == 0 and [record["operator"] for record in records(folder, "shift")] == ["17"] * 3, output
+
+
 def check_unread_output(folder):
     """A stop does not wait for a reader that has stopped reading."""
     station, port = line_of(folder, "line.yaml")
@@ -239,6 +254,6 @@ with tempfile.TemporaryDirectory() as scratch:
         payload.truncate(16 << 20)
     with open(f"{scratch}/slow.yaml", "w") as plan:
         plan.write("[{send: PING, expect: PING 2, timeout: 3600}]")
-    for check in (check_schemas, check_questions, check_unanswered, check_terminal, check_unread_output, check_signals,
+    for check in (check_schemas, check_questions, check_shift, check_unanswered, check_terminal, check_unread_output, check_signals,
                   check_examples):
         check(scratch)

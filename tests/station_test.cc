@@ -139,7 +139,7 @@ TEST(HookTest, NothingReplacesWhatTheStationSays) {
     run.variables = {{"RUN", "board's"}, {"VERDICT", "passed"}, {"PLACE", "board's"}, {"serial", "7"}};
     run.steps.resize(1);
     const std::string failure =
-        station::runHook({"env | grep ^QC_ | LC_ALL=C sort; exit 1", Milliseconds(60000), {}}, run, "after");
+        station::runHook({"env | grep ^QC_ | LC_ALL=C sort; exit 1", Milliseconds(60000), "/"}, run, "after");
     EXPECT_THAT(failure, testing::EndsWith(": QC_PLACE=\nQC_RUN=mine\nQC_VERDICT=\nQC_serial=7\n"));
 }
 
@@ -216,6 +216,9 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
          "1:8: a name that files get has at most 64 bytes and no '/'"},
         {"{name: a2345678901234567890123456789012345678901234567890123456789012345}", "1:8: a name that files get"},
         {"- {send: PING, match: 'x', limits: {1: {max: 1}, x: {min: 2, max: 1}}}", "1:53: \"min\" is above \"max\""},
+        {"- {send: X, match: '(?P<m>.*)', whose: m}", "1:40: the address is compared with those of a unit"},
+        {"- {ask: serial, prompt: S}\n- {send: X, match: x, whose: m}", "2:30: the address is a named group"},
+        {"{again: never, steps: []}", "1:9: expected ask, refuse or allow"},
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
         {"- {send: PING\n", "plan.yaml:2:1: "},
@@ -392,6 +395,10 @@ struct Line : station::Operator, station::Records, station::Observer {
         happened += std::to_string(count) + " " + pool + " of " + run.unit + ";";
         return Texts(static_cast<size_t>(count), "02:00:00:00:00:01");
     }
+    station::AddressOwner ownerOf(const std::string &address, const RunRecord &run) override {
+        const char last = address.back();
+        return {last == '7' ? "unit-7" : last == '8' ? "unit-8" : "", run.unit == "unit-7"};
+    }
     void stepStarts(const RunRecord &run, size_t step) override {
         if (run.steps[step].title == "stop") stop.request();
     }
@@ -432,8 +439,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"script: script, match: '^(line\\s?)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
          "PFP", "exit;exit;exit", "printed 262145 bytes"},
         {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "F-", "X", "taken is in work at place 9"},
-        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "F-", "X", "this is no serial number"},
-        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "F-", "X", "this is no serial number"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "FP", "X;Y", "this is no serial number"},
+        {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
          "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X", "this board was unit-7 before"},
         {"ask: lamp, prompt: L|run: 'grep -q prompt; echo \"v=$QC_lamp\"', match: 'v=(?P<v>.*)'|send: 'X {v}', expect: "
@@ -451,6 +458,15 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"run: kill -9 $$", "", "F", "", "ended by signal 9"},
         {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",
          "did not end within 0.3 s"},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "020000000007", "PP",
+         "S?;S!;X", ""},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "02-00-00-00-00-08", "PF",
+         "S?;S!;X", "this board is unit-8, and not unit-7"},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "02:00:00:00:00:09", "PF",
+         "S?;S!;X", "another board had this serial before: look for it"},
+        {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "02:00:00:00:00:09", "PP", "S?;X", ""},
+        {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "none", "PF", "S?;X",
+         "\"none\" is not a MAC address"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped"},
     };
@@ -466,10 +482,11 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         std::replace(replies.begin(), replies.end(), "longer"s, lines.substr(0, station::kLongestOutput + 1));
         Line line;
         RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
-        line.units.admit(other, "taken", plan, line, nullptr);
+        const station::Context context{line, line, line.stop, line, line.units};
+        line.units.admit(other, "taken", plan, context, nullptr);
         {
             ScriptedBoard board(replies, line.happened);
-            run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
+            run = station::runPlan(board, plan, run, context);
         }
         write("five", "12345");
 
@@ -536,10 +553,11 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
             line.units.ended(past);
         }
         RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
-        line.units.admit(other, "taken", plan, line, nullptr);
+        const station::Context context{line, line, line.stop, line, line.units};
+        line.units.admit(other, "taken", plan, context, nullptr);
         {
             ScriptedBoard board(test.names == prints ? Texts{"A", "X"} : Texts{"X"}, line.happened);
-            run = station::runPlan(board, plan, run, {line, line, line.stop, line, line.units});
+            run = station::runPlan(board, plan, run, context);
         }
         std::string verdicts;
         for (const auto &step : run.steps) verdicts += "-PF"[static_cast<size_t>(step.verdict)];
@@ -548,6 +566,30 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
         EXPECT_THAT(line.problems + run.steps[0].failure, HasSubstr(test.problem)) << text;
         EXPECT_EQ(line.problems.size() > 1 || !run.steps[0].passed(), *test.problem != '\0') << text;
     }
+}
+
+TEST_F(PlanTest, APlaceTestsNoUnitBeforeTheReferencePassedThere) {
+    const station::Plan plan =
+        station::loadPlan(write("plan.yaml", "[{send: S, match: '(?P<serial>.*)'}, {send: X, match: ok}]"), {}, {});
+    Line line;
+    const station::Context context{line, line, line.stop, line, line.units, {"GOLD", std::chrono::hours(1)}};
+    const auto test = [&](const char *unit, const char *place, const char *reply) {
+        ScriptedBoard board({unit, reply}, line.happened);
+        RunRecord run = station::runPlan(board, plan, station::newRun(plan, {1, place}), context);
+        if (!run.passed()) run.cause = station::Cause::kUnit;
+        line.units.ended(run);
+        return (run.passed() ? "passed " : "failed ") + std::string(run.reference ? "reference" : run.steps[0].failure);
+    };
+    const std::string due = "failed the reference unit GOLD is due at left: test it here first, then this one";
+    EXPECT_EQ(test("A", "left", "ok"), due);
+    EXPECT_EQ(test("GOLD", "right", "ok"), "passed reference");
+    EXPECT_EQ(test("GOLD", "left", "no"), "failed reference");
+    EXPECT_EQ(test("A", "left", "ok"), due);
+    EXPECT_EQ(test("GOLD", "left", "ok"), "passed reference");
+    EXPECT_EQ(test("GOLD", "left", "ok"), "passed reference");  // again and again
+    EXPECT_EQ(test("A", "left", "ok"), "passed ");
+    EXPECT_EQ(test("GOLD", "left", "no"), "failed reference");
+    EXPECT_EQ(test("B", "left", "ok"), due);
 }
 
 }  // namespace

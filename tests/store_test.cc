@@ -48,6 +48,11 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_THAT(said_, HasSubstr("\"mac\" runs low: enough for 1 more"));
     EXPECT_EQ(given("D", "mac", 2), "02:00:00:00:01:05");
     EXPECT_THAT(refusal([&] { given("E", "mac", 4); }), HasSubstr("is empty of blocks of 4"));
+    for (const auto &[serial, hasOthers] : {std::pair("A", true), std::pair("new", false)}) {
+        const AddressOwner owner = records->ownerOf("02:00:00:00:00:FD", runOf(serial));
+        EXPECT_THAT(owner, testing::FieldsAre("A", hasOthers));
+        EXPECT_EQ(records->ownerOf("02:00:00:00:00:99", runOf(serial)).unit, "");
+    }
     // A unit that takes more addresses than it has gets new ones, once.
     addRange(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:0F", -1);
     EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");

@@ -18,6 +18,12 @@ std::string asUtf8(const std::string &text) {
     return json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
 }
 
+std::string trim(const std::string &text) {
+    constexpr char kBlanks[] = " \t\r\n";
+    const size_t start = text.find_first_not_of(kBlanks);
+    return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
+}
+
 std::string oneLine(const std::string &text) {
     static const re2::RE2 kLineEnd("\n"), kEscape("\x1B"), kControl("\\p{C}"), kNone("[\\x{FFFE}\\x{FFFF}]");
     std::string line = asUtf8(text);

@@ -9,6 +9,9 @@ namespace station {
 // Returns the text as UTF-8: each byte that is not part of it becomes U+FFFD.
 std::string asUtf8(const std::string &text);
 
+// Returns the text without the blanks, tabs and line ends around it.
+std::string trim(const std::string &text);
+
 // Returns the text as one line of UTF-8 that is fit for XML: line ends and control characters become visible.
 std::string oneLine(const std::string &text);
 

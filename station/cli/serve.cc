@@ -19,7 +19,8 @@ namespace {
 constexpr std::chrono::seconds kStoreRetry{1};  // of a store that is away at the start
 
 std::shared_ptr<const Job> jobOf(const LineFile &line) {
-    return std::make_shared<Job>(Job{line.plan, line.variables, line.before, line.after});
+    return std::make_shared<Job>(
+        Job{line.plan, line.variables, line.before, line.after, line.who, line.reference, line.holdAfter});
 }
 
 // Reads the line's file again. When the new one is wrong the old one stays.

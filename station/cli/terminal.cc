@@ -66,6 +66,7 @@ void Terminal::stepEnds(const RunRecord &run, size_t step) {
 }
 
 void Terminal::boardEnds(const RunRecord &run) {
+    release(run.place.number);
     const bool told = boards_ == 1 && run.failure.empty();  // by the steps' lines
     if (!told) print(run, endLine(run));
     const std::string replies = shownReplies(run, boards_ != 1);

@@ -61,6 +61,7 @@ struct Line::Seat : Board {
     const Place place;
     std::thread thread;
     std::optional<Session> served;  // its thread's
+    int failed = 0;                 // its thread's: units in a row
 
     // Guarded by the line's mutex:
     Condition changed;
@@ -333,7 +334,10 @@ void Line::serveBoard(Seat &seat, const Job &job) try {
     RunRecord run = newRun(job.plan, seat.place);
     run.peer = seat.session().peer();
     run.variables = job.variables;
-    if (begin(run)) finish(runJob(seat, job, std::move(run)));
+    if (!begin(run)) return;
+    run = runJob(seat, job, std::move(run));
+    finish(run);
+    holdAfter(seat, job, run);
 } catch (const std::exception &error) {
     context_.units.releaseAt(seat.place);
     context_.observer.trouble(fmt::format("place {}: {}", seat.place.name, error.what()));
@@ -359,12 +363,38 @@ bool Line::begin(const RunRecord &run) {
     }
 }
 
+// Sets who works at the place, or the run's failure.
+void Line::askWho(Seat &seat, const Job &job, RunRecord &run) try {
+    const auto needless = [&]() -> std::string {
+        if (context_.stop.requested()) return "the station was stopped";
+        return seat.session().gone() ? "the board has gone" : "";
+    };
+    if (!job.who.prompt.empty()) run.operatorName = staff_.at(run, job.who, context_.operators, needless);
+} catch (const std::runtime_error &error) {
+    run.failure = fmt::format("nobody said who works here: {}", error.what());
+    run.cause = Cause::kOperator;
+    run.interrupted = context_.stop.requested();
+}
+
+// Holds a place where one unit after the other fails: the fault may be the place's.
+void Line::holdAfter(Seat &seat, const Job &job, const RunRecord &run) {
+    if (!run.counts()) return;
+    seat.failed = run.passed() ? 0 : seat.failed + 1;
+    if (job.holdAfter == 0 || seat.failed < job.holdAfter) return;
+    context_.observer.trouble(fmt::format("{} is held: {} runs in a row failed there. Find out why, then release it",
+                                          nameOf(seat.place), std::exchange(seat.failed, 0)));
+    hold(seat.place.number, true);
+}
+
 RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
-    run.failure = runHook(job.before, run, "before");
+    Context context = context_;
+    context.reference = job.reference;
+    askWho(seat, job, run);
+    if (run.failure.empty()) run.failure = runHook(job.before, run, "before");
     if (run.failure.empty()) {
-        run = runPlan(seat, job.plan, std::move(run), context_);
+        run = runPlan(seat, job.plan, std::move(run), context);
     } else {
-        for (StepResult &step : run.steps) step.failure = "not run: the command before it failed";
+        for (StepResult &step : run.steps) step.failure = "not run: something before the steps failed";
     }
     run.stampEnd();
     const std::string failure = runHook(job.after, run, "after");

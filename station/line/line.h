@@ -9,6 +9,7 @@
 
 #include "station/base/mutex.h"
 #include "station/line/door.h"
+#include "station/line/staff.h"
 #include "station/run/hooks.h"
 #include "station/run/run.h"
 
@@ -19,6 +20,9 @@ struct Job {
     Plan plan;
     std::map<std::string, std::string> variables;  // known before the plan's own
     Hook before, after;
+    AskWho who = {};
+    Reference reference = {};
+    int holdAfter = 0;  // units that failed in a row at a place; 0: never
 };
 
 // How a line's work has ended.
@@ -76,6 +80,8 @@ private:
     void serveBoard(Seat &seat, const Job &job);
     bool begin(const RunRecord &run);
     RunRecord runJob(Seat &seat, const Job &job, RunRecord run);
+    void askWho(Seat &seat, const Job &job, RunRecord &run);
+    void holdAfter(Seat &seat, const Job &job, const RunRecord &run);
     void finish(const RunRecord &run);
 
     bool closing() const REQUIRES(mutex_);  // no more boards are wanted
@@ -83,6 +89,7 @@ private:
     Seat *seatFor(const Gate &gate, const std::string &address) REQUIRES(mutex_);
 
     const Context context_;
+    Staff staff_;
     const std::vector<Place> places_;
     std::list<Gate> gates_;  // these and the seats do not change while there are threads
     std::list<Seat> seats_;

@@ -180,6 +180,42 @@ void readPage(Draft &draft, const Entry &value) {
     }
 }
 
+Milliseconds hoursIn(const Entry &value) {
+    const double hours = value.number();
+    if (hours <= 0 || hours > 24 * 31) value.fail("expected hours, at most a month");
+    return Milliseconds(static_cast<int64_t>(hours * 3600000));
+}
+
+const Keys<AskWho> kOperatorKeys = {
+    {"prompt", [](AskWho &ask, const Entry &value) { ask.prompt = value.line(); }},
+    {"match",
+     [](AskWho &ask, const Entry &value) {
+         try {
+             ask.match.emplace(value.text());
+         } catch (const std::invalid_argument &error) {
+             value.fail(error.what());
+         }
+     }},
+    {"hours", [](AskWho &ask, const Entry &value) { ask.within = hoursIn(value); }},
+    {"each_place", [](AskWho &ask, const Entry &value) { ask.eachPlace = value.flag(); }},
+};
+
+void readOperator(Draft &draft, const Entry &value) {
+    readMap(value.node, kOperatorKeys, "of the operator", draft.line.who, draft.faults);
+    if (draft.line.who.prompt.empty()) value.fail("whoever is asked needs a \"prompt\"");
+}
+
+const Keys<Reference> kReferenceKeys = {
+    {"serial", [](Reference &unit, const Entry &value) { unit.serial = value.line(); }},
+    {"hours", [](Reference &unit, const Entry &value) { unit.within = hoursIn(value); }},
+};
+
+void readReference(Draft &draft, const Entry &value) {
+    Reference &unit = draft.line.reference;
+    readMap(value.node, kReferenceKeys, "of the reference unit", unit, draft.faults);
+    if (unit.serial.empty() || unit.within.count() == 0) value.fail("a reference unit has \"serial\" and \"hours\"");
+}
+
 const Keys<Draft> kLineKeys = {
     {"listen", readListen},
     {"places", readPlaces},
@@ -190,6 +226,9 @@ const Keys<Draft> kLineKeys = {
     {"store", readStore},
     {"spool", [](Draft &draft, const Entry &value) { draft.line.spool = draft.beside(value); }},
     {"variables", readVariables},
+    {"operator", readOperator},
+    {"reference", readReference},
+    {"hold_after", [](Draft &draft, const Entry &value) { draft.line.holdAfter = value.whole(1, 1000); }},
     {"before", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.before, value); }},
     {"after", [](Draft &draft, const Entry &value) { readHook(draft, draft.line.after, value); }},
 };
@@ -199,6 +238,12 @@ Names namesOf(const LineFile &line, const AskPools &pools) {
     if (pools && !line.store.empty()) names.pools = pools(line.store);
     for (const auto &[name, value] : line.variables) names.variables.insert(name);
     return names;
+}
+
+bool names(const Plan &plan, const std::string &variable) {
+    return std::any_of(plan.steps.begin(), plan.steps.end(), [&](const Step &step) {
+        return step.ask == variable || (step.expected.match && step.expected.match->groups().contains(variable));
+    });
 }
 
 }  // namespace
@@ -233,6 +278,10 @@ LineFile readLine(const fs::path &path) {
         draft.faults.push_back(std::move(fault));
     }
     if (!draft.faults.empty()) throw PlanError(describe(path, draft.faults));
+    if (!draft.line.reference.serial.empty() && !names(draft.line.plan, "serial")) {
+        throw PlanError(path.string() +
+                        ": no step of the plan says the {serial}, by which the reference unit is known");
+    }
     return draft.line;
 }
 

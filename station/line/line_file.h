@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "station/plan/plan.h"
-#include "station/run/hooks.h"
+#include "station/line/line.h"
 
 namespace station {
 
@@ -39,6 +38,9 @@ struct LineFile {
     Plan plan;
     Variables variables;
     Hook before, after;
+    AskWho who;
+    Reference reference;
+    int holdAfter = 0;
     std::filesystem::path results;  // folder; empty: none
     std::string store;              // a database's file or URL; empty: none
     std::filesystem::path spool;    // folder for what the store cannot take yet; empty: the usual one

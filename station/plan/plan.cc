@@ -229,7 +229,10 @@ const Keys<Draft> kOnBoard =
                                                                     }}});
 const Keys<Draft>::value_type kReconnect = {"reconnect", readFlag<&Step::reconnect>};
 
-const Keys<Draft> kJudged = {{"match", readMatch}, {"limits", readLimits}, {"problem", readProblem}};
+const Keys<Draft> kJudged = {{"match", readMatch},
+                             {"limits", readLimits},
+                             {"problem", readProblem},
+                             {"whose", [](Draft &draft, const Entry &value) { draft.step.whose = value.line(); }}};
 
 const Keys<Draft> kPrinting = {{"output", readText}, {"status", readWhole<&Step::status, 0, 255>}};
 
@@ -308,6 +311,8 @@ constexpr Rule kRules[] = {
                             [&](const Limit &limit) { return !isGroup(step, limit.group); });
      },
      "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
+    {"whose", [](const Step &step) { return !step.whose.empty() && !isGroup(step, step.whose); },
+     "the address is a named group of \"match\", as in (?P<mac>[0-9A-F:]+)"},
 };
 
 // Returns the fault, empty for none.
@@ -326,6 +331,15 @@ std::string takeFrom(Draft &draft, const std::string &pool) {
     draft.step.takes.push_back({pool, count});
     loader.taken[pool] = std::max(loader.taken[pool], count);
     return {};
+}
+
+// Returns why nobody could say whose the step's address is; empty: the store can.
+std::string faultOfWhose(const Draft &draft) {
+    const Names &names = draft.loader.names;
+    if (draft.step.whose.empty()) return {};
+    if (names.pools.empty()) return "addresses are looked up in the pools of the line's store, which has none";
+    const bool named = names.variables.contains("serial") || isGroup(draft.step, "serial");
+    return named ? "" : "the address is compared with those of a unit: no step before says its {serial}";
 }
 
 // Returns what is wrong with {name} in a text of the step, empty for nothing.
@@ -373,6 +387,7 @@ void completeStep(Draft &draft) {
     }
     if (draft.take > 0 && draft.step.takes.empty())
         faults.push_back({draft.mark("take"), "\"take\" needs a text that names a pool, as {mac}"});
+    if (const std::string fault = faultOfWhose(draft); !fault.empty()) faults.push_back({draft.mark("whose"), fault});
     if (const std::string fault = faultOfSend(draft.step); !fault.empty())
         faults.push_back({draft.mark("send"), fault});
 }

@@ -42,6 +42,7 @@ struct Step {
     std::vector<Taken> takes;
     std::string ask;                           // the variable that the operator's answer becomes
     std::string prompt;                        // with {name}
+    std::string whose;                         // the group of its match that is an address of the unit; empty: none
     std::string hint;                          // what a person does when the step fails
     std::chrono::milliseconds timeout{10000};  // of each attempt
     int status = 0;

@@ -25,6 +25,12 @@ struct UnitHistory {
     bool passed() const { return failed == 0 && when != WallClock::time_point(); }  // the last one
 };
 
+// Whose an address is.
+struct AddressOwner {
+    std::string unit;        // that was given the address; empty: none was
+    bool hasOthers = false;  // the run's unit was given addresses, whichever
+};
+
 // Called by the threads of all boards at once. "Durable" is what survives a power cut.
 class Records {
 public:
@@ -45,6 +51,10 @@ public:
     // the unit from earlier runs of the plan; nothing: no store can be asked. Throws RecordsError when the run cannot
     // be about that unit, as when another station has it in work.
     virtual std::optional<UnitHistory> named(const RunRecord & /*run*/) { return std::nullopt; }
+    // Returns whose the address ("02:00:00:00:00:FE") is. Throws RecordsError when that is not known.
+    virtual AddressOwner ownerOf(const std::string & /*address*/, const RunRecord & /*run*/) {
+        throw RecordsError("the line has no store that knows addresses");
+    }
     // May be written later.
     virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}
     // Durable before the verdict is shown. Throws RecordsError when it is not; it is then kept and tried again by

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <utility>
 
+#include "station/base/mac.h"
 #include "station/base/text.h"
 #include "station/plan/commands.h"
 #include "station/run/hooks.h"
@@ -165,32 +166,23 @@ void runVerify(Attempt &attempt) {
     }
 }
 
-std::string trim(const std::string &text) {
-    constexpr char kBlanks[] = " \t\r\n";
-    const size_t start = text.find_first_not_of(kBlanks);
-    return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
-}
-
 // A serial number is kept as it is everywhere, also where only UTF-8 is taken.
 bool isSerial(const std::string &text) {
     const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; };
     return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
 }
 
-// Returns why the run cannot be about this unit. What was taken for a unit stays with it. `unconfirmed`: see Units.
-std::string faultOfUnit(Course &course, const std::string &serial, std::string *unconfirmed) {
+// Makes the run one of this unit. What was taken for a unit stays with it. Returns why not; when the unit is refused,
+// the plan ends, unless the step names another one. `unconfirmed`: see Units.
+std::string nameUnit(Course &course, const std::string &serial, std::string *unconfirmed = nullptr) {
     RunRecord &run = course.run;
+    course.refused = false;
     if (!isSerial(serial)) return fmt::format("this is no serial number: \"{}\"", shorten(serial, kQuoted));
     if (serial == run.unit) return {};
     if (course.taken) return fmt::format("this board was {} before, and was given addresses as that", run.unit);
-    return course.context.units.admit(run, serial, course.plan, course.context.records, unconfirmed);
-}
-
-// Makes the run one of this unit. Returns why not: the plan then ends, unless the step names another one.
-std::string nameUnit(Course &course, const std::string &serial, std::string *unconfirmed = nullptr) {
-    const std::string fault = faultOfUnit(course, serial, unconfirmed);
-    course.refused = !fault.empty();
-    return fault;
+    const std::string why = course.context.units.admit(run, serial, course.plan, course.context, unconfirmed);
+    course.refused = !why.empty();
+    return why;
 }
 
 // Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
@@ -260,13 +252,41 @@ void keep(Attempt &attempt) {
             run.variables[name] = kept;
         } else {
             fail(fault);
+            if (attempt.course.refused) attempt.result.cause = Cause::kOperator;
         }
     }
+}
+
+// Returns why the board is another one than the run's unit, as the address tells that it reports; empty: it may be it.
+std::string faultOfAddress(const Course &course, const std::string &reported) {
+    const RunRecord &run = course.run;
+    const auto mac = parseMac(reported);
+    if (!mac) return fmt::format("\"{}\" is not a MAC address", shorten(reported, kQuoted));
+    if (run.unit.empty()) return "nobody said the unit's {serial}";
+    const std::string address = formatMac(*mac);
+    const AddressOwner owner = course.context.records.ownerOf(address, run);
+    if (owner.unit == run.unit || (owner.unit.empty() && !owner.hasOthers)) return {};
+    if (owner.unit.empty()) {
+        return fmt::format("{} has other addresses than {}: another board had this serial before: look for it",
+                           run.unit, address);
+    }
+    return fmt::format("this board is {}, and not {}: it has the address {}. Compare the labels", owner.unit, run.unit,
+                       address);
+}
+
+void checkOwner(Attempt &attempt) try {
+    const auto reported = attempt.groups.find(attempt.step.whose);
+    if (reported == attempt.groups.end() || !attempt.result.failure.empty()) return;
+    attempt.result.failure = faultOfAddress(attempt.course, reported->second);
+} catch (const RecordsError &error) {
+    attempt.result.failure = error.what();
+    attempt.result.cause = Cause::kStation;
 }
 
 void exchange(Attempt &attempt) try {
     kRunners[static_cast<size_t>(attempt.step.kind)](attempt);
     keep(attempt);
+    checkOwner(attempt);
     if (attempt.step.closes) attempt.course.connected = false;
 } catch (const std::exception &error) {
     attempt.result.failure = error.what();

@@ -30,6 +30,7 @@ struct Context {
     const Stop &stop;
     Operator &operators;
     Units &units;
+    Reference reference = {};
 };
 
 // Returns the record of a run that begins now: with a new ID, every step "not run".

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "station/run/run.h"
+
 namespace station {
 namespace {
 
@@ -43,24 +45,37 @@ Doubt doubtOf(const UnitHistory &history, const std::string &unit, const Plan &p
 
 }  // namespace
 
-std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &plan, Records &records,
+std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &plan, const Context &context,
                          std::string *unconfirmed) {
+    const Reference &reference = context.reference;
     const std::string before = std::exchange(run.unit, serial);
     const bool confirmed = unconfirmed != nullptr && std::exchange(*unconfirmed, "") == serial;
     std::string why = claim(run);
     const bool claimed = why.empty();
     if (claimed) try {
-            const auto known = records.named(run);
-            const Doubt doubt = doubtOf(known ? *known : historyOf(run), serial, plan, unconfirmed != nullptr);
-            if (!confirmed) why = doubt.text;
-            if (!confirmed && doubt.asks) *unconfirmed = serial;
+            const auto known = context.records.named(run);
+            Doubt doubt = doubtOf(known ? *known : historyOf(run), serial, plan, unconfirmed != nullptr);
+            if (confirmed || serial == reference.serial) doubt = {};
+            if (serial != reference.serial) why = doubtOfPlace(run.place, reference);
+            if (why.empty()) why = doubt.text;
+            if (doubt.asks) *unconfirmed = serial;
         } catch (const RecordsError &error) {
             why = error.what();
         }
     const Lock lock(mutex_);
     if (claimed) inWork_.erase(why.empty() ? before : serial);
     if (!why.empty()) run.unit = before;
+    run.reference = !run.unit.empty() && run.unit == reference.serial;
     return why;
+}
+
+std::string Units::doubtOfPlace(const Place &place, const Reference &reference) const {
+    const Lock lock(mutex_);
+    const auto passed = references_.find(place.name);
+    if (reference.serial.empty()) return {};
+    if (passed != references_.end() && Clock::now() < passed->second + reference.within) return {};
+    return fmt::format("the reference unit {} is due at {}: test it here first, then this one", reference.serial,
+                       nameOf(place));
 }
 
 std::string Units::claim(const RunRecord &run) {
@@ -78,6 +93,8 @@ UnitHistory Units::historyOf(const RunRecord &run) const {
 void Units::ended(const RunRecord &run) {
     const Lock lock(mutex_);
     inWork_.erase(run.unit);
+    if (run.reference && run.passed()) references_[run.place.name] = Clock::now();
+    if (run.reference && run.cause == Cause::kUnit) references_.erase(run.place.name);
     if (run.unit.empty() || !run.counts()) return;
     UnitHistory &history = histories_[keyOf(run)];
     history = {run.passed() ? 0 : history.failed + 1, run.end, nameOf(run.place)};

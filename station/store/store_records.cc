@@ -288,6 +288,17 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
     return values;
 }
 
+AddressOwner StoreRecords::ownerOf(const std::string &address, const RunRecord &run) {
+    const auto found = std::make_shared<AddressOwner>();
+    const auto look = [=, unit = text(run.unit)](Database &database) {
+        const Table owner = database.ask("SELECT serial FROM addresses WHERE address = $1", {address});
+        found->unit = owner.empty() ? "" : *owner.rows[0][0];
+        found->hasOthers = !database.ask("SELECT 1 FROM addresses WHERE serial = $1 LIMIT 1", {unit}).empty();
+    };
+    asRecordsError([&] { writer_.now({look}); });
+    return *found;
+}
+
 // Once, and again at each half of what was left.
 bool StoreRecords::isNews(const std::string &pool, int64_t left) {
     const Lock lock(mutex_);

@@ -56,6 +56,7 @@ public:
     void begins(const RunRecord &begun) override;
     std::optional<UnitHistory> named(const RunRecord &run) override;
     std::vector<std::string> bind(const std::string &pool, const RunRecord &run, int count) override;
+    AddressOwner ownerOf(const std::string &address, const RunRecord &run) override;
     void stepEnded(const RunRecord &ended, size_t step) override;
     void ends(const RunRecord &ended) override;
 
