@@ -4,7 +4,7 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import csv, glob, http.client, importlib.machinery, io, json, os, shutil, signal, socket, subprocess, sys, tempfile
+import csv, glob, http.client, importlib.machinery, io, json, os, re, shutil, signal, socket, subprocess, sys, tempfile
 import threading, unittest, urllib.parse, urllib.request
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
@@ -32,6 +32,40 @@ steps:
   - {send: PING, match: '^PING (?P<ports>[0-9]+)$', limits: {ports: {min: 1, max: 4}}, hint: See <b>cable 7</b>}
   - {send: BYE, expect: BYE, closes: true}
 '''
+
+
+# Where the parts of the page are that are not on the screen, or not within their tile.
+MEASURE = '''
+    const outside = [];
+    const check = (element, frame) => {
+        const box = element.getBoundingClientRect();
+        if (box.width === 0) return;
+        const off = Math.max(frame.left - box.left, box.right - frame.right, frame.top - box.top, box.bottom - frame.bottom);
+        if (off > 1) outside.push(`${element.id || element.className} of ${element.parentElement.className}: ${off}`);
+    };
+    const screen = new DOMRect(0, 0, innerWidth, innerHeight);
+    const parts = 'header, #scan, #scan *, #shift dd, main, .tile, #list, footer, #line, nav *';
+    for (const element of document.querySelectorAll(parts)) check(element, screen);
+    for (const tile of document.querySelectorAll('.tile')) {
+        for (const part of tile.children) check(part, tile.getBoundingClientRect());
+        const verdict = tile.querySelector('.verdict');
+        if (verdict && verdict.scrollWidth > verdict.clientWidth + 1) outside.push(`${tile.className}: its verdict is cut`);
+        const name = tile.querySelector('.name');
+        if (name.clientHeight > 1.9 * parseFloat(getComputedStyle(name).fontSize)) outside.push('a name breaks');
+    }
+    if (document.documentElement.scrollWidth > innerWidth) outside.push('the page is too wide');
+    return outside;'''
+
+# The heights of capital letters, in pixels.
+CAPS = '''
+    const pen = document.createElement('canvas').getContext('2d'), caps = {};
+    for (const name of ['.failed .verdict', '.passed .verdict', '.failed .name', '.failed .unit', '.failed .hint']) {
+        const element = document.querySelector('.tile' + name);
+        if (!element) continue;
+        pen.font = getComputedStyle(element).font;
+        caps[name] = pen.measureText('H').actualBoundingBoxAscent;
+    }
+    return caps;'''
 
 
 class Board(threading.Thread):
@@ -183,6 +217,99 @@ class Page(unittest.TestCase):
         self.until(lambda: 'board 1 asks only now' in self.notice())
         self.type('9', Keys.ENTER, 'C-2', Keys.ENTER)
         self.sees(1, 'PASS', 'C-2')
+
+    def pretend(self, tiles, size, **line):
+        """Shows a made-up line in a window of that size, without the station."""
+        metrics = {'width': size[0], 'height': size[1], 'deviceScaleFactor': 1, 'mobile': False}
+        self.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', metrics)
+        self.browser.execute_script('''
+            connect = () => {};
+            stream.onmessage = null;
+            hear({data: JSON.stringify({version, places: arguments[0], line: arguments[1]})});
+            heard = Infinity;
+            layOut();
+            refresh();''', [{'number': i + 1, 'age': 75, **tile} for i, tile in enumerate(tiles)], line)
+
+    def test_layout(self):
+        """On each screen everything is on it. On the two that are read from afar it is large enough."""
+        failure = {'step': 4, 'title': 'ports', 'text': 'ports is 1, below 2', 'hint': 'Check cable 7 and its plug.'}
+        ended = {'steps': 8, 'marks': 'pppfpp..', 'seconds': 34}
+        tiles = [{'stage': 'failed', 'name': 'bench-1', 'unit': 'SN-' + 60 * '7' + 'Z', 'failure': failure, **ended},
+                 {'stage': 'passed', 'name': 'bench-2', 'unit': 'SN-' + 45 * '7' + 'Z', **ended},
+                 {'stage': 'again', 'name': 80 * 'b' + '-3', 'unit': '\u6d4b\u8bd5' * 30, 'todo': 'Plug it in, ' * 9, **ended},
+                 {'stage': 'asking', 'name': '\u5de5\u4f4d' * 20, 'unit': '', 'steps': 8, 'step': 1, 'elapsed': 5, 'estimate': 0,
+                  'usual': 0, 'ask': {'question': 7, 'since': 1, 'prompt': '\u05e1\u05e8\u05d5\u05e7 ' * 9, 'problem': ''}},
+                 {'stage': 'running', 'name': 'bench-5', 'unit': '\u05de\u05e1\u05e4\u05e8' * 20, 'steps': 1000, 'step': 5,
+                  'title': 'flash', 'marks': 'pppp' + 996 * '.', 'elapsed': 36, 'estimate': 80, 'usual': 9, 'behind': 21},
+                 {'stage': 'waiting', 'name': 'bench-6', 'blocked': 'the interface is missing'},
+                 {'stage': 'waiting', 'name': 'bench-7', 'powered': 300},
+                 {'stage': 'waiting', 'name': 'bench-8', 'held': True}]
+        large = {(8, 1920): {'verdict': 50, 'name': 28, 'unit': 28, 'hint': 28}, (24, 1920): {'verdict': 28, 'name': 16}}
+        for size in (1920, 1080), (3840, 2160), (1280, 800), (1024, 768), (390, 844):
+            for count in 1, 4, 8, 16, 24, 64:
+                with self.subTest(size=size, count=count):
+                    self.pretend([tiles[i % len(tiles)] for i in range(count)], size, troubles=3 * [40 * 'trouble '])
+                    self.assertEqual(self.browser.execute_script(MEASURE), [])
+                    self.pretend([tiles[i % len(tiles)] for i in range(count)], size)
+                    caps = self.browser.execute_script(CAPS)
+                    if count > 1: self.assertGreaterEqual(caps['.failed .verdict'], caps['.passed .verdict'])
+                    for part, least in large.get((count, size[0]), {}).items():
+                        self.assertGreaterEqual(caps['.failed .' + part], least, part)
+        self.pretend(tiles, (1920, 1080))
+        self.assertRegex(self.tile(1), r'SN-7+…7+Z')
+        self.assertRegex(self.tile(3), r'b+…b*-3')
+        for words in 'longer than usual', 'Check this place', 'Switch the board off and on', 'HELD':
+            self.assertIn(words, self.page())
+        directions = "return [...document.querySelectorAll('.unit, .main')].map(e => getComputedStyle(e).direction)"
+        self.assertIn('rtl', self.browser.execute_script(directions))
+
+    def test_a_message_stays_with_its_board(self):
+        """A label that is scanned twice says so beside its own board, and never beside the next one."""
+        ask = lambda place: {'question': place, 'since': place, 'prompt': f'Scan {place}', 'problem': ''}
+        asking = [{'stage': 'asking', 'name': f'bench-{place}', 'ask': ask(place)} for place in (1, 2)]
+        self.pretend(asking, (1280, 800))
+        self.browser.execute_script('fetch = () => new Promise(() => {})')  # the station takes its time
+        self.type('A-1', Keys.ENTER, 'A-1', Keys.ENTER)
+        self.until(lambda: 'A-1: not used' in self.notice())
+        self.pretend([{'stage': 'running', 'name': 'bench-1', 'steps': 3, 'age': 0, 'usual': 0}, asking[1]], (1280, 800))
+        self.asked('bench-2')
+        self.assertEqual(self.notice(), '')
+
+    def test_languages(self):
+        """Each language has each word with its values. The line's file chooses one, or has a file of its own."""
+        folder = os.path.dirname(SCHEMA) + '/../station/page/static/'
+        texts = {}
+        for path in glob.glob(folder + 'words.*.json'):
+            with open(path) as file: texts[path.split('.')[-2]] = json.load(file)
+        values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
+        with open('own.json', 'w') as file: json.dump({**texts['en'], 'language': 'ar', 'direction': 'rtl'}, file)
+        with open('line.yaml') as file: line = file.read()
+        try:
+            for language, words in [*sorted(texts.items()), ('own.json', texts['en'])]:
+                self.assertEqual(values(words), values(texts['en']), language)
+                self.end(signal.SIGTERM)
+                with open('line.yaml', 'w') as file: file.write(line.replace('{listen', f'{{language: {language}, listen'))
+                self.start()
+                self.open()
+                self.sees(1, words['waiting'])
+                self.assertIn(words['stepsKey'], self.page())
+            self.assertEqual(self.browser.execute_script('return document.documentElement.dir'), 'rtl')
+        finally:
+            with open('line.yaml', 'w') as file: file.write(line)
+
+    def test_steps_and_seen(self):
+        """An engineer looks at what a place did so far. Whoever has seen a verdict says so."""
+        Board(1, PING='PING 9')
+        self.asked('board 1')
+        self.type('A-1', Keys.ENTER)
+        self.sees(1, 'FAIL')
+        self.type(Keys.F6, '1', Keys.ENTER)
+        look = self.browser.find_element(By.ID, 'look')
+        self.until(lambda: all(word in look.text for word in ('A-1', 'ports 9 (1 – 4)', '3 BYE')))
+        self.type(Keys.F8)
+        self.sees(1, 'FAIL', 'seen')
+        self.assertFalse(look.is_displayed())
+        self.assertEqual(self.request('/seen', [('Content-Type', 'application/json')], '{"place": 2}')[0], 409)
 
     def test_held_places_and_a_station_that_dies(self):
         """A place that is held takes no board; nobody scans for a board that has gone; a page that has lost its

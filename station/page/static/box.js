@@ -127,7 +127,10 @@ const kActs = {
 
 function start(wanted) {
     const places = [...tiles.values()].map(tile => tile.place).filter(kActs[wanted].fits);
-    if (wanted === 'seen' && looked) return close(), kActs.seen.act(looked);
+    if (wanted === 'seen' && looked) {
+        kActs.seen.act(looked);
+        return close();
+    }
     if (mode === wanted || places.length !== 1) return enter(mode === wanted ? 'scan' : wanted);
     enter('scan');
     kActs[wanted].act(places[0]);
