@@ -228,7 +228,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING, match: '(?P<VERDICT>.)'}", "1:23: the station sets QC_VERDICT itself"},
         {"- {send: PING, match: '(?P<1>.)'}", "1:23: \"1\" is not a name"},
         {"- {send: PING, expect: OK, hint: 'see }'}", "1:34: '}' that is no {name}"},
-        {"- {send: PING, reconnect: true, problem: X}", "1:42: a problem is said when"},
+        {"- {send: PING, reconnect: true, problem: X}", "1:42: \"problem\" is what people read when"},
         // Files.
         {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, say \"empty: true\""},
         {"- {verify: five, partition: 1, sha256: 6994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5}",
@@ -423,7 +423,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "\"b\" is not what the plan expects"},
         {"send: X, match: 'v=(?P<v>.)', hint: 'look at {v} and {w}', limits: {v: {max: 2}}|send: X, expect: X", "v=3;X",
          "FP", "X;X", "-> look at 3 and {w}"},
-        {"send: X, match: 'a', problem: 'no {{light}}'", "b", "F", "X", "no {light}"},
+        {"send: X, match: 'a', problem: 'no {{light}}'|run: 'exit 1', problem: X", "b", "FF", "X", "no {light}"},
+        {"run: 'exit 1', problem: not admitted", "", "F", "", "not admitted"},
         {"script: script, output: \"1\\n2\\n3\\n\"", "1\n3\n", "F", "exit", "line 2: expected \"2\n\", got \"3\n\""},
         {"script: script, output: \"1\\n2\"", "1\n2\n", "F", "exit", "line 2: expected \"2\", got \"2\n\""},
         {"script: script, match: 'x'", "1\n2\n", "F", "exit", "\"1...\" is not what the plan expects"},

@@ -296,8 +296,12 @@ constexpr Rule kRules[] = {
     {"", [](const Step &step) { return step.kind == Kind::kCommand && !step.expected && !step.reconnect; },
      "a command needs \"expect\" or \"match\""},
     {"", [](const Step &step) { return step.kind == Kind::kAsk && step.prompt.empty(); }, "\"ask\" needs \"prompt\""},
-    {"problem", [](const Step &step) { return !step.expected.problem.empty() && !step.expected; },
-     "a problem is said when a \"match\" or a text is not met: the step has none"},
+    {"problem",
+     [](const Step &step) {
+         const bool status = step.kind == Kind::kScript || step.kind == Kind::kRun;
+         return !step.expected.problem.empty() && !step.expected && !status;
+     },
+     "\"problem\" is what people read when a \"match\" or a text is not met: the step has none"},
     {"bare", [](const Step &step) { return step.bare && step.file; },
      "the board would take the payload for a part of a bare command"},
     {"retries",

@@ -121,8 +121,10 @@ void judgeOutput(Attempt &attempt, int status) {
         result.failure = fmt::format("printed {} bytes; it can be judged by at most {}",
                                      result.reply.size() + result.cut, kLongestOutput);
     } else if (status != wanted) {
-        result.failure =
-            fmt::format("ended with status {} instead of {}: {}", status, wanted, shorten(result.reply, kQuoted));
+        const std::string &problem = attempt.expected.problem;
+        result.failure = !problem.empty() ? problem
+                                          : fmt::format("ended with status {} instead of {}: {}", status, wanted,
+                                                        shorten(result.reply, kQuoted));
     }
 }
 
