@@ -48,21 +48,6 @@ Milliseconds until(Clock::time_point deadline) {
     return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
 }
 
-// Receives the status, a line end, and the output.
-ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
-    constexpr size_t kLongestStatus = 4;  // "255" and the line end
-    ScriptResult result;
-    const std::string bytes = connection.receiveAll(until(deadline), kLongestStatus + kLongestOutput, &result.cut);
-    const size_t lineEnd = bytes.find('\n');
-    const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
-    if (error != std::errc() || lineEnd == std::string::npos || behind != bytes.data() + lineEnd) {
-        throw SessionError("the script's result is not complete");
-    }
-    result.output = bytes.substr(lineEnd + 1, kLongestOutput);
-    result.cut += bytes.size() - (lineEnd + 1) - result.output.size();
-    return result;
-}
-
 // Accepts the result's connection, which is the board's alone: whatever else connects there is dropped. The reply on
 // `session` comes when the wrapper has ended, so the result's connection is there before it, or never.
 Session acceptResult(const Listener &results, const Session &session, Clock::time_point deadline) {
@@ -80,6 +65,21 @@ Session acceptResult(const Listener &results, const Session &session, Clock::tim
 }
 
 }  // namespace
+
+ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
+    constexpr size_t kLongestStatus = 4;  // "255" and the line end
+    ScriptResult result;
+    const std::string bytes = connection.receiveAll(until(deadline), kLongestStatus + kLongestOutput, &result.cut);
+    const size_t lineEnd = bytes.find('\n');
+    const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
+    const bool whole = error == std::errc() && lineEnd != std::string::npos && behind == bytes.data() + lineEnd;
+    if (!whole || result.status < 0 || result.status > 255) {
+        throw SessionError("the script's result is not complete");
+    }
+    result.output = bytes.substr(lineEnd + 1, kLongestOutput);
+    result.cut += bytes.size() - (lineEnd + 1) - result.output.size();
+    return result;
+}
 
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const std::map<std::string, std::string> &variables, const Progress &progress) {

@@ -18,6 +18,10 @@ struct ScriptResult {
     uint64_t cut = 0;    // bytes of it that followed and were dropped
 };
 
+// Receives what the board sends of a script that has ended: its status as a decimal number, a line end, and the output,
+// until the connection ends. Throws SessionError when that is not complete at the deadline.
+ScriptResult receiveResult(Session &&connection, Clock::time_point deadline);
+
 // Has the board run a script and returns its result. `script` may be any executable file's content; one without an
 // interpreter line is run by the shell. It finds each variable NAME in its environment as QC_NAME. A result that comes
 // from another address than the board's is dropped. Throws SessionError when the session fails or no result comes in

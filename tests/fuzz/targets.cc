@@ -38,6 +38,7 @@
 #include "station/line/line_file.h"
 #include "station/plan/plan.h"
 #include "station/wire/discovery.h"
+#include "station/wire/script.h"
 #include "support/configuration.h"
 #include "support/handle.h"
 #include "support/shell.h"
@@ -215,6 +216,26 @@ void replies(std::string input) {
     }
 }
 
+// Input: what a board sends of a script. The station must keep the whole output, and take no status that no program
+// has.
+void results(std::string input) {
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
+    station::Session session{station::Socket(ends[0])};
+    const station::Socket board(ends[1]);
+    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
+    shutdown(ends[1], SHUT_WR);
+    try {
+        const station::ScriptResult result =
+            station::receiveResult(std::move(session), station::Clock::now() + station::Milliseconds(1000));
+        const std::string status = input.substr(0, input.find('\n'));
+        require(status.find_first_not_of("-0123456789") == std::string::npos);
+        require(result.status >= 0 && result.status <= 255 && std::stoi(status) == result.status);
+        require(input == status + "\n" + result.output && result.cut == 0);
+    } catch (const station::SessionError &) {
+    }
+}
+
 // Input: frames that answer the discovery of a board.
 void discovery(std::string input) {
     struct Frames : station::FrameLink {
@@ -328,6 +349,7 @@ const std::map<std::string, void (*)(std::string input)> kTargets = {{"configura
                                                                      {"listener", listener},
                                                                      {"plan", plan},
                                                                      {"replies", replies},
+                                                                     {"results", results},
                                                                      {"session", session},
                                                                      {"texts", texts}};
 
