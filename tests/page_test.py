@@ -4,8 +4,8 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import csv, glob, http.client, importlib.machinery, io, json, os, re, shutil, signal, socket, subprocess, sys, tempfile
-import threading, unittest, urllib.parse, urllib.request
+import csv, glob, http.client, importlib.machinery, io, json, os, re, shutil, signal, socket, subprocess, sys, tarfile
+import tempfile, threading, unittest, urllib.parse, urllib.request
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
     user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
@@ -22,6 +22,8 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__) + '/../scripts/attack').load_module()
 
+# From scripts/setup, if npm is there.
+AXE = os.path.abspath(os.path.dirname(__file__) + '/../build/axe-core-4.14.1.tgz')
 SCHEMA = os.path.abspath(os.path.dirname(__file__) + '/../docs/api.schema.json')
 PATIENCE = 60  # seconds, for what takes much less on a machine that has nothing else to do
 PORT, PAGE = 55688, 8080
@@ -40,7 +42,8 @@ MEASURE = '''
     const check = (element, frame) => {
         const box = element.getBoundingClientRect();
         if (box.width === 0) return;
-        const off = Math.max(frame.left - box.left, box.right - frame.right, frame.top - box.top, box.bottom - frame.bottom);
+        const off = Math.max(frame.left - box.left, box.right - frame.right, frame.top - box.top,
+                             box.bottom - frame.bottom);
         if (off > 1) outside.push(`${element.id || element.className} of ${element.parentElement.className}: ${off}`);
     };
     const screen = new DOMRect(0, 0, innerWidth, innerHeight);
@@ -49,7 +52,7 @@ MEASURE = '''
     for (const tile of document.querySelectorAll('.tile')) {
         for (const part of tile.children) check(part, tile.getBoundingClientRect());
         const verdict = tile.querySelector('.verdict');
-        if (verdict && verdict.scrollWidth > verdict.clientWidth + 1) outside.push(`${tile.className}: its verdict is cut`);
+        if (verdict && verdict.scrollWidth > verdict.clientWidth + 1) outside.push(`${tile.className}: verdict is cut`);
         const name = tile.querySelector('.name');
         if (name.clientHeight > 1.9 * parseFloat(getComputedStyle(name).fontSize)) outside.push('a name breaks');
     }
@@ -104,6 +107,7 @@ class Page(unittest.TestCase):
             options.add_argument(argument)
         cls.browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
         cls.browser.set_page_load_timeout(PATIENCE)
+        cls.browser.set_script_timeout(PATIENCE)
         for address in AWAY, attack.ATTACKER:  # of other machines, as far as the station knows
             subprocess.run(['ip', 'address', 'add', address + '/32', 'dev', 'lo'], check=True)
 
@@ -189,6 +193,7 @@ class Page(unittest.TestCase):
         self.type('A-1', Keys.ENTER)
         self.sees(1, 'PASS', 'A-1')
         self.until(lambda: '50.0 %' in self.browser.find_element(By.ID, 'shift').text)
+        self.accessible('/')
         self.open()  # who comes late sees the same
         self.sees(1, 'PASS', 'A-1')
         self.sees(2, 'FAIL', 'PING <script>')
@@ -230,21 +235,33 @@ class Page(unittest.TestCase):
             layOut();
             refresh();''', [{'number': i + 1, 'age': 75, **tile} for i, tile in enumerate(tiles)], line)
 
+    def accessible(self, page):
+        """Has axe look for what keeps people from using the page that is shown; without axe, nothing looks."""
+        if not os.path.exists(AXE): return
+        with tarfile.open(AXE) as files: axe = files.extractfile('package/axe.min.js').read().decode()
+        self.browser.execute_script(axe)
+        found = self.browser.execute_async_script('axe.run().then(arguments[0])')
+        barriers = [(rule['id'], [node['html'] for node in rule['nodes']]) for rule in found['violations']]
+        self.assertEqual(barriers, [], page)
+
     def test_layout(self):
         """On each screen everything is on it. On the two that are read from afar it is large enough."""
         failure = {'step': 4, 'title': 'ports', 'text': 'ports is 1, below 2', 'hint': 'Check cable 7 and its plug.'}
         ended = {'steps': 8, 'marks': 'pppfpp..', 'seconds': 34}
         tiles = [{'stage': 'failed', 'name': 'bench-1', 'unit': 'SN-' + 60 * '7' + 'Z', 'failure': failure, **ended},
                  {'stage': 'passed', 'name': 'bench-2', 'unit': 'SN-' + 45 * '7' + 'Z', **ended},
-                 {'stage': 'again', 'name': 80 * 'b' + '-3', 'unit': '\u6d4b\u8bd5' * 30, 'todo': 'Plug it in, ' * 9, **ended},
-                 {'stage': 'asking', 'name': '\u5de5\u4f4d' * 20, 'unit': '', 'steps': 8, 'step': 1, 'elapsed': 5, 'estimate': 0,
-                  'usual': 0, 'ask': {'question': 7, 'since': 1, 'prompt': '\u05e1\u05e8\u05d5\u05e7 ' * 9, 'problem': ''}},
-                 {'stage': 'running', 'name': 'bench-5', 'unit': '\u05de\u05e1\u05e4\u05e8' * 20, 'steps': 1000, 'step': 5,
-                  'title': 'flash', 'marks': 'pppp' + 996 * '.', 'elapsed': 36, 'estimate': 80, 'usual': 9, 'behind': 21},
+                 {'stage': 'again', 'name': 80 * 'b' + '-3', 'unit': '\u6d4b\u8bd5' * 30, 'todo': 'Plug it in, ' * 9,
+                  **ended},
+                 {'stage': 'asking', 'name': '\u5de5\u4f4d' * 20, 'steps': 8, 'step': 1, 'usual': 0,
+                  'ask': {'question': 7, 'since': 1, 'prompt': '\u05e1\u05e8\u05d5\u05e7 ' * 9, 'problem': ''}},
+                 {'stage': 'running', 'name': 'bench-5', 'unit': '\u05de\u05e1\u05e4\u05e8' * 20, 'steps': 1000,
+                  'step': 5, 'title': 'flash', 'marks': 'pppp' + 996 * '.', 'elapsed': 36, 'estimate': 80, 'usual': 9,
+                  'behind': 21},
                  {'stage': 'waiting', 'name': 'bench-6', 'blocked': 'the interface is missing'},
                  {'stage': 'waiting', 'name': 'bench-7', 'powered': 300},
                  {'stage': 'waiting', 'name': 'bench-8', 'held': True}]
-        large = {(8, 1920): {'verdict': 50, 'name': 28, 'unit': 28, 'hint': 28}, (24, 1920): {'verdict': 28, 'name': 16}}
+        large = {(8, 1920): {'verdict': 50, 'name': 28, 'unit': 28, 'hint': 28},
+                 (24, 1920): {'verdict': 28, 'name': 16}}
         for size in (1920, 1080), (3840, 2160), (1280, 800), (1024, 768), (390, 844):
             for count in 1, 4, 8, 16, 24, 64:
                 with self.subTest(size=size, count=count):
@@ -255,7 +272,9 @@ class Page(unittest.TestCase):
                     if count > 1: self.assertGreaterEqual(caps['.failed .verdict'], caps['.passed .verdict'])
                     for part, least in large.get((count, size[0]), {}).items():
                         self.assertGreaterEqual(caps['.failed .' + part], least, part)
+        self.accessible('/')
         self.pretend(tiles, (1920, 1080))
+        self.accessible('/')
         self.assertRegex(self.tile(1), r'SN-7+…7+Z')
         self.assertRegex(self.tile(3), r'b+…b*-3')
         for words in 'longer than usual', 'Check this place', 'Switch the board off and on', 'HELD':
@@ -271,7 +290,8 @@ class Page(unittest.TestCase):
         self.browser.execute_script('fetch = () => new Promise(() => {})')  # the station takes its time
         self.type('A-1', Keys.ENTER, 'A-1', Keys.ENTER)
         self.until(lambda: 'A-1: not used' in self.notice())
-        self.pretend([{'stage': 'running', 'name': 'bench-1', 'steps': 3, 'age': 0, 'usual': 0}, asking[1]], (1280, 800))
+        running = {'stage': 'running', 'name': 'bench-1', 'steps': 3, 'usual': 0}
+        self.pretend([running, asking[1]], (1280, 800))
         self.asked('bench-2')
         self.assertEqual(self.notice(), '')
 
@@ -288,7 +308,8 @@ class Page(unittest.TestCase):
             for language, words in [*sorted(texts.items()), ('own.json', texts['en'])]:
                 self.assertEqual(values(words), values(texts['en']), language)
                 self.end(signal.SIGTERM)
-                with open('line.yaml', 'w') as file: file.write(line.replace('{listen', f'{{language: {language}, listen'))
+                with open('line.yaml', 'w') as file:
+                    file.write(line.replace('{listen', f'{{language: {language}, listen'))
                 self.start()
                 self.open()
                 self.sees(1, words['waiting'])
@@ -341,8 +362,10 @@ class Page(unittest.TestCase):
         address = f'http://127.0.0.1:{PAGE}/'
         self.browser.get(address + 'summary?since=7d')
         self.until(lambda: len(find('canvas')) == 2)
+        self.accessible('/summary')
         self.type('<b>7</b>', Keys.ENTER)
         self.until(lambda: 'Unit <b>7</b>' in self.page())
+        self.accessible('/unit')
         find('td a')[0].send_keys(Keys.ENTER)
         self.until(lambda: 'ports is 9, above 4' in self.page() and 'See <b>cable 7</b>' in self.page())
         run = urllib.parse.parse_qs(urllib.parse.urlsplit(self.browser.current_url).query)['run'][0]

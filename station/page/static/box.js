@@ -73,8 +73,8 @@ function showBox() {
     document.body.classList.toggle('asks', scans && Boolean(place));
     document.body.classList.toggle('settles', now() < settled);
     at('box').type = mode === 'token' ? 'password' : 'text';
-    set(at('whose'), scans ? place?.name || '' : say(`${mode}Mode`));
-    at('whose').hidden = scans && !place;
+    set(at('whose'), scans ? place?.name || say('none') : say(`${mode}Mode`));
+    at('whose').classList.toggle('heard', scans && !place);
     const prompt = !scans ? say(`${mode}Prompt`) : place ? place.ask.prompt : say('none');
     set(at('prompt'), prompt);
     set(at('next'), say('nextKey', {n: others}));
