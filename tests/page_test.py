@@ -341,7 +341,7 @@ class Page(unittest.TestCase):
         taken = Board(3)
         self.asked('board 2')
         taken.socket.shutdown(socket.SHUT_RDWR)
-        self.sees(2, 'FAIL', 'the board has gone')
+        self.sees(2, 'AGAIN', 'the board has gone', 'Cable or power')
         Board(4)
         self.asked('board 2')
         self.end(signal.SIGKILL)

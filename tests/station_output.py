@@ -4,8 +4,8 @@
 Checks what qcstation prints on a terminal and as JSON in real runs, and that it stops whatever happens to its output.
 """
 
-import contextlib, fcntl, json, os, pty, re, shutil, signal, socket, struct, subprocess, sys, tempfile, termios
-import threading
+import contextlib, fcntl, json, os, pty, re, shutil, signal, socket, sqlite3, struct, subprocess, sys, tempfile
+import termios, threading, xml.etree.ElementTree
 import jsonschema
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -113,10 +113,10 @@ def check_unanswered(folder):
         assert ended.returncode == 2 and "give the line a page" in ended.stderr, ended
 
 
-def line_of(folder, plan, **how):
+def line_of(folder, plan, more="", **how):
     """Starts a line of one place. Returns the process and its port."""
     with open(f"{folder}/serve.yaml", "w") as file:
-        file.write(f"{{listen: '127.0.0.1:1', places: 1, plan: {plan}}}".replace(":1'", f":{free_port()}'"))
+        file.write(f"{{listen: '127.0.0.1:1', places: 1, plan: {plan}, {more}}}".replace(":1'", f":{free_port()}'"))
     port = re.search(r":(\d+)'", open(f"{folder}/serve.yaml").read())[1]
     station = subprocess.Popen([QCSTATION, "serve", "--json", f"{folder}/serve.yaml"], stdout=subprocess.PIPE, **how)
     while b"line_starts" not in station.stdout.readline():
@@ -244,6 +244,29 @@ def check_schemas(folder):
     assert sorted(record["verdict"] for record in records(folder, "line")) == ["failed", "passed"]
     for record in records(folder, "line"):
         validator("record").validate(record)
+        report = open(f"{folder}/line/line-{record['id']}-{record['place']['name']}.xml").read()
+        assert f'failures="{int(record["verdict"] == "failed")}" errors="0"' in report, report
+
+
+def check_death(folder):
+    """Whoever kills the station before the command after a run has ended: nothing says that the run passed."""
+    done, over = os.pipe()
+    station, port = line_of(folder, "line.yaml", f"results: after, store: after.db, after: 'echo > /dev/fd/{over}; read'",
+                            pass_fds=[over])
+    serve(port, [b"INFO"])
+    os.read(done, 1)
+    station.kill()
+    station.wait()
+    station, _ = line_of(folder, "line.yaml", "results: after, store: after.db")
+    station.send_signal(signal.SIGTERM)
+    station.wait(60)
+    files = {file.name.rsplit(".")[-1]: open(file.path).read() for file in os.scandir(f"{folder}/after")}
+    assert re.search(r"^AGAIN .*died", files["log"], re.M), files["log"]
+    suite = xml.etree.ElementTree.fromstring(files["xml"])[0]
+    assert [suite.get(count) for count in ("failures", "errors")] == ["0", "1"], files["xml"]
+    assert (record := json.loads(files["json"]))["verdict"] == "failed" and record["cause"] == "station", record
+    assert list(sqlite3.connect(f"{folder}/after.db").execute("SELECT verdict, cause, ended FROM runs")) == [
+        ("interrupted", "station", None)]
 
 
 with tempfile.TemporaryDirectory() as scratch:
@@ -254,6 +277,6 @@ with tempfile.TemporaryDirectory() as scratch:
         payload.truncate(16 << 20)
     with open(f"{scratch}/slow.yaml", "w") as plan:
         plan.write("[{send: PING, expect: PING 2, timeout: 3600}]")
-    for check in (check_schemas, check_questions, check_shift, check_unanswered, check_terminal, check_unread_output, check_signals,
-                  check_examples):
+    for check in (check_schemas, check_questions, check_shift, check_unanswered, check_terminal, check_unread_output,
+                  check_signals, check_examples, check_death):
         check(scratch)

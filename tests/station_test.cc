@@ -73,6 +73,7 @@ TEST(Frames, OfRepliesMustBeExact) {
             text = pair.session.receiveReply(Milliseconds(50));
         } catch (const SessionError &error) {
             failure = error.what();
+            EXPECT_EQ(dynamic_cast<const station::WrongReply *>(&error) == nullptr, test.bytes.empty()) << failure;
         }
         EXPECT_EQ(text, test.text) << failure;
         EXPECT_THAT(failure, HasSubstr(test.failure));
@@ -85,7 +86,7 @@ TEST(Frames, OfRepliesMustBeExact) {
     pair.session.sendCommand("PING");
     char bytes[100];
     EXPECT_EQ(std::string(bytes, static_cast<size_t>(recv(pair.ends[1], bytes, sizeof bytes, 0))), frame("PING"));
-    EXPECT_THROW(pair.session.sendCommand(longer), SessionError);
+    EXPECT_THROW(pair.session.sendCommand(longer), std::invalid_argument);
 }
 
 TEST(Frames, ThatTrickleInEndAtTheLimit) {
@@ -311,20 +312,26 @@ Texts split(const std::string &text, char separator) {
     return parts;
 }
 
+// What happens around a board: the commands that it got, and how often its cable is looked at before it has a link.
+struct Bench {
+    std::string happened;
+    int unlinked = 0;
+};
+
 // Connects when the plan begins, and again when that waits for it. Each command gets the next reply; an empty one, and
-// BYE, end the connection. A script prints the reply, and ends with status 0. `happened` gets the commands with their
+// BYE, end the connection. A script prints the reply, and ends with status 0. The bench gets the commands with their
 // payloads.
 class ScriptedBoard : public station::Board {
 public:
-    ScriptedBoard(Texts replies, std::string &happened) : replies_(std::move(replies)), happened_(happened) {
-        reconnect({});
-    }
+    ScriptedBoard(Texts replies, Bench &bench) : replies_(std::move(replies)), bench_(bench) { reconnect({}); }
     ~ScriptedBoard() override { disconnect(); }
 
     Session &session() override { return *session_; }
+    bool linked() const override { return --bench_.unlinked < 0; }
 
     void reconnect(station::Clock::time_point) override {
         disconnect();
+        if (next_ == replies_.size()) throw SessionError("it did not come back");
         thread_ = std::thread([this, board = connectTo(listener_.port())] { serve(board.descriptor()); });
         session_.emplace(listener_.accept(Milliseconds(5000)));
     }
@@ -353,7 +360,7 @@ private:
             const bool script = command.starts_with("SHELL"), announces = script || command.starts_with("FW ");
             const std::string payload = receive(board, announces ? std::stoul(command.substr(command.rfind(' '))) : 0);
             const std::string happened = script ? payload.substr(payload.find("exit 0\n") + 7) : command + payload;
-            happened_ += happened.substr(0, happened.find('\n')) + ";";
+            bench_.happened += happened.substr(0, happened.find('\n')) + ";";
             if (script) sendResult(payload, std::exchange(reply, command));
             if (reply.empty()) return;
             reply.resize(station::kFrame);
@@ -378,20 +385,26 @@ private:
 
     Texts replies_;
     size_t next_ = 0;
-    std::string &happened_;
+    Bench &bench_;
     station::Listener listener_{"127.0.0.1", 0};
     std::optional<Session> session_;
     std::thread thread_;
 };
 
-// The line around a run: an operator whose first answer is wrong, a pool, and a stop that comes with the step "stop".
-struct Line : station::Operator, station::Records, station::Observer {
+// The line around a run: an operator whose first answer is wrong, and who does what is asked; a pool, and one that is
+// empty; and a stop that comes with the step "stop".
+struct Line : station::Operator, station::Records, station::Observer, Bench {
     std::string ask(const RunRecord &, size_t, const std::string &prompt, const std::string &problem,
-                    station::Clock::time_point, const station::Needless &) override {
+                    station::Clock::time_point, const station::Needless &needless) override {
         happened += prompt + (problem.empty() ? "?;" : "!;");
+        if (prompt == "sleep") throw station::NoAnswer("nobody is there");
+        if (prompt == "stop") stop.request();
+        if (prompt == "stop") throw station::NoAnswer(needless());
+        unlinked = prompt == "jolt" ? 5 : prompt == "pull" ? 1000 : 0;
         return std::exchange(answer, "unit-7");
     }
     Texts bind(const std::string &pool, const RunRecord &run, int count) override {
+        if (pool == "none") throw station::RecordsError("the pool is empty");
         happened += std::to_string(count) + " " + pool + " of " + run.unit + ";";
         return Texts(static_cast<size_t>(count), "02:00:00:00:00:01");
     }
@@ -403,7 +416,7 @@ struct Line : station::Operator, station::Records, station::Observer {
         if (run.steps[step].title == "stop") stop.request();
     }
 
-    std::string happened, answer = "oops";
+    std::string answer = "oops";
     station::Stop stop;
     station::Units units;
 };
@@ -411,12 +424,14 @@ struct Line : station::Operator, station::Records, station::Observer {
 TEST_F(PlanTest, StepsAreRunAsTheySay) {
     const struct {
         const char *steps, *replies, *verdicts, *happened;
-        const char *failure;  // in the first step that did not pass
+        const char *failure;         // in the first step that did not pass
+        const char *cause = "unit";  // of a failed run
     } cases[] = {
         {"send: PING, expect: PING 2, required: true|send: X, expect: X|send: Y, expect: Y, always: true", "PING 1;Y",
          "F-P", "PING;Y", "expected \"PING 2\", got \"PING 1\""},
-        {"send: X, expect: X|send: Y, expect: Y|ask: lamp, prompt: Lit", "", "F--", "X", "closed the connection"},
-        {"send: BYE, expect: BYE|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
+        {"send: X, expect: X|send: Y, expect: Y|ask: lamp, prompt: Lit", "", "F--", "X", "closed the connection",
+         "connection"},
+        {"send: BYE, expect: BYE, closes: true|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
         {"send: X, match: 'v=(?P<v>.*)', limits: {v: {max: 2.5, unit: V}}|send: 'X {v}', expect: '{{{v}}}'",
          "v=2.75;{2.75}", "FP", "X;X 2.75", "v is 2.75 V, above 2.5"},
         {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X",
@@ -431,15 +446,25 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', match: MAC, take: 3", "MAC 2", "PP",
          "S?;S!;3 pool of unit-7;MAC 02:00:00:00:00:01", ""},
         {"send: REBOOT, reconnect: true|send: PING, expect: PING 2", ";PING 2", "PP", "REBOOT;PING", ""},
+        {"send: REBOOT, reconnect: true|send: X, expect: X", "", "F-", "REBOOT", "it did not come back", "connection"},
         {"ask: mac, prompt: A|send: 'MAC {mac}', expect: MAC 4|send: X, expect: X", "X", "PFP", "A?;X",
-         "not sent: \"oops\" is no MAC address"},
+         "not sent: \"oops\" is no MAC address", "station"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: '{pool}', expect: X",
          "MAC 2;X", "PPP", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;02:00:00:00:00:01", ""},
+        {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {none}', expect: MAC 2", "", "PF", "S?;S!",
+         "the pool is empty", "station"},
+        {"ask: serial, prompt: sleep", "", "F", "sleep?", "nobody is there", "operator"},
+        {"ask: serial, prompt: stop", "", "F", "stop?", "the station was stopped", "operator"},
+        {"ask: serial, prompt: jolt", "", "P", "jolt?", ""},
+        {"ask: serial, prompt: pull|send: X, expect: X", "", "F-", "pull?", "no link: the board has gone",
+         "connection"},
+
         {"send: 'FW KERNEL {size}', upload: five, expect: OK|verify: five, partition: 2",
          "OK;827ccb0eea8a706c4c34a16891f84e7b 0", "PP", "FW KERNEL 512345;#!/bin/sh", ""},
         {"script: script, match: '^(line\\s?)*$'|script: script, match: 'line'|script: script", "long;longer;longer",
          "PFP", "exit;exit;exit", "printed 262145 bytes"},
-        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "F-", "X", "taken is in work at place 9"},
+        {"send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "taken;Y", "F-", "X", "taken is in work at place 9",
+         "operator"},
         {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "FP", "X;Y", "this is no serial number"},
         {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
@@ -456,9 +481,9 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: BYE, expect: BYE, closes: true|run: test -e five, reconnect: true|send: PING, expect: PING 2",
          "BYE;PING 2", "PPP", "BYE;PING", ""},
         {"run: head -c 50000000 /dev/zero, match: ''", "", "F", "", "printed 50000000 bytes"},
-        {"run: kill -9 $$", "", "F", "", "ended by signal 9"},
+        {"run: kill -9 $$", "", "F", "", "ended by signal 9", "station"},
         {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",
-         "did not end within 0.3 s"},
+         "did not end within 0.3 s", "station"},
         {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "020000000007", "PP",
          "S?;S!;X", ""},
         {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "02-00-00-00-00-08", "PF",
@@ -469,14 +494,16 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "none", "PF", "S?;X",
          "\"none\" is not a MAC address"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
-         "not run: the station was stopped"},
+         "not run: the station was stopped", "operator"},
     };
     std::string lines;
     for (int i = 0; i < 60000; ++i) lines += "line\n";
     for (const auto &test : cases) {
         std::string text;
-        for (const std::string &step : split(test.steps, '|')) text += "- {" + step + "}\n";
-        const station::Plan plan = station::loadPlan(write("plan.yaml", text), {}, {{}, {"pool"}});
+        for (const std::string &step : split(test.steps, '|')) {
+            text += "- {" + step + (step.find("hint:") == std::string::npos ? ", hint: see me}\n" : "}\n");
+        }
+        const station::Plan plan = station::loadPlan(write("plan.yaml", text), {}, {{}, {"pool", "none"}});
         write("five", "other bytes");
         Texts replies = *test.replies == '\0' ? Texts{""} : split(test.replies, ';');
         std::replace(replies.begin(), replies.end(), "long"s, lines.substr(0, station::kLongestOutput));
@@ -486,7 +513,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         const station::Context context{line, line, line.stop, line, line.units};
         line.units.admit(other, "taken", plan, context, nullptr);
         {
-            ScriptedBoard board(replies, line.happened);
+            ScriptedBoard board(replies, line);
             run = station::runPlan(board, plan, run, context);
         }
         write("five", "12345");
@@ -500,6 +527,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         EXPECT_EQ(verdicts, test.verdicts) << text;
         EXPECT_EQ(line.happened, *test.happened == '\0' ? "" : test.happened + ";"s) << text;
         EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
+        EXPECT_EQ(textOf(run.cause), run.passed() ? "" : test.cause) << text;
+        EXPECT_EQ(todoAbout(run) == todoAbout(run.cause), textOf(run.cause) != "unit") << "the plan's hint " << text;
     }
 }
 
@@ -557,7 +586,7 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
         const station::Context context{line, line, line.stop, line, line.units};
         line.units.admit(other, "taken", plan, context, nullptr);
         {
-            ScriptedBoard board(test.names == prints ? Texts{"A", "X"} : Texts{"X"}, line.happened);
+            ScriptedBoard board(test.names == prints ? Texts{"A", "X"} : Texts{"X"}, line);
             run = station::runPlan(board, plan, run, context);
         }
         std::string verdicts;
@@ -575,7 +604,7 @@ TEST_F(PlanTest, APlaceTestsNoUnitBeforeTheReferencePassedThere) {
     Line line;
     const station::Context context{line, line, line.stop, line, line.units, {"GOLD", std::chrono::hours(1)}};
     const auto test = [&](const char *unit, const char *place, const char *reply) {
-        ScriptedBoard board({unit, reply}, line.happened);
+        ScriptedBoard board({unit, reply}, line);
         RunRecord run = station::runPlan(board, plan, station::newRun(plan, {1, place}), context);
         if (!run.passed()) run.cause = station::Cause::kUnit;
         line.units.ended(run);

@@ -37,7 +37,7 @@ std::vector<Place> placesOf(const std::vector<std::string> &interfaces, int boar
 
 std::string summaryOf(const std::string &plan, const Outcome &outcome) {
     if (outcome.runs == 1) return fmt::format("plan {}: {}\n", plan, outcome.counts);
-    return fmt::format("plan {}: {} boards, {} failed\n", plan, outcome.runs, outcome.failed);
+    return fmt::format("plan {}: {}\n", plan, outcome.describe());
 }
 
 int run(RunOptions options) {

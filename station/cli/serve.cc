@@ -75,10 +75,7 @@ int serve(const std::string &path, bool json) {
               .records = *records,
               .boards = 0,
               .task = [](Line &all) { return all.serve(); },
-              .summary =
-                  [&](const Outcome &outcome) {
-                      return fmt::format("line {}: {} boards, {} failed\n", path, outcome.runs, outcome.failed);
-                  },
+              .summary = [&](const Outcome &outcome) { return fmt::format("line {}: {}\n", path, outcome.describe()); },
               .reload = [path, old = line, json] { return reload(path, old, json); },
               .page = page.get()});
     // That boards fail is a line's daily business, and to be stopped is how it ends.

@@ -67,7 +67,7 @@ void Terminal::stepEnds(const RunRecord &run, size_t step) {
 
 void Terminal::boardEnds(const RunRecord &run) {
     release(run.place.number);
-    const bool told = boards_ == 1 && run.failure.empty();  // by the steps' lines
+    const bool told = boards_ == 1 && run.failure.empty() && !run.again();  // by the steps' lines
     if (!told) print(run, endLine(run));
     const std::string replies = shownReplies(run, boards_ != 1);
     if (!replies.empty()) print(watched_ ? harmless(replies) : replies);
@@ -98,8 +98,8 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
         while (asking_ != 0 && asking_ != place && needless().empty() && Clock::now() < deadline) {
             free_.waitFor(lock, kTyping);
         }
-        if (const std::string why = needless(); !why.empty()) throw std::runtime_error(why);
-        if (asking_ != 0 && asking_ != place) throw std::runtime_error("the operator did not answer in time");
+        if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
+        if (asking_ != 0 && asking_ != place) throw NoAnswer("the operator did not answer in time");
         asking_ = place;
         tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before belongs to no question
         prompt_ = fmt::format("{}: {}{} > ", nameOf(run.place),
@@ -115,10 +115,10 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
     }
 }
 
-// Reads a line. Throws std::runtime_error when none comes, or none is needed.
+// Reads a line. Throws as ask().
 std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &needless) {
     while (Clock::now() < deadline) {
-        if (const std::string why = needless(); !why.empty()) throw std::runtime_error(why);
+        if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
         pollfd polled{STDIN_FILENO, POLLIN, 0};
         if (poll(&polled, 1, static_cast<int>(kTyping.count())) <= 0) continue;
         std::string line(kLongestAnswer, '\0');
@@ -129,7 +129,7 @@ std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &nee
         prompt_.clear();
         return line;
     }
-    throw std::runtime_error("the operator did not answer in time");
+    throw NoAnswer("the operator did not answer in time");
 }
 
 void Terminal::release(int place) {

@@ -70,7 +70,7 @@ int exitCodeOf(const Outcome &outcome, const std::string &unprinted) {
     if (!unprinted.empty()) printError("qcstation: standard output: " + unprinted + "\n");
     if (!outcome.unwritten.empty() || !unprinted.empty()) return kCannotWrite;
     if (outcome.interrupted) return kInterrupted;
-    return outcome.failed > 0 ? kFailed : kPassed;
+    return outcome.failed + outcome.again > 0 ? kFailed : kPassed;
 }
 
 }  // namespace

@@ -29,9 +29,10 @@ bool hasCarrier(const std::string &interface) {
 
 // A socket, with the places there.
 struct Line::Gate {
-    Gate(Listener &listener, Observer &observer) : door(listener, observer) {}
+    Gate(Listener &listener, Observer &observer) : cable(listener.interface()), door(listener, observer) {}
 
-    Door door;  // but for wake() and the listener's interface, its thread's alone
+    const std::string cable;  // the interface of its one place; empty: its places share a network
+    Door door;                // but for wake(), its thread's alone
     std::vector<Seat *> seats;
     std::thread thread;
     Clock::time_point looked;               // its thread's: at the cable
@@ -55,6 +56,8 @@ struct Line::Seat : Board {
         if (!next) throw SessionError("the board did not connect again in time");
         served = std::exchange(next, std::nullopt);
     }
+
+    bool linked() const override { return gate.cable.empty() || hasCarrier(gate.cable); }
 
     Line &line;
     Gate &gate;
@@ -82,6 +85,11 @@ struct Line::Orders {
     bool probe = true;
     bool last = false;  // end when nobody is there or on the way
 };
+
+std::string Outcome::describe() const {
+    return fmt::format("{} boards, {} failed{}", runs, failed,
+                       again > 0 ? fmt::format(", {} to be tested again", again) : "");
+}
 
 Line::Line(std::vector<Listener> &listeners, const std::vector<Place> &places, std::shared_ptr<const Job> job,
            const Context &context)
@@ -204,6 +212,7 @@ void Line::missBoards() {
         if (seat.had() || wanted_-- <= 0) continue;
         RunRecord run = newRun(job_->plan, seat.place);
         run.failure = "no board connected";
+        run.cause = Cause::kConnection;
         for (StepResult &step : run.steps) step.failure = "not run: no board connected";
         run.end = run.start;
         finish(run);
@@ -390,15 +399,20 @@ RunRecord Line::runJob(Seat &seat, const Job &job, RunRecord run) {
     Context context = context_;
     context.reference = job.reference;
     askWho(seat, job, run);
-    if (run.failure.empty()) run.failure = runHook(job.before, run, "before");
+    const auto call = [&run](const char *when, const Hook &hook) {
+        const std::string failure = runHook(hook, run, when);
+        if (failure.empty()) return;
+        run.failure += (run.failure.empty() ? "" : "; ") + failure;
+        if (run.cause == Cause::kNone) run.cause = Cause::kStation;
+    };
+    if (run.failure.empty()) call("before", job.before);
     if (run.failure.empty()) {
         run = runPlan(seat, job.plan, std::move(run), context);
     } else {
         for (StepResult &step : run.steps) step.failure = "not run: something before the steps failed";
     }
     run.stampEnd();
-    const std::string failure = runHook(job.after, run, "after");
-    run.failure += (run.failure.empty() || failure.empty() ? "" : "; ") + failure;
+    call("after", job.after);
     return run;
 }
 
@@ -412,7 +426,8 @@ void Line::finish(const RunRecord &run) {
     context_.observer.boardEnds(run);
     const Lock lock(mutex_);
     ++outcome_.runs;
-    outcome_.failed += run.passed() ? 0 : 1;
+    outcome_.failed += run.passed() || run.again() ? 0 : 1;
+    outcome_.again += run.again() ? 1 : 0;
     outcome_.counts = countsOf(run);
     outcome_.interrupted |= run.interrupted;
 }

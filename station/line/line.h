@@ -28,10 +28,14 @@ struct Job {
 // How a line's work has ended.
 struct Outcome {
     int runs = 0;        // boards that have a record, including those that never connected
-    int failed = 0;      // of them
+    int failed = 0;      // of them, by the unit's fault
+    int again = 0;       // of them, to be tested again: another's fault
     std::string counts;  // of the last board's steps
     bool interrupted = false;
     std::string unwritten;  // why records are not written; empty: all are
+
+    // Returns "4 boards, 1 failed", and ", 1 to be tested again" when there are any.
+    std::string describe() const;
 };
 
 class Line {

@@ -28,7 +28,7 @@ Json endedStep(const StepResult &step) {
 // What went wrong first, and what to do about it.
 Json failureOf(const RunRecord &run) {
     const StepResult *const failed = run.firstFailed();
-    if (failed == nullptr) return {{"text", oneLine(summaryOf(run))}};
+    if (failed == nullptr || run.interrupted) return {{"text", oneLine(summaryOf(run))}};
     return {{"step", failed - run.steps.data() + 1},
             {"title", oneLine(failed->title)},
             {"text", oneLine(failed->failure)},
@@ -106,14 +106,17 @@ void Floor::stepEnds(const RunRecord &run, size_t step) {
 void Floor::boardEnds(const RunRecord &run) {
     const double seconds = std::chrono::duration<double>(run.end - run.start).count();
     change(run.place, [&](Tile &tile) REQUIRES(mutex_) {
-        tile.json = {{"stage", run.passed() ? "passed" : "failed"},
+        tile.json = {{"stage", run.passed()  ? "passed"
+                               : run.again() ? "again"
+                                             : "failed"},
                      {"unit", oneLine(run.unit)},
                      {"seconds", seconds},
                      {"steps", run.steps.size()}};
         if (!run.passed()) tile.json["failure"] = failureOf(run);
+        if (run.again()) tile.json["todo"] = todoAbout(run);
         tile.runs = false;
         tile.started = Clock::now();
-        if (run.interrupted) return;
+        if (!run.counts()) return;
         shift_.renew();
         shift_.add(run.unit, run.plan, run.passed(), seconds);
         shiftVersion_ = version_ + 1;

@@ -1,7 +1,5 @@
 #include "station/page/scanner.h"
 
-#include <stdexcept>
-
 namespace station {
 namespace {
 
@@ -24,7 +22,7 @@ std::string Scanner::ask(const RunRecord &run, size_t, const std::string &prompt
     open_.erase(run.place.number);
     floor_.asks(run.place, {});
     if (open.answer) return *open.answer;
-    throw std::runtime_error(why.empty() ? "the operator did not answer in time" : why);
+    throw NoAnswer(why.empty() ? "the operator did not answer in time" : why);
 }
 
 std::string Scanner::answer(int place, uint64_t question, const std::string &text) {

@@ -66,6 +66,8 @@ void Events::boardEnds(const RunRecord &run) {
                         {"seconds", std::chrono::duration<double>(run.end - run.start).count()},
                         {"interrupted", run.interrupted}};
     if (!run.failure.empty()) particulars["failure"] = run.failure;
+    if (run.cause != Cause::kNone) particulars["cause"] = textOf(run.cause);
+    if (!todoAbout(run).empty()) particulars["todo"] = todoAbout(run);
     output_.put(line("board_ends", with(run, particulars)));
 }
 

@@ -15,7 +15,10 @@ namespace {
 constexpr size_t kReplyWidth = 160;  // of a reply or failure in a step's line
 constexpr std::array<std::string_view, 3> kVerdicts = {"not run", "passed", "failed"};
 constexpr std::array<std::string_view, 5> kCauses = {"", "unit", "connection", "station", "operator"};
-constexpr std::array<std::string_view, 3> kMarks = {"-     ", "ok    ", "FAILED"};
+constexpr std::array<std::string_view, 5> kTodos = {
+    "", "", "Cable or power: plug the board in, then switch it off and on.",
+    "Not the board's fault: tell the line engineer. To test the board again, switch it off and on.",
+    "Switch the board off and on to test it again."};
 
 size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
     return static_cast<size_t>(
@@ -32,10 +35,7 @@ void RunRecord::stampEnd() { end = start + std::chrono::duration_cast<WallClock:
 size_t RunRecord::failures() const { return count(steps, Verdict::kFailed); }
 size_t RunRecord::notRun() const { return count(steps, Verdict::kNotRun); }
 
-bool RunRecord::counts() const {
-    const bool otherFault = !passed() && cause != Cause::kNone && cause != Cause::kUnit;
-    return ended() && !interrupted && !reference && !otherFault;
-}
+bool RunRecord::counts() const { return ended() && !interrupted && !reference && !again(); }
 
 const StepResult *RunRecord::firstFailed() const {
     const auto failed = std::find_if(steps.begin(), steps.end(),
@@ -54,15 +54,24 @@ std::string summaryOf(const RunRecord &run) {
                            failed->failure);
     }
     if (!run.failure.empty()) return run.failure;
-    return run.passed() ? fmt::format("{} steps", run.steps.size()) : "ended before all steps were run";
+    return run.passed() ? fmt::format("{} steps", run.steps.size())
+                        : "the station was stopped, or died, before the run had ended";
+}
+
+std::string_view wordOf(const RunRecord &run) { return run.passed() ? "PASS" : run.again() ? "AGAIN" : "FAIL"; }
+
+std::string todoAbout(Cause cause) { return std::string(kTodos[static_cast<size_t>(cause)]); }
+
+std::string todoAbout(const RunRecord &run) {
+    const StepResult *const failed = run.firstFailed();
+    return failed != nullptr && failed->cause == run.cause ? failed->hint : todoAbout(run.cause);
 }
 
 std::string endLine(const RunRecord &run) {
-    const StepResult *const failed = run.firstFailed();
-    return oneLine(fmt::format("{}  {}{:.1f} s  {}{}", run.passed() ? "PASS" : "FAIL",
-                               run.unit.empty() ? "" : run.unit + "  ",
-                               std::chrono::duration<double>(run.end - run.start).count(), summaryOf(run),
-                               failed == nullptr || failed->hint.empty() ? "" : "  -> " + failed->hint));
+    const std::string todo = todoAbout(run);
+    return oneLine(fmt::format("{}  {}{:.1f} s  {}{}", wordOf(run), run.unit.empty() ? "" : run.unit + "  ",
+                               run.ended() ? inSeconds(run.end - run.start) : 0, summaryOf(run),
+                               todo.empty() ? "" : "  -> " + todo));
 }
 
 std::string makeRunId(WallClock::time_point start) {
@@ -73,19 +82,24 @@ std::string makeRunId(WallClock::time_point start) {
 
 RunRecord unfinished(RunRecord run) {
     run.interrupted = true;
+    run.cause = Cause::kStation;
     run.end = {};
     return run;
 }
 
 std::string countsOf(const RunRecord &run) {
     const std::string left = run.notRun() > 0 ? fmt::format(", {} not run", run.notRun()) : "";
-    return fmt::format("{} steps, {} failed{}", run.steps.size(), run.failures(), left);
+    const std::string cause = run.again() ? fmt::format(" (cause: {})", textOf(run.cause)) : "";
+    return fmt::format("{} steps, {} failed{}{}", run.steps.size(), run.failures(), left, cause);
 }
 
 std::string describeStep(const StepResult &result) {
     const std::string text = shorten(oneLine(result.passed() ? result.reply : result.failure), kReplyWidth);
-    return fmt::format("{}  {:7.2f} s  {}  ->  {}", kMarks[static_cast<size_t>(result.verdict)],
-                       inSeconds(result.duration), oneLine(result.title), text);
+    const char *const mark = result.passed()                      ? "ok"
+                             : result.verdict == Verdict::kNotRun ? "-"
+                             : result.cause > Cause::kUnit        ? "AGAIN"
+                                                                  : "FAILED";
+    return fmt::format("{:6}  {:7.2f} s  {}  ->  {}", mark, inSeconds(result.duration), oneLine(result.title), text);
 }
 
 }  // namespace station

@@ -53,7 +53,7 @@ struct StepResult {
     uint64_t cut = 0;                     // bytes that were cut off the reply, of which a record keeps so many
     std::string failure;                  // why the step did not pass; empty when it passed
     Cause cause = Cause::kNone;           // of a failure
-    std::string hint;                     // what to do when it fails, from the plan
+    std::string hint;                     // what to do when it fails: the plan's, or that of another cause
     bool show = false;                    // the plan wants the reply to be seen as it is
     std::chrono::milliseconds offset{0};  // of its start from the run's
     std::chrono::milliseconds duration{0};
@@ -87,7 +87,8 @@ struct RunRecord {
     size_t failures() const;  // steps that failed
     size_t notRun() const;    // steps that were not run
     bool passed() const { return failures() + notRun() == 0 && failure.empty() && !interrupted; }
-    const StepResult *firstFailed() const;  // null: none has
+    bool again() const { return !passed() && cause > Cause::kUnit; }  // to be tested again: it says nothing of the unit
+    const StepResult *firstFailed() const;                            // null: none has
     // Returns true when the run says something about the quality of units: it was judged, and a failure was the unit's.
     // A failure without a cause, as older versions recorded it, counts as the unit's.
     bool counts() const;
@@ -99,6 +100,14 @@ std::string nameOf(const Place &place);
 // Returns the reason of a verdict: the first step that failed and why, or what else failed; or the number of steps.
 std::string summaryOf(const RunRecord &run);
 
+// Returns the verdict for people: PASS, FAIL, or AGAIN when the failure is not the unit's.
+std::string_view wordOf(const RunRecord &run);
+
+// Returns what to do about a failure with this cause; empty for the unit's, for which the plan has hints.
+std::string todoAbout(Cause cause);
+// Returns what to do about the run's failure; empty: nobody knows.
+std::string todoAbout(const RunRecord &run);
+
 // Returns a run's end in one line: verdict, unit, seconds, reason, and what to do.
 std::string endLine(const RunRecord &run);
 
@@ -108,7 +117,7 @@ std::string makeRunId(WallClock::time_point start);
 // Returns the record as it is kept before the run has ended: without an end, and interrupted unless one follows.
 RunRecord unfinished(RunRecord run);
 
-// Returns "4 steps, 1 failed", and ", 2 not run" when there are any.
+// Returns "4 steps, 1 failed", ", 2 not run" when there are any, and what a failure is due to unless to the unit.
 std::string countsOf(const RunRecord &run);
 
 // Returns a step's line: verdict, time, title, and the reply or what is wrong.

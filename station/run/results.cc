@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <pugixml.hpp>
@@ -29,12 +30,12 @@ std::string logOf(const RunRecord &run) {
                                   run.peer.empty() ? "never connected" : run.peer, isoTime(run.start));
     for (const StepResult &step : run.steps) log += describeStep(step) + "\n";
     if (!run.failure.empty()) log += fmt::format("FAILED  {}\n", oneLine(run.failure));
-    return log + countsOf(run) + "\n";
+    return log + countsOf(run) + "\n" + endLine(run) + "\n";
 }
 
 // `outcome` is the element that says why the case did not pass.
 void addCase(pugi::xml_node suite, const std::string &name, std::chrono::milliseconds duration,
-             const std::string &failure, const char *outcome = "failure") {
+             const std::string &failure, const char *outcome) {
     pugi::xml_node test = suite.append_child("testcase");
     test.append_attribute("classname") = suite.attribute("name").value();
     test.append_attribute("name") = oneLine(name).c_str();
@@ -47,16 +48,22 @@ std::string reportOf(const RunRecord &run) {
     pugi::xml_node suite = document.append_child("testsuites").append_child("testsuite");
     suite.append_attribute("name") = oneLine(run.plan + "." + run.place.name).c_str();
     suite.append_attribute("tests") = run.steps.size() + 1;
-    suite.append_attribute("failures") = run.failures() + (run.failure.empty() ? 0 : 1);
+    const auto isError = [](const StepResult &step) { return step.cause > Cause::kUnit; };
+    const auto errors = static_cast<size_t>(std::count_if(run.steps.begin(), run.steps.end(), isError));
+    const std::string problem = run.failure.empty() && run.interrupted ? summaryOf(run) : run.failure;
+    suite.append_attribute("failures") = run.failures() - errors;
+    suite.append_attribute("errors") = errors + (problem.empty() ? 0 : 1);
     suite.append_attribute("skipped") = run.notRun();
     suite.append_attribute("time") = fmt::format("{:.3f}", run.ended() ? inSeconds(run.end - run.start) : 0).c_str();
     suite.append_attribute("timestamp") = isoTime(run.start).c_str();
     suite.append_attribute("hostname") = run.peer.c_str();
-    addCase(suite, "0 the run", std::chrono::milliseconds(0), run.failure);
+    addCase(suite, "0 the run", std::chrono::milliseconds(0), problem, "error");  // never the unit's fault
     for (size_t i = 0; i < run.steps.size(); ++i) {
         const StepResult &step = run.steps[i];
         addCase(suite, fmt::format("{} {}", i + 1, step.title), step.duration, step.failure,
-                step.verdict == Verdict::kFailed ? "failure" : "skipped");
+                isError(step)                      ? "error"
+                : step.verdict == Verdict::kFailed ? "failure"
+                                                   : "skipped");
     }
     std::ostringstream text;
     document.save(text, "  ", pugi::format_default, pugi::encoding_utf8);

@@ -7,12 +7,14 @@
 #include <charconv>
 #include <cmath>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "station/base/mac.h"
 #include "station/base/text.h"
 #include "station/plan/commands.h"
 #include "station/run/hooks.h"
+#include "station/wire/listener.h"
 #include "station/wire/script.h"
 
 namespace station {
@@ -20,7 +22,9 @@ namespace {
 
 constexpr Milliseconds kRetryPause{1000};
 constexpr Milliseconds kProgressPause{100};
-constexpr char kUnit[] = "serial";  // the variable that is the unit
+constexpr Milliseconds kFlicker{1500};  // without a link, after which the board has gone
+constexpr Milliseconds kGlance{50};     // while it is not known yet
+constexpr char kUnit[] = "serial";      // the variable that is the unit
 
 // A run in its course.
 struct Course {
@@ -30,9 +34,10 @@ struct Course {
     const Context &context;
     Clock::time_point start = Clock::now();
     bool connected = true;
-    bool taken = false;     // something of a pool, for the unit
-    bool refused = false;   // the unit that was named last
-    std::string over = {};  // why only steps with "always" are run; empty: all are
+    bool taken = false;                // something of a pool, for the unit
+    bool refused = false;              // the unit that was named last
+    Clock::time_point linked = start;  // when the cable was last seen with a link
+    std::string over = {};             // why only steps with "always" are run; empty: all are
 };
 
 // One attempt of a step: its texts, ready to be sent and judged.
@@ -187,11 +192,33 @@ std::string nameUnit(Course &course, const std::string &serial, std::string *unc
     return why;
 }
 
+// Returns true when the board has closed the session, does not answer any more, or has lost its link for good.
+bool hasGone(Course &course) {
+    if (!course.connected) return false;
+    if (course.board.linked()) course.linked = Clock::now();
+    return course.board.session().gone() || Clock::now() - course.linked > kFlicker;
+}
+
 // Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
-std::string reasonNotToAsk(const Course &course) {
-    if (course.context.stop.requested()) return "the station was stopped before the operator answered";
-    if (course.connected && course.board.session().gone()) return "the board has gone before the operator answered";
-    return {};
+std::string reasonNotToAsk(Course &course) {
+    if (hasGone(course)) return "the board has gone before the operator answered";
+    if (!course.context.stop.requested()) return {};
+    course.run.interrupted = true;
+    return "the station was stopped before the operator answered";
+}
+
+// Returns the answer. Whether it is for this board is certain once the cable has a link.
+std::string answerTo(Attempt &attempt, const std::string &problem) try {
+    Course &course = attempt.course;
+    const auto needless = [&] { return reasonNotToAsk(course); };
+    std::string answer =
+        course.context.operators.ask(course.run, attempt.index, attempt.prompt, problem, attempt.deadline, needless);
+    while (course.connected && !course.board.linked() && !hasGone(course)) std::this_thread::sleep_for(kGlance);
+    if (hasGone(course)) throw NoAnswer(needless());
+    return answer;
+} catch (const NoAnswer &why) {
+    if (hasGone(attempt.course)) throw SessionError(why.what());
+    throw;
 }
 
 // Asks until the answer is right: people mistype, and scanners catch the wrong label.
@@ -201,8 +228,7 @@ void runAsk(Attempt &attempt) {
     std::string problem, unconfirmed;
     context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
-        result.reply = trim(context.operators.ask(attempt.course.run, attempt.index, attempt.prompt, problem,
-                                                  attempt.deadline, [&] { return reasonNotToAsk(attempt.course); }));
+        result.reply = trim(answerTo(attempt, problem));
         attempt.judge(result.reply);
         if (!result.failure.empty() && attempt.expected.problem.empty()) {
             result.failure =
@@ -215,7 +241,7 @@ void runAsk(Attempt &attempt) {
         attempt.groups[attempt.step.ask] = result.reply;
         return;
     }
-    throw SessionError("nobody answered in time; the last answer: " + problem);
+    throw NoAnswer("nobody answered in time; the last answer: " + problem);
 }
 
 // Runs a step of each kind, in the order of Kind.
@@ -285,14 +311,31 @@ void checkOwner(Attempt &attempt) try {
     attempt.result.cause = Cause::kStation;
 }
 
+// Returns whose fault it is that a step could not be done. What was done and found wrong is the unit's.
+Cause causeOf(const std::exception &error, const Board &board) {
+    const bool session = dynamic_cast<const SessionError *>(&error) != nullptr;
+    if (session && !board.linked()) return Cause::kConnection;
+    if (dynamic_cast<const WrongReply *>(&error) != nullptr) return Cause::kUnit;
+    if (dynamic_cast<const ListenError *>(&error) != nullptr) return Cause::kStation;
+    if (dynamic_cast<const NoAnswer *>(&error) != nullptr) return Cause::kOperator;
+    return session ? Cause::kConnection : Cause::kStation;
+}
+
+void fail(Attempt &attempt, const std::exception &error) {
+    const Board &board = attempt.course.board;
+    attempt.result.cause = causeOf(error, board);
+    const bool cable = attempt.result.cause == Cause::kConnection && !board.linked();
+    attempt.result.failure = fmt::format("{}{}", cable ? "the cable has no link: " : "", error.what());
+}
+
 void exchange(Attempt &attempt) try {
     kRunners[static_cast<size_t>(attempt.step.kind)](attempt);
     keep(attempt);
     checkOwner(attempt);
     if (attempt.step.closes) attempt.course.connected = false;
 } catch (const std::exception &error) {
-    attempt.result.failure = error.what();
-    if (attempt.step.needsBoard() || attempt.session().gone()) attempt.course.connected = false;
+    fail(attempt, error);
+    if (attempt.step.needsBoard() || hasGone(attempt.course)) attempt.course.connected = false;
 }
 
 void reconnect(Attempt &attempt) try {
@@ -300,22 +343,23 @@ void reconnect(Attempt &attempt) try {
     attempt.course.board.reconnect(attempt.deadline);
     attempt.course.connected = true;
 } catch (const std::exception &error) {
-    if (attempt.result.failure.empty()) attempt.result.failure = error.what();
+    if (attempt.result.failure.empty()) fail(attempt, error);
 }
 
 void runAttempt(Course &course, size_t index) {
     const Step &step = course.plan.steps[index];
     StepResult &result = course.run.steps[index];
     result.failure.clear();
+    result.cause = Cause::kNone;
     result.reply.clear();
     result.cut = 0;
     result.measurements.clear();
+    course.linked = Clock::now();
     Attempt attempt{course, step, index, result, Clock::now() + step.timeout};
     try {
         prepare(attempt);
     } catch (const std::exception &error) {
-        result.failure = error.what();
-        return;
+        return fail(attempt, error);
     }
     if (step.needsBoard()) attempt.session().setSendDeadline(attempt.deadline);
     exchange(attempt);
@@ -348,10 +392,11 @@ void runStep(Course &course, size_t index) {
     } while (!result.failure.empty() && result.attempts <= step.retries && course.connected &&
              !context.stop.requested());
     result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
+    if (!result.passed() && result.cause == Cause::kNone) result.cause = Cause::kUnit;
     result.duration = since(start);
     const Variables values = valuesOf(step, course.run);  // with what it has found
     result.title = step.title(values);
-    result.hint = fill(step.hint, values);
+    result.hint = result.cause > Cause::kUnit ? todoAbout(result.cause) : fill(step.hint, values);
     context.observer.stepEnds(course.run, index);
     context.records.stepEnded(course.run, index);
 }
@@ -397,6 +442,8 @@ RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &
         }
         follow(course, plan.steps[i], result);
     }
+    const StepResult *const failed = run.firstFailed();
+    run.cause = run.interrupted ? Cause::kOperator : failed != nullptr ? failed->cause : Cause::kNone;
     run.stampEnd();
     return run;
 }

@@ -21,6 +21,8 @@ public:
     // Waits for the board's next connection, which session() is from then on; the one before stays open until then.
     // Throws SessionError at the deadline.
     virtual void reconnect(Clock::time_point deadline) = 0;
+    // Returns false while the board's cable has no link, as when it is unplugged or the board is off.
+    virtual bool linked() const { return true; }
 };
 
 // What a run needs besides its board and its plan.
@@ -36,8 +38,9 @@ struct Context {
 // Returns the record of a run that begins now: with a new ID, every step "not run".
 RunRecord newRun(const Plan &plan, const Place &place);
 
-// Runs the steps, and returns the record. After the end of the session only steps are run that need no board (`ask`,
-// `run`); after a required step has failed, or the stop was requested, only steps with `always`.
+// Runs the steps, and returns the record, with the cause of each failure. After the end of the session only steps are
+// run that need no board (`ask`, `run`); after a required step has failed, or the stop was requested, only steps with
+// `always`.
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context);
 
 }  // namespace station

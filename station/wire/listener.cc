@@ -100,7 +100,7 @@ Session Listener::accept(Milliseconds limit) const {
 std::optional<Session> Listener::take() const {
     const int board = accept4(descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
     if (board < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
-        throw SessionError(describeError("cannot accept a board"));
+        throw ListenError(describeError("cannot accept a board"));
     }
     if (board < 0) return std::nullopt;  // none waits, or it has gone again
     const int on = 1;

@@ -33,7 +33,7 @@ public:
 
     // Returns the next connection. Throws SessionError when none comes within the limit.
     Session accept(Milliseconds limit) const;
-    // Returns the next connection that waits in the kernel, if any. Throws SessionError when the process or the system
+    // Returns the next connection that waits in the kernel, if any. Throws ListenError when the process or the system
     // has no room for it: it waits on.
     std::optional<Session> take() const;
 

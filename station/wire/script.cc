@@ -51,7 +51,8 @@ Milliseconds until(Clock::time_point deadline) {
 // Accepts the result's connection, which is the board's alone: whatever else connects there is dropped. The reply on
 // `session` comes when the wrapper has ended, so the result's connection is there before it, or never.
 Session acceptResult(const Listener &results, const Session &session, Clock::time_point deadline) {
-    for (bool replied = false; Clock::now() < deadline;) {
+    bool replied = false;
+    while (Clock::now() < deadline) {
         pollfd polled[] = {{results.descriptor(), POLLIN, 0}, {replied ? -1 : session.descriptor(), POLLIN, 0}};
         poll(polled, 2, pollLimit(deadline));
         if (polled[1].revents != 0) {
@@ -61,7 +62,9 @@ Session acceptResult(const Listener &results, const Session &session, Clock::tim
         std::optional<Session> result = polled[0].revents != 0 ? results.take() : std::nullopt;
         if (result && result->peerAddress() == session.peerAddress()) return std::move(*result);
     }
-    throw SessionError("the board sent no result of the script: has it no \"nc\"?");
+    if (session.gone()) throw SessionError("the board closed the connection");
+    if (!replied) throw SessionError("the script did not end in time");
+    throw WrongReply("the board sent no result of the script: has it no \"nc\"?");
 }
 
 }  // namespace
@@ -74,7 +77,7 @@ ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
     const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
     const bool whole = error == std::errc() && lineEnd != std::string::npos && behind == bytes.data() + lineEnd;
     if (!whole || result.status < 0 || result.status > 255) {
-        throw SessionError("the script's result is not complete");
+        throw WrongReply("the script's result is not complete");
     }
     result.output = bytes.substr(lineEnd + 1, kLongestOutput);
     result.cut += bytes.size() - (lineEnd + 1) - result.output.size();
@@ -90,7 +93,7 @@ ScriptResult runScript(Session &session, const std::string &script, Clock::time_
     session.sendBytes(payload, progress);
     ScriptResult result = receiveResult(acceptResult(results, session, deadline), deadline);
     const std::string reply = session.receiveReply(until(deadline));
-    if (reply != command) throw SessionError(fmt::format("expected \"{}\", got \"{}\"", command, reply));
+    if (reply != command) throw WrongReply(fmt::format("expected \"{}\", got \"{}\"", command, reply));
     return result;
 }
 

@@ -21,6 +21,9 @@ namespace {
 // How long to wait for more of a reply that has 64 characters and no NUL.
 constexpr Milliseconds kLongReplyGrace{300};
 
+// A board that is there acknowledges one probe of the kernel every three seconds (Listener).
+constexpr Milliseconds kLongestSilence{10000};
+
 bool isTemporary(int error) { return error == EAGAIN || error == EINTR; }
 
 // Returns the bytes of the frame at the start of `bytes`, as far as it can be told yet.
@@ -38,7 +41,7 @@ std::string textOf(const sockaddr_in &address) {
 }  // namespace
 
 void Session::sendCommand(std::string_view text) {
-    if (text.size() > kFrame) throw SessionError(fmt::format("a command has at most {} bytes", kFrame));
+    if (text.size() > kFrame) throw std::invalid_argument(fmt::format("a command has at most {} bytes", kFrame));
     std::string frame(text);
     frame.resize(kFrame, '\0');
     sendBytes(frame);
@@ -76,7 +79,7 @@ std::string Session::receiveReply(Milliseconds limit) {
     while (bytes.size() < frameLength(bytes) && bytes.size() <= kLongestReply) {
         const Arrival arrival = receiveSome(bytes, deadline);
         if (arrival == Arrival::kBytes) continue;
-        if (!bytes.empty()) throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
+        if (!bytes.empty()) throw WrongReply(fmt::format("the reply ended after {} bytes", bytes.size()));
         if (arrival == Arrival::kEnd) throw SessionError("the board closed the connection");
         throw SessionError(fmt::format("no reply within {:.1f} s", double(limit.count()) / 1000));
     }
@@ -85,21 +88,25 @@ std::string Session::receiveReply(Milliseconds limit) {
            receiveSome(bytes, std::min(deadline, Clock::now() + kLongReplyGrace)) == Arrival::kBytes) {
     }
     const size_t length = frameLength(bytes);
-    if (length > kLongestReply) throw SessionError(fmt::format("a reply of {} bytes", length));
-    if (bytes.size() < length) throw SessionError(fmt::format("the reply ended after {} bytes", bytes.size()));
+    if (length > kLongestReply) throw WrongReply(fmt::format("a reply of {} bytes", length));
+    if (bytes.size() < length) throw WrongReply(fmt::format("the reply ended after {} bytes", bytes.size()));
     if (bytes.size() > length) {
-        throw SessionError(fmt::format("{} bytes behind the reply's frame", bytes.size() - length));
+        throw WrongReply(fmt::format("{} bytes behind the reply's frame", bytes.size() - length));
     }
     std::string text = bytes.substr(0, std::min(bytes.find('\0'), length));
     if (bytes.find_first_not_of('\0', text.size()) != std::string::npos) {
-        throw SessionError("the reply's frame is not filled with NUL");
+        throw WrongReply("the reply's frame is not filled with NUL");
     }
     return text;
 }
 
 bool Session::gone() const {
     pollfd polled{socket_.descriptor(), POLLRDHUP, 0};
-    return poll(&polled, 1, 0) > 0;
+    if (poll(&polled, 1, 0) > 0) return true;
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    getsockopt(socket_.descriptor(), IPPROTO_TCP, TCP_INFO, &info, &length);
+    return Milliseconds(info.tcpi_last_ack_recv) > kLongestSilence;
 }
 
 void Session::receiveNow(std::string &bytes, size_t most) {
@@ -116,11 +123,11 @@ void Session::receiveNow(std::string &bytes, size_t most) {
 
 void Session::expectClose(Milliseconds limit) {
     if (!waitFor(socket_.descriptor(), POLLIN, Clock::now() + limit)) {
-        throw SessionError("the board left the connection open");
+        throw WrongReply("the board left the connection open");
     }
     char byte;
     if (recv(socket_.descriptor(), &byte, 1, MSG_DONTWAIT) > 0)
-        throw SessionError("the board sent more instead of closing");
+        throw WrongReply("the board sent more instead of closing");
 }
 
 std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) {

@@ -43,7 +43,7 @@ public:
     // Waits for the board to close the connection. Throws when it sends something or does not close in time.
     void expectClose(Milliseconds limit);
 
-    // Returns true when the board has closed or reset the connection, or has been given up by the kernel.
+    // Returns true when the board has closed or reset the connection, or has acknowledged nothing for ten seconds.
     bool gone() const;
 
     // Receives until the board closes the connection. Returns the first `most` bytes, and adds the number of the others

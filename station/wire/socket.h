@@ -16,6 +16,11 @@ struct SessionError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The board answered, but not as it must: the fault is the board's, not the cable's.
+struct WrongReply : SessionError {
+    using SessionError::SessionError;
+};
+
 // Returns the interface that a socket is bound to; empty for none, and for one that has gone.
 std::string boundTo(int socket);
 
