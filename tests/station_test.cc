@@ -486,10 +486,10 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "did not end within 0.3 s", "station"},
         {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "020000000007", "PP",
          "S?;S!;X", ""},
-        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "02-00-00-00-00-08", "PF",
-         "S?;S!;X", "this board is unit-8, and not unit-7"},
-        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "02:00:00:00:00:09", "PF",
-         "S?;S!;X", "another board had this serial before: look for it"},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m|send: Y, expect: Y",
+         "02-00-00-00-00-08", "PF-", "S?;S!;X", "this board is unit-8, and not unit-7"},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m, retries: 1",
+         "02:00:00:00:00:09", "PF", "S?;S!;X", "another board had this serial before: look for it"},
         {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "02:00:00:00:00:09", "PP", "S?;X", ""},
         {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "none", "PF", "S?;X",
          "\"none\" is not a MAC address"},
@@ -525,6 +525,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
                 failure = step.failure + (step.hint.empty() ? "" : " -> " + step.hint);
         }
         EXPECT_EQ(verdicts, test.verdicts) << text;
+        EXPECT_EQ(run.unit.empty(), !run.variables.contains("serial")) << text;
         EXPECT_EQ(line.happened, *test.happened == '\0' ? "" : test.happened + ";"s) << text;
         EXPECT_THAT(failure, HasSubstr(test.failure)) << text;
         EXPECT_EQ(textOf(run.cause), run.passed() ? "" : test.cause) << text;
@@ -545,6 +546,16 @@ struct Scans : Line {
     size_t next = 0;
     std::string problems;
 };
+
+RunRecord pastRun(const station::Plan &plan, const char *unit, char verdict) {
+    RunRecord run = station::newRun(plan, {2, "bench-2"});
+    run.unit = unit;
+    for (auto &step : run.steps) {
+        step.verdict = verdict == 'P' ? station::Verdict::kPassed : station::Verdict::kFailed;
+    }
+    run.stampEnd();
+    return run;
+}
 
 TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
     const char *const asks = "ask: serial, prompt: S", *const prints = "send: S, match: '(?P<serial>.*)'";
@@ -572,15 +583,7 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
         Scans line;
         line.answers = split(test.answers, ';');
         for (const char verdict : std::string(test.before)) {
-            RunRecord past = station::newRun(plan, {2, "bench-2"});
-            past.unit = "A";
-            for (auto &step : past.steps) {
-                step.verdict = verdict == 'P' ? station::Verdict::kPassed : station::Verdict::kFailed;
-            }
-            past.stampEnd();
-            line.units.ended(past);
-            past.unit = "too";
-            line.units.ended(past);
+            for (const char *const unit : {"A", "too"}) line.units.ended(pastRun(plan, unit, verdict));
         }
         RunRecord run = station::newRun(plan, {}), other = station::newRun(plan, {9, "9"});
         const station::Context context{line, line, line.stop, line, line.units};
@@ -610,6 +613,7 @@ TEST_F(PlanTest, APlaceTestsNoUnitBeforeTheReferencePassedThere) {
         line.units.ended(run);
         return (run.passed() ? "passed " : "failed ") + std::string(run.reference ? "reference" : run.steps[0].failure);
     };
+    line.units.ended(pastRun(plan, "GOLD", 'P'));  // before it became the reference
     const std::string due = "failed the reference unit GOLD is due at left: test it here first, then this one";
     EXPECT_EQ(test("A", "left", "ok"), due);
     EXPECT_EQ(test("GOLD", "right", "ok"), "passed reference");

@@ -285,14 +285,9 @@ void keep(Attempt &attempt) {
     }
 }
 
-// Returns why the board is another one than the run's unit, as the address tells that it reports; empty: it may be it.
-std::string faultOfAddress(const Course &course, const std::string &reported) {
-    const RunRecord &run = course.run;
-    const auto mac = parseMac(reported);
-    if (!mac) return fmt::format("\"{}\" is not a MAC address", shorten(reported, kQuoted));
-    if (run.unit.empty()) return "nobody said the unit's {serial}";
-    const std::string address = formatMac(*mac);
-    const AddressOwner owner = course.context.records.ownerOf(address, run);
+// Returns why a board with this address is another one than the run's unit; empty: it may be it.
+std::string faultOfAddress(const RunRecord &run, const std::string &address, Records &records) {
+    const AddressOwner owner = records.ownerOf(address, run);
     if (owner.unit == run.unit || (owner.unit.empty() && !owner.hasOthers)) return {};
     if (owner.unit.empty()) {
         return fmt::format("{} has other addresses than {}: another board had this serial before: look for it",
@@ -302,10 +297,30 @@ std::string faultOfAddress(const Course &course, const std::string &reported) {
                        address);
 }
 
+// Ends the plan of a board that is not the run's unit, of which the run then says nothing.
+void disown(Course &course) {
+    course.refused = true;
+    if (course.taken) return;
+    course.context.units.releaseAt(course.run.place);
+    course.run.variables.erase(kUnit);
+    course.run.unit.clear();
+}
+
+// Compares the address that the board reports with those of the unit.
 void checkOwner(Attempt &attempt) try {
+    const RunRecord &run = attempt.course.run;
+    std::string &failure = attempt.result.failure;
     const auto reported = attempt.groups.find(attempt.step.whose);
-    if (reported == attempt.groups.end() || !attempt.result.failure.empty()) return;
-    attempt.result.failure = faultOfAddress(attempt.course, reported->second);
+    if (reported == attempt.groups.end() || !failure.empty()) return;
+    const auto mac = parseMac(reported->second);
+    if (!mac) {
+        failure = fmt::format("\"{}\" is not a MAC address", shorten(reported->second, kQuoted));
+    } else if (run.unit.empty()) {
+        failure = "nobody said the unit's {serial}";
+    } else {
+        failure = faultOfAddress(run, formatMac(*mac), attempt.course.context.records);
+        if (!failure.empty()) disown(attempt.course);
+    }
 } catch (const RecordsError &error) {
     attempt.result.failure = error.what();
     attempt.result.cause = Cause::kStation;
@@ -389,7 +404,7 @@ void runStep(Course &course, size_t index) {
         if (result.attempts > 0) context.stop.wait(kRetryPause);
         ++result.attempts;
         runAttempt(course, index);
-    } while (!result.failure.empty() && result.attempts <= step.retries && course.connected &&
+    } while (!result.failure.empty() && result.attempts <= step.retries && course.connected && !course.refused &&
              !context.stop.requested());
     result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
     if (!result.passed() && result.cause == Cause::kNone) result.cause = Cause::kUnit;
