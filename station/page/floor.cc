@@ -221,7 +221,7 @@ void Floor::trouble(const std::string &text) {
 // part of the step's bytes.
 Json Floor::show(const Tile &tile) const {
     Json json = tile.json;
-    json["age"] = secondsSince(tile.started);
+    if (json["stage"] != "waiting") json["age"] = secondsSince(tile.started);
     if (tile.held) json["held"] = true;
     if (!tile.blocked.empty()) json["blocked"] = tile.blocked;
     if (tile.powered) json["powered"] = secondsSince(*tile.powered);
