@@ -18,7 +18,7 @@ from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
-from selenium.webdriver.support.ui import WebDriverWait
+from selenium.webdriver.support.ui import Select, WebDriverWait
 
 attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__) + '/../scripts/attack').load_module()
 
@@ -366,14 +366,14 @@ class Page(unittest.TestCase):
         self.type('<b>7</b>', Keys.ENTER)
         self.until(lambda: 'Unit <b>7</b>' in self.page())
         self.accessible('/unit')
-        find('td a')[0].send_keys(Keys.ENTER)
+        find('td a[title]')[0].send_keys(Keys.ENTER)
         self.until(lambda: 'ports is 9, above 4' in self.page() and 'See <b>cable 7</b>' in self.page())
         run = urllib.parse.parse_qs(urllib.parse.urlsplit(self.browser.current_url).query)['run'][0]
         self.browser.find_element(By.LINK_TEXT, 'ports').send_keys(Keys.ENTER)
         self.until(lambda: find('canvas'))
         with urllib.request.urlopen(address + 'value.csv?name=ports&table=readings', timeout=PATIENCE) as file:
             lines = list(csv.DictReader(io.TextIOWrapper(file)))
-        self.assertEqual([len(lines), len(find('details tbody tr'))], [2, 2])
+        self.assertEqual([len(lines), len(find('details:last-of-type tbody tr'))], [2, 2])
         hints = self.browser.execute_script('''
             const chart = Chart.getChart(document.querySelector('canvas'));
             return chart.data.datasets.flatMap((set, index) => set.data.map((point, at) => {
@@ -384,13 +384,43 @@ class Page(unittest.TestCase):
         for line in lines:
             self.assertTrue(any(f'{line["value"]}  {line["verdict"]} {line["serial"]}' in hint for hint in hints), hints)
         self.assertIn('maximum 4 ', hints)
-        self.assertIn('since=7d', find('nav a')[1].get_attribute('href'))
+        with urllib.request.urlopen(address + 'value?name=ports', timeout=PATIENCE) as file: plain = file.read().decode()
+        for line in lines: self.assertIn(f'title="{line["run"]}"', plain)
         with open(SCHEMA) as file: schema = jsonschema.Draft202012Validator(json.load(file))
         for page in 'summary', 'runs', f'run?run={run}', 'units', 'unit?serial=A-7', 'value?name=ports':
             with self.subTest(page=page), urllib.request.urlopen(f'{address}api/{page}', timeout=PATIENCE) as file:
                 document = json.load(file)
                 schema.validate(document)
                 self.assertTrue(any(table['rows'] for table in document['tables'].values()))
+
+    def test_filters(self):
+        """What an engineer chose stays chosen wherever a link leads, and paper has every column."""
+        for place, serial in (1, 'A-1'), (2, 'A-2'), (2, 'A-3'):
+            Board(place)
+            self.asked(f'board {place}')
+            self.type(serial, Keys.ENTER)
+            self.sees(place, 'PASS', serial)
+        self.browser.get(f'http://127.0.0.1:{PAGE}/summary?since=7d&plan=plan')
+        Select(self.browser.find_element(By.NAME, 'place')).select_by_visible_text('2')
+        self.browser.find_element(By.CSS_SELECTOR, '.period button').click()
+        for page in 'Runs', 'Summary', 'ports', 'Units', 'Runs', '24 hours', 'started':
+            self.until(lambda: self.browser.find_elements(By.LINK_TEXT, page))
+            for link in self.browser.find_elements(By.CSS_SELECTOR, 'nav a, a[aria-current], td a, th a'):
+                if link.text != 'Line': self.assertRegex(link.get_attribute('href'), 'place=2&plan=plan&')
+            self.browser.find_element(By.LINK_TEXT, page).click()
+        self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, '[aria-sort=ascending]'))
+        self.assertEqual([cell.text for cell in self.browser.find_elements(By.CSS_SELECTOR, 'td:nth-child(2)')],
+                         ['A-2', 'A-3'])
+        self.browser.execute_cdp_cmd('Emulation.setEmulatedMedia', {'media': 'print'})
+        self.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', {
+            'width': 1032, 'height': 700, 'deviceScaleFactor': 1, 'mobile': False})  # A4 across, without its margins
+        for page in 'runs?', 'summary?', 'value?name=ports&':
+            self.browser.get(f'http://127.0.0.1:{PAGE}/{page}since=7d')
+            self.assertEqual(self.browser.execute_script("""
+                return [...document.querySelectorAll('table')].filter(table => table.offsetWidth > 1032 ||
+                    getComputedStyle(table.parentElement).overflowX !== 'visible').length"""), 0)
+        for command in 'Emulation.setEmulatedMedia', 'Emulation.clearDeviceMetricsOverride':
+            self.browser.execute_cdp_cmd(command, {})
 
     def test_refusals(self):
         """Only this page may change anything; from another machine only who has the token."""

@@ -377,7 +377,8 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
         EXPECT_EQ(cells(yields(database, {}, By::kHour, zone), 0)[0], isoTime(first + zone).substr(0, 13));
     }
     EXPECT_EQ(cells(yields(database, {}, By::kPlan), 1)[0], "other");
-    EXPECT_EQ(cells(yields(database, {}, By::kPlace), 0)[0], here + " left");
+    const Table places = yields(database, {}, By::kPlace);
+    EXPECT_EQ(cells(places, 0)[0] + " " + cells(places, 1)[0], here + " left");
 }
 
 TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {

@@ -17,7 +17,8 @@ namespace {
 
 constexpr size_t kMostOfFile = 100000;  // rows
 constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
-constexpr int kGroups = 200, kBars = 24;
+constexpr int kGroups = 200, kBars = 30;
+constexpr std::time_t kMostHours = 4 * 24;  // of a period that is shown by the hour
 
 // ---- tables
 
@@ -92,10 +93,12 @@ Json jsonOf(const Table &table, size_t from, size_t most) {
     return {{"columns", table.columns}, {"rows", rows}, {"more", table.rows.size() > end}};
 }
 
+std::time_t endOf(const Period &period) { return period.until.empty() ? std::time(nullptr) : timeOf(period.until); }
+
 // Returns from when on the station's clock is how many minutes ahead of UTC, for charts.
 Json zonesOf(const Period &period) {
     constexpr std::time_t kStep = 1800;
-    const std::time_t end = period.until.empty() ? std::time(nullptr) : timeOf(period.until);
+    const std::time_t end = endOf(period);
     Json zones = Json::array();
     long last = 0;
     for (std::time_t time = timeOf(period.since); zones.empty() || time < end; time += kStep) {
@@ -134,6 +137,40 @@ Table variables(Database &database, const Query &query, size_t) {
     return table;
 }
 
+// Returns the last run of each plan among a unit's runs.
+std::vector<RunRecord> lastRuns(Database &database, const Query &query) {
+    const Table runs = ofUnit<2>(database, query, 0);
+    std::map<Value, std::string> names;
+    for (const auto &row : runs.rows) names[row[indexOf(runs, "plan")]] = row[indexOf(runs, "run")].value_or("");
+    std::vector<RunRecord> records;
+    for (const auto &[plan, name] : names) records.push_back(loadRun(database, name));
+    return records;
+}
+
+Table lastValues(Database &database, const Query &query, size_t) {
+    Table table{{"plan", "name", "value", "unit", "minimum", "maximum", "verdict", "run"}, {}, {}};
+    const auto limit = [](const std::optional<double> &value) { return value ? number(*value) : std::nullopt; };
+    for (const RunRecord &run : lastRuns(database, query)) {
+        for (const StepResult &step : run.steps) {
+            for (const Measurement &found : step.measurements) {
+                table.rows.push_back({run.plan, found.name, number(found.value), text(found.unit), limit(found.min),
+                                      limit(found.max), found.passed ? "passed" : "failed", run.id});
+            }
+        }
+    }
+    return table;
+}
+
+Table lastFiles(Database &database, const Query &query, size_t) {
+    Table table{{"plan", "step", "file", "size", "sha256"}, {}, {}};
+    for (const RunRecord &run : lastRuns(database, query)) {
+        for (const PlanFile &file : run.files) {
+            table.rows.push_back({run.plan, number(file.step), file.name, number(file.size), file.sha256});
+        }
+    }
+    return table;
+}
+
 // ---- the runs of a unit side by side
 
 constexpr ptrdiff_t kNeighbours = 3;  // before and after the run
@@ -149,7 +186,11 @@ std::vector<std::pair<std::string, Value>> factsOf(const RunRecord &run) {
                                                         {"station", run.station.name},
                                                         {"place", run.place.name},
                                                         {"failed step", failed ? Value(failed->title) : std::nullopt},
-                                                        {"why", text(failed ? failed->failure : run.failure)}};
+                                                        {"why", text(failed ? failed->failure : run.failure)},
+                                                        {"cause", text(std::string(textOf(run.cause)))},
+                                                        {"operator", text(run.operatorName)},
+                                                        {"plan_sha256", text(run.planDigest.substr(0, 16))}};
+    for (const PlanFile &file : run.files) facts.emplace_back(file.name, file.sha256.substr(0, 16));
     for (const StepResult &step : run.steps) {
         for (const Measurement &found : step.measurements) {
             facts.emplace_back(found.unit.empty() ? found.name : fmt::format("{}, {}", found.name, found.unit),
@@ -189,16 +230,9 @@ Table attempts(Database &database, const Query &query, size_t) {
 
 // ---- measured values
 
-// The deviation of a constant is what rounding left of it, and its Cpk means nothing.
-Table measured(Database &database, const Query &query, size_t) {
-    Table table = measuredValues(database, query.filter, query["name"]);
-    const size_t low = indexOf(table, "lowest"), high = indexOf(table, "highest");
-    for (auto &row : table.rows) {
-        if (row[low] != row[high]) continue;
-        row[indexOf(table, "deviation")] = "0";
-        row[indexOf(table, "cpk")] = std::nullopt;
-    }
-    return table;
+template <By kBy>
+Table measuredBy(Database &database, const Query &query, size_t) {
+    return measuredValues(database, query.filter, query["name"], kBy);
 }
 
 Table everyReading(Database &database, const Query &query, size_t most) {
@@ -218,28 +252,73 @@ Table groups(Database &database, const Query &query, size_t) {
     return readingGroups(database, query.filter, query["name"], kGroups);
 }
 
+Table bars(Database &database, const Query &query, size_t) {
+    return histogram(database, query.filter, query["name"], kBars);
+}
+
+// ---- yields
+
 template <By kBy>
 Table yieldsBy(Database &database, const Query &query, size_t) {
     const Table table = yields(database, query.filter, kBy);
     return kBy == By::kAll ? without(table, "period") : table;
 }
 
+// A period is shown by the hour, or by the day when it has many; days begin by the station's clock as it is at its end.
+bool isLong(const Period &period) { return endOf(period) - timeOf(period.since) > kMostHours * 3600; }
+
+Table hours(Database &database, const Query &query, size_t) {
+    return isLong(query.filter.period) ? Table() : yields(database, query.filter, By::kHour);
+}
+
+Table days(Database &database, const Query &query, size_t) {
+    const std::chrono::minutes zone(aheadOfUtc(endOf(query.filter.period)) / 60);
+    return isLong(query.filter.period) ? yields(database, query.filter, By::kDay, zone) : Table();
+}
+
+// Makes the question of a filter a table of a page.
+template <Table (*kAsk)(Database &, const Filter &)>
+Table ofFilter(Database &database, const Query &query, size_t) {
+    return kAsk(database, query.filter);
+}
+
+Table toChoose(Database &database, const Query &, size_t) { return choices(database); }
+
 }  // namespace
 
 const std::vector<Content> kContents = {
     {"summary",
      {{"yields", yieldsBy<By::kAll>},
-      {"failures",
-       [](Database &database, const Query &query, size_t) { return failuresByStep(database, query.filter); }},
-      {"hours", yieldsBy<By::kHour>},
+      {"failures", ofFilter<failuresByStep>},
+      {"causes", ofFilter<failuresByCause>},
+      {"hours", hours},
+      {"days", days},
       {"places", yieldsBy<By::kPlace>, "place"},
-      {"values", measured}}},
-    {"runs", {{"runs", runs}}},
+      {"values", measuredBy<By::kAll>},
+      {"choices", toChoose}}},
+    {"runs", {{"runs", runs}, {"choices", toChoose}}},
     {"units", {{"units", units}}},
-    {"unit", {{"unit", ofUnit<0>}, {"given", ofUnit<1>}, {"runs", ofUnit<2>}, {"archives", ofUnit<3>}}},
+    {"unit",
+     {{"unit", ofUnit<0>},
+      {"given", ofUnit<1>},
+      {"values", lastValues},
+      {"files", lastFiles},
+      {"runs", ofUnit<2>},
+      {"archives", ofUnit<3>}}},
     {"run",
-     {{"run", ofRun<0>}, {"steps", ofRun<1>}, {"values", ofRun<2>}, {"variables", variables}, {"attempts", attempts}}},
-    {"value", {{"values", measured}, {"readings", fewReadings}, {"groups", groups}}},
+     {{"run", ofRun<0>},
+      {"steps", ofRun<1>},
+      {"values", ofRun<2>},
+      {"attempts", attempts},
+      {"variables", variables},
+      {"files", ofRun<3>}}},
+    {"value",
+     {{"values", measuredBy<By::kAll>},
+      {"places", measuredBy<By::kPlace>, "place"},
+      {"histogram", bars},
+      {"readings", fewReadings},
+      {"groups", groups},
+      {"choices", toChoose}}},
 };
 
 Json documentOf(Archive &archive, const Content &content, const Query &query) {

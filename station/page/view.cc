@@ -1,6 +1,7 @@
 #include "station/page/view.h"
 
 #include <fmt/format.h>
+#include <string.h>  // strverscmp
 
 #include <algorithm>
 #include <cmath>
@@ -15,6 +16,9 @@ namespace station {
 namespace {
 
 using Data = kainjow::mustache::data;
+
+constexpr size_t kLongText = 24;  // that may be broken into lines
+constexpr const char *kFilterFields[] = {"plan", "product", "station", "place", "cause"};
 
 // ---- cells
 
@@ -47,6 +51,7 @@ std::string percentText(const Json &cell, const Json &) {
     return fmt::format("{:.1f}", percent < 100 ? std::min(percent, 99.9) : percent);
 }
 std::string secondsText(const Json &cell, const Json &) { return fmt::format("{:.1f}", cell.get<double>()); }
+std::string yesText(const Json &cell, const Json &) { return cell == 1 ? "yes" : ""; }
 std::string cpkText(const Json &cell, const Json &) { return fmt::format("{:.2f}", cell.get<double>()); }
 double numberIn(const Json &row, const char *column) {
     const auto found = row.find(column);
@@ -79,6 +84,7 @@ const std::map<std::string, Text> kTexts = {{"bound", timeText},
                                             {"median_seconds", secondsText},
                                             {"p90_seconds", secondsText},
                                             {"percent", percentText},
+                                            {"reference", yesText},
                                             {"run", runText},
                                             {"seconds", secondsText},
                                             {"since", timeText},
@@ -86,6 +92,8 @@ const std::map<std::string, Text> kTexts = {{"bound", timeText},
                                             {"started_after", secondsText},
                                             {"until", timeText},
                                             {"value", valueText}};
+
+bool comesBefore(const std::string &a, const std::string &b) { return strverscmp(a.c_str(), b.c_str()) < 0; }
 
 std::string plainText(const Json &cell) {
     if (cell.is_string()) return cell.get<std::string>();
@@ -103,12 +111,24 @@ std::string textOf(const std::string &column, const Json &cell, const Json &row)
 // Where a cell leads: to `path`, with parameters that are cells of its row.
 struct Link {
     std::string_view table, column, path;  // `table` is empty: any
-    std::vector<std::pair<std::string, std::string>> parameters;
+    std::vector<std::string> parameters;
 };
-const std::vector<Link> kLinks = {{"", "run", "/run", {{"run", "run"}}},
-                                  {"", "serial", "/unit", {{"serial", "serial"}}},
-                                  {"failures", "step", "/runs", {{"step", "step"}, {"plan", "plan"}}},
-                                  {"values", "name", "/value", {{"name", "name"}, {"plan", "plan"}}}};
+const std::vector<Link> kLinks = {{"", "run", "/run", {"run"}},
+                                  {"", "serial", "/unit", {"serial"}},
+                                  {"failures", "step", "/runs", {"step"}},
+                                  {"causes", "step", "/runs", {"step", "cause", "station", "place"}},
+                                  {"values", "name", "/value", {"name", "plan"}},
+                                  {"", "place", "/runs", {"station", "place"}},
+                                  {"hours", "hour", "/runs", {}},
+                                  {"days", "day", "/runs", {}}};
+
+// Adds the hour or day that begins with the cell.
+void addPeriod(Parameters &parameters, const std::string &column, const std::string &begin) {
+    const std::time_t start = timeOf(parseLocalTime(column == "hour" ? begin + "Z" : begin));
+    parameters["since"] = utcTime(start) + "Z";
+    if (column == "hour") parameters["until"] = utcTime(start + 3600) + "Z";
+    if (column == "day") parameters["until"] = localTime(start + 26 * 3600, "%Y-%m-%d");  // a day may have 25 hours
+}
 
 std::string linkOf(const std::string &table, const std::string &column, const Json &row, const Query &query) {
     const auto fits = [&](const Link &link) {
@@ -117,9 +137,13 @@ std::string linkOf(const std::string &table, const std::string &column, const Js
     const auto link = std::find_if(kLinks.begin(), kLinks.end(), fits);
     if (link == kLinks.end()) return "";
     Parameters parameters;
-    for (const auto &[name, source] : link->parameters) {
-        if (row.contains(source) && row[source].is_string()) parameters[name] = row[source];
+    for (const std::string &name : link->parameters) {
+        if (row.contains(name) && row[name].is_string()) parameters[name] = row[name];
     }
+    const auto isHere = [&](const auto &parameter) { return query[parameter.first] == parameter.second; };
+    if (link->path == query.path && std::all_of(parameters.begin(), parameters.end(), isHere)) return "";
+    if (link->path == "/value") parameters["run"] = query["run"];
+    if (link->parameters.empty()) addPeriod(parameters, column, row[column]);
     return query.link(std::string(link->path), parameters);
 }
 
@@ -138,6 +162,7 @@ Data cellOf(const std::string &table, const std::string &column, const Json &row
     cell.set("heading", headingOf(column));
     if (!text.empty()) cell.set("text", text);
     if (value.is_number()) cell.set("class", "number");
+    if (text.size() > kLongText) cell.set("class", "long");
     if (meaning == "verdict") cell.set("mark", text == "not run" ? "not-run" : text);
     if (!href.empty()) cell.set("href", href);
     if (column == "run") cell.set("tip", value.get<std::string>());
@@ -146,18 +171,20 @@ Data cellOf(const std::string &table, const std::string &column, const Json &row
 
 // ---- tables
 
-// The heading of a column sorts by it, and the other way round when it does so already. In the table of attempts it is
-// a run.
-Data headOf(const std::string &table, const std::string &column, const Query &query) {
+// The heading of a column sorts by it, numbers from the highest on, and the other way round when it does so already. In
+// the table of attempts it is a run.
+Data headOf(const std::string &table, const std::string &column, bool number, const Query &query) {
     Data head;
+    if (number) head.set("class", "number");
     if (table == "attempts" && column != "what") {
         head.set("heading", runText(column, {}));
         head.set(column == query["run"] ? "here" : "run", query.link("/run", {{"run", column}}));
         return head;
     }
     const std::string sorted = query["sort"], up = table + "." + column, down = "-" + up;
+    const std::string &first = number ? down : up, &second = number ? up : down;
     head.set("heading", headingOf(column));
-    head.set("sort", query.changed({{"sort", sorted == down ? up : down}, {"skip", ""}}));
+    head.set("sort", query.changed({{"sort", sorted == first ? second : first}, {"skip", ""}}));
     if (sorted == up || sorted == down) head.set("sorted", sorted == up ? "ascending" : "descending");
     return head;
 }
@@ -185,9 +212,9 @@ bool differs(const Json &row) {
     return values.size() > 1;
 }
 
-Data rowOf(const std::string &name, const Json &table, const Json &row, const Query &query) {
+Data rowOf(const std::string &name, const std::vector<std::string> &columns, const Json &row, const Query &query) {
     Data cells{Data::type::list}, line;
-    for (const Json &column : table["columns"]) cells.push_back(cellOf(name, column, row, query));
+    for (const std::string &column : columns) cells.push_back(cellOf(name, column, row, query));
     line.set("cells", cells);
     for (const auto &[column, cell] : row.items()) {
         const std::string text = textOf(column, cell, row);
@@ -198,14 +225,23 @@ Data rowOf(const std::string &name, const Json &table, const Json &row, const Qu
     return line;
 }
 
+// Returns the columns that have something in them.
+std::vector<std::string> columnsOf(const Json &table) {
+    std::vector<std::string> columns;
+    for (const Json &column : table["columns"]) {
+        const auto says = [&](const Json &row) { return !textOf(column, row[column.get<std::string>()], row).empty(); };
+        if (std::any_of(table["rows"].begin(), table["rows"].end(), says)) columns.push_back(column);
+    }
+    return columns;
+}
+
 Data tableView(const std::string &name, const Json &table, const Query &query) {
     Data view, heads{Data::type::list}, lines{Data::type::list};
-    for (const Json &column : table["columns"]) {
-        Data head = headOf(name, column, query);
-        if (hasNumbers(table, column)) head.set("class", "number");
-        heads.push_back(head);
+    const auto columns = columnsOf(table);
+    for (const std::string &column : columns) {
+        heads.push_back(headOf(name, column, hasNumbers(table, column), query));
     }
-    for (const Json &row : table["rows"]) lines.push_back(rowOf(name, table, row, query));
+    for (const Json &row : table["rows"]) lines.push_back(rowOf(name, columns, row, query));
     Parameters file = query.parameters;
     file["table"] = name;
     view.set("heads", heads);
@@ -242,8 +278,8 @@ std::string fill(const std::string &name, Data &data) {
     return page.render(data);
 }
 
-// Fields of a form that nobody sees.
-Data hiddenFields(const Parameters &parameters) {
+// Parameters for a template, without those that are empty.
+Data listOf(const Parameters &parameters) {
     Data fields{Data::type::list};
     for (const auto &[name, value] : parameters) {
         if (value.empty() || name == "skip") continue;
@@ -266,14 +302,50 @@ Data periodLinks(const Query &query) {
     return periods;
 }
 
+// The fields of the filter, each with what it can choose. What is chosen now is among it.
+Data filterFields(const Json &rows, const Query &query) {
+    Data fields{Data::type::list};
+    for (const std::string name : kFilterFields) {
+        std::set<std::string, decltype(&comesBefore)> offered({query[name]}, comesBefore);
+        for (const Json &row : rows) offered.insert(row.contains(name) && row[name].is_string() ? row[name] : "");
+        if (name == "cause") offered.insert({"unit", "connection", "station", "operator"});
+        Data options{Data::type::list}, field("name", name);
+        for (const std::string &one : offered) {
+            Data option("option", one);
+            if (one == query[name]) option.set("chosen", true);
+            if (!one.empty()) options.push_back(option);
+        }
+        field.set("options", options);
+        fields.push_back(field);
+    }
+    return fields;
+}
+
+// Reads the cells of a run for which measured values are looked at: in the day around it, whatever the period is.
+Query aroundRun(const Query &query, const Json &run) {
+    Query around = query;
+    const std::time_t start = timeOf(run["started"]);
+    around.parameters["since"] = utcTime(start - 43200) + "Z";
+    around.parameters["until"] = utcTime(start + 43200) + "Z";
+    around.parameters["plan"] = run["plan"];
+    return around;
+}
+
 void addNavigation(Data &data, const Query &query) {
     Data given;
     for (const auto &[name, value] : query.parameters) given.set(name, value);
     data.set("query", given);
     data.set("path", query.path);
     data.set("periods", periodLinks(query));
-    data.set("fields", hiddenFields(query.parameters));
-    data.set("kept", hiddenFields(query.kept()));
+    Parameters others = query.parameters;  // than those that fields of the filter have
+    for (const char *const name : kFilterFields) others.erase(name);
+    data.set("fields", listOf(others));
+    Parameters chosen;
+    for (const char *const name : kFilterFields) chosen[name] = query[name];
+    data.set("scope", listOf(chosen));
+    data.set("kept", listOf(query.kept()));
+    data.set("all_runs", query.changed({{"failed", ""}, {"step", ""}, {"skip", ""}}));
+    data.set("failed_runs", query.changed({{"failed", "1"}, {"skip", ""}}));
     for (const std::string page : {"summary", "runs", "units"}) data.set("to_" + page, query.link("/" + page));
     const auto bound = [](const std::string &utc) { return localTime(timeOf(utc), "%Y-%m-%d %H:%M"); };
     data.set("since", bound(query.filter.period.since));
@@ -285,7 +357,13 @@ void addNavigation(Data &data, const Query &query) {
 std::string pageOf(const Json &document, const Query &query) {
     Data data;
     addNavigation(data, query);
-    for (const auto &[name, table] : document["tables"].items()) data.set(name, tableView(name, table, query));
+    const Json &tables = document["tables"];
+    const bool ofRun = document["page"] == "run" && !tables["run"]["rows"].empty();
+    for (const auto &[name, table] : tables.items()) {
+        const Query links = ofRun && name == "values" ? aroundRun(query, tables["run"]["rows"][0]) : query;
+        data.set(name, tableView(name, table, links));
+    }
+    if (tables.contains("choices")) data.set("filters", filterFields(tables["choices"]["rows"], query));
     std::string json = dump(document);
     for (size_t at; (at = json.find('<')) != std::string::npos;) json.replace(at, 1, "\\u003c");
     data.set("document", json);

@@ -65,13 +65,14 @@ public:
         return database.ask(fill(std::string(sqlFile(name)), words), values_);
     }
     // The same about the measured values of this name; empty: of all.
-    Table askReadings(Database &database, const char *file, const std::string &name, int count = 0) {
+    Table askReadings(Database &database, const char *file, const std::string &name, Words words = {}) {
         std::string readings = std::string("m.started >= $1 AND m.started < $2") + kReference;
         if (plan_) readings += " AND m.plan = $3";
         if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
         values_.emplace_back(name);
         readings += fmt::format(" AND (${0} = '' OR m.name = ${0})", values_.size());
-        return ask(database, file, {{"{readings}", readings}, {"{count}", std::to_string(count)}});
+        words["{readings}"] = readings;
+        return ask(database, file, words);
     }
 
 private:
@@ -130,9 +131,10 @@ std::string archivesOf(Database &database, const std::string &run) {
 
 std::vector<Section> showRunOf(Database &database, const Value &run) {
     return {{"run", database.ask(std::string(kRuns) + " WHERE r.id = $1", {run})},
-            {"steps", database.ask("SELECT step, title, verdict, started_after, seconds, attempts, failure, reply, hint"
-                                   " FROM steps WHERE run = $1 ORDER BY step",
-                                   {run})},
+            {"steps",
+             database.ask("SELECT step, title, verdict, started_after, seconds, attempts, failure, reply, cut, hint"
+                          " FROM steps WHERE run = $1 ORDER BY step",
+                          {run})},
             {"values", database.ask("SELECT step, name, value, unit, minimum, maximum, verdict FROM measurements"
                                     " WHERE run = $1 ORDER BY step, name",
                                     {run})},
@@ -170,8 +172,10 @@ std::vector<Section> showRun(Database &database, const std::string &name) {
 
 Table unitsLike(Database &database, const std::string &begin, int limit) {
     return database.ask(
-        fmt::format("SELECT u.serial, u.product, u.first_seen, u.last_seen FROM units u WHERE u.serial >= $1"
-                    " AND u.serial < $2 ORDER BY u.last_seen DESC LIMIT {}",
+        fmt::format("SELECT f.serial, f.product, f.first_seen, f.last_seen, (SELECT r.verdict FROM runs r"
+                    " WHERE r.unit = f.id ORDER BY r.started DESC, r.id DESC LIMIT 1) AS verdict"
+                    " FROM (SELECT * FROM units u WHERE u.serial >= $1 AND u.serial < $2 ORDER BY u.last_seen DESC"
+                    " LIMIT {}) AS f",
                     limit),
         {begin, begin + "\U0010FFFF"});
 }
@@ -200,17 +204,18 @@ Table yields(Database &database, const Filter &filter, By by, std::chrono::minut
         return fmt::format("substr({}, 1, {})", zone.count() == 0 ? "r.started" : local, length);
     };
     const std::map<By, std::pair<std::string, const char *>> groups = {
-        {By::kAll, {"'all'", "period"}},
-        {By::kHour, {begin(13, "YYYY-MM-DD\"T\"HH24"), "hour"}},
-        {By::kDay, {begin(10, "YYYY-MM-DD"), "day"}},
-        {By::kPlace, {"s.name || ' ' || r.place_name", "place"}},
+        {By::kAll, {"'all' AS period", "period"}},
+        {By::kHour, {begin(13, "YYYY-MM-DD\"T\"HH24") + " AS hour", "hour"}},
+        {By::kDay, {begin(10, "YYYY-MM-DD") + " AS day", "day"}},
+        {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place"}},
         {By::kPlan, {"r.plan", "plan"}}};
-    const auto &[group, name] = groups.at(by);
+    const auto &[group, names] = groups.at(by);
     const char *const rank =
         database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY r.seconds)" : "nearest_rank(r.seconds, {})";
     return Question(filter).ask(database, "yields",
                                 {{"{group}", group},
-                                 {"{name}", name},
+                                 {"{names}", names},
+                                 {"{ordinals}", by == By::kPlace ? "1, 2" : "1"},
                                  {"{join}", by == By::kPlace ? "JOIN stations s ON s.id = r.station" : ""},
                                  {"{median}", fmt::format(fmt::runtime(rank), 0.5)},
                                  {"{p90}", fmt::format(fmt::runtime(rank), 0.9)}});
@@ -226,16 +231,28 @@ Table failuresByCause(Database &database, const Filter &filter) {
     return Question(filter).ask(database, "failures_by_cause");
 }
 
-Table measuredValues(Database &database, const Filter &filter, const std::string &name) {
-    return Question(filter).askReadings(database, "values", name);
+Table measuredValues(Database &database, const Filter &filter, const std::string &name, By by) {
+    const bool places = by == By::kPlace;
+    return Question(filter).askReadings(
+        database, "values", name,
+        {{"{group}",
+          std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
+         {"{join}", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
+         {"{ordinals}", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}});
 }
 
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit) {
-    return Question(filter).askReadings(database, "readings", name, limit);
+    return Question(filter).askReadings(database, "readings", name, {{"{count}", std::to_string(limit)}});
 }
 
 Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups) {
-    return Question(filter).askReadings(database, "reading_groups", name, groups);
+    return Question(filter).askReadings(database, "reading_groups", name, {{"{count}", std::to_string(groups)}});
 }
+
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges) {
+    return Question(filter).askReadings(database, "histogram", name, {{"{count}", std::to_string(ranges)}});
+}
+
+Table choices(Database &database) { return database.ask(std::string(sqlFile("choices"))); }
 
 }  // namespace station

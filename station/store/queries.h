@@ -51,15 +51,21 @@ Table yields(Database &database, const Filter &filter, By by, std::chrono::minut
 Table failuresByStep(Database &database, const Filter &filter);
 // The failures that were not the unit's, by cause, place and step.
 Table failuresByCause(Database &database, const Filter &filter);
-// Measured values with their Cpk, of one name unless it is empty. Includes runs that have not ended.
-Table measuredValues(Database &database, const Filter &filter, const std::string &name = "");
+// Measured values with their Cpk, of one name unless it is empty, in all or by place. Includes runs that have not
+// ended.
+Table measuredValues(Database &database, const Filter &filter, const std::string &name = "", By by = By::kAll);
 
 // Of a measured value: the oldest of the filter, a row each; or all of them in so many groups of the same size, in the
 // order of time, each with its lowest, mean and highest.
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
 Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups);
+// How many of them lie in each of so many ranges of the same width; a range without any has no row.
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges);
 
-// Units whose serials begin so, the last seen first.
+// What a filter can choose: the plans, products, stations and places of the last runs, a row for each combination.
+Table choices(Database &database);
+
+// Units whose serials begin so, the last seen first, with the verdict of the last run.
 Table unitsLike(Database &database, const std::string &begin, int limit);
 
 // All about a run by its name. Throws Refusal when there is none.

@@ -10,7 +10,8 @@ const HOUR = 3600e3, DAY = 24 * HOUR;
 
 const zones = data.zone.map(zone => [Date.parse(zone.from), zone.minutes * 60e3]);
 const ahead = time => (zones.findLast(zone => zone[0] <= time) ?? zones[0])[1];
-const moment = text => Date.parse(text.length === 13 ? text + ':00Z' : text);
+const midnight = day => Date.parse(day) - ahead(Date.parse(day) - ahead(Date.parse(day)));
+const utc = time => new Date(time).toISOString().slice(0, 19) + 'Z';
 const local = time => new Date(time + ahead(time)).toISOString().replace('T', ' ');
 const clock = time => local(time).slice(0, 16);
 
@@ -74,6 +75,7 @@ const options = (lines, scales, to, more) => ({
 function failures() {
     const steps = rows('failures').slice(0, 20);
     if (!steps.length) return null;
+    document.querySelector('[data-chart=failures]').style.height = `${3 + 2 * steps.length}rem`;
     const cut = text => text.length > 44 ? text.slice(0, 43) + '…' : text;
     const lines = mark => {
         const row = steps[mark.dataIndex];
@@ -91,7 +93,7 @@ function failures() {
     };
 }
 
-// ---- yield and runs by the hour
+// ---- yield and runs by the hour or day
 
 // Returns the lower end of the axis, below the yields of all hours but those of a few runs.
 function lowest(all) {
@@ -100,34 +102,39 @@ function lowest(all) {
     return [99, 98, 95, 90, 80, 60].find(bound => bound < low) ?? 0;
 }
 function hours() {
-    const all = rows('hours');
+    const byDay = rows('days').length > 0, step = byDay ? DAY : HOUR, all = rows(byDay ? 'days' : 'hours');
     if (!all.length) return null;
-    const first = moment(all[0].hour), last = Math.max(moment(all.at(-1).hour) + HOUR, first + 6 * HOUR);
-    const known = new Map(all.map(row => [moment(row.hour), row]));
+    const begin = row => byDay ? midnight(row.day) : Date.parse(row.hour + ':00Z');
+    const first = begin(all[0]), last = Math.max(begin(all.at(-1)) + step, first + 6 * step);
+    const known = new Map(all.map(row => [Math.round((begin(row) - first) / step), row]));  // a day may have 25 hours
     const low = lowest(all), below = row => row && row.first_pass_yield < low;
     const points = [];  // without a value where an hour has none, so that the line ends there
-    for (let time = first; time < last; time += HOUR) points.push({time, row: known.get(time)});
-    const at = value => points.map(point => ({x: point.time + HOUR / 2, y: point.row ? value(point.row) : null, ...point}));
+    for (let index = 0; first + index * step < last; ++index) points.push({time: first + index * step, row: known.get(index)});
+    const at = value => points.map(point => ({x: point.time + step / 2, y: point.row ? value(point.row) : null, ...point}));
     const lines = mark => {
-        const {time, row} = mark.raw;
-        return [clock(time), row.first_pass_yield === null ? 'no first run' : `first pass ${row.first_pass_yield.toFixed(1)} %`,
+        const row = mark.raw.row;
+        return [byDay ? row.day : clock(begin(row)),
+                row.first_pass_yield === null ? 'no first run' : `first pass ${row.first_pass_yield.toFixed(1)} %`,
                 `${row.runs} runs of ${row.units} units, ${row.retests} of them retests`];
     };
+    const next = row => byDay ? local(begin(row) + 26 * HOUR).slice(0, 10) : utc(begin(row) + HOUR);
     return {
         data: {datasets: [
-            {type: 'line', yAxisID: 'y', data: at(row => row.first_pass_yield === null ? null : Math.max(row.first_pass_yield, low)),
-             pointStyle: mark => below(mark.raw?.row) ? 'triangle' : 'circle', pointRotation: 180, clip: 8, borderColor: colour('--text'), borderWidth: 1.5,
-             pointRadius: points.length > 200 ? 1.5 : 3, pointBackgroundColor: colour('--back'), pointBorderColor: colour('--text')},
+            {type: 'line', yAxisID: 'y', borderColor: colour('--text'), borderWidth: 1.5, clip: 8, pointRotation: 180,
+             data: at(row => row.first_pass_yield === null ? null : Math.max(row.first_pass_yield, low)),
+             pointStyle: mark => below(mark.raw?.row) ? 'triangle' : 'circle', pointRadius: points.length > 200 ? 1.5 : 3,
+             pointBackgroundColor: colour('--back'), pointBorderColor: colour('--text')},
             {type: 'bar', yAxisID: 'runs', data: at(row => row.runs), backgroundColor: colour('--bar'), barPercentage: 1,
              categoryPercentage: .85}]},
         options: options(lines, {
             x: {...timeAxis(first, last), offset: false},
             runs: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'runs'},
-                   ticks: {precision: 0, maxTicksLimit: 4, callback: (count, index, all) => index && index === all.length - 1 ? '' : count}, grid: {color: colour('--rule')}},
+                   ticks: {precision: 0, maxTicksLimit: 4,
+                           callback: (count, index, all) => index && index === all.length - 1 ? '' : count},
+                   grid: {color: colour('--rule')}},
             y: {position: 'left', min: low, max: 100, weight: 1, stack: 'one', stackWeight: 4,
                 title: {display: true, text: 'first pass yield, %'}, grid: {color: colour('--rule')}}},
-            raw => visit('/runs', {since: new Date(raw.time).toISOString().slice(0, 19) + 'Z',
-                                   until: new Date(raw.time + HOUR).toISOString().slice(0, 19) + 'Z'})),
+            raw => raw.row && visit('/runs', {since: byDay ? raw.row.day : utc(begin(raw.row)), until: next(raw.row)})),
     };
 }
 
@@ -158,15 +165,15 @@ const limitLine = (points, name) => ({type: 'line', label: name, data: points, b
 
 function overTime() {
     if (!marks.length) return null;
-    const times = marks.map(row => moment(row.started));
-    const first = times[0], last = Math.max(moment(marks.at(-1).until ?? marks.at(-1).started), first + 60e3);
+    const times = marks.map(row => Date.parse(row.started));
+    const first = times[0], last = Math.max(Date.parse(marks.at(-1).until ?? marks.at(-1).started), first + 60e3);
     const bound = name => {
         const points = marks.map((row, index) => ({x: times[index], y: row[name], limit: name}));
         return limitLine([{...points[0], x: first}, ...points, {...points.at(-1), x: last}], name);
     };
     const places = [...new Set(readings.map(row => row.place))].sort((a, b) => a.localeCompare(b, 'en', {numeric: true}));
     const failed = row => row.verdict === 'failed' || row.failed > 0;
-    const point = row => ({x: moment(row.started), y: row.value ?? row.mean, row});
+    const point = row => ({x: Date.parse(row.started), y: row.value ?? row.mean, row});
     const sets = readings.length ? places.map((place, index) => ({label: place, type: 'scatter',
         data: readings.filter(row => row.place === place && row.value !== null).map(point),
         pointStyle: context => failed(context.raw?.row ?? {}) ? 'crossRot' : SHAPES[index % SHAPES.length],
@@ -174,24 +181,46 @@ function overTime() {
         borderWidth: context => failed(context.raw?.row ?? {}) ? 2.5 : 1,
         borderColor: context => failed(context.raw?.row ?? {}) ? colour('--bad') : hue(index),
         backgroundColor: hue(index)})) : [
-        {label: 'lowest to highest', type: 'bar', data: groups.map(row => ({x: moment(row.started), y: [row.lowest, row.highest], row})),
+        {label: 'lowest to highest', type: 'bar', data: groups.map(row => ({x: Date.parse(row.started), y: [row.lowest, row.highest], row})),
          backgroundColor: colour('--bar'), barThickness: 2},
         {label: 'mean', type: 'line', data: groups.map(point), borderColor: colour('--text'), borderWidth: 1.5, pointRadius: 0},
         {label: 'failed', type: 'scatter', pointStyle: 'crossRot', pointRadius: 6, borderWidth: 2.5, borderColor: colour('--bad'),
-         data: groups.filter(failed).map(row => ({x: moment(row.started), row,
+         data: groups.filter(failed).map(row => ({x: Date.parse(row.started), row,
              y: row.maximum !== null && row.highest > row.maximum ? row.highest : row.lowest}))}];
     const lines = mark => {
         const {row, limit} = mark.raw;
         if (limit) return `${limit} ${mark.parsed.y} ${unit}`;
-        if (row.run) return [`${+row.value.toPrecision(9)} ${unit} ${row.verdict}`, row.serial ?? '', row.place, clock(moment(row.started))];
+        if (row.run) return [`${+row.value.toPrecision(9)} ${unit} ${row.verdict}`, row.serial ?? '', row.place, clock(Date.parse(row.started))];
         return [`${+row.lowest.toPrecision(9)} to ${+row.highest.toPrecision(9)} ${unit}`, `mean ${row.mean.toPrecision(7)}`,
-                `${row.measured} measured, ${row.failed} failed`, clock(moment(row.started))];
+                `${row.measured} measured, ${row.failed} failed`, clock(Date.parse(row.started))];
     };
     return {data: {datasets: [...sets, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
             options: options(lines, {x: timeAxis(first, last), y: valueAxis()},
                 raw => raw.row?.run && visit('/run', {run: raw.row.run}),
-                {plugins: {legend: {display: places.length > 1 && places.length <= 24, position: 'bottom',
+                {plugins: {legend: {display: places.length > 1 && places.length <= 6, position: 'bottom',
                     labels: {usePointStyle: true, boxHeight: 6, filter: item => !/imum$/.test(item.text)}}}})};
+}
+
+function histogram() {
+    const bars = rows('histogram');
+    if (bars.length < 2) return null;
+    const most = Math.max(...bars.map(row => row.measured));
+    const beside = Chart.getChart(document.querySelector('[data-chart=readings] canvas'));  // on the same level
+    const bound = name => {
+        const limit = rows('values').map(row => row[name]).find(value => value !== null) ?? null;
+        return limitLine([0, most].map(x => ({x, y: limit, limit: name})), name);
+    };
+    const lines = mark => {
+        const {row, limit} = mark.raw;
+        if (limit) return `${limit} ${mark.parsed.y} ${unit}`;
+        return [`${+row.lowest.toPrecision(6)} to ${+row.highest.toPrecision(6)} ${unit}`, `${row.measured} measured, ${row.failed} failed`];
+    };
+    const area = {type: 'bar', label: 'measured', data: bars.map(row => ({x: row.measured, y: (row.lowest + row.highest) / 2, row})),
+        backgroundColor: bars.map(row => row.failed ? colour('--bad') : colour('--bar')), barPercentage: 1, categoryPercentage: .9};
+    return {data: {datasets: [area, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
+            options: options(lines, {x: {type: 'linear', min: 0, max: most, ticks: {precision: 0, maxTicksLimit: 4}, grid: {color: colour('--rule')}},
+                y: {...valueAxis(), title: {display: false}, grid: {color: colour('--rule'), offset: false}, offset: false}},
+                null, {indexAxis: 'y', layout: {padding: {bottom: beside?.legend.options.display ? beside.legend.height : 0}}})};
 }
 const hue = index => colour(`--place-${index % 6}`);
 
@@ -203,6 +232,7 @@ function start() {
     draw('failures', 'Failures by step, the most frequent first', failures);
     draw('hours', 'First pass yield and number of runs by the hour', hours);
     draw('readings', 'The measured values over time, with their limits', overTime);
+    draw('histogram', 'How often values were measured, with their limits', histogram);
 }
 start();
 matchMedia('(prefers-color-scheme: dark)').addEventListener('change', start);
