@@ -377,8 +377,11 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
         EXPECT_EQ(cells(yields(database, {}, By::kHour, zone), 0)[0], isoTime(first + zone).substr(0, 13));
     }
     EXPECT_EQ(cells(yields(database, {}, By::kPlan), 1)[0], "other");
-    const Table places = yields(database, {}, By::kPlace);
-    EXPECT_EQ(cells(places, 0)[0] + " " + cells(places, 1)[0], here + " left");
+    EXPECT_THAT(cells(yields(database, {}, By::kPlace), 0), testing::Contains("left"));
+    const auto values = cells(measuredValues(database, {{}, "line"}, "", By::kPlace), 0);
+    EXPECT_EQ(values[0] + " " + values[1], here + " left");
+    EXPECT_THAT(cells(histogram(database, {{}, "line"}, values[3], 4), 0),
+                ElementsAre(values[7], values[9], values[5], values[6]));
 }
 
 TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {
