@@ -114,6 +114,7 @@ void Floor::boardEnds(const RunRecord &run) {
                      {"steps", run.steps.size()}};
         if (!run.passed()) tile.json["failure"] = failureOf(run);
         if (run.again()) tile.json["todo"] = todoAbout(run);
+        if (run.again() && todoAbout(run) == todoAbout(run.cause)) tile.json["cause"] = textOf(run.cause);
         tile.runs = false;
         tile.started = Clock::now();
         if (!run.counts()) return;

@@ -80,7 +80,7 @@ function runningView(place, waited) {
 function endedView(place, waited) {
     const failure = place.failure || {};
     const age = say(place.seen ? 'seenFor' : 'for', {time: duration(place.age + waited)});
-    return {verdict: say(kVerdicts[place.stage]), hint: place.todo || failure.hint,
+    return {verdict: say(kVerdicts[place.stage]), hint: place.cause ? say(place.cause) : place.todo || failure.hint,
             time: place.stage === 'passed' ? say('took', {time: duration(place.seconds)}) : age,
             text: failure.step ? `${stepOf(failure.step, place, failure.title)}: ${failure.text}` : failure.text};
 }
