@@ -113,10 +113,10 @@ def check_unanswered(folder):
         assert ended.returncode == 2 and "give the line a page" in ended.stderr, ended
 
 
-def line_of(folder, plan, more="", **how):
-    """Starts a line of one place. Returns the process and its port."""
+def line_of(folder, plan, more="", places=1, **how):
+    """Starts a line. Returns the process and its port."""
     with open(f"{folder}/serve.yaml", "w") as file:
-        file.write(f"{{listen: '127.0.0.1:1', places: 1, plan: {plan}, {more}}}".replace(":1'", f":{free_port()}'"))
+        file.write(f"{{listen: '127.0.0.1:1', places: {places}, plan: {plan}, {more}}}".replace(":1'", f":{free_port()}'"))
     port = re.search(r":(\d+)'", open(f"{folder}/serve.yaml").read())[1]
     station = subprocess.Popen([QCSTATION, "serve", "--json", f"{folder}/serve.yaml"], stdout=subprocess.PIPE, **how)
     while b"line_starts" not in station.stdout.readline():
@@ -156,14 +156,29 @@ def check_shift(folder):
 
 def check_unread_output(folder):
     """A stop does not wait for a reader that has stopped reading."""
-    station, port = line_of(folder, "line.yaml")
+    station, port = line_of(folder, "slow.yaml", places=32)
     fcntl.fcntl(station.stdout, fcntl.F_SETPIPE_SZ, 4096)
-    for _ in range(64):  # of which less than half fit into the pipe
-        knock(port)
+    for _ in range(32):  # of whose events less than half fit into the pipe
+        board(port, b"", None)
     station.send_signal(signal.SIGTERM)
     assert station.wait(60) == 4
     events = [json.loads(line) for line in station.stdout.read().decode().splitlines(True) if line.endswith("\n")]
-    assert events[-1]["event"] == "stranger_refused", events[-1]
+    assert "run" in events[-1], events[-1]
+
+
+def check_strangers(folder):
+    """A flood of strangers is a line a second, and each of them is counted. One that resets at once has an address."""
+    station, port = line_of(folder, "line.yaml")
+    with socket.create_connection(("127.0.0.1", port)) as hasty:
+        hasty.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    for _ in range(300):
+        knock(port)
+    station.send_signal(signal.SIGTERM)
+    told = [event for event in map(json.loads, station.communicate(timeout=60)[0].splitlines())
+            if event["event"] == "stranger_refused"]
+    counted = sum(1 + int((re.search(r"\((\d+) more", event["why"]) or "00")[1]) for event in told)
+    assert counted == 301 and len(told) < 100, told
+    assert all(event["peer"].startswith("127.0.0.1:") for event in told), told
 
 
 def check_signals(folder):
@@ -277,6 +292,6 @@ with tempfile.TemporaryDirectory() as scratch:
         payload.truncate(16 << 20)
     with open(f"{scratch}/slow.yaml", "w") as plan:
         plan.write("[{send: PING, expect: PING 2, timeout: 3600}]")
-    for check in (check_schemas, check_questions, check_shift, check_unanswered, check_terminal, check_unread_output,
+    for check in (check_schemas, check_questions, check_shift, check_unanswered, check_terminal, check_unread_output, check_strangers,
                   check_signals, check_examples, check_death):
         check(scratch)

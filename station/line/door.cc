@@ -17,7 +17,9 @@ constexpr Milliseconds kPatience{3000};    // for the answer
 constexpr Milliseconds kUsualAnswer{300};  // boards need much less
 constexpr Milliseconds kGlance{50};        // how often the newcomers' time is looked at
 constexpr Milliseconds kDescriptorPause{1000};
+constexpr Milliseconds kReportPause{1000};
 constexpr size_t kMost = 8, kMostOfMany = 64;  // on a cable of its own; where many boards connect
+constexpr size_t kMostOfOne = 4;               // from one address there
 
 bool isAnswer(const std::string &bytes) {
     return bytes.size() == kFrame && bytes.starts_with(kAnswer) &&
@@ -37,6 +39,7 @@ void Door::wake() const {
 
 void Door::attend(bool accept, bool probe, Milliseconds limit) {
     refuseSurplus();
+    if (Clock::now() >= nextReport_) report();
     const bool lets = accept && !full() && Clock::now() >= pausedUntil_;
     std::vector<pollfd> polled = {{wakeup_.descriptor(), POLLIN, 0}, {lets ? listener_.descriptor() : -1, POLLIN, 0}};
     for (const Newcomer &newcomer : newcomers_) {
@@ -57,12 +60,24 @@ bool Door::full() const {
                                              [](const Newcomer &one) { return !one.board; })) >= most();
 }
 
+// Returns true when the address, where many boards connect, holds enough of the room.
+bool Door::crowded(const std::string &address) const {
+    if (!listener_.interface().empty() || address == kNoCable) return false;
+    const auto same = [&](const Newcomer &one) { return !one.board && one.address == address; };
+    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(), same)) >= kMostOfOne;
+}
+
 void Door::letIn() try {
-    while (!full()) {
+    for (size_t taken = 0; taken < most() && !full(); ++taken) {
         std::optional<Session> session = listener_.take();
         if (!session) return;
         std::string peer = session->peer(), address = session->peerAddress();
-        newcomers_.push_back({std::move(*session), std::move(peer), std::move(address), Clock::now()});
+        Newcomer newcomer{std::move(*session), std::move(peer), std::move(address), Clock::now()};
+        if (crowded(newcomer.address)) {
+            refuse(newcomer, fmt::format("{} connections of its address do not answer yet", kMostOfOne));
+        } else {
+            newcomers_.push_back(std::move(newcomer));
+        }
     }
 } catch (const SessionError &error) {
     observer_.trouble(error.what());
@@ -70,7 +85,7 @@ void Door::letIn() try {
 }
 
 // Returns false when the newcomer is refused. While there is no room for others, it has less time to answer.
-bool Door::judge(Newcomer &newcomer, bool probe) const {
+bool Door::judge(Newcomer &newcomer, bool probe) {
     std::string why;
     try {
         if (newcomer.board) {
@@ -89,7 +104,7 @@ bool Door::judge(Newcomer &newcomer, bool probe) const {
     } catch (const SessionError &error) {
         why = error.what();
     }
-    if (!why.empty()) observer_.strangerRefused(newcomer.peer, why);
+    if (!why.empty()) refuse(newcomer, why);
     return why.empty();
 }
 
@@ -104,9 +119,23 @@ void Door::refuseSurplus() {
         if (anonymous ? ++others <= most()
                       : places.size() < most() && places.insert(cabled ? "" : newcomer.address).second)
             return false;
-        observer_.strangerRefused(newcomer.peer, "another board waits at its place");
+        refuse(newcomer, "another board waits at its place");
         return true;
     });
+}
+
+void Door::refuse(const Newcomer &stranger, const std::string &why) {
+    refused_ = stranger.peer;
+    why_ = why;
+    ++unreported_;
+    if (Clock::now() >= nextReport_) report();
+}
+
+void Door::report() {
+    if (unreported_ == 0) return;
+    const size_t others = std::exchange(unreported_, 0) - 1;
+    observer_.strangerRefused(refused_, others == 0 ? why_ : fmt::format("{} ({} more were refused)", why_, others));
+    nextReport_ = Clock::now() + kReportPause;
 }
 
 void Door::handOver(const std::function<bool(Newcomer &)> &seat) {

@@ -35,13 +35,16 @@ public:
     void wake() const;
 
     // Waits for something to happen, at most so long; then accepts who knocks, if `accept`, and finds out what the
-    // newcomers are. Without `probe` all are boards; with it, a board is what answers an unknown word with UNKNOWN,
-    // which changes nothing there. Drops newcomers that have gone, refuses those that are no boards, and all boards but
-    // one that wait for the same place.
+    // newcomers are. Reports one stranger a second at most, and counts the others there. Without `probe` all are
+    // boards; with it, a board is what answers an unknown word with UNKNOWN, which changes nothing there. Drops
+    // newcomers that have gone, refuses those that are no boards, and all boards but one that wait for the same place.
     void attend(bool accept, bool probe, Milliseconds limit);
 
     // Hands over the boards that `seat` returns true for, which then has taken the session.
     void handOver(const std::function<bool(Newcomer &)> &seat);
+
+    // Reports the last refusal, if it is not reported yet, and how many others are not.
+    void report();
 
     // Newcomers that are boards, or have had hardly the time to answer.
     size_t expected() const;
@@ -53,14 +56,19 @@ private:
     size_t most() const;  // newcomers, and as many boards that wait
     bool full() const;
     void letIn();
-    bool judge(Newcomer &newcomer, bool probe) const;
+    bool crowded(const std::string &address) const;
+    bool judge(Newcomer &newcomer, bool probe);
     void refuseSurplus();
+    void refuse(const Newcomer &stranger, const std::string &why);
 
     Listener &listener_;
     Observer &observer_;
     const Descriptor wakeup_;
     Clock::time_point pausedUntil_;  // no descriptor is left
     std::vector<Newcomer> newcomers_;
+    std::string refused_, why_;     // the last stranger
+    size_t unreported_ = 0;         // strangers
+    Clock::time_point nextReport_;  // at the earliest
 };
 
 }  // namespace station

@@ -235,6 +235,7 @@ void Line::tendGate(Gate &gate) {
         }
         watchCable(gate);
     }
+    gate.door.report();
     const Lock lock(mutex_);
     left_ += gate.door.boards();
     --open_;

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <system_error>
 #include <utility>
 
 #include "station/base/mutex.h"
 #include "station/base/text.h"
+#include "station/run/output.h"
 
 namespace station {
 namespace {
@@ -86,7 +88,7 @@ void Signals::reload() {
     const Lock lock(reloading_->mutex);
     reloading_->again = std::exchange(reloading_->busy, true);
     if (reloading_->again) return;
-    std::thread([load = actions_.reload, state = reloading_] {
+    const auto work = [load = actions_.reload, state = reloading_] {
         for (;;) {
             const std::function<void()> adopt = load();
             const Lock adopting(state->mutex);
@@ -94,7 +96,13 @@ void Signals::reload() {
             state->busy = std::exchange(state->again, false) && state->wanted;
             if (!state->busy) return;
         }
-    }).detach();
+    };
+    try {
+        std::thread(work).detach();
+    } catch (const std::system_error &error) {
+        reloading_->busy = false;
+        printError(fmt::format("not reloaded, try again later: {}\n", error.what()));
+    }
 }
 
 void Unfinished::stepStarts(const RunRecord &run, size_t step) {

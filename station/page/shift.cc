@@ -58,9 +58,9 @@ void Shift::recall(const std::string &store) {
     database.onlyAsk(kForRecall);
     const Table runs = listRuns(database, {{{isoTime(begin_), ""}}, false, 0});
     for (const auto &row : runs.rows) {
-        const std::string verdict = cell(runs, row, "verdict");
-        if (cell(runs, row, "station") != hostName() || (verdict != "passed" && verdict != "failed")) continue;
-        add(cell(runs, row, "serial"), cell(runs, row, "plan"), verdict == "passed",
+        // Only a run that counts has an attempt.
+        if (cell(runs, row, "station") != hostName() || cell(runs, row, "attempt").empty()) continue;
+        add(cell(runs, row, "serial"), cell(runs, row, "plan"), cell(runs, row, "verdict") == "passed",
             std::strtod(cell(runs, row, "seconds").c_str(), nullptr));
     }
 }

@@ -98,7 +98,9 @@ Session Listener::accept(Milliseconds limit) const {
 }
 
 std::optional<Session> Listener::take() const {
-    const int board = accept4(descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+    sockaddr_in from{};  // a board that has reset the connection is not named by it any more
+    socklen_t length = sizeof from;
+    const int board = accept4(descriptor(), reinterpret_cast<sockaddr *>(&from), &length, SOCK_CLOEXEC);
     if (board < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
         throw ListenError(describeError("cannot accept a board"));
     }
@@ -107,7 +109,7 @@ std::optional<Session> Listener::take() const {
     setsockopt(board, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     setLeastTtl(board, 0);  // inherited from the listener
     watchPeer(board);
-    return Session(Socket(board));
+    return Session(Socket(board), from);
 }
 
 // To the kernel an interface that comes back is a new one, while the socket stays bound to the old one.

@@ -162,18 +162,11 @@ void Session::reset() {
     socket_ = Socket(-1);
 }
 
-sockaddr_in Session::board() const {
-    sockaddr_in board{};
-    socklen_t length = sizeof board;
-    getpeername(socket_.descriptor(), reinterpret_cast<sockaddr *>(&board), &length);
-    return board;
-}
-
-std::string Session::peerAddress() const { return textOf(board()); }
+std::string Session::peerAddress() const { return textOf(board_); }
 
 std::string Session::peer() const {
     const std::string bound = interface();
-    return fmt::format("{}:{}{}{}", peerAddress(), ntohs(board().sin_port), bound.empty() ? "" : "%", bound);
+    return fmt::format("{}:{}{}{}", peerAddress(), ntohs(board_.sin_port), bound.empty() ? "" : "%", bound);
 }
 
 }  // namespace station

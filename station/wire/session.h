@@ -22,7 +22,8 @@ using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 // One board's connection. Every call throws SessionError when the board closes or resets the connection.
 class Session {
 public:
-    explicit Session(Socket socket) : socket_(std::move(socket)) {}
+    // `board`: where it comes from.
+    explicit Session(Socket socket, const sockaddr_in &board = {}) : socket_(std::move(socket)), board_(board) {}
 
     // Sets the time by which the board must have taken all that is sent: every send throws after it. At first it is an
     // hour after the connection.
@@ -63,9 +64,9 @@ private:
     enum class Arrival { kBytes, kNothing, kEnd };
     // Appends what arrives first before the deadline.
     Arrival receiveSome(std::string &bytes, Clock::time_point deadline);
-    sockaddr_in board() const;
 
     Socket socket_;
+    sockaddr_in board_;
     Clock::time_point sendDeadline_ = Clock::now() + std::chrono::hours(1);
 };
 
