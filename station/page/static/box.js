@@ -49,7 +49,8 @@ function followQuestions() {
     const next = again || places[0];
     if (!next && !shown) return;
     const gone = shown;
-    if (next?.ask.question !== gone?.question) choose(next, gone && next?.number !== gone.place ? now() + kSettle : 0);
+    const moves = gone && next && next.number !== gone.place;
+    if (next?.ask.question !== gone?.question) choose(next, moves ? now() + kSettle : 0);
     if (again) answered = 0;
     if (begun && at('box').value) {
         drop(begun.name ? say('stale', {place: begun.name}) : say('late', {place: shown.name}));

@@ -196,12 +196,16 @@ function longestVerdict(size) {
 }
 
 // All verdicts have one size: the largest at which the longest of these words fits into what the other lines leave.
+// Returns it, and how many lines hints and texts have.
 function verdictSize({mode, u, w, h}, pad) {
     const longest = longestVerdict(1) / layout.u;
     const hints = Math.min(3, Math.max(1, Math.ceil(32 * u / w)));
     const others = {full: 1.2 + 1.2 + 1.2 * hints + 0.92 + 0.6, small: 1.2 + 0.95 + 0.55, tiny: 0}[mode];
-    if (mode === 'tiny') return {hints, v: 0.85 * u};
-    return {hints, v: Math.min((h - 2 * pad - u * others) / 1.1, (w - 2 * pad) / longest / 1.01)};
+    if (mode === 'tiny') return {hints, texts: 1, v: 0.85 * u};
+    const rest = h - 2 * pad - u * others;
+    const v = Math.min(rest / 1.1, (w - 2 * pad) / longest / 1.01);
+    const spare = Math.max(0, Math.floor((rest - 1.1 * v) / u / 1.2));
+    return {hints: hints + Math.min(2, spare), texts: 1 + Math.max(0, spare - 2), v};
 }
 
 function layOut() {
@@ -215,12 +219,12 @@ function layOut() {
     if (best.u < 11) best = split('tiny', 0.73);
     const pad = best.u * (best.mode === 'full' ? 0.25 : 0.1) + 4;
     layout = {...best, width: best.w - 2 * pad - (best.mode === 'tiny' ? 6 : 12)};
-    const {hints, v} = verdictSize(best, pad + 6);
+    const {hints, texts, v} = verdictSize(best, pad + 6);
     layout.verdict = longestVerdict(v / layout.u) + 4;
     at('list').hidden = best.mode === 'full';
     main.className = `${best.mode} ${tall ? 'tall' : 'wide'}`;
     for (const [name, value] of [['--columns', best.columns], ['--u', `${best.u}px`], ['--v', `${v}px`],
-                                 ['--pad', `${pad}px`], ['--gap', `${gap}px`], ['--hints', hints]]) {
+                                 ['--pad', `${pad}px`], ['--gap', `${gap}px`], ['--hints', hints], ['--texts', texts]]) {
         main.style.setProperty(name, value);
     }
     for (const tile of tiles.values()) { if (tile.place) show(tile); }
