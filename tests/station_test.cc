@@ -225,6 +225,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING\n", "plan.yaml:2:1: "},
         {"- {send: 'X {line}', expect: X, take: 2}", "1:39: \"take\" needs a text that names a pool"},
         {"- {ask: mac, prompt: S}\n- {send: 'X {mac}', expect: X}", "2:10: {mac} is a variable and a pool"},
+        {"- {ask: serial, prompt: S}\n- {send: 'X {mac}', match: '(?P<mac>.)'}", "2:3: {mac} is a variable and a pool"},
         {"- {ask: Run, prompt: S}", "1:9: the station sets QC_Run itself"},
         {"- {send: PING, match: '(?P<VERDICT>.)'}", "1:23: the station sets QC_VERDICT itself"},
         {"- {send: PING, match: '(?P<1>.)'}", "1:23: \"1\" is not a name"},

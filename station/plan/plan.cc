@@ -316,7 +316,7 @@ constexpr Rule kRules[] = {
      },
      "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
     {"whose", [](const Step &step) { return !step.whose.empty() && !isGroup(step, step.whose); },
-     "the address is a named group of \"match\", as in (?P<mac>[0-9A-F:]+)"},
+     "the address is a named group of \"match\", as in (?P<wire>[0-9A-F:]+)"},
 };
 
 // Returns the fault, empty for none.
@@ -346,11 +346,15 @@ std::string faultOfWhose(const Draft &draft) {
     return named ? "" : "the address is compared with those of a unit: no step before says its {serial}";
 }
 
+std::string faultOfTwo(const std::string &name) {
+    return fmt::format("{{{}}} is a variable and a pool of the line's store: rename one", name);
+}
+
 // Returns what is wrong with {name} in a text of the step, empty for nothing.
 std::string resolve(Draft &draft, const std::string &name) {
     const Names &names = draft.loader.names;
     const bool pool = names.pools.contains(name), variable = names.variables.contains(name);
-    if (pool && variable) return fmt::format("{{{}}} is a variable and a pool of the line's store: rename one", name);
+    if (pool && variable) return faultOfTwo(name);
     if (draft.step.known.contains(name) || variable) return {};
     if (pool) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
@@ -397,9 +401,15 @@ void completeStep(Draft &draft) {
 }
 
 // From here on the later steps know what this one finds out.
-void learn(const Step &step, Names &names) {
-    if (!step.ask.empty()) names.variables.insert(step.ask);
-    if (step.expected.match) names.variables.merge(step.expected.match->groups());
+void learn(const Draft &draft) {
+    Loader &loader = draft.loader;
+    std::set<std::string> found;
+    if (draft.step.expected.match) found = draft.step.expected.match->groups();
+    if (!draft.step.ask.empty()) found.insert(draft.step.ask);
+    for (const std::string &name : found) {
+        if (loader.taken.contains(name)) loader.faults.push_back({draft.node.Mark(), faultOfTwo(name)});
+        loader.names.variables.insert(name);
+    }
 }
 
 Draft readStep(Loader &loader, const YAML::Node &node) {
@@ -416,7 +426,7 @@ Draft readStep(Loader &loader, const YAML::Node &node) {
     }
     // A step with a wrong key would only be found incomplete for that.
     if (loader.faults.size() == before) completeStep(draft);
-    learn(draft.step, loader.names);
+    learn(draft);
     return draft;
 }
 
