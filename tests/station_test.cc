@@ -481,6 +481,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          "BYE", "PF", "BYE", "v is 2.75, above 2.5"},
         {"send: BYE, expect: BYE, closes: true|run: test -e five, reconnect: true|send: PING, expect: PING 2",
          "BYE;PING 2", "PPP", "BYE;PING", ""},
+        {"send: BYE, expect: BYE, closes: true|run: 'mkdir tried && exit 1; exit 0', retries: 1", "BYE", "PP", "BYE",
+         ""},
         {"run: head -c 50000000 /dev/zero, match: ''", "", "F", "", "printed 50000000 bytes"},
         {"run: kill -9 $$", "", "F", "", "ended by signal 9", "station"},
         {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",

@@ -404,8 +404,8 @@ void runStep(Course &course, size_t index) {
         if (result.attempts > 0) context.stop.wait(kRetryPause);
         ++result.attempts;
         runAttempt(course, index);
-    } while (!result.failure.empty() && result.attempts <= step.retries && course.connected && !course.refused &&
-             !context.stop.requested());
+    } while (!result.failure.empty() && result.attempts <= step.retries && (course.connected || !step.needsBoard()) &&
+             !course.refused && !context.stop.requested());
     result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
     if (!result.passed() && result.cause == Cause::kNone) result.cause = Cause::kUnit;
     result.duration = since(start);
