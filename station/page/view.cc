@@ -247,6 +247,7 @@ Data tableView(const std::string &name, const Json &table, const Query &query) {
     view.set("heads", heads);
     view.set("lines", lines);
     view.set("any", !table["rows"].empty());
+    view.set("there", !table["rows"].empty() || table.contains("error"));  // something to show
     view.set("file", urlOf(query.path + ".csv", file));
     if (table.contains("error")) view.set("trouble", table["error"].get<std::string>());
     const auto skip = [&](size_t rows) { return query.changed({{"skip", std::to_string(rows)}}); };

@@ -30,7 +30,7 @@ function timeText(time) {
     const text = local(time);
     return text.slice(11, 16) === '00:00' ? text.slice(5, 10) : text.slice(11, 16);
 }
-const timeAxis = (min, max) => ({type: 'linear', min, max, afterBuildTicks: timeTicks,
+const timeAxis = (min, max) => ({type: 'linear', min, max, offset: false, afterBuildTicks: timeTicks,
     ticks: {callback: timeText, maxRotation: 0}, grid: {color: colour('--rule'), offset: false}});
 
 // ---- what all charts share
@@ -127,7 +127,7 @@ function hours() {
             {type: 'bar', yAxisID: 'runs', data: at(row => row.runs), backgroundColor: colour('--bar'), barPercentage: 1,
              categoryPercentage: .85}]},
         options: options(lines, {
-            x: {...timeAxis(first, last), offset: false},
+            x: timeAxis(first, last),
             runs: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'runs'},
                    ticks: {precision: 0, maxTicksLimit: 4,
                            callback: (count, index, all) => index && index === all.length - 1 ? '' : count},
