@@ -4,53 +4,22 @@
 Attacks a line of two cables, in network namespaces. Traffic on one cable must not delay the other one, use up
 descriptors, or delay a stop. A surplus board must not get a connection that is then lost.
 """
-import contextlib, ctypes, os, select, signal, socket, subprocess, sys, tempfile, threading
+import contextlib, os, select, signal, socket, subprocess, sys, tempfile, threading
+from cables import Cable, PATIENCE, STATION, enter
 
-if 'ATTACKS' not in os.environ:  # not yet in a network of its own
-    user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
-    os.execvpe('unshare', ['unshare', *user, '--net', 'sh', '-c', 'ip link set lo up; exec "$@"', 'sh', *sys.argv],
-               {**os.environ, 'ATTACKS': '1'})
-
-STATION = ('192.168.1.2', 55688)
-PATIENCE = 120  # seconds; on an idle machine everything takes much less
+enter()
 PLAN = '[{send: PING, expect: PING 2, timeout: 5}, {send: BYE, expect: BYE, closes: true}]'
 REPLIES = {'QCSTATION': 'UNKNOWN', 'PING': 'PING 2', 'BYE': 'BYE'}
-libc = ctypes.CDLL(None)
-home = os.open('/proc/self/ns/net', os.O_RDONLY)
-
-
-class Cable:
-    def __init__(self, number):
-        self.holder = subprocess.Popen(['unshare', '--net', 'sleep', '100000'])
-        os.environ.update(P=str(self.holder.pid), L=f'line{number}')
-        subprocess.run('until [ "$(readlink /proc/$P/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do sleep 0.1; done;'
-                       'set -e; ip link add $L type veth peer name eth0 netns $P; ip addr add 192.168.1.2/24 dev $L;'
-                       'ip link set $L up; nsenter --net=/proc/$P/ns/net sh -c "ip addr add 192.168.1.1/24 dev eth0;'
-                       'ip link set eth0 up"', shell=True, check=True)
-        self.network = os.open(f'/proc/{self.holder.pid}/ns/net', os.O_RDONLY)
-
-    def socket(self, ttl=64):
-        """Returns a socket in the network at the other end of the cable."""
-        libc.setns(self.network, 0)
-        try: made = socket.socket()
-        finally: libc.setns(home, 0)
-        made.setsockopt(socket.IPPROTO_IP, socket.IP_TTL, ttl)
-        return made
-
-    def board(self):
-        """Plays a board for one session."""
-        while True:
-            with self.socket() as board, contextlib.suppress(TimeoutError):
-                board.settimeout(0.2)  # much less than the kernel waits before it repeats an attempt
-                board.connect(STATION)
-                board.settimeout(PATIENCE)
-                return serve(board)
 
 
 def serve(board):
     while command := board.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
         board.sendall(REPLIES[command].encode().ljust(64, b'\0'))
         if command == 'BYE': return
+
+
+def session(cable):
+    with cable.connect() as board: serve(board)
 
 
 @contextlib.contextmanager
@@ -116,13 +85,13 @@ def surplus(cable, station):
 def silent(cable, station):
     """Silent strangers on one cable do not delay the boards on the other."""
     with flood(cables[0], 1000, 64, False):
-        for _ in range(20): cables[1].board()
+        for _ in range(20): session(cables[1])
 
 
 def impostors(cable, station):
     """Of the strangers that answer like boards only a few are let in, and they do not delay a stop."""
     with flood(cables[0], 1000, 255, True):
-        for _ in range(5): cables[1].board()
+        for _ in range(5): session(cables[1])
         held = len(os.listdir(f'/proc/{station.pid}/fd'))
         assert held < 60, f'{held} descriptors'
         station.send_signal(signal.SIGTERM)
