@@ -541,7 +541,7 @@ struct Scans : Line {
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &problem,
                     station::Clock::time_point, const station::Needless &) override {
         problems += problem + ";";
-        if (next == answers.size()) throw std::runtime_error("nobody answers");
+        if (next == answers.size()) throw station::NoAnswer("nobody answers");
         return answers[next++];
     }
 
@@ -599,6 +599,7 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
         for (const auto &step : run.steps) verdicts += "-PF"[static_cast<size_t>(step.verdict)];
         EXPECT_EQ(verdicts, test.verdicts) << text;
         EXPECT_EQ(run.unit, test.unit) << text;
+        EXPECT_EQ(run.cause, run.passed() ? station::Cause::kNone : station::Cause::kOperator) << text;
         EXPECT_THAT(line.problems + run.steps[0].failure, HasSubstr(test.problem)) << text;
         EXPECT_EQ(line.problems.size() > 1 || !run.steps[0].passed(), *test.problem != '\0') << text;
     }
