@@ -144,14 +144,16 @@ def check_shift(folder):
     port = free_port()
     with open(f"{folder}/shift.yaml", "w") as file:
         file.write(f"{{listen: '127.0.0.1:{port}', places: 1, plan: info.yaml, "
-                   "results: shift, operator: {prompt: Badge, match: '^[0-9]+$'}, hold_after: 2}")
+                   "results: shift, operator: {prompt: Badge, match: '^[0-9]+$'}, hold_after: 2, "
+                   "reference: {serial: GOLD, hours: 1}}")
     with open(f"{folder}/info.yaml", "w") as file:
-        file.write("[{send: INFO, expect: INFO}, {send: BYE, expect: BYE, closes: true}]")
-    talk = [("waiting for boards", lambda _: serve(port, [b"INFO"])), (r"Badge > ", lambda _: "me\n"),
+        file.write("[{send: INFO, match: '^I am (?P<serial>.*)$'}, {send: BYE, expect: BYE, closes: true}]")
+    talk = [("waiting for boards", lambda _: serve(port, [b"I am GOLD"])), (r"Badge > ", lambda _: "me\n"),
             (r'"me"\. Badge > ', lambda _: "17\n"), (r"PASS ", lambda _: serve(port, [b"bad"])),
             (r"FAIL ", lambda _: serve(port, [b"bad"])), (r"board 1 is held: 2 runs in a row failed", lambda _: "\x03")]
     output, status = on_terminal(talk, [QCSTATION, "serve", f"{folder}/shift.yaml"])
     assert status == 0 and [record["operator"] for record in records(folder, "shift")] == ["17"] * 3, output
+    assert [record["verdict"] for record in records(folder, "shift") if record.get("reference")] == ["passed"], output
 
 
 def check_unread_output(folder):

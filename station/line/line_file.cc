@@ -278,16 +278,16 @@ LineFile readLine(const fs::path &path) {
         draft.faults.push_back(std::move(fault));
     }
     if (!draft.faults.empty()) throw PlanError(describe(path, draft.faults));
-    if (!draft.line.reference.serial.empty() && !names(draft.line.plan, "serial")) {
-        throw PlanError(path.string() +
-                        ": no step of the plan says the {serial}, by which the reference unit is known");
-    }
     return draft.line;
 }
 
 LineFile loadLine(const fs::path &path, const AskPools &pools) {
     LineFile line = readLine(path);
     line.plan = loadPlan(line.planPath, line.planFiles, namesOf(line, pools));
+    if (!line.reference.serial.empty() && !names(line.plan, "serial")) {
+        throw PlanError(path.string() +
+                        ": no step of the plan says the {serial}, by which the reference unit is known");
+    }
     return line;
 }
 
