@@ -1,5 +1,5 @@
 #pragma once
-// An open descriptor, waiting for it, and how a failure of the system is told.
+// Open descriptors, waiting for them, and the text of a system error.
 
 #include <string>
 #include <string_view>
@@ -8,7 +8,7 @@
 
 namespace station {
 
-// Movable, closed at the end of its life; -1 for none.
+// Owns an open descriptor, or none (-1), and closes it.
 class Descriptor {
 public:
     explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
@@ -24,7 +24,7 @@ private:
 // Returns the milliseconds until the deadline as poll() takes them: rounded up, 0 when it has passed.
 int pollLimit(Clock::time_point deadline);
 
-// Returns true when one of the events (POLLIN, POLLOUT) is there before the deadline.
+// Waits until one of the events (POLLIN, POLLOUT) occurs. Returns false when none did before the deadline.
 bool waitFor(int descriptor, short events, Clock::time_point deadline);
 
 // Returns "WHAT: " and the text of errno.

@@ -8,6 +8,9 @@ struct evp_md_ctx_st;
 
 namespace station {
 
+//     Digest digest("SHA256");
+//     digest.feed(bytes);
+//     const std::string text = digest.text();
 class Digest {
 public:
     // `algorithm`: "MD5", "SHA256". Throws std::runtime_error when OpenSSL does not offer it.
@@ -17,7 +20,8 @@ public:
     Digest &operator=(const Digest &) = delete;
 
     void feed(std::string_view bytes);
-    std::string text();  // once, after everything was fed
+    // Returns the digest of everything that was fed. May be called once.
+    std::string text();
 
 private:
     evp_md_ctx_st *context_;

@@ -5,7 +5,7 @@
 
 namespace station {
 
-// Returns its name; "station" when it has none.
+// Returns the machine's host name; "station" when it has none.
 std::string hostName();
 
 }  // namespace station

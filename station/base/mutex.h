@@ -1,6 +1,6 @@
 #pragma once
-// Mutexes whose use Clang checks, as scripts/lint has it do: a member that is GUARDED_BY a mutex is only touched by
-// those who hold it.
+// Mutexes whose use Clang checks when scripts/lint runs: only code that holds the mutex may touch a member that is
+// GUARDED_BY it.
 //
 //     Mutex mutex_;
 //     Condition changed_;
@@ -18,10 +18,10 @@
 #define THREAD_ATTRIBUTE(attribute)
 #endif
 
-#define GUARDED_BY(mutex) THREAD_ATTRIBUTE(guarded_by(mutex))             // of a member
-#define REQUIRES(...) THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))  // of a function: its caller has the lock
-#define EXCLUDES(...) THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))       // of a function: its caller has it not
-#define UNCHECKED_THREADS THREAD_ATTRIBUTE(no_thread_safety_analysis)     // of a function: with a comment that says why
+#define GUARDED_BY(mutex) THREAD_ATTRIBUTE(guarded_by(mutex))             // for a member
+#define REQUIRES(...) THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))  // for a function: the caller holds the lock
+#define EXCLUDES(...) THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))       // for a function: the caller must not hold it
+#define UNCHECKED_THREADS THREAD_ATTRIBUTE(no_thread_safety_analysis)     // for a function: a comment must say why
 
 namespace station {
 
@@ -31,7 +31,7 @@ private:
     std::mutex mutex_;
 };
 
-// Holds a mutex for as long as it lives, but between unlock() and lock().
+// Holds a mutex during its lifetime, except between unlock() and lock().
 class THREAD_ATTRIBUTE(scoped_lockable) Lock {
 public:
     explicit Lock(Mutex &mutex) THREAD_ATTRIBUTE(acquire_capability(mutex)) : lock_(mutex.mutex_) {}
@@ -47,7 +47,7 @@ private:
     mutable std::unique_lock<std::mutex> lock_;
 };
 
-// As std::condition_variable. Clang does not see that wait() has the lock when it asks `until`.
+// Like std::condition_variable. Clang does not see that wait() holds the lock when it calls `until`.
 class Condition {
 public:
     void wait(const Lock &lock) { condition_.wait(lock.lock_); }

@@ -1,5 +1,5 @@
 #pragma once
-// Files that are compiled in by cmake/embed.cmake.
+// Files that cmake/embed.cmake compiles into the program.
 
 #include <string_view>
 

@@ -1,12 +1,12 @@
 #pragma once
-// Texts of boards and people, which may be any bytes, made fit to be shown and kept.
+// Texts from boards and people may have any bytes. These functions make them fit to be shown and kept.
 
 #include <cstddef>
 #include <string>
 
 namespace station {
 
-// Returns the text as UTF-8: each byte that is not part of it becomes U+FFFD.
+// Returns the text as UTF-8; each byte that is not UTF-8 becomes U+FFFD.
 std::string asUtf8(const std::string &text);
 
 // Returns the text without the blanks, tabs and line ends around it.
@@ -15,10 +15,11 @@ std::string trim(const std::string &text);
 // Returns the text as one line of UTF-8 that is fit for XML: line ends and control characters become visible.
 std::string oneLine(const std::string &text);
 
-// Returns how many characters UTF-8 has in the text: the columns that it takes on most terminals.
+// Returns the number of UTF-8 characters in the text, which is its width on most terminals.
 size_t charactersOf(const std::string &text);
 
-// Returns the first `most` bytes of a longer text, without the part of a character at their end, and "...".
+// Returns the text if it has at most `most` bytes; otherwise its first `most` bytes, less an incomplete character at
+// the end, and "...".
 std::string shorten(const std::string &text, size_t most);
 
 }  // namespace station

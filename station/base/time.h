@@ -13,10 +13,10 @@ using Milliseconds = std::chrono::milliseconds;
 
 constexpr double inSeconds(std::chrono::duration<double> duration) { return duration.count(); }
 
-// In UTC to the millisecond: "2026-11-21T17:30:00.123Z".
+// Returns a time in UTC with milliseconds: "2026-11-21T17:30:00.123Z".
 std::string isoTime(WallClock::time_point time);
 
-// Reads what isoTime() writes, with or without the Z, or the start of it up to the day, hour, minute or second.
+// Reads what isoTime() writes, with or without the Z, or its beginning up to the day, hour, minute or second.
 // Returns nothing for any other text, for a day that does not exist, and for years before 1970 or after 2261.
 std::optional<WallClock::time_point> parseIsoTime(std::string text);
 

@@ -14,33 +14,32 @@ class RE2;
 
 namespace station {
 
-// A regular expression in RE2's syntax, which takes time in proportion to the text, whatever both are. It works on
-// bytes; ^ and $ are the start and the end of the whole text unless it begins with (?m); '.' is any byte but a line
-// end.
+// A regular expression in RE2's syntax, whose matching takes time in proportion to the text. It works on bytes. ^ and $
+// are the ends of the whole text unless the expression begins with (?m); '.' is any byte except a line end.
 class Expression {
 public:
-    // Throws std::invalid_argument when it is none. A {name} in it stands for any text.
+    // Throws std::invalid_argument when the text is not an expression. A {name} in it stands for any text.
     explicit Expression(std::string text);
 
     const std::string &text() const { return text_; }
     std::set<std::string> groups() const;  // the names of (?P<name>...)
 
-    // The same with each {name} replaced. Throws std::invalid_argument for one without a value.
+    // Returns the expression with each {name} replaced. Throws std::invalid_argument for a name without a value.
     Expression with(const Variables &variables) const;
 
-    // The named groups of the first match in a text, but those that took no part; nothing when there is no match.
+    // Returns the named groups of the first match in a text, except those that took no part; nothing without a match.
     std::optional<Variables> find(const std::string &text) const;
 
 private:
     std::string text_;
-    std::shared_ptr<const re2::RE2> compiled_;  // the one without names, or with an example for each
-    bool open_;                                 // there are names in it
+    std::shared_ptr<const re2::RE2> compiled_;  // with an example for each {name}
+    bool open_;                                 // it has a {name}
 };
 
-// Bytes of a text that a failure quotes: its start, as records have all of it.
+// How many bytes of a text a failure quotes, from its start. Records have all of it.
 constexpr size_t kQuoted = 400;
 
-// All of a text, a match in it, or nothing.
+// What is expected: exactly this text, a match in it, or anything.
 struct Expectation {
     std::optional<std::string> text;
     std::optional<Expression> match;
@@ -48,11 +47,11 @@ struct Expectation {
 
     explicit operator bool() const { return text || match; }
 
-    // The same with each {name} replaced. Throws std::invalid_argument for one without a value.
+    // Returns the expectation with each {name} replaced. Throws std::invalid_argument for a name without a value.
     Expectation with(const Variables &variables) const;
 
-    // Of what `with` returned: empty when `actual` is as expected, else what is wrong with it. A match sets its named
-    // groups.
+    // Returns what is wrong with `actual`; empty when it is as expected. A match sets its named groups. Must be called
+    // on what with() returned.
     std::string judge(const std::string &actual, Variables &groups) const;
 };
 

@@ -8,8 +8,7 @@
 
 namespace station {
 
-// A file as it was when the plan was loaded: what was measured then is what every board gets, whatever becomes of the
-// file.
+// A file as it was when the plan was loaded. Every board gets these bytes, even if the file changes later.
 struct Payload {
     std::string name;                          // the file's, without its folder
     std::shared_ptr<const std::string> bytes;  // shared by the steps and the boards
@@ -24,9 +23,9 @@ struct PlanFile {
     std::string sha256;  // 64 lower-case hexadecimal digits
 };
 
-constexpr uint64_t kLargestPayload = 2147483647;  // bytes that the board can be told of
+constexpr uint64_t kLargestPayload = 2147483647;  // bytes, the most that a command can announce
 
-// Throws std::runtime_error, which says why the file cannot be read.
+// Reads a file and computes its digests. Throws std::runtime_error, which says why the file cannot be read.
 Payload readPayload(const std::filesystem::path &path);
 
 }  // namespace station

@@ -1,5 +1,5 @@
 #pragma once
-// What can only be seen of a plan as a whole: steps that come too late, and what is forgotten.
+// Checks that need the whole plan: steps that come too late, and steps that are missing.
 
 #include <vector>
 
@@ -8,12 +8,15 @@
 
 namespace station {
 
-// A step and where it stands.
+// A step and its place in the file.
 struct StepSource {
     const Step &step;
     YAML::Node node;
-    bool timed;  // somebody chose its time limit
+    bool timed;  // the plan sets its timeout
 };
+
+// Adds a fault for each step that cannot work where it stands, and a warning for what is probably a mistake, such as a
+// partition that is flashed and never read back.
 
 void review(const std::vector<StepSource> &steps, std::vector<Fault> &faults, std::vector<Fault> &warnings);
 

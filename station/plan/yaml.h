@@ -1,5 +1,8 @@
 #pragma once
-// Reading the station's YAML files so that every fault is found at once, each with its line and column.
+// Reads the station's YAML files, and finds all of their faults at once, each with its line and column.
+//
+//     const Keys<Limit> keys = {{"min", [](Limit &limit, const Entry &value) { limit.min = value.number(); }}};
+//     readMap(node, keys, "in a limit", limit, faults);
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
@@ -15,7 +18,7 @@
 
 namespace station {
 
-// What is wrong at a place of a file; the file's name joins it where that is known.
+// A fault at a place of a file. describe() adds the file's name.
 struct Fault {
     YAML::Mark mark;
     std::string text;
@@ -31,10 +34,10 @@ YAML::Node loadDocument(const std::filesystem::path &path, std::string *read = n
 // Returns a line per fault: FILE:LINE:COLUMN: what is wrong.
 std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults);
 
-// Bytes of a part of a file's name: with a plan's, a place's and a run's, a name stays below the 255 of file systems.
+// The most bytes of a part of a file's name: the names of plan, place and run together stay below a file system's 255.
 constexpr size_t kLongestPart = 64;
 
-// Returns what keeps a text from being part of a file's name; empty for nothing.
+// Returns why a text cannot be part of a file's name; empty when it can.
 std::string faultOfPart(const std::string &text);
 
 // A value of a map. Each call throws Fault when the value is not what is asked for.
@@ -60,16 +63,16 @@ struct Entry {
     std::chrono::milliseconds seconds() const;  // 0.001 to a day
 };
 
-// For each key that a map may have, what is done with its value.
+// The keys that a map may have, each with the function that stores its value.
 template <typename Target>
 using Keys = std::map<std::string_view, void (*)(Target &target, const Entry &value)>;
 
-// Hands each entry of a map to `take`. Adds to `faults` what it throws as Fault, and keys that stand twice. `what` ends
-// the words `expected a map of`.
+// Calls `take` for each entry of a map. Adds the faults that it throws, and duplicate keys, to `faults`. `what`
+// completes the message `expected a map of ...`.
 void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> &faults,
                const std::function<void(const Entry &key, const Entry &value)> &take);
 
-// Reads a map into `target`, and adds what is wrong with it to `faults`. `where` ends the words `unknown key "KEY"`.
+// Reads a map into `target`, and adds its faults to `faults`. `where` completes the message `unknown key "KEY" ...`.
 template <typename Target>
 void readMap(const YAML::Node &node, const Keys<Target> &keys, std::string_view where, Target &target,
              std::vector<Fault> &faults) {

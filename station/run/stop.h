@@ -1,5 +1,5 @@
 #pragma once
-// The request that the line stop: running steps end, nothing new is begun.
+// The request to stop the line: running steps end, and nothing new begins.
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -10,7 +10,7 @@
 
 namespace station {
 
-// May be used from any thread.
+// May be used by any thread.
 class Stop {
 public:
     void request() {
@@ -18,7 +18,7 @@ public:
         eventfd_write(event_.descriptor(), 1);
     }
     bool requested() const { return requested_; }
-    // Waits so long, or until the stop is requested. Returns whether it is.
+    // Waits for this time, or until the stop is requested. Returns whether it has been.
     bool wait(Milliseconds duration) const {
         return waitFor(event_.descriptor(), POLLIN, Clock::now() + duration) || requested();
     }

@@ -9,19 +9,19 @@
 
 namespace station {
 
-// Moves the runs that started before this time (as isoTime() writes it) and have ended from the store into a new file:
-// a record a line, as in result files, compressed by gzip. Units stay, what they were given and the names of the runs
-// that took it; the store remembers the file's name, which show() tells. Nothing is removed before the whole file was
-// read back and is on the disk. When it is interrupted, runs may be in the file and the store, but in none of the two
-// never. Returns how many runs were moved; 0: there is no file. Throws StoreError, or std::runtime_error when the file
-// is there already or cannot be written.
+// Moves the runs that have ended and started before this time (as isoTime() writes it) from the store into a new file:
+// one record per line, as in result files, compressed with gzip. Units, what they were given, and the names of the runs
+// that took it stay in the store; it also remembers the name of the file, which show() reports. The file is on the disk
+// and has been read back before anything is removed, so after an interruption a run may be in both, but never in
+// neither. Returns how many runs were moved; 0: no file was made. Throws StoreError, or std::runtime_error when the
+// file exists already or cannot be written.
 //
 //     archiveRuns(database, "2026-01-01T00:00:00.000Z", "2025.jsonl.gz");
 //     // then, as with any such file: zcat 2025.jsonl.gz | jq 'select(.unit == "A-1")'
 size_t archiveRuns(Database &database, const std::string &before, const std::filesystem::path &path);
 
-// Copies a store of SQLite into a new file, while stations write to it. The copy is whole, checked, and on the disk
-// when this returns. Throws Refusal for PostgreSQL, which has a tool of its own, and when the file is there already.
+// Copies an SQLite store into a new file, while stations write to it. When this returns, the copy is complete, checked
+// and on the disk. Throws Refusal for PostgreSQL, which has a tool of its own, and when the file exists already.
 void backUp(const std::string &store, const std::filesystem::path &path);
 
 }  // namespace station

@@ -1,12 +1,13 @@
 #pragma once
-// Pools of what is given once and for ever: ranges of MAC addresses, and values of any kind, a row each.
+// Pools, from which each unit is given its own MAC addresses and other values for ever.
 //
 //     addRange(database, "mac", "02:00:00:00:00:00", "02:00:00:00:FF:FF", 500);
 //     std::shared_ptr<Given> given;
 //     database.transact([&] { given = take(database, "mac", serial, run, 4); });  // one round trip
 //     const std::vector<std::string> addresses = valuesOf(*given);
 //
-// Each function does all that it says or, throwing StoreError (a Refusal where the request is at fault), nothing.
+// Each function either does everything that it says, or throws StoreError and changes nothing. The error is a Refusal
+// when the request is wrong.
 
 #include <cstdint>
 #include <filesystem>
@@ -20,40 +21,42 @@
 
 namespace station {
 
-constexpr int kLow = 100;  // a pool that has enough for fewer units than this is low, unless it was given a limit
+constexpr int kLow = 100;  // the limit of a pool without its own: with enough for fewer units the pool is low
 
-// Adds a range, and makes the pool when it is new. `low` < 0 leaves the limit as it is. Refuses addresses that are not
-// of one board, or whose first bytes differ, and what overlaps anything of any pool. Returns what is unusual about the
-// range, a line each.
+// Adds a range from `first` to `last`, both included; makes the pool if it does not exist. `low` is the pool's limit in
+// units; < 0 leaves it as it is. Refuses group addresses, the address of zeros, ranges whose first bytes differ, and
+// whatever overlaps any pool. Returns a line for each thing that is unusual about the range.
 std::vector<std::string> addRange(Database &database, const std::string &pool, const std::string &first,
                                   const std::string &last, int low);
 
 struct Imported {
-    int64_t added = 0;  // addresses or values
-    std::string first;  // of the file, as a person may see that it is a heading
+    int64_t added = 0;  // number of addresses or values
+    std::string first;  // the first value of the file: a person may see that it is a heading
     std::vector<std::string> unusual;
 };
 
-// Adds a file of comma-separated values: a value a line, or an address or FIRST,LAST. `kind` is "addresses" or
-// "values"; empty for that of a pool that is there. Blanks and tabs around a value, empty lines, lines that begin with
-// # and a byte order mark are skipped. Refuses, with the lines, what is not of the kind.
+// Adds a file of comma-separated values. Each line is a value; or an address, or FIRST,LAST. `kind` is "addresses" or
+// "values", or empty to use that of an existing pool. Skips blanks and tabs around a value, empty lines, lines that
+// begin with # and a byte order mark. Refuses the file, naming the lines, if some of it is not of the kind.
 Imported importFile(Database &database, const std::string &name, const std::filesystem::path &path,
                     const std::string &kind, int low);
 
-// What is left of the addresses from `first` to `last`, of one address or value (`last` is empty) or of the whole pool
-// (both are empty) is never given; `undo`: can be given again. Returns how many.
+// Retires addresses and values that no unit has, so that they are never given; `undo` reverts that. `first` and `last`
+// select a range; without `last`, one address or value; without both, the whole pool. Returns how many were changed.
 int64_t retire(Database &database, const std::string &name, const std::string &first, const std::string &last,
                bool undo);
 
-// Returns none when there is no store, or no such file yet.
+// Returns the names of a store's pools; none if `store` is empty or its file does not exist yet.
 std::set<std::string> poolNames(const std::string &store);
 
-// A row a pool. `units`: for how many more units it has enough, of what the last one took; `days`: how long that is at
-// the pace of the last seven days; `warning`: "empty", "low" (fewer units than its limit), "10 % left", "7 days left".
+// Returns a row per pool. `units`: for how many more units the pool is enough, if each takes as much as the last one.
+// `days`: how long that lasts at the pace of the last seven days. `warning`: "empty", "low" (fewer units than its
+// limit), "10 % left", "7 days left".
 Table listPools(Database &database);
+// Returns a row per range of the pool.
 Table listRanges(Database &database, const std::string &pool);
 
-// Returns a line for each pool with a warning, for the people on the line. Counts a week of units.
+// Returns a line for the people on the line for each pool with a warning. Slow: counts the units of a week.
 std::vector<std::string> poolWarnings(Database &database);
 
 struct Given {
@@ -61,20 +64,20 @@ struct Given {
     int count = 0;
     std::string kind = {};                 // of the pool; empty: there is no such pool
     std::vector<std::string> values = {};  // fewer than `count`: the pool is empty
-    int64_t had = 0;                       // of the pool by the unit before, which did not fit
-    int64_t left = 0;                      // for so many more units is there enough, counted up to the limit of values
-    bool low = false;
+    int64_t had = 0;                       // how many the unit had of the pool, when they were too few
+    int64_t left = 0;                      // for how many more units the pool is enough; values count up to the limit
+    bool low = false;                      // `left` is below the pool's limit
 };
 
-// Inside transact(): takes the next `count` values for the unit that the run has, or those that it has from before.
-// Addresses are consecutive, and their sixth byte has no carry; a unit that has fewer is given new ones, and keeps
-// those. The result is there when the transaction has ended, or after the next ask() in it. Other pools of the
-// transaction come in the order of their names: else two stations may wait for each other until the database ends one
-// with StoreAway.
+// Takes `count` values for the unit: those that it has already, otherwise the next ones of the pool. Addresses are
+// consecutive and have the same first five bytes; a unit that has fewer than `count` gets new ones and keeps the old
+// ones. Must be called inside transact(). The result is filled when the transaction has ended, or by the next ask() in
+// it. If a transaction takes from several pools, take in the order of their names: otherwise two stations may wait for
+// each other until the database ends one of them with StoreAway.
 std::shared_ptr<Given> take(Database &database, const std::string &pool, const std::string &serial,
                             const std::string &run, int count);
 
-// Returns the values. Throws Refusal when there are not so many.
+// Returns the values. Throws Refusal when the pool did not have `count` of them.
 const std::vector<std::string> &valuesOf(const Given &given);
 
 }  // namespace station

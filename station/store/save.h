@@ -8,18 +8,18 @@
 
 namespace station {
 
-// Writes the record within the caller's transaction: run, unit, and the steps from `first` (counted from 0) on that
-// have ended. What is there already is brought up to date, so that a record may be written any number of times, in any
-// order: one that has ended is never undone by one that has not. `inWork`: a record without an end is of a run that
-// goes on; else it is interrupted.
+// Writes a record within the caller's transaction: the run, its unit, and the steps that have ended, from `first`
+// (counted from 0) on. Updates what is there already, so a record may be written any number of times and in any order:
+// a record without an end never replaces one with an end. `inWork`: the run of a record without an end goes on;
+// otherwise it counts as interrupted.
 //
 //     database.transact([&] { save(database, run); });
 void save(Database &database, const RunRecord &run, bool inWork = false, size_t first = 0);
 
-// Writes those steps from `first` on alone, of a run in work that the store knows.
+// Writes only the steps, from `first` on, of a run in work that the store knows.
 void saveSteps(Database &database, const RunRecord &run, size_t first);
 
-// Returns the verdict as the store has it: running, passed, failed, interrupted.
+// Returns the verdict as the store spells it: running, passed, failed, interrupted.
 std::string verdictIn(const RunRecord &run, bool inWork = false);
 
 }  // namespace station

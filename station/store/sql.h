@@ -1,5 +1,5 @@
 #pragma once
-// The files of station/store/sql, which are compiled in.
+// The SQL files of station/store/sql, which are compiled into the program.
 
 #include <string>
 #include <string_view>

@@ -1,6 +1,6 @@
 #pragma once
-// Scripts that the board runs by the command SHELL, which replies with nothing but an echo of the command. So the
-// station wraps the script: the board sends its exit status and what it printed over a second connection.
+// Scripts that the board runs with the command SHELL. Its reply is only an echo of the command, so the station wraps
+// the script: the board sends exit status and output over a second connection.
 
 #include <map>
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace station {
 
-// Bytes of a script's output that are kept: more than a board's logs, and few enough for a record.
+// Bytes of a script's output that are kept: enough for a board's logs, and few enough for a record.
 constexpr size_t kLongestOutput = 262144;
 
 struct ScriptResult {
@@ -18,19 +18,18 @@ struct ScriptResult {
     uint64_t cut = 0;    // bytes of it that followed and were dropped
 };
 
-// Receives what the board sends of a script that has ended: its status as a decimal number, a line end, and the output,
-// until the connection ends. Throws SessionError when that is not complete at the deadline.
+// Receives the result of a script that has ended: its status as a decimal number, a line end, and the output until the
+// connection ends. Throws SessionError when that is not complete at the deadline.
 ScriptResult receiveResult(Session &&connection, Clock::time_point deadline);
 
-// Has the board run a script and returns its result. `script` may be any executable file's content; one without an
-// interpreter line is run by the shell. It finds each variable NAME in its environment as QC_NAME. A result that comes
-// from another address than the board's is dropped. Throws SessionError when the session fails or no result comes in
-// time.
+// Lets the board run a script, and returns its result. `script` is the content of any executable file; the shell runs
+// one without an interpreter line. It finds each variable NAME in its environment as QC_NAME. Drops a result that comes
+// from another address than the board's. Throws SessionError when the session fails or no result comes in time.
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const std::map<std::string, std::string> &variables = {}, const Progress &progress = {});
 
-// Returns a script that prints the MD5 digest of the first `size` bytes of an MTD partition, and in a second line how
-// many bytes after them are not 0xFF.
+// Returns a script that prints the MD5 digest of the first `size` bytes of an MTD partition, and on a second line the
+// number of bytes after them that are not 0xFF.
 std::string digestScript(int partition, uint64_t size);
 
 }  // namespace station
