@@ -1,6 +1,6 @@
 #pragma once
-// The line: which board is at which place, and what is run there. A thread per socket lets boards in (Door), a thread
-// per place serves them, and the calling thread looks after the whole.
+// The line: which board is at which place, and what runs there. A thread per socket lets boards in (Door), a thread per
+// place serves them, and the calling thread looks after the line as a whole.
 
 #include <list>
 #include <memory>
@@ -48,18 +48,18 @@ public:
     ~Line();
     Line(const Line &) = delete;
 
-    // Runs the job once at so many places, which have `wait` to be connected to. Nothing that a board sends is lost:
-    // one that has connected beyond that number gets its run, too. May be called once, as serve().
+    // Runs the job on so many boards, which must connect within `wait`. A board beyond that number that has connected
+    // already gets its run, too. Call either run() or serve(), and only once.
     Outcome run(int boards, Milliseconds wait);
-    // Runs it on every board that comes, until the stop is requested.
+    // Runs the job on every board that comes, until the stop is requested.
     Outcome serve();
 
-    // May be called from any thread: sets what boards get that come from now on.
+    // Sets the job for boards that come from now on. May be called by any thread.
     void change(std::shared_ptr<const Job> job);
-    // May be called from any thread: the place with this number takes no board until it is released. Returns false when
-    // there is no such place.
+    // Holds or releases a place; a held place takes no board. Returns false when there is no such place. May be called
+    // by any thread.
     bool hold(int number, bool held);
-    // Must be called, from any thread, after the stop was requested.
+    // Makes the line notice that the stop was requested. May be called by any thread.
     void wake();
 
 private:

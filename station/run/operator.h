@@ -1,5 +1,5 @@
 #pragma once
-// The interface to the person who answers what a plan asks, at the terminal or at the page.
+// The interface to the person who answers a plan's questions, at the terminal or on the page.
 
 #include <chrono>
 #include <functional>

@@ -11,7 +11,7 @@
 
 namespace station {
 
-// What could not be recorded and why, in words for the line engineer.
+// Says what could not be recorded and why, in words for the line engineer.
 struct RecordsError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -31,34 +31,35 @@ struct AddressOwner {
     bool hasOthers = false;  // the run's unit was given addresses, whichever
 };
 
-// Called by the threads of all boards at once. "Durable" is what survives a power cut.
+// Called by the threads of all boards at once. "Durable" means that it survives a power cut.
 class Records {
 public:
     virtual ~Records() = default;
-    // Where to say what a person should look at, from any thread; nowhere at first.
+    // Sets the function that reports what a person should look at. It may be called by any thread.
     virtual void tell(const std::function<void(const std::string &)> & /*trouble*/) {}
-    // Why no new board may be taken now; empty: it may. Asked before a board is taken, and every second while it says
-    // no: what waited to be written is tried again.
+    // Returns why no new board can be taken now; empty when it can. Called before a board is taken, and every second
+    // while the answer is no; each call retries what could not be written.
     virtual std::string away() { return {}; }
-    // A board is there: durable before its first command. Throws RecordsError: the board waits, and it is tried again.
+    // Records that a run begins; durable before the board's first command. When it throws RecordsError, the board waits
+    // and the call is repeated.
     virtual void begins(const RunRecord & /*run*/) {}
-    // The next `count` rows of the pool for this run's unit, bound to it durably. Throws RecordsError: nothing is
-    // bound.
+    // Returns the next `count` rows of the pool, durably bound to this run's unit. When it throws RecordsError, nothing
+    // is bound.
     virtual std::vector<std::string> bind(const std::string &pool, const RunRecord & /*run*/, int /*count*/) {
         throw RecordsError("the line has no pool \"" + pool + "\"");
     }
-    // The run has said which unit it is about, which no other station gets from now on. Returns what the store knows of
-    // the unit from earlier runs of the plan; nothing: no store can be asked. Throws RecordsError when the run cannot
-    // be about that unit, as when another station has it in work.
+    // Records which unit the run is about; no other station can take that unit meanwhile. Returns what the store knows
+    // of earlier runs of this plan on the unit; nothing when no store is available. Throws RecordsError when the run
+    // cannot be about that unit, for example because another station has it in work.
     virtual std::optional<UnitHistory> named(const RunRecord & /*run*/) { return std::nullopt; }
     // Returns whose the address ("02:00:00:00:00:FE") is. Throws RecordsError when that is not known.
     virtual AddressOwner ownerOf(const std::string & /*address*/, const RunRecord & /*run*/) {
         throw RecordsError("the line has no store that knows addresses");
     }
-    // May be written later.
+    // Records a step. It may be written later.
     virtual void stepEnded(const RunRecord & /*run*/, size_t /*step*/) {}
-    // Durable before the verdict is shown. Throws RecordsError when it is not; it is then kept and tried again by
-    // away().
+    // Records the end of a run; durable before the verdict is shown. When it throws RecordsError, the record is kept,
+    // and away() retries it.
     virtual void ends(const RunRecord & /*run*/) {}
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// What this line knows of units: which are in work, at one place each, and how the last ones were judged.
+// The units of this line: which ones are in work, each at one place, and how the last ones were judged.
 
 #include <map>
 #include <string>
@@ -27,7 +27,7 @@ public:
     // was told about, kept between the calls for a run; null: nobody can confirm.
     std::string admit(RunRecord &run, const std::string &serial, const Plan &plan, const Context &context,
                       std::string *unconfirmed);
-    // Releases the unit, and remembers how it was judged, for lines without a store.
+    // Releases the unit. Remembers how it was judged, for lines without a store.
     void ended(const RunRecord &run);
     // Releases whatever unit is in work at the place.
     void releaseAt(const Place &place);

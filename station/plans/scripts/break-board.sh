@@ -1,6 +1,6 @@
 #!/bin/sh
-# Spoils the virtual board: the second port is the one without a cable, the second radio goes, and the memory that the
-# board should have is more than it has. The table is then loaded anew, which every run of port_change does.
+# Spoils the virtual board: checks a second port that has no cable, removes the second radio, and demands more memory
+# than the board has. Then reloads the table of settings, which every run of port_change does.
 config=/etc/sysconfig/.firewall/.config
 sed -i 's/^SYSTEM_CHECK_ETH_STATUS.*/SYSTEM_CHECK_ETH_STATUS = "eth0_ethtool_0 eth1_ethtool_0"/
     s/^SYSTEM_MEMORY_MINIMUM.*/SYSTEM_MEMORY_MINIMUM = "200000"/' $config

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Reads the calibration partition back: the four addresses in their slots, the checksum by its definition, and how much
-# of what is neither differs from what keep-calibration.sh kept.
+# Reads the calibration partition back. Prints the four addresses in their slots, whether the checksum is right, and how
+# many other bytes differ from the copy that keep-calibration.sh made.
 slots='0 6 4098 20486'
 for offset in $slots; do
     hexdump -v -s "$offset" -n 6 -e '5/1 "%02X:" 1/1 "%02X\n"' /dev/mtd6

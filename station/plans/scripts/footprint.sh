@@ -1,7 +1,7 @@
 #!/bin/sh
-# What the daemon takes of the board, late in a session, each figure with its limit: memory that no other process has,
-# which is all but the code of the C library, shared by every program of a board; and the stack. Both in pages of 4 kB,
-# of which the stack takes one more or less by where the kernel puts its start.
+# Prints how much memory the daemon takes late in a session, each figure with its limit: its private memory, which is
+# everything except libc's code, since all programs of a board share that; and its stack. Memory comes in pages of 4 kB.
+# The stack takes one page more or less, depending on where the kernel puts its start.
 awk -v private_limit=92 -v stack_limit=16 '
 /^[0-9a-f]+-/ { shared = $2 ~ /x/ && $6 ~ /^\/lib\//; stack = $6 == "[stack]" }
 /^Private_(Clean|Dirty):/ && !shared { private += $2 }

@@ -1,3 +1,3 @@
 #!/bin/sh
-# Keeps what is in the calibration partition, for check-calibration.sh.
+# Copies the calibration partition for check-calibration.sh.
 cat /dev/mtd6 > /tmp/calibration

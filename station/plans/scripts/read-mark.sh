@@ -1,4 +1,4 @@
 #!/bin/sh
-# The mark of the board's model, as the firmware that it runs says.
+# Prints the mark of the board's model, as its firmware has it.
 dd if=/etc/system.info bs=1 skip=50 count=8 2> /dev/null | tr -d '\0 '
 echo
