@@ -1,5 +1,5 @@
 #pragma once
-// The signals by which a person, or the system, has the line stop or read its file again.
+// The signals with which a person or the system stops the line or makes it read its file again.
 
 #include <chrono>
 #include <functional>
@@ -18,18 +18,18 @@ namespace station {
 // Must be called before any thread is made.
 void holdSignals();
 
-// Waits so long. Returns true when SIGINT or SIGTERM came meanwhile.
+// Waits for this time. Returns true when SIGINT or SIGTERM comes meanwhile.
 bool stopsWithin(std::chrono::seconds duration);
 
 struct SignalActions {
     std::function<void()> stop;  // at the first SIGINT or SIGTERM
     std::function<void()> end;   // at the second; the third ends the process, whatever this waits for
-    // At SIGHUP, in a thread that nothing waits for, so it may outlive this and all that it refers to. What it returns
-    // is called there, unless the Signals are gone by then.
+    // At SIGHUP, in a thread that nobody waits for: it must not refer to anything that it could outlive. The function
+    // that it returns is called in that thread, unless the Signals object is gone by then.
     std::function<std::function<void()>()> reload;
 };
 
-// Acts on the signals that are held, in a thread of its own that never waits for anything else.
+// Handles the signals that holdSignals() blocks, in a thread that waits for nothing else.
 class Signals {
 public:
     explicit Signals(SignalActions actions);

@@ -1,5 +1,5 @@
 #pragma once
-// What happens on the line as lines of JSON on standard output, for programs: docs/event.schema.json describes them.
+// Prints the line's events for programs, as lines of JSON. docs/event.schema.json describes them.
 
 #include <string>
 
@@ -13,7 +13,7 @@ public:
     // `output` must outlive this.
     explicit Events(Output &output) : output_(output) {}
 
-    // The line that says how many lines the reader was too slow for.
+    // Returns the line that reports how many lines were dropped because the reader was too slow.
     static std::string linesDropped(size_t count);
 
     void lineStarts(const std::vector<Place> &places) override;

@@ -1,5 +1,6 @@
 #pragma once
-// The interface to what follows a line: terminal, events, page. Called by the threads of all boards at once.
+// The interface for everything that follows a line: terminal, events, page. Called by the threads of all boards at
+// once.
 
 #include <exception>
 #include <string>
@@ -17,16 +18,16 @@ public:
     virtual void lineStarts(const std::vector<Place> &) {}
     virtual void boardConnects(const RunRecord &) {}
     virtual void stepStarts(const RunRecord &, size_t /*step*/) {}
-    // At most ten times a second, and when all is sent.
+    // A payload is being sent. Called at most ten times a second, and when all is sent.
     virtual void progress(const RunRecord &, size_t /*step*/, uint64_t /*sent*/, uint64_t /*total*/) {}
     // The step waits for the operator's answer to the prompt.
     virtual void asks(const RunRecord &, size_t /*step*/, const std::string & /*prompt*/) {}
     virtual void stepEnds(const RunRecord &, size_t /*step*/) {}
     // The verdict is final and recorded. A place where nobody connected ends with an empty peer.
     virtual void boardEnds(const RunRecord &) {}
-    // The board whose verdict stood there has been taken away.
+    // The board whose verdict the place showed has been taken away.
     virtual void placeFree(const Place &) {}
-    // The place takes no board until it is released; or it is released.
+    // The place is held and takes no board, or it is released.
     virtual void placeHeld(const Place &, bool /*held*/) {}
     // The place can take no board for this reason, in words; empty: it can again.
     virtual void placeBlocked(const Place &place, const std::string &why) {
@@ -34,11 +35,11 @@ public:
     }
     // Something that is switched on was cabled to the place; or it went away. Places that have an interface only.
     virtual void placePowered(const Place &, bool /*powered*/) {}
-    // Something connected that is not a board, or that has no place.
+    // Something connected that is not a board, or for which there is no place.
     virtual void strangerRefused(const std::string & /*peer*/, const std::string & /*why*/) {}
-    // No new board is taken for this reason; empty: they are taken again.
+    // No new board is taken, for this reason; empty: boards are taken again.
     virtual void lineWaits(const std::string & /*why*/) {}
-    // No more boards are taken; the steps that run end first.
+    // The line stops: no more boards are taken, and running steps end first.
     virtual void lineStops() {}
     // What a person should look at, in words.
     virtual void trouble(const std::string &) {}

@@ -8,8 +8,8 @@
 
 namespace station {
 
-// Keeps at most 4 MiB for a slow reader: from 1 MiB on progress() is dropped, from 4 MiB on whole lines are, until half
-// of what waits has been taken. `describe` then makes the line that says how many were dropped.
+// Keeps at most 4 MiB for a slow reader. From 1 MiB on it drops progress(), from 4 MiB on all lines, until the reader
+// has taken half of the waiting text. Then it adds the line that `describe` returns for the number of dropped lines.
 class Output {
 public:
     using Describe = std::function<std::string(size_t dropped)>;
@@ -19,13 +19,13 @@ public:
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
 
-    // One or more whole lines.
+    // Queues one or more whole lines.
     void put(const std::string &text);
-    // Text that is worth nothing later.
+    // Queues text that is useless later, such as progress.
     void progress(const std::string &text);
 
-    // Waits until everything is written. Once `hurry` returns true, a reader that takes nothing for a second is given
-    // up. Returns why something was not written, the first reason; empty: everything was.
+    // Waits until everything is written. Once `hurry` returns true, gives up a reader that takes nothing for a second.
+    // Returns the first reason why something was not written; empty when everything was.
     std::string finish(const std::function<bool()> &hurry);
 
 private:

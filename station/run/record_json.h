@@ -1,6 +1,6 @@
 #pragma once
-// A record as JSON: one document, the same in result files, the spool, archives, events and on the input of hooks.
-// docs/record.schema.json describes it.
+// Records as JSON. Result files, the spool, archives, events and the input of hooks have the same document, which
+// docs/record.schema.json describes.
 //
 //     const std::string text = dump(run, 2);
 //     const RunRecord same = parseRecord(text);
@@ -18,16 +18,16 @@ Json toJson(const Place &place);
 Json toJson(const StepResult &step);
 Json toJson(const RunRecord &run);
 
-// Returns the text of the JSON, UTF-8 whatever the board sent: other bytes become U+FFFD. Indented by `indent` spaces;
-// -1: in one line.
+// Returns the JSON as text, indented by `indent` spaces, or in one line (-1). Bytes from a board that are not UTF-8
+// become U+FFFD.
 std::string dump(const Json &json, int indent = -1);
 std::string dump(const RunRecord &run, int indent = -1);
 
-// Returns the cause that textOf() writes so. Throws std::invalid_argument.
+// Returns the cause with this textOf(). Throws std::invalid_argument when there is none.
 Cause causeOf(const std::string &text);
 
-// Returns the record of the text. What an older version left out is empty, and what a newer one added is ignored;
-// StepResult::show is not part of a record. Throws std::runtime_error when the text is not a whole record.
+// Reads a record. Fields that an older version left out are empty; fields that a newer one added are ignored;
+// StepResult::show is not part of a record. Throws std::runtime_error when the text is not a complete record.
 RunRecord parseRecord(const std::string &text);
 
 }  // namespace station

@@ -1,6 +1,6 @@
 #pragma once
-// The results of runs as files: for each its record (JSON), its log (a line a step), and a report in JUnit's XML, which
-// test tools read.
+// The results of runs as files: for each run its record (JSON), its log (one line per step), and a report in JUnit's
+// XML, which test tools read.
 
 #include <filesystem>
 #include <map>
@@ -18,16 +18,16 @@ namespace station {
 // Throws RecordsError.
 void writeResult(const std::filesystem::path &folder, const RunRecord &run);
 
-// Returns why the folder cannot take more: it is gone, read-only or almost full. Empty: it can. Writes nothing.
+// Returns why the folder cannot take more results: it is gone, read-only or almost full. Empty when it can. Writes
+// nothing.
 std::string fullness(const std::filesystem::path &folder);
 
-// Keeps each run as files in a folder. A run that has begun has its record there, unfinished (record.h) until it ends;
-// the .log follows the last record, so that a record without a .log is one of a run in work, or of one that its process
-// has left.
+// Keeps each run as files in a folder. A run has its record there from its beginning, unfinished (record.h) until it
+// ends. The .log is written last: a record without one belongs to a run in work, or to a run whose process died.
 class FileRecords : public Records {
 public:
-    // Makes the folder if needed. Throws RecordsError when this process may not write there; a disk that is full may
-    // have room later.
+    // Makes the folder if needed. Throws RecordsError when this process must not write there. A full disk is no error,
+    // since it may have room later.
     explicit FileRecords(std::filesystem::path folder);
 
     std::string away() override;

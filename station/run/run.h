@@ -1,5 +1,10 @@
 #pragma once
 // Runs a plan on one board.
+//
+//     RunRecord run = newRun(plan, place);
+//     records.begins(run);                    // durable before the board's first command
+//     run = runPlan(board, plan, std::move(run), {observer, records, stop, operators, units});
+//     if (run.passed()) ...
 
 #include <string>
 
@@ -13,19 +18,19 @@
 
 namespace station {
 
-// A board at its place, over as many connections as it makes.
+// A board at its place, which may connect more than once during a run.
 class Board {
 public:
     virtual ~Board() = default;
     virtual Session &session() = 0;
-    // Waits for the board's next connection, which session() is from then on; the one before stays open until then.
-    // Throws SessionError at the deadline.
+    // Waits for the board's next connection, which session() then returns. The old one stays open until then. Throws
+    // SessionError at the deadline.
     virtual void reconnect(Clock::time_point deadline) = 0;
     // Returns false while the board's cable has no link, as when it is unplugged or the board is off.
     virtual bool linked() const { return true; }
 };
 
-// What a run needs besides its board and its plan.
+// What a run needs besides its board and its plan. The caller owns all of it, and keeps it until the run has ended.
 struct Context {
     Observer &observer;
     Records &records;
@@ -35,12 +40,12 @@ struct Context {
     Reference reference = {};
 };
 
-// Returns the record of a run that begins now: with a new ID, every step "not run".
+// Returns the record of a run that begins now: it has a new ID, and every step is "not run".
 RunRecord newRun(const Plan &plan, const Place &place);
 
-// Runs the steps, and returns the record, with the cause of each failure. After the end of the session only steps are
-// run that need no board (`ask`, `run`); after a required step has failed, or the stop was requested, only steps with
-// `always`.
+// Runs the steps, and returns the completed record; a failure of any kind is in the record, with its cause. After the
+// end of the session, only steps that need no board run (`ask`, `run`). After a required step has failed or a stop was
+// requested, only steps with `always` run.
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context);
 
 }  // namespace station

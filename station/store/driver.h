@@ -1,6 +1,6 @@
 #pragma once
-// The interface of Database to the library of SQLite or PostgreSQL, with a class for each. The code above differs
-// between the two in its SQL alone.
+// The interface between Database and the libraries of SQLite and PostgreSQL, with a class for each. The code above it
+// differs between the two only in some SQL.
 
 #include <chrono>
 #include <functional>
@@ -29,11 +29,12 @@ struct Answer {
 class Driver {
 public:
     virtual ~Driver() = default;
-    // Does the statement now, or when finish() is called. `answer` may be null.
+    // Does the statement now or when finish() is called. `answer` may be null.
     virtual void queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) = 0;
-    // Returns when all that was queued is done. Throws the first error; what was queued after it is not done.
+    // Returns when all queued statements are done. Throws the first error; statements queued after it are not done.
     virtual void finish() = 0;
-    // Forgets what was queued, and ends the transaction if there is one. What has begun may be done, without an answer.
+    // Drops queued statements, and ends the transaction if there is one. A statement in progress may still be done, but
+    // nobody gets its answer.
     virtual void rollBack() = 0;
     virtual void giveUpAfter(std::chrono::milliseconds limit) = 0;
     virtual void onlyAsk(std::chrono::milliseconds limit) = 0;

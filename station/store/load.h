@@ -1,5 +1,5 @@
 #pragma once
-// Runs as they were recorded, read back from a store.
+// Reads recorded runs back from a store.
 
 #include <string>
 #include <vector>

@@ -1,5 +1,5 @@
 #pragma once
-// Makes store, spool and result files agree about the runs that dead processes have left.
+// Makes store, spool and result files agree about runs that were in work when their process died.
 
 #include "station/run/results.h"
 #include "station/store/database.h"
@@ -8,16 +8,16 @@
 namespace station {
 
 // Settles every run of the spool's keys that is running in the store, has no .log among the result files, or waits in
-// the spool. Of what the three know of it, the record that has an end holds, else the one with the most steps; without
-// an end the run is interrupted. The record is then written to both. Says what it mended. `files` may be null. Throws
-// StoreAway, after which it is to be called again.
+// the spool. Of the three records, the one with an end wins; without any, the one with the most steps, and the run is
+// interrupted. Writes that record to store and files, and reports what it did. `files` may be null. Throws StoreAway,
+// after which it must be called again.
 void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say &say);
 
-// Writes the record of a run that has ended or was left to the store, in a transaction of its own, and has the spool
-// forget it. A record that the store refuses is set aside. Throws StoreAway.
+// Writes a record to the store, in a transaction of its own, and drops it from the spool. The run has ended, or its
+// process died. Sets a record aside that the store refuses. Throws StoreAway.
 void writeLate(Database &database, Spool &spool, const RunRecord &run, const Spool::Say &say);
 
-// Sets a record aside that the store refuses, for `qcstation store replay`, and says so.
+// Sets aside a record that the store refuses, for `qcstation store replay`, and reports it.
 void setAside(Spool &spool, const RunRecord &run, const std::string &why, const Spool::Say &say);
 
 }  // namespace station

@@ -1,6 +1,6 @@
 #pragma once
-// The records of runs that have ended and that the store could not take yet, on this machine's disk. Several processes
-// may share the folder; each has a key, under which the store knows it too.
+// Keeps, on this machine's disk, the records of ended runs that the store could not take yet. Several processes can
+// share the folder; each has a key, by which the store knows it, too.
 //
 //     Spool spool("/var/lib/qcstation/spool", say);
 //     spool.reserve(run.id);                   // before the board's first command
@@ -26,37 +26,37 @@
 
 namespace station {
 
-// Every call may come from any thread, and throws RecordsError when the disk does not do what it should.
+// Every function may be called by any thread, and throws RecordsError when the disk fails.
 class Spool {
 public:
     using Say = std::function<void(const std::string &)>;
 
-    // Makes the folder if needed, and takes over every key in it that no living process holds; makes a key when there
-    // is none. `say` is told of files that are set aside.
+    // Makes the folder if needed. Takes over every key in it that no living process holds; makes a key when there is
+    // none. Calls `say` for files that it sets aside.
     Spool(std::filesystem::path folder, Say say);
     ~Spool();
     Spool(const Spool &) = delete;
     Spool &operator=(const Spool &) = delete;
 
     std::string key() const;  // of this process
-    // All that this process answers for: its own key and those that dead processes have left.
+    // Returns the keys that this process is responsible for: its own, and those of dead processes.
     std::set<std::string> keys() const;
-    // Gives a key up, since another machine holds it, too. After the last one the process has a new one.
+    // Gives up a key that another machine holds, too. After the last one the process gets a new one.
     void surrender(const std::string &key);
 
-    // Sets blocks aside for the record of the run, so that keep() works on a full disk. Nothing, when they are there.
+    // Reserves disk blocks for the run's record, so that keep() works even on a full disk. May be repeated.
     void reserve(const std::string &id);
-    // Keeps the record durably, instead of one of the same run.
+    // Writes the record durably, replacing one of the same run.
     void keep(const RunRecord &run);
-    // Gives back what is kept and reserved for the run.
+    // Removes the run's record and its reserved blocks.
     void forget(const std::string &id);
     // Keeps the record as one that the store refuses. Returns the file.
     std::filesystem::path refuse(const RunRecord &run);
 
-    // Returns why no more can be kept: the folder is gone, read-only or full. Empty: it can. Writes nothing.
+    // Returns why no more can be kept: the folder is gone, read-only or full. Empty when it can. Writes nothing.
     std::string away() const;
-    // Returns the records that wait; needs no disk when there is none. What cannot be read is set aside as refused, and
-    // said.
+    // Returns the waiting records; does not touch the disk when there are none. Sets aside, as refused, files that
+    // cannot be read, and reports them.
     std::vector<RunRecord> kept();
 
 private:
@@ -73,8 +73,8 @@ private:
     std::map<std::string, std::string> waiting_ GUARDED_BY(mutex_);  // file names without extension, by the run's ID
 };
 
-// Plays the records of the folder that were refused again. `take` throws what is wrong with one, which stays; the
-// others are removed. Returns how many were taken.
+// Passes each refused record of the folder to `take`. Removes it, or keeps it when `take` throws. Returns how many were
+// removed.
 size_t replay(const std::filesystem::path &folder, const std::function<void(const RunRecord &)> &take,
               const Spool::Say &say);
 

@@ -1,6 +1,6 @@
 #pragma once
-// The records of a line: in a store, and in result files if it has a folder for them. The file is the truth; the store
-// is written from the same records, and both agree again at the next start.
+// The records of a line: in a store, and in result files if there is a folder for them. The files are authoritative;
+// the store is written from the same records, and after a crash both agree again at the next start.
 //
 //     StoreRecords records("line.db", "line.db-spool", std::make_unique<FileRecords>("results"));
 //     records.begins(run);                                       // before the first command
@@ -24,9 +24,9 @@
 // | the verdict is      | at once                    | at once                   | at once           | at once        |
 // | shown               |                            |                           |                   |                |
 //
-// With results, spool and store unable to take an end, the verdict is shown as not recorded, the record stays in
-// memory, and no board is taken until one of them takes it. Killed at any point, the next process that has the spool's
-// key settles what was left (mend.h): a run whose end is in any of the three has ended so; each other is interrupted.
+// When neither results, spool nor store takes the end of a run, the verdict is shown as not recorded, the record stays
+// in memory, and no board is taken until one of them takes it. After a crash, the next process that has the spool's key
+// settles the runs (mend.h): a run whose end is in any of the three has ended; every other one is interrupted.
 
 #include <atomic>
 #include <chrono>

@@ -1,6 +1,6 @@
 #pragma once
-// The one thread of a process that writes to the store, over its one connection. What is given to it at the same time
-// shares a transaction, and so a round trip and a sync of the disk.
+// The one thread of a process that writes to the store, over its one connection. Changes that arrive together share a
+// transaction, and so a round trip and a sync of the disk.
 //
 //     Writer writer("postgresql:///line", greet);
 //     writer.later({[=](Database &store) { save(store, run, true); }});       // returns at once
@@ -19,8 +19,8 @@
 
 namespace station {
 
-// Something to write. It may be called again when a transaction has failed, and must then do the same. What it holds
-// must outlive its caller, who may have lost patience.
+// A change of the store. `write` may be called again after a failed transaction, and must then do the same. It must own
+// what it uses, since the caller may have given up waiting.
 struct Change {
     std::function<void(Database &)> write;
     std::function<void()> written = {};  // called by the writer's thread after the commit
@@ -29,25 +29,25 @@ struct Change {
 
 class Writer {
 public:
-    // Called by the writer's thread outside of a transaction before anything else is written, again and again: after
-    // each connection (`fresh`), with each batch, and every few seconds. The store counts as away until it returns
-    // without an exception.
+    // Called by the writer's thread, outside of a transaction and before anything else is written: after each
+    // connection (`fresh`), with each batch, and every few seconds. Until it returns without an exception, the store
+    // counts as away.
     using Greeting = std::function<void(Database &, bool fresh)>;
 
-    // Tries to reach the store before it returns; a store that is away is not an error. `say` is told when the store is
-    // brought forward to this version.
+    // Tries to reach the store before it returns; a store that is away is not an error. Calls `say` before it upgrades
+    // the store.
     Writer(std::string store, Greeting greeting, Database::Say say);
     // Writes what waits, unless the store is away.
     ~Writer();
     Writer(const Writer &) = delete;
     Writer &operator=(const Writer &) = delete;
 
-    // Returns why nothing can be written at present; empty: it can.
+    // Returns why nothing can be written at present; empty when it can.
     std::string away() const;
-    // Writes it some time, or never, if the store is away.
+    // Queues a change, which is never written if the store stays away.
     void later(Change change);
-    // Returns when the work is durable. Throws StoreAway when the store is away or takes too long, in which case it may
-    // still be written; else what the work threw, or what the database refuses.
+    // Writes a change, and returns when it is durable. Throws StoreAway when the store is away or takes too long; the
+    // change may then still be written. Otherwise throws what `write` threw, or the database's error.
     void now(Change change);
 
 private:

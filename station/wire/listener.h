@@ -14,17 +14,17 @@ namespace station {
 constexpr char kDefaultAddress[] = "192.168.1.2";
 constexpr uint16_t kDefaultPort = 55688;
 
-// The station cannot listen. The text says what to do about it.
+// Says why the station cannot listen, and what to do about it.
 struct ListenError : SessionError {
     using SessionError::SessionError;
 };
 
 class Listener {
 public:
-    // Listens at the address; with an interface, on that alone: boards that all have one address can then be cabled to
-    // one interface each, and all interfaces of this machine can have the station's address. Port 0 takes a free one.
-    // Throws ListenError when the socket cannot be bound; but with `patient`, an interface that is missing or has not
-    // the address yet is left to renew().
+    // Listens at the address; with `interface`, only on that. One listener per interface serves boards that all have
+    // the same address, while each interface of this machine has the station's. Port 0 takes a free one. Throws
+    // ListenError when the socket cannot be bound. With `patient`, an interface that is missing or has no address yet
+    // is no error: renew() tries it again.
     Listener(const std::string &address, uint16_t port, const std::string &interface = {}, bool patient = false);
 
     uint16_t port() const { return ntohs(bound_.sin_port); }
@@ -34,13 +34,14 @@ public:
     // Returns the next connection. Throws SessionError when none comes within the limit.
     Session accept(Milliseconds limit) const;
     // Returns the next connection that waits in the kernel, if any. Throws ListenError when the process or the system
-    // has no room for it: it waits on.
+    // has no room for it; the connection then keeps waiting.
     std::optional<Session> take() const;
 
-    // Listens again after the interface has come back, as an unplugged adapter does. Returns false while it is missing.
+    // Listens again after the interface has come back, for example when its adapter was plugged in again. Returns false
+    // while the interface is missing.
     bool renew();
-    // Opens the socket to boards, or closes it: attempts to connect are then dropped without an answer, so that boards
-    // repeat them. A connection whose handshake has begun is completed all the same, and take() finds it.
+    // Opens the socket to boards, or closes it. While it is closed, the kernel drops attempts to connect without an
+    // answer, so that boards repeat them. A handshake that has begun is completed, and take() finds the connection.
     void admit(bool boards);
     // Returns true when no connection waits and no handshake is under way.
     bool quiet() const;

@@ -1,5 +1,5 @@
 #pragma once
-// What sessions and listeners share: an open socket, and how a failure is told.
+// What sessions and listeners share: sockets and their errors.
 
 #include <stdexcept>
 #include <string>
@@ -11,7 +11,7 @@ namespace station {
 
 using Socket = Descriptor;
 
-// What went wrong on the connection, in words for the line engineer.
+// Says what went wrong on a connection, in words for the line engineer.
 struct SessionError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -21,7 +21,7 @@ struct WrongReply : SessionError {
     using SessionError::SessionError;
 };
 
-// Returns the interface that a socket is bound to; empty for none, and for one that has gone.
+// Returns the interface that a socket is bound to; empty when it is not bound, or when the interface has gone.
 std::string boundTo(int socket);
 
 }  // namespace station
