@@ -11,7 +11,7 @@
 
 namespace station {
 
-// The address that all emulated boards come from: it tells no place.
+// The address that all emulated boards come from, so it does not identify a place.
 constexpr char kNoCable[] = "127.0.0.1";
 
 // A connection that has no place yet.
@@ -24,8 +24,8 @@ struct Newcomer {
     bool board = false;  // it has answered as a board does
 };
 
-// Belongs to one thread; only wake() may be called from others. Keeps so few newcomers that a flood on this socket
-// takes nothing from the others: what else connects waits in the kernel.
+// Belongs to one thread; only wake() may be called by others. Keeps only a few newcomers, so that a flood on this
+// socket does not affect the others: further connections wait in the kernel.
 class Door {
 public:
     Door(Listener &listener, Observer &observer);
@@ -40,16 +40,17 @@ public:
     // newcomers that have gone, refuses those that are no boards, and all boards but one that wait for the same place.
     void attend(bool accept, bool probe, Milliseconds limit);
 
-    // Hands over the boards that `seat` returns true for, which then has taken the session.
+    // Offers each board to `seat`, and drops it from the newcomers when `seat` returns true, having taken the session.
     void handOver(const std::function<bool(Newcomer &)> &seat);
 
     // Reports the last refusal, if it is not reported yet, and how many others are not.
     void report();
 
-    // Newcomers that are boards, or have had hardly the time to answer.
+    // Returns how many newcomers are boards, or have hardly had the time to answer.
     size_t expected() const;
-    bool undecided() const;  // there are newcomers of which it is not known yet what they are
-    // The boards that have no place: " ADDRESS:PORT" for each.
+    // Returns true while it is unknown what some of the newcomers are.
+    bool undecided() const;
+    // Returns " ADDRESS:PORT" for each board without a place.
     std::string boards() const;
 
 private:
