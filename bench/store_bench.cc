@@ -23,7 +23,7 @@
 namespace station {
 namespace {
 
-constexpr int kRunsADay = 27000;
+constexpr int kRunsADay = 50000;
 
 // From 2026-01-01 on; three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
 void fill(Database &database, int runs) {
@@ -43,11 +43,12 @@ void fill(Database &database, int runs) {
         "INSERT INTO units (id, serial, first_seen, last_seen) SELECT i + 1, 'U' || i, " + started + ", " + started +
             " FROM n",
         "INSERT INTO runs (id, run, unit, plan, station, place, place_name, started, ended, seconds, verdict, attempt,"
-        " failed_step, variables) SELECT i + 1, 'R' || i, i - i % 10 / 9 + 1, 'line', 1, i % 16, 'place ' || (i % "
+        " superseded, failed_step, variables) SELECT i + 1, 'R' || i, i - i % 10 / 9 + 1, 'line', 1, i % 16, 'place ' "
+        "|| (i % "
         "16), " +
             started + ", " + started +
             ", 60 + i * 79 % 4000 / 100.0, CASE i % 20 WHEN 0 THEN 'failed' ELSE 'passed' END,"
-            " 1 + i % 10 / 9, CASE i % 20 WHEN 0 THEN 'step ' || (i % 7) END, '{}' FROM n",
+            " 1 + i % 10 / 9, i % 10 = 8, CASE i % 20 WHEN 0 THEN 'step ' || (i % 7) END, '{}' FROM n",
         "INSERT INTO steps (run, step, title, verdict, reply, cut, started_after, seconds, attempts)"
         " SELECT i / 3 + 1, i % 3 + 1, 'step ' || (i % 3), 'passed', 'OK', 0, i % 3, 1, 1 FROM n",
         "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)"
@@ -213,7 +214,9 @@ void bench(const std::string &store, int runs) {
     report("summary of 30 days --by hour", [&] { yields(database, month, By::kHour); });
     report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
     report("summary of 30 days --by value", [&] { measuredValues(database, month); });
-    report("a value of 30 days in 500 groups", [&] { readingGroups(database, {month.period, "line"}, "volts 1", 500); });
+    report("a value of 30 days in 500 groups", [&] {
+        readingGroups(database, {month.period, "line"}, "volts 1", 500);
+    });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
     StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool", nullptr);
