@@ -148,6 +148,31 @@ TEST_P(Station, MendsWhatADeadOneHasLeftInOnePlaceOnly) {
     EXPECT_EQ(kinds(folder_ / "spool"), std::set<std::string>{".spool"});
 }
 
+TEST_P(Station, WaitsForAFileThatCannotBeReadNow) {
+    RunRecord run = runOf("A");
+    start();
+    station_->begins(run);
+    die();
+    run.station = FileRecords(results()).find(run).value().station;
+    run.steps[0].verdict = run.steps[1].verdict = Verdict::kPassed;
+    FileRecords(results()).ends(run);
+    Database database(store_);
+    // Off for long: another station takes it for dead.
+    database.run("UPDATE stations SET seen = '2026-01-01T00:00:00.000Z'");
+    database.run("UPDATE runs SET verdict = 'interrupted', started = '2026-01-01T00:00:00.000Z'");
+    const fs::path file = results() / fmt::format("line-{}-left.json", run.id), kept = folder_ / "kept";
+    fs::rename(file, kept);
+    fs::create_directory(file);  // a file that cannot be read at present
+    std::ofstream(folder_ / "spool" / "stranger.spool");
+    start();
+    EXPECT_THAT(station_->away(), HasSubstr("cannot read " + file.string()));
+    fs::remove(file);
+    fs::rename(kept, file);
+    while (!station_->away().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(verdicts(run), "passed passed");
+    EXPECT_EQ(fs::status(file).permissions() & fs::perms::others_all, fs::perms::none);
+}
+
 TEST_P(Station, RecordsEachStepInItsPlace) {
     start();
     RunRecord run = runOf("A"), other = runOf("B");

@@ -199,6 +199,15 @@ TEST_P(Store, IsAwayOrRefusesByTheDatabasesOwnCodes) {
     other.onlyAsk(std::chrono::milliseconds(100));
     EXPECT_EQ(failureOf([&] { other.ask(endless); }), "too slow");
     EXPECT_EQ(add(other, "d"), "away");
+    // Another thread ends a question, and all that follow.
+    Database asked(store_), polled(store_);
+    const auto rows = std::regex_replace(endless, std::regex("count\\(\\*\\)"), "i");
+    const auto interrupt = [&](const Table &, const std::vector<Value> &) { asked.interrupt(); };
+    EXPECT_EQ(failureOf([&] { asked.each(rows, {}, interrupt); }), "too slow");
+    EXPECT_EQ(failureOf([&] { asked.ask("SELECT 1"); }), "too slow");
+    std::thread question([&] { EXPECT_EQ(failureOf([&] { polled.ask(endless); }), "too slow"); });
+    polled.interrupt();
+    question.join();
     if (!shared_) {  // a limit on pages acts like a full disk: a row of 100 kB no longer fits
         database.ask("PRAGMA max_page_count = 30");
         EXPECT_EQ(add(database, std::string(100'000, 'e').c_str()), "away");

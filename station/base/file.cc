@@ -60,13 +60,19 @@ std::string readFile(const fs::path &path, uint64_t most) {
     return bytes;
 }
 
+std::optional<std::string> readFileIfThere(const fs::path &path, uint64_t most) {
+    std::error_code error;
+    if (fs::status(path, error).type() == fs::file_type::not_found) return std::nullopt;
+    return readFile(path, most);
+}
+
 // The kernel applies the process's umask to the mode: mkostemp() would make the file 0600, and to read the umask is to
 // change it, for all threads.
-NewFile::NewFile(const fs::path &path) : path_(replaceable(path)), descriptor_(-1) {
+NewFile::NewFile(const fs::path &path, mode_t mode) : path_(replaceable(path)), descriptor_(-1) {
     std::random_device random;
     do {
         temporary_ = fmt::format("{}.{:08x}", path_.string(), random());
-        descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     } while (descriptor_ < 0 && errno == EEXIST);
     if (descriptor_ < 0) fail("write", path_);
 }

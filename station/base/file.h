@@ -1,8 +1,11 @@
 #pragma once
 // Whole files.
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,12 +15,15 @@ namespace station {
 // be read.
 std::string readFile(const std::filesystem::path &path, uint64_t most);
 
+// The same; returns nothing when there is no such file.
+std::optional<std::string> readFileIfThere(const std::filesystem::path &path, uint64_t most);
+
 // A new file that replaces `path`, or the regular file that symbolic links of this name lead to, when it is kept; what
 // was there stays until then, and for good without that. Every failure throws std::runtime_error, and so does anything
-// else of this name: a device, a FIFO, a folder.
+// else of this name: a device, a FIFO, a folder. The process's umask applies to the mode.
 class NewFile {
 public:
-    explicit NewFile(const std::filesystem::path &path);
+    explicit NewFile(const std::filesystem::path &path, mode_t mode = 0666);
     ~NewFile();
     NewFile(const NewFile &) = delete;
     NewFile &operator=(const NewFile &) = delete;

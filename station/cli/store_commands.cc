@@ -132,10 +132,14 @@ void printSummary(Options &options, Database &database) {
 void exportRuns(Options &options, Database &database) {
     // cppcheck-suppress unreadVariable
     const FileRecords folder(options.what);  // makes it, or says why not
-    const std::vector<std::string> names =
-        options.values.empty() ? runNames(database, options.runs.period) : options.values;
-    for (const std::string &name : names) writeResult(options.what, loadRun(database, name));
-    fmt::print("{} runs written to {}\n", names.size(), options.what);
+    size_t written = 0;
+    const auto write = [&](const std::string &name) {
+        writeResult(options.what, loadRun(database, name));
+        ++written;
+    };
+    std::for_each(options.values.begin(), options.values.end(), write);
+    if (options.values.empty()) eachName(database, options.runs.period, write);
+    options.report("{} runs written to {}", written, options.what);
 }
 
 void archive(Options &options, Database &database) {

@@ -6,8 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
 #include <pugixml.hpp>
 #include <sstream>
 #include <string>
@@ -23,7 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t kRoom = 256 << 10;  // bytes that a disk has left when no more boards are taken
+constexpr uint64_t kRoom = 256 << 10;   // bytes that a disk has left when no more boards are taken
+constexpr uint64_t kLongest = 1 << 30;  // bytes of a record
 
 std::string logOf(const RunRecord &run) {
     std::string log = fmt::format("plan {}, place {}, {}, {}\n", run.plan, run.place.name,
@@ -71,7 +71,7 @@ std::string reportOf(const RunRecord &run) {
 }
 
 void writeWhole(const fs::path &path, const std::string &content, bool durable) try {
-    NewFile file(path);
+    NewFile file(path, 0640);  // it may have keys in it
     file.write(content);
     file.keep(durable);
 } catch (const std::runtime_error &error) {
@@ -88,12 +88,20 @@ fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extens
     return folder / fmt::format("{}-{}-{}{}", run.plan, run.id, run.place.name, extension);
 }
 
-// Returns nothing when there is no such file, or it is not a record, as after a power cut.
-std::optional<RunRecord> readRecord(const fs::path &path) try {
-    std::ifstream file(path);
-    return parseRecord({std::istreambuf_iterator<char>(file), {}});
-} catch (const std::runtime_error &) {
-    return std::nullopt;
+// Returns nothing when there is no such file, or it is not a record, as after a power cut. Throws RecordsError when the
+// file cannot be read now: it may be the only one that knows the run's end.
+std::optional<RunRecord> readRecord(const fs::path &path) {
+    std::optional<std::string> text;
+    try {
+        if (::access(path.c_str(), R_OK) == 0 || errno != EACCES) text = readFileIfThere(path, kLongest);
+    } catch (const std::runtime_error &error) {
+        throw RecordsError(fmt::format("{}: if that stays so, move the file out of the folder", error.what()));
+    }
+    try {
+        return text ? std::optional(parseRecord(*text)) : std::nullopt;
+    } catch (const std::runtime_error &) {
+        return std::nullopt;
+    }
 }
 
 void writeRecord(const fs::path &folder, const RunRecord &run, bool durable) {

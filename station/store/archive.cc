@@ -6,12 +6,15 @@
 #include <zlib.h>
 
 #include <array>
+#include <functional>
+#include <memory>
 #include <vector>
 
 #include "station/base/descriptor.h"
 #include "station/base/digest.h"
 #include "station/run/record_json.h"
 #include "station/store/load.h"
+#include "station/store/save.h"
 
 namespace station {
 namespace {
@@ -49,32 +52,56 @@ private:
     const std::string part_;
 };
 
-// Writes the records and returns the digest of their text.
-std::string writeRecords(Database &database, const std::vector<std::string> &runs, const std::string &name) {
-    Digest digest("SHA256");
-    gzFile file = ::gzopen(name.c_str(), "wbe");
-    bool written = file != nullptr;
-    for (const std::string &run : runs) {
-        const std::string line = dump(loadRun(database, run)) + "\n";
-        digest.feed(line);
-        written = written && ::gzwrite(file, line.data(), unsigned(line.size())) == int(line.size());
-    }
-    if (file == nullptr || ::gzclose(file) != Z_OK || !written) {
-        throw std::runtime_error(describeError("cannot write " + name));
-    }
-    return digest.text();
-}
+[[noreturn]] void fail(const std::string &name) { throw std::runtime_error(describeError("cannot write " + name)); }
 
-std::string readBack(const std::string &name) {
-    Digest digest("SHA256");
-    gzFile file = ::gzopen(name.c_str(), "rbe");
-    std::array<char, 1 << 16> part;
-    int length = 0;
-    while (file != nullptr && (length = ::gzread(file, part.data(), part.size())) > 0) {
-        digest.feed({part.data(), size_t(length)});
+// A compressed file of lines.
+class Lines {
+public:
+    Lines(const std::string &name, const char *mode) : name_(name), file_(::gzopen(name.c_str(), mode)) {
+        if (!file_) fail(name_);
     }
-    const bool whole = file != nullptr && length == 0;
-    return file != nullptr && ::gzclose(file) == Z_OK && whole ? digest.text() : "";
+    void write(const std::string &line) {
+        if (::gzwrite(file_.get(), line.data(), unsigned(line.size())) != int(line.size())) fail(name_);
+    }
+    void close() {
+        if (::gzclose(file_.release()) != Z_OK) fail(name_);
+    }
+    // Calls `each` with each line, which ends with "\n".
+    void read(const std::function<void(const std::string &)> &each) {
+        std::array<char, 1 << 16> part;
+        std::string line;
+        while (::gzgets(file_.get(), part.data(), int(part.size())) != nullptr) {
+            line += part.data();
+            if (!line.ends_with('\n')) continue;
+            each(line);
+            line.clear();
+        }
+        close();
+    }
+
+private:
+    struct Close {
+        void operator()(gzFile file) const { ::gzclose(file); }
+    };
+    const std::string name_;
+    std::unique_ptr<gzFile_s, Close> file_;
+};
+
+// Writes the records of the runs that started before this time. Returns how many.
+size_t writeRecords(Database &database, const std::string &before, const std::string &name) {
+    Digest written("SHA256"), read("SHA256");
+    Lines lines(name, "wbe");
+    size_t count = 0;
+    eachName(database, {"", before}, [&](const std::string &run) {
+        const std::string line = dump(loadRun(database, run)) + "\n";
+        written.feed(line);
+        lines.write(line);
+        ++count;
+    });
+    lines.close();
+    Lines(name, "rbe").read([&](const std::string &line) { read.feed(line); });
+    if (read.text() == written.text()) return count;
+    throw std::runtime_error(fmt::format("{} reads back otherwise than it was written", name));
 }
 
 // A run whose record has come late meanwhile, so that its verdict is another one, stays.
@@ -89,27 +116,26 @@ void removeRun(Database &database, const std::string &run, const Value &verdict)
 }  // namespace
 
 size_t archiveRuns(Database &database, const std::string &before, const fs::path &path) {
-    const Table found = database.ask(
-        "SELECT run, verdict FROM runs WHERE started < $1 AND verdict <> 'running' ORDER BY started, id", {before});
-    std::vector<std::string> runs;
-    for (const auto &row : found.rows) runs.push_back(*row[0]);
     Part part(path);
-    if (runs.empty()) return 0;
-    const std::string digest = writeRecords(database, runs, part.name());
-    if (readBack(part.name()) != digest) {
-        throw std::runtime_error(fmt::format("{} reads back otherwise than it was written", part.name()));
-    }
+    const size_t count = writeRecords(database, before, part.name());
+    if (count == 0) return 0;
     part.keep();
     database.run("INSERT INTO archives (file, runs, since, until, made)"
                  " SELECT $1, $2, min(started), max(started), $3 FROM runs WHERE started < $4 AND verdict <> 'running'",
-                 {fs::absolute(path).string(), number(runs.size()), isoTime(WallClock::now()), before});
-    for (size_t i = 0; i < runs.size(); i += kAtOnce) {
+                 {fs::absolute(path).string(), number(count), isoTime(WallClock::now()), before});
+    std::vector<RunRecord> some;
+    const auto remove = [&] {
         database.transact([&] {
-            for (size_t j = i; j < std::min(i + kAtOnce, runs.size()); ++j)
-                removeRun(database, runs[j], found.rows[j][1]);
+            for (const RunRecord &run : some) removeRun(database, run.id, verdictIn(run));
         });
-    }
-    return runs.size();
+        some.clear();
+    };
+    Lines(path, "rbe").read([&](const std::string &line) {
+        some.push_back(parseRecord(line));
+        if (some.size() == kAtOnce) remove();
+    });
+    remove();
+    return count;
 }
 
 void backUp(const std::string &store, const fs::path &path) {

@@ -90,6 +90,8 @@ void Database::giveUpAfter(std::chrono::milliseconds limit) { driver_->giveUpAft
 
 void Database::onlyAsk(std::chrono::milliseconds limit) { driver_->onlyAsk(limit); }
 
+void Database::interrupt() { driver_->interrupt(); }
+
 Table Database::ask(const std::string &sql, const std::vector<Value> &values) { return each(sql, values, {}); }
 
 Table Database::each(const std::string &sql, const std::vector<Value> &values, EachRow row) {

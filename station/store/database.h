@@ -16,7 +16,7 @@
 //     StoreAway   the database cannot do it now: it is unreachable, locked, full or out of resources, or another
 //                 transaction is in the way. A retry may succeed later, over a new connection.
 //     StoreError  itself: the database refuses the statement, and always will.
-//     TooSlow     a query takes longer than onlyAsk() allows.
+//     TooSlow     a query takes longer than onlyAsk() allows, or was interrupted.
 //     Refusal     the request does not fit the content of the store; thrown by callers of this class.
 //
 // After StoreAway the connection may be dead. Begin again with a new Database.
@@ -118,6 +118,9 @@ public:
     // Takes the lock of this name, and keeps it until the transaction ends. Needed only by PostgreSQL: in SQLite only
     // one transaction writes at a time anyway.
     void lock(const std::string &name);
+
+    // Ends the query that another thread has begun, and every later one, with TooSlow. Any thread may call this.
+    void interrupt();
 
     bool shared() const { return shared_; }  // true for PostgreSQL
     int version();                           // version of the schema; 0 without tables

@@ -38,7 +38,11 @@ public:
     virtual void rollBack() = 0;
     virtual void giveUpAfter(std::chrono::milliseconds limit) = 0;
     virtual void onlyAsk(std::chrono::milliseconds limit) = 0;
+    virtual void interrupt() = 0;  // for any thread
 };
+
+// What statements end with after interrupt().
+inline TooSlow interrupted() { return TooSlow("the question was broken off"); }
 
 // `name`: a file, which is made if it is missing; postgresql://...
 std::unique_ptr<Driver> openSqlite(const std::string &name);

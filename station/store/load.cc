@@ -13,6 +13,7 @@
 namespace station {
 namespace {
 
+constexpr size_t kNamesAtOnce = 1000;
 constexpr size_t kMostSteps = 100000;  // against a number that no run has
 
 std::string textOf(const Value &value) { return value.value_or(""); }
@@ -95,13 +96,20 @@ std::map<std::string, std::string> variablesOf(const std::string &json) try {
 
 }  // namespace
 
-std::vector<std::string> runNames(Database &database, const Period &period) {
-    std::vector<std::string> names;
-    const Table runs = listRuns(database, {.filter = {period}, .failed = false, .limit = 0});
-    for (const auto &row : runs.rows) {
-        if (row[7] != "running") names.push_back(textOf(row[0]));
+void eachName(Database &database, const Period &period, const std::function<void(const std::string &)> &each) {
+    const std::string next =
+        fmt::format("SELECT run, started, id FROM runs WHERE (started, id) > ($1, CAST($2 AS BIGINT)) AND started < $3"
+                    " AND verdict <> 'running' ORDER BY started, id LIMIT {}",
+                    kNamesAtOnce);
+    std::vector<Value> from =
+        bounds(period);  // and the last key that was seen, which says how runs of one start follow
+    from.insert(from.begin() + 1, "0");
+    for (size_t count = kNamesAtOnce; count == kNamesAtOnce;) {
+        const Table names = database.ask(next, from);
+        count = names.rows.size();
+        if (count > 0) std::copy_n(names.rows.back().begin() + 1, 2, from.begin());
+        for (const auto &row : names.rows) each(*row[0]);
     }
-    return names;
 }
 
 RunRecord loadRun(Database &database, const std::string &name) {

@@ -20,13 +20,23 @@ void consider(RunRecord &best, const RunRecord &run) {
 
 void add(Runs &all, const RunRecord &run) { consider(all.try_emplace(run.id, run).first->second, run); }
 
-void addRunning(Database &database, const std::set<std::string> &keys, Runs &all) {
+// Adds the runs that are running in the store, and returns those that another station took for interrupted, since this
+// one was off for more than a day: their ends may be in their files.
+std::set<std::string> addRunning(Database &database, const std::set<std::string> &keys, Runs &all) {
+    std::set<std::string> doubtful;
+    const std::string begun =
+        database.shared() ? "s.seen - interval '1 day'" : "strftime('%Y-%m-%dT%H:%M:%fZ', s.seen, '-1 day')";
     for (const std::string &key : keys) {
-        const Table running = database.ask("SELECT r.run FROM runs r JOIN stations s ON s.id = r.station"
-                                           " WHERE s.key = $1 AND r.verdict = 'running'",
+        const Table running = database.ask("SELECT r.run, r.verdict FROM runs r JOIN stations s ON s.id = r.station"
+                                           " WHERE s.key = $1 AND r.ended IS NULL AND (r.verdict = 'running'"
+                                           " OR r.verdict = 'interrupted' AND r.started > " +
+                                               begun + ")",
                                            {key});
-        for (const auto &row : running.rows) all.try_emplace(*row[0]);
+        for (const auto &row : running.rows) {
+            if (all.try_emplace(*row[0]).second && row[1] == "interrupted") doubtful.insert(*row[0]);
+        }
     }
+    return doubtful;
 }
 
 // Looks the run up where it was not found, or was found with less.
@@ -73,14 +83,17 @@ void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say
     const std::set<std::string> keys = spool.keys();
     for (const RunRecord &run : spool.kept()) add(all, run);
     for (const RunRecord &run : files ? files->left(keys) : std::vector<RunRecord>()) add(all, run);
-    addRunning(database, keys, all);
+    const std::set<std::string> doubtful = addRunning(database, keys, all);
     std::string interrupted, judged;
     for (auto &[id, run] : all) try {
             complete(database, files, id, run);
+            if (!run.ended() && doubtful.contains(id)) continue;
             if (run.station.key.empty()) run.station.key = spool.key();  // an earlier version did not say it
             settle(database, spool, files, run, say);
             (run.ended() ? judged : interrupted) += " " + id;
         } catch (const StoreAway &) {
+            throw;
+        } catch (const RecordsError &) {
             throw;
         } catch (const std::exception &error) {
             say(fmt::format("what is known of the run {} cannot be put together: {}", id, error.what()));

@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 #include <libpq-fe.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +15,7 @@
 #include <map>
 #include <string_view>
 
+#include "station/base/descriptor.h"
 #include "station/store/driver.h"
 
 namespace station::postgresql {
@@ -128,6 +132,10 @@ public:
     void rollBack() override;
     void giveUpAfter(Milliseconds limit) override;
     void onlyAsk(Milliseconds limit) override;
+    void interrupt() override {
+        interrupted_ = true;
+        ::eventfd_write(wake_.descriptor(), 1);
+    }
 
 private:
     // What was sent and not answered yet.
@@ -142,13 +150,15 @@ private:
     Result next();
     void take(const PGresult *result, Sent &sent);
     void noteError(const PGresult *result);
-    [[noreturn]] void lost() const;
+    [[noreturn]] void lost();
 
     std::unique_ptr<PGconn, Close> connection_;
     std::map<std::string, std::string> names_;  // of prepared statements, by their SQL
     size_t counted_ = 0;                        // names that were ever given
     std::deque<Sent> pipeline_;
-    std::exception_ptr error_;         // the first one of the pipeline
+    std::exception_ptr error_;                                         // the first one of the pipeline
+    const Descriptor wake_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};  // readable after interrupt()
+    std::atomic<bool> interrupted_ = false;
     Milliseconds limit_{kForSession};  // of a wait for the server; 0: none
     Clock::time_point deadline_ = Clock::time_point::max();
     bool asksOnly_ = false;
@@ -187,7 +197,11 @@ void Postgresql::onlyAsk(Milliseconds limit) {
     asksOnly_ = true;
 }
 
-void Postgresql::lost() const { throw StoreAway(inOneLine(PQerrorMessage(connection_.get()))); }
+void Postgresql::lost() {
+    if (!interrupted_) throw StoreAway(inOneLine(PQerrorMessage(connection_.get())));
+    connection_.reset();  // the server notices it within seconds
+    throw interrupted();
+}
 
 void Postgresql::sent(int success, Sent what) {
     if (!success) lost();
@@ -223,12 +237,15 @@ void Postgresql::queue(const std::string &sql, const std::vector<Value> &values,
 Result Postgresql::next() {
     PGconn *const from = connection_.get();
     for (;;) {
+        if (interrupted_) lost();
         const int unsent = PQflush(from);
         if (unsent < 0) lost();
         if (!PQisBusy(from)) return Result(PQgetResult(from));
         const auto left = std::chrono::ceil<Milliseconds>(deadline_ - Clock::now());
-        pollfd socket = {PQsocket(from), short(POLLIN | (unsent > 0 ? POLLOUT : 0)), 0};
-        const int ready = ::poll(&socket, 1, limit_.count() > 0 ? int(std::max<int64_t>(left.count(), 0)) : -1);
+        const int most = limit_.count() > 0 ? int(std::max<int64_t>(left.count(), 0)) : -1;
+        std::array<pollfd, 2> files = {
+            {{wake_.descriptor(), POLLIN, 0}, {PQsocket(from), short(POLLIN | (unsent > 0 ? POLLOUT : 0)), 0}}};
+        const int ready = ::poll(files.data(), files.size(), most);
         if (ready < 0 && errno != EINTR) throw StoreAway(std::strerror(errno));
         if (ready == 0) {
             connection_.reset();
@@ -236,12 +253,13 @@ Result Postgresql::next() {
             throw StoreAway(
                 fmt::format("the server does not answer: nothing came for {} seconds", limit_.count() / 1000));
         }
-        if (ready > 0 && !PQconsumeInput(from)) lost();
+        if (files[1].revents != 0 && !PQconsumeInput(from)) lost();
     }
 }
 
 void Postgresql::finish() {
-    if (!connection_) throw StoreAway("the connection is lost");
+    if (!connection_ && !interrupted_) throw StoreAway("the connection is lost");
+    if (!connection_) lost();
     if (pipeline_.empty()) return;
     if (!PQpipelineSync(connection_.get())) lost();
     for (; !pipeline_.empty(); pipeline_.pop_front()) {

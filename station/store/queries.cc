@@ -44,10 +44,7 @@ std::string fill(std::string sql, const Words &words) {
 // A question about the runs of a filter.
 class Question {
 public:
-    explicit Question(const Filter &filter)
-        : plan_(!filter.plan.empty()),
-          values_({filter.period.since.empty() ? kFirstDay : filter.period.since,
-                   filter.period.until.empty() ? kLastDay : filter.period.until}) {
+    explicit Question(const Filter &filter) : plan_(!filter.plan.empty()), values_(bounds(filter.period)) {
         for (const auto &[member, condition] : kConditions) add(condition, filter.*member);
     }
     // Adds a condition on the value, ${} in it, unless that is empty.
@@ -148,6 +145,10 @@ Value findRun(Database &database, const std::string &name) {
 }
 
 }  // namespace
+
+std::vector<Value> bounds(const Period &period) {
+    return {period.since.empty() ? kFirstDay : period.since, period.until.empty() ? kLastDay : period.until};
+}
 
 std::vector<Section> show(Database &database, const std::string &what) {
     const std::vector<Value> key = {what};

@@ -19,6 +19,9 @@ struct Period {
     std::string since, until;
 };
 
+// Returns the two times, that of a bound that is empty being before or after all others.
+std::vector<Value> bounds(const Period &period);
+
 // Which runs are meant. An empty text: any.
 struct Filter {
     Period period = {};

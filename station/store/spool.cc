@@ -8,12 +8,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <utility>
 
 #include "station/base/descriptor.h"
+#include "station/base/file.h"
 #include "station/run/record_json.h"
 #include "station/run/results.h"
 
@@ -52,9 +51,14 @@ void renameTo(const fs::path &from, const fs::path &to) {
     if (::rename(from.c_str(), to.c_str()) != 0) fail(to, "make");
 }
 
-RunRecord readRecord(const fs::path &path) {
-    std::ifstream file(path);
-    return parseRecord({std::istreambuf_iterator<char>(file), {}});
+// Returns an empty text when there is no such file.
+std::string textOf(const fs::path &path) { return readFileIfThere(path, 1 << 30).value_or(""); }
+
+// Returns true for KEY.spool; what else somebody has put there is left alone.
+bool isKey(const fs::path &path) {
+    const std::string key = path.stem();
+    const bool digits = key.find_first_not_of("0123456789abcdef") == std::string::npos;
+    return path.extension() == ".spool" && key.size() == 16 && digits;
 }
 
 std::string newKey() {
@@ -77,7 +81,7 @@ Spool::Spool(fs::path folder, Say say) : folder_(std::move(folder)), say_(std::m
     std::error_code error;
     fs::create_directories(folder_, error);
     for (const auto &entry : fs::directory_iterator(folder_, error)) {
-        const int file = entry.path().extension() == ".spool" ? lock(entry.path()) : -1;
+        const int file = isKey(entry.path()) ? lock(entry.path()) : -1;
         if (file >= 0) locks_[entry.path().stem()] = file;
     }
     std::vector<fs::path> files;
@@ -126,7 +130,6 @@ void Spool::surrender(const std::string &key) {
     const Lock guard(mutex_);
     ::close(locks_.at(key));
     locks_.erase(key);
-    std::erase_if(waiting_, [&](const auto &file) { return file.second.starts_with(key); });
     if (locks_.empty()) lockNew();
     key_ = locks_.begin()->first;
 }
@@ -189,8 +192,9 @@ std::vector<RunRecord> Spool::kept() {
     std::vector<RunRecord> records;
     for (const auto &[id, name] : waiting) {
         const fs::path path = folder_ / (name + ".json");
+        const std::string text = textOf(path);
         try {
-            records.push_back(readRecord(path));
+            records.push_back(parseRecord(text));
         } catch (const std::runtime_error &error) {
             setAside(path, error.what());
             const Lock guard(mutex_);
@@ -214,7 +218,7 @@ size_t replay(const fs::path &folder, const std::function<void(const RunRecord &
     }
     size_t taken = 0;
     for (const fs::path &file : files) try {
-            take(readRecord(file));
+            take(parseRecord(textOf(file)));
             fs::remove(file);
             ++taken;
         } catch (const std::runtime_error &error) {

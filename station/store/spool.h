@@ -42,6 +42,7 @@ public:
     // Returns the keys that this process is responsible for: its own, and those of dead processes.
     std::set<std::string> keys() const;
     // Gives up a key that another machine holds, too. After the last one the process gets a new one.
+    // Records that wait under the key stay and are written: they have ended, and both machines may write them.
     void surrender(const std::string &key);
 
     // Reserves disk blocks for the run's record, so that keep() works even on a full disk. May be repeated.
@@ -56,7 +57,7 @@ public:
     // Returns why no more can be kept: the folder is gone, read-only or full. Empty when it can. Writes nothing.
     std::string away() const;
     // Returns the waiting records; does not touch the disk when there are none. Sets aside, as refused, files that
-    // cannot be read, and reports them.
+    // are not records, and reports them. Throws std::runtime_error when a file cannot be read at present.
     std::vector<RunRecord> kept();
 
 private:

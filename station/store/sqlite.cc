@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <numeric>
@@ -93,6 +94,7 @@ public:
     }
     void giveUpAfter(std::chrono::milliseconds) override {}  // nothing but a disk can hang
     void onlyAsk(std::chrono::milliseconds limit) override;
+    void interrupt() override { interrupted_ = true; }
 
 private:
     sqlite3_stmt *prepared(const std::string &sql);
@@ -103,6 +105,7 @@ private:
     std::map<std::string, Statement> statements_;
     std::chrono::milliseconds limit_{0};  // of a question; 0: none
     Clock::time_point deadline_ = Clock::time_point::max();
+    std::atomic<bool> interrupted_ = false;
 };
 
 // The file has keys in it: its group may read them, nobody else. What SQLite adds beside it gets the same mode. A file
@@ -118,6 +121,11 @@ Sqlite::Sqlite(const std::string &name) {
     sqlite3_busy_timeout(connection, kBusy);
     sqlite3_create_function(connection, "nearest_rank", 2, SQLITE_UTF8, nullptr, nullptr, collect, nearestRank);
     sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, collect, deviation);
+    const auto mustEnd = [](void *driver) {
+        const auto &self = *static_cast<const Sqlite *>(driver);
+        return int(self.interrupted_ || self.deadline_ < Clock::now());
+    };
+    sqlite3_progress_handler(connection, kInstructions, mustEnd, this);
     // In this mode readers do not keep a writer waiting; and a commit is on the disk when it returns.
     Sqlite::queue("PRAGMA journal_mode = WAL", {}, {});
     Sqlite::queue("PRAGMA synchronous = FULL", {}, {});
@@ -128,14 +136,11 @@ Sqlite::Sqlite(const std::string &name) {
 void Sqlite::onlyAsk(std::chrono::milliseconds limit) {
     limit_ = limit;
     queue("PRAGMA query_only = ON", {}, {});
-    const auto isLate = [](void *deadline) {
-        return int(*static_cast<const Clock::time_point *>(deadline) < Clock::now());
-    };
-    sqlite3_progress_handler(connection_.get(), kInstructions, isLate, &deadline_);
 }
 
 void Sqlite::fail(int code) const {
     const std::string words = connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
+    if (interrupted_) throw interrupted();
     if ((code & 0xFF) == SQLITE_INTERRUPT)
         throw TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 1000));
     if (kAway.contains(code & 0xFF)) throw StoreAway(words);
@@ -153,6 +158,7 @@ sqlite3_stmt *Sqlite::prepared(const std::string &sql) {
 }
 
 void Sqlite::queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) {
+    if (interrupted_) throw interrupted();
     if (limit_.count() > 0) deadline_ = Clock::now() + limit_;
     sqlite3_stmt *const statement = prepared(sql);
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> used(statement, sqlite3_reset);
@@ -177,7 +183,7 @@ void Sqlite::step(sqlite3_stmt *statement, Answer &answer) {
         table.numbers.push_back(declared != nullptr && std::string(declared) != "TEXT");
     }
     int code = SQLITE_OK;
-    while ((code = sqlite3_step(statement)) == SQLITE_ROW) {
+    while ((code = sqlite3_step(statement)) == SQLITE_ROW && !interrupted_) {
         std::vector<Value> cells;
         for (int i = 0; i < count; ++i) {
             const int type = sqlite3_column_type(statement, i);

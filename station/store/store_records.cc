@@ -111,11 +111,13 @@ void StoreRecords::say(const std::string &trouble) {
 // ---- in the writer's thread
 
 void StoreRecords::greet(Database &database, bool fresh) {
-    if (fresh) introduce(database);
+    if (fresh) held_.clear();
+    holdKeys(database);
     if (!mended_) {
         mend(database, spool_, files_.get(), sayer());
         mended_ = true;
     }
+    if (fresh) introduce(database);
     for (const RunRecord &run : spool_.kept()) writeLate(database, spool_, run, sayer());
     retryUnkept([&](const RunRecord &run) { writeLate(database, spool_, run, sayer()); });
     heartbeat(database);
@@ -123,10 +125,12 @@ void StoreRecords::greet(Database &database, bool fresh) {
 }
 
 // Another machine that has a copy of the spool has its keys, too: only one of the two may answer for what they left.
-void StoreRecords::introduce(Database &database) {
+void StoreRecords::holdKeys(Database &database) {
     firstTry_ = std::min(firstTry_, Clock::now());
     for (const std::string &key : spool_.keys()) {
-        if (holdsKey(database, key) || mended_) continue;
+        if (held_.contains(key)) continue;
+        if (holdsKey(database, key)) held_.insert(key);
+        if (held_.contains(key) || mended_) continue;
         if (Clock::now() < firstTry_ + kGhost)
             throw StoreAway("an earlier connection of this station has not ended yet");
         spool_.surrender(key);
@@ -134,6 +138,9 @@ void StoreRecords::introduce(Database &database) {
                         " goes on as {}. Give each station a spool of its own",
                         key, spool_.key()));
     }
+}
+
+void StoreRecords::introduce(Database &database) {
     database.run("INSERT INTO stations (key, name, seen) VALUES ($1, $2, " + clockOf(database) +
                      ") ON CONFLICT (key) DO UPDATE SET name = excluded.name, seen = excluded.seen",
                  {spool_.key(), text(machine_)});

@@ -34,6 +34,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,7 @@ private:
 
     // In the writer's thread:
     void greet(Database &database, bool fresh);
+    void holdKeys(Database &database);
     void introduce(Database &database);
     bool holdsKey(Database &database, const std::string &key);
     void heartbeat(Database &database);
@@ -102,6 +104,7 @@ private:
     // Of the writer's thread alone.
     bool mended_ = false;
     Clock::time_point firstTry_ = Clock::time_point::max(), lastSeen_{}, nextLook_{};
+    std::set<std::string> held_;  // keys that this connection holds
 
     Writer writer_;  // at the end: its thread uses the rest
 };

@@ -29,4 +29,5 @@ UPDATE runs SET superseded = TRUE WHERE attempt IS NOT NULL AND EXISTS (SELECT 1
 DROP INDEX runs_by_time;
 CREATE INDEX runs_by_time ON runs
     (started, attempt, superseded, verdict, seconds, station, place_name, plan, unit, cause, reference);
+CREATE INDEX runs_without_end ON runs (station, started) WHERE ended IS NULL;
 CREATE INDEX runs_by_plan_version ON runs (plan_version, started) WHERE plan_version IS NOT NULL;
