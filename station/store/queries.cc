@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <map>
 #include <utility>
 
@@ -66,8 +67,8 @@ public:
         std::string readings = std::string("m.started >= $1 AND m.started < $2") + kReference;
         if (plan_) readings += " AND m.plan = $3";
         if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
-        values_.emplace_back(name);
-        readings += fmt::format(" AND (${0} = '' OR m.name = ${0})", values_.size());
+        if (!name.empty()) values_.emplace_back(name);
+        if (!name.empty()) readings += fmt::format(" AND m.name = ${}", values_.size());
         words["{readings}"] = readings;
         return ask(database, file, words);
     }
@@ -234,12 +235,27 @@ Table failuresByCause(Database &database, const Filter &filter) {
 
 Table measuredValues(Database &database, const Filter &filter, const std::string &name, By by) {
     const bool places = by == By::kPlace;
-    return Question(filter).askReadings(
-        database, "values", name,
-        {{"{group}",
-          std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
-         {"{join}", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
-         {"{ordinals}", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}});
+    const Words words = {
+        {"{group}", std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
+        {"{join}", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
+        {"{ordinals}", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
+    // An index answers for a value of a plan. To group all values at once, SQLite would sort them.
+    auto names = database.ask(std::string(sqlFile("measured_names"))).rows;
+    std::erase_if(names, [&](const auto &row) {
+        return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);
+    });
+    Filter one = filter;
+    Table all =
+        Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", name, words);  // without rows
+    for (const auto &row : names) {
+        one.plan = *row[1];
+        const Table found = Question(one).askReadings(database, "values", *row[0], words);
+        all.rows.insert(all.rows.end(), found.rows.begin(), found.rows.end());
+        for (size_t i = 0; i < all.numbers.size(); ++i) all.numbers[i] = all.numbers[i] || found.numbers[i];
+    }
+    const auto cpk = [](const auto &row) { return row.back() ? std::stod(*row.back()) : HUGE_VAL; };
+    std::stable_sort(all.rows.begin(), all.rows.end(), [&](const auto &a, const auto &b) { return cpk(a) < cpk(b); });
+    return all;
 }
 
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit) {

@@ -26,8 +26,11 @@ ALTER TABLE runs ADD COLUMN superseded BOOLEAN NOT NULL DEFAULT FALSE;
 ALTER TABLE steps ADD COLUMN cause TEXT CHECK (cause IN ('unit', 'connection', 'station', 'operator'));
 UPDATE runs SET superseded = TRUE WHERE attempt IS NOT NULL AND EXISTS (SELECT 1 FROM runs later
     WHERE later.unit = runs.unit AND later.plan = runs.plan AND later.attempt > runs.attempt);
+DROP INDEX IF EXISTS measurements_by_time;
+CREATE INDEX measurements_by_name ON measurements (name, plan, started, value, minimum, maximum, unit, verdict);
 DROP INDEX runs_by_time;
 CREATE INDEX runs_by_time ON runs
     (started, attempt, superseded, verdict, seconds, station, place_name, plan, unit, cause, reference);
+CREATE INDEX runs_of_reference ON runs (started) WHERE reference;
 CREATE INDEX runs_without_end ON runs (station, started) WHERE ended IS NULL;
 CREATE INDEX runs_by_plan_version ON runs (plan_version, started) WHERE plan_version IS NOT NULL;
