@@ -114,8 +114,8 @@ TEST_P(Store, ImportsAFileWholeOrNotAtAll) {
         {"mac", "Address\n06:00:00:00:00:01\nx\n", "", "file:1: \"Address\" is not a MAC address\n"},
         {"mac", "06:00:00:00:00:02\n06:00:00:00:00:01 \n06-00-00-00-00-04,06-00-00-00-00-07", "", "6 added"},
         {"new", "a\n", "", "say --kind"},
-        {"a b", "a\n", "values", "cannot be a pool's name"},
-        {"", "a\n", "values", "cannot be a pool's name"}};
+        {"a b", "a\n", "values", "a plan cannot ask for this pool"},
+        {"", "a\n", "values", "a plan cannot ask for this pool"}};
     for (const auto &[pool, content, kind, said] : files) EXPECT_THAT(import(pool, content, kind), HasSubstr(said));
     EXPECT_THAT(cells(listRanges(database, "mac"), 1),
                 ElementsAre("06:00:00:00:00:01", "06:00:00:00:00:02", "0", "2", "0"));
