@@ -181,7 +181,7 @@ Data headOf(const std::string &table, const std::string &column, bool number, co
         head.set(column == query["run"] ? "here" : "run", query.link("/run", {{"run", column}}));
         return head;
     }
-    const std::string sorted = query["sort"], up = table + "." + column, down = "-" + up;
+    const std::string sorted = query["sort"], up = table + "." + column, down = fmt::format("-{}", up);
     const std::string &first = number ? down : up, &second = number ? up : down;
     head.set("heading", headingOf(column));
     head.set("sort", query.changed({{"sort", sorted == first ? second : first}, {"skip", ""}}));
@@ -269,12 +269,12 @@ std::string escape(const std::string &text) {
 
 std::string fill(const std::string &name, Data &data) {
     for (const StaticFile &file : kTemplateFiles) {
-        data.set("_" + std::string(file.name.substr(0, file.name.find('.'))), std::string(file.content));
+        data.set(fmt::format("_{}", file.name.substr(0, file.name.find('.'))), std::string(file.content));
     }
     data.set("version", std::string(kStaticVersion));
     data.set("now", localTime(std::time(nullptr), "%Y-%m-%d %H:%M"));
     data.set("clock", zone());
-    kainjow::mustache::mustache page(data.get("_" + name)->string_value());
+    kainjow::mustache::mustache page(data.get(fmt::format("_{}", name))->string_value());
     page.set_custom_escape(escape);
     return page.render(data);
 }
@@ -347,7 +347,8 @@ void addNavigation(Data &data, const Query &query) {
     data.set("kept", listOf(query.kept()));
     data.set("all_runs", query.changed({{"failed", ""}, {"step", ""}, {"skip", ""}}));
     data.set("failed_runs", query.changed({{"failed", "1"}, {"skip", ""}}));
-    for (const std::string page : {"summary", "runs", "units"}) data.set("to_" + page, query.link("/" + page));
+    for (const std::string page : {"summary", "runs", "units"})
+        data.set(fmt::format("to_{}", page), query.link(fmt::format("/{}", page)));
     const auto bound = [](const std::string &utc) { return localTime(timeOf(utc), "%Y-%m-%d %H:%M"); };
     data.set("since", bound(query.filter.period.since));
     data.set("until", query.filter.period.until.empty() ? "now" : bound(query.filter.period.until));
