@@ -1,10 +1,13 @@
 #!/usr/bin/python3
 """usage: tests/station_tools.py BUILD
 
-Checks qcstation's commands that serve no board: their arguments and times, and which store they take.
+Checks qcstation's commands that serve no board: their arguments, which store they take, what "check" finds on a line
+and "init" makes for one. Root tries the service's user and PostgreSQL, too.
 """
 
-import os, subprocess, sys, tempfile
+import glob, os, signal, socket, sqlite3, subprocess, sys, tempfile
+
+SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "postgresql")
 
 QCSTATION = os.path.join(os.path.abspath(sys.argv[1]), "qcstation")
 PLAN = "[{send: PING, match: '^PING'}, {send: INFO, match: '^INFO'}]"
@@ -43,9 +46,108 @@ def check_arguments():
     call("discover", "nope", status=3)
 
 
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        return server.getsockname()[1]
+
+
+def line_of(**changes):
+    """Writes a line without a fault, but for these keys."""
+    keys = {"listen": f"127.0.0.1:{free_port()}", "places": 1, "plan": "plan.yaml", "results": "line/results",
+            "store": "line/line.db", "page": free_port(), "before": "sh ok.sh", **changes}
+    write("line.yaml", "".join(f"{key}: {value}\n" for key, value in keys.items() if value))
+
+
+def files():
+    found = glob.glob("**", recursive=True)
+    return {name: (os.stat(name).st_mtime_ns, os.stat(name).st_size) for name in found if os.path.isfile(name)}
+
+
+def check_line():
+    """Each line has one fault, which is found; nothing is changed."""
+    line_of()
+    call("init", "line.yaml")
+    call("pool", "add", "02:00:00:00:00:00", "02:00:00:00:00:0F", "--line", "line.yaml")
+    write("plain.sh", "exit 0")
+    write("taking.yaml", "[{ask: serial, prompt: Scan}, {send: 'MAC {mac}', expect: MAC 4}]")
+    write("wrong.yaml", "[{send: PING, match: '('}]")
+    write("pinned.yaml", "[{send: 'FW KERNEL {size}', upload: ok.sh, expect: OK, sha256: '" + "0" * 64 + "'}]")
+    with sqlite3.connect("newer.db") as newer:
+        newer.executescript("CREATE TABLE schema_version (version); INSERT INTO schema_version VALUES (99);")
+    newer.close()
+    taken, silent = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.1", 0))
+    cases = [({}, 0, "no faults, no warnings"),
+             ({"listen": "here"}, 2, 'line.yaml:1:9: "here" is not an IPv4 address'),
+             ({"listen": "192.0.2.1"}, 2, "no interface has the address"),
+             ({"places": "[{interface: nope}]"}, 2, "no place can take a board"),
+             ({"places": "[{interface: nope}, {interface: lo}]"}, 0, "there is no interface nope"),
+             ({"page": taken.getsockname()[1]}, 2, "fault    page"),
+             ({"before": "./plain.sh 1"}, 2, "cannot run ./plain.sh"),
+             ({"after": "no-such-program | cat"}, 2, "cannot run no-such-program"),
+             ({"after": "'echo \"'"}, 2, "the shell does not understand"),
+             ({"after": "'[ $QC_VERDICT = passed ]'"}, 0, "no faults"),
+             ({"results": "plan.yaml/results"}, 2, "plan.yaml is not a folder"),
+             ({"store": "newer.db"}, 2, "made by a newer program"),
+             ({"store": "new/line.db"}, 0, "is not there yet"),
+             ({"store": f"postgresql://127.0.0.1:{silent.getsockname()[1]}/x"}, 2, "fault    store"),
+             ({"plan": "taking.yaml"}, 0, "enough for 4 units: fill it"),
+             ({"plan": "wrong.yaml"}, 2, "wrong.yaml:1:22"),
+             ({"plan": "pinned.yaml"}, 2, "pinned.yaml:1:")]
+    for changes, status, found in cases:
+        line_of(**changes)
+        before = files()
+        said = call("check", "line.yaml", status=status)
+        assert found in said, f"{changes}: {said}"
+        assert files() == before, changes
+    line_of()
+    station = subprocess.Popen([QCSTATION, "serve", "line.yaml"], stdout=subprocess.PIPE, text=True)
+    while "waiting for boards" not in station.stdout.readline():
+        pass
+    assert "in use" in call("check", "line.yaml")
+    station.send_signal(signal.SIGTERM)
+    assert station.wait(60) == 0
+
+
+def check_init():
+    """What root has made before can be used by the service afterwards; the second time there is nothing to do."""
+    line_of(store="root/line.db", results="made/results", before=None)
+    os.mkdir("root")
+    call("store", "upgrade", "--line", "line.yaml")
+    user = ["--user", "nobody"] if os.getuid() == 0 else []
+    if user:
+        assert "nobody cannot write" in call("check", "line.yaml", *user, status=2)
+    assert "made/results made" in call("init", "line.yaml", *user)
+    assert call("init", "line.yaml", *user).startswith("all is there")
+    assert "no faults" in call("check", "line.yaml", *user)
+
+
+def check_init_of_postgresql():
+    """As the documents say: a role for the service, whose the database is."""
+    os.mkdir("server")
+    server = subprocess.Popen([SERVER, "server"])
+    url = f"postgresql:///line?host={os.getcwd()}/server"
+    psql = ["psql", "-qd", f"postgresql:///postgres?host={os.getcwd()}/server&user=station", "-c"]
+    while subprocess.run([*psql, "CREATE ROLE nobody LOGIN"], stderr=subprocess.DEVNULL).returncode:
+        assert server.poll() is None
+    for name, sql in ("line", "OWNER nobody"), ("other", ""):
+        subprocess.run([*psql, f"CREATE DATABASE {name} {sql}"], check=True)
+    line_of(store=url, results="made/results", spool="made/spool", before=None)
+    assert "tables made" in call("init", "line.yaml", "--user", "nobody")
+    assert "no faults" in call("check", "line.yaml", "--user", "nobody")
+    other = url.replace("/line?", "/other?")
+    call("store", "upgrade", "--store", other + "&user=station")
+    line_of(store=other, results="made/results", spool="made/spool", before=None)
+    assert "GRANT ALL" in call("check", "line.yaml", "--user", "nobody", status=2)
+    server.send_signal(signal.SIGINT)
+    server.wait(60)
+
+
 with tempfile.TemporaryDirectory() as scratch:
     os.chdir(scratch)
+    os.chmod(scratch, 0o755)
     write("plan.yaml", PLAN)
-    for check in check_choice_of_store, check_arguments:
+    write("ok.sh", "exit 0")
+    as_root = [check_init_of_postgresql] if os.getuid() == 0 else []
+    for check in check_choice_of_store, check_arguments, check_line, check_init, *as_root:
         check()
     os.chdir("/")

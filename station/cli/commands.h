@@ -10,7 +10,8 @@ namespace station {
 void addRun(CLI::App &app, int &status);    // a plan on one batch of boards
 void addServe(CLI::App &app, int &status);  // a line, for ever
 void addDiscover(CLI::App &app);            // finds a board that waits in the mode "qconly"
-void addCheck(CLI::App &app);               // reads a plan or a line's file
+void addCheck(CLI::App &app, int &status);  // finds what is wrong with a plan, or a line and this machine
+void addInit(CLI::App &app);                // makes what a line needs
 void addStoreCommands(CLI::App &app, int &status);
 
 }  // namespace station

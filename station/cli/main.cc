@@ -35,7 +35,8 @@ int main(int argc, char **argv) try {
     station::addRun(app, status);
     station::addServe(app, status);
     station::addDiscover(app);
-    station::addCheck(app);
+    station::addCheck(app, status);
+    station::addInit(app);
     station::addStoreCommands(app, status);
     try {
         app.parse(argc, argv);

@@ -6,6 +6,7 @@
 
 #include "station/base/mac.h"
 #include "station/base/time.h"
+#include "station/cli/service.h"
 #include "station/line/line_file.h"
 #include "station/store/store_records.h"
 

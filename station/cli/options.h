@@ -8,9 +8,6 @@
 
 namespace station {
 
-// The line that the service serves.
-constexpr const char *kServiceLine = "/etc/qcstation/line.yaml";
-
 // A time as parseTime() takes it, which becomes the store's text; a MAC address as parseMac() takes it.
 extern const CLI::Validator kTime, kMac;
 

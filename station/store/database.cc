@@ -25,10 +25,6 @@ std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missi
     return openSqlite(name);
 }
 
-// A change of the schema is one more version, never a change of one that a release had: databases in factories are
-// brought forward by those that they have not seen yet.
-constexpr int kNewest = 4;
-
 // What the schema's files write with @, on SQLite and PostgreSQL: a key that the database counts up, a text that is
 // looked for (compared by its bytes), a time.
 constexpr std::string_view kTypes[][3] = {
@@ -73,7 +69,9 @@ Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}
 
 Database::Database(const std::string &name, Missing missing, const Say &say)
     : shared_(isShared(name)), driver_(connect(name, missing)) {
-    if (missing != Missing::kIsIgnored) migrate(missing, say);
+    if (missing == Missing::kIsIgnored) return;
+    if (!shared_) ask("PRAGMA journal_mode = WAL");  // readers keep no writer waiting; the file remembers it
+    migrate(missing, say);
 }
 
 Database::~Database() = default;

@@ -126,9 +126,7 @@ Sqlite::Sqlite(const std::string &name) {
         return int(self.interrupted_ || self.deadline_ < Clock::now());
     };
     sqlite3_progress_handler(connection, kInstructions, mustEnd, this);
-    // In this mode readers do not keep a writer waiting; and a commit is on the disk when it returns.
-    Sqlite::queue("PRAGMA journal_mode = WAL", {}, {});
-    Sqlite::queue("PRAGMA synchronous = FULL", {}, {});
+    Sqlite::queue("PRAGMA synchronous = FULL", {}, {});  // a commit is on the disk when it returns
     Sqlite::queue("PRAGMA foreign_keys = ON", {}, {});
     Sqlite::queue("PRAGMA cache_size = -32000", {}, {});  // kB
 }

@@ -28,23 +28,6 @@ sockaddr_in addressOf(const std::string &address, uint16_t port) {
     return result;
 }
 
-// Returns what to do when the address, the port or the interface is unavailable.
-std::string hintFor(int error, const std::string &address, const std::string &interface) {
-    switch (error) {
-    case EADDRNOTAVAIL:
-        return fmt::format("no interface has the address: ip addr add {}/24 dev {}", address,
-                           interface.empty() ? "INTERFACE" : interface);
-    case EADDRINUSE:
-        return "another station runs here, or: ss -ltnp shows who has the port";
-    case ENODEV:
-        return fmt::format("there is no interface {}: ip link shows those there are", interface);
-    case EACCES:
-        return "ports below 1024 are root's";
-    default:
-        return strerror(error);
-    }
-}
-
 // Connections that wait to be accepted on a cable of their own, and where many boards share a socket.
 constexpr int kBacklogOfCable = 8, kBacklog = SOMAXCONN;
 
@@ -62,20 +45,47 @@ void watchPeer(int socket) {
 
 void setLeastTtl(int socket, int ttl) { setsockopt(socket, IPPROTO_IP, IP_MINTTL, &ttl, sizeof ttl); }
 
-Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
+Socket bindTo(const sockaddr_in &bound, const std::string &interface) {
     Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const auto length = static_cast<socklen_t>(interface.size());
     if ((length > 0 && setsockopt(socket.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
-        bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
-        listen(socket.descriptor(), length > 0 ? kBacklogOfCable : kBacklog) != 0) {
+        bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0) {
+        return Socket(-1);
+    }
+    return socket;
+}
+
+Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
+    Socket socket = bindTo(bound, interface);
+    if (socket.descriptor() >= 0 && listen(socket.descriptor(), interface.empty() ? kBacklog : kBacklogOfCable) != 0) {
         return Socket(-1);
     }
     return socket;
 }
 
 }  // namespace
+
+std::string hintFor(int error, const std::string &address, const std::string &interface) {
+    switch (error) {
+    case EADDRNOTAVAIL:
+        return fmt::format("no interface has the address: ip addr add {}/24 dev {}", address,
+                           interface.empty() ? "INTERFACE" : interface);
+    case EADDRINUSE:
+        return "another station runs here, or: ss -ltnp shows who has the port";
+    case ENODEV:
+        return fmt::format("there is no interface {}: ip link shows those there are", interface);
+    case EACCES:
+        return "ports below 1024 are root's";
+    default:
+        return strerror(error);
+    }
+}
+
+int tryAddress(const std::string &address, uint16_t port, const std::string &interface) {
+    return bindTo(addressOf(address, port), interface).descriptor() < 0 ? errno : 0;
+}
 
 Listener::Listener(const std::string &address, uint16_t port, const std::string &interface, bool patient)
     : interface_(interface), bound_(addressOf(address, port)), socket_(listenAt(bound_, interface)) {

@@ -55,4 +55,11 @@ private:
     bool admits_ = true;
 };
 
+// Returns the error number for which a listener could not be made there, or 0. Nothing listens meanwhile, and nothing
+// is left behind. Throws ListenError for what is not an address.
+int tryAddress(const std::string &address, uint16_t port, const std::string &interface);
+
+// Returns what to do about such an error.
+std::string hintFor(int error, const std::string &address, const std::string &interface);
+
 }  // namespace station

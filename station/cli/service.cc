@@ -1,0 +1,138 @@
+#include "station/cli/service.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <system_error>
+
+#include "station/base/file.h"
+#include "station/cli/commands.h"
+#include "station/cli/example_line.h"
+#include "station/store/store_records.h"
+
+namespace station {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kServiceUser = "qcstation";
+
+// Returns the user that is meant; nothing for the one who runs this.
+const passwd *userOf(const std::string &name) {
+    if (geteuid() != 0 && name.empty()) return nullptr;
+    const passwd *const user = getpwnam(name.empty() ? kServiceUser : name.c_str());
+    if (user == nullptr && !name.empty()) throw CLI::ValidationError("--user", "this machine has no user " + name);
+    if (user != nullptr && user->pw_uid == geteuid()) return nullptr;
+    if (geteuid() != 0) throw CLI::ValidationError("--user", "only root can become another user");
+    return user;
+}
+
+// Gives the service what root has made, as it could not write it. A folder that holds anything else stays root's.
+void give(const fs::path &path, const std::set<fs::path> &own, const passwd *user) {
+    struct stat status {};
+    if (user == nullptr || lstat(path.c_str(), &status) != 0 || status.st_uid != 0) return;
+    if (S_ISDIR(status.st_mode)) {
+        for (const auto &entry : fs::directory_iterator(path)) {
+            if (!own.contains(entry.path())) return;
+        }
+    }
+    if (lchown(path.c_str(), user->pw_uid, user->pw_gid) != 0) {
+        throw std::system_error(errno, std::generic_category(), path.string());
+    }
+    fmt::print("{} is {}'s now\n", path.string(), user->pw_name);
+}
+
+// Returns what is the station's alone: its folders, the store's files, and what is in folders of nothing but files.
+std::set<fs::path> belongingsOf(const LineFile &line) {
+    std::set<fs::path> own;
+    for (const char *const part : {"", "-wal", "-shm"}) own.insert(fs::weakly_canonical(line.store + part));
+    for (const auto &[about, path] : foldersOf(line)) {
+        const fs::path folder = fs::weakly_canonical(path);
+        own.insert(folder);
+        const auto isFile = [](const fs::directory_entry &entry) { return entry.is_regular_file(); };
+        if (about == "store" || !std::all_of(fs::directory_iterator(folder), {}, isFile)) continue;
+        for (const auto &file : fs::directory_iterator(folder)) own.insert(file.path());
+    }
+    return own;
+}
+
+void makeFolders(const LineFile &line) {
+    for (const auto &[about, folder] : foldersOf(line)) {
+        if (!fs::create_directories(folder)) continue;
+        fs::permissions(folder, fs::perms(0750));
+        fmt::print("{} made\n", folder.string());
+    }
+}
+
+void makeStore(const std::string &store) {
+    const auto say = [](const std::string &text) { fmt::print("{}\n", text); };
+    const int before = openStore(store, Database::Missing::kIsIgnored)->version();
+    openStore(store, Database::Missing::kIsMade, say);
+    if (before == 0) fmt::print("{}: its tables made\n", shownName(store));
+}
+
+void makeExample(const fs::path &path) {
+    fs::create_directories(fs::absolute(path).parent_path());
+    NewFile file(path);
+    file.write(kExampleLine);
+    file.keep();
+    fmt::print("{} made, as an example: make it yours\n", path.string());
+}
+
+void init(const fs::path &path, const std::string &name) {
+    const passwd *const user = userOf(name);
+    if (!fs::exists(path)) makeExample(path);
+    const LineFile line = readLine(path);
+    makeFolders(line);
+    const std::set<fs::path> own = belongingsOf(line);
+    for (const fs::path &each : own) give(each, own, user);
+    becomeUser(name);
+    if (!line.store.empty()) makeStore(line.store);
+    fmt::print("all is there. Next: qcstation check {}\n", path.string());
+}
+
+}  // namespace
+
+void addUser(CLI::App *command, std::string &user) {
+    command->add_option("--user", user, fmt::format("Root does it as this user; {} by default", kServiceUser));
+}
+
+void becomeUser(const std::string &name) {
+    const passwd *const user = userOf(name);
+    if (user == nullptr) return;
+    if (initgroups(user->pw_name, user->pw_gid) != 0 || setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0) {
+        throw std::system_error(errno, std::generic_category(), user->pw_name);
+    }
+}
+
+std::string userName() {
+    const passwd *const user = getpwuid(geteuid());
+    return user != nullptr ? user->pw_name : std::to_string(geteuid());
+}
+
+std::vector<std::pair<std::string, fs::path>> foldersOf(const LineFile &line) {
+    std::vector<std::pair<std::string, fs::path>> folders;
+    if (!line.results.empty()) folders.emplace_back("results", line.results);
+    if (line.store.empty()) return folders;
+    if (line.store.find("://") == std::string::npos) {
+        folders.insert(folders.begin(), {"store", fs::absolute(line.store).parent_path()});
+    }
+    folders.emplace_back("spool", line.spool.empty() ? defaultSpool(line.store) : line.spool);
+    return folders;
+}
+
+void addInit(CLI::App &app) {
+    CLI::App *const command = app.add_subcommand("init", "Make what a line needs and is not there: folders, store");
+    const auto path = std::make_shared<std::string>(kServiceLine), user = std::make_shared<std::string>();
+    command->add_option("line", *path, "The line's file; an example is made if there is none")->capture_default_str();
+    addUser(command, *user);
+    command->callback([=] { init(*path, *user); });
+}
+
+}  // namespace station
