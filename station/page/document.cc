@@ -18,7 +18,7 @@ namespace {
 constexpr size_t kMostOfFile = 100000;  // rows
 constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
 constexpr int kGroups = 200, kBars = 30;
-constexpr std::time_t kMostHours = 4 * 24;  // of a period that is shown by the hour
+constexpr std::time_t kMostHours = 96;  // of a period that is shown by the hour
 
 // ---- tables
 
@@ -205,8 +205,8 @@ void addColumn(Table &table, const RunRecord &run) {
     table.columns.push_back(run.id);
     for (auto &row : table.rows) row.emplace_back();
     for (const auto &[what, value] : factsOf(run)) {
-        auto row =
-            std::find_if(table.rows.begin(), table.rows.end(), [&](const auto &cells) { return cells[0] == what; });
+        const auto holds = [&name = what](const auto &cells) { return cells[0] == name; };
+        auto row = std::find_if(table.rows.begin(), table.rows.end(), holds);
         if (row == table.rows.end()) row = table.rows.insert(row, std::vector<Value>(table.columns.size()));
         row->front() = what;
         row->back() = value;

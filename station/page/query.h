@@ -21,7 +21,7 @@ struct Query {
     std::string operator[](const std::string &name) const;  // a parameter; empty when it is missing
     Parameters kept() const;                                // period and filter
     // A link to another page, with the period and filter of this one unless `more` has others.
-    std::string link(const std::string &path, Parameters more = {}) const;
+    std::string link(const std::string &to, Parameters more = {}) const;
     // A link to this page with some parameters changed.
     std::string changed(Parameters changes) const;
 

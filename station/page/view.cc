@@ -127,7 +127,7 @@ void addPeriod(Parameters &parameters, const std::string &column, const std::str
     const std::time_t start = timeOf(parseLocalTime(column == "hour" ? begin + "Z" : begin));
     parameters["since"] = utcTime(start) + "Z";
     if (column == "hour") parameters["until"] = utcTime(start + 3600) + "Z";
-    if (column == "day") parameters["until"] = localTime(start + 26 * 3600, "%Y-%m-%d");  // a day may have 25 hours
+    if (column == "day") parameters["until"] = localTime(start + 93600, "%Y-%m-%d");  // 26 hours: a day may have 25
 }
 
 std::string linkOf(const std::string &table, const std::string &column, const Json &row, const Query &query) {
