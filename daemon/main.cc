@@ -52,7 +52,7 @@ const char *fileArgument(int argc, char **argv) {
     return nullptr;
 }
 
-// Flashes the file that the command line names. Returns false when there is none.
+// Flashes the file that the command line names. Returns false if it names no file.
 bool flashFile(int partition, int argc, char **argv) {
     const char *const file = fileArgument(argc, argv);
     if (file == nullptr) return false;

@@ -62,11 +62,11 @@ TEST_F(Boards, SixteenAtOnceEachWithItsOwnResult) {
     addBoard("sleep 60");
     const std::string run = "station qcstation run /var/plan/line.yaml --wait 8 --results /var/results";
     const std::string output = board::run(run + lines_, 1);
-    EXPECT_THAT(output, testing::EndsWith("plan line: 16 boards, 3 failed\n"));
-    EXPECT_THAT(output, HasSubstr("line16  FAIL  0.0 s  no board connected\n"));
+    EXPECT_THAT(output, testing::EndsWith("plan line: 16 boards, 0 failed, 3 to be tested again\n"));
+    EXPECT_THAT(output, HasSubstr("line16  AGAIN  0.0 s  no board connected  -> "));
     EXPECT_EQ(
         board::run("cd /var/results; ls *.json *.log *.xml | wc -l; grep -L '\"verdict\": \"failed\"' *.json | wc -l;"
-                   "cat *.xml | grep -c '<failure message=\"no board connected\" />'"),
+                   "cat *.xml | grep -c '<error message=\"no board connected\" />'"),
         "48\n13\n3\n");
 }
 

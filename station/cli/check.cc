@@ -155,7 +155,7 @@ std::string denial(Database &database) {
                        *denied.rows[0][0], *denied.rows[0][1]);
 }
 
-// Returns the file of the store or beside it that this user cannot write; empty: there is none.
+// Returns the file of the store, or beside it, that this user cannot write; empty if all can be written.
 std::string deniedFile(const std::string &store) {
     for (const std::string &file : {store, store + "-wal", store + "-shm"}) {
         if (fs::exists(file) && access(file.c_str(), R_OK | W_OK) != 0) return file;

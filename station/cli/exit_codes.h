@@ -2,7 +2,7 @@
 
 namespace station {
 
-// What the command tells its caller. docs/line-file.md and qcstation(1) list them.
+// The exit statuses of the command, as docs/line-file.md and qcstation(1) list them.
 enum ExitCode {
     kPassed = 0,
     kFailed = 1,        // a board failed, or never connected

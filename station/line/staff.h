@@ -1,5 +1,5 @@
 #pragma once
-// Who works at the line, or at each of its places: asked once a shift.
+// Asks who works at the line, or at each of its places, once a shift.
 
 #include <map>
 #include <optional>

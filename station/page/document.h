@@ -1,5 +1,5 @@
 #pragma once
-// What the engineer's pages show, as data: tables of the store, the same in JSON, HTML and CSV.
+// The data of the engineer's pages: tables of the store, the same in JSON, HTML and CSV.
 // docs/api.schema.json describes the JSON.
 
 #include <nlohmann/json.hpp>

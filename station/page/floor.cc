@@ -124,7 +124,7 @@ void Floor::boardEnds(const RunRecord &run) {
     });
 }
 
-// What the operator has to do about a board outlasts the board: to plug it in again is to take it away first.
+// AGAIN outlasts the board: to plug a board in again, the operator first takes it away.
 void Floor::placeFree(const Place &place) {
     change(place, [](Tile &tile) {
         if (tile.json["stage"] == "again") return;

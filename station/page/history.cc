@@ -41,7 +41,7 @@ Answer guarded(Tell tell, const Answer &answer) {
 
 PageReply redirect(const std::string &url) { return {303, "text/plain", "", {{"Location", url}}}; }
 
-// Leads from the whole name of a unit or run, or an address, to its page; returns nothing when `wanted` is none.
+// Redirects from the whole name of a unit or run, or an address, to its page. Returns nothing for other texts.
 std::optional<PageReply> found(Archive &archive, const Query &query) try {
     Section section;
     if (query["q"].empty()) return std::nullopt;

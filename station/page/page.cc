@@ -100,13 +100,13 @@ PageReply Page::scan(const PageRequest &request) {
     });
 }
 
-// What each place asks and does, as a browser is told that comes now.
+// Returns what each place asks and does, as the page shows it to a new browser.
 PageReply Page::line() {
     uint64_t seen = 0;
     return {200, "application/json", floor_.since(seen)};
 }
 
-// What the place with the parameter "place" did so far.
+// Returns what the place of the parameter "place" did so far.
 PageReply Page::steps(const PageRequest &request) {
     const auto place = request.parameters.find("place");
     const int number = place == request.parameters.end() ? 0 : std::atoi(place->second.c_str());
