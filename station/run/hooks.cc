@@ -40,11 +40,12 @@ std::vector<std::string> environmentFor(const RunRecord &run) {
         const size_t end = text.find('=');
         if (end != std::string::npos) values[text.substr(0, end)] = text.substr(end + 1);
     }
-    for (const auto &[name, value] : run.variables) values["QC_" + name] = value.c_str();
+    for (const auto &[name, value] : run.variables) values["QC_" + name] = value.substr(0, value.find('\0'));
     const std::array<std::string, kStationNames.size()> own = {run.id, run.place.name, verdictOf(run)};
     for (size_t i = 0; i < own.size(); ++i) values[fmt::format("QC_{}", kStationNames[i])] = own[i];
     std::vector<std::string> environment;
-    for (const auto &[name, value] : values) environment.push_back(name + "=" + value);
+    environment.reserve(values.size());
+    for (const auto &[name, value] : values) environment.push_back(fmt::format("{}={}", name, value));
     return environment;
 }
 

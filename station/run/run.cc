@@ -187,7 +187,7 @@ std::string nameUnit(Course &course, const std::string &serial, std::string *unc
     if (!isSerial(serial)) return fmt::format("this is no serial number: \"{}\"", shorten(serial, kQuoted));
     if (serial == run.unit) return {};
     if (course.taken) return fmt::format("this board was {} before, and was given addresses as that", run.unit);
-    const std::string why = course.context.units.admit(run, serial, course.plan, course.context, unconfirmed);
+    std::string why = course.context.units.admit(run, serial, course.plan, course.context, unconfirmed);
     course.refused = !why.empty();
     return why;
 }
