@@ -151,6 +151,7 @@ std::string runHook(const Hook &hook, const RunRecord &run, std::string_view whe
     } catch (const std::runtime_error &error) {
         failure = error.what();
     }
+    // cppcheck-suppress knownConditionTrueFalse ; the lambda changes it
     return fmt::format("The command {} the test failed ({}){}{}", when, failure, printed.empty() ? "" : ": ", printed);
 }
 
