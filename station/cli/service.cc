@@ -80,7 +80,7 @@ void makeStore(const std::string &store) {
 void makeExample(const fs::path &path) {
     fs::create_directories(fs::absolute(path).parent_path());
     NewFile file(path);
-    file.write(kExampleLine);
+    file.write(kExampleFiles.front().content);
     file.keep();
     fmt::print("{} made, as an example: make it yours\n", path.string());
 }

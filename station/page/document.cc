@@ -143,6 +143,7 @@ std::vector<RunRecord> lastRuns(Database &database, const Query &query) {
     std::map<Value, std::string> names;
     for (const auto &row : runs.rows) names[row[indexOf(runs, "plan")]] = row[indexOf(runs, "run")].value_or("");
     std::vector<RunRecord> records;
+    records.reserve(names.size());
     for (const auto &[plan, name] : names) records.push_back(loadRun(database, name));
     return records;
 }

@@ -43,7 +43,7 @@ struct RunFilter {
 };
 Table listRuns(Database &database, const RunFilter &filter);
 // The same, a run at a time, however many there are.
-Table eachRun(Database &database, const RunFilter &filter, const Database::EachRow &row);
+Table eachRun(Database &database, const RunFilter &wanted, const Database::EachRow &row);
 
 // Yield and cycle time, in all or a row for each part. A unit is counted once for each plan, where its last run is.
 // Only runs that say something about units count (RunRecord::counts). `zone`: hours and days are those of a clock that
