@@ -1,5 +1,5 @@
 #pragma once
-// Options that several subcommands have.
+// Options that several subcommands share.
 
 #include <CLI/CLI.hpp>
 
@@ -8,16 +8,16 @@
 
 namespace station {
 
-// A time as parseTime() takes it, which becomes the store's text; a MAC address as parseMac() takes it.
+// kTime accepts what parseTime() does, and replaces it by the store's form. kMac accepts what parseMac() does.
 extern const CLI::Validator kTime, kMac;
 
-// Which store is meant, and the station's spool.
+// The store that a command uses, and the station's spool.
 struct StoreChoice {
     std::string store, line;
     std::filesystem::path spool;
 
-    // Fills in what is not said: --store, the store of --line, QCSTATION_STORE, and last the store of the service's
-    // line, in this order. Throws PlanError when none of them names one.
+    // Fills in the store if --store did not: from --line, otherwise from QCSTATION_STORE, otherwise from the service's
+    // line. Fills in the spool likewise. Throws PlanError when none of them names a store.
     void resolve();
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// Prints what a store answered: as a table, JSON or CSV.
+// Prints the results of queries: as tables, JSON or CSV.
 
 #include <string>
 #include <vector>
@@ -8,17 +8,18 @@
 
 namespace station {
 
-// Prints tables one after the other, a row as it comes, so that a million of them take no room.
+// Prints one table after the other, row by row, in bounded memory. For each table call begin(), row() per row, end().
 class Printer {
 public:
-    // `format`: "table", "json" or "csv"; `excel`: CSV begins with a byte order mark; `several`: each table is named.
+    // `format`: "table", "json" or "csv"; `excel`: CSV begins with a byte order mark; `several`: prints each table's
+    // name.
     Printer(const std::string &format, bool excel, bool several) : format_(format), excel_(excel), several_(several) {}
 
     void begin(const std::string &name);
     void row(const Table &head, const std::vector<Value> &row);
     void end(const Table &head);
-    void finish() const;                   // after the last table
-    size_t rows() const { return rows_; }  // of this table
+    void finish() const;                   // must be called after the last table
+    size_t rows() const { return rows_; }  // of the present table
 
 private:
     std::string csvHead(const Table &head) const;

@@ -1,5 +1,5 @@
 #pragma once
-// Prints a line for each thing that happens, for people.
+// Prints one line per event, for people.
 
 #include <string>
 
@@ -10,8 +10,8 @@
 
 namespace station {
 
-// On a terminal, a single board also has a line that follows its progress, and the operator is asked there, one
-// question at a time. The terminal stays in its own mode: it echoes and edits what is typed.
+// On a terminal it also shows the progress of a single board, and asks the operator, one question at a time. The
+// terminal itself echoes and edits what is typed.
 class Terminal : public Observer, public Operator {
 public:
     // `boards`: how many will be served, 0 for no end. `output` must outlive this.
@@ -29,14 +29,14 @@ public:
     void lineStops() override;
     void trouble(const std::string &text) override;
 
-    // A place whose answer was wrong is asked again before any other place.
+    // After a wrong answer, asks the same place again before any other.
     std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
                     Clock::time_point deadline, const Needless &needless) override;
 
 private:
     void print(const RunRecord &run, const std::string &text);
     void print(const std::string &lines);
-    void show(const std::string &text);  // the line that the next one replaces
+    void show(const std::string &text);  // prints a line that the next one replaces
     std::string readAnswer(Clock::time_point deadline, const Needless &needless);
     void release(int place);
 
@@ -46,7 +46,7 @@ private:
     Mutex mutex_;
     Condition free_;
     int asking_ GUARDED_BY(mutex_) = 0;      // the number of the place that is asked; 0: none
-    std::string prompt_ GUARDED_BY(mutex_);  // of the question that is open
+    std::string prompt_ GUARDED_BY(mutex_);  // of the open question
 };
 
 }  // namespace station

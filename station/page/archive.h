@@ -1,5 +1,5 @@
 #pragma once
-// The store as the pages read it: over a connection of their own, so that no question holds a board up.
+// The pages' access to the store: a connection of their own, so that no query delays a board.
 
 #include <functional>
 #include <memory>
@@ -10,13 +10,14 @@
 
 namespace station {
 
-// May be used by many threads at once, which are served one after the other.
+// Any thread may call ask(); calls are served one at a time.
 class Archive {
 public:
     explicit Archive(std::string store) : store_(std::move(store)) {}
 
-    // Does the work over the connection, which is made when it is first needed and again when it broke; the work may
-    // then be begun twice. Throws StoreError when the store is away, or takes too long, and what the work throws.
+    // Calls `work` with the connection, and connects first if needed. If the connection turns out to be broken,
+    // reconnects and calls `work` a second time. Throws StoreError when the store is away, TooSlow when the turn or a
+    // query takes too long, and whatever `work` throws.
     void ask(const std::function<void(Database &)> &work);
 
 private:

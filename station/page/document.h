@@ -1,5 +1,5 @@
 #pragma once
-// The data of the engineer's pages: tables of the store, the same in JSON, HTML and CSV.
+// The data of the engineer's pages: tables from the store, which HTML, JSON and CSV share.
 // docs/api.schema.json describes the JSON.
 
 #include <nlohmann/json.hpp>
@@ -13,11 +13,11 @@
 
 namespace station {
 
-// A table of a page.
+// One table of a page.
 struct Part {
     std::string_view name;
-    Table (*ask)(Database &, const Query &, size_t most);  // most: rows of a long table
-    const char *order = "";                                // the column that it is sorted by unless the query says more
+    Table (*ask)(Database &, const Query &, size_t most);  // `most`: limit for the rows of a long table
+    const char *order = "";                                // the column that sorts it unless the query names another
 };
 
 struct Content {
@@ -27,11 +27,12 @@ struct Content {
 
 extern const std::vector<Content> kContents;
 
-// Returns the page's tables. A table that the store cannot give in time has an "error" instead of rows; everything else
-// that goes wrong is thrown.
+// Returns the page's tables. A table that the store cannot deliver in time has an "error" instead of rows. Throws
+// Refusal or another StoreError for every other failure.
 Json documentOf(Archive &archive, const Content &content, const Query &query);
 
-// Returns one of them, whole. Throws Refusal when the page has no such table, or when it is too long for a file.
+// Returns all rows of the page's table `name`; of its first table when `name` is empty. Throws Refusal when the page
+// has no such table, or when it is too long for a file (100,000 rows).
 Table tableOf(Archive &archive, const Content &content, const std::string &name, const Query &query);
 
 }  // namespace station

@@ -1,5 +1,5 @@
 #pragma once
-// What stands at each place now, for the operator's page. Whoever comes late sees what all others see.
+// The present state of the line and its places, for the operator's page. A browser that connects late gets all of it.
 
 #include <cstdint>
 #include <deque>
@@ -19,15 +19,15 @@
 
 namespace station {
 
-// What a place asks the operator.
+// A place's question to the operator.
 struct Question {
-    uint64_t number = 0;  // no other question has it; 0: there is none
+    uint64_t number = 0;  // unique; 0: there is no question
     std::string prompt, problem;
 };
 
 class Floor : public Observer {
 public:
-    // `changed` is called, by any thread, whenever there is something new.
+    // Calls `changed`, from any thread, whenever something is new.
     Floor(Shift shift, std::function<void()> changed) : changed_(std::move(changed)), shift_(std::move(shift)) {}
 
     void lineStarts(const std::vector<Place> &places) override;
@@ -45,31 +45,31 @@ public:
     void lineStops() override;
     void trouble(const std::string &text) override;
 
-    // The place's question is this one from now on; one without a number: it has been answered.
+    // Shows this question at the place. A question with the number 0 removes the one that is shown.
     void asks(const Place &place, const Question &question);
 
-    // The operator has seen the place's verdict; of place 0: the line's troubles. Returns false when there are none.
+    // Marks the place's verdict as seen; for place 0 removes the line's troubles. Returns false when there are none.
     bool seen(int place);
 
-    // Returns what the steps of the place's last run have done so far, as JSON; empty: there is no such place.
+    // Returns the steps of the place's last run so far, as JSON; empty when there is no such place.
     std::string steps(int place);
 
-    // What is new since `seen`, which is brought up to date, as JSON; empty: nothing is. 0: all of it, and the version
-    // of the page's own files.
+    // Returns what has changed since version `seen`, as JSON, and sets `seen` to the present version. Returns an empty
+    // text when nothing has. With `seen` 0 returns everything, and the version of the page's own files.
     std::string since(uint64_t &seen);
 
 private:
     struct Tile {
-        Json json;                             // but for what changes with time
-        Clock::time_point connected, started;  // the board; what stands there now: a step, or a verdict
-        double before = 0, behind = 0;         // seconds in earlier runs: of this step, and of all later ones
-        uint64_t sent = 0, total = 0;          // bytes of the step
+        Json json;                             // without what changes with time
+        Clock::time_point connected, started;  // when the board came; when the step or verdict began
+        double before = 0, behind = 0;         // seconds of the step and of all later ones; <= 0: unknown
+        uint64_t sent = 0, total = 0;          // bytes of the step's payload
         uint64_t version = 0;
         bool runs = false, held = false;
-        std::string marks = {};                         // a letter per step: p passed, f failed, . neither
-        Json steps = Json::array();                     // that have ended
-        std::string blocked = {};                       // why the place can take no board
-        std::optional<Clock::time_point> powered = {};  // since when something has been switched on there
+        std::string marks = {};                         // one letter per step: p passed, f failed, . neither
+        Json steps = Json::array();                     // those that have ended
+        std::string blocked = {};                       // why the place can take no board; empty: it can
+        std::optional<Clock::time_point> powered = {};  // since when its cable has had a link
     };
     struct Trouble {
         std::string text;
@@ -91,7 +91,7 @@ private:
     std::string waits_ GUARDED_BY(mutex_), stranger_ GUARDED_BY(mutex_);
     size_t strangers_ GUARDED_BY(mutex_) = 0;
     bool stops_ GUARDED_BY(mutex_) = false;
-    std::deque<Trouble> troubles_ GUARDED_BY(mutex_);  // the last ones
+    std::deque<Trouble> troubles_ GUARDED_BY(mutex_);  // at most three, the newest last
     uint64_t version_ GUARDED_BY(mutex_) = 1, lineVersion_ GUARDED_BY(mutex_) = 1, shiftVersion_ GUARDED_BY(mutex_) = 1;
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// Decides which requests are answered, and who may change something.
+// Decides which requests are answered, and which of them may change something.
 
 #include <chrono>
 #include <cstdint>
@@ -12,25 +12,25 @@
 
 namespace station {
 
-// A request without its body. Headers that it does not have are empty.
+// A request without its body. A header that is missing is empty.
 struct RequestHead {
     std::string method, path;
-    std::string local, peer;  // IPv4 addresses: the one of this machine that the client connected to, and the client's
+    std::string local, peer;  // IPv4 addresses: this machine's, to which the client connected; the client's
     std::string host, origin, type, authorization;
 };
 
-// True for 127.0.0.0/8, which is this machine.
+// Returns true for 127.0.0.0/8, which is this machine.
 bool isLoopback(const std::string &address);
 
-// Used by one thread.
+// Belongs to one thread.
 class Guard {
 public:
-    // `token`: what a change from another machine needs; empty: no other machine may change anything. `tell` is called
-    // when an address sends wrong tokens.
+    // `port` is the page's. `token`: what a request from another machine must carry to change something; empty: no
+    // other machine may. Calls `tell` at an address's first, 10th, 100th, ... wrong token.
     Guard(uint16_t port, const std::string &token, std::function<void(const std::string &trouble)> tell);
 
-    // Returns why the request is not answered, or nothing when it may go to its route. `route` is null when nothing has
-    // the request's path.
+    // Returns the reply that refuses the request; nothing when the request may go to its route. `route` is null when no
+    // route has the request's path.
     std::optional<PageReply> refusal(const Route *route, const RequestHead &head);
 
 private:

@@ -1,5 +1,6 @@
 #pragma once
-// The engineer's pages: units, runs, yield, failures, measured values, as tables and pictures, each as CSV too.
+// The engineer's pages: units, runs, yields, failures and measured values, as tables and charts. Each table is a CSV
+// file, too.
 
 #include <string>
 #include <vector>
@@ -8,8 +9,8 @@
 
 namespace station {
 
-// They read the store (empty: there is none, and the pages say how to have one) over a connection of their own, a
-// question at a time and none for long. May be called by many threads at once.
+// Returns the routes of the pages. They query the store over a connection of their own, one query at a time, each with
+// a timeout. When `store` is empty, the pages say how to get one. Any thread may call the routes.
 std::vector<Route> historyRoutes(const std::string &store);
 
 }  // namespace station

@@ -1,24 +1,26 @@
 #pragma once
-// The times of the store, which are UTC, as those who work at the station read them: in its own time zone.
+// Converts times between UTC, which the store has, and the station's time zone, which people at the station read.
 
 #include <ctime>
 #include <string>
 
 namespace station {
 
-// Of a time or the start of one, as 2026-11-21T17:30:00.123Z or 2026-11-21T17; 0 when it is none.
+// Parses a time, or the beginning of one: 2026-11-21T17:30:00.123Z, 2026-11-21T17. Returns 0 when it is neither.
 std::time_t timeOf(const std::string &utc);
 
-std::string localTime(std::time_t time, const char *form = "%Y-%m-%d %H:%M:%S");  // as strftime() takes it
-std::string utcTime(std::time_t time);                                            // 2026-11-21T17:30:00
+// Returns the time in the station's zone. `form` is one for strftime().
+std::string localTime(std::time_t time, const char *form = "%Y-%m-%d %H:%M:%S");
+// Returns the time in UTC: 2026-11-21T17:30:00.
+std::string utcTime(std::time_t time);
 
-// The seconds by which the station's clock is ahead of UTC then.
+// Returns by how many seconds the station's zone is ahead of UTC at this time.
 long aheadOfUtc(std::time_t time);
 
-// "CET, UTC+01:00"
+// Returns the station's present zone: "CET, UTC+01:00".
 std::string zone();
 
-// Returns a time as a person writes it, see parseTime(), as the store has it. Throws Refusal.
+// Converts a time that a person wrote, in any form of parseTime(), to the store's form. Throws Refusal.
 std::string parseLocalTime(const std::string &text);
 
 }  // namespace station

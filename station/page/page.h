@@ -1,5 +1,5 @@
 #pragma once
-// The page of a line: what operators and engineers see of it in a browser, and what they do there.
+// The page of a line, on which operators and engineers watch it and answer it in a browser.
 
 #include <functional>
 #include <string>
@@ -12,20 +12,24 @@ namespace station {
 
 class Page {
 public:
-    // Has a place hold or release, by its number; false: there is no such place.
+    // Holds or releases the place with this number. Returns false when there is no such place.
     using Hold = std::function<bool(int place, bool held)>;
 
-    // Listens. `store`: what remembers the shift's runs; empty: nothing does. Throws ListenError.
+    // Listens, and answers after start(). `store` has the data of the engineer's pages and the earlier runs of the
+    // shift; empty: there is no store. Throws ListenError, and std::runtime_error when the words of the language cannot
+    // be read.
     Page(const PageSettings &settings, const std::string &store);
 
-    // Where a browser on this machine, or on one that reaches it, finds the page.
+    // Returns the page's URL: "http://127.0.0.1:8080/".
     std::string url() const;
+    // Both live as long as the page.
     Observer &observer() { return floor_; }
     Operator &operators() { return scanner_; }
 
-    // `tell` is told, by the page's thread, what a person should look at.
+    // Starts to answer. Calls `tell`, in a thread of the page, with what a person should look at. Throws
+    // std::runtime_error.
     void start(Hold hold, std::function<void(const std::string &trouble)> tell);
-    // Nobody is answered, and nothing held, any more when it returns.
+    // Ends all connections. After it has returned, no request is answered, and `hold` and `tell` are not called.
     void stop() { server_.stop(); }
 
 private:

@@ -1,5 +1,5 @@
 #pragma once
-// Requests of browsers, and the replies to them.
+// The HTTP requests that the page answers, and its replies.
 
 #include <functional>
 #include <map>
@@ -10,7 +10,7 @@ namespace station {
 
 struct PageRequest {
     std::string path;                               // decoded, without the query
-    std::map<std::string, std::string> parameters;  // of the query, decoded; the first of each name
+    std::map<std::string, std::string> parameters;  // decoded; of several with one name, the first
     std::string body;
 };
 
@@ -18,20 +18,20 @@ struct PageReply {
     int status = 200;
     std::string type = "text/html; charset=utf-8";
     std::string body = {};
-    std::map<std::string, std::string> headers = {};  // besides or instead of those that every reply has
+    std::map<std::string, std::string> headers = {};  // in addition to those of every reply, or instead
 };
 
-// A reply of JSON that says why a request is not answered: {"error": "..."}.
+// Returns a JSON reply that says why a request is not answered: {"error": "..."}.
 PageReply refused(int status, const std::string &error, std::map<std::string, std::string> headers = {});
 
 enum class RouteKind {
-    kSlow,    // reads, and may take seconds
-    kQuick,   // reads what is in memory
-    kChange,  // changes something, by a POST of JSON; quick
+    kSlow,    // reads the store, which may take seconds
+    kQuick,   // reads memory
+    kChange,  // changes something; a POST of JSON, answered at once
     kStream,  // the server's own stream of events
 };
 
-// Answers the requests for one path. Called by several threads at once; an exception is shown as an error 500.
+// Answers the requests for one path. Several threads call `answer` at once. An exception becomes an error 500.
 struct Route {
     std::string path;
     std::function<PageReply(const PageRequest &)> answer;

@@ -1,5 +1,5 @@
 #pragma once
-// Who answers what a plan asks, when the line has a page: whoever scans or types there.
+// Asks a plan's questions on the page, where operators scan or type the answers.
 
 #include <map>
 #include <optional>
@@ -13,13 +13,14 @@ namespace station {
 
 class Scanner : public Operator {
 public:
+    // `floor` shows the questions and must outlive this.
     explicit Scanner(Floor &floor);
 
     std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
                     std::chrono::steady_clock::time_point deadline, const Needless &needless) override;
 
-    // Answers this question of the place and no other: text that was typed for one board must not reach the next.
-    // Returns why the answer was not taken; empty: it was.
+    // Gives an answer to this question of the place and to no other: text that was typed for one board must not reach
+    // the next. Returns why the answer was refused; empty when it was taken.
     std::string answer(int place, uint64_t question, const std::string &text);
 
 private:
@@ -32,8 +33,8 @@ private:
     Mutex mutex_;
     Condition answered_;
     std::map<int, Open *> open_ GUARDED_BY(mutex_);  // by the place's number
-    // Of the last question. A page that outlives a station must not answer the next station's questions, so the count
-    // starts at the milliseconds since 1970.
+    // The number of the last question. A browser that was open before the station restarted must not answer a new
+    // question by an old number, so the count starts at the milliseconds since 1970.
     uint64_t asked_ GUARDED_BY(mutex_);
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// The page's HTTP server. libmicrohttpd speaks HTTP; this class says who is served, for how long, and by which thread.
+// The page's HTTP server. libmicrohttpd speaks HTTP; this class decides who is served, for how long, in which thread.
 
 #include <atomic>
 #include <deque>
@@ -22,27 +22,28 @@ struct MHD_Daemon;
 
 namespace station {
 
-// Returns what a stream has not seen yet, as the data of an event; empty: nothing is new. `seen` is 0 at first, and is
-// brought up to date.
+// Returns what a stream has not seen yet, as the data of an event; empty when nothing is new. `seen` is the version
+// that the stream has, 0 at first; the call updates it.
 using Feed = std::function<std::string(uint64_t &seen)>;
 
-// One thread looks after all connections, one feeds the streams, and two answer what may take seconds. All give way to
-// the boards' threads.
+// One thread handles all connections, one feeds the streams, and two answer slow requests. All run at a lower priority
+// than the boards' threads.
 class PageServer {
 public:
-    // Listens. Throws ListenError.
+    // Listens, and answers after start(). Throws ListenError. Several threads call `feed`, one at a time.
     PageServer(const PageSettings &settings, Feed feed);
     ~PageServer();
     PageServer(const PageServer &) = delete;
 
     uint16_t port() const { return listener_.port(); }
-    // To be called before start().
+    // Adds routes. Must be called before start().
     void add(std::vector<Route> routes);
-    // `tell` is called by the server's thread. Throws std::runtime_error.
+    // Starts the threads. Calls `tell`, in the library's thread, with what a person should look at. Throws
+    // std::runtime_error.
     void start(std::function<void(const std::string &trouble)> tell);
-    // Ends all connections. Nobody is answered any more when it returns.
+    // Ends all connections and threads. No request is answered after it has returned.
     void stop();
-    // Says that the feed has something new. To be called from any thread, as often as you like.
+    // Wakes the streams, since the feed has something new. Any thread may call this, as often as it likes.
     void changed();
 
 private:
@@ -61,7 +62,7 @@ private:
     const std::string address_, token_;
     const Feed feed_;
     Routes routes_;
-    Descriptor wakeup_;  // of the thread that feeds
+    Descriptor wakeup_;  // of the thread that feeds the streams
     std::unique_ptr<Guard> guard_;
     MHD_Daemon *daemon_ = nullptr;
     std::atomic<bool> news_ = false;
@@ -69,7 +70,7 @@ private:
     Mutex mutex_;
     Condition asked_;
     std::map<MHD_Connection *, Client> clients_ GUARDED_BY(mutex_);
-    std::deque<Client *> asking_ GUARDED_BY(mutex_);  // for slow replies
+    std::deque<Client *> asking_ GUARDED_BY(mutex_);  // waiting for a slow reply
     bool ends_ GUARDED_BY(mutex_) = false;
 
     std::vector<std::thread> threads_;

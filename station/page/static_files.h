@@ -11,7 +11,7 @@
 namespace station {
 
 extern const std::vector<StaticFile> kStaticFiles;  // from station/page/static, and the library of the charts
-// Changes with each of them: a page that was served by another build is stale.
+// Changes with each file: a browser that has another version must reload.
 extern const std::string_view kStaticVersion;
 
 extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
@@ -20,7 +20,7 @@ extern const std::string_view kTemplateVersion;
 // Returns the content of the static file with this name; nothing when there is none.
 std::optional<std::string_view> staticFile(std::string_view name);
 
-// Each static file at its name; operator.html at /.
+// Returns a route for each static file, at its name; operator.html is at /.
 std::vector<Route> staticRoutes();
 
 }  // namespace station

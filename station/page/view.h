@@ -1,5 +1,5 @@
 #pragma once
-// HTML of the engineer's pages: templates (station/page/templates, in mustache) filled with a page's data.
+// Renders the engineer's pages as HTML: fills mustache templates (station/page/templates) with a page's data.
 
 #include <string>
 
@@ -7,10 +7,10 @@
 
 namespace station {
 
-// Returns the page of a document.
+// Returns the page that shows a document (documentOf()).
 std::string pageOf(const Json &document, const Query &query);
 
-// Returns the page of the template `name` that says `what` in its own words.
+// Returns a page without tables, from the template `name`. `what`: the message on it.
 std::string messagePage(const std::string &name, const std::string &title, const std::string &what);
 
 }  // namespace station
