@@ -1,6 +1,6 @@
 #pragma once
-// The file of a line: where it listens, its places, its plan, what is run before and after a board, where the records
-// go. docs/line-file.md describes it for those who write it.
+// The line's file: where the station listens, its places, its plan, its hooks, where the records go. docs/line-file.md
+// describes it for people who write one.
 
 #include <cstdint>
 #include <filesystem>
@@ -14,16 +14,16 @@
 
 namespace station {
 
-// Where browsers find the line's page, and what lets them change something there.
+// The settings of the line's page.
 struct PageSettings {
     std::string address = "127.0.0.1";
     uint16_t port = 0;
-    std::string token;  // for browsers on other machines; empty: there are none
-    // When the shifts begin, in minutes of the day.
+    std::string token;  // lets browsers on other machines make changes; empty: none may
+    // The starts of the shifts, in minutes of the local day, ascending.
     std::vector<int> shifts = {6 * 60, 14 * 60, 22 * 60};
 
     int target = 0;  // units per hour; 0: none
-    // Of the operator's page: "de", "en", "zh", or a file of words, NAME.json.
+    // The language of the operator's page: "de", "en", "zh", or a file of words, NAME.json.
     std::string language = "en";
 
     bool operator==(const PageSettings &) const = default;
@@ -33,7 +33,7 @@ struct LineFile {
     std::string address;
     uint16_t port = 0;
     std::vector<Place> places;
-    std::vector<std::string> cables;            // the interfaces of the places; empty: they are told apart by address
+    std::vector<std::string> cables;            // each place's interface; empty: addresses tell boards apart
     std::filesystem::path planPath, planFiles;  // of loadPlan()
     Plan plan;
     Variables variables;
@@ -53,14 +53,14 @@ struct LineFile {
 // Returns true when the file is a line's rather than a plan.
 bool isLineFile(const std::filesystem::path &path);
 
-// Returns the names of a store's pools, which a plan may take from.
+// Returns the names of a store's pools, from which a plan may take.
 using AskPools = std::function<std::set<std::string>(const std::string &store)>;
 
-// Reads a line's file, but not its plan. Throws PlanError with every fault.
+// Reads a line's file, but not its plan. Paths in it are relative to its folder. Throws PlanError with every fault.
 LineFile readLine(const std::filesystem::path &path);
 
-// Reads a line's file and its plan. Paths in it are relative to its folder. Throws PlanError with every fault, and
-// whatever `pools` throws.
+// Reads a line's file as readLine() does, and its plan. Without `pools`, or without a store, the plan can take from no
+// pool. Throws PlanError with every fault, and whatever `pools` throws.
 LineFile loadLine(const std::filesystem::path &path, const AskPools &pools = {});
 
 }  // namespace station

@@ -14,14 +14,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Empty: there is none.
+// Returns the cache file's path; empty when the environment names no folder.
 fs::path cacheFile() {
     const char *const cache = std::getenv("XDG_CACHE_HOME"), *const home = std::getenv("HOME");
     if (cache != nullptr && *cache != '\0') return fs::path(cache) / "qcstation" / "durations";
     return home == nullptr ? fs::path() : fs::path(home) / ".cache" / "qcstation" / "durations";
 }
 
-// By its number: a title changes with every board's addresses.
+// Returns a key with the step's number, because its title changes with every board's addresses.
 std::string keyOf(const RunRecord &run, size_t step) {
     return fmt::format("{} {}/{}", run.plan, step + 1, run.steps.size());
 }
@@ -34,7 +34,7 @@ Durations::Durations() {
     for (std::string key; file >> seconds && file.get() && std::getline(file, key);) seconds_[key] = seconds;
 }
 
-// Nothing is lost when it cannot be written: the next run measures anew.
+// Ignores a file that cannot be written: the next run measures again.
 Durations::~Durations() {
     const fs::path path = cacheFile();
     if (path.empty()) return;

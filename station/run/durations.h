@@ -1,5 +1,5 @@
 #pragma once
-// How long each step of a plan took in earlier runs: it moves a bar while there is nothing to count.
+// How long each step of a plan took in earlier runs. A progress bar follows it while there are no bytes to count.
 
 #include <map>
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace station {
 
-// Kept in the user's cache folder; while that cannot be written, for as long as this lives.
+// Loads the times from the user's cache folder, and saves them there at its end. Belongs to one thread.
 class Durations {
 public:
     Durations();
@@ -16,19 +16,19 @@ public:
     Durations(const Durations &) = delete;
     Durations &operator=(const Durations &) = delete;
 
-    // Returns the seconds of a step; 0 when it never passed.
+    // Returns how many seconds a step takes; 0 when it has never passed.
     double of(const RunRecord &run, size_t step) const;
-    // Returns the seconds of this step and all later ones; 0 when one of them never passed.
+    // Returns how many seconds this step and all later ones take; 0 when one of them has never passed.
     double from(const RunRecord &run, size_t step) const;
-    // Takes a passed step into account; the latest one counts most.
+    // Learns from a step that has passed: its new time is the mean of the known one and this one.
     void learn(const RunRecord &run, size_t step);
 
 private:
     std::map<std::string, double> seconds_;
 };
 
-// Returns how long a step takes in all, in seconds: as long as `before` (0: unknown); once it has taken longer, as
-// estimated from the bytes that were sent within `elapsed` seconds. 0: unknown.
+// Returns how many seconds a step will take in all; 0: unknown. That is `before`, its usual time (0: unknown), until it
+// has taken longer; then an estimate from the bytes that were sent within `elapsed` seconds.
 double estimate(double before, double elapsed, uint64_t sent, uint64_t total);
 
 }  // namespace station

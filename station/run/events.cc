@@ -8,7 +8,7 @@
 namespace station {
 namespace {
 
-// A line: when, what, and the particulars.
+// Returns an event as a line of JSON: time, name, particulars.
 std::string line(const char *event, const Json &particulars) {
     Json result = {{"time", isoTime(WallClock::now())}, {"event", event}};
     result.update(particulars);

@@ -32,7 +32,7 @@ std::string verdictOf(const RunRecord &run) {
     return run.ended() || run.failures() > 0 || !run.failure.empty() ? "failed" : "";
 }
 
-// Returns "NAME=VALUE" for each. What the station itself says comes last: nothing replaces it.
+// Returns the environment as "NAME=VALUE" texts. The station's own names come last, so that no variable replaces them.
 std::vector<std::string> environmentFor(const RunRecord &run) {
     std::map<std::string, std::string> values;
     for (char **entry = environ; *entry != nullptr; ++entry) {
@@ -49,14 +49,14 @@ std::vector<std::string> environmentFor(const RunRecord &run) {
     return environment;
 }
 
-// Returns a file in memory: unlike a pipe, it needs nobody who reads it.
+// Returns a file in memory. Unlike a pipe it needs no reader while it is written.
 Descriptor memoryFile(const std::string &content) {
     Descriptor file(memfd_create("hook", MFD_CLOEXEC));
     if (pwrite(file.descriptor(), content.data(), content.size(), 0) < 0) return Descriptor(-1);
     return file;
 }
 
-// Starts the command in a process group of its own. Returns its process ID, or minus an error number.
+// Starts the command in a process group of its own. Returns its process ID, or a negative error number.
 pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     std::vector<std::string> environment = environmentFor(run);
     std::vector<char *> entries;
@@ -90,7 +90,7 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
 
 using Take = std::function<void(std::string_view part)>;
 
-// Takes what has been printed, at most a pipe's content. Returns false when no more can come.
+// Reads what the command has printed, at most a pipe's content. Returns false when no more can come.
 bool takeOutput(int pipe, const Take &take) {
     std::array<char, 65536> part;
     const ssize_t length = read(pipe, part.data(), part.size());
@@ -98,7 +98,7 @@ bool takeOutput(int pipe, const Take &take) {
     return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
-// Waits for the end, or kills the command at the limit. Returns its status as waitpid() has it; nothing: it was killed.
+// Waits until the command ends, or kills it at the limit. Returns the status of waitpid(); nothing when it was killed.
 std::optional<int> await(pid_t pid, Milliseconds limit, int output, const Take &take) {
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     const auto deadline = Clock::now() + limit;

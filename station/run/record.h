@@ -23,7 +23,7 @@ struct Place {
 // The process that made a record.
 struct Recorder {
     std::string name;  // of its machine
-    std::string key;   // of its spool: no other process has it; empty: it records to no store
+    std::string key;   // unique: the name of its spool; empty: it uses no store
 };
 
 // A number that a step found, and its limits.
@@ -40,7 +40,7 @@ enum class Verdict { kNotRun, kPassed, kFailed };
 // Whose fault a failure is. Only the unit's counts in yields.
 enum class Cause { kNone, kUnit, kConnection, kStation, kOperator };
 
-// "not run", "passed", "failed"
+// Returns "not run", "passed" or "failed".
 std::string_view textOf(Verdict verdict);
 // Returns "", "unit", "connection", "station" or "operator".
 std::string_view textOf(Cause cause);
@@ -49,12 +49,12 @@ struct StepResult {
     std::string title;    // the step's, for people; its variables are filled in when it starts
     std::string planned;  // the title as the plan has it, the same for every unit
     Verdict verdict = Verdict::kNotRun;
-    std::string reply;                    // its text, or what the script printed, without what was cut off
-    uint64_t cut = 0;                     // bytes that were cut off the reply, of which a record keeps so many
+    std::string reply;                    // its text, or what the script printed, up to a limit
+    uint64_t cut = 0;                     // bytes of the reply beyond that limit, which are lost
     std::string failure;                  // why the step did not pass; empty when it passed
     Cause cause = Cause::kNone;           // of a failure
-    std::string hint;                     // what to do when it fails: the plan's, or that of another cause
-    bool show = false;                    // the plan wants the reply to be seen as it is
+    std::string hint;                     // what to do when it fails: the plan's, or the one for its cause
+    bool show = false;                    // the plan's `show`: print the reply as it is
     std::chrono::milliseconds offset{0};  // of its start from the run's
     std::chrono::milliseconds duration{0};
     int attempts = 0;
@@ -64,31 +64,32 @@ struct StepResult {
 };
 
 struct RunRecord {
-    std::string id;  // no other run on any station has it; fit for a file's name
+    std::string id;  // unique across all stations; fit for a file's name
     std::string plan;
     std::string planDigest;       // SHA-256, in hexadecimal digits, of the plan and its files; empty: unknown
     std::vector<PlanFile> files;  // that the plan's steps use
     Place place;
     Recorder station;
     std::string peer;  // ADDRESS:PORT of the board, and %INTERFACE when it is bound to one; empty: it never connected
-    std::string unit;  // the variable "serial"; empty: nobody said
+    std::string unit;  // the variable "serial"; empty: not known
     WallClock::time_point start, end;  // `end`: 0 until the run has ended
-    Clock::time_point began;           // the start by a clock that never jumps
+    Clock::time_point began;           // the start by the monotonic clock
     std::map<std::string, std::string> variables;
     std::vector<StepResult> steps;  // one for each step of the plan, from the run's start on
     std::string failure;            // what failed besides the steps; empty: nothing
     Cause cause = Cause::kNone;     // of a run that failed
-    std::string operatorName;       // empty: nobody asked for it
-    bool reference = false;         // of the reference unit, which counts in no yield
-    bool interrupted = false;       // the station was stopped, or ended, before the plan's end
+    std::string operatorName;       // who works at the place; empty: the line does not ask
+    bool reference = false;         // a run of the reference unit, which counts in no yield
+    bool interrupted = false;       // the station was stopped, or died, before the plan's end
 
-    void stampEnd();  // sets the end by how long the run has lasted: a clock that was set meanwhile does not matter
+    void stampEnd();  // sets the end: the start and the time since, by the monotonic clock
     bool ended() const { return end != WallClock::time_point(); }
     size_t failures() const;  // steps that failed
     size_t notRun() const;    // steps that were not run
     bool passed() const { return failures() + notRun() == 0 && failure.empty() && !interrupted; }
-    bool again() const { return !passed() && cause > Cause::kUnit; }  // to be tested again: it says nothing of the unit
-    const StepResult *firstFailed() const;                            // null: none has
+    // Returns true when the unit must be tested again: the failure was not its own.
+    bool again() const { return !passed() && cause > Cause::kUnit; }
+    const StepResult *firstFailed() const;  // null: none
     // Returns true when the run says something about the quality of units: it was judged, and a failure was the unit's.
     // A failure without a cause, as older versions recorded it, counts as the unit's.
     bool counts() const;
@@ -97,7 +98,8 @@ struct RunRecord {
 // Returns the place's name for people: its name, or "board 3" when it has none but its number.
 std::string nameOf(const Place &place);
 
-// Returns the reason of a verdict: the first step that failed and why, or what else failed; or the number of steps.
+// Returns the reason for a verdict: the first failed step and why it failed, or what else failed; for a run that
+// passed, the number of its steps.
 std::string summaryOf(const RunRecord &run);
 
 // Returns the verdict for people: PASS, FAIL, or AGAIN when the failure is not the unit's.
@@ -105,7 +107,7 @@ std::string_view wordOf(const RunRecord &run);
 
 // Returns what to do about a failure with this cause; empty for the unit's, for which the plan has hints.
 std::string todoAbout(Cause cause);
-// Returns what to do about the run's failure; empty: nobody knows.
+// Returns what to do about the run's failure: the failed step's hint, or what its cause asks for. May be empty.
 std::string todoAbout(const RunRecord &run);
 
 // Returns a run's end in one line: verdict, unit, seconds, reason, and what to do.
@@ -114,13 +116,14 @@ std::string endLine(const RunRecord &run);
 // Returns "20261121T173000.123Z-" and eight random hexadecimal digits.
 std::string makeRunId(WallClock::time_point start);
 
-// Returns the record as it is kept before the run has ended: without an end, and interrupted unless one follows.
+// Returns the record as it is kept until the run ends: without an end, and marked as interrupted.
 RunRecord unfinished(RunRecord run);
 
-// Returns "4 steps, 1 failed", ", 2 not run" when there are any, and what a failure is due to unless to the unit.
+// Returns "4 steps, 1 failed, 2 not run (cause: station)". Leaves out a count of 0 that were not run, and the unit as a
+// cause.
 std::string countsOf(const RunRecord &run);
 
-// Returns a step's line: verdict, time, title, and the reply or what is wrong.
+// Returns a line about a step: verdict, seconds, title, and the reply or why it failed.
 std::string describeStep(const StepResult &result);
 
 }  // namespace station

@@ -78,7 +78,7 @@ void writeWhole(const fs::path &path, const std::string &content, bool durable) 
     throw RecordsError(error.what());
 }
 
-// Has the names of new files on the disk.
+// Makes the names of new files durable.
 void syncFolder(const fs::path &folder) {
     const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fsync(descriptor.descriptor()) != 0) throw RecordsError(describeError("cannot write " + folder.string()));
@@ -88,8 +88,8 @@ fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extens
     return folder / fmt::format("{}-{}-{}{}", run.plan, run.id, run.place.name, extension);
 }
 
-// Returns nothing when there is no such file, or it is not a record, as after a power cut. Throws RecordsError when the
-// file cannot be read now: it may be the only one that knows the run's end.
+// Returns the file's record; nothing when there is no such file, or when it is not a record, as after a power cut.
+// Throws RecordsError when the file cannot be read at present: it may be the only one that has the run's end.
 std::optional<RunRecord> readRecord(const fs::path &path) {
     std::optional<std::string> text;
     try {

@@ -26,7 +26,7 @@ constexpr Milliseconds kFlicker{1500};  // without a link, after which the board
 constexpr Milliseconds kGlance{50};     // while it is not known yet
 constexpr char kUnit[] = "serial";      // the variable that is the unit
 
-// A run in its course.
+// The state of a run in work.
 struct Course {
     Board &board;
     const Plan &plan;
@@ -40,7 +40,7 @@ struct Course {
     std::string over = {};             // why only steps with "always" are run; empty: all are
 };
 
-// One attempt of a step: its texts, ready to be sent and judged.
+// One attempt of a step, with its texts filled in.
 struct Attempt {
     Course &course;
     const Step &step;
@@ -57,7 +57,7 @@ struct Attempt {
         return std::max(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()), Milliseconds(0));
     }
     void judge(const std::string &text) { result.failure = expected.judge(text, groups); }
-    // Tells the observer ten times a second at most, and at the end.
+    // Returns a callback that tells the observer, at most ten times a second and at the end.
     Progress progress() const {
         return [this, told = Clock::time_point{}](uint64_t sent, uint64_t total) mutable {
             if (sent < total && Clock::now() - told < kProgressPause) return;
@@ -67,7 +67,7 @@ struct Attempt {
     }
 };
 
-// Takes what the step needs from the pools, once per run. It belongs to this unit for good before it is sent.
+// Takes what the step needs from the pools, once per run. It is recorded as this unit's before it is sent.
 void take(const Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     for (const Taken &taken : attempt.step.takes) {
@@ -80,14 +80,14 @@ void take(const Attempt &attempt) {
     }
 }
 
-// Returns what the step's texts may name.
+// Returns the variables that the step's texts may name.
 Variables valuesOf(const Step &step, const RunRecord &run) {
     Variables values = step.known;
     values.insert(run.variables.begin(), run.variables.end());
     return values;
 }
 
-// Fills in the step's texts, and checks the command again, which is complete now.
+// Fills in the step's texts, and checks the command once more, now that it is complete.
 void prepare(Attempt &attempt) {
     const Step &step = attempt.step;
     take(attempt);
@@ -110,7 +110,7 @@ void runCommand(Attempt &attempt) {
         attempt.session().sendCommand(attempt.command);
     }
     if (step.file) attempt.session().sendBytes(*step.file->bytes, attempt.progress());
-    // Without an expectation the board may be gone before it replies.
+    // A step without an expectation waits for no reply: the board may be gone before it.
     if (!step.expected) return;
     attempt.result.reply = attempt.session().receiveReply(attempt.left());
     attempt.judge(attempt.result.reply);
@@ -173,14 +173,14 @@ void runVerify(Attempt &attempt) {
     }
 }
 
-// A serial number is kept as it is everywhere, also where only UTF-8 is taken.
+// Accepts UTF-8 without control characters only, so that the serial number is the same in every record.
 bool isSerial(const std::string &text) {
     const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; };
     return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
 }
 
-// Makes the run one of this unit. What was taken for a unit stays with it. Returns why not; when the unit is refused,
-// the plan ends, unless the step names another one. `unconfirmed`: see Units.
+// Makes the run one of this unit. Returns an empty text, or why it is refused; the plan then ends, unless the step
+// names another unit. A run that has taken from a pool keeps its unit. `unconfirmed`: see Units.
 std::string nameUnit(Course &course, const std::string &serial, std::string *unconfirmed = nullptr) {
     RunRecord &run = course.run;
     course.refused = false;
@@ -199,7 +199,8 @@ bool hasGone(Course &course) {
     return course.board.session().gone() || Clock::now() - course.linked > kFlicker;
 }
 
-// Returns why the operator need not answer. An answer for a board that was taken away would go to the next one.
+// Returns why no answer is needed any more; empty: one is. An answer for a board that was taken away would otherwise go
+// to the next one.
 std::string reasonNotToAsk(Course &course) {
     if (hasGone(course)) return "the board has gone before the operator answered";
     if (!course.context.stop.requested()) return {};
@@ -207,7 +208,7 @@ std::string reasonNotToAsk(Course &course) {
     return "the station was stopped before the operator answered";
 }
 
-// Returns the answer. Whether it is for this board is certain once the cable has a link.
+// Returns the operator's answer. Waits until the cable has a link: only then is the answer certainly for this board.
 std::string answerTo(Attempt &attempt, const std::string &problem) try {
     Course &course = attempt.course;
     const auto needless = [&] { return reasonNotToAsk(course); };
@@ -221,7 +222,7 @@ std::string answerTo(Attempt &attempt, const std::string &problem) try {
     throw;
 }
 
-// Asks until the answer is right: people mistype, and scanners catch the wrong label.
+// Repeats the question until the answer is right: people mistype, and scanners read the wrong label.
 void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
     StepResult &result = attempt.result;
@@ -244,10 +245,10 @@ void runAsk(Attempt &attempt) {
     throw NoAnswer("nobody answered in time; the last answer: " + problem);
 }
 
-// Runs a step of each kind, in the order of Kind.
+// The functions that run a step, in the order of Kind.
 constexpr std::array<void (*)(Attempt &), 5> kRunners = {runCommand, runScriptStep, runVerify, runAsk, runOnStation};
 
-// Returns what is wrong with the value; empty: nothing.
+// Records a measured value. Returns what is wrong with it; empty: nothing.
 std::string measure(const Limit &limit, const std::string &text, std::vector<Measurement> &measurements) {
     double value = 0;
     const char *const end = text.data() + text.size();
@@ -262,7 +263,7 @@ std::string measure(const Limit &limit, const std::string &text, std::vector<Mea
                        limit.unit, low ? "below" : "above", low ? *limit.min : *limit.max);
 }
 
-// Checks what the match has found against the limits, and keeps it for later steps.
+// Checks the match's groups against the limits, and keeps them as variables for later steps.
 void keep(Attempt &attempt) {
     RunRecord &run = attempt.course.run;
     std::string &failure = attempt.result.failure;
@@ -285,7 +286,7 @@ void keep(Attempt &attempt) {
     }
 }
 
-// Returns why a board with this address is another one than the run's unit; empty: it may be it.
+// Returns why a board with this address cannot be the run's unit; empty when it can.
 std::string faultOfAddress(const RunRecord &run, const std::string &address, Records &records) {
     const AddressOwner owner = records.ownerOf(address, run);
     if (owner.unit == run.unit || (owner.unit.empty() && !owner.hasOthers)) return {};
@@ -297,7 +298,7 @@ std::string faultOfAddress(const RunRecord &run, const std::string &address, Rec
                        address);
 }
 
-// Ends the plan of a board that is not the run's unit, of which the run then says nothing.
+// Ends the plan of a board that is not the run's unit. Removes the unit from the run unless something was taken for it.
 void disown(Course &course) {
     course.refused = true;
     if (course.taken) return;
@@ -326,7 +327,7 @@ void checkOwner(Attempt &attempt) try {
     attempt.result.cause = Cause::kStation;
 }
 
-// Returns whose fault it is that a step could not be done. What was done and found wrong is the unit's.
+// Returns whose fault it is that a step could not be done. A step that was done and found a fault is the unit's.
 Cause causeOf(const std::exception &error, const Board &board) {
     const bool session = dynamic_cast<const SessionError *>(&error) != nullptr;
     if (session && !board.linked()) return Cause::kConnection;
@@ -381,7 +382,7 @@ void runAttempt(Course &course, size_t index) {
     if (step.reconnect && (result.failure.empty() || !course.connected)) reconnect(attempt);
 }
 
-// Returns why a step is not run; empty: it is.
+// Returns why the step is not run; empty when it is.
 std::string reasonAgainst(const Step &step, Course &course) {
     if (!course.over.empty() && !step.always) return course.over;
     if (!course.connected && step.needsBoard()) return "the session had ended";
@@ -416,7 +417,7 @@ void runStep(Course &course, size_t index) {
     context.records.stepEnded(course.run, index);
 }
 
-// Notes what the end of a step means for later ones.
+// Notes why later steps are not run after this one.
 void follow(Course &course, const Step &step, const StepResult &result) {
     if (!course.over.empty() || result.passed()) return;
     if (course.refused) course.over = "the unit was refused";

@@ -14,7 +14,7 @@ constexpr size_t kRemembered = 10000;  // units, for which a line without a stor
 
 std::string keyOf(const RunRecord &run) { return run.unit + '\n' + run.plan; }
 
-// "14:02", with the day when that is not today; by the station's clock.
+// Returns "14:02" in the station's time zone, with the date when that is not today.
 std::string localTimeOf(WallClock::time_point when) {
     const std::tm then = fmt::localtime(WallClock::to_time_t(when));
     const std::tm now = fmt::localtime(WallClock::to_time_t(WallClock::now()));
@@ -22,7 +22,7 @@ std::string localTimeOf(WallClock::time_point when) {
     return today ? fmt::format("{:%H:%M}", then) : fmt::format("{:%Y-%m-%d %H:%M}", then);
 }
 
-// Why a unit is not simply tested; empty: it is.
+// Why a unit is not tested at once; an empty text: it is.
 struct Doubt {
     std::string text = {};
     bool asks = false;  // the operator may confirm

@@ -1,5 +1,5 @@
 #pragma once
-// The units of this line: which ones are in work, each at one place, and how the last ones were judged.
+// The units of this line: those in work, each at one place, and the verdicts of the last ones.
 
 #include <map>
 #include <string>
@@ -12,22 +12,24 @@ namespace station {
 
 struct Context;
 
-// The unit that shows from time to time that a place judges right.
+// The reference unit, which is known to be good. By passing at a place it shows that the place judges right.
 struct Reference {
     std::string serial;      // empty: there is none
-    Milliseconds within{0};  // after which it is due again
+    Milliseconds within{0};  // after this time it is due again
 };
 
 class Units {
 public:
-    // Makes the run one of this unit, which no other place gets until the run has ended. Returns why not, for the
-    // operator; empty: it is. Rejects a unit that is in work: one label was scanned for two boards. Rejects a unit that
-    // has passed, or failed too often, as the plan says: an operator then confirms by naming it once more.
-    // Rejects all units but the reference while that is due at the place. `*unconfirmed`: the unit that the operator
-    // was told about, kept between the calls for a run; null: nobody can confirm.
+    // Makes the run one of this unit, which no other place gets until ended() or releaseAt(). Returns an empty text, or
+    // why the unit is rejected, for the operator; the run then keeps the unit that it had.
+    //
+    // Rejects a unit that is in work: one label was scanned for two boards. Rejects a unit that has passed or has
+    // failed too often, as far as the plan says so; an operator confirms by scanning it once more. Rejects all units
+    // but the reference unit while that is due at the place. `*unconfirmed` is the unit that waits for a confirmation;
+    // keep it between the calls for a run. Null: nobody can confirm.
     std::string admit(RunRecord &run, const std::string &serial, const Plan &plan, const Context &context,
                       std::string *unconfirmed);
-    // Releases the unit. Remembers how it was judged, for lines without a store.
+    // Releases the run's unit, and remembers its verdict for lines without a store.
     void ended(const RunRecord &run);
     // Releases whatever unit is in work at the place.
     void releaseAt(const Place &place);
@@ -38,9 +40,9 @@ private:
     std::string doubtOfPlace(const Place &place, const Reference &reference) const;
 
     mutable Mutex mutex_;
-    std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);            // the place's name by the unit
-    std::map<std::string, UnitHistory> histories_ GUARDED_BY(mutex_);         // by unit and plan, of the last ones
-    std::map<std::string, Clock::time_point> references_ GUARDED_BY(mutex_);  // passed then, by the place's name
+    std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);            // the place's name, by unit
+    std::map<std::string, UnitHistory> histories_ GUARDED_BY(mutex_);         // by unit and plan
+    std::map<std::string, Clock::time_point> references_ GUARDED_BY(mutex_);  // its last pass, by the place's name
 };
 
 }  // namespace station

@@ -1,5 +1,6 @@
 #pragma once
-// What is asked of a store. docs/database.md explains each column, and has the same questions in SQL.
+// The queries of a store. docs/database.md explains each column, and has the same queries in SQL. Each throws
+// StoreError or a type derived from it (database.h).
 
 #include <chrono>
 #include <string>
@@ -14,15 +15,15 @@ struct Section {
     Table table;
 };
 
-// Times in UTC, as the store has them or the start of one; empty: no bound. `until` itself is left out.
+// Times in the store's form (UTC), or the beginning of one. Empty: no bound. `until` itself is not in the period.
 struct Period {
     std::string since, until;
 };
 
-// Returns the two times, that of a bound that is empty being before or after all others.
+// Returns the two times as values for SQL. An empty bound becomes a time before or after all others.
 std::vector<Value> bounds(const Period &period);
 
-// Which runs are meant. An empty text: any.
+// Selects runs. An empty text selects all.
 struct Filter {
     Period period = {};
     std::string plan = {}, product = {};
@@ -30,48 +31,50 @@ struct Filter {
     std::string cause = {};                // of a failure: unit, connection, station, operator
 };
 
-// All about a unit by its serial or by a value that it was given (an address in any form), or about a run by its
-// name. Throws Refusal when there is neither.
+// Returns all about a unit, by its serial or by a value that it was given (an address in any form); or all about a run,
+// by its name. The name of the first section is "unit" or "run". Throws Refusal when there is neither.
 std::vector<Section> show(Database &database, const std::string &what);
 
 struct RunFilter {
     Filter filter = {};
     bool failed = false;
     int limit = 100;        // the newest ones; 0: all
-    std::string step = {};  // only those that failed at it; empty: all
-    std::string file = {};  // only those with a step that used the file of this name or SHA-256; empty: all
+    std::string step = {};  // only runs that failed at this step; empty: all
+    std::string file = {};  // only runs that used the file of this name or SHA-256; empty: all
 };
+// Returns the runs, the oldest first.
 Table listRuns(Database &database, const RunFilter &filter);
-// The same, a run at a time, however many there are.
+// The same in bounded memory: calls `row` for each run, and returns the table's head without rows.
 Table eachRun(Database &database, const RunFilter &wanted, const Database::EachRow &row);
 
-// Yield and cycle time, in all or a row for each part. A unit is counted once for each plan, where its last run is.
-// Only runs that say something about units count (RunRecord::counts). `zone`: hours and days are those of a clock that
-// is so far ahead of UTC.
 enum class By { kAll, kHour, kDay, kPlace, kPlan };
+// Returns yield and cycle time: one row in all, or one per hour, day, place or plan. A unit counts once per plan, where
+// its last run is. Only runs that say something about units count (RunRecord::counts). Hours and days begin by a clock
+// that is `zone` ahead of UTC.
 Table yields(Database &database, const Filter &filter, By by, std::chrono::minutes zone = {});
-// The unit's failures by step, unless the filter names another cause.
+// Returns failures by step, the most frequent first: the unit's, unless the filter names another cause.
 Table failuresByStep(Database &database, const Filter &filter);
-// The failures that were not the unit's, by cause, place and step.
+// Returns the failures that were not the unit's, by cause, place and step.
 Table failuresByCause(Database &database, const Filter &filter);
-// Measured values with their Cpk, of one name unless it is empty, in all or by place. Includes runs that have not
-// ended.
+// Returns the measured values of this name (empty: of all) with their Cpk, the lowest first: one row per plan and name,
+// or with By::kPlace also per place. Includes runs that have not ended, but no reference units.
 Table measuredValues(Database &database, const Filter &filter, const std::string &name = "", By by = By::kAll);
 
-// Of a measured value: the oldest of the filter, a row each; or all of them in so many groups of the same size, in the
-// order of time, each with its lowest, mean and highest.
+// Return the readings of a measured value in the order of time: the oldest `limit` of them, one per row; or all of them
+// in `groups` groups of the same size, each with its lowest, mean and highest.
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
 Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups);
-// How many of them lie in each of so many ranges of the same width; a range without any has no row.
+// Returns how many readings lie in each of `ranges` ranges of the same width. A range without any has no row.
 Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges);
 
-// What a filter can choose: the plans, products, stations and places of the last runs, a row for each combination.
+// Returns what a filter can select: one row per combination of plan, product, station and place in the last 5000 runs.
 Table choices(Database &database);
 
-// Units whose serials begin so, the last seen first, with the verdict of the last run.
+// Returns at most `limit` units whose serials begin with `begin`, the last seen first, with the verdict of the last
+// run.
 Table unitsLike(Database &database, const std::string &begin, int limit);
 
-// All about a run by its name. Throws Refusal when there is none.
+// Returns all about a run, by its name. Throws Refusal when there is none.
 std::vector<Section> showRun(Database &database, const std::string &name);
 
 }  // namespace station
