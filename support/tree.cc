@@ -194,7 +194,7 @@ void *bt_traverse(bt_tree *tree, int lock, int order, container_visit visit, voi
     void *const rootValue = tree->root != nullptr ? tree->root->value : nullptr;
     void *stoppedAt = nullptr;
     if (order == BT_BREADTH_FIRST) {
-        // Intended: a walk that a visit ends leaves the tree locked.
+        // Intended: when a visit ends the walk early, the tree stays locked.
         if (!breadthFirst(tree->root, walk)) return nullptr;
     } else if (!kWalks[order](tree->root, walk)) {
         stoppedAt = rootValue;

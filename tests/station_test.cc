@@ -275,9 +275,9 @@ TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
     EXPECT_NE(otherFile, started().planDigest);
 }
 
-// One wrong character must not keep the reader at work for ever, nor take memory without end: the memory is limited by
-// the sanitizer. Each character that means something in YAML comes before every character of a short file, and before
-// every line of the other files that are shipped.
+// A wrong character must neither keep the parser at work for ever nor make it take memory without end (the sanitizer
+// limits memory). Inserts each character that means something in YAML before every character of the short files, and
+// before every line of the long ones.
 TEST_F(PlanTest, AWrongCharacterIsReadOrRefused) {
     size_t read = 0, refused = 0;
     const auto load = [&](const std::string &text) {

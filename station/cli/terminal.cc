@@ -145,7 +145,7 @@ void Terminal::print(const RunRecord &run, const std::string &text) {
     print(boards_ == 1 ? text + "\n" : fmt::format("{}  {}\n", nameOf(run.place), text));
 }
 
-// An open question moves below the new lines; what is typed of its answer stays with the terminal.
+// Repeats an open question below the new lines. What has been typed of its answer is not lost: the terminal has it.
 void Terminal::print(const std::string &lines) {
     const Lock lock(mutex_);
     output_.put(watched_ ? "\r\033[K" + lines + prompt_ : lines);

@@ -54,13 +54,13 @@ void Door::attend(bool accept, bool probe, Milliseconds limit) {
 
 size_t Door::most() const { return listener_.interface().empty() ? kMostOfMany : kMost; }
 
-// Boards that wait take no room from one that connects again.
+// Boards that wait do not count: they must not keep out a board that connects again.
 bool Door::full() const {
     return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(),
                                              [](const Newcomer &one) { return !one.board; })) >= most();
 }
 
-// Returns true when the address, where many boards connect, holds enough of the room.
+// Returns true when this address already holds its share of a socket that many boards share.
 bool Door::crowded(const std::string &address) const {
     if (!listener_.interface().empty() || address == kNoCable) return false;
     const auto same = [&](const Newcomer &one) { return !one.board && one.address == address; };
@@ -84,7 +84,7 @@ void Door::letIn() try {
     pausedUntil_ = Clock::now() + kDescriptorPause;
 }
 
-// Returns false when the newcomer is refused. While there is no room for others, it has less time to answer.
+// Returns false when the newcomer is refused. While the room is full, it has less time to answer.
 bool Door::judge(Newcomer &newcomer, bool probe) {
     std::string why;
     try {
@@ -108,7 +108,7 @@ bool Door::judge(Newcomer &newcomer, bool probe) {
     return why.empty();
 }
 
-// A board's place is told by its cable, or else by its address.
+// Refuses each waiting board whose place another one waits for. The cable tells a board's place, or else its address.
 void Door::refuseSurplus() {
     const bool cabled = !listener_.interface().empty();
     std::set<std::string> places;

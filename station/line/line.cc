@@ -27,7 +27,7 @@ bool hasCarrier(const std::string &interface) {
 
 }  // namespace
 
-// A socket, with the places there.
+// A socket and its places.
 struct Line::Gate {
     Gate(Listener &listener, Observer &observer) : cable(listener.interface()), door(listener, observer) {}
 
@@ -42,7 +42,7 @@ struct Line::Gate {
     size_t expected = 0;                    // guarded by the line's mutex: boards that are likely to get a place
 };
 
-// A place, with the board that is served there.
+// A place and the board that is served there.
 struct Line::Seat : Board {
     Seat(Line &all, Gate &where, Place name) : line(all), gate(where), place(std::move(name)) {}
 
@@ -159,7 +159,7 @@ Outcome Line::work() {
     return outcome_;
 }
 
-// Looks after the records until all gates are closed.
+// Watches the deadline, the stop and the records until all gates are closed.
 void Line::look() {
     bool stopped = false;
     for (Lock lock(mutex_);;) {
@@ -181,7 +181,7 @@ void Line::look() {
     }
 }
 
-// Boards in work have been served when all gates are closed.
+// Ends all threads. Boards in work have been served already: only then does look() return.
 void Line::endThreads() {
     {
         const Lock lock(mutex_);
@@ -205,7 +205,7 @@ void Line::nameLeftOut() {
     outcome_.interrupted |= missing || !left_.empty();
 }
 
-// A batch fails the boards that it has waited for in vain.
+// Records a failed run for each board of a batch that never connected.
 void Line::missBoards() {
     if (endless_ || context_.stop.requested()) return;
     for (const Seat &seat : seats_) {
@@ -242,7 +242,7 @@ void Line::tendGate(Gate &gate) {
     changed_.notifyAll();
 }
 
-// Hands over the boards that have turned up, and says what to do next.
+// Hands over the boards that have turned up, and returns what the gate does next.
 Line::Orders Line::decide(Gate &gate) {
     const Lock lock(mutex_);
     gate.door.handOver([&](Newcomer &board) REQUIRES(mutex_) { return seat(gate, board); });
@@ -261,12 +261,12 @@ Line::Orders Line::decide(Gate &gate) {
         room += usable && (seat->awaits || (wants && (endless_ || !seat->had()))) ? 1 : 0;
     }
     orders.admit = room > gate.expected;
-    // A board that has connected to a batch is served as soon as records can be kept; a stop names it.
+    // Stays open for a board that waits until records can be kept; after a stop nameLeftOut() names that board.
     orders.last = ended_ || (closing() && idle && (context_.stop.requested() || gate.door.boards().empty()));
     return orders;
 }
 
-// Returns true when the board has got a place.
+// Gives the board a place. Returns false when there is none for it.
 bool Line::seat(Gate &gate, Newcomer &board) {
     Seat *const seat = seatFor(gate, board.address);
     if (seat == nullptr) return false;
@@ -278,8 +278,8 @@ bool Line::seat(Gate &gate, Newcomer &board) {
     return true;
 }
 
-// A place that no board has had comes first, so that a board that comes again finds its own; then the one whose board
-// has been gone for longest.
+// Returns the board's place; null when there is none. If any will do, takes one that has had no board yet, so that
+// boards that come again find their own; otherwise the one whose run ended first.
 Line::Seat *Line::seatFor(const Gate &gate, const std::string &address) {
     const bool tells = gate.seats.size() > 1 && address != kNoCable;
     Seat *vacant = nullptr;
@@ -315,7 +315,7 @@ void Line::watchCable(Gate &gate) {
 
 bool Line::closing() const { return closed_ || ended_ || (!endless_ && wanted_ <= 0) || context_.stop.requested(); }
 
-// A batch gives each place one run first; a board that comes again there waits until all boards have come.
+// A batch first gives each place one run. A board that comes again waits until all boards have come.
 bool Line::mayStart(const Seat &seat) const {
     return !seat.busy && !seat.held && away_.empty() && !ended_ && !context_.stop.requested() &&
            (endless_ || !seat.had() || closing());
@@ -373,7 +373,7 @@ bool Line::begin(const RunRecord &run) {
     }
 }
 
-// Sets who works at the place, or the run's failure.
+// Asks who works at the place, if the line wants to know. Sets the run's operator, or its failure.
 void Line::askWho(Seat &seat, const Job &job, RunRecord &run) try {
     const auto needless = [&]() -> std::string {
         if (context_.stop.requested()) return "the station was stopped";
@@ -386,7 +386,7 @@ void Line::askWho(Seat &seat, const Job &job, RunRecord &run) try {
     run.interrupted = context_.stop.requested();
 }
 
-// Holds a place where one unit after the other fails: the fault may be the place's.
+// Holds the place after too many failed units in a row: the fault may be the place's.
 void Line::holdAfter(Seat &seat, const Job &job, const RunRecord &run) {
     if (!run.counts()) return;
     seat.failed = run.passed() ? 0 : seat.failed + 1;

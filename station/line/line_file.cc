@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 constexpr int kMostPlaces = 1000;
 
-// The file while it is read.
+// What has been read of the file so far.
 struct Draft {
     LineFile line;
     fs::path folder;
@@ -55,7 +55,7 @@ struct Cable {
     std::string name, interface;
 };
 
-// A place's name becomes part of file names, and operators read it.
+// Allows only characters that are fit for a file's name: a place's name becomes a part of one.
 void readName(Cable &cable, const Entry &value) {
     cable.name = value.part();
     const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
@@ -100,7 +100,7 @@ const Keys<Hook> kHookKeys = {
     {"timeout", [](Hook &hook, const Entry &value) { hook.limit = value.seconds(); }},
 };
 
-// A command, or a map that limits its time too.
+// Reads a command, or a map of a command and its timeout.
 void readHook(Draft &draft, Hook &hook, const Entry &value) {
     hook.folder = draft.folder;
     if (value.node.IsMap()) {
@@ -120,7 +120,7 @@ void readVariables(Draft &draft, const Entry &value) {
     });
 }
 
-// A file, or a server's URL.
+// Reads a file's path or a server's URL.
 void readStore(Draft &draft, const Entry &value) {
     const bool url = value.line().find("://") != std::string::npos;
     draft.line.store = url ? value.line() : draft.beside(value).string();
@@ -134,7 +134,7 @@ void readPageListen(PageSettings &page, const Entry &value) {
     checkAddress(page.address, value);
 }
 
-// It travels in a header of HTTP, and must not be guessed.
+// Allows only what fits into an HTTP header, and requires a length that is hard to guess.
 void readToken(PageSettings &page, const Entry &value) {
     page.token = value.line();
     const auto fits = [](char c) { return c > ' ' && c < 0x7F; };
@@ -165,7 +165,7 @@ const Keys<PageSettings> kPageKeys = {
     {"language", [](PageSettings &page, const Entry &value) { page.language = value.line(); }},
 };
 
-// Where it listens, or a map.
+// Reads a port, an address with a port, or a map.
 void readPage(Draft &draft, const Entry &value) {
     PageSettings &page = draft.line.page.emplace();
     if (!value.node.IsMap()) {

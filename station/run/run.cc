@@ -327,7 +327,7 @@ void checkOwner(Attempt &attempt) try {
     attempt.result.cause = Cause::kStation;
 }
 
-// Returns whose fault it is that a step could not be done. A step that was done and found a fault is the unit's.
+// Returns whose fault it is that a step could not be done. What a step found wrong is the unit's fault.
 Cause causeOf(const std::exception &error, const Board &board) {
     const bool session = dynamic_cast<const SessionError *>(&error) != nullptr;
     if (session && !board.linked()) return Cause::kConnection;

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 constexpr size_t kAtOnce = 100;  // runs that are removed in one transaction: stations wait for it
 
-// A file that is on its way: under another name until it is whole.
+// A new file that has the name PATH.part until keep() is called, and is removed otherwise.
 class Part {
 public:
     explicit Part(const fs::path &path) : path_(path), part_(path.string() + ".part") {
@@ -35,7 +35,7 @@ public:
     Part &operator=(const Part &) = delete;
 
     const std::string &name() const { return part_; }
-    // Has the content on the disk, then the name.
+    // Makes the content durable, then gives the file its name.
     void keep() {
         sync(part_, O_RDONLY);
         fs::rename(part_, path_);
@@ -54,7 +54,7 @@ private:
 
 [[noreturn]] void fail(const std::string &name) { throw std::runtime_error(describeError("cannot write " + name)); }
 
-// A compressed file of lines.
+// A text file, compressed with gzip.
 class Lines {
 public:
     Lines(const std::string &name, const char *mode) : name_(name), file_(::gzopen(name.c_str(), mode)) {
@@ -87,7 +87,7 @@ private:
     std::unique_ptr<gzFile_s, Close> file_;
 };
 
-// Writes the records of the runs that started before this time. Returns how many.
+// Writes the records of the runs that started before this time, and reads them back. Returns how many there are.
 size_t writeRecords(Database &database, const std::string &before, const std::string &name) {
     Digest written("SHA256"), read("SHA256");
     Lines lines(name, "wbe");
@@ -104,7 +104,7 @@ size_t writeRecords(Database &database, const std::string &before, const std::st
     throw std::runtime_error(fmt::format("{} reads back otherwise than it was written", name));
 }
 
-// A run whose record has come late meanwhile, so that its verdict is another one, stays.
+// Removes the run unless its verdict has changed since it was read: a late record has then arrived.
 void removeRun(Database &database, const std::string &run, const Value &verdict) {
     for (const char *const table : {"measurements", "steps"}) {
         const std::string sql = "DELETE FROM {} WHERE run = (SELECT id FROM runs WHERE run = $1 AND verdict = $2)";

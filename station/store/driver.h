@@ -36,19 +36,20 @@ public:
     // Drops queued statements, and ends the transaction if there is one. A statement in progress may still be done, but
     // nobody gets its answer.
     virtual void rollBack() = 0;
+    // As in Database.
     virtual void giveUpAfter(std::chrono::milliseconds limit) = 0;
     virtual void onlyAsk(std::chrono::milliseconds limit) = 0;
     virtual void interrupt() = 0;  // for any thread
 };
 
-// What statements end with after interrupt().
+// Returns what statements throw after interrupt().
 inline TooSlow interrupted() { return TooSlow("the question was broken off"); }
 
-// `name`: a file, which is made if it is missing; postgresql://...
+// Connect to a file, which is made if it is missing, or to postgresql://... Throw StoreError or StoreAway.
 std::unique_ptr<Driver> openSqlite(const std::string &name);
 std::unique_ptr<Driver> openPostgresql(const std::string &name);
 
-// "postgresql://HOST/DATABASE": nothing of a user, a password or another parameter.
+// Returns "postgresql://HOST/DATABASE", without user, password and other parameters.
 std::string shownPostgresql(const std::string &name);
 
 }  // namespace station

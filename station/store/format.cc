@@ -23,7 +23,7 @@ std::string guarded(const std::string &text) {
     return formula ? "'" + text : text;
 }
 
-// Returns the number of decimals; -1: as many as seven digits have.
+// Returns how many decimals to show; -1: show seven significant digits.
 int decimalsOf(double minimum, double maximum, double deviation) {
     const double limits =
         std::isfinite(minimum - maximum) ? maximum - minimum : std::abs(std::isfinite(minimum) ? minimum : maximum);

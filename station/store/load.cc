@@ -41,7 +41,7 @@ void loadSteps(Database &database, const Value &key, RunRecord &run) {
                                      " ORDER BY step",
                                      {key});
     for (const auto &row : steps.rows) {
-        // An interrupted run may lack some.
+        // An interrupted run may lack steps.
         const auto at = std::clamp<size_t>(size_t(numberOf(row[9])), run.steps.size() + 1, kMostSteps);
         run.steps.resize(at);
         StepResult &step = run.steps.back();

@@ -20,8 +20,8 @@ void consider(RunRecord &best, const RunRecord &run) {
 
 void add(Runs &all, const RunRecord &run) { consider(all.try_emplace(run.id, run).first->second, run); }
 
-// Adds the runs that are running in the store, and returns those that another station took for interrupted, since this
-// one was off for more than a day: their ends may be in their files.
+// Adds the runs that the store has as running, and those that another station marked as interrupted because this one
+// was off for more than a day. Returns the latter: their ends may be in their files.
 std::set<std::string> addRunning(Database &database, const std::set<std::string> &keys, Runs &all) {
     std::set<std::string> doubtful;
     const std::string begun =
@@ -39,7 +39,7 @@ std::set<std::string> addRunning(Database &database, const std::set<std::string>
     return doubtful;
 }
 
-// Looks the run up where it was not found, or was found with less.
+// Replaces the run by the store's or the file's record if that knows more.
 void complete(Database &database, const FileRecords *files, const std::string &id, RunRecord &run) {
     if (!database.ask("SELECT 1 FROM runs WHERE run = $1", {id}).empty()) {
         const RunRecord stored = loadRun(database, id);
@@ -50,7 +50,7 @@ void complete(Database &database, const FileRecords *files, const std::string &i
     run.interrupted |= !run.ended();
 }
 
-// Writes the file first, which is the truth when the process dies in between.
+// Writes the file first: it is authoritative if the process dies in between.
 void settle(Database &database, Spool &spool, FileRecords *files, const RunRecord &run, const Spool::Say &say) {
     try {
         if (files) files->ends(run);

@@ -43,7 +43,7 @@ std::string unknown(const std::string &name) {
     return fmt::format("there is no pool \"{}\": \"qcstation pool add\" or \"pool import\" makes it", name);
 }
 
-// The pool of this name and kind, made if need be.
+// Returns the pool of this name and kind; makes it if there is none. Throws Refusal when it is of another kind.
 Pool openPool(Database &database, const std::string &name, const std::string &kind, int low) {
     const std::string fault = faultOfName(name);
     if (!fault.empty() && !findPool(database, name)) throw Refusal("a plan cannot ask for this pool: " + fault);
@@ -78,7 +78,7 @@ void addUnusual(Strings &unusual, Range range) {
     }
 }
 
-// Inserts the rows, many with a statement. `head` ends with "VALUES".
+// Inserts the rows, many per statement. `head` ends with "VALUES".
 void insertRows(Database &database, const std::string &head, const std::vector<std::vector<Value>> &rows,
                 const std::string &tail = {}) {
     for (size_t begin = 0; begin < rows.size(); begin += kRows) {
@@ -100,7 +100,7 @@ int64_t newest(Database &database, const char *table) {
     return integer(database.ask(fmt::format("SELECT max(id) FROM {}", table)).rows[0][0]);
 }
 
-// An address as the pools have it, of a number in SQL.
+// Returns SQL that formats a number as an address.
 std::string addressIn(const Database &database, const std::string &number) {
     if (database.shared()) {
         return fmt::format(R"(upper(regexp_replace(lpad(to_hex({}), 12, '0'), '(..)(?=.)', '\1:', 'g')))", number);
@@ -110,7 +110,7 @@ std::string addressIn(const Database &database, const std::string &number) {
     return fmt::format("printf('%02X:%02X:%02X:%02X:%02X:%02X'{})", bytes);
 }
 
-// Returns the range with the address, of sorted ones; null: none has it.
+// Returns the range that contains the address; null when none does. The ranges must be sorted.
 const Range *find(const std::vector<Range> &ranges, Mac address) {
     const auto after = std::upper_bound(ranges.begin(), ranges.end(), address,
                                         [](Mac mac, const Range &range) { return mac < range.first; });
@@ -118,7 +118,7 @@ const Range *find(const std::vector<Range> &ranges, Mac address) {
     return has ? &*std::prev(after) : nullptr;
 }
 
-// Throws when a range of the store overlaps another one.
+// Throws Refusal when ranges in the store overlap.
 void refuseOverlaps(Database &database) {
     const Table ranges = database.ask(
         "SELECT first, last, last_before, name FROM (SELECT r.first, r.last, max(r.last) OVER (ORDER BY r.first"
@@ -130,9 +130,9 @@ void refuseOverlaps(Database &database) {
     }
 }
 
-// Throws when any pool has an address of these sorted ranges as a value. One pass over the values: a database that does
-// not know the new ranges yet would look through all of them for each. Those of stores that were of version 1 have no
-// number.
+// Throws Refusal when any pool has an address of these sorted ranges as a value. Reads the values once: the new ranges
+// are not in the database yet, so a query per range would scan all values each time. Values that were added before
+// version 2 of the schema have no number, so those are parsed.
 void refuseKnown(Database &database, const std::vector<Range> &ranges) {
     Value known;
     const auto look = [&](const Table &, const std::vector<Value> &row) {
@@ -146,7 +146,7 @@ void refuseKnown(Database &database, const std::vector<Range> &ranges) {
     if (known) throw Refusal(*known);
 }
 
-// Consecutive addresses become one range, so that blocks can be taken of it.
+// Joins consecutive ranges, so that blocks can be taken across their borders.
 std::vector<Range> joined(std::vector<Range> ranges) {
     std::sort(ranges.begin(), ranges.end(), [](Range a, Range b) { return a.first < b.first; });
     std::vector<Range> all;
@@ -187,7 +187,7 @@ std::string trimmed(const std::string &text) {
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t\r") + 1 - begin);
 }
 
-// The fields of a line of comma-separated values; a quoted one may hold commas, and quotes twice each.
+// Returns the fields of a line of CSV. A quoted field may hold commas, and quotes that are doubled.
 Strings fieldsOf(const std::string &line) {
     Strings fields(1);
     bool quoted = false;
@@ -227,7 +227,7 @@ public:
     }
     const std::vector<Row> &rows() const { return rows_; }
 
-    // The rows by `convert`. Throws when it does for some, with all that it throws.
+    // Returns the converted rows. Throws one Refusal with all that `convert` has thrown.
     template <typename Convert>
     auto convert(Convert &&convert) {
         std::vector<decltype(convert(rows_[0]))> results;
@@ -279,7 +279,7 @@ std::vector<Value> valueOf(const Row &row) {
     return {value, mac ? number(*mac) : std::nullopt};
 }
 
-// A file with both is a file of addresses with a mistake in it, or worse.
+// Throws Refusal when a file has both addresses and values: it is probably a file of addresses with a mistake.
 void refuseMixture(File &file, const std::vector<std::vector<Value>> &values) {
     const auto isWritten = [](const std::vector<Value> &row) { return row[1] && row[0]->size() == 17; };
     const auto addresses = std::count_if(values.begin(), values.end(), isWritten);
@@ -342,7 +342,7 @@ int64_t addValues(Database &database, const Pool &pool, File &file, Rows rows) {
 
 // ---- retiring
 
-// Makes two ranges of the one that has the address and the one before it.
+// Splits the range that has both this address and the one before it, so that a range begins at this address.
 void cut(Database &database, const Pool &pool, Mac at) {
     const std::string both = fmt::format("WHERE pool = {0} AND first < {1} AND last >= {1}", pool.id, at);
     database.queue(fmt::format("INSERT INTO ranges (pool, first, last, next, retired) SELECT pool, first, {0} - 1,"
@@ -374,7 +374,7 @@ int64_t retireValues(Database &database, const Pool &pool, const std::string &va
 
 // ---- giving
 
-// How many blocks of so many addresses a range still has, none of them with a carry.
+// SQL: how many blocks of {count} addresses a range still has. A block must not cross a carry of the sixth byte.
 constexpr const char *kBlocks = "CASE WHEN {next} / 256 = {last} / 256 THEN ({last} - {next} + 1) / {count} ELSE"
                                 " (256 - {next} % 256) / {count} + ({last} / 256 - {next} / 256 - 1) * (256 / {count})"
                                 " + ({last} % 256 + 1) / {count} END";
@@ -385,29 +385,29 @@ std::string blocksOf(const std::string &range, const std::string &count) {
                        "count"_a = count);
 }
 
-// In all that follows $1 is the pool's name, $2 the run's and $3 the time. First what the unit has, if it fits: the
-// first of its addresses that has the others of a block after it.
+// In all statements below, $1 is the pool's name, $2 the run's and $3 the time. First choice: what the unit already
+// has. kHas is the first of its addresses that begins a whole block.
 constexpr const char *kPool = "(SELECT id FROM pools WHERE name = $1)";
 constexpr const char *kUnit = "(SELECT unit FROM runs WHERE run = $2)";
 constexpr const char *kHas = R"((SELECT min(a.number) FROM pool_rows a WHERE a.unit = {unit} AND a.pool = {pool}
     AND a.number % 256 + {count} <= 256 AND {count} = (SELECT count(*) FROM pool_rows c WHERE c.unit = a.unit
         AND c.pool = a.pool AND c.number BETWEEN a.number AND a.number + {count} - 1)))";
 
-// Else the lowest block of a range that has room for it, before the sixth byte's carry or after it.
+// Otherwise the lowest block of the first range that has room for one, before a carry of the sixth byte or after it.
 constexpr const char *kChosen = R"(
 free AS (SELECT r.first, r.next, r.last, CASE WHEN r.next % 256 + {count} > 256 THEN (r.next / 256 + 1) * 256 ELSE r.next
     END AS start FROM ranges r WHERE r.pool = {pool} AND r.next <= r.last AND NOT r.retired),
 chosen AS (SELECT * FROM free WHERE start + {count} - 1 <= last AND {unit} IS NOT NULL AND {has} IS NULL
     ORDER BY first LIMIT 1))";
 
-// The addresses before the carry, too few for this block, become a range of their own, for smaller boards.
+// The addresses before the carry are too few for this block. They become a range of their own, for smaller boards.
 constexpr const char *kSplit = R"(INSERT INTO ranges (pool, first, last, next, retired)
     WITH {chosen} SELECT {pool}, first, start - 1, next, FALSE FROM chosen WHERE start > next)";
 constexpr const char *kBind = R"(INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired)
     WITH RECURSIVE {chosen}, block(number, stop) AS (SELECT start, start + {count} FROM chosen
         UNION ALL SELECT number + 1, stop FROM block WHERE number + 1 < stop)
     SELECT {pool}, {address}, number, {unit}, $2, {time}, FALSE FROM block)";
-// Numbers that are not below `next` are those that were bound just now.
+// Numbers from `next` on were bound just now.
 constexpr const char *kAdvance = R"(UPDATE ranges SET
     first = (SELECT CASE WHEN min(b.number) > ranges.next THEN min(b.number) ELSE ranges.first END FROM pool_rows b
         WHERE b.number BETWEEN ranges.next AND ranges.last),
@@ -432,7 +432,7 @@ constexpr const char *kLeft = R"(SELECT p.kind, p.low, CASE p.kind
         LIMIT (SELECT (low + 1) * {count} FROM pools WHERE name = $1)) AS free) / {count} END
     FROM pools p WHERE p.name = $1)";
 
-// The SQL for blocks of so many.
+// The SQL that takes blocks of `count` addresses, or `count` values.
 class Taking {
 public:
     Taking(const Database &database, int count)
@@ -503,7 +503,7 @@ Imported importFile(Database &database, const std::string &name, const std::file
         throw Refusal(fmt::format("the pool \"{}\" is new: say --kind addresses or --kind values", name));
     }
     const std::string all = kind.empty() ? known->kind : kind;
-    // All that takes its time is done before the transaction, which holds locks.
+    // Slow work is done before the transaction, which holds locks.
     const std::vector<Range> ranges = all == "addresses" ? file.convert(rangeOf) : std::vector<Range>();
     Rows values = all == "addresses" ? Rows() : valuesIn(file);
     Imported result{0, file.rows()[0].fields[0], {}};

@@ -1,5 +1,4 @@
-// PostgreSQL. Statements are queued in libpq's pipeline: those of a transaction travel together, and their answers come
-// back together.
+// PostgreSQL. Statements are queued in libpq's pipeline: those of a transaction travel together, as do their answers.
 #include <fmt/format.h>
 #include <libpq-fe.h>
 #include <poll.h>
@@ -27,7 +26,7 @@ using Milliseconds = std::chrono::milliseconds;
 constexpr size_t kPrepared = 200;  // statements that the server keeps; the program has some fifty
 constexpr size_t kQueued = 256;    // statements that may be queued before their answers are fetched
 
-// Types of columns by their numbers in the catalogue, which never change.
+// Column types by their numbers in PostgreSQL's catalogue, which never change.
 enum : Oid {
     kBool = 16,
     kInt8 = 20,
@@ -39,21 +38,22 @@ enum : Oid {
     kNumeric = 1700
 };
 
-// The classes of SQLSTATE that are no fault of the statement: connection, rollback for another transaction's sake,
-// resources, locks, operator intervention, disks, damage; and a server that only reads, as a standby does.
+// Prefixes of SQLSTATE for which the statement is not at fault: connection, rollback because of another transaction,
+// resources, locks, operator intervention, disks, a read-only server (a standby), damage.
 constexpr std::string_view kAway[] = {"08", "40", "53", "55P03", "57", "58", "25006", "XX001", "XX002"};
 constexpr Milliseconds kForSession{11000};  // to answer the first statement
 constexpr std::string_view kCancelled = "57014";
 
-// A peer that is gone without a word is noticed within seconds. The address may say otherwise. The first four are the
-// client's; the server is asked for its own after the connection is made, as far as it knows them.
+// Defaults of the connection, which the address may override. The timeouts detect a server that vanished without a
+// close within seconds; kSession asks the server to detect a vanished client likewise.
 constexpr std::pair<const char *, const char *> kConnection[] = {
     {"connect_timeout", "3"},     {"tcp_user_timeout", "3000"}, {"keepalives_idle", "5"},
     {"keepalives_interval", "2"}, {"keepalives_count", "3"},    {"fallback_application_name", "qcstation"},
     {"client_encoding", "UTF8"}};
 
-// A station that loses its power within a transaction must not hold its locks for longer than the others wait. A disk's
-// head is not assumed: else a day of a million runs is looked for in all of them.
+// Settings of the session, as far as the server knows them. The timeouts free the locks of a station that loses its
+// power within a transaction before the other stations give up. random_page_cost is that of an SSD: with the default, a
+// query for one day of a million runs scans all of them.
 constexpr const char *kSession = R"(
 SELECT set_config(p.name, v.setting, false) FROM pg_settings p JOIN (VALUES
     ('idle_in_transaction_session_timeout', '5s'), ('client_connection_check_interval', '2s'),
@@ -69,7 +69,8 @@ struct Close {
 };
 using Result = std::unique_ptr<PGresult, Close>;
 
-// The parts of the address by their names. libpq's own words would quote what stands at a wrong place, as a password.
+// Returns the parts of the address by their names. Throws StoreError in our own words: libpq's would quote a misplaced
+// part, which may be the password.
 std::map<std::string, std::string> partsOf(const std::string &name) {
     const std::unique_ptr<PQconninfoOption, Close> options(PQconninfoParse(name.c_str(), nullptr));
     std::map<std::string, std::string> parts;
@@ -87,7 +88,7 @@ bool holdsNumbers(Oid type) {
     return std::find(std::begin(kNumbers), std::end(kNumbers), type) != std::end(kNumbers);
 }
 
-// As SQLite has it: 1 and 0, no NaN, "2026-11-21T17:30:00.120Z" for "2026-11-21 17:30:00.12+00".
+// Returns the value in SQLite's form: 1 and 0, no NaN, "2026-11-21T17:30:00.120Z" for "2026-11-21 17:30:00.12+00".
 Value valueOf(const PGresult *result, int row, int column) {
     if (PQgetisnull(result, row, column)) return std::nullopt;
     std::string text(PQgetvalue(result, row, column), size_t(PQgetlength(result, row, column)));
@@ -138,7 +139,7 @@ public:
     }
 
 private:
-    // What was sent and not answered yet.
+    // A statement that was sent and not answered yet.
     struct Sent {
         std::shared_ptr<Answer> answer;
         bool commits;
@@ -172,7 +173,7 @@ Postgresql::Postgresql(const std::string &name) {
     values.insert(values.end(), {name.c_str(), nullptr});
     connection_.reset(PQconnectdbParams(keys.data(), values.data(), 1));
     if (!connection_) throw StoreAway("no memory");
-    // What the server says besides its answers would go to standard error, into the display.
+    // libpq would print the server's notices on standard error, into the display.
     PQsetNoticeProcessor(
         connection_.get(), [](void *, const char *) {}, nullptr);
     if (PQstatus(connection_.get()) != CONNECTION_OK || PQsetnonblocking(connection_.get(), 1) != 0) lost();
@@ -182,7 +183,7 @@ Postgresql::Postgresql(const std::string &name) {
     limit_ = Milliseconds(0);
 }
 
-// The server gives up first, and says so; should it hang, so that nothing comes at all, the connection is lost.
+// The server's own timeout comes first, and keeps the connection. If the server hangs, ours ends the connection.
 void Postgresql::giveUpAfter(Milliseconds limit) {
     queue(fmt::format("SET statement_timeout = {}", limit.count()), {}, nullptr);
     finish();
@@ -208,7 +209,7 @@ void Postgresql::sent(int success, Sent what) {
     pipeline_.push_back(std::move(what));
 }
 
-// The server reads and plans a statement with values once for all its uses.
+// Returns the name of the prepared statement, so that the server parses and plans it once for all its uses.
 const std::string &Postgresql::prepared(const std::string &sql, size_t values) {
     if (const auto known = names_.find(sql); known != names_.end()) return known->second;
     if (names_.size() >= kPrepared) {
@@ -233,7 +234,7 @@ void Postgresql::queue(const std::string &sql, const std::vector<Value> &values,
     sent(success, {std::move(answer), sql == "COMMIT"});
 }
 
-// The next result, or null where those of a statement end.
+// Returns the next result; null at the end of a statement's results.
 Result Postgresql::next() {
     PGconn *const from = connection_.get();
     for (;;) {
@@ -270,7 +271,7 @@ void Postgresql::finish() {
         if (PQstatus(connection_.get()) != CONNECTION_OK) lost();
         if (!error_ && first.answer && first.answer->done) first.answer->done(std::move(first.answer->table));
     }
-    // Outside a transaction, what is checked at the end of one fails here.
+    // Deferred constraints of a statement outside a transaction fail here.
     for (Result end = next(); PQresultStatus(end.get()) != PGRES_PIPELINE_SYNC; end = next()) {
         if (PQstatus(connection_.get()) != CONNECTION_OK) lost();
         if (end && !error_) noteError(end.get());

@@ -23,7 +23,7 @@ constexpr const char *kRuns =
     " r.attempt, r.failed_step, r.failure, r.cause, r.operator, r.reference FROM runs r"
     " JOIN stations s ON s.id = r.station LEFT JOIN units u ON u.id = r.unit";
 
-// The conditions of a filter on a run r, which the file's SQL has at {runs}; on a measurement m at {readings}.
+// A filter's conditions on a run r. They replace {runs} in an SQL file; {readings} is for those on a measurement m.
 constexpr std::pair<std::string Filter::*, const char *> kConditions[] = {
     {&Filter::plan, " AND r.plan = ${}"},
     {&Filter::product, " AND r.unit IN (SELECT id FROM units WHERE product = ${})"},
@@ -42,13 +42,13 @@ std::string fill(std::string sql, const Words &words) {
     return sql;
 }
 
-// A question about the runs of a filter.
+// A query about the runs of a filter.
 class Question {
 public:
     explicit Question(const Filter &filter) : plan_(!filter.plan.empty()), values_(bounds(filter.period)) {
         for (const auto &[member, condition] : kConditions) add(condition, filter.*member);
     }
-    // Adds a condition on the value, ${} in it, unless that is empty.
+    // Adds a condition with the value at its ${}. An empty value adds none.
     void add(const char *condition, const std::string &value) {
         if (value.empty()) return;
         values_.emplace_back(value);
@@ -57,12 +57,12 @@ public:
     const std::string &runs() const { return runs_; }
     const std::vector<Value> &values() const { return values_; }
 
-    // Asks what the file NAME.sql asks.
+    // Runs the query of the file NAME.sql.
     Table ask(Database &database, const char *name, Words words = {}) const {
         words["{runs}"] = runs_;
         return database.ask(fill(std::string(sqlFile(name)), words), values_);
     }
-    // The same about the measured values of this name; empty: of all.
+    // The same for the measured values of this name; empty: of all names.
     Table askReadings(Database &database, const char *file, const std::string &name, Words words = {}) {
         std::string readings = std::string("m.started >= $1 AND m.started < $2") + kReference;
         if (plan_) readings += " AND m.plan = $3";
@@ -79,13 +79,13 @@ private:
     std::string runs_ = "r.started >= $1 AND r.started < $2";
 };
 
-// As a scanner or a label may have it; anything else is left as it is.
+// Returns an address in any form in the store's form; any other text unchanged.
 std::string inStoreForm(const std::string &value) {
     const auto mac = parseMac(value);
     return mac ? formatMac(*mac) : value;
 }
 
-// The plans and their files of the runs that have this key in the column.
+// Returns the plans, with their files, of the runs that have this key in the column.
 Table filesOf(Database &database, const char *column, const Value &key) {
     return database.ask(fmt::format("SELECT r.run, v.name AS plan, v.digest AS plan_sha256, f.step, f.name AS file,"
                                     " f.size, f.sha256 FROM runs r JOIN plan_versions v ON v.id = r.plan_version"
@@ -111,7 +111,7 @@ std::vector<Section> showUnit(Database &database, const Value &unit) {
             {"files", filesOf(database, "r.unit", unit)}};
 }
 
-// Returns the archives that may have the run, whose name begins with its start; empty: none.
+// Returns a clause that names the archives that may have the run, by the start in its name; empty when none may.
 std::string archivesOf(Database &database, const std::string &run) {
     const std::string form = "00000000T000000";
     if (run.size() < form.size() || run[8] != 'T') return {};
@@ -239,7 +239,7 @@ Table measuredValues(Database &database, const Filter &filter, const std::string
         {"{group}", std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
         {"{join}", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
         {"{ordinals}", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
-    // An index answers for a value of a plan. To group all values at once, SQLite would sort them.
+    // One query per plan and name: an index answers it. To group all values in one query, SQLite would sort them.
     auto names = database.ask(std::string(sqlFile("measured_names"))).rows;
     std::erase_if(names, [&](const auto &row) {
         return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);

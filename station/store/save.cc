@@ -9,7 +9,7 @@
 namespace station {
 namespace {
 
-// A station that makes itself known says when it was seen, by the store's clock.
+// Leaves a known station as it is: its `seen` comes from the store's clock.
 constexpr const char *kWriteStation =
     "INSERT INTO stations (key, name, seen) VALUES ($1, $2, $3) ON CONFLICT (key) DO NOTHING";
 
@@ -48,7 +48,7 @@ constexpr const char *kWriteMeasurement =
     " VALUES ((SELECT id FROM runs WHERE run = $1), $2, $3, $4, $5, $6, $7, $8, $9, $10)"
     " ON CONFLICT (run, step, name) DO NOTHING";
 
-// Counts the attempts of a unit and plan anew: a run may come late.
+// Renumbers the attempts of a unit and plan, since a run may arrive late.
 constexpr const char *kCount =
     "UPDATE runs SET attempt = counted.attempt, superseded = counted.superseded FROM"
     " (SELECT id, row_number() OVER (ORDER BY started, id) AS attempt,"

@@ -41,7 +41,7 @@ void writeAll(int file, std::string_view bytes, const fs::path &path) {
     }
 }
 
-// Has the names of the folder's files on the disk.
+// Makes the names of the folder's files durable.
 void syncFolder(const fs::path &folder) {
     const Descriptor descriptor = openFile(folder, O_RDONLY | O_DIRECTORY);
     if (::fsync(descriptor.descriptor()) != 0) fail(folder, "write to");
@@ -51,10 +51,10 @@ void renameTo(const fs::path &from, const fs::path &to) {
     if (::rename(from.c_str(), to.c_str()) != 0) fail(to, "make");
 }
 
-// Returns an empty text when there is no such file.
+// Returns the file's text; empty when there is no such file.
 std::string textOf(const fs::path &path) { return readFileIfThere(path, 1 << 30).value_or(""); }
 
-// Returns true for KEY.spool; what else somebody has put there is left alone.
+// Returns true for KEY.spool. Other files in the folder are not ours.
 bool isKey(const fs::path &path) {
     const std::string key = path.stem();
     const bool digits = key.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -66,7 +66,8 @@ std::string newKey() {
     return fmt::format("{:08x}{:08x}", random(), random());
 }
 
-// The lock ends with the process, however that ends. The file is never removed: who has the lock has the name, too.
+// Locks the file of a key; returns its descriptor, or -1 when another process has the lock. The lock ends with the
+// process, however that ends. The file is never removed: otherwise two processes could lock two files of one name.
 int lock(const fs::path &path) {
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (file < 0) fail(path, "open");
@@ -100,7 +101,7 @@ void Spool::lockNew() {
     locks_[key] = lock(folder_ / (key + ".spool"));
 }
 
-// Takes a file of a key that is now this process's. An earlier version kept statements in the file of the key.
+// Takes over a file of a key that this process has locked. An earlier version kept statements in the key's file.
 void Spool::adopt(const fs::path &path) {
     const std::string stem = path.stem(), key = stem.substr(0, stem.find('-'));
     std::error_code error;
@@ -155,7 +156,7 @@ void Spool::keep(const RunRecord &run) {
     const std::string text = dump(run) + "\n";
     const Descriptor file = openFile(room, O_WRONLY | O_CREAT);
     writeAll(file.descriptor(), text, room);
-    // The blocks beyond the end go with this.
+    // This also frees the reserved blocks beyond the end.
     if (::ftruncate(file.descriptor(), off_t(text.size())) != 0 || ::fsync(file.descriptor()) != 0) {
         fail(room, "keep a record in");
     }

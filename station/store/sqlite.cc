@@ -1,4 +1,4 @@
-// SQLite. A statement is done when it is queued: there is no way to travel.
+// SQLite. A queued statement is done at once: there is no round trip to save.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sqlite3.h>
@@ -23,7 +23,7 @@ constexpr int kInstructions =
     10000;                         // of SQLite's machine between two looks at the clock: some tenths of a millisecond
 constexpr size_t kPrepared = 200;  // statements that are kept; the program has some fifty
 
-// No fault of the statement: the same may succeed later.
+// Codes for which the statement is not at fault: a retry may succeed later.
 const std::set<int> kAway = {SQLITE_BUSY,     SQLITE_LOCKED,  SQLITE_NOMEM, SQLITE_READONLY,
                              SQLITE_IOERR,    SQLITE_CORRUPT, SQLITE_FULL,  SQLITE_CANTOPEN,
                              SQLITE_PROTOCOL, SQLITE_NOTADB,  SQLITE_AUTH,  SQLITE_PERM};
@@ -48,7 +48,7 @@ Value valueOf(sqlite3_stmt *row, int column) {
     }
 }
 
-// The numbers that an aggregate was given.
+// Returns the numbers that the aggregate has collected so far.
 std::vector<double> &collected(sqlite3_context *context) {
     auto **const numbers = static_cast<std::vector<double> **>(sqlite3_aggregate_context(context, sizeof(void *)));
     if (*numbers == nullptr) *numbers = new std::vector<double>;
@@ -61,7 +61,7 @@ void collect(sqlite3_context *context, int count, sqlite3_value **values) {
     if (sqlite3_value_type(values[0]) != SQLITE_NULL) numbers.push_back(sqlite3_value_double(values[0]));
 }
 
-// nearest_rank(value, share): the lowest of the values that this share of them does not exceed.
+// nearest_rank(value, share): the percentile by nearest rank; share 0.5 is the median.
 void nearestRank(sqlite3_context *context) {
     const std::unique_ptr<std::vector<double>> numbers(&collected(context));
     if (numbers->size() < 2) return sqlite3_result_null(context);
@@ -71,7 +71,7 @@ void nearestRank(sqlite3_context *context) {
     sqlite3_result_double(context, *rank);
 }
 
-// stddev_samp(value): the standard deviation of a sample.
+// stddev_samp(value): the sample's standard deviation.
 void deviation(sqlite3_context *context) {
     const std::unique_ptr<std::vector<double>> numbers(&collected(context));
     const double count = double(numbers->size());
@@ -108,8 +108,8 @@ private:
     std::atomic<bool> interrupted_ = false;
 };
 
-// The file has keys in it: its group may read them, nobody else. What SQLite adds beside it gets the same mode. A file
-// that is there already is not opened here: closing it again would end the locks of this process's other connections.
+// Makes a new file with mode 0640, because it may contain keys; SQLite gives the files beside it the same mode. O_EXCL:
+// an existing file must not be opened here, since closing it would drop the locks of this process's other connections.
 Sqlite::Sqlite(const std::string &name) {
     const int file = ::open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0640);
     if (file >= 0) ::close(file);
@@ -171,7 +171,7 @@ void Sqlite::queue(const std::string &sql, const std::vector<Value> &values, std
     if (answer && answer->done) answer->done(std::move(answer->table));
 }
 
-// A column of a table has its declared type; a computed one has that of its values.
+// Steps through the rows. A column of a table has its declared type, a computed one the type of its values.
 void Sqlite::step(sqlite3_stmt *statement, Answer &answer) {
     Table &table = answer.table;
     const int count = sqlite3_column_count(statement);

@@ -31,14 +31,14 @@ std::string clockOf(const Database &database) {
     return database.shared() ? "CURRENT_TIMESTAMP" : "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')";
 }
 
-// Returns SQL for: the station s was seen in the last so many seconds.
+// Returns an SQL condition: the station s was seen within the last `ago` seconds.
 std::string wasSeen(const Database &database, Seconds ago) {
     return database.shared()
                ? fmt::format("s.seen > CURRENT_TIMESTAMP - interval '{} seconds'", ago.count())
                : fmt::format("s.seen > strftime('%Y-%m-%dT%H:%M:%fZ', 'now', '-{} seconds')", ago.count());
 }
 
-// Throws when another process, which was heard of lately, has the unit in work.
+// Throws Refusal when another process that was active lately has the unit in work.
 void refuseInWork(Database &database, const std::string &serial, const std::string &key) {
     const Table found = database.ask(
         "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
@@ -64,7 +64,7 @@ UnitHistory historyOf(Database &database, const RunRecord &run) {
     return history;
 }
 
-// The serial number of one product must not pass for that of another: the label may be the wrong one.
+// Throws Refusal when the serial number belongs to a unit of another product: the label may be the wrong one.
 void refuseOtherProduct(Database &database, const RunRecord &run) {
     const auto product = run.variables.find("product");
     if (product == run.variables.end() || product->second.empty()) return;
@@ -124,7 +124,8 @@ void StoreRecords::greet(Database &database, bool fresh) {
     warnOfPools(database);
 }
 
-// Another machine that has a copy of the spool has its keys, too: only one of the two may answer for what they left.
+// Claims the spool's keys in the store. A machine with a copy of the spool has the same keys, but only one of the two
+// may settle the runs that they left.
 void StoreRecords::holdKeys(Database &database) {
     firstTry_ = std::min(firstTry_, Clock::now());
     for (const std::string &key : spool_.keys()) {
@@ -149,15 +150,15 @@ void StoreRecords::introduce(Database &database) {
                  wasSeen(database, kGone) + ")");
 }
 
-// Holds the key, 16 hexadecimal digits, for as long as the connection lives; false: another connection does. A file of
-// SQLite is for the processes of one machine, whose spools know that.
+// Locks the key (16 hexadecimal digits) until the connection ends. Returns false when another connection has the lock.
+// SQLite needs none: its processes are on one machine, where the spool's own lock decides.
 bool StoreRecords::holdsKey(Database &database, const std::string &key) {
     if (!database.shared()) return true;
     const auto number = static_cast<int64_t>(std::stoull(key, nullptr, 16));
     return !database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {station::number(number)}).empty();
 }
 
-// A line without a board in work writes nothing.
+// Renews the station's `seen`. A line without a board in work writes nothing.
 void StoreRecords::heartbeat(Database &database) {
     {
         const Lock lock(mutex_);
@@ -167,7 +168,7 @@ void StoreRecords::heartbeat(Database &database) {
     lastSeen_ = Clock::now();
 }
 
-// Asks outside of a transaction, in which other stations would wait for the pools.
+// Reads the pools outside of a transaction, which would make other stations wait for them.
 void StoreRecords::warnOfPools(Database &database) {
     if (Clock::now() < nextLook_) return;
     nextLook_ = Clock::now() + kPoolsLook;
@@ -184,7 +185,8 @@ std::string StoreRecords::away() {
     return why.empty() ? unwritten : why;
 }
 
-// Returns why something still is not kept; empty: nothing is left. A record is in the hands of one thread at a time.
+// Tries `take` with each end of a run that nothing has taken. Returns why one still fails; empty when none is left.
+// Only one thread at a time has a record.
 std::string StoreRecords::retryUnkept(const std::function<void(const RunRecord &)> &take) {
     std::vector<Shared> unkept;
     {
@@ -225,7 +227,7 @@ void StoreRecords::begins(const RunRecord &begun) {
         if (files_) files_->begins(*run);
     } catch (const RecordsError &) {
         forget(run->id);
-        // It may be in the store all the same, when only the answer was lost.
+        // If only the answer was lost, the run is in the store all the same.
         writer_.later({[run](Database &store) {
             store.run("UPDATE runs SET verdict = 'interrupted' WHERE run = $1 AND verdict = 'running'", {run->id});
         }});
@@ -239,7 +241,7 @@ void StoreRecords::forget(const std::string &id) {
     inWork_.erase(id);
 }
 
-// In a transaction, after which no other station has the unit.
+// Claims the unit for the run and calls `take`, in one transaction. Afterwards no other station can claim the unit.
 void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
                           const std::function<void(Database &, const RunRecord &)> &take) {
     const Shared run = mine(unfinished(named));
@@ -306,7 +308,7 @@ AddressOwner StoreRecords::ownerOf(const std::string &address, const RunRecord &
     return *found;
 }
 
-// Once, and again at each half of what was left.
+// Returns true at the first warning about a pool, and each time what is left has halved since.
 bool StoreRecords::isNews(const std::string &pool, int64_t left) {
     const Lock lock(mutex_);
     const auto [told, first] = told_.emplace(pool, left);
@@ -342,7 +344,7 @@ void StoreRecords::ends(const RunRecord &ended) {
     if (files_ && !filed) say(fmt::format("the result of the run {} is not written yet: {}", run->id, why));
 }
 
-// Returns false when neither the store nor the spool has the record, and adds the reasons.
+// Writes the end of a run to the store, otherwise to the spool. Returns false and adds the reasons when both fail.
 bool StoreRecords::persist(const Shared &run, std::string &why) {
     const auto add = [&](const std::string &reason) { why += (why.empty() ? "" : "; and ") + reason; };
     std::string refusal;

@@ -87,7 +87,7 @@ void Writer::loop() {
         round(jobs);
         lock.lock();
         busySince_ = Clock::time_point::max();
-        // What comes meanwhile shares a transaction.
+        // Changes that arrive during this pause share a transaction.
         changed_.waitUntil(lock, Clock::now() + kPause, [&]() REQUIRES(mutex_) { return stopping_; });
     } while (!stopping_ || !queue_.empty());
 }
@@ -122,8 +122,8 @@ void Writer::connect() {
     greeting_(*database_, fresh);
 }
 
-// In one transaction; when that fails, each by itself, so that what is wrong with one spoils no other. What locks a
-// pool comes first, in the pools' order, so that nobody who waits for a pool holds what another needs.
+// Writes all changes in one transaction; if that fails, each in its own, so that a bad one spoils no other. Sorts those
+// that lock a pool to the front, by pool: no station then waits for a pool while it holds what another one needs.
 void Writer::writeTogether(const Jobs &jobs) {
     if (jobs.empty()) return (void)database_->ask("SELECT 1");  // else nobody would notice that it is away
     Jobs all = jobs;

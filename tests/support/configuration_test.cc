@@ -194,7 +194,8 @@ TEST_F(Configuration, SettersChangeTheTableOnly) {
     EXPECT_THAT(board::log(), ElementsAre(HasSubstr("\"B\" is cut"), HasSubstr("NEW")));
     EXPECT_EQ(set_configuration("R12", RETURN_DEF_STR("R12") + 1), 0);
     EXPECT_EQ(values({"R12"}), "2|") << "a value may come from the table";
-    // Records that move up keep their old index. A deletion goes by the index, so the second one hits the neighbour.
+    // Records after a deleted one move up, but keep their old index. A deletion goes by the index, so the second one
+    // here removes the neighbour.
     load("A = 1\nB = 2\nC = 3\nD = 4\n");
     EXPECT_EQ(del_configuration("A") + del_configuration("C"), 0);
     EXPECT_EQ(values({"A", "B", "C", "D"}), "-|2|3|-|");

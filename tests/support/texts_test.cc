@@ -28,7 +28,7 @@ std::string join(const Tokens &tokens) {
     return joined;
 }
 
-// Returns at most ten tokens and the null after them; "open" when the result is -1.
+// Splits a line into at most ten tokens. Returns them and the null after them; "open" when a quote is not closed.
 std::string parse(const char *line) {
     char *const text = copied(line);
     std::vector<char *> tokens(11, text);
