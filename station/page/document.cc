@@ -42,7 +42,7 @@ Table without(Table table, const std::string &column) {
     return table;
 }
 
-// Sorts by a column; numbers within texts count as numbers, and empty cells come last.
+// Sorts the rows by a column. Compares numbers within texts as numbers, and puts empty cells last.
 void sortBy(Table &table, const std::string &column, bool descending) {
     const size_t at = indexOf(table, column);
     if (at == table.columns.size()) return;
@@ -58,7 +58,7 @@ void sortBy(Table &table, const std::string &column, bool descending) {
     });
 }
 
-// Returns the table's column that the query wants it sorted by, "-" in front of it for descending; empty: none.
+// Returns the column by which the query sorts this table, with a "-" in front for descending; empty: none.
 std::string orderOf(const Part &part, const Query &query) {
     std::string order = query["sort"];
     const std::string sign = order.starts_with('-') ? "-" : "", prefix = fmt::format("{}{}.", sign, part.name);
@@ -95,7 +95,7 @@ Json jsonOf(const Table &table, size_t from, size_t most) {
 
 std::time_t endOf(const Period &period) { return period.until.empty() ? std::time(nullptr) : timeOf(period.until); }
 
-// Returns from when on the station's clock is how many minutes ahead of UTC, for charts.
+// Returns how many minutes the station's zone is ahead of UTC in the period, and from when on, for charts.
 Json zonesOf(const Period &period) {
     constexpr std::time_t kStep = 1800;
     const std::time_t end = endOf(period);
@@ -176,7 +176,7 @@ Table lastFiles(Database &database, const Query &query, size_t) {
 
 constexpr ptrdiff_t kNeighbours = 3;  // before and after the run
 
-// Returns what may differ between two runs, and what it was in this one.
+// Returns the facts of a run that may differ from those of another run of the unit: name and value.
 std::vector<std::pair<std::string, Value>> factsOf(const RunRecord &run) {
     const StepResult *const failed = run.firstFailed();
     std::vector<std::pair<std::string, Value>> facts = {{"started", isoTime(run.start)},
@@ -265,7 +265,7 @@ Table yieldsBy(Database &database, const Query &query, size_t) {
     return kBy == By::kAll ? without(table, "period") : table;
 }
 
-// A period is shown by the hour, or by the day when it has many; days begin by the station's clock as it is at its end.
+// A period of more than kMostHours is shown by the day, others by the hour. Days begin by the zone at the period's end.
 bool isLong(const Period &period) { return endOf(period) - timeOf(period.since) > kMostHours * 3600; }
 
 Table hours(Database &database, const Query &query, size_t) {
@@ -277,7 +277,7 @@ Table days(Database &database, const Query &query, size_t) {
     return isLong(query.filter.period) ? yields(database, query.filter, By::kDay, zone) : Table();
 }
 
-// Makes the question of a filter a table of a page.
+// Adapts a query with a filter to Part::ask.
 template <Table (*kAsk)(Database &, const Filter &)>
 Table ofFilter(Database &database, const Query &query, size_t) {
     return kAsk(database, query.filter);

@@ -16,7 +16,7 @@ constexpr size_t kReplyShown = 160;  // bytes
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// A step that has ended, for whoever looks at its place.
+// Returns a step that has ended, as the page lists it.
 Json endedStep(const StepResult &step) {
     Json json = toJson(step);
     json["title"] = oneLine(step.title);
@@ -25,7 +25,7 @@ Json endedStep(const StepResult &step) {
     return json;
 }
 
-// What went wrong first, and what to do about it.
+// Returns what went wrong first, and what to do about it.
 Json failureOf(const RunRecord &run) {
     const StepResult *const failed = run.firstFailed();
     if (failed == nullptr || run.interrupted) return {{"text", oneLine(summaryOf(run))}};
@@ -124,7 +124,7 @@ void Floor::boardEnds(const RunRecord &run) {
     });
 }
 
-// AGAIN outlasts the board: to plug a board in again, the operator first takes it away.
+// AGAIN stays after the board has been taken away: to plug it in again, the operator must take it away first.
 void Floor::placeFree(const Place &place) {
     change(place, [](Tile &tile) {
         if (tile.json["stage"] == "again") return;
@@ -217,9 +217,9 @@ void Floor::trouble(const std::string &text) {
     });
 }
 
-// Adds what changes with time, in seconds: how long this stage, this step and this run have lasted; where they are
-// known, how long the step will take (`estimate`) and has taken (`usual`), and all later steps (`behind`). `sent`: the
-// part of the step's bytes.
+// Returns the tile with what changes with time, in seconds: `age` of the stage or step, `elapsed` of the run, the
+// step's `estimate` and its `usual` time (0: unknown), the usual time of all later steps (`behind`, if known). `sent`:
+// the share of the step's bytes.
 Json Floor::show(const Tile &tile) const {
     Json json = tile.json;
     if (json["stage"] != "waiting") json["age"] = secondsSince(tile.started);

@@ -14,7 +14,7 @@
 namespace station {
 namespace {
 
-// A wrong token makes its address wait, so that nobody tries more than one a second.
+// Rate limit: after a wrong token, an address can try one per second.
 constexpr std::chrono::seconds kBetweenGuesses{1};
 constexpr std::chrono::minutes kRemembered{10};
 

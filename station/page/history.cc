@@ -16,7 +16,7 @@ using Answer = std::function<PageReply(const PageRequest &)>;
 
 constexpr const char *kCsvType = "text/csv; charset=utf-8", *kJsonType = "application/json";
 
-// How a failure is told: as a page, or as JSON.
+// Returns the reply that reports a failure: a page or JSON.
 using Tell = PageReply (*)(int status, const std::string &title, const std::string &why);
 
 PageReply tellPage(int status, const std::string &title, const std::string &why) {
@@ -41,7 +41,7 @@ Answer guarded(Tell tell, const Answer &answer) {
 
 PageReply redirect(const std::string &url) { return {303, "text/plain", "", {{"Location", url}}}; }
 
-// Redirects from the whole name of a unit or run, or an address, to its page. Returns nothing for other texts.
+// Redirects to the page of a unit or run if the text is its whole name, or an address. Returns nothing otherwise.
 std::optional<PageReply> found(Archive &archive, const Query &query) try {
     Section section;
     if (query["q"].empty()) return std::nullopt;

@@ -21,7 +21,7 @@ PageReply outcome(const std::string &problem) {
     return problem.empty() ? said(200, {{"ok", true}}) : refused(409, problem);
 }
 
-// What `act` makes of the request's JSON; whatever is missing there, or of another kind, is refused.
+// Returns what `act` makes of the request's JSON. Refuses JSON that lacks a member or has one of another type.
 template <typename Act>
 PageReply read(const PageRequest &request, const char *form, const Act &act) try {
     return act(Json::parse(request.body));
@@ -29,7 +29,7 @@ PageReply read(const PageRequest &request, const char *form, const Act &act) try
     return refused(400, fmt::format("expected {}", form));
 }
 
-// Without a store's help the counters begin with the station.
+// Returns the counters of the shift. Without a store, or while it is away, they start at 0.
 Shift shiftOf(const PageSettings &settings, const std::string &store) {
     Shift shift(settings.shifts, settings.target);
     if (store.empty()) return shift;
@@ -48,7 +48,7 @@ Json parseWords(std::string_view text, const std::string &language) try {
     throw std::runtime_error(fmt::format("language {}: expected a file of words in JSON: {}", language, error.what()));
 }
 
-// Returns the words of a language by their names; what a line's own file leaves out is English.
+// Returns the words of a language by their names. Words that a line's own file leaves out are English.
 Json wordsOf(const std::string &language) {
     Json words = parseWords(*staticFile("words.en.json"), "en");
     const auto ours = staticFile(fmt::format("words.{}.json", language));
@@ -100,7 +100,7 @@ PageReply Page::scan(const PageRequest &request) {
     });
 }
 
-// Returns what each place asks and does, as the page shows it to a new browser.
+// Returns the state of all places, as a new browser gets it.
 PageReply Page::line() {
     uint64_t seen = 0;
     return {200, "application/json", floor_.since(seen)};

@@ -24,7 +24,7 @@ std::string percentEncoded(const std::string &text) {
     return encoded;
 }
 
-// The fields of the form for a period stand beside the period of the page: what is entered there wins.
+// Replaces the page's period by the one that was entered in the form's fields (from, to).
 void takeEntered(Parameters &parameters) {
     for (const auto &[entered, name] : {std::pair{"from", "since"}, {"to", "until"}}) {
         const auto found = parameters.find(entered);

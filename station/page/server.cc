@@ -18,8 +18,8 @@
 namespace station {
 namespace {
 
-// Connections, and replies of slow routes, which may be large: of one address, and of all other machines together. This
-// machine has as many for itself.
+// Limits of connections, and of slow replies, which may be large: per address, and for all other machines together.
+// This machine has as many of its own.
 constexpr size_t kOfAddress = 32, kOfAll = 96, kSlowOfAddress = 6, kSlowOfAll = 16;
 constexpr size_t kSlowThreads = 2;
 constexpr size_t kMemory = 16384;  // of a connection: a request's head has 8 kB of it at least
@@ -32,7 +32,7 @@ constexpr Milliseconds kBetweenNews{200};    // five times a second is live for 
 constexpr Milliseconds kBetweenBeats{2000};  // by which a page knows that its station lives
 constexpr int kGivesWay = 10;
 
-// A page may load what this station serves and no more, and no browser keeps or guesses any of it.
+// A page may only load what this station serves. Browsers must neither store it nor guess its type.
 constexpr std::pair<const char *, const char *> kHeaders[] = {
     {"Content-Security-Policy",
      "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
@@ -78,7 +78,7 @@ PageReply answerOf(const Route &route, const PageRequest &request) try {
 
 }  // namespace
 
-// Under the server's mutex, but for the last three members: they belong to the thread that works on the request.
+// Guarded by the server's mutex, except the last three members: they belong to the thread that works on the request.
 struct PageServer::Client {
     PageServer *server;
     MHD_Connection *connection;
@@ -123,7 +123,7 @@ struct PageServer::Callbacks {
             server.clients_.emplace(connection, Client{&server, connection, socket, textOf(peer)});
     }
 
-    // Called with the head, with each piece of the body, at the request's end, and when a slow reply has come.
+    // Called with the head, with each piece of the body, at the end of the request, and when a slow reply is ready.
     static MHD_Result request(void *self, MHD_Connection *connection, const char *path, const char *method,
                               const char *, const char *piece, size_t *size, void **known) try {
         Client &client = clientOf(self, connection);
@@ -187,7 +187,7 @@ private:
         return result;
     }
 
-    // Called when the stream has taken what it was given.
+    // Called when the client can take more of the stream.
     static ssize_t events(void *context, uint64_t, char *room, size_t size) {
         Client &client = *static_cast<Client *>(context);
         const Lock lock(client.server->mutex_);
@@ -250,7 +250,7 @@ void PageServer::changed() {
     if (!news_.exchange(true)) eventfd_write(wakeup_.descriptor(), 1);
 }
 
-// Returns true when the address may have one client more, or one more whose reply is slow.
+// Returns true when the address may have one more client; with `slow`, one more slow reply.
 bool PageServer::hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const {
     size_t same = 0, all = 0;
     for (const auto &[connection, client] : clients_) {
@@ -261,11 +261,11 @@ bool PageServer::hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll
     return same < ofAddress && all < ofAll;
 }
 
-// The kernel drops what comes from elsewhere with an address of this machine.
+// Returns true for a client on this machine. Others cannot forge that: the kernel drops their packets.
 bool PageServer::isHere(const std::string &peer) const { return isLoopback(peer) || peer == address_; }
 
-// Leaves a reply with the client and returns true; or suspends it until its reply has come, and returns false: from
-// then on the reply belongs to the thread that makes it.
+// Sets the client's reply and returns true. For a slow route suspends the client and returns false; the client's
+// request and reply then belong to the thread that answers.
 bool PageServer::serve(Client &client, const RequestHead &head) {
     const auto found = routes_.find(head.path);
     client.route = found == routes_.end() ? nullptr : &found->second;
@@ -303,7 +303,7 @@ bool PageServer::askSlowly(Client &client) {
     return false;
 }
 
-// A client that is suspended stays, whatever its connection does.
+// The reference to a client stays valid while it is suspended, even if its connection breaks.
 void PageServer::answerSlowly() {
     Lock lock(mutex_);
     for (;;) {
@@ -328,8 +328,8 @@ void PageServer::feedStreams() {
     }
 }
 
-// Tells the streams what is new, or that the station lives, and ends the clients that are too slow. A stream that has
-// not taken the last events gets all news after these. Returns false when the server ends.
+// Sends news to the streams, or with `beats` a sign of life, and ends clients that are too slow. A stream that has not
+// taken its last events yet gets all later news at once. Returns false when the server ends.
 bool PageServer::feedOnce(bool beats) try {
     eventfd_t ignored;
     eventfd_read(wakeup_.descriptor(), &ignored);

@@ -65,7 +65,7 @@ void Shift::recall(const std::string &store) {
     }
 }
 
-// A wall clock that jumps passes shifts in no time: how long the last call is ago is asked of a clock that nobody sets.
+// A wall clock that is set may jump over the start of a shift. So sinceBoot() tells the time since the last call.
 bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
     const auto last = now - (uptime - std::exchange(looked_, uptime));
     const auto begin = shiftBegin(starts_, now);

@@ -22,7 +22,7 @@ constexpr const char *kFilterFields[] = {"plan", "product", "station", "place", 
 
 // ---- cells
 
-// What a column is called, where its name would not say it.
+// The headings of columns whose names would not explain them.
 const std::map<std::string, std::string> kHeadings = {{"cpk", "Cpk"},
                                                       {"cumulative_percent", "together %"},
                                                       {"final_yield", "final yield %"},
@@ -45,7 +45,7 @@ std::string timeText(const Json &cell, const Json &) { return localTime(timeOf(c
 std::string hourText(const Json &cell, const Json &) {
     return localTime(timeOf(cell.get<std::string>()), "%Y-%m-%d %H:%M");
 }
-// What is not quite all is never shown as 100.
+// Never rounds up to 100.
 std::string percentText(const Json &cell, const Json &) {
     const double percent = cell.get<double>();
     return fmt::format("{:.1f}", percent < 100 ? std::min(percent, 99.9) : percent);
@@ -61,7 +61,7 @@ std::string valueText(const Json &cell, const Json &row) {
     return measuredText(cell.get<double>(), numberIn(row, "minimum"), numberIn(row, "maximum"),
                         numberIn(row, "deviation"));
 }
-// The last part of a run's name: it begins with its start, which stands beside it.
+// Returns the last part of a run's name. The first part is its start, which is shown beside it.
 std::string runText(const Json &cell, const Json &) {
     const auto name = cell.get<std::string>();
     return name.substr(name.rfind('-') + 1);
@@ -100,7 +100,7 @@ std::string plainText(const Json &cell) {
     return cell.is_number_float() ? fmt::format("{:.9g}", cell.get<double>()) : cell.dump();
 }
 
-// `column` says what the cell means.
+// Formats a cell by the column that it belongs to.
 std::string textOf(const std::string &column, const Json &cell, const Json &row) {
     if (cell.is_null()) return "";
     const auto known = kTexts.find(column);
@@ -108,7 +108,7 @@ std::string textOf(const std::string &column, const Json &cell, const Json &row)
     return fits ? known->second(cell, row) : plainText(cell);
 }
 
-// Where a cell leads: to `path`, with parameters that are cells of its row.
+// The link of a column's cells: `path`, with cells of the row as parameters.
 struct Link {
     std::string_view table, column, path;  // `table` is empty: any
     std::vector<std::string> parameters;
@@ -122,7 +122,7 @@ const std::vector<Link> kLinks = {{"", "run", "/run", {"run"}},
                                   {"hours", "hour", "/runs", {}},
                                   {"days", "day", "/runs", {}}};
 
-// Adds the hour or day that begins with the cell.
+// Adds the period of the hour or day that begins with the cell.
 void addPeriod(Parameters &parameters, const std::string &column, const std::string &begin) {
     const std::time_t start = timeOf(parseLocalTime(column == "hour" ? begin + "Z" : begin));
     parameters["since"] = utcTime(start) + "Z";
@@ -152,7 +152,7 @@ bool hasNumbers(const Json &table, const std::string &column) {
     return std::any_of(rows.begin(), rows.end(), [&](const Json &row) { return row[column].is_number(); });
 }
 
-// In the table of attempts a row has what a column has elsewhere.
+// The table of attempts is transposed: its rows are what columns are elsewhere.
 Data cellOf(const std::string &table, const std::string &column, const Json &row, const Query &query) {
     const Json &value = row.at(column);
     const bool turned = table == "attempts" && column != "what";
@@ -171,8 +171,8 @@ Data cellOf(const std::string &table, const std::string &column, const Json &row
 
 // ---- tables
 
-// The heading of a column sorts by it, numbers from the highest on, and the other way round when it does so already. In
-// the table of attempts it is a run.
+// Returns the heading of a column. A click on it sorts by the column, numbers in descending order; a second click
+// reverses the order. In the table of attempts the heading is a run.
 Data headOf(const std::string &table, const std::string &column, bool number, const Query &query) {
     Data head;
     if (number) head.set("class", "number");
@@ -189,7 +189,7 @@ Data headOf(const std::string &table, const std::string &column, bool number, co
     return head;
 }
 
-// A long reply unfolds, and is open where the step failed.
+// Adds a step's reply. A long one is folded, unless the step failed.
 void addReply(Data &line, const Json &step) {
     constexpr size_t kShort = 200;
     constexpr ptrdiff_t kFewLines = 3;
@@ -225,7 +225,7 @@ Data rowOf(const std::string &name, const std::vector<std::string> &columns, con
     return line;
 }
 
-// Returns the columns that have something in them.
+// Returns the columns that are not empty.
 std::vector<std::string> columnsOf(const Json &table) {
     std::vector<std::string> columns;
     for (const Json &column : table["columns"]) {
@@ -279,7 +279,7 @@ std::string fill(const std::string &name, Data &data) {
     return page.render(data);
 }
 
-// Parameters for a template, without those that are empty.
+// Returns the parameters that are not empty, for a template.
 Data listOf(const Parameters &parameters) {
     Data fields{Data::type::list};
     for (const auto &[name, value] : parameters) {
@@ -303,7 +303,7 @@ Data periodLinks(const Query &query) {
     return periods;
 }
 
-// The fields of the filter, each with what it can choose. What is chosen now is among it.
+// Returns the fields of the filter, each with its options, the present choice among them.
 Data filterFields(const Json &rows, const Query &query) {
     Data fields{Data::type::list};
     for (const std::string name : kFilterFields) {
@@ -322,7 +322,7 @@ Data filterFields(const Json &rows, const Query &query) {
     return fields;
 }
 
-// Reads the cells of a run for which measured values are looked at: in the day around it, whatever the period is.
+// Returns the query for links from a run to its measured values: 12 hours before and after the run.
 Query aroundRun(const Query &query, const Json &run) {
     Query around = query;
     const std::time_t start = timeOf(run["started"]);
