@@ -36,11 +36,11 @@ enum class Grade { kFine, kWarning, kFault };
 struct StoreAnswer {
     Grade grade = Grade::kFine;
     std::string text;
-    Table pools;  // as listPools() has them, or their names alone
+    Table pools;  // the table of listPools(), or only the names
     bool known = false;
 };
 
-// A line while it is checked.
+// The state of a line's check.
 struct Check {
     std::string path;
     LineFile line;
@@ -79,7 +79,7 @@ std::set<std::string> interfacesWith(const std::string &address) {
     return names;
 }
 
-// Returns whether the station could listen there. A station that does so already is not a fault.
+// Reports whether the station could listen there. An address that a station of this line uses already is not a fault.
 bool checkAddress(Check &check, const std::string &about, const std::string &interface) {
     const LineFile &line = check.line;
     const int error = tryAddress(line.address, line.port, interface);
@@ -119,7 +119,7 @@ int filterOf(const std::string &interface) {
     return value;
 }
 
-// With 1, the kernel takes what comes from 192.168.1.1 by any card but the first for forged.
+// With rp_filter 1, the kernel drops packets of 192.168.1.1 from every card but the first as forged.
 void checkRoutes(Check &check) {
     if (check.line.cables.size() < 2) return;
     for (const std::string &interface : check.line.cables) {
@@ -143,7 +143,7 @@ void checkPage(Check &check) {
 
 // ---- the store
 
-// Returns what the database does not let this user do, and how to mend it; empty: nothing.
+// Returns what the database denies to this user, and how to mend it; empty: nothing.
 std::string denial(Database &database) {
     if (!database.shared()) return {};
     const Table denied = database.ask(
@@ -155,7 +155,7 @@ std::string denial(Database &database) {
                        *denied.rows[0][0], *denied.rows[0][1]);
 }
 
-// Returns the file of the store, or beside it, that this user cannot write; empty if all can be written.
+// Returns the store's file, or the file beside it, that this user cannot write; empty if all can be written.
 std::string deniedFile(const std::string &store) {
     for (const std::string &file : {store, store + "-wal", store + "-shm"}) {
         if (fs::exists(file) && access(file.c_str(), R_OK | W_OK) != 0) return file;
@@ -193,7 +193,7 @@ StoreAnswer askStore(const std::string &store) try {
     return {Grade::kFault, error.what()};
 }
 
-// A store that hangs is left alone.
+// Returns the store's answer; a fault if it takes too long. The thread of a store that hangs is abandoned.
 StoreAnswer askInTime(const std::string &store) {
     std::packaged_task<StoreAnswer()> task([store] { return askStore(store); });
     std::future<StoreAnswer> answer = task.get_future();
@@ -240,7 +240,7 @@ void tellLines(Check &check, Grade grade, const std::string &about, const std::s
 
 void checkPlan(Check &check) try {
     if (!check.line.store.empty() && !check.store.known) {
-        return check.warn("plan", "is not checked: it may take from the pools of the store");
+        return check.warn("plan", "is not checked, because it may take from pools, and the store does not name them");
     }
     std::set<std::string> pools;
     for (const auto &row : check.store.pools.rows) pools.insert(*row[0]);
@@ -257,8 +257,7 @@ std::string quoted(std::string text) {
     return "'" + text + "'";
 }
 
-// Has the shell read the command, and look for the program that it begins with. Runs nothing of it.
-// Has the shell read the command, and look for the program that it begins with. Nothing of it is run.
+// Lets the shell parse the command and look for the program that it begins with. Runs nothing of it.
 void checkCommand(Check &check, const std::string &about, const std::string &command, const fs::path &folder) {
     static const re2::RE2 kProgram("\\s*([\\w./+-]+)(?:[\\s;|&<>](?s:.*))?");
     if (command.empty()) return;
@@ -336,7 +335,8 @@ void addCheck(CLI::App &app, int &status) {
     const auto store = std::make_shared<std::string>(), user = std::make_shared<std::string>();
     command->add_option("plan", *path, "The plan, or the line's file")->capture_default_str();
     command->add_option("--files", *files, "Folder of the plan's files, instead of its own");
-    command->add_option("--store", *store, "The store of whose pools the plan takes; a line's file says it itself");
+    command->add_option("--store", *store,
+                        "The store whose pools the plan takes from; the file of a line names its own");
     addUser(command, *user);
     command->callback([=, &status] {
         if (isLineFile(*path)) {

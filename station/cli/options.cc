@@ -30,10 +30,10 @@ void StoreChoice::resolve() {
         const std::string path = line.empty() ? kServiceLine : line;
         if (line.empty() && !std::filesystem::exists(path)) {
             throw PlanError(
-                fmt::format("qcstation: there is no {}: say with --store or --line which store is meant", path));
+                fmt::format("qcstation: there is no {}: name the store with --store, or its line with --line", path));
         }
         const LineFile file = readLine(path);
-        if (file.store.empty()) throw PlanError(path + ": the line has no store: say with --store which one is meant");
+        if (file.store.empty()) throw PlanError(path + ": the line has no store: name one with --store");
         store = file.store;
         if (spool.empty()) spool = file.spool;
     }
@@ -41,9 +41,10 @@ void StoreChoice::resolve() {
 }
 
 void addStore(CLI::App *command, StoreChoice &choice) {
-    command->add_option("--store", choice.store, "The store: a file of SQLite, or postgresql://...");
-    command->add_option("--line", choice.line,
-                        fmt::format("The line whose store it is; else QCSTATION_STORE, else {}", kServiceLine));
+    command->add_option("--store", choice.store, "The store: an SQLite file, or postgresql://...");
+    command->add_option(
+        "--line", choice.line,
+        fmt::format("Use the store of this line; by default that of QCSTATION_STORE or {}", kServiceLine));
 }
 
 }  // namespace station

@@ -48,7 +48,7 @@ int run(RunOptions options) {
     const int interfaces = static_cast<int>(options.interfaces.size());
     if (options.boards == 0) options.boards = std::max(interfaces, 1);
     if (interfaces > 0 && options.boards > interfaces) {
-        throw CLI::ValidationError("--boards", fmt::format("{} boards need as many interfaces", options.boards));
+        throw CLI::ValidationError("--boards", fmt::format("{0} boards need {0} interfaces", options.boards));
     }
     const auto records = recordsIn(options.results, options.store);
     const std::string found = options.discovery.link.empty() ? "" : discover(options.discovery);
@@ -76,17 +76,17 @@ void addRun(CLI::App &app, int &status) {
     const auto options = std::make_shared<RunOptions>();
     command->add_option("plan", options->plan, "The plan, a YAML list of steps")->required();
     command->add_option("--files", options->files, "Folder of the plan's files, instead of its own");
-    command->add_option("--boards", options->boards, "Number of boards, each at its place; one, or one an interface")
+    command->add_option("--boards", options->boards, "Number of boards; by default one, or one per interface")
         ->check(CLI::Range(1, 1000));
-    command->add_option("--results", options->results, "Folder for a JSON file, a log and a JUnit XML file a board");
-    command->add_option("--store", options->store, "Record to this store too: a file of SQLite, or postgresql://...");
+    command->add_option("--results", options->results, "Folder for the results: JSON, log and JUnit XML per board");
+    command->add_option("--store", options->store, "Record to this store too: an SQLite file, or postgresql://...");
     addJson(command, options->json);
     command->add_option("--listen", options->address, "Address to listen on")
         ->check(CLI::ValidIPV4)
         ->capture_default_str();
     command->add_option("--port", options->port, "TCP port to listen on")->capture_default_str();
     command->add_option("--interface", options->interfaces,
-                        "Listen on this interface alone; give it several times for boards that are cabled one each");
+                        "Listen on this interface only; give several if each board has its own cable");
     addDiscovery(command, "--discover", options->discovery);
     command->callback([options, &status] { status = run(*options); });
 }

@@ -23,13 +23,14 @@ std::shared_ptr<const Job> jobOf(const LineFile &line) {
         Job{line.plan, line.variables, line.before, line.after, line.who, line.reference, line.holdAfter});
 }
 
-// Reads the line's file again. When the new one is wrong the old one stays.
+// Reads the line's file again. Keeps the old job if the new file has a fault.
 Reload reload(const std::string &path, const LineFile &old, bool json) try {
     const LineFile line = loadLine(path, poolNames);
     needAnswers(line.plan, old.page.has_value(), json);
     Reload found{jobOf(line), {}};
     if (!line.sameStation(old)) {
-        found.troubles.push_back(path + ": address, places, records and page change at the next start only");
+        found.troubles.push_back(path +
+                                 ": a change of address, places, records or page takes effect at the next start");
     }
     if (!line.plan.warnings.empty()) found.troubles.push_back(line.plan.warnings);
     return found;
@@ -37,8 +38,8 @@ Reload reload(const std::string &path, const LineFile &old, bool json) try {
     return {nullptr, {fmt::format("the line goes on as before: {}", error.what())}};
 }
 
-// Reads the line's file, for which the store must name its pools: waits for one that is away. Nothing when the station
-// is stopped meanwhile.
+// Reads the line's file. Waits for a store that is away, because it must name its pools. Returns nothing when the
+// station is stopped meanwhile.
 std::optional<LineFile> awaitLine(const std::string &path, Console &console) {
     std::string told;
     do {
@@ -78,7 +79,7 @@ int serve(const std::string &path, bool json) {
               .summary = [&](const Outcome &outcome) { return fmt::format("line {}: {}\n", path, outcome.describe()); },
               .reload = [path, old = line, json] { return reload(path, old, json); },
               .page = page.get()});
-    // That boards fail is a line's daily business, and to be stopped is how it ends.
+    // Neither failed boards nor a stop is a failure of the service.
     return code == kFailed ? kPassed : code;
 }
 

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 constexpr const char *kServiceUser = "qcstation";
 
-// Returns the user that is meant; nothing for the one who runs this.
+// Returns the user to become; null when this process is to stay as it is.
 const passwd *userOf(const std::string &name) {
     if (geteuid() != 0 && name.empty()) return nullptr;
     const passwd *const user = getpwnam(name.empty() ? kServiceUser : name.c_str());
@@ -33,7 +33,7 @@ const passwd *userOf(const std::string &name) {
     return user;
 }
 
-// Gives the service what root has made, as it could not write it. A folder that holds anything else stays root's.
+// Gives a file or folder of root's to the service, which could not write it otherwise. A folder with other files stays.
 void give(const fs::path &path, const std::set<fs::path> &own, const passwd *user) {
     struct stat status {};
     if (user == nullptr || lstat(path.c_str(), &status) != 0 || status.st_uid != 0) return;
@@ -48,7 +48,7 @@ void give(const fs::path &path, const std::set<fs::path> &own, const passwd *use
     fmt::print("{} is {}'s now\n", path.string(), user->pw_name);
 }
 
-// Returns what is the station's alone: its folders, the store's files, and what is in folders of nothing but files.
+// Returns what belongs to the station alone: its folders, the store's files, and the files in folders without folders.
 std::set<fs::path> belongingsOf(const LineFile &line) {
     std::set<fs::path> own;
     for (const char *const part : {"", "-wal", "-shm"}) own.insert(fs::weakly_canonical(line.store + part));
@@ -74,7 +74,7 @@ void makeStore(const std::string &store) {
     const auto say = [](const std::string &text) { fmt::print("{}\n", text); };
     const int before = openStore(store, Database::Missing::kIsIgnored)->version();
     openStore(store, Database::Missing::kIsMade, say);
-    if (before == 0) fmt::print("{}: its tables made\n", shownName(store));
+    if (before == 0) fmt::print("{}: tables made\n", shownName(store));
 }
 
 void makeExample(const fs::path &path) {
@@ -82,7 +82,7 @@ void makeExample(const fs::path &path) {
     NewFile file(path);
     file.write(kExampleFiles.front().content);
     file.keep();
-    fmt::print("{} made, as an example: make it yours\n", path.string());
+    fmt::print("{} made from the example: edit it for your line\n", path.string());
 }
 
 void init(const fs::path &path, const std::string &name) {
@@ -100,7 +100,7 @@ void init(const fs::path &path, const std::string &name) {
 }  // namespace
 
 void addUser(CLI::App *command, std::string &user) {
-    command->add_option("--user", user, fmt::format("Root does it as this user; {} by default", kServiceUser));
+    command->add_option("--user", user, fmt::format("When run by root: act as this user; {} by default", kServiceUser));
 }
 
 void becomeUser(const std::string &name) {
@@ -128,7 +128,7 @@ std::vector<std::pair<std::string, fs::path>> foldersOf(const LineFile &line) {
 }
 
 void addInit(CLI::App &app) {
-    CLI::App *const command = app.add_subcommand("init", "Make what a line needs and is not there: folders, store");
+    CLI::App *const command = app.add_subcommand("init", "Make what a line needs and does not have: folders, store");
     const auto path = std::make_shared<std::string>(kServiceLine), user = std::make_shared<std::string>();
     command->add_option("line", *path, "The line's file; an example is made if there is none")->capture_default_str();
     addUser(command, *user);

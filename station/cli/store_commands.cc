@@ -30,7 +30,7 @@ struct Options : StoreChoice {
     int low = -1;
     int *status = nullptr;
 
-    // Says what was changed, and where.
+    // Prints what was changed, after the store's name.
     template <typename... Words>
     void report(fmt::format_string<Words...> form, Words &&...words) const {
         fmt::print("{}: {}\n", shownName(store), fmt::format(form, std::forward<Words>(words)...));
@@ -47,7 +47,7 @@ void print(const Options &options, std::vector<Section> sections) {
         if (sections.empty()) throw Refusal(fmt::format("there is no table \"{}\", but {}", options.table, names));
     }
     if (options.format == "csv" && sections.size() > 1) {
-        throw Refusal(fmt::format("CSV has one table a file: choose one with --table, of {}", names));
+        throw Refusal(fmt::format("CSV has one table per file: choose one with --table: {}", names));
     }
     Printer printer(options.format, options.excel, sections.size() > 1);
     for (const auto &[name, table] : sections) {
@@ -98,7 +98,7 @@ void printRuns(Options &options, Database &database) {
     }
 }
 
-// `inShort`: shown when no --by chooses one.
+// A table of "summary". `inShort`: is shown without --by.
 struct Summary {
     const char *by, *name;
     bool inShort;
@@ -128,7 +128,7 @@ void printSummary(Options &options, Database &database) {
     print(options, sections);
 }
 
-// One after the other, so that a million of them take no room.
+// Exports run by run, in bounded memory.
 void exportRuns(Options &options, Database &database) {
     // cppcheck-suppress unreadVariable
     const FileRecords folder(options.what);  // makes it, or says why not
@@ -178,7 +178,7 @@ public:
         command->add_option("--format", all->format, "table, json or csv")
             ->check(CLI::IsMember({"table", "json", "csv"}))
             ->capture_default_str();
-        command->add_flag("--excel", all->excel, "CSV with a byte order mark, by which Excel knows UTF-8");
+        command->add_flag("--excel", all->excel, "Begin CSV with a byte order mark, so that Excel reads UTF-8");
         return command;
     }
     void addPeriod(CLI::App *command) {
@@ -192,15 +192,16 @@ public:
         command->add_option("--product", all->runs.product, "Runs of units of this product");
         command->add_option("--station", all->runs.station, "Runs at this station");
         command->add_option("--place", all->runs.place, "Runs at places of this name");
-        command->add_option("--cause", all->runs.cause, "Runs that failed through the fault of")
+        command->add_option("--cause", all->runs.cause, "Runs that failed through the fault of this")
             ->check(CLI::IsMember({"unit", "connection", "station", "operator"}));
     }
     void addTable(CLI::App *command) {
-        command->add_option("--table", all->table, "One table of the answer, by its name");
+        command->add_option("--table", all->table, "Print one table only, by its name");
     }
     void addLow(CLI::App *command) {
         command
-            ->add_option("--low", all->low, fmt::format("Warn when it has enough for fewer units; {} at first", kLow))
+            ->add_option("--low", all->low,
+                         fmt::format("Warn when the pool is enough for fewer units than this; {} for a new pool", kLow))
             ->check(CLI::Range(0, 1'000'000'000));
     }
 
@@ -217,21 +218,21 @@ void addPoolCommands(CLI::App &app, Commands &commands) {
         ->expected(2, 3);
     commands.addLow(add);
     CLI::App *const import = commands.add(*pool, "import", "Add the rows of a file", importPool);
-    import->add_option("file", options.what, "A row a line, or FIRST,LAST for a range of addresses")
+    import->add_option("file", options.what, "A file with one row per line; FIRST,LAST is a range of addresses")
         ->required()
         ->check(CLI::ExistingFile);
     import->add_option("--name", options.pool, "The pool")->capture_default_str();
-    import->add_option("--kind", options.kind, "What a new pool has: addresses or values")
+    import->add_option("--kind", options.kind, "Content of a new pool: addresses or values")
         ->check(CLI::IsMember({"addresses", "values"}));
     commands.addLow(import);
     CLI::App *const list = commands.addQuestion(*pool, "list", "Show what the pools have left", listPool);
-    list->add_option("name", options.what, "The ranges of this pool");
+    list->add_option("name", options.what, "Show the ranges of this pool");
     CLI::App *const retire = commands.add(*pool, "retire", "Never give what is left", retirePool);
     retire->add_option("name", options.pool, "The pool")->required();
     retire->add_option("values", options.values, "One value or address, or the FIRST and LAST address; none: all")
         ->expected(0, 2)
         ->check([](const std::string &value) { return value.empty() ? "is empty" : ""; });
-    retire->add_flag("--undo", options.undo, "Let what is retired be given again");
+    retire->add_flag("--undo", options.undo, "Put retired rows back, so that they can be given again");
 }
 
 void addUpkeep(CLI::App &app, Commands &commands) {
@@ -239,23 +240,23 @@ void addUpkeep(CLI::App &app, Commands &commands) {
     CLI::App *const store = app.add_subcommand("store", "The store itself");
     store->require_subcommand(1);
     commands.add(
-        *store, "upgrade", "Make the store's tables, or bring those of an older program forward",
+        *store, "upgrade", "Make the store's tables, or upgrade those of an older version",
         [](Options &all, Database &database) { all.report("version {}", database.version()); },
         Database::Missing::kIsMade);
-    commands.add(*store, "replay", "Write what the store had refused", replayRefused)
+    commands.add(*store, "replay", "Write the records that the store had refused", replayRefused)
         ->add_option("--spool", options.spool,
-                     "The station's spool; without it the line's, or the usual one of the store");
+                     "The station's spool; by default the line's, or the usual one of the store");
     CLI::App *const old = commands.add(app, "archive", "Move old runs from the store into a file", archive);
     old->add_option("--before", options.runs.period.until,
                     std::string("Runs that started before this time: ") + kTimeForms)
         ->required()
         ->transform(kTime);
-    old->add_option("--to", options.what, "The file, a record a line, compressed by gzip")->required();
+    old->add_option("--to", options.what, "The new file: one record per line, compressed with gzip")->required();
     const Work copy = [](Options &all, Database &) {
         backUp(all.store, all.what);
         fmt::print("{} is a copy of {}\n", all.what, shownName(all.store));
     };
-    commands.add(app, "backup", "Copy a store of SQLite while the line works", copy)
+    commands.add(app, "backup", "Copy an SQLite store while the line works", copy)
         ->add_option("file", options.what, "The copy")
         ->required();
 }
@@ -275,19 +276,19 @@ void addStoreCommands(CLI::App &app, int &status) {
     CLI::App *const runs = commands.addQuestion(app, "runs", "List runs", printRuns);
     commands.addFilter(runs);
     runs->add_option("--file", options.file, "Runs that used this file: its name in the plan, or its SHA-256");
-    runs->add_flag("--failed", options.failed, "Failed ones only");
-    runs->add_option("--limit", options.limit, "So many, the newest; 0 for all")
+    runs->add_flag("--failed", options.failed, "Only failed runs");
+    runs->add_option("--limit", options.limit, "Only so many of the newest runs; 0 for all")
         ->check(CLI::Range(0, 1'000'000'000))
         ->capture_default_str();
     CLI::App *const exported = commands.add(app, "export", "Write runs as files: JSON, a log, JUnit's XML", exportRuns);
-    exported->add_option("folder", options.what, "Where to")->required();
-    exported->add_option("runs", options.values, "Their names; else all of the period");
+    exported->add_option("folder", options.what, "The folder for the files")->required();
+    exported->add_option("runs", options.values, "Names of runs; by default all of the period");
     commands.addPeriod(exported);
     CLI::App *const summary =
         commands.addQuestion(app, "summary", "Yield, cycle time, failures, measured values", printSummary);
     commands.addFilter(summary);
     commands.addTable(summary);
-    summary->add_option("--by", options.by, "A row for each of these, instead of all in short")
+    summary->add_option("--by", options.by, "One row for each of these, instead of an overview")
         ->check(CLI::IsMember({"hour", "day", "place", "plan", "step", "cause", "value"}));
 }
 

@@ -16,7 +16,8 @@ namespace {
 constexpr Milliseconds kTyping{100};
 constexpr size_t kLongestAnswer = 4096;  // bytes of a line, as a terminal limits it
 
-// Keeps a text's lines and colours, but nothing else that could move the cursor or erase what is shown.
+// Returns the text with its line ends and colours. Replaces every other control sequence: it could move the cursor or
+// erase what is shown.
 std::string harmless(const std::string &text) {
     static const re2::RE2 kKept("(?s)((?:\\PC|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)");
     const std::string clean = asUtf8(text);
@@ -27,7 +28,7 @@ std::string harmless(const std::string &text) {
     return result + "\033[0m";
 }
 
-// Returns the replies that the plan shows, as the board sent them; `named`: each with its place.
+// Returns the replies that the plan shows, as the board sent them. `named`: precedes each with its place.
 std::string shownReplies(const RunRecord &run, bool named) {
     std::string text;
     for (const StepResult &step : run.steps) {
@@ -115,7 +116,7 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
     }
 }
 
-// Reads a line. Throws as ask().
+// Returns the line that the operator types. Throws as ask() does.
 std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &needless) {
     while (Clock::now() < deadline) {
         if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
@@ -151,7 +152,7 @@ void Terminal::print(const std::string &lines) {
     output_.put(watched_ ? "\r\033[K" + lines + prompt_ : lines);
 }
 
-// The terminal cuts the line at its right edge.
+// Switches the terminal's line wrap off meanwhile, so that a long line stays one line.
 void Terminal::show(const std::string &text) {
     const Lock lock(mutex_);
     if (watched_ && prompt_.empty()) output_.progress("\r\033[?7l" + text + "\033[K\033[?7h");

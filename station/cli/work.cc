@@ -20,7 +20,7 @@
 namespace station {
 namespace {
 
-// With --json nobody can answer.
+// The operator of a line without page and terminal: every question fails.
 struct Nobody : Operator {
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &, Clock::time_point,
                     const Needless &) override {
@@ -28,8 +28,8 @@ struct Nobody : Operator {
     }
 };
 
-// Makes room for a thousand boards: as many descriptors as are allowed; and few heaps, of which each thread would take
-// its own.
+// Makes room for a thousand boards: raises the limit of descriptors, and limits malloc's arenas, of which each thread
+// would otherwise get its own.
 void makeRoom() {
     mallopt(M_ARENA_MAX, 2);
     rlimit files{};
@@ -47,7 +47,7 @@ struct Telling {
     Records &records;
 };
 
-// Serves browsers while there is a line to show.
+// Serves the page while the line runs.
 struct Showing {
     Showing(Page *all, Line &line, Observer &observer) : page(all) {
         if (page == nullptr) return;
@@ -78,7 +78,7 @@ int exitCodeOf(const Outcome &outcome, const std::string &unprinted) {
 Console::Console(bool events)
     : json(events), output(STDOUT_FILENO, [events](size_t dropped) {
           return events ? Events::linesDropped(dropped)
-                        : fmt::format("{} lines are missing here: they were not read in time\n", dropped);
+                        : fmt::format("{} lines are missing here, because they were not read in time\n", dropped);
       }) {}
 
 void Console::say(const std::string &lines) {
@@ -160,8 +160,6 @@ void warn(const Plan &plan) {
     if (!plan.warnings.empty()) fmt::print(stderr, "{}\n", plan.warnings);
 }
 
-void addJson(CLI::App *command, bool &json) {
-    command->add_flag("--json", json, "Print each thing that happens as a line of JSON");
-}
+void addJson(CLI::App *command, bool &json) { command->add_flag("--json", json, "Print each event as a line of JSON"); }
 
 }  // namespace station

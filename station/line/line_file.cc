@@ -60,7 +60,7 @@ void readName(Cable &cable, const Entry &value) {
     cable.name = value.part();
     const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
     if (!std::all_of(cable.name.begin(), cable.name.end(), fits)) {
-        value.fail("a place's name has letters, digits, '.', '_' and '-'");
+        value.fail("a place's name may have only letters, digits, '.', '_' and '-'");
     }
 }
 
@@ -78,7 +78,7 @@ void readCable(Draft &draft, const YAML::Node &node) {
     const auto twice = [&](const Place &place) { return place.name == cable.name; };
     if (std::any_of(line.places.begin(), line.places.end(), twice) ||
         std::find(line.cables.begin(), line.cables.end(), cable.interface) != line.cables.end()) {
-        draft.faults.push_back({node.Mark(), "the name or the interface stands twice"});
+        draft.faults.push_back({node.Mark(), "another place has this name or this interface already"});
     }
     line.places.push_back({static_cast<int>(line.places.size()) + 1, cable.name});
     line.cables.push_back(cable.interface);
@@ -87,7 +87,7 @@ void readCable(Draft &draft, const YAML::Node &node) {
 void readPlaces(Draft &draft, const Entry &value) {
     if (value.node.IsSequence()) {
         for (const YAML::Node &node : value.node) readCable(draft, node);
-        if (draft.line.places.empty()) value.fail("a line has a place");
+        if (draft.line.places.empty()) value.fail("a line needs at least one place");
         return;
     }
     for (int number = 1; number <= value.whole(1, kMostPlaces); ++number) {
@@ -114,7 +114,8 @@ void readHook(Draft &draft, Hook &hook, const Entry &value) {
 void readVariables(Draft &draft, const Entry &value) {
     eachEntry(value.node, "names and values", draft.faults, [&](const Entry &name, const Entry &text) {
         if (const std::string fault = faultOfName(name.text()); !fault.empty()) name.fail(fault);
-        if (name.text() == "serial") name.fail("every board would be this unit: let a step find its serial number");
+        if (name.text() == "serial")
+            name.fail("every board would be this unit: let a step of the plan ask for or read the serial number");
         if (text.line().size() > kLongestValue) text.fail(fmt::format("a value has at most {} bytes", kLongestValue));
         draft.line.variables[name.text()] = text.line();
     });
@@ -146,14 +147,14 @@ void readToken(PageSettings &page, const Entry &value) {
 int minuteOf(const Entry &value) {
     static const re2::RE2 kTime("([01]?[0-9]|2[0-3]):([0-5][0-9])");
     int hour = 0, minute = 0;
-    if (!re2::RE2::FullMatch(value.line(), kTime, &hour, &minute)) value.fail("expected a time of the day, as 06:00");
+    if (!re2::RE2::FullMatch(value.line(), kTime, &hour, &minute)) value.fail("expected a time of day, such as 06:00");
     return hour * 60 + minute;
 }
 
 void readShifts(PageSettings &page, const Entry &value) {
     page.shifts.clear();
     for (const YAML::Node &time : value.node) page.shifts.push_back(minuteOf({time}));
-    if (page.shifts.empty()) value.fail("expected a list of times, as [06:00, 14:00, 22:00]");
+    if (page.shifts.empty()) value.fail("expected a list of times, such as [06:00, 14:00, 22:00]");
     std::sort(page.shifts.begin(), page.shifts.end());
 }
 
@@ -176,13 +177,14 @@ void readPage(Draft &draft, const Entry &value) {
         if (!value.node["listen"]) value.fail("the page needs \"listen\"");
     }
     if (!page.address.starts_with("127.") && page.token.empty()) {
-        value.fail("who reaches this address needs a token: {listen: ADDRESS:PORT, token: TEXT}");
+        value.fail(
+            "other machines can reach this address, so the page needs a token: {listen: ADDRESS:PORT, token: TEXT}");
     }
 }
 
 Milliseconds hoursIn(const Entry &value) {
     const double hours = value.number();
-    if (hours <= 0 || hours > 24 * 31) value.fail("expected hours, at most a month");
+    if (hours <= 0 || hours > 24 * 31) value.fail("expected a number of hours, at most a month (744)");
     return Milliseconds(static_cast<int64_t>(hours * 3600000));
 }
 
@@ -202,7 +204,7 @@ const Keys<AskWho> kOperatorKeys = {
 
 void readOperator(Draft &draft, const Entry &value) {
     readMap(value.node, kOperatorKeys, "of the operator", draft.line.who, draft.faults);
-    if (draft.line.who.prompt.empty()) value.fail("whoever is asked needs a \"prompt\"");
+    if (draft.line.who.prompt.empty()) value.fail("\"operator\" needs a \"prompt\", the question to ask");
 }
 
 const Keys<Reference> kReferenceKeys = {
@@ -213,7 +215,7 @@ const Keys<Reference> kReferenceKeys = {
 void readReference(Draft &draft, const Entry &value) {
     Reference &unit = draft.line.reference;
     readMap(value.node, kReferenceKeys, "of the reference unit", unit, draft.faults);
-    if (unit.serial.empty() || unit.within.count() == 0) value.fail("a reference unit has \"serial\" and \"hours\"");
+    if (unit.serial.empty() || unit.within.count() == 0) value.fail("a reference unit needs \"serial\" and \"hours\"");
 }
 
 const Keys<Draft> kLineKeys = {
@@ -286,7 +288,7 @@ LineFile loadLine(const fs::path &path, const AskPools &pools) {
     line.plan = loadPlan(line.planPath, line.planFiles, namesOf(line, pools));
     if (!line.reference.serial.empty() && !names(line.plan, "serial")) {
         throw PlanError(path.string() +
-                        ": no step of the plan says the {serial}, by which the reference unit is known");
+                        ": no step of the plan finds the {serial}, by which the reference unit is recognized");
     }
     return line;
 }

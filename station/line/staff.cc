@@ -11,7 +11,7 @@ constexpr Milliseconds kAnswerTime{3600000};  // as long as for a plan's `ask`
 std::string faultOfAnswer(const std::string &answer, const AskWho &ask) {
     if (answer.empty()) return "an answer is needed";
     if (!ask.match || ask.match->find(answer)) return {};
-    return "this is not what is asked for: \"" + shorten(answer, kQuoted) + '"';
+    return "\"" + shorten(answer, kQuoted) + "\" does not look right: scan or type it again";
 }
 
 }  // namespace
