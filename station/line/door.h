@@ -31,30 +31,30 @@ public:
     Door(Listener &listener, Observer &observer);
 
     Listener &listener() { return listener_; }
-    // Ends the wait of attend().
+    // Ends the wait of attend(). Any thread may call this.
     void wake() const;
 
-    // Waits for something to happen, at most so long; then accepts who knocks, if `accept`, and finds out what the
-    // newcomers are. Reports one stranger a second at most, and counts the others there. Without `probe` all are
-    // boards; with it, a board is what answers an unknown word with UNKNOWN, which changes nothing there. Drops
-    // newcomers that have gone, refuses those that are no boards, and all boards but one that wait for the same place.
+    // Waits at most `limit` for something to happen. Then accepts connections, if `accept`, and finds out which
+    // newcomers are boards: with `probe` those that answer an unknown word with UNKNOWN, which changes nothing on a
+    // board; without it all. Drops newcomers that have gone. Refuses those that are not boards, and every board but one
+    // that waits for the same place. Reports at most one stranger per second, with the number of the others.
     void attend(bool accept, bool probe, Milliseconds limit);
 
     // Offers each board to `seat`, and drops it from the newcomers when `seat` returns true, having taken the session.
     void handOver(const std::function<bool(Newcomer &)> &seat);
 
-    // Reports the last refusal, if it is not reported yet, and how many others are not.
+    // Reports the last refusal and the number of others, unless they have been reported.
     void report();
 
-    // Returns how many newcomers are boards, or have hardly had the time to answer.
+    // Returns how many newcomers are boards, or have not had time to answer yet.
     size_t expected() const;
-    // Returns true while it is unknown what some of the newcomers are.
+    // Returns true while it is unknown whether some newcomer is a board.
     bool undecided() const;
     // Returns " ADDRESS:PORT" for each board without a place.
     std::string boards() const;
 
 private:
-    size_t most() const;  // newcomers, and as many boards that wait
+    size_t most() const;  // limit for newcomers, and the same for boards that wait
     bool full() const;
     void letIn();
     bool crowded(const std::string &address) const;
@@ -65,7 +65,7 @@ private:
     Listener &listener_;
     Observer &observer_;
     const Descriptor wakeup_;
-    Clock::time_point pausedUntil_;  // no descriptor is left
+    Clock::time_point pausedUntil_;  // while no descriptor is left
     std::vector<Newcomer> newcomers_;
     std::string refused_, why_;     // the last stranger
     size_t unreported_ = 0;         // strangers

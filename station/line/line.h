@@ -1,6 +1,6 @@
 #pragma once
-// The line: which board is at which place, and what runs there. A thread per socket lets boards in (Door), a thread per
-// place serves them, and the calling thread looks after the line as a whole.
+// The line: which board is at which place, and what runs there. One thread per socket lets boards in (Door), one per
+// place serves them, and the calling thread watches the line as a whole.
 
 #include <list>
 #include <memory>
@@ -22,7 +22,7 @@ struct Job {
     Hook before, after;
     AskWho who = {};
     Reference reference = {};
-    int holdAfter = 0;  // units that failed in a row at a place; 0: never
+    int holdAfter = 0;  // hold a place after so many failed units in a row; 0: never
 };
 
 // How a line's work has ended.
@@ -48,8 +48,8 @@ public:
     ~Line();
     Line(const Line &) = delete;
 
-    // Runs the job on so many boards, which must connect within `wait`. A board beyond that number that has connected
-    // already gets its run, too. Call either run() or serve(), and only once.
+    // Runs the job on `boards` boards, which must connect within `wait`. A further board that has connected by then
+    // gets its run, too. Call either run() or serve(), and only once.
     Outcome run(int boards, Milliseconds wait);
     // Runs the job on every board that comes, until the stop is requested.
     Outcome serve();
@@ -101,10 +101,10 @@ private:
     bool endless_ = true;                                    // like the deadline, set before there are threads
     Clock::time_point deadline_ = Clock::time_point::max();  // for boards to come
 
-    mutable Mutex mutex_;  // guards what Gate and Seat say, too
+    mutable Mutex mutex_;  // guards members of Gate and Seat, too
     Condition changed_;
     std::shared_ptr<const Job> job_ GUARDED_BY(mutex_);
-    int wanted_ GUARDED_BY(mutex_) = 0;  // boards still to come, unless it is endless
+    int wanted_ GUARDED_BY(mutex_) = 0;  // boards still to come; unused when endless
     bool closed_ GUARDED_BY(mutex_) = false;
     bool ended_ GUARDED_BY(mutex_) = false;
     size_t open_ GUARDED_BY(mutex_) = 0;   // gates

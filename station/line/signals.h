@@ -24,7 +24,7 @@ bool stopsWithin(std::chrono::seconds duration);
 struct SignalActions {
     std::function<void()> stop;  // at the first SIGINT or SIGTERM
     std::function<void()> end;   // at the second; the third ends the process, whatever this waits for
-    // At SIGHUP, in a thread that nobody waits for: it must not refer to anything that it could outlive. The function
+    // Called at SIGHUP, in a detached thread: it must not refer to anything that it could outlive. The function
     // that it returns is called in that thread, unless the Signals object is gone by then.
     std::function<std::function<void()>()> reload;
 };
@@ -47,7 +47,7 @@ private:
     std::thread thread_;
 };
 
-// Knows which step of which board runs.
+// Keeps track of the running steps, for a station that is ended at once.
 class Unfinished : public Observer {
 public:
     void stepStarts(const RunRecord &run, size_t step) override;

@@ -12,16 +12,17 @@
 namespace station {
 
 struct AskWho {
-    std::string prompt;               // empty: nobody is asked
-    std::optional<Expression> match;  // of the answer
-    Milliseconds within{8 * 3600000};
-    bool eachPlace = false;  // else one answer is for all places
+    std::string prompt;                // the question; empty: nobody is asked
+    std::optional<Expression> match;   // of the answer
+    Milliseconds within{8 * 3600000};  // after this time it is asked again
+    bool eachPlace = false;            // each place asks for itself; otherwise one answer is for all
 };
 
 class Staff {
 public:
-    // Returns who works at the run's place. Asks when nobody has said so within the time, and again until the answer is
-    // right. An answer at another place counts, unless each place has its own. Throws what `people` throws.
+    // Returns who works at the run's place. Asks if the last answer is too old, and repeats the question until the
+    // answer is right. An answer at another place counts, too, unless each place asks for itself. Throws what `people`
+    // throws.
     std::string at(const RunRecord &run, const AskWho &ask, Operator &people, const Needless &needless);
 
 private:

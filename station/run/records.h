@@ -16,19 +16,19 @@ struct RecordsError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What the judged runs of a plan tell about a unit, but for those that failed for another cause than the unit.
+// What earlier runs of a plan say about a unit. Runs that failed through another cause than the unit do not count.
 struct UnitHistory {
-    int failed = 0;                // runs in a row, up to the last one
-    WallClock::time_point when{};  // the last one ended; 0: there is none
-    std::string where;             // its place, for people
+    int failed = 0;                // how many of the last runs failed in a row
+    WallClock::time_point when{};  // when the last one ended; 0: there is none
+    std::string where;             // the place of the last one, for people
 
-    bool passed() const { return failed == 0 && when != WallClock::time_point(); }  // the last one
+    bool passed() const { return failed == 0 && when != WallClock::time_point(); }  // true if the last one passed
 };
 
-// Whose an address is.
+// The unit that an address belongs to.
 struct AddressOwner {
-    std::string unit;        // that was given the address; empty: none was
-    bool hasOthers = false;  // the run's unit was given addresses, whichever
+    std::string unit;        // the unit that was given the address; empty: none was
+    bool hasOthers = false;  // the run's unit was given any addresses at all
 };
 
 // Called by the threads of all boards at once. "Durable" means that it survives a power cut.

@@ -72,8 +72,8 @@ Value number(double value);
 // Must be used by one thread at a time.
 class Database {
 public:
-    // The version of the schema. A change is one more version, never a change of one that a release had: databases in
-    // factories are brought forward by those that they have not seen yet.
+    // The version of the schema. Add a version for each change, and never edit one that was released: a factory's
+    // database is upgraded by the versions that it does not have yet.
     static constexpr int kNewest = 4;
 
     // What to do with a store that does not exist or has an older version: make or upgrade it; throw; or take it as it

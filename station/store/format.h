@@ -1,5 +1,5 @@
 #pragma once
-// How a store's answers look to people and to other programs: the same in a terminal and on the station's pages.
+// Formats the results of queries for people and programs, alike for the terminal and the pages.
 
 #include <string>
 #include <vector>
@@ -8,21 +8,22 @@
 
 namespace station {
 
-// Returns true when a column of this name has numbers, whatever table it is of. Table::numbers knows better.
+// Returns true when columns of this name usually have numbers. Prefer Table::numbers, if it is filled.
 bool isNumber(const std::string &column);
 
-// Returns a cell to look at: a number with three decimals at most, a text without control characters; "-" for none.
+// Returns a cell for people: a fraction with three decimals, a text without control characters, or "-" for NULL.
 std::string cellText(const Value &cell, bool isNumber = true);
 
-// Returns a measured value, or a figure of many, with the digits that mean something: four of the distance between its
-// limits, or two of the deviation, and always enough to tell it from a limit that it is not. NAN: no limit, none known.
+// Returns a measured value, or a figure computed from several, with the digits that mean something: four of the
+// distance between its limits, or two of the deviation; always enough to tell it from a limit that it does not equal.
+// NAN: no such limit or deviation.
 std::string measuredText(double value, double minimum, double maximum, double deviation);
 
-// Comma-separated values, all digits, after a line with the columns' names. A text that a spreadsheet would take for a
-// formula (it begins with =, +, -, @ or a tab) gets an apostrophe in front.
-std::string csvLine(const Table &head);  // the names
+// Return CSV: a line with the columns' names, then the rows, numbers with all digits. A text that a spreadsheet would
+// take for a formula (it begins with =, +, -, @, a tab or a CR) gets an apostrophe in front.
+std::string csvLine(const Table &head);  // the line with the names
 std::string csvLine(const Table &head, const std::vector<Value> &row);
 std::string csvOf(const Table &table);
-std::string csvOf(const std::vector<Section> &sections);  // each with its name before it, after "# "
+std::string csvOf(const std::vector<Section> &sections);  // several tables: a line "# NAME" precedes each
 
 }  // namespace station

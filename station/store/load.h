@@ -11,10 +11,11 @@
 namespace station {
 
 // Calls `each` with the name of each run of the period that has ended, in the order of their start. `each` may use the
-// connection. However many there are, some are in memory at a time.
+// connection. Keeps only some names in memory at a time.
 void eachName(Database &database, const Period &period, const std::function<void(const std::string &)> &each);
 
-// Throws Refusal when there is no run of this name. Whether a reply is to be shown is not recorded.
+// Returns the record of the run with this name, without StepResult::show, which the store does not have. Throws Refusal
+// when there is no such run.
 RunRecord loadRun(Database &database, const std::string &name);
 
 }  // namespace station

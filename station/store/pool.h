@@ -31,7 +31,7 @@ std::vector<std::string> addRange(Database &database, const std::string &pool, c
 
 struct Imported {
     int64_t added = 0;  // number of addresses or values
-    std::string first;  // the first value of the file: a person may see that it is a heading
+    std::string first;  // the first value of the file: shown, so that a person notices a heading
     std::vector<std::string> unusual;
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// Records of runs, written to a store: the one place that turns a record into rows. load.h reads them back.
+// Writes records of runs to a store. Only this file turns a record into rows; load.h reads them back.
 
 #include <string>
 
@@ -10,7 +10,7 @@ namespace station {
 
 // Writes a record within the caller's transaction: the run, its unit, and the steps that have ended, from `first`
 // (counted from 0) on. Updates what is there already, so a record may be written any number of times and in any order:
-// a record without an end never replaces one with an end. `inWork`: the run of a record without an end goes on;
+// a record without an end never replaces one with an end. `inWork`: a run without an end is still running;
 // otherwise it counts as interrupted.
 //
 //     database.transact([&] { save(database, run); });

@@ -41,7 +41,7 @@ public:
     std::string key() const;  // of this process
     // Returns the keys that this process is responsible for: its own, and those of dead processes.
     std::set<std::string> keys() const;
-    // Gives up a key that another machine holds, too. After the last one the process gets a new one.
+    // Gives up a key that another machine holds, too. If it was the last one, makes a new one.
     // Records that wait under the key stay and are written: they have ended, and both machines may write them.
     void surrender(const std::string &key);
 
