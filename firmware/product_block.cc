@@ -25,7 +25,7 @@ void cutText(char *block, size_t start) {
 void cutProductFields(char *block) {
     cutText(block, kVendor);
     cutText(block, kProduct);
-    // Last, so that a text without an end of its own ends at a separator.
+    // Done last, so that a text without a terminator ends at the next separator.
     constexpr size_t kSeparators[] = {kMinor - 1, kPatch - 1, kMark - 1, kMark + 8};
     for (const size_t separator : kSeparators) block[separator] = '\0';
 }

@@ -230,7 +230,7 @@ int read_value_list(const char *path, char *table, int max_entries, int entry_si
 uint32_t my_strtou32(const char *text, const char **end, int base) {
     constexpr uint32_t kMost = std::numeric_limits<uint32_t>::max();
     char *rest = nullptr;
-    // Read as a signed 64-bit number, which keeps the sign; a magnitude of more than 32 bits is out of range.
+    // Reads a signed 64-bit number, which keeps the sign. A magnitude of more than 32 bits is out of range.
     const long long value = strtoll(text, &rest, base);
     if (end != nullptr) *end = rest;
     const bool inRange = value >= -static_cast<long long>(kMost) && value <= static_cast<long long>(kMost);

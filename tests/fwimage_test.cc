@@ -27,7 +27,7 @@ std::string read(const std::string &name) {
     return content.str();
 }
 
-// Why the image is not made; empty when it is.
+// Returns why the image is not made; empty when it is.
 std::string refusal(const std::string &image, const fwimage::Product &product, const Sources &sources) try {
     fwimage::create(image, product, sources);
     return fwimage::inspect(image).fault;
@@ -35,7 +35,7 @@ std::string refusal(const std::string &image, const fwimage::Product &product, c
     return error.what();
 }
 
-// In a folder of its own.
+// Runs each test in a folder of its own.
 class Image : public testing::Test {
 protected:
     Image() {
@@ -50,7 +50,7 @@ protected:
     fs::path folder_ = mkdtemp(name_);
 };
 
-// What is too long by one is refused in the document.
+// docs/image-format.md refuses fields that are one character longer.
 TEST_F(Image, MayHaveTheLongestFieldsAndPayloadsOfAnySize) {
     const auto x = [](size_t count) { return std::string(count, 'x'); };
     const Sources sources = {{"2.bin", "kernel"}, {"3." + x(59), "root"}, {"4.x", "empty"}};

@@ -392,8 +392,8 @@ private:
     std::thread thread_;
 };
 
-// The line around a run: an operator whose first answer is wrong, and who does what is asked; a pool, and one that is
-// empty; and a stop that comes with the step "stop".
+// The line around a run. Its operator answers "oops" first, then "unit-7", and acts on some prompts. The pool "none" is
+// empty, every other one has addresses. The step "stop" stops the line.
 struct Line : station::Operator, station::Records, station::Observer, Bench {
     std::string ask(const RunRecord &, size_t, const std::string &prompt, const std::string &problem,
                     station::Clock::time_point, const station::Needless &needless) override {
@@ -536,7 +536,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
     }
 }
 
-// An operator with these answers, and none after them.
+// An operator who gives these answers one by one, and then none.
 struct Scans : Line {
     std::string ask(const RunRecord &, size_t, const std::string &, const std::string &problem,
                     station::Clock::time_point, const station::Needless &) override {

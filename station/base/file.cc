@@ -66,8 +66,8 @@ std::optional<std::string> readFileIfThere(const fs::path &path, uint64_t most) 
     return readFile(path, most);
 }
 
-// The kernel applies the process's umask to the mode: mkostemp() would make the file 0600, and to read the umask is to
-// change it, for all threads.
+// Lets the kernel apply the process's umask to the mode. mkostemp() would make the file 0600, and the umask cannot be
+// read without changing it for all threads.
 NewFile::NewFile(const fs::path &path, mode_t mode) : path_(replaceable(path)), descriptor_(-1) {
     std::random_device random;
     do {

@@ -18,9 +18,9 @@ std::string readFile(const std::filesystem::path &path, uint64_t most);
 // The same; returns nothing when there is no such file.
 std::optional<std::string> readFileIfThere(const std::filesystem::path &path, uint64_t most);
 
-// A new file that replaces `path`, or the regular file that symbolic links of this name lead to, when it is kept; what
-// was there stays until then, and for good without that. Every failure throws std::runtime_error, and so does anything
-// else of this name: a device, a FIFO, a folder. The process's umask applies to the mode.
+// A new file that replaces `path` when keep() is called; until then, and without that call, the old file stays. Follows
+// symbolic links, and replaces only a regular file: throws std::runtime_error for a device, a FIFO or a folder, and for
+// every failure. The process's umask applies to the mode.
 class NewFile {
 public:
     explicit NewFile(const std::filesystem::path &path, mode_t mode = 0666);
@@ -29,7 +29,7 @@ public:
     NewFile &operator=(const NewFile &) = delete;
 
     void write(std::string_view bytes);
-    // `durable`: the content is on the disk before the file is there.
+    // Gives the file its name. `durable`: only after the content is on the disk.
     void keep(bool durable = true);
 
 private:

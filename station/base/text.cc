@@ -8,7 +8,7 @@
 namespace station {
 namespace {
 
-// True for the bytes of a character that follow its first.
+// Returns true for the bytes of a character after its first.
 bool continues(char c) { return (c & 0xC0) == 0x80; }
 
 }  // namespace

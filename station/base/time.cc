@@ -33,7 +33,7 @@ WallClock::time_point asLocal(WallClock::time_point time) {
     return time + std::chrono::seconds(std::mktime(&date) - shown);
 }
 
-// "90m", "8h", "7d"; before 1970, where the clock begins, 1970.
+// Reads "90m", "8h", "7d". Returns the beginning of 1970 for a time before that.
 std::optional<WallClock::time_point> parseAgo(const std::string &text) {
     static const re2::RE2 kAgo("([0-9]{1,9})([mhd])");
     int64_t count = 0;

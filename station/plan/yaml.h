@@ -40,7 +40,7 @@ constexpr size_t kLongestPart = 64;
 // Returns why a text cannot be part of a file's name; empty when it can.
 std::string faultOfPart(const std::string &text);
 
-// A value of a map. Each call throws Fault when the value is not what is asked for.
+// A value of a map. Each function throws Fault when the value is not of its type.
 struct Entry {
     YAML::Node node;
 

@@ -95,7 +95,7 @@ public:
         }
     }
 
-    // It is not a failure when the other end is not there yet.
+    // Ignores a failure: the other end may not be there yet.
     void send(const std::string &frame) override { ::send(socket_.descriptor(), frame.data(), frame.size(), 0); }
     std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
     Mac address() const override { return kDatagramStation; }

@@ -29,7 +29,7 @@ using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 // One board's connection. Every call throws SessionError when the board closes or resets the connection.
 class Session {
 public:
-    // `board`: where it comes from.
+    // `board`: the address that the connection comes from.
     explicit Session(Socket socket, const sockaddr_in &board = {}) : socket_(std::move(socket)), board_(board) {}
 
     // Sets the time after which every send throws, because the board must have taken everything by then. At first it is
