@@ -31,7 +31,8 @@ AWAY = attack.STATION
 PLAN = '''probe: false
 steps:
   - {ask: serial, prompt: Scan the label, match: '^[A-Z<][-A-Za-z0-9<>()/]+$'}
-  - {send: PING, match: '^PING (?P<ports>[0-9]+)$', limits: {ports: {min: 1, max: 4}}, hint: See <b>cable 7</b>}
+  - {send: PING, match: '^PING (?P<ports>[0-9]+)$', limits: {ports: {min: 1, max: 4}},
+     hint: See <b>cable 7</b>, picture: plug.png}
   - {send: BYE, expect: BYE, closes: true}
 '''
 
@@ -97,6 +98,7 @@ class Page(unittest.TestCase):
         os.environ.update(HOME=cls.folder, XDG_CACHE_HOME=cls.folder)
         os.chdir(cls.folder)
         with open('plan.yaml', 'w') as file: file.write(PLAN)
+        shutil.copy(os.path.dirname(SCHEMA) + '/page.png', 'plug.png')
         with open('line.yaml', 'w') as file:
             file.write(f'listen: 127.0.0.1:{PORT}\nplaces: 2\nplan: plan.yaml\nstore: line.db\n'
                        f'page: {{listen: "0.0.0.0:{PAGE}", token: long%41enough}}\n')
@@ -189,6 +191,9 @@ class Page(unittest.TestCase):
         self.asked('board 2')
         self.type('<script>alert(1)</script>', Keys.ENTER)
         self.sees(2, 'FAIL', '<script>a', 'PING <script>', 'See <b>cable 7</b>', '2/3')
+        width = 'return document.querySelector(".failed .picture").naturalWidth'
+        self.until(lambda: self.browser.execute_script(width) > 0)
+        self.assertEqual(self.browser.execute_script(MEASURE), [])
         self.asked('board 1')
         self.type('A-1', Keys.ENTER)
         self.sees(1, 'PASS', 'A-1')

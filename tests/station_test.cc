@@ -239,6 +239,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING, expect: OK, empty: true}", "1:3: the step has no file"},
         {"- {send: PING, expect: OK, image: five}", "1:35: this is not a firmware image: 5 bytes are too few"},
         {"- {send: PING, expect: OK, image: damaged}", "1:35: this is not a firmware image: "},
+        {"- {send: PING, expect: OK, picture: five}", "1:37: expected a picture of at most 1 MiB"},
         {"- {run: ''}", "1:9: a command is missing"},
         {"- {run: x, image: five}", "1:12: unknown key \"image\" in a \"run\" step"},
         {"- {send: BYE, expect: BYE}\n- {run: x}\n- {send: X, expect: X}", "3:3: the session has ended"},

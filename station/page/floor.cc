@@ -13,6 +13,7 @@ namespace {
 constexpr size_t kTroublesShown = 3;
 constexpr std::chrono::minutes kTroubleShown{30};
 constexpr size_t kReplyShown = 160;  // bytes
+constexpr size_t kMostPictures = 200;
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -113,6 +114,8 @@ void Floor::boardEnds(const RunRecord &run) {
                      {"seconds", seconds},
                      {"steps", run.steps.size()}};
         if (!run.passed()) tile.json["failure"] = failureOf(run);
+        if (const StepResult *const failed = run.firstFailed(); failed != nullptr && failed->cause == Cause::kUnit)
+            tile.json["failure"]["picture"] = link(failed->picture);
         if (run.again()) tile.json["todo"] = todoAbout(run);
         if (run.again() && todoAbout(run) == todoAbout(run.cause)) tile.json["cause"] = textOf(run.cause);
         tile.runs = false;
@@ -182,6 +185,21 @@ std::string Floor::steps(int place) {
     return dump(Json{{"place", show(tile->second)}, {"steps", tile->second.steps}});
 }
 
+// Returns the address of a step's picture, which browsers can ask for from now on; null: it has none. Of the plans that
+// were read again and again, the pictures are not all kept.
+Json Floor::link(const std::optional<Payload> &picture) {
+    if (!picture) return nullptr;
+    if (pictures_.size() >= kMostPictures) pictures_.clear();
+    pictures_[picture->sha256] = *picture;
+    return "/picture?sha256=" + picture->sha256;
+}
+
+std::optional<Payload> Floor::picture(const std::string &sha256) {
+    const Lock lock(mutex_);
+    const auto found = pictures_.find(sha256);
+    return found == pictures_.end() ? std::nullopt : std::optional(found->second);
+}
+
 void Floor::asks(const Place &place, const Question &question) {
     change(place, [&](Tile &tile) REQUIRES(mutex_) {
         tile.json["stage"] = question.number > 0 ? "asking" : "running";
@@ -190,6 +208,7 @@ void Floor::asks(const Place &place, const Question &question) {
         tile.json["ask"] = {{"question", question.number},
                             {"prompt", oneLine(question.prompt)},
                             {"problem", oneLine(question.problem)},
+                            {"picture", link(question.picture)},
                             {"since", tile.started.time_since_epoch() / std::chrono::milliseconds(1)}};
     });
 }

@@ -23,6 +23,7 @@ namespace station {
 struct Question {
     uint64_t number = 0;  // unique; 0: there is no question
     std::string prompt, problem;
+    std::optional<Payload> picture = {};
 };
 
 class Floor : public Observer {
@@ -54,6 +55,9 @@ public:
     // Returns the steps of the place's last run so far, as JSON; empty when there is no such place.
     std::string steps(int place);
 
+    // Returns the picture with this SHA-256, of a question or a failure that was shown; nothing if there is none.
+    std::optional<Payload> picture(const std::string &sha256);
+
     // Returns what has changed since version `seen`, as JSON, and sets `seen` to the present version. Returns an empty
     // text when nothing has. With `seen` 0 returns everything, and the version of the page's own files.
     std::string since(uint64_t &seen);
@@ -81,13 +85,15 @@ private:
     template <typename Change>
     void changeLine(const Change &apply);
     Json show(const Tile &tile) const;
+    Json link(const std::optional<Payload> &picture) REQUIRES(mutex_);
     bool endTroubles(WallClock::time_point before) REQUIRES(mutex_);
 
     const std::function<void()> changed_;
     Mutex mutex_;
     Shift shift_ GUARDED_BY(mutex_);
     Durations durations_ GUARDED_BY(mutex_);
-    std::map<int, Tile> tiles_ GUARDED_BY(mutex_);  // by the place's number
+    std::map<int, Tile> tiles_ GUARDED_BY(mutex_);                // by the place's number
+    std::map<std::string, Payload> pictures_ GUARDED_BY(mutex_);  // by their SHA-256
     std::string waits_ GUARDED_BY(mutex_), stranger_ GUARDED_BY(mutex_);
     size_t strangers_ GUARDED_BY(mutex_) = 0;
     bool stops_ GUARDED_BY(mutex_) = false;

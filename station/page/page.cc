@@ -80,6 +80,7 @@ Page::Page(const PageSettings &settings, const std::string &store)
     server_.add({{"/scan", [this](const PageRequest &request) { return scan(request); }, RouteKind::kChange},
                  {"/api/line", [this](const PageRequest &) { return line(); }, RouteKind::kQuick},
                  {"/api/steps", [this](const PageRequest &request) { return steps(request); }, RouteKind::kQuick},
+                 {"/picture", [this](const PageRequest &request) { return picture(request); }, RouteKind::kQuick},
                  {"/seen", [this](const PageRequest &request) { return seen(request); }, RouteKind::kChange},
                  {"/hold", [this](const PageRequest &request) { return hold(request); }, RouteKind::kChange}});
 }
@@ -89,6 +90,13 @@ std::string Page::url() const { return fmt::format("http://{}:{}/", address_, se
 void Page::start(Hold hold, std::function<void(const std::string &trouble)> tell) {
     hold_ = std::move(hold);
     server_.start(std::move(tell));
+}
+
+PageReply Page::picture(const PageRequest &request) {
+    const auto wanted = request.parameters.find("sha256");
+    const auto found = floor_.picture(wanted == request.parameters.end() ? "" : wanted->second);
+    if (!found) return refused(404, "There is no such picture.");
+    return {200, pictureType(*found->bytes), *found->bytes, {{"Cache-Control", "max-age=31536000, immutable"}}};
 }
 
 PageReply Page::scan(const PageRequest &request) {

@@ -35,6 +35,7 @@ public:
 private:
     PageReply scan(const PageRequest &request);
     PageReply line();
+    PageReply picture(const PageRequest &request);
     PageReply steps(const PageRequest &request);
     PageReply seen(const PageRequest &request);
     PageReply hold(const PageRequest &request);

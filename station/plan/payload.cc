@@ -13,4 +13,10 @@ Payload readPayload(const std::filesystem::path &path) {
     return {path.filename().string(), std::move(bytes), md5.text(), sha256.text()};
 }
 
+const char *pictureType(std::string_view bytes) {
+    if (bytes.starts_with("\x89PNG\r\n")) return "image/png";
+    if (bytes.starts_with("\xff\xd8\xff")) return "image/jpeg";
+    return bytes.starts_with("RIFF") && bytes.substr(0, 12).ends_with("WEBP") ? "image/webp" : nullptr;
+}
+
 }  // namespace station

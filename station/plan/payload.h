@@ -23,6 +23,10 @@ struct PlanFile {
     std::string sha256;  // 64 lower-case hexadecimal digits
 };
 
+// Returns the media type of a picture that browsers show, by its first bytes; null: it is not one.
+const char *pictureType(std::string_view bytes);
+
+constexpr size_t kLargestPicture = 1 << 20;       // bytes
 constexpr uint64_t kLargestPayload = 2147483647;  // bytes, the most that a command can announce
 
 // Reads a file and computes its digests. Throws std::runtime_error, which says why the file cannot be read.

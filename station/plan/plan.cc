@@ -117,6 +117,13 @@ const Payload &addFile(Draft &draft, const Entry &value) {
 
 void readFileKey(Draft &draft, const Entry &value) { draft.step.file = addFile(draft, value); }
 
+void readPicture(Draft &draft, const Entry &value) {
+    const Payload &file = payloadAt(draft.loader, value);
+    if (file.bytes->size() > kLargestPicture || pictureType(*file.bytes) == nullptr)
+        value.fail("expected a picture of at most 1 MiB: PNG, JPEG or WebP");
+    draft.step.picture = file;
+}
+
 void readSha256(Draft &draft, const Entry &value) {
     draft.sha256 = value.text();
     for (char &c : draft.sha256) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -215,6 +222,7 @@ Keys<Draft> join(Keys<Draft> keys, const Keys<Draft> &more) {
 const Keys<Draft> kEveryStep = {
     {"name", readShown<&Step::name>},
     {"hint", readShown<&Step::hint>},
+    {"picture", readPicture},
     {"timeout", readTimeout},
     {"required", readFlag<&Step::required>},
     {"always", readFlag<&Step::always>},
@@ -387,6 +395,8 @@ void checkFiles(const Draft &draft, std::vector<Fault> &faults) {
 void completeStep(Draft &draft) {
     std::vector<Fault> &faults = draft.loader.faults;
     checkFiles(draft, faults);
+    if (const auto &picture = draft.step.picture)
+        draft.files.push_back({0, picture->name, picture->bytes->size(), picture->sha256});
     for (const Rule &rule : kRules) {
         if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
     }

@@ -45,6 +45,7 @@ struct Step {
     std::string ask;                           // the variable that the operator's answer becomes
     std::string prompt;                        // with {name}
     std::string whose;                         // the group of its match that is an address of the unit; empty: none
+    std::optional<Payload> picture;            // shown beside the prompt or the hint
     std::string hint;                          // what a person should do when the step fails
     std::chrono::milliseconds timeout{10000};  // for each attempt
     int status = 0;

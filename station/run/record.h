@@ -54,6 +54,7 @@ struct StepResult {
     std::string failure;                  // why the step did not pass; empty when it passed
     Cause cause = Cause::kNone;           // of a failure
     std::string hint;                     // what to do when it fails: the plan's, or the one for its cause
+    std::optional<Payload> picture;       // the plan's, beside the prompt or the hint; no record keeps it
     bool show = false;                    // the plan's `show`: print the reply as it is
     std::chrono::milliseconds offset{0};  // of its start from the run's
     std::chrono::milliseconds duration{0};

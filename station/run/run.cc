@@ -440,6 +440,7 @@ RunRecord newRun(const Plan &plan, const Place &place) {
         StepResult &result = run.steps.emplace_back();
         result.title = result.planned = step.title();
         result.hint = step.hint;
+        result.picture = step.picture;
         result.show = step.show;
     }
     return run;

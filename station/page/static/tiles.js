@@ -26,10 +26,12 @@ function tileOf(number) {
     if (!tiles.has(number)) {
         const tile = {box: document.createElement('section'), key: ''};
         for (const [part, tag] of [['head', 'div'], ['unit', 'p'], ['main', 'p'], ['hint', 'p'], ['text', 'p'],
-                                   ['marks', 'div']]) {
+                                   ['picture', 'img'], ['marks', 'div']]) {
             tile[part] = make(tile.box, tag, part);
             tile[part].dir = 'auto';
         }
+        tile.picture.alt = '';  // the prompt or the hint says it in words
+        tile.picture.hidden = true;
         tile.name = make(tile.head, 'h2', 'name');
         tile.time = make(tile.head, 'p', 'time');
         tiles.set(number, tile);
@@ -101,7 +103,7 @@ function show(tile) {
     const main = view.verdict || (brief && view.short) || view.words;
     const meant = tile.box.classList.contains('meant');
     const state = [place.stage, view.state, place.seen && 'seen', place.held && 'reserved', view.hint && 'hinted',
-                   (view.hint || '').length > 45 && 'long', meant && 'meant'];
+                   (view.hint || '').length > 45 && 'long', meant && 'meant', pictureOf(place) && 'pictured'];
     const name = ['tile', ...state].filter(Boolean).join(' ');
     if (tile.box.className !== name) tile.box.className = name;
     set(tile.time, view.time || '');
@@ -114,7 +116,15 @@ function show(tile) {
     set(tile.hint, view.hint || '');
     set(tile.text, view.problem || view.text || '');
     tile.text.classList.toggle('wrong', Boolean(view.problem));
+    showPicture(tile.picture, pictureOf(place));
     showMarks(tile, place);
+}
+
+const pictureOf = place => place.ask?.picture || place.failure?.picture;
+
+function showPicture(image, address) {
+    image.hidden = !address;
+    if (address && image.getAttribute('src') !== address) image.src = address;
 }
 
 // The width of what stands beside a name, in px.
