@@ -163,7 +163,7 @@ Table lastValues(Database &database, const Query &query, size_t) {
 }
 
 Table lastFiles(Database &database, const Query &query, size_t) {
-    Table table{{"plan", "step", "file", "size", "sha256"}, {}, {}};
+    Table table{{"plan", "step", "file", "size", "sha256"}, {}, {false, true, false, true, false}};
     for (const RunRecord &run : lastRuns(database, query)) {
         for (const PlanFile &file : run.files) {
             table.rows.push_back({run.plan, number(file.step), file.name, number(file.size), file.sha256});
