@@ -119,10 +119,16 @@ def check_init():
     assert "made/results made" in call("init", "line.yaml", *user)
     assert call("init", "line.yaml", *user).startswith("all is there")
     assert "no faults" in call("check", "line.yaml", *user)
+    os.rename("made/results", "roots")
+    write("roots/own", "")
+    os.symlink("../roots", "made/results")
+    call("init", "line.yaml", *user)
+    assert os.stat("roots/own").st_uid == os.getuid(), "what a link leads to stays root's"
 
 
 def check_init_of_postgresql():
-    """As the documents say: a role for the service, whose the database is."""
+    """As the documents say: a role for the service, whose the database is. To read its tables is not enough."""
+    os.remove("made/results")
     os.mkdir("server")
     server = subprocess.Popen([SERVER, "server"])
     url = f"postgresql:///line?host={os.getcwd()}/server"
@@ -137,6 +143,8 @@ def check_init_of_postgresql():
     other = url.replace("/line?", "/other?")
     call("store", "upgrade", "--store", other + "&user=station")
     line_of(store=other, results="made/results", spool="made/spool", before=None)
+    subprocess.run(["psql", "-qd", other + "&user=station", "-c", "GRANT SELECT ON ALL TABLES IN SCHEMA public TO nobody"],
+                   check=True)
     assert "GRANT ALL" in call("check", "line.yaml", "--user", "nobody", status=2)
     server.send_signal(signal.SIGINT)
     server.wait(60)

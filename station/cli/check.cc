@@ -148,7 +148,8 @@ std::string denial(Database &database) {
     if (!database.shared()) return {};
     const Table denied = database.ask(
         "SELECT current_user, string_agg(tablename, ', ') FROM pg_tables WHERE schemaname = current_schema() AND NOT"
-        " has_table_privilege(format('%I.%I', schemaname, tablename), 'SELECT, INSERT, UPDATE, DELETE')");
+        " (SELECT bool_and(has_table_privilege(format('%I.%I', schemaname, tablename), privilege))"
+        " FROM unnest(ARRAY['SELECT', 'INSERT', 'UPDATE', 'DELETE']) AS privilege)");
     if (!denied.rows.at(0)[1]) return {};
     return fmt::format("the role {0} may not write {1}. Their owner mends that: "
                        "GRANT ALL ON ALL TABLES IN SCHEMA public TO {0}",

@@ -1,9 +1,12 @@
 #include "station/cli/service.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +14,7 @@
 #include <set>
 #include <system_error>
 
+#include "station/base/descriptor.h"
 #include "station/base/file.h"
 #include "station/cli/commands.h"
 #include "station/cli/example_line.h"
@@ -33,27 +37,51 @@ const passwd *userOf(const std::string &name) {
     return user;
 }
 
-// Gives a file or folder of root's to the service, which could not write it otherwise. A folder with other files stays.
+// Returns what the path leads to; none, with errno ELOOP, when it leads there over a link.
+Descriptor openUnlinked(const fs::path &path) {
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    return Descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+}
+
+bool holdsOnly(const Descriptor &folder, const fs::path &path, const std::set<fs::path> &own) {
+    const fs::directory_iterator entries(fmt::format("/proc/self/fd/{}", folder.descriptor()));
+    return std::all_of(begin(entries), end(entries),
+                       [&](const auto &entry) { return own.contains(path / entry.path().filename()); });
+}
+
+// Gives the service what root has made, as it could not write it. A folder that holds anything else stays root's, and
+// so does what a link leads to: the service may have put the link there to get any file of root's.
 void give(const fs::path &path, const std::set<fs::path> &own, const passwd *user) {
+    if (user == nullptr) return;
+    const Descriptor file = openUnlinked(path);
     struct stat status {};
-    if (user == nullptr || lstat(path.c_str(), &status) != 0 || status.st_uid != 0) return;
-    if (S_ISDIR(status.st_mode)) {
-        for (const auto &entry : fs::directory_iterator(path)) {
-            if (!own.contains(entry.path())) return;
-        }
+    const bool there = file.descriptor() >= 0 && fstat(file.descriptor(), &status) == 0;
+    if ((!there && errno == ELOOP) || (S_ISREG(status.st_mode) && status.st_nlink > 1 && status.st_uid == 0)) {
+        fmt::print("{} is a link, or behind one, and stays as it is\n", path.string());
+        return;
     }
-    if (lchown(path.c_str(), user->pw_uid, user->pw_gid) != 0) {
+    if (!there || status.st_uid != 0) return;
+    if (S_ISDIR(status.st_mode) && !holdsOnly(file, path, own)) return;
+    if (fchownat(file.descriptor(), "", user->pw_uid, user->pw_gid, AT_EMPTY_PATH) != 0) {
         throw std::system_error(errno, std::generic_category(), path.string());
     }
     fmt::print("{} is {}'s now\n", path.string(), user->pw_name);
 }
 
+// Returns the path from the root, without following links.
+fs::path wholePath(const fs::path &path) {
+    fs::path whole = fs::absolute(path).lexically_normal();
+    return whole.has_filename() ? whole : whole.parent_path();
+}
+
 // Returns what belongs to the station alone: its folders, the store's files, and the files in folders without folders.
 std::set<fs::path> belongingsOf(const LineFile &line) {
     std::set<fs::path> own;
-    for (const char *const part : {"", "-wal", "-shm"}) own.insert(fs::weakly_canonical(line.store + part));
+    for (const char *const part : {"", "-wal", "-shm"}) own.insert(wholePath(line.store + part));
     for (const auto &[about, path] : foldersOf(line)) {
-        const fs::path folder = fs::weakly_canonical(path);
+        const fs::path folder = wholePath(path);
         own.insert(folder);
         const auto isFile = [](const fs::directory_entry &entry) { return entry.is_regular_file(); };
         if (about == "store" || !std::all_of(fs::directory_iterator(folder), {}, isFile)) continue;
@@ -64,9 +92,11 @@ std::set<fs::path> belongingsOf(const LineFile &line) {
 
 void makeFolders(const LineFile &line) {
     for (const auto &[about, folder] : foldersOf(line)) {
-        if (!fs::create_directories(folder)) continue;
-        fs::permissions(folder, fs::perms(0750));
-        fmt::print("{} made\n", folder.string());
+        const fs::path whole = wholePath(folder);
+        fs::create_directories(whole.parent_path());
+        const bool made = mkdir(whole.c_str(), 0750) == 0;
+        if (!made && errno != EEXIST) throw std::system_error(errno, std::generic_category(), folder.string());
+        if (made) fmt::print("{} made\n", folder.string());
     }
 }
 
