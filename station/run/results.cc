@@ -169,7 +169,8 @@ std::vector<RunRecord> FileRecords::left(const std::set<std::string> &keys) cons
     std::error_code error;
     for (const auto &entry : fs::directory_iterator(folder_, error)) {
         fs::path path = entry.path();
-        if (path.extension() != ".json" || fs::exists(path.replace_extension(".log"))) continue;
+        if (path.extension() != ".json" || !entry.is_regular_file(error) || fs::exists(path.replace_extension(".log")))
+            continue;
         const auto run = readRecord(entry.path());
         if (run && keys.contains(run->station.key)) left.push_back(*run);
     }

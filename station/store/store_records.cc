@@ -251,9 +251,9 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
     const bool known = course.unit == named.unit && course.product == product;
     const auto write = [=](Database &store) {
         store.lock("unit " + *text(run->unit));
+        refuseInWork(store, *text(run->unit), run->station.key);  // another may have taken it while this one was away
         if (!known) {
             refuseOtherProduct(store, *run);
-            refuseInWork(store, *text(run->unit), run->station.key);
             save(store, *run, true, run->steps.size());
         }
         take(store, *run);
