@@ -107,8 +107,10 @@ def check_unanswered(folder):
     """A plan that asks does not start where nobody can answer."""
     with open(f"{folder}/serve.yaml", "w") as file:
         file.write("{places: 1, plan: question.yaml}")
+    with open(f"{folder}/badge.yaml", "w") as file:
+        file.write("{places: 1, plan: line.yaml, operator: {prompt: Badge}}")
     for command in words(folder, "question", 1, "--json"), words(folder, "question", 1), \
-            [QCSTATION, "serve", f"{folder}/serve.yaml"]:
+            [QCSTATION, "serve", f"{folder}/serve.yaml"], [QCSTATION, "serve", f"{folder}/badge.yaml"]:
         ended = subprocess.run(command, capture_output=True, text=True, timeout=60)
         assert ended.returncode == 2 and "give the line a page" in ended.stderr, ended
 

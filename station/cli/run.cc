@@ -43,7 +43,7 @@ std::string summaryOf(const std::string &plan, const Outcome &outcome) {
 int run(RunOptions options) {
     const auto job = std::make_shared<Job>();
     job->plan = loadPlan(options.plan, options.files, {{}, poolNames(options.store)});
-    needAnswers(job->plan, false, options.json);
+    needAnswers(*job, false, options.json);
     warn(job->plan);
     const int interfaces = static_cast<int>(options.interfaces.size());
     if (options.boards == 0) options.boards = std::max(interfaces, 1);

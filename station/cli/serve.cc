@@ -26,8 +26,8 @@ std::shared_ptr<const Job> jobOf(const LineFile &line) {
 // Reads the line's file again. Keeps the old job if the new file has a fault.
 Reload reload(const std::string &path, const LineFile &old, bool json) try {
     const LineFile line = loadLine(path, poolNames);
-    needAnswers(line.plan, old.page.has_value(), json);
     Reload found{jobOf(line), {}};
+    needAnswers(*found.job, old.page.has_value(), json);
     if (!line.sameStation(old)) {
         found.troubles.push_back(path +
                                  ": a change of address, places, records or page takes effect at the next start");
@@ -60,7 +60,7 @@ int serve(const std::string &path, bool json) {
     const std::optional<LineFile> found = awaitLine(path, console);
     if (!found) return kPassed;
     const LineFile &line = *found;
-    needAnswers(line.plan, line.page.has_value(), json);
+    needAnswers(*jobOf(line), line.page.has_value(), json);
     warn(line.plan);
     const auto records = recordsIn(line.results.string(), line.store, line.spool);
     std::vector<Listener> listeners = listenAt(line.address, line.port, line.cables, true);

@@ -146,14 +146,15 @@ std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string 
     return std::make_unique<StoreRecords>(store, spool.empty() ? defaultSpool(store) : spool, std::move(files));
 }
 
-void needAnswers(const Plan &plan, bool page, bool json) {
+void needAnswers(const Job &job, bool page, bool json) {
     if (page || (!json && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0)) return;
     const auto asks = [](const Step &step) { return step.kind == Kind::kAsk; };
-    if (std::none_of(plan.steps.begin(), plan.steps.end(), asks)) return;
+    const bool plans = std::any_of(job.plan.steps.begin(), job.plan.steps.end(), asks);
+    if (!plans && job.who.prompt.empty()) return;
     throw PlanError(
-        fmt::format("the plan {} asks, and nobody can answer: give the line a page, or start the station on a"
-                    " terminal, without --json",
-                    plan.name));
+        fmt::format("{} asks, and nobody can answer: give the line a page, or start the station on a terminal, without"
+                    " --json",
+                    plans ? "the plan " + job.plan.name : "\"operator\" of the line"));
 }
 
 void warn(const Plan &plan) {

@@ -60,9 +60,9 @@ std::vector<Listener> listenAt(const std::string &address, uint16_t port, const 
 std::unique_ptr<Records> recordsIn(const std::string &folder, const std::string &store,
                                    const std::filesystem::path &spool = {});
 
-// Throws PlanError when the plan asks and nobody can answer: the line has no page, and there is no terminal or --json
+// Throws PlanError when the job asks and nobody can answer: the line has no page, and there is no terminal or --json
 // takes it.
-void needAnswers(const Plan &plan, bool page, bool json);
+void needAnswers(const Job &job, bool page, bool json);
 
 // Prints the plan's warnings on standard error.
 void warn(const Plan &plan);
