@@ -416,6 +416,7 @@ struct Line : station::Operator, station::Records, station::Observer, Bench {
     }
     void stepStarts(const RunRecord &run, size_t step) override {
         if (run.steps[step].title == "stop") stop.request();
+        if (run.steps[step].title == "pull") unlinked = 1000;
     }
 
     std::string answer = "oops";
@@ -486,6 +487,9 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
          ""},
         {"run: head -c 50000000 /dev/zero, match: ''", "", "F", "", "printed 50000000 bytes"},
         {"run: kill -9 $$", "", "F", "", "ended by signal 9", "station"},
+        {"run: ./none", "", "F", "", "cannot run the command, status 127", "station"},
+        {"run: exit 1, name: pull, retries: 1|send: X, expect: X", "", "F-", "", "no link: the board has gone",
+         "connection"},
         {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",
          "did not end within 0.3 s", "station"},
         {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<m>.+)', whose: m", "020000000007", "PP",
@@ -497,8 +501,12 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "02:00:00:00:00:09", "PP", "S?;X", ""},
         {"ask: serial, prompt: S|send: X, match: '(?P<m>.+)', whose: m", "none", "PF", "S?;X",
          "\"none\" is not a MAC address"},
+        {"ask: serial, prompt: S|send: X, match: 'x(?P<m>.+)?', whose: m", "x", "PF", "S?;X",
+         "\"\" is not a MAC address"},
         {"send: X, expect: X, name: stop|send: Y, expect: Y|send: Z, expect: Z, always: true", "X;Z", "P-P", "X;Z",
          "not run: the station was stopped", "operator"},
+        {"send: X, expect: X, name: stop|send: Y, expect: Y|run: test $QC_VERDICT = failed, always: true", "X", "P-P",
+         "X", "not run: the station was stopped", "operator"},
     };
     std::string lines;
     for (int i = 0; i < 60000; ++i) lines += "line\n";
@@ -607,8 +615,8 @@ TEST_F(PlanTest, AUnitIsTestedAgainWhenThePlanLetsIt) {
 }
 
 TEST_F(PlanTest, APlaceTestsNoUnitBeforeTheReferencePassedThere) {
-    const station::Plan plan =
-        station::loadPlan(write("plan.yaml", "[{send: S, match: '(?P<serial>.*)'}, {send: X, match: ok}]"), {}, {});
+    station::Plan plan = station::loadPlan(
+        write("plan.yaml", "[{send: S, match: '(?P<serial>[A-Z]+)?'}, {send: X, match: ok}]"), {}, {});
     Line line;
     const station::Context context{line, line, line.stop, line, line.units, {"GOLD", std::chrono::hours(1)}};
     const auto test = [&](const char *unit, const char *place, const char *reply) {
@@ -621,12 +629,16 @@ TEST_F(PlanTest, APlaceTestsNoUnitBeforeTheReferencePassedThere) {
     line.units.ended(pastRun(plan, "GOLD", 'P'));  // before it became the reference
     const std::string due = "failed the reference unit GOLD is due at left: test it here first, then this one";
     EXPECT_EQ(test("A", "left", "ok"), due);
+    EXPECT_EQ(test("-", "left", "ok"), "failed ") << "it did not say which unit it is";
     EXPECT_EQ(test("GOLD", "right", "ok"), "passed reference");
     EXPECT_EQ(test("GOLD", "left", "no"), "failed reference");
     EXPECT_EQ(test("A", "left", "ok"), due);
     EXPECT_EQ(test("GOLD", "left", "ok"), "passed reference");
     EXPECT_EQ(test("GOLD", "left", "ok"), "passed reference");  // again and again
     EXPECT_EQ(test("A", "left", "ok"), "passed ");
+    plan.name = "other";
+    EXPECT_EQ(test("B", "left", "ok"), due);
+    plan.name = "plan";
     EXPECT_EQ(test("GOLD", "left", "no"), "failed reference");
     EXPECT_EQ(test("B", "left", "ok"), due);
 }

@@ -346,6 +346,16 @@ def between(line):
     assert 'U7' not in json.dumps(line.wait('again'))
 
 
+@trouble('the cable is pulled while the station measures')
+def measured(line):
+    line.start("{run: 'touch begun; while [ -e begun ]; do sleep 0.1; done; exit 1', hint: regulator U7}")
+    Board(line.cable)
+    while not os.path.exists(f'{line.folder}/begun'): time.sleep(0.05)
+    line.cable.plug(False)
+    os.remove(f'{line.folder}/begun')
+    assert 'U7' not in json.dumps(line.wait('again'))
+
+
 @trouble('the cable is pulled while the place asks')
 def asked(line):
     line.start(ASK)

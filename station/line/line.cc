@@ -382,7 +382,7 @@ void Line::askWho(Seat &seat, const Job &job, RunRecord &run) try {
     if (!job.who.prompt.empty()) run.operatorName = staff_.at(run, job.who, context_.operators, needless);
 } catch (const std::runtime_error &error) {
     run.failure = fmt::format("nobody said who works here: {}", error.what());
-    run.cause = Cause::kOperator;
+    run.cause = seat.session().gone() ? Cause::kConnection : Cause::kOperator;
     run.interrupted = context_.stop.requested();
 }
 

@@ -29,7 +29,7 @@ constexpr size_t kOutputShown = 400;  // bytes, from the end
 
 std::string verdictOf(const RunRecord &run) {
     if (run.passed()) return "passed";
-    return run.ended() || run.failures() > 0 || !run.failure.empty() ? "failed" : "";
+    return run.ended() || run.interrupted || run.failures() > 0 || !run.failure.empty() ? "failed" : "";
 }
 
 // Returns the environment as "NAME=VALUE" texts. The station's own names come last, so that no variable replaces them.

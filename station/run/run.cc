@@ -149,6 +149,11 @@ void runOnStation(Attempt &attempt) {
         result.reply += part.substr(0, kept);
         result.cut += part.size() - kept;
     });
+    // These are the shell's own.
+    if ((status == 126 || status == 127) && status != attempt.step.status) {
+        throw std::runtime_error(
+            fmt::format("the station cannot run the command, status {}: {}", status, shorten(result.reply, kQuoted)));
+    }
     judgeOutput(attempt, status);
 }
 
@@ -305,17 +310,18 @@ void disown(Course &course) {
     course.context.units.releaseAt(course.run.place);
     course.run.variables.erase(kUnit);
     course.run.unit.clear();
+    course.run.reference = false;
 }
 
 // Compares the address that the board reports with those of the unit.
 void checkOwner(Attempt &attempt) try {
     const RunRecord &run = attempt.course.run;
     std::string &failure = attempt.result.failure;
-    const auto reported = attempt.groups.find(attempt.step.whose);
-    if (reported == attempt.groups.end() || !failure.empty()) return;
-    const auto mac = parseMac(reported->second);
+    if (attempt.step.whose.empty() || !failure.empty()) return;
+    const std::string &reported = attempt.groups[attempt.step.whose];
+    const auto mac = parseMac(reported);
     if (!mac) {
-        failure = fmt::format("\"{}\" is not a MAC address", shorten(reported->second, kQuoted));
+        failure = fmt::format("\"{}\" is not a MAC address", shorten(reported, kQuoted));
     } else if (run.unit.empty()) {
         failure = "nobody said the unit's {serial}";
     } else {
@@ -344,10 +350,20 @@ void fail(Attempt &attempt, const std::exception &error) {
     attempt.result.failure = fmt::format("{}{}", cable ? "the cable has no link: " : "", error.what());
 }
 
+// Throws when the board has gone while the station judged it: what was found says nothing of the unit.
+void excuse(Attempt &attempt) {
+    Course &course = attempt.course;
+    const std::string &failure = attempt.result.failure;
+    if (attempt.step.kind != Kind::kRun || attempt.step.reconnect || failure.empty() || !course.connected) return;
+    while (!course.board.linked() && !hasGone(course)) std::this_thread::sleep_for(kGlance);
+    if (hasGone(course)) throw SessionError("the board has gone: " + failure);
+}
+
 void exchange(Attempt &attempt) try {
     kRunners[static_cast<size_t>(attempt.step.kind)](attempt);
     keep(attempt);
     checkOwner(attempt);
+    excuse(attempt);
     if (attempt.step.closes) attempt.course.connected = false;
 } catch (const std::exception &error) {
     fail(attempt, error);
@@ -397,6 +413,7 @@ void runStep(Course &course, size_t index) {
     const Step &step = course.plan.steps[index];
     const Context &context = course.context;
     StepResult &result = course.run.steps[index];
+    const bool connected = course.connected;
     const auto start = Clock::now();
     result.offset = since(course.start);
     result.title = step.title(course.run.variables);
@@ -405,8 +422,9 @@ void runStep(Course &course, size_t index) {
         if (result.attempts > 0) context.stop.wait(kRetryPause);
         ++result.attempts;
         runAttempt(course, index);
-    } while (!result.failure.empty() && result.attempts <= step.retries && (course.connected || !step.needsBoard()) &&
-             !course.refused && !context.stop.requested());
+    } while (!result.failure.empty() && result.attempts <= step.retries &&
+             (course.connected == connected || (step.reconnect && !step.needsBoard())) && !course.refused &&
+             !context.stop.requested());
     result.verdict = result.failure.empty() ? Verdict::kPassed : Verdict::kFailed;
     if (!result.passed() && result.cause == Cause::kNone) result.cause = Cause::kUnit;
     result.duration = since(start);
@@ -415,6 +433,11 @@ void runStep(Course &course, size_t index) {
     result.hint = result.cause > Cause::kUnit ? todoAbout(result.cause) : fill(step.hint, values);
     context.observer.stepEnds(course.run, index);
     context.records.stepEnded(course.run, index);
+}
+
+// Returns true when the step can say which unit it is.
+bool mayName(const Step &step) {
+    return step.ask == kUnit || (step.expected.match && step.expected.match->groups().contains(kUnit));
 }
 
 // Notes why later steps are not run after this one.
@@ -461,6 +484,10 @@ RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &
     }
     const StepResult *const failed = run.firstFailed();
     run.cause = run.interrupted ? Cause::kOperator : failed != nullptr ? failed->cause : Cause::kNone;
+    if (run.passed() && run.unit.empty() && std::any_of(plan.steps.begin(), plan.steps.end(), mayName)) {
+        run.failure = "nobody said the unit's {serial}, and every step let it pass";
+        run.cause = Cause::kStation;
+    }
     run.stampEnd();
     return run;
 }

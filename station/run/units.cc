@@ -14,6 +14,10 @@ constexpr size_t kRemembered = 10000;  // units, for which a line without a stor
 
 std::string keyOf(const RunRecord &run) { return run.unit + '\n' + run.plan; }
 
+std::string keyOf(const Place &place, const std::string &unit, const std::string &plan) {
+    return fmt::format("{}\n{}\n{}", place.name, unit, plan);
+}
+
 // Returns "14:02" in the station's time zone, with the date when that is not today.
 std::string localTimeOf(WallClock::time_point when) {
     const std::tm then = fmt::localtime(WallClock::to_time_t(when));
@@ -56,7 +60,7 @@ std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &
             const auto known = context.records.named(run);
             Doubt doubt = doubtOf(known ? *known : historyOf(run), serial, plan, unconfirmed != nullptr);
             if (confirmed || serial == reference.serial) doubt = {};
-            if (serial != reference.serial) why = doubtOfPlace(run.place, reference);
+            if (serial != reference.serial) why = doubtOfPlace(run, reference);
             if (why.empty()) why = doubt.text;
             if (doubt.asks) *unconfirmed = serial;
         } catch (const RecordsError &error) {
@@ -69,13 +73,13 @@ std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &
     return why;
 }
 
-std::string Units::doubtOfPlace(const Place &place, const Reference &reference) const {
+std::string Units::doubtOfPlace(const RunRecord &run, const Reference &reference) const {
     const Lock lock(mutex_);
-    const auto passed = references_.find(place.name);
+    const auto passed = references_.find(keyOf(run.place, reference.serial, run.plan));
     if (reference.serial.empty()) return {};
     if (passed != references_.end() && Clock::now() < passed->second + reference.within) return {};
     return fmt::format("the reference unit {} is due at {}: test it here first, then this one", reference.serial,
-                       nameOf(place));
+                       nameOf(run.place));
 }
 
 std::string Units::claim(const RunRecord &run) {
@@ -93,8 +97,9 @@ UnitHistory Units::historyOf(const RunRecord &run) const {
 void Units::ended(const RunRecord &run) {
     const Lock lock(mutex_);
     inWork_.erase(run.unit);
-    if (run.reference && run.passed()) references_[run.place.name] = Clock::now();
-    if (run.reference && run.cause == Cause::kUnit) references_.erase(run.place.name);
+    const std::string reference = keyOf(run.place, run.unit, run.plan);
+    if (run.reference && run.passed()) references_[reference] = Clock::now();
+    if (run.reference && run.cause == Cause::kUnit) references_.erase(reference);
     if (run.unit.empty() || !run.counts()) return;
     UnitHistory &history = histories_[keyOf(run)];
     history = {run.passed() ? 0 : history.failed + 1, run.end, nameOf(run.place)};

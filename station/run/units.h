@@ -37,12 +37,12 @@ public:
 private:
     std::string claim(const RunRecord &run);
     UnitHistory historyOf(const RunRecord &run) const;
-    std::string doubtOfPlace(const Place &place, const Reference &reference) const;
+    std::string doubtOfPlace(const RunRecord &run, const Reference &reference) const;
 
     mutable Mutex mutex_;
     std::map<std::string, std::string> inWork_ GUARDED_BY(mutex_);            // the place's name, by unit
     std::map<std::string, UnitHistory> histories_ GUARDED_BY(mutex_);         // by unit and plan
-    std::map<std::string, Clock::time_point> references_ GUARDED_BY(mutex_);  // its last pass, by the place's name
+    std::map<std::string, Clock::time_point> references_ GUARDED_BY(mutex_);  // its last pass, by place, unit and plan
 };
 
 }  // namespace station
