@@ -18,6 +18,13 @@ std::string asUtf8(const std::string &text) {
     return json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
 }
 
+std::string replaced(const std::string &text, char letter, std::string_view by) {
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) result.append(c == letter ? by : std::string_view(&c, 1));
+    return result;
+}
+
 std::string trim(const std::string &text) {
     constexpr char kBlanks[] = " \t\r\n";
     const size_t start = text.find_first_not_of(kBlanks);

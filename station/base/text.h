@@ -3,11 +3,15 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace station {
 
 // Returns the text as UTF-8; each byte that is not UTF-8 becomes U+FFFD.
 std::string asUtf8(const std::string &text);
+
+// Returns the text with `by` in the place of each such letter.
+std::string replaced(const std::string &text, char letter, std::string_view by);
 
 // Returns the text without the blanks, tabs and line ends around it.
 std::string trim(const std::string &text);

@@ -60,9 +60,7 @@ std::string shownName(const std::string &name) {
 
 Value text(const std::string &value) {
     if (value.empty()) return std::nullopt;
-    std::string clean = asUtf8(value);
-    for (size_t at; (at = clean.find('\0')) != std::string::npos;) clean.replace(at, 1, "\uFFFD");
-    return clean;
+    return replaced(asUtf8(value), '\0', "\uFFFD");
 }
 
 Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}", value)) : std::nullopt; }
