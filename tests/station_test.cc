@@ -437,6 +437,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: BYE, expect: BYE, closes: true|ask: lamp, prompt: Lit, match: unit", "BYE", "PP", "BYE;Lit?;Lit!", ""},
         {"send: X, match: 'v=(?P<v>.*)', limits: {v: {max: 2.5, unit: V}}|send: 'X {v}', expect: '{{{v}}}'",
          "v=2.75;{2.75}", "FP", "X;X 2.75", "v is 2.75 V, above 2.5"},
+        {"send: X, match: 'v=(?P<v>.*)', limits: {v: {min: 1}}", "v=1e101", "F", "X", "v is no number"},
         {"send: X, match: 'v=(?P<v>.)', retries: 1|send: 'Y {v}', expect: Y", "a;b", "FF", "X;X",
          "\"b\" is not what the plan expects"},
         {"send: X, match: 'v=(?P<v>.)', hint: 'look at {v} and {w}', limits: {v: {max: 2}}|send: X, expect: X", "v=3;X",

@@ -253,12 +253,14 @@ void runAsk(Attempt &attempt) {
 // The functions that run a step, in the order of Kind.
 constexpr std::array<void (*)(Attempt &), 5> kRunners = {runCommand, runScriptStep, runVerify, runAsk, runOnStation};
 
+constexpr double kLargest = 1e100;  // of a measured value: a database adds up their squares
+
 // Records a measured value. Returns what is wrong with it; empty: nothing.
 std::string measure(const Limit &limit, const std::string &text, std::vector<Measurement> &measurements) {
     double value = 0;
     const char *const end = text.data() + text.size();
     const auto [behind, error] = std::from_chars(text.data() + (text.starts_with('+') ? 1 : 0), end, value);
-    if (error != std::errc() || behind != end || !std::isfinite(value)) {
+    if (error != std::errc() || behind != end || !(std::abs(value) <= kLargest)) {
         return fmt::format("{} is no number: \"{}\"", limit.group, shorten(text, kQuoted));
     }
     const bool low = limit.min && value < *limit.min, high = limit.max && value > *limit.max;
