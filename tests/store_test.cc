@@ -208,6 +208,10 @@ TEST_P(Store, IsAwayOrRefusesByTheDatabasesOwnCodes) {
     std::thread question([&] { EXPECT_EQ(failureOf([&] { polled.ask(endless); }), "too slow"); });
     polled.interrupt();
     question.join();
+    Archive archive(store_);
+    const auto stop = [&](const Table &, const std::vector<Value> &) { archive.stop(); };
+    EXPECT_EQ(failureOf([&] { archive.ask([&](Database &open) { open.each(rows, {}, stop); }); }), "too slow");
+    EXPECT_EQ(failureOf([&] { archive.ask([](Database &open) { open.ask("SELECT 1"); }); }), "too slow");
     if (!shared_) {  // a limit on pages acts like a full disk: a row of 100 kB no longer fits
         database.ask("PRAGMA max_page_count = 30");
         EXPECT_EQ(add(database, std::string(100'000, 'e').c_str()), "away");

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "station/base/time.h"
 
 namespace station {
@@ -12,11 +14,24 @@ constexpr std::chrono::seconds kLimit{5};  // of a question
 }  // namespace
 
 void Archive::connect() try {
-    database_ = std::make_unique<Database>(store_, Database::Missing::kIsAnError);
-    database_->onlyAsk(kLimit);
+    use(nullptr);
+    auto database = std::make_unique<Database>(store_, Database::Missing::kIsAnError);
+    database->onlyAsk(kLimit);
+    use(std::move(database));
 } catch (const StoreError &error) {
-    database_.reset();
     throw StoreError(fmt::format("the store {} is away: {}", shownName(store_), error.what()));
+}
+
+void Archive::use(std::unique_ptr<Database> database) {
+    const Lock lock(mutex_);
+    database_ = std::move(database);
+    if (stops_ && database_) database_->interrupt();
+}
+
+void Archive::stop() {
+    const Lock lock(mutex_);
+    stops_ = true;
+    if (database_) database_->interrupt();
 }
 
 void Archive::takeTurn() {

@@ -20,16 +20,20 @@ public:
     // query takes too long, and whatever `work` throws.
     void ask(const std::function<void(Database &)> &work);
 
+    // Ends the question that is being asked, and every later one, with TooSlow. Any thread may call this.
+    void stop();
+
 private:
     void takeTurn();
     void endTurn();
     void connect();
+    void use(std::unique_ptr<Database> database);
 
     const std::string store_;
     Mutex mutex_;
     Condition free_;
-    bool busy_ GUARDED_BY(mutex_) = false;
-    std::unique_ptr<Database> database_;  // belongs to the thread that has the turn
+    bool busy_ GUARDED_BY(mutex_) = false, stops_ GUARDED_BY(mutex_) = false;
+    std::unique_ptr<Database> database_;  // belongs to the thread that has the turn, which changes it under the mutex
 };
 
 }  // namespace station

@@ -92,14 +92,13 @@ PageReply noStore(const PageRequest &) {
 
 }  // namespace
 
-std::vector<Route> historyRoutes(const std::string &store) {
-    const auto archive = std::make_shared<Archive>(store);
+std::vector<Route> historyRoutes(const std::shared_ptr<Archive> &archive, bool hasStore) {
     std::vector<Route> routes = {recordRoute(archive)};
     for (const Content &content : kContents) {
         for (Route &route : routesOf(archive, content)) routes.push_back(std::move(route));
     }
     for (Route &route : routes) {
-        if (store.empty()) route.answer = noStore;
+        if (!hasStore) route.answer = noStore;
     }
     return routes;
 }

@@ -72,11 +72,12 @@ Page::Page(const PageSettings &settings, const std::string &store)
     : address_(settings.address),
       floor_(shiftOf(settings, store), [this] { server_.changed(); }),
       scanner_(floor_),
+      archive_(std::make_shared<Archive>(store)),
       server_(settings, [this](uint64_t &seen) { return floor_.since(seen); }) {
     server_.add(staticRoutes());
     server_.add({{"/words.json", [words = wordsOf(settings.language)](const PageRequest &) { return said(200, words); },
                   RouteKind::kQuick}});
-    server_.add(historyRoutes(store));
+    server_.add(historyRoutes(archive_, !store.empty()));
     server_.add({{"/scan", [this](const PageRequest &request) { return scan(request); }, RouteKind::kChange},
                  {"/api/line", [this](const PageRequest &) { return line(); }, RouteKind::kQuick},
                  {"/api/steps", [this](const PageRequest &request) { return steps(request); }, RouteKind::kQuick},
@@ -90,6 +91,11 @@ std::string Page::url() const { return fmt::format("http://{}:{}/", address_, se
 void Page::start(Hold hold, std::function<void(const std::string &trouble)> tell) {
     hold_ = std::move(hold);
     server_.start(std::move(tell));
+}
+
+void Page::stop() {
+    archive_->stop();
+    server_.stop();
 }
 
 PageReply Page::picture(const PageRequest &request) {

@@ -2,8 +2,10 @@
 // The page of a line, on which operators and engineers watch it and answer it in a browser.
 
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "station/page/archive.h"
 #include "station/page/floor.h"
 #include "station/page/scanner.h"
 #include "station/page/server.h"
@@ -29,8 +31,9 @@ public:
     // Starts to answer. Calls `tell`, in a thread of the page, with what a person should look at. Throws
     // std::runtime_error.
     void start(Hold hold, std::function<void(const std::string &trouble)> tell);
-    // Ends all connections. After it has returned, no request is answered, and `hold` and `tell` are not called.
-    void stop() { server_.stop(); }
+    // Ends all queries and connections. After it has returned, no request is answered, and `hold` and `tell` are not
+    // called.
+    void stop();
 
 private:
     PageReply scan(const PageRequest &request);
@@ -44,6 +47,7 @@ private:
     Hold hold_;
     Floor floor_;
     Scanner scanner_;
+    const std::shared_ptr<Archive> archive_;
     PageServer server_;
 };
 
