@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "station/page/view.h"
 #include "station/run/record_json.h"
 #include "station/store/format.h"
 #include "station/store/load.h"
@@ -395,6 +396,24 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
     EXPECT_EQ(values[0] + " " + values[1], here + " left");
     EXPECT_THAT(cells(histogram(database, {{}, "line"}, values[3], 4), 0),
                 ElementsAre(values[7], values[9], values[5], values[6]));
+}
+
+TEST_P(Store, ShowsRunsSideBySideWhateverTheirStepsMeasure) {
+    RunRecord run = runOf("</script>");
+    const auto records = station();
+    records->begins(run);
+    for (size_t i = 0; i < run.steps.size(); ++i) {
+        run.steps[i].verdict = Verdict::kPassed;
+        run.steps[i].measurements = {{"seconds", double(i) + 0.5, {}, {}, "", true}};
+    }
+    records->ends(run);
+    Archive archive(store_);
+    const auto content =
+        std::find_if(kContents.begin(), kContents.end(), [](const auto &one) { return one.page == "run"; });
+    const Query query(PageRequest{"/run", {{"run", run.id}}, ""});
+    const std::string page = pageOf(documentOf(archive, *content, query), query);
+    EXPECT_THAT(page, AllOf(HasSubstr("<td>0.5</td>"), HasSubstr("<td>1.5</td>"), HasSubstr("\\u003c/script>")));
+    EXPECT_THAT(page, Not(testing::AnyOf(HasSubstr("href=\"\""), HasSubstr("serial\":\"</script"))));
 }
 
 TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {

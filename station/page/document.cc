@@ -206,7 +206,8 @@ void addColumn(Table &table, const RunRecord &run) {
     table.columns.push_back(run.id);
     for (auto &row : table.rows) row.emplace_back();
     for (const auto &[what, value] : factsOf(run)) {
-        const auto holds = [&name = what](const auto &cells) { return cells[0] == name; };
+        // Steps may measure values of the same name.
+        const auto holds = [&name = what](const auto &cells) { return cells[0] == name && !cells.back(); };
         auto row = std::find_if(table.rows.begin(), table.rows.end(), holds);
         if (row == table.rows.end()) row = table.rows.insert(row, std::vector<Value>(table.columns.size()));
         row->front() = what;
@@ -327,7 +328,8 @@ Json documentOf(Archive &archive, const Content &content, const Query &query) {
     for (const Part &part : content.parts) {
         const bool pages = part.name == content.page;  // a list of any length, sorted before it is cut
         const size_t shown = pages ? query.rows : kMostOfFile, from = pages ? query.offset : 0;
-        const size_t most = !pages ? kMostReadings : query["sort"].empty() ? from + shown + 1 : kMostOfFile;
+        const bool sorts = !query["sort"].empty();
+        const size_t most = !pages ? kMostReadings : sorts ? kMostOfFile : std::min(from + shown + 1, kMostOfFile);
         try {
             tables[std::string(part.name)] = jsonOf(ask(archive, part, query, most), from, shown);
         } catch (const TooSlow &error) {

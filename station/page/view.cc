@@ -8,6 +8,7 @@
 #include <kainjow/mustache.hpp>
 #include <set>
 
+#include "station/base/text.h"
 #include "station/page/local_time.h"
 #include "station/page/static_files.h"
 #include "station/store/format.h"
@@ -152,11 +153,14 @@ bool hasNumbers(const Json &table, const std::string &column) {
     return std::any_of(rows.begin(), rows.end(), [&](const Json &row) { return row[column].is_number(); });
 }
 
-// The table of attempts is transposed: its rows are what columns are elsewhere.
+// The table of attempts is transposed: its rows are what columns are elsewhere, or have a name from the plan, which
+// means nothing here.
+std::string meaningOf(const std::string &what) { return what == "started" || what == "verdict" ? what : "what"; }
+
 Data cellOf(const std::string &table, const std::string &column, const Json &row, const Query &query) {
     const Json &value = row.at(column);
     const bool turned = table == "attempts" && column != "what";
-    const std::string meaning = turned ? row["what"].get<std::string>() : column;
+    const std::string meaning = turned ? meaningOf(row["what"]) : column;
     const std::string text = textOf(meaning, value, row), href = linkOf(table, column, row, query);
     Data cell;
     cell.set("heading", headingOf(column));
@@ -178,7 +182,7 @@ Data headOf(const std::string &table, const std::string &column, bool number, co
     if (number) head.set("class", "number");
     if (table == "attempts" && column != "what") {
         head.set("heading", runText(column, {}));
-        head.set(column == query["run"] ? "here" : "run", query.link("/run", {{"run", column}}));
+        head.set(column == query["run"] ? "here" : "other", query.link("/run", {{"run", column}}));
         return head;
     }
     const std::string sorted = query["sort"], up = table + "." + column, down = fmt::format("-{}", up);
@@ -366,9 +370,7 @@ std::string pageOf(const Json &document, const Query &query) {
         data.set(name, tableView(name, table, links));
     }
     if (tables.contains("choices")) data.set("filters", filterFields(tables["choices"]["rows"], query));
-    std::string json = dump(document);
-    for (size_t at; (at = json.find('<')) != std::string::npos;) json.replace(at, 1, "\\u003c");
-    data.set("document", json);
+    data.set("document", replaced(dump(document), '<', "\\u003c"));  // nothing in it ends the script
     return fill(document["page"], data);
 }
 
