@@ -10,8 +10,8 @@
 
 namespace station {
 
-// Returns the routes of the pages. They query the archive, one query at a time, each with a timeout. Without a store, the
-// pages say how to get one. Any thread may call the routes.
+// Returns the routes of the pages. They query the archive, one query at a time, each with a timeout. Without a store,
+// the pages say how to get one. Any thread may call the routes.
 std::vector<Route> historyRoutes(const std::shared_ptr<Archive> &archive, bool hasStore);
 
 }  // namespace station
