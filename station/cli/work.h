@@ -33,7 +33,7 @@ struct Reload {
     std::vector<std::string> troubles;  // for people
 };
 
-// What work() runs. All that it refers to must outlive the call.
+// The parts of work(). Everything that it refers to must outlive the call.
 struct Stage {
     Console &console;
     std::vector<Listener> &listeners;  // one, or one per interface; see Line

@@ -266,7 +266,7 @@ Line::Orders Line::decide(Gate &gate) {
     return orders;
 }
 
-// Gives the board a place. Returns false when there is none for it.
+// Gives the board a place. Returns false if no place takes it.
 bool Line::seat(Gate &gate, Newcomer &board) {
     Seat *const seat = seatFor(gate, board.address);
     if (seat == nullptr) return false;

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 constexpr int kMostPlaces = 1000;
 
-// What has been read of the file so far.
+// The part of the file that has been read so far.
 struct Draft {
     LineFile line;
     fs::path folder;

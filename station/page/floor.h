@@ -55,7 +55,7 @@ public:
     // Returns the steps of the place's last run so far, as JSON; empty when there is no such place.
     std::string steps(int place);
 
-    // Returns the picture with this SHA-256, of a question or a failure that was shown; nothing if there is none.
+    // Returns the picture with this SHA-256, if a question or a failure has shown it.
     std::optional<Payload> picture(const std::string &sha256);
 
     // Returns what has changed since version `seen`, as JSON, and sets `seen` to the present version. Returns an empty

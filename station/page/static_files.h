@@ -17,7 +17,7 @@ extern const std::string_view kStaticVersion;
 extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
 extern const std::string_view kTemplateVersion;
 
-// Returns the content of the static file with this name; nothing when there is none.
+// Returns the content of the static file with this name, or nothing if the program has no such file.
 std::optional<std::string_view> staticFile(std::string_view name);
 
 // Returns a route for each static file, at its name; operator.html is at /.

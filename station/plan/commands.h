@@ -1,5 +1,5 @@
 #pragma once
-// What a plan must know about the board's commands: which ones announce a payload, what their arguments look like, what
+// The board's commands, as far as a plan must know them: which ones announce a payload, what their arguments are, what
 // they do to the session. docs/protocol.md has all of it.
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace station {
 
-// What a command means for the steps after it.
+// The effect of a command on the steps after it.
 enum class Role { kPlain, kAddress, kPing, kReport, kReset, kWait, kReboot, kEnd };
 
 // A command as a step is about to send it.

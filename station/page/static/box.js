@@ -118,7 +118,7 @@ async function send(path, body) {
     if (problem) notice(problem);
 }
 
-// What is done at a place whose name was given, or at the only one that it can be done at.
+// Each command that names a place, and what to do there. Without a name it means the only place that it fits.
 const kActs = {
     hold: {fits: () => true, act: place => send('/hold', {place: place.number, hold: !place.held})},
     steps: {fits: () => true, act: place => look(place.number)},

@@ -7,7 +7,7 @@ const kMostMarks = 24;      // a plan with more steps has several in a mark
 const kSilent = 120;        // seconds in which any board has booted and connected
 let layout = {mode: 'full', u: 16, v: 32, width: 100};  // lengths in px: u text, v the verdict, width of a text's line
 
-// What the station says of a place.
+// Takes in the station's news of a place.
 function learn(place, first) {
     const tile = tileOf(place.number);
     const before = tile.place?.stage;
