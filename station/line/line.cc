@@ -278,8 +278,8 @@ bool Line::seat(Gate &gate, Newcomer &board) {
     return true;
 }
 
-// Returns the board's place; null when there is none. If any will do, takes one that has had no board yet, so that
-// boards that come again find their own; otherwise the one whose run ended first.
+// Returns the board's place, or null if no place is free for it. If several are, prefers one that has had no board yet,
+// so that boards that come again find their own; otherwise the one whose run ended first.
 Line::Seat *Line::seatFor(const Gate &gate, const std::string &address) {
     const bool tells = gate.seats.size() > 1 && address != kNoCable;
     Seat *vacant = nullptr;

@@ -39,7 +39,7 @@ private:
 // How many bytes of a text a failure quotes, from its start. Records have all of it.
 constexpr size_t kQuoted = 400;
 
-// What is expected: exactly this text, a match in it, or anything.
+// The expected reply or output: exactly a text, a match of an expression, or anything.
 struct Expectation {
     std::optional<std::string> text;
     std::optional<Expression> match;

@@ -41,7 +41,7 @@ struct Draft {
     YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
 
-// What has been read of a plan so far.
+// The part of a plan that has been read so far.
 struct Loader {
     fs::path folder;  // of its files
     bool ownFolder;   // which the plan may choose

@@ -26,7 +26,7 @@ struct Limit {
     std::string unit;
 };
 
-// What a step needs from a pool of the line's store before it is sent: `count` consecutive rows.
+// The consecutive rows that a step takes from a pool of the line's store before it is sent.
 struct Taken {
     std::string pool;
     int count = 1;

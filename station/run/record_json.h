@@ -23,7 +23,7 @@ Json toJson(const RunRecord &run);
 std::string dump(const Json &json, int indent = -1);
 std::string dump(const RunRecord &run, int indent = -1);
 
-// Returns the cause with this textOf(). Throws std::invalid_argument when there is none.
+// Returns the cause whose textOf() this is. Throws std::invalid_argument for any other text.
 Cause causeOf(const std::string &text);
 
 // Reads a record. Fields that an older version left out are empty; fields that a newer one added are ignored;

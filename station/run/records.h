@@ -16,10 +16,10 @@ struct RecordsError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What earlier runs of a plan say about a unit. Runs that failed through another cause than the unit do not count.
+// The history of a unit in earlier runs of a plan. Leaves out runs that failed for another cause than the unit.
 struct UnitHistory {
     int failed = 0;                // how many of the last runs failed in a row
-    WallClock::time_point when{};  // when the last one ended; 0: there is none
+    WallClock::time_point when{};  // when the last one ended; 0 if the unit had no run
     std::string where;             // the place of the last one, for people
 
     bool passed() const { return failed == 0 && when != WallClock::time_point(); }  // true if the last one passed

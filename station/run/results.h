@@ -35,8 +35,8 @@ public:
     void stepEnded(const RunRecord &run, size_t step) override;
     void ends(const RunRecord &run) override;
 
-    // Returns the run's record; nothing when there is none, or what is there is not a record. Throws RecordsError when
-    // the file cannot be read at present.
+    // Returns the run's record, or nothing if its file is missing or holds no record. Throws RecordsError if the file
+    // cannot be read at present.
     std::optional<RunRecord> find(const RunRecord &run) const;
     // Returns the records without a .log of the stations with these keys. Throws RecordsError as find() does.
     std::vector<RunRecord> left(const std::set<std::string> &keys) const;

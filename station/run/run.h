@@ -30,7 +30,7 @@ public:
     virtual bool linked() const { return true; }
 };
 
-// What a run needs besides its board and its plan. The caller owns all of it, and keeps it until the run has ended.
+// The services that a run uses. The caller owns them, and keeps them until the run has ended.
 struct Context {
     Observer &observer;
     Records &records;
