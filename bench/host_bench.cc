@@ -150,7 +150,7 @@ void uploads(benchmark::State &state) {
     const auto bytes = std::make_shared<const std::string>(size_t{8} << 20, 'k');
     station::Step step = stepOf("FW KERNEL 8388608");
     step.timeout = std::chrono::seconds(60);
-    step.file = station::Payload{"kernel.bin", bytes, ""};
+    step.file = station::Payload{"kernel.bin", bytes, {}, {}};
     runLine(state, static_cast<int>(state.range(0)), step, 1);
 }
 BENCHMARK(uploads)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
