@@ -259,19 +259,24 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
 }
 
 TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
-    const fs::path path =
-        write("plan.yaml", "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n");
+    const fs::path path = write(
+        "plan.yaml", "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n- {run: sh tool 1}\n");
+    write("tool", "");
     const auto started = [&] { return station::newRun(station::loadPlan(path), {}); };
     const RunRecord run = started();
-    ASSERT_EQ(run.files.size(), 2U);
+    ASSERT_EQ(run.files.size(), 3U);
     EXPECT_EQ(run.files[1].step, 2U);
+    EXPECT_EQ(run.files[2].name, "tool");
     EXPECT_EQ(run.files[0].name, "five");
     EXPECT_EQ(run.files[0].size, 5U);
     EXPECT_EQ(run.files[0].sha256, "5994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5");
     EXPECT_EQ(run.planDigest, started().planDigest);
+    write("tool", "exit 1");
+    const std::string otherTool = started().planDigest;
+    EXPECT_NE(otherTool, run.planDigest);
     write("five", "12346");
     const std::string otherFile = started().planDigest;
-    EXPECT_NE(otherFile, run.planDigest);
+    EXPECT_NE(otherFile, otherTool);
     std::ofstream(path, std::ios::app) << "# another text";
     EXPECT_NE(otherFile, started().planDigest);
 }

@@ -1,6 +1,7 @@
 #include "station/plan/plan.h"
 
 #include <fmt/format.h>
+#include <re2/re2.h>
 
 #include <algorithm>
 #include <array>
@@ -34,9 +35,10 @@ struct Draft {
     bool timed = false;
     std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
     std::vector<PlanFile> files = {};
-    int take = 0;             // rows of each pool; 0: as many as the step needs
-    std::string sha256 = {};  // that its files must have; empty: any
-    bool empty = false;       // they may be empty
+    std::optional<PlanFile> program = {};  // that its command runs; it may be empty
+    int take = 0;                          // rows of each pool; 0: as many as the step needs
+    std::string sha256 = {};               // that its files must have; empty: any
+    bool empty = false;                    // they may be empty
 
     YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
 };
@@ -56,8 +58,8 @@ struct Loader {
     std::vector<Fault> faults = {}, warnings = {};
 };
 
-const Payload &payloadAt(Loader &loader, const Entry &value) {
-    const fs::path path = loader.folder / value.text();
+const Payload &payloadAt(Loader &loader, const Entry &value, const std::string &name) {
+    const fs::path path = loader.folder / name;
     const auto known = loader.payloads.find(path);
     if (known != loader.payloads.end()) return known->second;
     try {
@@ -66,6 +68,8 @@ const Payload &payloadAt(Loader &loader, const Entry &value) {
         value.fail(error.what());
     }
 }
+
+PlanFile fileOf(const std::string &name, const Payload &file) { return {0, name, file.bytes->size(), file.sha256}; }
 
 void checkName(const std::string &name, const Entry &value) {
     if (const std::string fault = faultOfName(name); !fault.empty()) value.fail(fault);
@@ -101,24 +105,37 @@ void readAsk(Draft &draft, const Entry &value) {
     draft.step.ask = value.text();
 }
 
+// Returns the file that the shell's command begins with, "./check.sh" or "python3 check.py"; empty: none of the plan's.
+std::string programIn(const std::string &command, const fs::path &folder) {
+    static const re2::RE2 kWord("[ \\t]*([\\w./+-]+)");
+    std::error_code unknown;
+    std::string word;
+    for (re2::StringPiece rest(command); re2::RE2::Consume(&rest, kWord, &word);) {
+        if (!fs::path(word).is_absolute() && fs::is_regular_file(folder / word, unknown)) return word;
+    }
+    return {};
+}
+
 // The shell reads braces itself, and a value in its text could be a command: it finds the variables in its environment.
 void readRun(Draft &draft, const Entry &value) {
     draft.step.run = value.text();
     if (draft.step.run.empty()) value.fail("a command is missing");
+    const std::string program = programIn(draft.step.run, draft.loader.folder);
+    if (!program.empty()) draft.program = fileOf(program, payloadAt(draft.loader, value, program));
 }
 
 const Payload &addFile(Draft &draft, const Entry &value) {
-    const Payload &file = payloadAt(draft.loader, value);
+    const Payload &file = payloadAt(draft.loader, value, value.text());
     const auto same = [&](const PlanFile &known) { return known.name == value.text(); };
     if (std::any_of(draft.files.begin(), draft.files.end(), same)) return file;
-    draft.files.push_back({0, value.text(), file.bytes->size(), file.sha256});
+    draft.files.push_back(fileOf(value.text(), file));
     return file;
 }
 
 void readFileKey(Draft &draft, const Entry &value) { draft.step.file = addFile(draft, value); }
 
 void readPicture(Draft &draft, const Entry &value) {
-    const Payload &file = payloadAt(draft.loader, value);
+    const Payload &file = payloadAt(draft.loader, value, value.text());
     if (file.bytes->size() > kLargestPicture || pictureType(*file.bytes) == nullptr)
         value.fail("expected a picture of at most 1 MiB: PNG, JPEG or WebP");
     draft.step.picture = file;
@@ -395,8 +412,8 @@ void checkFiles(const Draft &draft, std::vector<Fault> &faults) {
 void completeStep(Draft &draft) {
     std::vector<Fault> &faults = draft.loader.faults;
     checkFiles(draft, faults);
-    if (const auto &picture = draft.step.picture)
-        draft.files.push_back({0, picture->name, picture->bytes->size(), picture->sha256});
+    if (const auto &picture = draft.step.picture) draft.files.push_back(fileOf(picture->name, *picture));
+    if (draft.program) draft.files.push_back(*draft.program);
     for (const Rule &rule : kRules) {
         if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
     }
