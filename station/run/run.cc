@@ -24,6 +24,7 @@ constexpr Milliseconds kRetryPause{1000};
 constexpr Milliseconds kProgressPause{100};
 constexpr Milliseconds kFlicker{1500};  // without a link, after which the board has gone
 constexpr Milliseconds kGlance{50};     // while it is not known yet
+constexpr Milliseconds kTwice{1000};    // in which a scanner repeats a label whose trigger was pressed twice
 constexpr char kUnit[] = "serial";      // the variable that is the unit
 
 // The state of a run in work.
@@ -234,7 +235,9 @@ void runAsk(Attempt &attempt) {
     std::string problem, unconfirmed;
     context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
+        const auto asked = Clock::now();
         result.reply = trim(answerTo(attempt, problem));
+        if (!unconfirmed.empty() && result.reply == unconfirmed && Clock::now() < asked + kTwice) continue;
         attempt.judge(result.reply);
         if (!result.failure.empty() && attempt.expected.problem.empty()) {
             result.failure =
