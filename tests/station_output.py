@@ -190,7 +190,7 @@ def check_signals(folder):
     station, port = line_of(folder, "slow.yaml")
     with socket.create_server(("127.0.0.1", 0)) as database:
         with open(f"{folder}/serve.yaml", "w") as file:
-            file.write(f"{{places: 1, plan: slow.yaml, store: 'postgresql://127.0.0.1:{database.getsockname()[1]}/x'}}")
+            file.write(f"{{places: 1, plan: slow.yaml, spool: s, store: 'postgresql://127.0.0.1:{database.getsockname()[1]}/x'}}")
         station.send_signal(signal.SIGHUP)
         database.accept()
         station.send_signal(signal.SIGTERM)

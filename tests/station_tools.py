@@ -89,7 +89,8 @@ def check_line():
              ({"results": "plan.yaml/results"}, 2, "plan.yaml is not a folder"),
              ({"store": "newer.db"}, 2, "made by a newer program"),
              ({"store": "new/line.db"}, 0, "is not there yet"),
-             ({"store": f"postgresql://127.0.0.1:{silent.getsockname()[1]}/x"}, 2, "fault    store"),
+             ({"store": f"postgresql://127.0.0.1:{silent.getsockname()[1]}/x", "spool": "s"}, 2, "fault    store"),
+             ({"store": "postgresql:///x"}, 2, 'a server needs "spool"'),
              ({"plan": "taking.yaml"}, 0, "enough for 4 units: fill it"),
              ({"plan": "wrong.yaml"}, 2, "wrong.yaml:1:22"),
              ({"plan": "pinned.yaml"}, 2, "pinned.yaml:1:")]

@@ -184,7 +184,7 @@ void readPage(Draft &draft, const Entry &value) {
 
 Milliseconds hoursIn(const Entry &value) {
     const double hours = value.number();
-    if (hours <= 0 || hours > 24 * 31) value.fail("expected a number of hours, at most a month (744)");
+    if (hours < 0.01 || hours > 24 * 31) value.fail("expected a number of hours, 0.01 to a month (744)");
     return Milliseconds(static_cast<int64_t>(hours * 3600000));
 }
 
@@ -276,6 +276,8 @@ LineFile readLine(const fs::path &path) {
             if (document.IsMap() && !document[key])
                 throw Fault{document.Mark(), fmt::format("a line needs \"{}\"", key)};
         }
+        if (draft.line.spool.empty() && draft.line.store.find("://") != std::string::npos)
+            throw Fault{document["store"].Mark(), "a server needs \"spool\": a folder for what it cannot take yet"};
     } catch (Fault &fault) {
         draft.faults.push_back(std::move(fault));
     }
