@@ -5,15 +5,15 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "station/base/file.h"
 #include "station/page/history.h"
 #include "station/page/static_files.h"
+#include "station/page/words.h"
 #include "station/store/database.h"
 
 namespace station {
 namespace {
 
-constexpr size_t kLongestScan = 1024, kLongestWords = 65536;
+constexpr size_t kLongestScan = 1024;
 
 PageReply said(int status, const Json &json) { return {status, "application/json", dump(json)}; }
 
@@ -42,26 +42,6 @@ Shift shiftOf(const PageSettings &settings, const std::string &store) {
     }
 }
 
-Json parseWords(std::string_view text, const std::string &language) try {
-    return Json::parse(text).get<std::map<std::string, std::string>>();
-} catch (const Json::exception &error) {
-    throw std::runtime_error(fmt::format("language {}: expected a file of words in JSON: {}", language, error.what()));
-}
-
-// Returns the words of a language by their names. Words that a line's own file leaves out are English.
-Json wordsOf(const std::string &language) {
-    Json words = parseWords(*staticFile("words.en.json"), "en");
-    const auto ours = staticFile(fmt::format("words.{}.json", language));
-    if (!ours && !language.ends_with(".json"))
-        throw std::runtime_error(fmt::format("language {}: expected de, en, zh, or a file NAME.json", language));
-    const Json theirs = parseWords(ours ? std::string(*ours) : readFile(language, kLongestWords), language);
-    for (const auto &[name, text] : theirs.items()) {
-        if (!words.contains(name)) throw std::runtime_error(fmt::format("language {}: unknown \"{}\"", language, name));
-    }
-    words.update(theirs);
-    return words;
-}
-
 bool isLine(const std::string &text) {
     return std::none_of(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\0'; });
 }
@@ -75,7 +55,8 @@ Page::Page(const PageSettings &settings, const std::string &store)
       archive_(std::make_shared<Archive>(store)),
       server_(settings, [this](uint64_t &seen) { return floor_.since(seen); }) {
     server_.add(staticRoutes());
-    server_.add({{"/words.json", [words = wordsOf(settings.language)](const PageRequest &) { return said(200, words); },
+    server_.add({{"/words.json",
+                  [words = Json(readWords(settings.language).texts)](const PageRequest &) { return said(200, words); },
                   RouteKind::kQuick}});
     server_.add(historyRoutes(archive_, !store.empty()));
     server_.add({{"/scan", [this](const PageRequest &request) { return scan(request); }, RouteKind::kChange},
