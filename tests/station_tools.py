@@ -75,6 +75,9 @@ def check_line():
     with sqlite3.connect("newer.db") as newer:
         newer.executescript("CREATE TABLE schema_version (version); INSERT INTO schema_version VALUES (99);")
     newer.close()
+    for name, words in ("none", "[]"), ("more", '{"nope": "x"}'), ("few", '{"took": "{tim}"}'):
+        write(f"{name}.json", words)
+    speaking = lambda words: {"page": f"{{listen: {free_port()}, language: {words}.json}}"}
     taken, silent = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.1", 0))
     cases = [({}, 0, "no faults, no warnings"),
              ({"listen": "here"}, 2, 'line.yaml:1:9: "here" is not an IPv4 address'),
@@ -82,6 +85,10 @@ def check_line():
              ({"places": "[{interface: nope}]"}, 2, "no place can take a board"),
              ({"places": "[{interface: nope}, {interface: lo}]"}, 0, "there is no interface nope"),
              ({"page": taken.getsockname()[1]}, 2, "fault    page"),
+             (speaking("nope"), 2, "cannot read nope.json"),
+             (speaking("none"), 2, "expected a file of words in JSON"),
+             (speaking("more"), 2, 'unknown "nope"'),
+             (speaking("few"), 0, '"took" must have {time}, as'),
              ({"before": "./plain.sh 1"}, 2, "cannot run ./plain.sh"),
              ({"after": "no-such-program | cat"}, 2, "cannot run no-such-program"),
              ({"after": "'echo \"'"}, 2, "the shell does not understand"),

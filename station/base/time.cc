@@ -5,7 +5,6 @@
 #include <re2/re2.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <string_view>
 
@@ -13,13 +12,6 @@ namespace station {
 namespace {
 
 constexpr std::string_view kForm = "0000-00-00T00:00:00.000";
-constexpr std::array<size_t, 5> kLengths = {10, 13, 16, 19, kForm.size()};
-
-bool hasForm(const std::string &text) {
-    return std::find(kLengths.begin(), kLengths.end(), text.size()) != kLengths.end() &&
-           std::equal(text.begin(), text.end(), kForm.begin(),
-                      [](char c, char form) { return form == '0' ? c >= '0' && c <= '9' : c == form; });
-}
 
 long millisecondsOf(WallClock::time_point time) {
     return std::chrono::floor<Milliseconds>(time).time_since_epoch().count() % 1000;
@@ -51,8 +43,9 @@ std::string isoTime(WallClock::time_point time) {
 }
 
 std::optional<WallClock::time_point> parseIsoTime(std::string text) {
+    static const re2::RE2 kTime("\\d{4}-\\d\\d-\\d\\d(T\\d\\d(:\\d\\d(:\\d\\d(\\.\\d{3})?)?)?)?Z?");
+    if (!re2::RE2::FullMatch(text, kTime)) return std::nullopt;
     if (text.ends_with('Z')) text.pop_back();
-    if (!hasForm(text)) return std::nullopt;
     text += kForm.substr(text.size());
     std::tm date{};
     if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &date) == nullptr) return std::nullopt;

@@ -7,20 +7,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <future>
+#include <functional>
 #include <map>
+#include <set>
 #include <sstream>
-#include <thread>
 
 #include "station/cli/commands.h"
-#include "station/cli/exit_codes.h"
 #include "station/cli/service.h"
-#include "station/line/line_file.h"
+#include "station/page/words.h"
 #include "station/store/pool.h"
-#include "station/store/store_records.h"
 #include "station/wire/listener.h"
 
 namespace station {
@@ -30,36 +28,33 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kForStore{5};  // to answer
 
-// A fault keeps the line from working; with a warning it works, but not as it should.
-enum class Grade { kFine, kWarning, kFault };
-
-struct StoreAnswer {
-    Grade grade = Grade::kFine;
-    std::string text;
-    Table pools;  // the table of listPools(), or only the names
-    bool known = false;
-};
-
 // The state of a line's check.
 struct Check {
     std::string path;
     LineFile line;
-    StoreAnswer store = {};
-    std::map<Grade, int> counts = {};
+    Table pools = {};  // of the store, as listPools() returns it; empty: not known
+    int faults = 0, warnings = 0;
     bool served = false;  // something listens at the line's address already
 
-    void tell(Grade grade, const std::string &about, const std::string &text) {
-        static const std::map<Grade, const char *> kWords = {
-            {Grade::kFine, "ok"}, {Grade::kWarning, "warning"}, {Grade::kFault, "fault"}};
-        ++counts[grade];
-        fmt::print("{:8} {:16} {}\n", kWords.at(grade), about, text);
+    void fine(const std::string &about, const std::string &text) { tell("ok", about, text); }
+    // With a warning the line works, but not as it should; a fault keeps it from working.
+    void warn(const std::string &about, const std::string &text) {
+        ++warnings;
+        tell("warning", about, text);
     }
-    void fine(const std::string &about, const std::string &text) { tell(Grade::kFine, about, text); }
-    void warn(const std::string &about, const std::string &text) { tell(Grade::kWarning, about, text); }
-    void fault(const std::string &about, const std::string &text) { tell(Grade::kFault, about, text); }
+    void fault(const std::string &about, const std::string &text) {
+        ++faults;
+        tell("fault", about, text);
+    }
+    static void tell(const char *grade, const std::string &about, const std::string &text) {
+        fmt::print("{:8} {:16} {}\n", grade, about, text);
+    }
 };
 
-std::string cannotWrite(const fs::path &path) {
+// Returns why this user cannot do this to a file or folder, and how to mend it; empty: he can.
+std::string denial(const fs::path &path, int wanted) {
+    if (access(path.c_str(), wanted) == 0 || errno == ENOENT) return {};
+    if (errno == EROFS) return path.string() + " is read-only here: the service may write below /var/lib/qcstation";
     return fmt::format("{} cannot write {}: qcstation init, run as root, mends what root has made", userName(),
                        path.string());
 }
@@ -80,18 +75,17 @@ std::set<std::string> interfacesWith(const std::string &address) {
 }
 
 // Reports whether the station could listen there. An address that a station of this line uses already is not a fault.
-bool checkAddress(Check &check, const std::string &about, const std::string &interface) {
-    const LineFile &line = check.line;
-    const int error = tryAddress(line.address, line.port, interface);
-    const std::string where =
-        fmt::format("{}:{}{}{}", line.address, line.port, interface.empty() ? "" : " on ", interface);
-    check.served |= error == EADDRINUSE;
+bool checkAddress(Check &check, const std::string &about, const std::string &address, int port,
+                  const std::string &interface = {}) {
+    const int error = tryAddress(address, static_cast<uint16_t>(port), interface);
+    const std::string where = fmt::format("{}:{}{}{}", address, port, interface.empty() ? "" : " on ", interface);
     if (error == 0) {
         check.fine(about, where + " is free");
-    } else if (error == EADDRINUSE) {
+    } else if (error == EADDRINUSE && (check.served || about != "page")) {
+        check.served = true;
         check.fine(about, where + " is in use: by this line's station, or: ss -ltnp shows the program");
     } else {
-        check.fault(about, fmt::format("{} cannot be used: {}", where, hintFor(error, line.address, interface)));
+        check.fault(about, fmt::format("{} cannot be used: {}", where, hintFor(error, address, interface)));
     }
     return error == 0 || error == EADDRINUSE;
 }
@@ -100,14 +94,14 @@ bool checkAddress(Check &check, const std::string &about, const std::string &int
 void checkPlaces(Check &check) {
     const LineFile &line = check.line;
     const std::set<std::string> addressed = interfacesWith(line.address);
-    bool works = line.cables.empty() && checkAddress(check, "listen", "");
+    bool works = line.cables.empty() && checkAddress(check, "listen", line.address, line.port);
     for (size_t i = 0; i < line.cables.size(); ++i) {
         const std::string &interface = line.cables[i], about = "place " + line.places[i].name;
-        const bool there = if_nametoindex(interface.c_str()) != 0;
         if (addressed.contains(interface)) {
-            works |= checkAddress(check, about, interface);
+            works |= checkAddress(check, about, line.address, line.port, interface);
         } else {
-            check.warn(about, hintFor(there ? EADDRNOTAVAIL : ENODEV, line.address, interface));
+            const int error = if_nametoindex(interface.c_str()) != 0 ? EADDRNOTAVAIL : ENODEV;
+            check.warn(about, hintFor(error, line.address, interface));
         }
     }
     if (!works) check.fault("places", "no place can take a board");
@@ -131,20 +125,18 @@ void checkRoutes(Check &check) {
     check.fine("kernel", "boards with the same address are told apart by their cards");
 }
 
-void checkPage(Check &check) {
+void checkPage(Check &check) try {
     if (!check.line.page) return;
-    const PageSettings &page = *check.line.page;
-    const int error = tryAddress(page.address, page.port, "");
-    const std::string where = fmt::format("{}:{}", page.address, page.port);
-    if (error == 0) return check.fine("page", where + " is free");
-    if (error == EADDRINUSE && check.served) return check.fine("page", where + " is in use, as the line's address is");
-    check.fault("page", fmt::format("{} cannot be used: {}", where, hintFor(error, page.address, "")));
+    checkAddress(check, "page", check.line.page->address, check.line.page->port);
+    for (const std::string &text : readWords(check.line.page->language).warnings) check.warn("page", text);
+} catch (const std::runtime_error &error) {
+    check.fault("page", error.what());
 }
 
 // ---- the store
 
 // Returns what the database denies to this user, and how to mend it; empty: nothing.
-std::string denial(Database &database) {
+std::string denialOf(Database &database) {
     if (!database.shared()) return {};
     const Table denied = database.ask(
         "SELECT current_user, string_agg(tablename, ', ') FROM pg_tables WHERE schemaname = current_schema() AND NOT"
@@ -156,124 +148,94 @@ std::string denial(Database &database) {
                        *denied.rows[0][0], *denied.rows[0][1]);
 }
 
-// Returns the store's file, or the file beside it, that this user cannot write; empty if all can be written.
-std::string deniedFile(const std::string &store) {
-    for (const std::string &file : {store, store + "-wal", store + "-shm"}) {
-        if (fs::exists(file) && access(file.c_str(), R_OK | W_OK) != 0) return file;
-    }
-    return {};
-}
-
-StoreAnswer stateOf(Database &database, const std::string &name) {
-    if (const std::string why = denial(database); !why.empty()) return {Grade::kFault, name + ": " + why};
-    const int version = database.version();
-    if (version > Database::kNewest) return {Grade::kFault, name + " was made by a newer program: update this one"};
-    if (version == 0) return {Grade::kWarning, name + " has no tables yet: qcstation init makes them", {}, true};
-    if (version == Database::kNewest) {
-        return {Grade::kFine, fmt::format("{}, version {}", name, version), listPools(database), true};
-    }
-    return {
-        Grade::kWarning,
-        fmt::format("{} is of version {}: the station brings it to version {} when it starts. Stop all others before",
-                    name, version, Database::kNewest),
-        database.ask("SELECT name FROM pools"), true};
-}
-
-StoreAnswer askStore(const std::string &store) try {
-    const bool file = store.find("://") == std::string::npos;
-    if (file && !fs::exists(store)) {
-        return {Grade::kWarning, store + " is not there yet: qcstation init makes it", {}, true};
-    }
-    if (const std::string denied = file ? deniedFile(store) : ""; !denied.empty()) {
-        return {Grade::kFault, cannotWrite(denied)};
-    }
+void checkStore(Check &check) try {
+    const std::string &store = check.line.store, name = shownName(store);
+    if (store.empty()) return;
+    if (store.find("://") == std::string::npos && !fs::exists(store))
+        return check.warn("store", store + " is not there yet: qcstation init makes it");
     const auto database = openStore(store, Database::Missing::kIsIgnored);
     database->onlyAsk(kForStore);
-    return stateOf(*database, shownName(store));
-} catch (const std::exception &error) {
-    return {Grade::kFault, error.what()};
+    if (const std::string why = denialOf(*database); !why.empty()) return check.fault("store", name + ": " + why);
+    const int version = database->version();
+    if (version > Database::kNewest)
+        return check.fault("store", name + " was made by a newer program: update this one");
+    if (version == 0) return check.warn("store", name + " has no tables yet: qcstation init makes them");
+    const std::string is = fmt::format("{}, version {}", name, version);
+    if (version == Database::kNewest) {
+        check.pools = listPools(*database);
+        return check.fine("store", is);
+    }
+    check.warn("store", fmt::format("{}: the station brings it to version {} when it starts. Stop all others before",
+                                    is, Database::kNewest));
+} catch (const StoreError &error) {
+    check.fault("store", error.what());
 }
 
-// Returns the store's answer; a fault if it takes too long. The thread of a store that hangs is abandoned.
-StoreAnswer askInTime(const std::string &store) {
-    std::packaged_task<StoreAnswer()> task([store] { return askStore(store); });
-    std::future<StoreAnswer> answer = task.get_future();
-    std::thread(std::move(task)).detach();
-    if (answer.wait_for(kForStore) == std::future_status::ready) return answer.get();
-    return {Grade::kFault, fmt::format("{} does not answer within {} s", shownName(store), kForStore.count())};
-}
-
-void checkStore(Check &check) {
-    if (check.line.store.empty()) return;
-    check.store = askInTime(check.line.store);
-    check.tell(check.store.grade, "store", check.store.text);
-}
-
+// Reports how many units the pools are enough for from which the plan takes.
 void checkPools(Check &check) {
     std::map<std::string, int> taken;
     for (const Step &step : check.line.plan.steps) {
         for (const Taken &each : step.takes) taken[each.pool] = each.count;
     }
-    const Table &pools = check.store.pools;
+    const Table &pools = check.pools;
     for (const auto &row : pools.rows) {
         const auto take = taken.find(*row[0]);
-        if (take == taken.end() || row.size() == 1) continue;
+        if (take == taken.end()) continue;
         const auto cell = [&](const char *name) {
             const auto at = std::find(pools.columns.begin(), pools.columns.end(), name) - pools.columns.begin();
             return row.at(size_t(at)).value_or("");
         };
         const bool same = cell("block") == std::to_string(take->second);
         const auto units = same ? std::stoll(cell("units")) : std::stoll(cell("left")) / take->second;
-        const std::string text = fmt::format("{}, enough for {} units", cell("kind"), units);
-        if (units > 0 && cell("warning").empty())
-            check.fine("pool " + take->first, text);
-        else
-            check.warn("pool " + take->first, text + ": fill it with qcstation pool add, or pool import");
+        const std::string about = "pool " + take->first,
+                          text = fmt::format("{}, enough for {} units", cell("kind"), units);
+        if (units > 0 && cell("warning").empty()) {
+            check.fine(about, text);
+        } else {
+            check.warn(about, text + ": fill it with qcstation pool add, or pool import");
+        }
     }
 }
 
 // ---- the plan and its commands
 
-void tellLines(Check &check, Grade grade, const std::string &about, const std::string &lines) {
-    std::istringstream text(lines);
-    for (std::string line; std::getline(text, line);) check.tell(grade, about, line);
+void eachLine(const std::string &text, const std::function<void(const std::string &)> &tell) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) tell(line);
 }
 
 void checkPlan(Check &check) try {
-    if (!check.line.store.empty() && !check.store.known) {
-        return check.warn("plan", "is not checked, because it may take from pools, and the store does not name them");
-    }
-    std::set<std::string> pools;
-    for (const auto &row : check.store.pools.rows) pools.insert(*row[0]);
-    check.line = loadLine(check.path, [&](const std::string &) { return pools; });
+    check.line = loadLine(check.path, poolNames);
     const Plan &plan = check.line.plan;
-    tellLines(check, Grade::kWarning, "plan", plan.warnings);
+    eachLine(plan.warnings, [&](const std::string &text) { check.warn("plan", text); });
     check.fine("plan", fmt::format("{}: {} steps, {} files", plan.name, plan.steps.size(), plan.files.size()));
+} catch (const StoreError &) {
+    check.warn("plan", "is not checked, because it may take from pools, and the store does not name them");
 } catch (const PlanError &error) {
-    tellLines(check, Grade::kFault, "plan", error.what());
+    eachLine(error.what(), [&](const std::string &text) { check.fault("plan", text); });
 }
 
-std::string quoted(std::string text) {
-    re2::RE2::GlobalReplace(&text, "'", R"('\\'')");
-    return "'" + text + "'";
+// Runs a test of the shell on a text, in a folder. Returns true when it succeeds.
+bool shell(const char *test, const std::string &text, const fs::path &folder) {
+    setenv("TEXT", text.c_str(), 1);
+    setenv("FOLDER", folder.empty() ? "." : folder.c_str(), 1);
+    return std::system(fmt::format("exec > /dev/null 2>&1; cd \"$FOLDER\" && {}", test).c_str()) == 0;
 }
 
 // Lets the shell parse the command and look for the program that it begins with. Runs nothing of it.
 void checkCommand(Check &check, const std::string &about, const std::string &command, const fs::path &folder) {
     static const re2::RE2 kProgram("\\s*([\\w./+-]+)(?:[\\s;|&<>](?s:.*))?");
     if (command.empty()) return;
-    const auto shell = [&](const std::string &text) {
-        const std::string within = "exec > /dev/null 2>&1; cd " + quoted(folder.empty() ? "." : folder) + " && ";
-        return std::system((within + text).c_str()) == 0;
-    };
-    if (!shell("sh -n -c " + quoted(command))) return check.fault(about, "the shell does not understand: " + command);
+    if (!shell("sh -n -c \"$TEXT\"", command, folder))
+        return check.fault(about, "the shell does not understand: " + command);
     std::string program;
-    if (!re2::RE2::FullMatch(command, kProgram, &program)) return check.fine(about, command);
-    const bool path = program.find('/') != std::string::npos;
-    if (shell(fmt::format(fmt::runtime(path ? "test -f {0} -a -x {0}" : "command -v {0}"), quoted(program))))
-        return check.fine(about, command);
-    check.fault(about,
-                fmt::format("{} cannot run {}: is it there, and is it a program (chmod +x)?", userName(), program));
+    if (re2::RE2::FullMatch(command, kProgram, &program) &&
+        !shell("case $TEXT in */*) [ -f \"$TEXT\" ] && [ -x \"$TEXT\" ];; *) command -v \"$TEXT\";; esac", program,
+               folder)) {
+        return check.fault(
+            about, fmt::format("{} cannot run {}: is it there, and is it a program (chmod +x)?", userName(), program));
+    }
+    check.fine(about, command);
 }
 
 void checkCommands(Check &check) {
@@ -287,22 +249,23 @@ void checkCommands(Check &check) {
 
 // ---- the folders
 
-void checkFolder(Check &check, const std::string &about, const fs::path &path) {
+void checkFolder(Check &check, const Room &room) {
+    const std::string about = "folder " + room.about;
     std::error_code error;
-    fs::path there = fs::absolute(path);
+    fs::path there = room.folder;
     while (!fs::exists(there, error) && there.has_relative_path()) there = there.parent_path();
     if (!fs::is_directory(there)) return check.fault(about, there.string() + " is not a folder");
-    if (access(there.c_str(), W_OK | X_OK) != 0) return check.fault(about, cannotWrite(there));
-    for (const auto &entry : fs::directory_iterator(path, error)) {
-        const bool ours = about == "folder spool";  // the files of the other folders may be anybody's
-        if (ours && access(entry.path().c_str(), R_OK | W_OK) != 0)
-            return check.fault(about, cannotWrite(entry.path()));
+    std::string why = denial(there, W_OK | X_OK);
+    for (const fs::path &file : room.files) {
+        const bool anybodys = room.about == "results";
+        if (why.empty() && !anybodys) why = denial(file, R_OK | W_OK);
     }
-    check.fine(about, path.string() + (fs::exists(path) ? " can be written" : " can be made"));
+    if (!why.empty()) return check.fault(about, why);
+    check.fine(about, room.folder.string() + (there == room.folder ? " can be written" : " can be made"));
 }
 
 void checkFolders(Check &check) {
-    for (const auto &[about, folder] : foldersOf(check.line)) checkFolder(check, "folder " + about, folder);
+    for (const Room &room : roomsOf(check.line)) checkFolder(check, room);
 }
 
 constexpr void (*kChecks[])(Check &check) = {checkPlaces, checkRoutes, checkPage,  checkFolders,
@@ -313,12 +276,11 @@ int checkLine(const std::string &path, const std::string &user) {
     Check check{.path = path, .line = readLine(path)};
     fmt::print("line {}, checked as the user {}\n", path, userName());
     for (const auto each : kChecks) each(check);
-    const auto several = [&](Grade grade, const char *what) {
-        const int count = check.counts[grade];
+    const auto counted = [](int count, const char *what) {
         return fmt::format("{} {}{}", count == 0 ? "no" : std::to_string(count), what, count == 1 ? "" : "s");
     };
-    fmt::print("{}, {}\n", several(Grade::kFault, "fault"), several(Grade::kWarning, "warning"));
-    return check.counts[Grade::kFault] == 0 ? kPassed : kWrongInput;
+    fmt::print("{}, {}\n", counted(check.faults, "fault"), counted(check.warnings, "warning"));
+    return check.faults == 0 ? kPassed : kWrongInput;
 }
 
 void checkPlanFile(const std::string &path, const std::string &files, const std::string &store) {

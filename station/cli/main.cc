@@ -10,19 +10,25 @@
 #include <system_error>
 
 #include "station/cli/commands.h"
-#include "station/cli/exit_codes.h"
 #include "station/plan/plan.h"
 #include "station/run/output.h"
 #include "station/run/records.h"
 #include "station/store/database.h"
-#include "station/store/pool.h"
 #include "station/wire/listener.h"
 
 namespace {
 
-int complain(int code, const std::exception &error, const char *name = "qcstation: ") {
-    station::printError(fmt::format("{}{}\n", name, error.what()));
-    return code;
+template <typename... Errors>
+bool isOneOf(const std::exception &error) {
+    return (... || (dynamic_cast<const Errors *>(&error) != nullptr));
+}
+
+int exitCodeOf(const std::exception &error) {
+    using namespace station;
+    if (isOneOf<PlanError, Refusal>(error)) return kWrongInput;
+    if (isOneOf<ListenError>(error)) return kCannotListen;
+    if (isOneOf<RecordsError, StoreError, std::system_error>(error)) return kCannotWrite;
+    return kFailed;
 }
 
 }  // namespace
@@ -46,18 +52,9 @@ int main(int argc, char **argv) try {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
     std::fprintf(stderr, "qcstation: standard output: %s\n", strerror(errno));
     return station::kCannotWrite;
-} catch (const station::PlanError &error) {
-    return complain(station::kWrongInput, error, "");
-} catch (const station::ListenError &error) {
-    return complain(station::kCannotListen, error);
-} catch (const station::RecordsError &error) {
-    return complain(station::kCannotWrite, error);
-} catch (const station::Refusal &error) {
-    return complain(station::kWrongInput, error);
-} catch (const station::StoreError &error) {
-    return complain(station::kCannotWrite, error);
-} catch (const std::system_error &error) {
-    return complain(station::kCannotWrite, error);
 } catch (const std::exception &error) {
-    return complain(station::kFailed, error);
+    // A plan's fault begins with its file.
+    const bool named = isOneOf<station::PlanError>(error);
+    station::printError(fmt::format("{}{}\n", named ? "" : "qcstation: ", error.what()));
+    return exitCodeOf(error);
 }

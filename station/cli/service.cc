@@ -17,7 +17,6 @@
 #include "station/base/descriptor.h"
 #include "station/base/file.h"
 #include "station/cli/commands.h"
-#include "station/cli/example_line.h"
 #include "station/store/store_records.h"
 
 namespace station {
@@ -51,6 +50,23 @@ bool holdsOnly(const Descriptor &folder, const fs::path &path, const std::set<fs
                        [&](const auto &entry) { return own.contains(path / entry.path().filename()); });
 }
 
+// Returns the path from the root, without following links.
+fs::path wholePath(const fs::path &path) {
+    const fs::path whole = fs::absolute(path).lexically_normal();
+    return whole.has_filename() ? whole : whole.parent_path();
+}
+
+// Returns a folder of files. None of them is the station's own if it has other folders.
+Room roomAt(const char *about, const fs::path &path) {
+    Room room{about, wholePath(path), {}};
+    std::error_code none;
+    for (const auto &file : fs::directory_iterator(room.folder, none)) {
+        if (!file.is_regular_file(none)) return {about, room.folder, {}};
+        room.files.push_back(file.path());
+    }
+    return room;
+}
+
 // Gives the service what root has made, as it could not write it. A folder that holds anything else stays root's, and
 // so does what a link leads to: the service may have put the link there to get any file of root's.
 void give(const fs::path &path, const std::set<fs::path> &own, const passwd *user) {
@@ -70,34 +86,11 @@ void give(const fs::path &path, const std::set<fs::path> &own, const passwd *use
     fmt::print("{} is {}'s now\n", path.string(), user->pw_name);
 }
 
-// Returns the path from the root, without following links.
-fs::path wholePath(const fs::path &path) {
-    fs::path whole = fs::absolute(path).lexically_normal();
-    return whole.has_filename() ? whole : whole.parent_path();
-}
-
-// Returns what belongs to the station alone: its folders, the store's files, and the files in folders without folders.
-std::set<fs::path> belongingsOf(const LineFile &line) {
-    std::set<fs::path> own;
-    for (const char *const part : {"", "-wal", "-shm"}) own.insert(wholePath(line.store + part));
-    for (const auto &[about, path] : foldersOf(line)) {
-        const fs::path folder = wholePath(path);
-        own.insert(folder);
-        const auto isFile = [](const fs::directory_entry &entry) { return entry.is_regular_file(); };
-        if (about == "store" || !std::all_of(fs::directory_iterator(folder), {}, isFile)) continue;
-        for (const auto &file : fs::directory_iterator(folder)) own.insert(file.path());
-    }
-    return own;
-}
-
-void makeFolders(const LineFile &line) {
-    for (const auto &[about, folder] : foldersOf(line)) {
-        const fs::path whole = wholePath(folder);
-        fs::create_directories(whole.parent_path());
-        const bool made = mkdir(whole.c_str(), 0750) == 0;
-        if (!made && errno != EEXIST) throw std::system_error(errno, std::generic_category(), folder.string());
-        if (made) fmt::print("{} made\n", folder.string());
-    }
+void makeFolder(const fs::path &folder) {
+    fs::create_directories(folder.parent_path());
+    const bool made = mkdir(folder.c_str(), 0750) == 0;
+    if (!made && errno != EEXIST) throw std::system_error(errno, std::generic_category(), folder.string());
+    if (made) fmt::print("{} made\n", folder.string());
 }
 
 void makeStore(const std::string &store) {
@@ -119,8 +112,12 @@ void init(const fs::path &path, const std::string &name) {
     const passwd *const user = userOf(name);
     if (!fs::exists(path)) makeExample(path);
     const LineFile line = readLine(path);
-    makeFolders(line);
-    const std::set<fs::path> own = belongingsOf(line);
+    for (const Room &room : roomsOf(line)) makeFolder(room.folder);
+    std::set<fs::path> own;
+    for (const Room &room : roomsOf(line)) {
+        own.insert(room.folder);
+        own.insert(room.files.begin(), room.files.end());
+    }
     for (const fs::path &each : own) give(each, own, user);
     becomeUser(name);
     if (!line.store.empty()) makeStore(line.store);
@@ -146,15 +143,16 @@ std::string userName() {
     return user != nullptr ? user->pw_name : std::to_string(geteuid());
 }
 
-std::vector<std::pair<std::string, fs::path>> foldersOf(const LineFile &line) {
-    std::vector<std::pair<std::string, fs::path>> folders;
-    if (!line.results.empty()) folders.emplace_back("results", line.results);
-    if (line.store.empty()) return folders;
-    if (line.store.find("://") == std::string::npos) {
-        folders.insert(folders.begin(), {"store", fs::absolute(line.store).parent_path()});
+std::vector<Room> roomsOf(const LineFile &line) {
+    std::vector<Room> rooms;
+    if (!line.store.empty() && line.store.find("://") == std::string::npos) {
+        const fs::path file = wholePath(line.store);
+        rooms.push_back({"store", file.parent_path(), {file, file.string() + "-wal", file.string() + "-shm"}});
     }
-    folders.emplace_back("spool", line.spool.empty() ? defaultSpool(line.store) : line.spool);
-    return folders;
+    if (!line.results.empty()) rooms.push_back(roomAt("results", line.results));
+    if (!line.store.empty())
+        rooms.push_back(roomAt("spool", line.spool.empty() ? defaultSpool(line.store) : line.spool));
+    return rooms;
 }
 
 void addInit(CLI::App &app) {

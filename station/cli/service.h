@@ -1,18 +1,22 @@
 #pragma once
-// The service: its line, its user, and its folders.
+// The service: its line, its user, and what belongs to it.
 
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
+#include "station/base/static_file.h"
 #include "station/line/line_file.h"
 
 namespace station {
 
 constexpr const char *kServiceLine = "/etc/qcstation/line.yaml";
+
+extern const std::vector<StaticFile> kExampleFiles;  // station/package/line.yaml, which is compiled in
+extern const std::string_view kExampleVersion;
 
 // Adds --user.
 void addUser(CLI::App *command, std::string &user);
@@ -24,7 +28,14 @@ void becomeUser(const std::string &name);
 // Returns the name of the user that this process runs as.
 std::string userName();
 
-// Returns the folders that the line writes to, each with its key in the line's file: "results", "spool", "store".
-std::vector<std::pair<std::string, std::filesystem::path>> foldersOf(const LineFile &line);
+// A folder that the line writes to, and the station's own files in it, which need not exist.
+struct Room {
+    std::string about;  // its key in the line's file: "results", "spool", "store"
+    std::filesystem::path folder;
+    std::vector<std::filesystem::path> files;
+};
+
+// Returns the line's rooms with absolute paths.
+std::vector<Room> roomsOf(const LineFile &line);
 
 }  // namespace station

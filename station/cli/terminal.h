@@ -42,7 +42,7 @@ private:
 
     Output &output_;
     const int boards_;
-    const bool watched_, asks_;  // standard output is a terminal; standard input is one, too
+    const bool watched_;  // standard output is a terminal
     Mutex mutex_;
     Condition free_;
     int asking_ GUARDED_BY(mutex_) = 0;      // the number of the place that is asked; 0: none
