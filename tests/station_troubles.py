@@ -261,7 +261,9 @@ def passed(line):
     line.run('SN-1')
     Board(line.cable)
     assert line.answer('SN-1')
-    line.answer('SN-1')
+    assert line.answer('SN-1'), 'a trigger that was pressed twice'
+    time.sleep(1)
+    assert not line.answer('SN-1')
 
 
 @trouble('the unit failed too often')
