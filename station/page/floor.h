@@ -1,9 +1,9 @@
 #pragma once
-// The present state of the line and its places, for the operator's page. A browser that connects late gets all of it.
+// The present state of the line and its places, for the operator's page, and the questions that operators answer there.
+// A browser that connects late gets all of it.
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -15,21 +15,14 @@
 #include "station/page/shift.h"
 #include "station/run/durations.h"
 #include "station/run/observer.h"
+#include "station/run/operator.h"
 #include "station/run/record_json.h"
 
 namespace station {
 
-// A place's question to the operator.
-struct Question {
-    uint64_t number = 0;  // unique; 0: there is no question
-    std::string prompt, problem;
-    std::optional<Payload> picture = {};
-};
-
-class Floor : public Observer {
+class Floor : public Observer, public Operator {
 public:
-    // Calls `changed`, from any thread, whenever something is new.
-    Floor(Shift shift, std::function<void()> changed) : changed_(std::move(changed)), shift_(std::move(shift)) {}
+    explicit Floor(Shift shift) : shift_(std::move(shift)) {}
 
     void lineStarts(const std::vector<Place> &places) override;
     void boardConnects(const RunRecord &run) override;
@@ -46,8 +39,11 @@ public:
     void lineStops() override;
     void trouble(const std::string &text) override;
 
-    // Shows this question at the place. A question with the number 0 removes the one that is shown.
-    void asks(const Place &place, const Question &question);
+    std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
+                    Clock::time_point deadline, const Needless &needless) override;
+    // Gives an answer to this question of the place and to no other: text that was typed for one board must not reach
+    // the next. Returns false when that question is not open.
+    bool answer(int place, uint64_t question, const std::string &text);
 
     // Marks the place's verdict as seen; for place 0 removes the line's troubles. Returns false when there are none.
     bool seen(int place);
@@ -64,40 +60,36 @@ public:
 
 private:
     struct Tile {
-        Json json;                             // without what changes with time
-        Clock::time_point connected, started;  // when the board came; when the step or verdict began
-        double before = 0, behind = 0;         // seconds of the step and of all later ones; <= 0: unknown
-        uint64_t sent = 0, total = 0;          // bytes of the step's payload
-        uint64_t version = 0;
-        bool runs = false, held = false;
+        Json json = {};                                 // the stage, without what changes with time
+        Json lasting = {};                              // through all stages: number, name, held, blocked
+        Clock::time_point connected, started;           // when the board came; when the step or verdict began
+        double before = 0, behind = 0;                  // seconds of the step and of all later ones; <= 0: unknown
+        uint64_t sent = 0, total = 0;                   // bytes of the step's payload
         std::string marks = {};                         // one letter per step: p passed, f failed, . neither
         Json steps = Json::array();                     // those that have ended
-        std::string blocked = {};                       // why the place can take no board; empty: it can
         std::optional<Clock::time_point> powered = {};  // since when its cable has had a link
+        std::optional<Payload> picture = {};            // beside the question or the failure
+        std::optional<std::string> answer = {};         // to the question that json["ask"] shows
+        uint64_t version = 0;
     };
-    struct Trouble {
-        std::string text;
-        WallClock::time_point time;
-    };
-
-    template <typename Change>
-    void change(const Place &place, const Change &apply);
-    template <typename Change>
-    void changeLine(const Change &apply);
-    Json show(const Tile &tile) const;
-    Json link(const std::optional<Payload> &picture) REQUIRES(mutex_);
+    Tile &change(const Place &place) REQUIRES(mutex_);
+    Json &changeLine() REQUIRES(mutex_);
+    Json show(int place) REQUIRES(mutex_);
+    static Json show(Tile &tile, const std::optional<Payload> &picture);
     bool endTroubles(WallClock::time_point before) REQUIRES(mutex_);
 
-    const std::function<void()> changed_;
     Mutex mutex_;
+    Condition answered_;
+    // The number of the last question. A browser that was open before the station restarted must not answer a new
+    // question by an old number, so the count starts at the milliseconds since 1970.
+    uint64_t asked_ GUARDED_BY(mutex_) = static_cast<uint64_t>(WallClock::now().time_since_epoch() /
+                                                               std::chrono::milliseconds(1));
     Shift shift_ GUARDED_BY(mutex_);
     Durations durations_ GUARDED_BY(mutex_);
-    std::map<int, Tile> tiles_ GUARDED_BY(mutex_);                // by the place's number
-    std::map<std::string, Payload> pictures_ GUARDED_BY(mutex_);  // by their SHA-256
-    std::string waits_ GUARDED_BY(mutex_), stranger_ GUARDED_BY(mutex_);
-    size_t strangers_ GUARDED_BY(mutex_) = 0;
-    bool stops_ GUARDED_BY(mutex_) = false;
-    std::deque<Trouble> troubles_ GUARDED_BY(mutex_);  // at most three, the newest last
+    std::map<int, Tile> tiles_ GUARDED_BY(mutex_);  // by the place's number
+    Json line_ GUARDED_BY(mutex_) = {{"waits", ""}, {"stops", false}, {"strangers", 0}, {"stranger", ""}};
+    std::deque<std::pair<std::string, WallClock::time_point>> troubles_
+        GUARDED_BY(mutex_);  // at most three, the newest last
     uint64_t version_ GUARDED_BY(mutex_) = 1, lineVersion_ GUARDED_BY(mutex_) = 1, shiftVersion_ GUARDED_BY(mutex_) = 1;
 };
 

@@ -12,12 +12,15 @@
 
 namespace station {
 
-// A request without its body. A header that is missing is empty.
+// A request with only the size of its body. A header that is missing is empty.
 struct RequestHead {
     std::string method, path;
     std::string local, peer;  // IPv4 addresses: this machine's, to which the client connected; the client's
     std::string host, origin, type, authorization;
+    size_t body = 0;  // bytes
 };
+
+constexpr size_t kLongestBody = 16384;
 
 // Returns true for 127.0.0.0/8, which is this machine.
 bool isLoopback(const std::string &address);
@@ -35,7 +38,7 @@ public:
 
 private:
     struct Guesses {
-        size_t wrong = 0;
+        size_t wrong = 0, told = 1;
         std::chrono::steady_clock::time_point last{};
     };
 
@@ -44,7 +47,7 @@ private:
     std::optional<PageReply> checkToken(const RequestHead &head);
 
     const uint16_t port_;
-    const std::string expected_, machine_;
+    const std::string expected_;
     const std::function<void(const std::string &)> tell_;
     std::map<std::string, Guesses> guesses_;  // by the client's address
 };

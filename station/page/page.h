@@ -7,7 +7,6 @@
 
 #include "station/page/archive.h"
 #include "station/page/floor.h"
-#include "station/page/scanner.h"
 #include "station/page/server.h"
 
 namespace station {
@@ -23,10 +22,10 @@ public:
     Page(const PageSettings &settings, const std::string &store);
 
     // Returns the page's URL: "http://127.0.0.1:8080/".
-    std::string url() const;
+    std::string url() const { return server_.url(); }
     // Both live as long as the page.
     Observer &observer() { return floor_; }
-    Operator &operators() { return scanner_; }
+    Operator &operators() { return floor_; }
 
     // Starts to answer. Calls `tell`, in a thread of the page, with what a person should look at. Throws
     // std::runtime_error.
@@ -36,17 +35,11 @@ public:
     void stop();
 
 private:
-    PageReply scan(const PageRequest &request);
-    PageReply line();
-    PageReply picture(const PageRequest &request);
-    PageReply steps(const PageRequest &request);
-    PageReply seen(const PageRequest &request);
-    PageReply hold(const PageRequest &request);
+    std::vector<Route> shows(const std::string &language);
+    std::vector<Route> changes();
 
-    const std::string address_;
     Hold hold_;
     Floor floor_;
-    Scanner scanner_;
     const std::shared_ptr<Archive> archive_;
     PageServer server_;
 };

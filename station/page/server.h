@@ -1,16 +1,14 @@
 #pragma once
 // The page's HTTP server. libmicrohttpd speaks HTTP; this class decides who is served, for how long, in which thread.
 
-#include <atomic>
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "station/base/descriptor.h"
 #include "station/base/mutex.h"
 #include "station/line/line_file.h"
 #include "station/page/guard.h"
@@ -35,7 +33,7 @@ public:
     ~PageServer();
     PageServer(const PageServer &) = delete;
 
-    uint16_t port() const { return listener_.port(); }
+    std::string url() const;
     // Adds routes. Must be called before start().
     void add(std::vector<Route> routes);
     // Starts the threads. Calls `tell`, in the library's thread, with what a person should look at. Throws
@@ -43,29 +41,23 @@ public:
     void start(std::function<void(const std::string &trouble)> tell);
     // Ends all connections and threads. No request is answered after it has returned.
     void stop();
-    // Wakes the streams, since the feed has something new. Any thread may call this, as often as it likes.
-    void changed();
 
 private:
     struct Client;
-    struct Callbacks;  // what the library calls
 
-    bool hasRoom(const std::string &peer, size_t ofAddress, size_t ofAll, bool slow) const REQUIRES(mutex_);
+    bool hasRoom(const std::string &peer, bool slow) const REQUIRES(mutex_);
     bool isHere(const std::string &peer) const;
     bool serve(Client &client, const RequestHead &head);
-    bool askSlowly(Client &client);
+    bool askSlowly(Client &client, const Route &route);
     void answerSlowly();
-    void feedStreams();
-    bool feedOnce(bool beats);
+    bool feedStreams(bool beats);
 
-    Listener listener_;
     const std::string address_, token_;
+    const Listener listener_;
     const Feed feed_;
     Routes routes_;
-    Descriptor wakeup_;  // of the thread that feeds the streams
-    std::unique_ptr<Guard> guard_;
+    std::optional<Guard> guard_;
     MHD_Daemon *daemon_ = nullptr;
-    std::atomic<bool> news_ = false;
 
     Mutex mutex_;
     Condition asked_;

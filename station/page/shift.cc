@@ -3,8 +3,10 @@
 #include <fmt/chrono.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <utility>
 
 #include "station/base/machine.h"
@@ -16,9 +18,10 @@ namespace {
 
 constexpr std::chrono::seconds kForRecall{5};
 
-std::string cell(const Table &table, const std::vector<Value> &row, std::string_view column) {
-    const auto at = std::find(table.columns.begin(), table.columns.end(), column);
-    return row[static_cast<size_t>(at - table.columns.begin())].value_or("");
+Table runsSince(WallClock::time_point begin, const std::string &store) {
+    Database database(store, Database::Missing::kIsAnError);
+    database.onlyAsk(kForRecall);
+    return listRuns(database, {.filter = {.period = {isoTime(begin), ""}, .station = hostName()}, .limit = 0});
 }
 
 }  // namespace
@@ -42,27 +45,31 @@ std::chrono::nanoseconds sinceBoot() {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-void Shift::add(const std::string &unit, const std::string &plan, bool passed, double seconds) {
-    seconds_.push_back(seconds);
-    unnamed_ += unit.empty() ? 1 : 0;
-    unnamedFailed_ += unit.empty() && !passed ? 1 : 0;
-    if (!unit.empty()) units_[unit] = passed;
-    if (!unit.empty() && !firsts_.insert(unit + '\n' + plan).second) return;
-    ++firstRuns_;
-    firstPasses_ += passed ? 1 : 0;
+Shift::Shift(std::vector<int> starts, int target, const std::string &store)
+    : starts_(std::move(starts)), target_(target) {
+    if (store.empty()) return;
+    try {
+        const auto begin = shiftBegin(starts_, WallClock::now());
+        const Table runs = runsSince(begin, store);
+        begin_ = begin;
+        for (const auto &row : runs.rows) {
+            const auto cell = [&](std::string_view column) {
+                const auto at = std::find(runs.columns.begin(), runs.columns.end(), column);
+                return row[static_cast<size_t>(at - runs.columns.begin())].value_or("");
+            };
+            if (cell("attempt").empty()) continue;  // it does not count
+            const double seconds = std::strtod(cell("seconds").c_str(), nullptr);
+            add(cell("serial"), cell("plan"), cell("verdict") == "passed", seconds);
+        }
+    } catch (const StoreError &) {  // the records say why
+    }
 }
 
-void Shift::recall(const std::string &store) {
-    begin_ = shiftBegin(starts_, WallClock::now());
-    Database database(store, Database::Missing::kIsAnError);
-    database.onlyAsk(kForRecall);
-    const Table runs = listRuns(database, {{{isoTime(begin_), ""}}, false, 0});
-    for (const auto &row : runs.rows) {
-        // Only a run that counts has an attempt.
-        if (cell(runs, row, "station") != hostName() || cell(runs, row, "attempt").empty()) continue;
-        add(cell(runs, row, "serial"), cell(runs, row, "plan"), cell(runs, row, "verdict") == "passed",
-            std::strtod(cell(runs, row, "seconds").c_str(), nullptr));
-    }
+void Shift::add(const std::string &unit, const std::string &plan, bool passed, double seconds) {
+    seconds_.push_back(seconds);
+    const std::string name = unit.empty() ? fmt::format("\n{}", seconds_.size()) : unit;
+    units_[name] = passed;
+    firsts_.emplace(name + '\n' + plan, passed);
 }
 
 // A wall clock that is set may jump over the start of a shift. So sinceBoot() tells the time since the last call.
@@ -74,18 +81,17 @@ bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
     units_.clear();
     firsts_.clear();
     seconds_.clear();
-    unnamed_ = unnamedFailed_ = firstRuns_ = firstPasses_ = 0;
     return true;
 }
 
 Json Shift::toJson() const {
-    const auto failed = std::count_if(units_.begin(), units_.end(), [](const auto &unit) { return !unit.second; });
     Json json = {{"since", fmt::format("{:%H:%M}", fmt::localtime(WallClock::to_time_t(begin_)))},
-                 {"seconds", std::chrono::duration<double>(WallClock::now() - begin_).count()},
-                 {"units", units_.size() + unnamed_},
-                 {"failed", static_cast<size_t>(failed) + unnamedFailed_}};
+                 {"seconds", inSeconds(WallClock::now() - begin_)},
+                 {"units", units_.size()},
+                 {"failed", std::ranges::count(units_ | std::views::values, false)}};
     if (target_ > 0) json["target"] = target_;
-    if (firstRuns_ > 0) json["yield"] = 100.0 * double(firstPasses_) / double(firstRuns_);
+    const auto firstPasses = std::ranges::count(firsts_ | std::views::values, true);
+    if (!firsts_.empty()) json["yield"] = 100.0 * double(firstPasses) / double(firsts_.size());
     if (seconds_.empty()) return json;
     std::vector<double> sorted = seconds_;
     const auto middle = sorted.begin() + static_cast<ptrdiff_t>((sorted.size() - 1) / 2);  // as the store's median

@@ -2,7 +2,6 @@
 // The counters of a shift: units, first-pass yield, how long a run takes.
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -20,13 +19,12 @@ std::chrono::nanoseconds sinceBoot();
 
 class Shift {
 public:
-    // `starts`: as for shiftBegin(). `target`: units per hour; 0: none.
-    explicit Shift(std::vector<int> starts, int target = 0) : starts_(std::move(starts)), target_(target) {}
+    // `starts`: as for shiftBegin(). `target`: units per hour; 0: none. Counts the runs of this shift at this station
+    // that are in `store`; an empty one, or one that is away, has none.
+    explicit Shift(std::vector<int> starts, int target = 0, const std::string &store = {});
 
     // Counts a run that says something about its unit (RunRecord::counts). A run without a unit counts as one.
     void add(const std::string &unit, const std::string &plan, bool passed, double seconds);
-    // Counts the runs of this shift at this station that are in the store. Throws StoreError.
-    void recall(const std::string &store);
     // Resets the counters and returns true if a shift has begun since the last call. Setting the machine's clock begins
     // no shift.
     bool renew(WallClock::time_point now = WallClock::now(), std::chrono::nanoseconds uptime = sinceBoot());
@@ -36,13 +34,14 @@ public:
     Json toJson() const;
 
 private:
+    using Passed = std::map<std::string, bool>;
+
     const std::vector<int> starts_;
     const int target_;
     WallClock::time_point begin_ = WallClock::now();  // of the shift; of the station when it began later
     std::chrono::nanoseconds looked_ = sinceBoot();   // the time of the last call of renew()
-    std::map<std::string, bool> units_;               // whether the last run passed
-    std::set<std::string> firsts_;                    // units with their plan that have had a first run
-    size_t unnamed_ = 0, unnamedFailed_ = 0, firstRuns_ = 0, firstPasses_ = 0;
+    Passed units_;                                    // at their last run
+    Passed firsts_;                                   // units with their plan, at their first run
     std::vector<double> seconds_;
 };
 
