@@ -4,6 +4,7 @@
 
 const kSettle = 0.7;        // seconds in which nobody has read yet that another place asks now
 const kNoticeTime = 8;      // seconds
+const kScanned = 0.05;      // seconds per character
 let mode = 'scan';          // what the box takes: an answer, a place for one of kActs, or the token
 let shown = null;           // the question that stands beside the box: {place, name, question}
 let settled = 0;            // when somebody can have read it
@@ -13,6 +14,8 @@ let judged = 0;             // the question whose answer the station judges
 let answered = 0;           // the place that was answered last
 let unsent = null;          // what waits for the token
 let said = {text: '', until: 0};
+let capsLock = false;
+let typed = 0;              // when the first character of the text in the box came
 
 // The places that ask, those first that have waited for longest.
 function asking() {
@@ -80,7 +83,8 @@ function showBox() {
     set(at('prompt'), prompt);
     set(at('next'), say('nextKey', {n: others}));
     if (now() > said.until || (said.question && said.question !== shown?.question)) said = {text: '', until: 0};
-    set(at('notice'), said.text || (scans && place?.ask.problem) || '');
+    const problem = said.text || (scans && place?.ask.problem) || '';
+    set(at('notice'), capsLock ? `${problem} ${say('capsLock')}`.trim() : problem);
     for (const tile of tiles.values()) tile.box.classList.toggle('meant', scans && tile.place === place);
     at('next').hidden = others < 1;
 }
@@ -94,6 +98,11 @@ function enter(wanted) {
     at('box').focus();
 }
 
+// The words for what the station refuses, by the status of its reply.
+const kRefusals = {'400 /scan': 'tooLong', '409 /scan': 'gone', '409 /seen': 'nothingSeen', '409 /hold': 'noPlace',
+                   413: 'tooLong', 429: 'tokenSoon'};
+
+// Returns why the station did not take it, in words; empty: it did.
 async function post(path, body) {
     const headers = {'Content-Type': 'application/json'};
     const token = sessionStorage.getItem('token');
@@ -106,17 +115,16 @@ async function post(path, body) {
             sessionStorage.removeItem('token');
             enter('token');
         }
-        if (reply.status === 409 && path === '/scan') return 'gone';
-        return say('refused', {why: (await reply.json()).error});
-    } catch (error) {
-        return say('unsent', {why: error.message});
+        const word = {401: token ? 'tokenWrong' : 'tokenNeeded', ...kRefusals};
+        const place = tiles.get(body.place)?.place.name;
+        return say(word[reply.status] || word[`${reply.status} ${path}`] || 'refused',
+                   {place, text: body.text ?? body.place, why: (await reply.json()).error});
+    } catch {
+        return say('unsent');
     }
 }
 
-async function send(path, body) {
-    const problem = await post(path, body);
-    if (problem) notice(problem);
-}
+const send = async (path, body) => notice(await post(path, body));
 
 // Each command that names a place, and what to do there. Without a name it means the only place that it fits.
 const kActs = {
@@ -145,7 +153,7 @@ async function takeAnswer(text, mine) {
     const problem = await post('/scan', {place: mine.place, question: mine.question, text});
     if (!problem) return;
     judged = 0;
-    notice(problem === 'gone' ? say('gone', {place: mine.name, text}) : problem);
+    notice(problem);
 }
 
 async function takePlace(text) {
@@ -208,6 +216,7 @@ at('box').addEventListener('beforeinput', event => {
     if (mode !== 'scan') return;
     if (!drops && !at('box').value) {
         begun = shown || {question: 0};
+        typed = now();
         answered = 0;
         if (now() < settled) drop(say('moved', {place: shown.name}));
     }
@@ -227,10 +236,20 @@ at('scan').addEventListener('submit', event => {
     take(text, mine).then(showBox);
 });
 
+// Some scanners end with Tab. Nobody types as fast as a scanner.
+const isScan = () => begun && at('box').value.length > 2 && now() - typed < kScanned * at('box').value.length;
+
+function tab() {
+    if (isScan()) return at('scan').requestSubmit();
+    next();
+}
+
 const scroll = pages => at('look').querySelector('div').scrollBy(0, pages * at('look').clientHeight * 0.8);
 
 document.addEventListener('keydown', event => {
-    const keys = {Tab: next, F2: () => start('hold'), F4: () => at('engineer').click(), F6: () => start('steps'),
+    capsLock = event.getModifierState('CapsLock');
+    if (event.isComposing) return;  // the keys belong to the input method
+    const keys = {Tab: tab, F2: () => start('hold'), F4: () => at('engineer').click(), F6: () => start('steps'),
                   F8: () => start('seen'), F9: toggleSound, Escape: () => { close(); enter('scan'); },
                   PageDown: () => scroll(1), PageUp: () => scroll(-1)};
     if (keys[event.key] && !event.altKey && !event.ctrlKey) {

@@ -7,7 +7,7 @@ const tiles = new Map();    // by the place's number: its elements, and what is 
 let words = {};             // every text of the page, by its name
 let line = {};              // what concerns all places
 let shift = {};
-let version;                // of this page's files
+let version, served;        // of this page's files; of those that the station has now
 let stream;
 let heard = 0;              // when the station was last heard
 
@@ -67,6 +67,9 @@ const loud = () => localStorage.getItem('sound') === 'on';
 function sound(stage) {
     if (!loud() || !kTones[stage]) return;
     speaker ??= new AudioContext();
+    // Until the first key or tap a browser plays nothing, and would play all of it at once after that.
+    if (speaker.state !== 'running' && !navigator.userActivation?.hasBeenActive) return;
+    speaker.resume();
     kTones[stage].forEach((frequency, i) => {
         const tone = new OscillatorNode(speaker, {frequency});
         const volume = new GainNode(speaker, {gain: 0.2});
@@ -88,9 +91,8 @@ function hear(event) {
     heard = now();
     const news = JSON.parse(event.data);
     if (news.version) {
-        // Another station serves another page.
-        if (version && version !== news.version) return location.reload();
-        version = news.version;
+        version ??= news.version;
+        served = news.version;
         forget(news.places || []);
     }
     if (news.line) line = news.line;
@@ -98,6 +100,8 @@ function hear(event) {
     if (news.shift) shift = {...news.shift, came: now()};
     showLine();
     refresh();
+    // Another station serves another page. What somebody types now comes first.
+    if (version !== served && !at('box').value && !drops) location.reload();
 }
 
 // A browser makes six connections to a station, and a stream keeps one: a tab that nobody sees has none.
