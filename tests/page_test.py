@@ -313,7 +313,8 @@ class Page(unittest.TestCase):
         self.until(lambda: self.browser.execute_script('return typeof mark') == 'undefined')
 
     def test_languages(self):
-        """Each language has each word with its values. The line's file chooses one, or has a file of its own."""
+        """Each language has each word with its values. The line's file chooses one, or has a file of its own; it names
+        places in any language."""
         folder = os.path.dirname(SCHEMA) + '/../station/page/static/'
         texts = {}
         for path in glob.glob(folder + 'words.*.json'):
@@ -321,12 +322,13 @@ class Page(unittest.TestCase):
         values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
         with open('own.json', 'w') as file: json.dump({**texts['en'], 'language': 'ar', 'direction': 'rtl'}, file)
         with open('line.yaml') as file: line = file.read()
+        names = 'places: [{name: Prüfplatz 3, interface: lo}, {name: 左边, interface: missing}]'
         try:
             for language, words in [*sorted(texts.items()), ('own.json', texts['en'])]:
                 self.assertEqual(values(words), values(texts['en']), language)
                 self.end(signal.SIGTERM)
                 with open('line.yaml', 'w') as file:
-                    file.write(line.replace('{listen', f'{{language: {language}, listen'))
+                    file.write(line.replace('{listen', f'{{language: {language}, listen').replace('places: 2', names))
                 self.start()
                 self.open()
                 self.sees(1, words['waiting'])
@@ -334,6 +336,11 @@ class Page(unittest.TestCase):
                 post = "post('/seen', {place: 1}).then(arguments[0])"
                 self.assertEqual(self.browser.execute_async_script(post), words['nothingSeen'])
             self.assertEqual(self.browser.execute_script('return document.documentElement.dir'), 'rtl')
+            Board(1)
+            self.asked('Prüfplatz 3')
+            self.type('A-1', Keys.ENTER)
+            self.sees(1, texts['en']['pass'])
+            self.assertIn(b'A-1,', self.request('/runs.csv?place=Pr%C3%BCfplatz%203')[1])
         finally:
             with open('line.yaml', 'w') as file: file.write(line)
 

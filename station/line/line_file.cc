@@ -4,9 +4,8 @@
 #include <re2/re2.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cstring>
 
+#include "station/base/text.h"
 #include "station/plan/yaml.h"
 #include "station/wire/listener.h"
 
@@ -55,13 +54,11 @@ struct Cable {
     std::string name, interface;
 };
 
-// Allows only characters that are fit for a file's name: a place's name becomes a part of one.
+// A place's name becomes a part of a file's.
 void readName(Cable &cable, const Entry &value) {
     cable.name = value.part();
-    const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || strchr("._-", c) != nullptr; };
-    if (!std::all_of(cable.name.begin(), cable.name.end(), fits)) {
-        value.fail("a place's name may have only letters, digits, '.', '_' and '-'");
-    }
+    if (trim(cable.name) != cable.name || oneLine(cable.name) != cable.name)
+        value.fail("a place's name is UTF-8 text of visible characters, without blanks around it");
 }
 
 const Keys<Cable> kCableKeys = {
