@@ -8,24 +8,19 @@
 
 namespace station {
 
-Digest::Digest(const char *algorithm) : context_(EVP_MD_CTX_new()) {
+Digest::Digest(const char *algorithm) : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
     const EVP_MD *const method = EVP_get_digestbyname(algorithm);
-    if (method != nullptr && EVP_DigestInit_ex(context_, method, nullptr) == 1) return;
-    EVP_MD_CTX_free(context_);
-    throw std::runtime_error(fmt::format("OpenSSL does not offer {} on this machine", algorithm));
+    if (method == nullptr || EVP_DigestInit_ex(context_.get(), method, nullptr) != 1)
+        throw std::runtime_error(fmt::format("OpenSSL does not offer {} on this machine", algorithm));
 }
 
-Digest::~Digest() { EVP_MD_CTX_free(context_); }
-
-void Digest::feed(std::string_view bytes) { EVP_DigestUpdate(context_, bytes.data(), bytes.size()); }
+void Digest::feed(std::string_view bytes) { EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()); }
 
 std::string Digest::text() {
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
     unsigned length = 0;
-    EVP_DigestFinal_ex(context_, bytes.data(), &length);
-    std::string result;
-    for (unsigned i = 0; i < length; ++i) result += fmt::format("{:02x}", bytes[i]);
-    return result;
+    EVP_DigestFinal_ex(context_.get(), bytes.data(), &length);
+    return fmt::format("{:02x}", fmt::join(bytes.begin(), bytes.begin() + length, ""));
 }
 
 }  // namespace station

@@ -1,6 +1,7 @@
 #pragma once
 // Digests as md5sum and sha256sum print them: lower-case hexadecimal digits.
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,16 +16,12 @@ class Digest {
 public:
     // `algorithm`: "MD5", "SHA256". Throws std::runtime_error when OpenSSL does not offer it.
     explicit Digest(const char *algorithm);
-    ~Digest();
-    Digest(const Digest &) = delete;
-    Digest &operator=(const Digest &) = delete;
-
     void feed(std::string_view bytes);
     // Returns the digest of everything that was fed. May be called once.
     std::string text();
 
 private:
-    evp_md_ctx_st *context_;
+    std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st *)> context_;
 };
 
 }  // namespace station

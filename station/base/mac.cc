@@ -1,29 +1,22 @@
 #include "station/base/mac.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <re2/re2.h>
 
-#include <charconv>
+#include <vector>
 
 namespace station {
 
-std::optional<Mac> parseMac(const std::string &text) {
-    std::string digits;
-    const char separator = text.size() == 17 ? text[2] : '\0';
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool between = i % 3 == 2 && text[i] == separator && (separator == ':' || separator == '-');
-        if (!between) digits += text[i];
-    }
-    uint64_t mac = 0;
-    const char *const end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, mac, 16);
-    if (digits.size() != 12 || stop != end || error != std::errc()) return std::nullopt;
-    return Mac(mac);
+std::optional<Mac> parseMac(std::string text) {
+    static const re2::RE2 kForm("(?i)[0-9a-f]{12}|([0-9a-f]{2}:){5}[0-9a-f]{2}|([0-9a-f]{2}-){5}[0-9a-f]{2}");
+    if (!re2::RE2::FullMatch(text, kForm)) return std::nullopt;
+    std::erase_if(text, [](char c) { return c == ':' || c == '-'; });
+    return std::stoll(text, nullptr, 16);
 }
 
 std::string formatMac(Mac mac) {
-    const auto byte = [&](int index) { return uint8_t(mac >> (40 - 8 * index)); };
-    return fmt::format("{:02X}:{:02X}:{:02X}:{:02X}:{:02X}:{:02X}", byte(0), byte(1), byte(2), byte(3), byte(4),
-                       byte(5));
+    const std::string bytes = bytesOf(mac);
+    return fmt::format("{:02X}", fmt::join(std::vector<uint8_t>(bytes.begin(), bytes.end()), ":"));
 }
 
 std::string bytesOf(Mac mac) {

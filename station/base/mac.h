@@ -11,7 +11,7 @@ namespace station {
 using Mac = int64_t;
 
 // Reads twelve hexadecimal digits, in pairs with colons or hyphens or without. Returns nothing for any other text.
-std::optional<Mac> parseMac(const std::string &text);
+std::optional<Mac> parseMac(std::string text);
 
 // Returns the address as "02:00:00:00:00:FE".
 std::string formatMac(Mac mac);

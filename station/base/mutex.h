@@ -20,7 +20,6 @@
 
 #define GUARDED_BY(mutex) THREAD_ATTRIBUTE(guarded_by(mutex))             // for a member
 #define REQUIRES(...) THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))  // for a function: the caller holds the lock
-#define EXCLUDES(...) THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))       // for a function: the caller must not hold it
 #define UNCHECKED_THREADS THREAD_ATTRIBUTE(no_thread_safety_analysis)     // for a function: a comment must say why
 
 namespace station {
@@ -36,8 +35,6 @@ class THREAD_ATTRIBUTE(scoped_lockable) Lock {
 public:
     explicit Lock(Mutex &mutex) THREAD_ATTRIBUTE(acquire_capability(mutex)) : lock_(mutex.mutex_) {}
     ~Lock() THREAD_ATTRIBUTE(release_capability()) {}
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
 
     void unlock() THREAD_ATTRIBUTE(release_capability()) { lock_.unlock(); }
     void lock() THREAD_ATTRIBUTE(acquire_capability()) { lock_.lock(); }
@@ -50,7 +47,6 @@ private:
 // Like std::condition_variable. Clang does not see that wait() holds the lock when it calls `until`.
 class Condition {
 public:
-    void wait(const Lock &lock) { condition_.wait(lock.lock_); }
     template <typename Until>
     void wait(const Lock &lock, Until until) UNCHECKED_THREADS {
         condition_.wait(lock.lock_, until);

@@ -40,6 +40,11 @@ std::string shownReplies(const RunRecord &run, bool named) {
     return text;
 }
 
+void needAnswer(Clock::time_point deadline, const Needless &needless) {
+    if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
+    if (Clock::now() >= deadline) throw NoAnswer("the operator did not answer in time");
+}
+
 }  // namespace
 
 Terminal::Terminal(Output &output, int boards)
@@ -95,11 +100,7 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
     const int place = run.place.number;
     {
         Lock lock(mutex_);
-        while (asking_ != 0 && asking_ != place && needless().empty() && Clock::now() < deadline) {
-            free_.waitFor(lock, kTyping);
-        }
-        if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
-        if (asking_ != 0 && asking_ != place) throw NoAnswer("the operator did not answer in time");
+        for (; asking_ != 0 && asking_ != place; free_.waitFor(lock, kTyping)) needAnswer(deadline, needless);
         asking_ = place;
         tcflush(STDIN_FILENO, TCIFLUSH);  // what was typed before belongs to no question
         prompt_ = fmt::format("{}: {}{} > ", nameOf(run.place),
@@ -117,8 +118,8 @@ std::string Terminal::ask(const RunRecord &run, size_t, const std::string &promp
 
 // Returns the line that the operator types. Throws as ask() does.
 std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &needless) {
-    while (Clock::now() < deadline) {
-        if (const std::string why = needless(); !why.empty()) throw NoAnswer(why);
+    for (;;) {
+        needAnswer(deadline, needless);
         pollfd polled{STDIN_FILENO, POLLIN, 0};
         if (poll(&polled, 1, static_cast<int>(kTyping.count())) <= 0) continue;
         std::string line(kLongestAnswer, '\0');
@@ -129,7 +130,6 @@ std::string Terminal::readAnswer(Clock::time_point deadline, const Needless &nee
         prompt_.clear();
         return line;
     }
-    throw NoAnswer("the operator did not answer in time");
 }
 
 void Terminal::release(int place) {
