@@ -89,6 +89,7 @@ def check_line():
              (speaking("none"), 2, "expected a file of words in JSON"),
              (speaking("more"), 2, 'unknown "nope"'),
              (speaking("few"), 0, '"took" must have {time}, as'),
+             ({"page": None, "operator": "{prompt: Badge}"}, 0, '"operator" of the line asks: without a page'),
              ({"before": "./plain.sh 1"}, 2, "cannot run ./plain.sh"),
              ({"after": "no-such-program | cat"}, 2, "cannot run no-such-program"),
              ({"after": "'echo \"'"}, 2, "the shell does not understand"),

@@ -14,8 +14,8 @@
 
 #include "station/cli/commands.h"
 #include "station/cli/options.h"
+#include "station/cli/service.h"
 #include "station/cli/terminal.h"
-#include "station/line/line_file.h"
 #include "station/line/signals.h"
 #include "station/page/page.h"
 #include "station/run/events.h"
@@ -91,13 +91,11 @@ void makeRoom() {
 // it.
 void needAnswers(const LineFile &line, bool page, bool json) {
     if (page || (!json && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0)) return;
-    const auto asks = [](const Step &step) { return step.kind == Kind::kAsk; };
-    const bool plan = std::any_of(line.plan.steps.begin(), line.plan.steps.end(), asks);
-    if (!plan && line.who.prompt.empty()) return;
-    throw PlanError(
-        fmt::format("{} asks, and nobody can answer: give the line a page, or start the station on a terminal, without"
-                    " --json",
-                    plan ? "the plan " + line.plan.name : "\"operator\" of the line"));
+    const std::string asker = askerOf(line);
+    if (asker.empty()) return;
+    throw PlanError(asker +
+                    " asks, and nobody can answer: give the line a page, or start the station on a terminal, without"
+                    " --json");
 }
 
 // Opens the records of a line whose questions can be answered, and prints the plan's warnings.

@@ -208,6 +208,8 @@ void checkPlan(Check &check) try {
     check.line = loadLine(check.path, poolNames);
     const Plan &plan = check.line.plan;
     eachLine(plan.warnings, [&](const std::string &text) { check.warn("plan", text); });
+    if (const std::string asker = askerOf(check.line); !asker.empty() && !check.line.page)
+        check.warn("page", asker + " asks: without a page only a station on a terminal can serve the line");
     check.fine("plan", fmt::format("{}: {} steps, {} files", plan.name, plan.steps.size(), plan.files.size()));
 } catch (const StoreError &) {
     check.warn("plan", "is not checked, because it may take from pools, and the store does not name them");

@@ -143,6 +143,12 @@ std::string userName() {
     return user != nullptr ? user->pw_name : std::to_string(geteuid());
 }
 
+std::string askerOf(const LineFile &line) {
+    const auto asks = [](const Step &step) { return step.kind == Kind::kAsk; };
+    if (std::any_of(line.plan.steps.begin(), line.plan.steps.end(), asks)) return "the plan " + line.plan.name;
+    return line.who.prompt.empty() ? "" : "\"operator\" of the line";
+}
+
 std::vector<Room> roomsOf(const LineFile &line) {
     std::vector<Room> rooms;
     if (!line.store.empty() && line.store.find("://") == std::string::npos) {

@@ -28,6 +28,9 @@ void becomeUser(const std::string &name);
 // Returns the name of the user that this process runs as.
 std::string userName();
 
+// Returns what of the line asks its operator: "the plan NAME", for instance; empty: nothing does.
+std::string askerOf(const LineFile &line);
+
 // A folder that the line writes to, and the station's own files in it, which need not exist.
 struct Room {
     std::string about;  // its key in the line's file: "results", "spool", "store"
