@@ -227,8 +227,8 @@ def check_examples(folder):
     os.environ.update(LABEL_COMMAND=f"tee -a {folder}/labels", ADMITTED=f"{folder}/admitted")
     with open(f"{folder}/admitted", "w") as file:
         file.write("SN01\n")
-    for command in ["store", "upgrade"], ["pool", "add", "02:00:00:00:00:00", "02:00:00:00:0F:FF"]:
-        subprocess.run([QCSTATION, *command, "--store", f"{line}/line.db"], check=True, capture_output=True)
+    for command in ["init"], ["pool", "add", "02:00:00:00:00:00", "02:00:00:00:0F:FF", "--line"]:
+        subprocess.run([QCSTATION, *command, f"{line}/line.yaml"], check=True, capture_output=True)
     report = b"INFO \n Memory: 125952 kB \n Wire MAC 1: 02:00:00:00:00:00 \n\0"
     talk = [(r"waiting", lambda _: serve(port, [report])), (r"Scan .*> ", lambda _: "SN-1\n"),
             (r"SN-1.*> ", lambda _: "SN02\n"), (r"FAIL.*SN02 has no order", lambda _: serve(port, [report])),
