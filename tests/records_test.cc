@@ -287,7 +287,8 @@ TEST_P(Station, NoticesACopyOfItsSpool) {
 TEST_P(Station, ArchivesOldRunsWhole) {
     start();
     addRange(*openStore(store_, Database::Missing::kIsAnError), "mac", "02:00:00:00:00:00", "02:00:00:00:00:FF", -1);
-    std::vector<RunRecord> runs = {runOf("A"), runOf("B"), runOf("A"), runOf("A")};
+    std::vector<RunRecord> runs = {runOf("A"), runOf("B"), runOf("A"), runOf("A"), runOf("A")};
+    runs[3].start += std::chrono::hours(24 * 365 * 100);
     for (RunRecord &run : runs) {
         station_->begins(run);
         station_->bind("mac", run, 4);
@@ -304,14 +305,16 @@ TEST_P(Station, ArchivesOldRunsWhole) {
     text.resize(size_t(::gzread(zipped, text.data(), unsigned(text.size()))));
     ::gzclose(zipped);
     EXPECT_THAT(text, AllOf(HasSubstr("}\n" + whole + "\n{"), HasSubstr(runs[2].id)));
-    EXPECT_EQ(listRuns(database, {}).rows.size(), 1);  // the run in work
+    EXPECT_EQ(listRuns(database, {}).rows.size(), 2);  // the later one, and the one in work
     const auto unit = show(database, "02:00:00:00:00:04");
     EXPECT_EQ(unit[0].table.rows[0][0], "B");
     EXPECT_EQ(unit[1].table.rows[3][2], runs[1].id);
     EXPECT_THAT(cells(unit[3].table, 0), testing::Contains(file.string()));
     EXPECT_THAT(refusal([&] { show(database, runs[1].id); }), HasSubstr("archived in " + file.string()));
     EXPECT_THAT(refusal([&] { archiveRuns(database, "2100-01-01", file); }), HasSubstr("is there already"));
-    EXPECT_EQ(archiveRuns(database, "2100-01-01", folder_ / "more"), 0);
+    // The runs that are left are still retests.
+    endSteps(*station_, runs[4], {Verdict::kPassed, Verdict::kPassed});
+    EXPECT_EQ(cells(yields(database, {}, By::kAll), 0)[5], "2");
 }
 
 TEST_P(Station, GoesOnFromABackupWithoutGivingAnAddressTwice) {

@@ -9,6 +9,7 @@
 #include "station/store/load.h"
 #include "station/store/pool.h"
 #include "station/store/queries.h"
+#include "station/store/save.h"
 #include "tests/store_fixture.h"
 
 namespace station {
@@ -26,10 +27,10 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     Database database(store_);
     addRange(database, "mac", "02:00:00:00:00:FA", "02-00-00-00-01-07", 2);
     const std::vector<std::array<const char *, 3>> wrong = {
-        {"02:00:00:00:00:00", "02:00:00:00:00:fa", "overlaps a range of the pool"},
+        {"02:00:00:00:00:00", "02:00:00:00:00:fa", "02:00:00:00:00:FA is in the pool \"mac\" already"},
         {"FF:FF:FF:FF:FF:FF", "FF:FF:FF:FF:FF:FF", "is a multicast address"},
-        {"00:FF:00:00:00:00", "02:00:00:00:00:00", "first byte must be one and the same"},
-        {"00:00:00:00:00:00", "00:00:00:00:00:01", "is no board's address"},
+        {"00:FF:00:00:00:00", "02:00:00:00:00:00", "differ in their first byte"},
+        {"00:00:00:00:00:00", "00:00:00:00:00:01", "cannot have the address"},
         {"04:00:00:00:00:01", "04:00:00:00:00:00", "above the last"},
         {"04:00:00:00:00:0", "04:00:00:00:00:01", "is not a MAC address"}};
     for (const auto &[first, last, why] : wrong) {
@@ -67,7 +68,7 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_THAT(refusal([&] { retire(database, "mac", "02:00:00:00:01:07", "", false); }), HasSubstr("nothing"));
     EXPECT_EQ(retire(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:FF", false), 12);
     EXPECT_THAT(refusal([&] { given("G", "mac", 1); }), HasSubstr("is empty"));
-    EXPECT_THAT(refusal([&] { retire(database, "mac", "", "", true); }), HasSubstr("say what"));
+    EXPECT_THAT(refusal([&] { retire(database, "mac", "", "", true); }), HasSubstr("name the value"));
     EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", true), 1);
     EXPECT_THAT(refusal([&] { given("G", "mac", 2); }), HasSubstr("is empty of blocks of 2"));
     EXPECT_EQ(given("G", "mac", 1), "02:00:00:00:01:06");
@@ -99,22 +100,25 @@ TEST_P(Store, ImportsAFileWholeOrNotAtAll) {
     };
     const std::vector<std::array<const char *, 4>> files = {
         {"key", "\uFEFF# keys\r\n\"a,b\"\r\n\t c \r\n\r\n", "values", "2 added"},
-        {"key", "d\na,b\n", "", "file:2: one value a row"},
+        {"key", "d\na,b\n", "", "file:2: the line has 2 columns"},
         {"key", "d\n\"a,b\"\n", "", "file:2: \"a,b\" is in this pool already"},
-        {"key", "d\ne\nd\n", "", "\"d\" is there twice"},
+        {"key", "d\ne\nd\n", "", "file:3: \"d\" is in line 1 already"},
         {"key", "d\ne\tf\n", "", "file:2: a tab"},
-        {"key", "d\n\xFF\n", "", "file:2: it is no text in UTF-8"},
-        {"key", "d\n\"e\n", "", "file:2: a quote has no end"},
-        {"key", "", "", "no rows"},
-        {"key", "06:00:00:00:00:00\n", "addresses", "is one of values"},
-        {"key", "040000000010\nd\n", "", "file:1: \"040000000010\" is an address of the pool \"mac\""},
-        {"key", "06:00:00:00:00:00\nd\ne\n", "", "file:1: an address among values"},
+        {"key", "d\n\xFF\n", "", "file:2: this is not text in UTF-8"},
+        {"key", "d\n\"e\n", "", "file:2: a quote"},
+        {"key", "d;1\n", "", "file:1: a quote or a semicolon"},
+        {"key", "d,\n", "", "file:1: a column is empty"},
+        {"key", "", "", "no lines"},
+        {"key", "06:00:00:00:00:00\n", "addresses", "has values"},
+        {"key", "040000000010\nd\n", "", "file:1: 04:00:00:00:00:10 is in the pool \"mac\" already"},
+        {"key", "06:00:00:00:00:00\nd\ne\n", "", "file:1: \"06:00:00:00:00:00\" is a MAC address"},
         {"key", "060000000000\nd\n", "", "2 added"},
         {"mac", "05FFFFFFFFFF,060000000010\n", "", "first byte"},
-        {"mac", "060000000000,060000000010\n", "", "060000000000 is in the pool \"key\" already"},
-        {"mac", "Address\n06:00:00:00:00:01\nx\n", "", "file:1: \"Address\" is not a MAC address\n"},
+        {"mac", "060000000000,060000000010\n", "", "file:1: 06:00:00:00:00:00 is in the pool \"key\" already"},
+        {"mac", "Address\n06:00:00:00:00:01\nx\n", "", "file:1: \"Address\" is not a MAC address"},
+        {"mac", "060000000011\n060000000001,060000000011", "", "file:2: 06:00:00:00:00:11 is in line 1 already"},
         {"mac", "06:00:00:00:00:02\n06:00:00:00:00:01 \n06-00-00-00-00-04,06-00-00-00-00-07", "", "6 added"},
-        {"new", "a\n", "", "say --kind"},
+        {"new", "a\n", "", "add --kind"},
         {"a b", "a\n", "values", "a plan cannot ask for this pool"},
         {"", "a\n", "values", "a plan cannot ask for this pool"}};
     for (const auto &[pool, content, kind, said] : files) EXPECT_THAT(import(pool, content, kind), HasSubstr(said));
@@ -149,6 +153,8 @@ TEST_P(Store, RecordsRunsAndAnswers) {
     EXPECT_EQ(again.steps[1].reply, "no \uFFFD text\uFFFD");
     EXPECT_EQ(again.steps[1].measurements.at(0).max, 3);
     EXPECT_EQ(again.failures(), 1);
+    database.transact([&] { save(database, again); });
+    EXPECT_EQ(cells(show(database, first.id)[0].table, 0)[9], "MAC {mac}");
     EXPECT_THAT(cells(yields(database, {}, By::kAll), 0),
                 ElementsAre("all", "4", "5", "50", "75", "1", "1", "30", "50"));
     EXPECT_TRUE(yields(database, {{"", "2020-01-01"}}, By::kPlace).empty());
@@ -283,6 +289,9 @@ TEST_P(Store, BringsVersion3Forward) {
     EXPECT_THAT(cells(yields(database, {}, By::kAll), 0),
                 ElementsAre("all", "1", "2", "0", "100", "1", "1", "10.25", "10.25"));
     EXPECT_EQ(loadRun(database, "20261121T173000.000Z-00000001").cause, Cause::kNone);
+    // An interruption was the station's.
+    EXPECT_EQ(listRuns(database, {{.cause = "unit"}}).rows.size(), 1);
+    EXPECT_EQ(cells(failuresByCause(database, {}), 0)[0], "station");
     EXPECT_EQ(failureOf([&] { database.run("UPDATE runs SET cause = 'nobody'"); }), "refused");
     EXPECT_EQ(failureOf([&] {
                   database.run("INSERT INTO steps (run, step, title, verdict, cut, started_after, seconds, attempts)"
@@ -379,6 +388,12 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
     }
     EXPECT_THAT(cells(failuresByStep(database, {}), 0), ElementsAre("PING", "1", "100", "100"));
     EXPECT_THAT(cells(failuresByCause(database, {}), 0), ElementsAre("connection", here, "left", "PING", "1"));
+    // The list of runs has those that were counted.
+    for (const char *const cause : {"unit", "connection"}) {
+        const auto counted = failuresByStep(database, {.cause = cause}).rows.at(0);
+        const Table listed = listRuns(database, {.filter = {.cause = cause}, .failed = true, .step = *counted[0]});
+        EXPECT_EQ(std::to_string(listed.rows.size()), counted[1]);
+    }
     EXPECT_EQ(cells(measuredValues(database, {{}, "line"}), 0)[3], "4");  // none of the reference unit's
     const auto ran = [&](const char *file) { return listRuns(database, {.filter = {}, .file = file}).rows.size(); };
     EXPECT_EQ(ran("first.bin"), 5);

@@ -14,14 +14,12 @@ namespace {
 constexpr size_t kMeasured = 1000;  // rows that decide the widths of all
 
 nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) {
-    nlohmann::ordered_json entry;
+    nlohmann::ordered_json json;
     for (size_t i = 0; i < row.size(); ++i) {
-        nlohmann::ordered_json cell;
-        if (row[i] && head.numbers.at(i)) cell = nlohmann::ordered_json::parse(*row[i]);
-        if (row[i] && !head.numbers.at(i)) cell = *row[i];
-        entry[head.columns[i]] = cell;
+        nlohmann::ordered_json &cell = json[head.columns[i]];
+        if (row[i]) cell = head.isNumber(i) ? nlohmann::ordered_json::parse(*row[i]) : nlohmann::ordered_json(*row[i]);
     }
-    return entry;
+    return json;
 }
 
 }  // namespace
@@ -35,20 +33,16 @@ void Printer::begin(const std::string &name) {
 }
 
 void Printer::row(const Table &head, const std::vector<Value> &row) {
-    if (format_ == "json") {
-        fmt::print("{}{}", rows_ == 0 ? "[\n" : ",\n", jsonOf(head, row).dump());
-    } else if (format_ == "csv") {
-        fmt::print("{}{}", rows_ == 0 ? csvHead(head) : "", csvLine(head, row));
-    } else {
-        waiting_.push_back(row);
-        if (waiting_.size() == kMeasured) flush(head);
-    }
+    if (format_ == "json") fmt::print("{}{}", rows_ == 0 ? "[\n" : ",\n", jsonOf(head, row).dump());
+    if (format_ == "csv") fmt::print("{}{}", rows_ == 0 ? csvStart(head) : "", csvLine(head, row));
+    if (format_ == "table") waiting_.push_back(row);
+    if (waiting_.size() == kMeasured) flush(head);
     ++rows_;
 }
 
 void Printer::end(const Table &head) {
     if (format_ == "json") fmt::print("{}{}", rows_ == 0 ? "[]" : "\n]", several_ ? "" : "\n");
-    if (format_ == "csv" && rows_ == 0) fmt::print("{}", csvHead(head));
+    if (format_ == "csv" && rows_ == 0) fmt::print("{}", csvStart(head));
     if (format_ == "table" && rows_ == 0) fmt::print("none\n");
     if (format_ == "table" && rows_ > 0) flush(head);
 }
@@ -57,14 +51,14 @@ void Printer::finish() const {
     if (format_ == "json" && several_) fmt::print("}}\n");
 }
 
-std::string Printer::csvHead(const Table &head) const { return (excel_ ? "\uFEFF" : "") + csvLine(head); }
+std::string Printer::csvStart(const Table &head) const { return (excel_ ? "\uFEFF" : "") + csvHead(head); }
 
 void Printer::flush(const Table &head) {
     std::vector<std::vector<std::string>> lines;
     if (widths_.empty()) lines.push_back(head.columns);
     for (const auto &row : waiting_) {
         auto &line = lines.emplace_back();
-        for (size_t i = 0; i < row.size(); ++i) line.push_back(cellText(row[i], head.numbers.at(i)));
+        for (size_t i = 0; i < row.size(); ++i) line.push_back(cellText(row[i], head.isNumber(i)));
     }
     waiting_.clear();
     if (widths_.empty()) measure(lines);
@@ -83,7 +77,7 @@ void Printer::printLine(const Table &head, const std::vector<std::string> &line)
     for (size_t i = 0; i < line.size(); ++i) {
         const size_t width = charactersOf(line[i]);
         const std::string blanks(width < widths_[i] ? widths_[i] - width : 0, ' ');
-        shown += (i ? "  " : "") + (head.numbers.at(i) ? blanks + line[i] : line[i] + blanks);
+        shown += (i ? "  " : "") + (head.isNumber(i) ? blanks + line[i] : line[i] + blanks);
     }
     fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
 }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "station/store/queries.h"
+#include "station/store/database.h"
 
 namespace station {
 
@@ -22,7 +22,7 @@ public:
     size_t rows() const { return rows_; }  // of the present table
 
 private:
-    std::string csvHead(const Table &head) const;
+    std::string csvStart(const Table &head) const;
     void flush(const Table &head);
     void measure(const std::vector<std::vector<std::string>> &lines);
     void printLine(const Table &head, const std::vector<std::string> &line) const;

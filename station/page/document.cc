@@ -26,10 +26,6 @@ size_t indexOf(const Table &table, const std::string &column) {
     return size_t(std::find(table.columns.begin(), table.columns.end(), column) - table.columns.begin());
 }
 
-bool hasNumbers(const Table &table, size_t column) {
-    return column < table.numbers.size() ? table.numbers[column] : isNumber(table.columns[column]);
-}
-
 Table without(Table table, const std::string &column) {
     const size_t index = indexOf(table, column);
     if (index == table.columns.size()) return table;
@@ -46,7 +42,7 @@ Table without(Table table, const std::string &column) {
 void sortBy(Table &table, const std::string &column, bool descending) {
     const size_t at = indexOf(table, column);
     if (at == table.columns.size()) return;
-    const bool number = hasNumbers(table, at);
+    const bool number = table.isNumber(at);
     const auto compare = [number](const std::string &a, const std::string &b) {
         if (!number) return strverscmp(a.c_str(), b.c_str());
         const double x = std::strtod(a.c_str(), nullptr), y = std::strtod(b.c_str(), nullptr);
@@ -82,7 +78,7 @@ Json cellOf(const Value &cell, bool number) {
 
 Json rowOf(const Table &table, const std::vector<Value> &row) {
     Json json = Json::object();
-    for (size_t i = 0; i < row.size(); ++i) json[table.columns[i]] = cellOf(row[i], hasNumbers(table, i));
+    for (size_t i = 0; i < row.size(); ++i) json[table.columns[i]] = cellOf(row[i], table.isNumber(i));
     return json;
 }
 
@@ -149,7 +145,9 @@ std::vector<RunRecord> lastRuns(Database &database, const Query &query) {
 }
 
 Table lastValues(Database &database, const Query &query, size_t) {
-    Table table{{"plan", "name", "value", "unit", "minimum", "maximum", "verdict", "run"}, {}, {}};
+    Table table{{"plan", "name", "value", "unit", "minimum", "maximum", "verdict", "run"},
+                {},
+                {false, false, true, false, true, true}};
     const auto limit = [](const std::optional<double> &value) { return value ? number(*value) : std::nullopt; };
     for (const RunRecord &run : lastRuns(database, query)) {
         for (const StepResult &step : run.steps) {

@@ -53,9 +53,10 @@ using Value = std::optional<std::string>;  // nothing: NULL
 struct Table {
     std::vector<std::string> columns;
     std::vector<std::vector<Value>> rows;
-    std::vector<bool> numbers = {};  // for each column: the database holds or computes numbers in it
+    std::vector<bool> numbers = {};  // for each column: it has numbers; texts where this is too short
 
     bool empty() const { return rows.empty(); }
+    bool isNumber(size_t column) const { return column < numbers.size() && numbers[column]; }
 };
 
 // Returns the database's name as it may be shown: the file's, or "postgresql://HOST/DATABASE" without user, password

@@ -5,17 +5,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <set>
 #include <string_view>
+
+#include "station/base/text.h"
 
 namespace station {
 namespace {
 
 std::string csvField(const std::string &text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (const char letter : text) quoted += letter == '"' ? "\"\"" : std::string(1, letter);
-    return quoted + "\"";
+    return '"' + replaced(text, '"', "\"\"") + '"';
 }
 
 std::string guarded(const std::string &text) {
@@ -46,63 +45,32 @@ std::string measuredText(double value, double minimum, double maximum, double de
     return decimals <= 9 ? shown(value) : fmt::format("{:.6g}", value);
 }
 
-bool isNumber(const std::string &column) {
-    static const std::set<std::string> kNumbers = {"attempt",     "attempts",
-                                                   "cpk",         "cumulative_percent",
-                                                   "cut",         "deviation",
-                                                   "failed",      "failures",
-                                                   "final_yield", "first_pass_yield",
-                                                   "given",       "highest",
-                                                   "interrupted", "left",
-                                                   "low",         "lowest",
-                                                   "maximum",     "mean",
-                                                   "measured",    "median_seconds",
-                                                   "minimum",     "p90_seconds",
-                                                   "percent",     "retests",
-                                                   "retired",     "runs",
-                                                   "seconds",     "started_after",
-                                                   "step",        "units",
-                                                   "value"};
-    return kNumbers.contains(column);
-}
-
-std::string cellText(const Value &cell, bool isNumber) {
+std::string cellText(const Value &cell, bool number) {
     if (!cell) return "-";
     char *end = nullptr;
-    const double number = std::strtod(cell->c_str(), &end);
-    if (isNumber && cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", number);
+    const double value = std::strtod(cell->c_str(), &end);
+    if (number && cell->find('.') != std::string::npos && *end == '\0') return fmt::format("{:.3f}", value);
     std::string shown = *cell;
     for (char &letter : shown) letter = uint8_t(letter) < ' ' || letter == '\x7F' ? ' ' : letter;
     return shown;
 }
 
-std::string csvLine(const Table &head) {
-    std::string line;
-    for (const std::string &name : head.columns) line += csvField(name) + ",";
-    return line.substr(0, line.size() - 1) + '\n';
+std::string csvHead(const Table &table) {
+    return csvLine({}, std::vector<Value>(table.columns.begin(), table.columns.end()));
 }
 
 std::string csvLine(const Table &head, const std::vector<Value> &row) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
-        const bool number = i < head.numbers.size() ? head.numbers[i] : isNumber(head.columns[i]);
-        line += csvField(number ? row[i].value_or("") : guarded(row[i].value_or(""))) + ",";
+        const std::string cell = row[i].value_or("");
+        line += csvField(head.isNumber(i) ? cell : guarded(cell)) + ",";
     }
     return line.substr(0, line.size() - 1) + '\n';
 }
 
 std::string csvOf(const Table &table) {
-    std::string text = csvLine(table);
+    std::string text = csvHead(table);
     for (const auto &row : table.rows) text += csvLine(table, row);
-    return text;
-}
-
-std::string csvOf(const std::vector<Section> &sections) {
-    if (sections.size() == 1) return csvOf(sections.front().table);
-    std::string text;
-    for (const Section &section : sections) {
-        text += fmt::format("{}# {}\n{}", text.empty() ? "" : "\n", section.name, csvOf(section.table));
-    }
     return text;
 }
 

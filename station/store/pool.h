@@ -23,6 +23,9 @@ namespace station {
 
 constexpr int kLow = 100;  // the limit of a pool without its own: with enough for fewer units the pool is low
 
+// Returns an address, in any form, in the store's form; any other text unchanged.
+std::string storeForm(const std::string &value);
+
 // Adds a range from `first` to `last`, both included; makes the pool if it does not exist. `low` is the pool's limit in
 // units; < 0 leaves it as it is. Refuses group addresses, the address of zeros, ranges whose first bytes differ, and
 // whatever overlaps any pool. Returns a line for each thing that is unusual about the range.
@@ -35,9 +38,10 @@ struct Imported {
     std::vector<std::string> unusual;
 };
 
-// Adds a file of comma-separated values. Each line is a value; or an address, or FIRST,LAST. `kind` is "addresses" or
-// "values", or empty to use that of an existing pool. Skips blanks and tabs around a value, empty lines, lines that
-// begin with # and a byte order mark. Refuses the file, naming the lines, if some of it is not of the kind.
+// Adds a file of comma-separated values. Each line is a value; or an address, or FIRST,LAST. A value with a comma, a
+// semicolon or a quote must be in quotes. `kind` is "addresses" or "values", or empty to use that of an existing pool.
+// Skips blanks and tabs around a value, empty lines, lines that begin with # and a byte order mark. Refuses the file,
+// naming the lines, if some of it is not of the kind, is twice in it, or is in the store already.
 Imported importFile(Database &database, const std::string &name, const std::filesystem::path &path,
                     const std::string &kind, int low);
 

@@ -1,0 +1,1 @@
+{run_list} WHERE {runs} {failed} ORDER BY r.started

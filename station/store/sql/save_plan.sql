@@ -1,0 +1,1 @@
+INSERT INTO plan_versions (name, digest) VALUES ($1, $2) ON CONFLICT (digest) DO NOTHING
