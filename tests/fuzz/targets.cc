@@ -37,6 +37,7 @@
 #include "station/base/text.h"
 #include "station/line/line_file.h"
 #include "station/plan/plan.h"
+#include "station/store/pool.h"
 #include "station/wire/discovery.h"
 #include "station/wire/script.h"
 #include "support/configuration.h"
@@ -198,6 +199,27 @@ void plan(std::string input) {
     }
 }
 
+// Input: a pool's file. The pool must have each value as it stands in the file; after a refusal, it has none.
+void pool(std::string input) {
+    static station::Database store("/tmp/pool.db");
+    put("/tmp/pool.csv", input);
+    for (const char *const kind : {"values", "addresses"}) {
+        int64_t added = 0;
+        try {
+            added = station::importFile(store, kind, "/tmp/pool.csv", kind, -1).added;
+        } catch (const station::Refusal &) {
+        }
+        const auto rows = store.ask("SELECT value FROM pool_rows").rows;
+        for (const auto &row : rows) {
+            const std::string quoted = station::replaced(*row[0], '"', "\"\"");
+            require(input.find(*row[0]) != std::string::npos || input.find(quoted) != std::string::npos);
+        }
+        const auto addresses = store.ask("SELECT coalesce(sum(last - first + 1), 0) FROM ranges").rows[0][0];
+        require(rows.size() + std::stoull(*addresses) == size_t(added));
+        for (const char *const table : {"pool_rows", "ranges"}) store.run(std::string("DELETE FROM ") + table);
+    }
+}
+
 // Input: the bytes of a board. The station must read valid replies until the first fault.
 void replies(std::string input) {
     int ends[2];
@@ -348,6 +370,7 @@ const std::map<std::string, void (*)(std::string input)> kTargets = {{"configura
                                                                      {"links", links},
                                                                      {"listener", listener},
                                                                      {"plan", plan},
+                                                                     {"pool", pool},
                                                                      {"replies", replies},
                                                                      {"results", results},
                                                                      {"session", session},
