@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <string_view>
@@ -116,19 +115,6 @@ std::vector<std::string> findWarnings(const Sections &sections) {
     return warnings;
 }
 
-// Passes `length` bytes of the file, or all of it, to `take` in pieces.
-template <typename Take>
-void readPieces(std::ifstream &file, uint64_t length, const Take &take) {
-    std::array<char, 65536> piece;
-    while (length > 0) {
-        file.read(piece.data(), static_cast<std::streamsize>(std::min<uint64_t>(length, piece.size())));
-        const auto count = static_cast<size_t>(file.gcount());
-        if (count == 0) return;
-        take(std::string_view(piece.data(), count));
-        length -= count;
-    }
-}
-
 // Replaces unprintable characters with a question mark.
 std::string printable(std::string_view text) {
     std::string result(text);
@@ -175,24 +161,11 @@ bool readSection(std::string_view header, uint64_t offset, uint64_t end, Content
     return true;
 }
 
-void readSections(std::ifstream &file, uint64_t end, Contents &contents) {
-    for (uint64_t offset = kBlockSize; offset < end;) {
-        std::string header(std::min<uint64_t>(kHeaderSize, end - offset), '\0');
-        file.seekg(static_cast<std::streamoff>(offset));
-        file.read(header.data(), static_cast<std::streamsize>(header.size()));
-        if (!readSection(header, offset, end, contents)) return;
-        offset = contents.sections.back().offset + contents.sections.back().length;
-    }
-}
-
-void readTrailer(std::ifstream &file, uint64_t end, Contents &contents) {
+void readTrailer(std::string_view image, uint64_t end, Contents &contents) {
     station::Digest digest("MD5");
-    file.clear();
-    file.seekg(0);
-    readPieces(file, end, [&](std::string_view piece) { digest.feed(piece); });
+    digest.feed(image.substr(0, end));
     contents.digest = digest.text();
-    contents.trailer.resize(kDigestLength);
-    file.read(contents.trailer.data(), kDigestLength);
+    contents.trailer = image.substr(end, kDigestLength);
     if (contents.fault.empty() && contents.trailer != contents.digest) {
         contents.fault = "the digest in the trailer is not that of the image";
     }
@@ -224,13 +197,9 @@ std::vector<std::string> create(const fs::path &path, const Product &product, co
     for (size_t i = 0; i < sources.size(); ++i) {
         write(headers[i]);
         written += kHeaderSize;
-        std::ifstream file(sources[i].file, std::ios::binary);
-        if (!file) throw ImageError(station::describeError("cannot read " + sources[i].file.string()));
-        readPieces(file, kLongestFile, [&](std::string_view piece) {
-            write(piece);
-            written += piece.size();
-        });
-        if (file.bad()) throw ImageError(station::describeError("cannot read " + sources[i].file.string()));
+        const std::string section = station::readFile(sources[i].file, kLongestFile);
+        write(section);
+        written += section.size();
     }
     if (written != length) throw ImageError("a file changed while it was read");
     image.write(digest.text() + "\n");
@@ -238,35 +207,28 @@ std::vector<std::string> create(const fs::path &path, const Product &product, co
     return findWarnings(sources);
 }
 
-Contents inspect(const fs::path &path) {
-    std::error_code error;
-    if (fs::is_directory(path, error)) throw ImageError(fmt::format("{} is a directory", path.string()));
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw ImageError(station::describeError("cannot open " + path.string()));
-    file.seekg(0, std::ios::end);
-    const std::streamoff end = file.tellg();
-    if (end < 0)
-        throw ImageError(
-            fmt::format("{} can only be read once, as a pipe can: copy it to a file first", path.string()));
-    const auto size = static_cast<uint64_t>(end);
+Contents inspectBytes(std::string_view image) {
     Contents contents;
-    if (size < kBlockSize + kTrailerSize) {
-        contents.fault = fmt::format("{} bytes are too few for a product block and a trailer", size);
+    if (image.size() < kBlockSize + kTrailerSize) {
+        contents.fault = fmt::format("{} bytes are too few for a product block and a trailer", image.size());
         return contents;
     }
-    if (size > kLongestFile) {
-        contents.fault = fmt::format("it has {} bytes, {}", size, kTooLong);
-        return contents;
+    const uint64_t end = image.size() - kTrailerSize;
+    readProduct(image.substr(0, kBlockSize), contents);
+    for (uint64_t offset = kBlockSize; offset < end;) {
+        const uint64_t length = std::min<uint64_t>(kHeaderSize, end - offset);
+        if (!readSection(image.substr(offset, length), offset, end, contents)) break;
+        offset = contents.sections.back().offset + contents.sections.back().length;
     }
-    std::string block(kBlockSize, '\0');
-    file.seekg(0);
-    file.read(block.data(), kBlockSize);
-    readProduct(block, contents);
-    readSections(file, size - kTrailerSize, contents);
-    readTrailer(file, size - kTrailerSize, contents);
-    if (!file) throw ImageError(fmt::format("{} cannot be read completely", path.string()));
+    readTrailer(image, end, contents);
     if (contents.fault.empty()) contents.warnings = findWarnings(contents.sections);
     return contents;
+}
+
+Contents inspect(const fs::path &path) try {
+    return inspectBytes(station::readFile(path, kLongestFile));
+} catch (const std::runtime_error &error) {
+    throw ImageError(error.what());
 }
 
 }  // namespace fwimage

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fwimage {
@@ -48,7 +49,8 @@ struct Contents {
     std::vector<std::string> warnings;  // for a good image: what is probably a mistake, and what the board will do
 };
 
-// Reads an image as far as it can be read. Throws ImageError when the file cannot be.
+// Reads an image as far as it can be read. Throws ImageError when the file cannot be, or is too long for a command.
+Contents inspectBytes(std::string_view image);
 Contents inspect(const std::filesystem::path &path);
 
 }  // namespace fwimage

@@ -107,10 +107,9 @@ TEST_F(Image, TheFirstThingWrongIsNamed) {
         EXPECT_THAT(fwimage::inspect("bad").fault, HasSubstr(test.fault));
     }
     fs::resize_file("image", 2147483648);
-    EXPECT_THAT(fwimage::inspect("image").fault, HasSubstr("more than the 2147483647"));
     int pipe[2];
     ASSERT_EQ(::pipe(pipe), 0);
-    for (const std::string &file : {"none"s, "."s, "/proc/self/fd/" + std::to_string(pipe[0])}) {
+    for (const std::string &file : {"image"s, "none"s, "."s, "/proc/self/fd/" + std::to_string(pipe[0])}) {
         EXPECT_THROW(fwimage::inspect(file), fwimage::ImageError) << file;
     }
 }
