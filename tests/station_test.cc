@@ -179,23 +179,23 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: 'FW KERNEL {size}', expect: OK}", "1:10: {size} needs \"upload\""},
         {"- {send: FW KERNEL 0, expect: OK}", "1:10: the board would take this for an empty payload"},
         {"- {send: FW KERNEL 4, upload: five, expect: OK}", "1:10: announces \"4\", but its payload has 5 bytes"},
-        {"- {send: PING, upload: five, expect: OK}", "1:10: the board takes no payload behind this"},
+        {"- {send: PING, upload: five, expect: OK}", "1:10: the board takes no payload after this"},
         {"- {send: 'VERSION {size}', upload: five, bare: true, expect: OK}", "1:48: the board would take the payload"},
-        {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is no MAC address"},
+        {"- {send: 'MAC 001122334455aa', expect: MAC 4}", "1:10: \"001122334455aa\" is not a MAC address"},
         {"- {send: 'MAC 01:00:00:00:00:01', expect: MAC 4}", "1:10: no board may have the MAC address"},
         {"- {send: 'MAC {mac}', expect: MAC 4}", "1:10: {mac} is taken for a unit"},
         {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', match: MAC 4}", "2:10: how many addresses are taken?"},
         {"- {ask: serial, prompt: S}\n- {send: 'MAC {mac}', expect: MAC 257}", "2:10: how many addresses are taken?"},
-        {"- {send: 'COUNTRY de', expect: OK}", "1:10: \"de\" is no country code"},
+        {"- {send: 'COUNTRY de', expect: OK}", "1:10: \"de\" is not a country code"},
         {"- {send: '12345678901234567890123456789012345678901234567890123456789012345', expect: OK}", "at most 64"},
         // Names, and what fills them.
         {"- {send: 'X {who}', expect: OK}", "1:10: nothing fills {who}"},
-        {"- {send: 'X }', expect: OK}", "1:10: '}' that is no {name}; write '}}'"},
-        {"- {send: 'MAC {', expect: MAC 4}", "1:10: '{' that is no {name}"},
+        {"- {send: 'X }', expect: OK}", "1:10: a '}' is not part of a {name}: for a brace write '}}'"},
+        {"- {send: 'MAC {', expect: MAC 4}", "1:10: a '{' is not part of a {name}"},
         // The course of the session.
         {"- {send: BYE, expect: BYE}\n- {send: PING, expect: PING 2}", "2:3: the session has ended before this step"},
         {"- {send: REBOOT, expect: OK}\n- {send: PING, expect: PING 2}", "2:3: warning: the board may be gone"},
-        {"- {send: INFO, expect: INFO}", "1:3: warning: without a PING"},
+        {"- {send: INFO, expect: INFO}", "1:3: warning: every board would pass: without a PING"},
         {"- {send: 'MAC 2', expect: MAC 4}", "1:3: warning: every board of this plan gets the same"},
         {"- {send: FACTORY RESET, expect: OK}", "1:3: warning: nothing waits for the end of the reset"},
         {"- {send: 'FW CONFIG {size}', upload: five, expect: OK}", "1:3: warning: 10 s may not be enough"},
@@ -212,7 +212,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING, expect: OK, upload: none}", ": No such file or directory"},
         {"- {verify: ., partition: 1}", "1:12: cannot read"},
         {"- {send: PING, expect: OK, timeout: .nan}", "1:37: a time limit lies between"},
-        {"- {send: PING, match: 'x', limits: {x: {max: 1}}}", "1:36: a limit is of a named group"},
+        {"- {send: PING, match: 'x', limits: {x: {max: 1}}}", "1:36: \"match\" has no group (?P<x>...)"},
         {"{name: a/b, steps: [{send: PING, expect: OK}]}",
          "1:8: a name that files get has at most 64 bytes and no '/'"},
         {"{name: a2345678901234567890123456789012345678901234567890123456789012345}", "1:8: a name that files get"},
@@ -222,17 +222,19 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"{again: never, steps: []}", "1:9: expected ask, refuse or allow"},
         {"{step: []}", "1:2: unknown key \"step\" in a plan"},
         {"", "a plan is a list of steps"},
-        {"- {send: PING\n", "plan.yaml:2:1: "},
+        {"- {send: PING\n", "plan.yaml:2:1: not YAML: "},
+        {"- {send: !!binary UElORw==, expect: OK}", "1:10: a tag such as !!binary has no meaning here"},
+        {"- {send: \"PI\\0NG\", expect: OK}", "1:10: a command cannot have a NUL byte"},
         {"- {send: 'X {line}', expect: X, take: 2}", "1:39: \"take\" needs a text that names a pool"},
         {"- {ask: mac, prompt: S}\n- {send: 'X {mac}', expect: X}", "2:10: {mac} is a variable and a pool"},
         {"- {ask: serial, prompt: S}\n- {send: 'X {mac}', match: '(?P<mac>.)'}", "2:3: {mac} is a variable and a pool"},
         {"- {ask: Run, prompt: S}", "1:9: the station sets QC_Run itself"},
         {"- {send: PING, match: '(?P<VERDICT>.)'}", "1:23: the station sets QC_VERDICT itself"},
         {"- {send: PING, match: '(?P<1>.)'}", "1:23: \"1\" is not a name"},
-        {"- {send: PING, expect: OK, hint: 'see }'}", "1:34: '}' that is no {name}"},
+        {"- {send: PING, expect: OK, hint: 'see }'}", "1:34: a '}' is not part of a {name}"},
         {"- {send: PING, reconnect: true, problem: X}", "1:42: \"problem\" is what people read when"},
         // Files.
-        {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, say \"empty: true\""},
+        {"- {verify: empty, partition: 1}", "1:3: empty is empty: if it must be, add \"empty: true\""},
         {"- {verify: five, partition: 1, sha256: 6994471abb01112afcc18159f6cc74b4f511b99806da59b3caf5a9c173cacfc5}",
          "1:40: five is another file: its SHA-256 is 59944"},
         {"- {verify: five, partition: 1, sha256: 5994471a}", "1:40: expected 64 hexadecimal digits"},
@@ -256,6 +258,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         EXPECT_THAT(fault + "=", HasSubstr(test.fault)) << test.plan;
         EXPECT_EQ(fault.empty(), test.fault[0] == '=') << test.plan << "\n" << fault;
     }
+    EXPECT_THAT(faultsOf(std::string(5000, '[')), HasSubstr("nested too deeply"));
 }
 
 TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
@@ -457,7 +460,7 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: REBOOT, reconnect: true|send: PING, expect: PING 2", ";PING 2", "PP", "REBOOT;PING", ""},
         {"send: REBOOT, reconnect: true|send: X, expect: X", "", "F-", "REBOOT", "it did not come back", "connection"},
         {"ask: mac, prompt: A|send: 'MAC {mac}', expect: MAC 4|send: X, expect: X", "X", "PFP", "A?;X",
-         "not sent: \"oops\" is no MAC address", "station"},
+         "not sent: \"oops\" is not a MAC address", "station"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: '{pool}', expect: X",
          "MAC 2;X", "PPP", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;02:00:00:00:00:01", ""},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {none}', expect: MAC 2", "", "PF", "S?;S!",

@@ -132,18 +132,14 @@ std::string startOf(const Task &task, uint16_t port) {
 
 // ---- with boards
 
-std::shared_ptr<const Job> jobOf(const LineFile &line) {
-    return std::make_shared<Job>(
-        Job{line.plan, line.variables, line.before, line.after, line.who, line.reference, line.holdAfter});
-}
-
 // Reads the line's file again, without a look at `line` and `observer`, which may be gone by then. Returns the function
 // that makes the line do what the file says; if the file has a fault, only the observer is told.
 std::function<void()> reload(const Task &task, Line &line, Observer &observer) try {
     if (task.path.empty()) return [] {};
     const LineFile file = loadLine(task.path, poolNames);
     needAnswers(file, task.line.page.has_value(), task.json);
-    return [job = jobOf(file), path = file.sameStation(task.line) ? "" : task.path, &line, &observer] {
+    return [job = std::make_shared<const Job>(file), path = file.sameStation(task.line) ? "" : task.path, &line,
+            &observer] {
         if (!path.empty())
             observer.trouble(path + ": a change of address, places, records or page takes effect at the next start");
         if (!job->plan.warnings.empty()) observer.trouble(job->plan.warnings);
@@ -189,7 +185,8 @@ int work(const Task &task, Console &console, Records &records) {
     Stop stop;
     Units units;
     Operator &people = page ? page->operators() : terminal;
-    Line line(listeners, task.line.places, jobOf(task.line), {observers, records, stop, people, units});
+    Line line(listeners, task.line.places, std::make_shared<const Job>(task.line),
+              {observers, records, stop, people, units});
     const auto end = [&] {
         stop.request();
         line.wake();

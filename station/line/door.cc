@@ -26,12 +26,14 @@ bool isAnswer(const std::string &bytes) {
            bytes.find_first_not_of('\0', kAnswer.size()) == std::string::npos;
 }
 
-bool isYoung(const Newcomer &newcomer) { return Clock::now() - newcomer.since < kUsualAnswer; }
-
 }  // namespace
 
 Door::Door(Listener &listener, Observer &observer)
-    : listener_(listener), observer_(observer), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    : listener_(listener),
+      observer_(observer),
+      cabled_(!listener.interface().empty()),
+      most_(cabled_ ? kMost : kMostOfMany),
+      wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Door::wake() const {
     [[maybe_unused]] const int ignored = eventfd_write(wakeup_.descriptor(), 1);  // a full counter wakes as well
@@ -45,38 +47,28 @@ void Door::attend(bool accept, bool probe, Milliseconds limit) {
     for (const Newcomer &newcomer : newcomers_) {
         polled.push_back({newcomer.session.descriptor(), static_cast<short>(newcomer.board ? POLLRDHUP : POLLIN), 0});
     }
-    poll(polled.data(), polled.size(), static_cast<int>((undecided() ? std::min(kGlance, limit) : limit).count()));
+    poll(polled.data(), polled.size(), static_cast<int>((undecided() > 0 ? std::min(kGlance, limit) : limit).count()));
     eventfd_t count;
     [[maybe_unused]] const int ignored = eventfd_read(wakeup_.descriptor(), &count);
     if (lets) letIn();
     std::erase_if(newcomers_, [&](Newcomer &newcomer) { return !judge(newcomer, probe); });
 }
 
-size_t Door::most() const { return listener_.interface().empty() ? kMostOfMany : kMost; }
-
-// Boards that wait do not count: they must not keep out a board that connects again.
-bool Door::full() const {
-    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(),
-                                             [](const Newcomer &one) { return !one.board; })) >= most();
-}
-
-// Returns true when this address already holds its share of a socket that many boards share.
-bool Door::crowded(const std::string &address) const {
-    if (!listener_.interface().empty() || address == kNoCable) return false;
-    const auto same = [&](const Newcomer &one) { return !one.board && one.address == address; };
-    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(), same)) >= kMostOfOne;
+size_t Door::undecided(const std::string &address) const {
+    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(), [&](const Newcomer &one) {
+        return !one.board && (address.empty() || one.session.peerAddress() == address);
+    }));
 }
 
 void Door::letIn() try {
-    for (size_t taken = 0; taken < most() && !full(); ++taken) {
+    for (size_t taken = 0; taken < most_ && !full(); ++taken) {
         std::optional<Session> session = listener_.take();
         if (!session) return;
-        std::string peer = session->peer(), address = session->peerAddress();
-        Newcomer newcomer{std::move(*session), std::move(peer), std::move(address), Clock::now()};
-        if (crowded(newcomer.address)) {
-            refuse(newcomer, fmt::format("{} connections of its address do not answer yet", kMostOfOne));
+        const std::string address = session->peerAddress();
+        if (!cabled_ && address != kNoCable && undecided(address) >= kMostOfOne) {
+            refuse(*session, fmt::format("{} connections of its address do not answer yet", kMostOfOne));
         } else {
-            newcomers_.push_back(std::move(newcomer));
+            newcomers_.push_back({std::move(*session)});
         }
     }
 } catch (const SessionError &error) {
@@ -104,28 +96,29 @@ bool Door::judge(Newcomer &newcomer, bool probe) {
     } catch (const SessionError &error) {
         why = error.what();
     }
-    if (!why.empty()) refuse(newcomer, why);
+    if (!why.empty()) refuse(newcomer.session, why);
     return why.empty();
 }
 
 // Refuses each waiting board whose place another one waits for. The cable tells a board's place, or else its address.
 void Door::refuseSurplus() {
-    const bool cabled = !listener_.interface().empty();
-    std::set<std::string> places;
-    size_t others = 0;
+    std::multiset<std::string> waiting;
     std::erase_if(newcomers_, [&](const Newcomer &newcomer) {
         if (!newcomer.board) return false;
-        const bool anonymous = !cabled && newcomer.address == kNoCable;
-        if (anonymous ? ++others <= most()
-                      : places.size() < most() && places.insert(cabled ? "" : newcomer.address).second)
-            return false;
-        refuse(newcomer, "another board waits at its place");
-        return true;
+        const std::string place = cabled_ ? "" : newcomer.session.peerAddress();
+        const size_t room = place == kNoCable ? most_ : 1;
+        const bool surplus = waiting.size() >= most_ || waiting.count(place) >= room;
+        if (surplus) {
+            refuse(newcomer.session, "another board waits at its place");
+        } else {
+            waiting.insert(place);
+        }
+        return surplus;
     });
 }
 
-void Door::refuse(const Newcomer &stranger, const std::string &why) {
-    refused_ = stranger.peer;
+void Door::refuse(const Session &stranger, const std::string &why) {
+    refused_ = stranger.peer();
     why_ = why;
     ++unreported_;
     if (Clock::now() >= nextReport_) report();
@@ -138,22 +131,19 @@ void Door::report() {
     nextReport_ = Clock::now() + kReportPause;
 }
 
-void Door::handOver(const std::function<bool(Newcomer &)> &seat) {
-    std::erase_if(newcomers_, [&](Newcomer &newcomer) { return newcomer.board && seat(newcomer); });
+void Door::handOver(const std::function<bool(Session &)> &seat) {
+    std::erase_if(newcomers_, [&](Newcomer &newcomer) { return newcomer.board && seat(newcomer.session); });
 }
 
 size_t Door::expected() const {
+    const auto young = Clock::now() - kUsualAnswer;
     return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(),
-                                             [](const Newcomer &one) { return one.board || isYoung(one); }));
-}
-
-bool Door::undecided() const {
-    return std::any_of(newcomers_.begin(), newcomers_.end(), [](const Newcomer &one) { return !one.board; });
+                                             [&](const Newcomer &one) { return one.board || one.since > young; }));
 }
 
 std::string Door::boards() const {
     std::string text;
-    for (const Newcomer &newcomer : newcomers_) text += newcomer.board ? " " + newcomer.peer : "";
+    for (const Newcomer &newcomer : newcomers_) text += newcomer.board ? " " + newcomer.session.peer() : "";
     return text;
 }
 

@@ -17,8 +17,7 @@ constexpr char kNoCable[] = "127.0.0.1";
 // A connection that has no place yet.
 struct Newcomer {
     Session session;
-    std::string peer, address;
-    Clock::time_point since;
+    Clock::time_point since = Clock::now();
     std::string answer = {};
     bool asked = false;
     bool board = false;  // it has answered as a board does
@@ -40,30 +39,31 @@ public:
     // that waits for the same place. Reports at most one stranger per second, with the number of the others.
     void attend(bool accept, bool probe, Milliseconds limit);
 
-    // Offers each board to `seat`, and drops it from the newcomers when `seat` returns true, having taken the session.
-    void handOver(const std::function<bool(Newcomer &)> &seat);
+    // Offers each board to `seat`, which returns true when it has taken the session.
+    void handOver(const std::function<bool(Session &)> &seat);
 
     // Reports the last refusal and the number of others, unless they have been reported.
     void report();
 
     // Returns how many newcomers are boards, or have not had time to answer yet.
     size_t expected() const;
-    // Returns true while it is unknown whether some newcomer is a board.
-    bool undecided() const;
+    // Returns how many newcomers may or may not be boards: all, or those from this address.
+    size_t undecided(const std::string &address = {}) const;
     // Returns " ADDRESS:PORT" for each board without a place.
     std::string boards() const;
 
 private:
-    size_t most() const;  // limit for newcomers, and the same for boards that wait
-    bool full() const;
+    // Boards that wait do not count: they must not keep out a board that connects again.
+    bool full() const { return undecided() >= most_; }
     void letIn();
-    bool crowded(const std::string &address) const;
     bool judge(Newcomer &newcomer, bool probe);
     void refuseSurplus();
-    void refuse(const Newcomer &stranger, const std::string &why);
+    void refuse(const Session &stranger, const std::string &why);
 
     Listener &listener_;
     Observer &observer_;
+    const bool cabled_;  // the socket has an interface of its own
+    const size_t most_;  // limit for newcomers, and the same for boards that wait
     const Descriptor wakeup_;
     Clock::time_point pausedUntil_;  // while no descriptor is left
     std::vector<Newcomer> newcomers_;

@@ -34,7 +34,7 @@ struct Line::Gate {
     const std::string cable;  // the interface of its one place; empty: its places share a network
     Door door;                // but for wake(), its thread's alone
     std::vector<Seat *> seats;
-    std::thread thread;
+    std::jthread thread;
     Clock::time_point looked;               // its thread's: at the cable
     bool plugged = true;                    // its thread's: the interface is there
     bool powered = false;                   // its thread's: the interface has a carrier
@@ -62,7 +62,7 @@ struct Line::Seat : Board {
     Line &line;
     Gate &gate;
     const Place place;
-    std::thread thread;
+    std::jthread thread;
     std::optional<Session> served;  // its thread's
     int failed = 0;                 // its thread's: units in a row
 
@@ -106,15 +106,10 @@ Line::~Line() { endThreads(); }
 
 Outcome Line::run(int boards, Milliseconds wait) {
     endless_ = false;
+    wanted_ = boards;
     deadline_ = Clock::now() + wait;
-    {
-        const Lock lock(mutex_);
-        wanted_ = boards;
-    }
-    return work();
+    return serve();
 }
-
-Outcome Line::serve() { return work(); }
 
 void Line::change(std::shared_ptr<const Job> job) {
     const Lock lock(mutex_);
@@ -135,23 +130,21 @@ bool Line::hold(int number, bool held) {
 }
 
 void Line::wake() {
-    {
-        const Lock lock(mutex_);  // the waiting thread has either not looked yet, or is notified
-    }
+    { const Lock lock(mutex_); }  // the waiting thread has either not looked yet, or is notified
     for (const Gate &gate : gates_) gate.door.wake();
     changed_.notifyAll();
 }
 
 // ---- the calling thread
 
-Outcome Line::work() {
-    away_ = context_.records.away();
+Outcome Line::serve() {
     context_.observer.lineStarts(places_);
-    if (!away_.empty()) context_.observer.lineWaits(away_);
+    lookAtRecords();
     open_ = gates_.size();
-    for (Seat &seat : seats_) seat.thread = std::thread([&] { tendSeat(seat); });
-    for (Gate &gate : gates_) gate.thread = std::thread([&] { tendGate(gate); });
-    look();
+    for (Seat &seat : seats_) seat.thread = std::jthread([&] { tendSeat(seat); });
+    for (Gate &gate : gates_) gate.thread = std::jthread([&] { tendGate(gate); });
+    while (look()) {
+    }
     endThreads();
     nameLeftOut();
     missBoards();
@@ -159,26 +152,31 @@ Outcome Line::work() {
     return outcome_;
 }
 
-// Watches the deadline, the stop and the records until all gates are closed.
-void Line::look() {
-    bool stopped = false;
-    for (Lock lock(mutex_);;) {
+// Looks whether records can be kept. Returns whether that has changed.
+bool Line::lookAtRecords() {
+    const std::string why = context_.records.away();
+    {
+        const Lock lock(mutex_);
+        if (std::exchange(away_, why) == why) return false;
+    }
+    context_.observer.lineWaits(why);
+    return true;
+}
+
+// Waits for a change, then looks at the deadline, the stop and the records. Returns false when all gates are closed.
+bool Line::look() {
+    bool closed = false;
+    {
+        Lock lock(mutex_);
         const auto next = std::min(Clock::now() + kLook, closed_ ? Clock::time_point::max() : deadline_);
         changed_.waitUntil(lock, next,
-                           [&]() REQUIRES(mutex_) { return open_ == 0 || stopped != context_.stop.requested(); });
-        if (open_ == 0) return;
-        const bool stops = !std::exchange(stopped, context_.stop.requested()) && stopped;
-        closed_ |= stopped || Clock::now() >= deadline_;
-        lock.unlock();
-        if (stops) context_.observer.lineStops();
-        const std::string why = context_.records.away();
-        lock.lock();
-        const bool news = std::exchange(away_, why) != why, rouse = news || closed_;
-        lock.unlock();
-        if (news) context_.observer.lineWaits(why);
-        if (rouse) wake();
-        lock.lock();
+                           [&]() REQUIRES(mutex_) { return open_ == 0 || stopped_ != context_.stop.requested(); });
+        if (open_ == 0) return false;
+        closed = closed_ |= context_.stop.requested() || Clock::now() >= deadline_;
     }
+    if (context_.stop.requested() && !std::exchange(stopped_, true)) context_.observer.lineStops();
+    if (lookAtRecords() || closed) wake();
+    return true;
 }
 
 // Ends all threads. Boards in work have been served already: only then does look() return.
@@ -189,12 +187,8 @@ void Line::endThreads() {
         for (Seat &seat : seats_) seat.changed.notifyAll();
     }
     wake();
-    for (Gate &gate : gates_) {
-        if (gate.thread.joinable()) gate.thread.join();
-    }
-    for (Seat &seat : seats_) {
-        if (seat.thread.joinable()) seat.thread.join();
-    }
+    for (Gate &gate : gates_) gate.thread = {};
+    for (Seat &seat : seats_) seat.thread = {};
 }
 
 void Line::nameLeftOut() {
@@ -245,7 +239,7 @@ void Line::tendGate(Gate &gate) {
 // Hands over the boards that have turned up, and returns what the gate does next.
 Line::Orders Line::decide(Gate &gate) {
     const Lock lock(mutex_);
-    gate.door.handOver([&](Newcomer &board) REQUIRES(mutex_) { return seat(gate, board); });
+    gate.door.handOver([&](Session &board) REQUIRES(mutex_) { return seat(gate, board); });
     gate.expected = std::min(gate.door.expected(), gate.seats.size());  // a flood here closes no other gate
     size_t expected = 0;
     for (const Gate &other : gates_) expected += other.expected;
@@ -267,13 +261,14 @@ Line::Orders Line::decide(Gate &gate) {
 }
 
 // Gives the board a place. Returns false if no place takes it.
-bool Line::seat(Gate &gate, Newcomer &board) {
-    Seat *const seat = seatFor(gate, board.address);
+bool Line::seat(const Gate &gate, Session &board) {
+    const std::string address = board.peerAddress();
+    Seat *const seat = seatFor(gate, address);
     if (seat == nullptr) return false;
     if (!seat->awaits) --wanted_;
     seat->busy = true;
-    seat->address = board.address;
-    seat->next.emplace(std::move(board.session));
+    seat->address = address;
+    seat->next.emplace(std::move(board));
     seat->changed.notifyAll();
     return true;
 }
@@ -293,17 +288,13 @@ Line::Seat *Line::seatFor(const Gate &gate, const std::string &address) {
 }
 
 void Line::watchCable(Gate &gate) {
-    Listener &listener = gate.door.listener();
-    if (listener.interface().empty() || Clock::now() - gate.looked < kLook) return;
+    if (gate.cable.empty() || Clock::now() - gate.looked < kLook) return;
     gate.looked = Clock::now();
     Seat &seat = *gate.seats.front();
-    const bool plugged = listener.renew();
-    if (std::exchange(gate.plugged, plugged) != plugged) {
-        context_.observer.placeBlocked(
-            seat.place,
-            plugged ? "" : fmt::format("the interface {} is missing, or has no address", listener.interface()));
-    }
-    const bool powered = hasCarrier(listener.interface());
+    const bool plugged = gate.door.listener().renew(), powered = hasCarrier(gate.cable);
+    const std::string missing = fmt::format("the interface {} is missing, or has no address", gate.cable);
+    if (std::exchange(gate.plugged, plugged) != plugged)
+        context_.observer.placeBlocked(seat.place, plugged ? "" : missing);
     if (std::exchange(gate.powered, powered) != powered) context_.observer.placePowered(seat.place, powered);
     if (powered) return;
     {

@@ -50,9 +50,9 @@ public:
 
     // Runs the job on `boards` boards, which must connect within `wait`. A further board that has connected by then
     // gets its run, too. Call either run() or serve(), and only once.
-    Outcome run(int boards, Milliseconds wait);
+    Outcome run(int boards, Milliseconds wait) UNCHECKED_THREADS;  // no other thread is there yet
     // Runs the job on every board that comes, until the stop is requested.
-    Outcome serve();
+    Outcome serve() UNCHECKED_THREADS;  // begins and ends all other threads
 
     // Sets the job for boards that come from now on. May be called by any thread.
     void change(std::shared_ptr<const Job> job);
@@ -67,8 +67,8 @@ private:
     struct Seat;
     struct Orders;
 
-    Outcome work() UNCHECKED_THREADS;  // begins and ends all other threads
-    void look();
+    bool look();
+    bool lookAtRecords();
     void endThreads();
     void nameLeftOut() UNCHECKED_THREADS;  // no other thread is left by then
     void missBoards() UNCHECKED_THREADS;   // as before
@@ -76,7 +76,7 @@ private:
     // In the thread of a socket:
     void tendGate(Gate &gate);
     Orders decide(Gate &gate);
-    bool seat(Gate &gate, Newcomer &board) REQUIRES(mutex_);
+    bool seat(const Gate &gate, Session &board) REQUIRES(mutex_);
     void watchCable(Gate &gate);
 
     // In the thread of a place:
@@ -98,6 +98,7 @@ private:
     std::list<Gate> gates_;  // these and the seats do not change while there are threads
     std::list<Seat> seats_;
 
+    bool stopped_ = false;                                   // the calling thread's: it has noticed the stop
     bool endless_ = true;                                    // like the deadline, set before there are threads
     Clock::time_point deadline_ = Clock::time_point::max();  // for boards to come
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "station/line/line.h"
+#include "station/wire/listener.h"
 
 namespace station {
 
@@ -29,25 +30,24 @@ struct PageSettings {
     bool operator==(const PageSettings &) const = default;
 };
 
-struct LineFile {
-    std::string address;
-    uint16_t port = 0;
+// The part of a line's file that a running station does not change.
+struct Site {
+    std::string address = kDefaultAddress;
+    uint16_t port = kDefaultPort;
     std::vector<Place> places;
-    std::vector<std::string> cables;            // each place's interface; empty: addresses tell boards apart
-    std::filesystem::path planPath, planFiles;  // of loadPlan()
-    Plan plan;
-    Variables variables;
-    Hook before, after;
-    AskWho who;
-    Reference reference;
-    int holdAfter = 0;
-    std::filesystem::path results;  // folder; empty: none
-    std::string store;              // a database's file or URL; empty: none
-    std::filesystem::path spool;    // folder for what the store cannot take yet; empty: the usual one
+    std::vector<std::string> cables;  // each place's interface; empty: addresses tell boards apart
+    std::filesystem::path results;    // folder; empty: none
+    std::string store;                // a database's file or URL; empty: none
+    std::filesystem::path spool;      // folder for what the store cannot take yet; empty: the usual one
     std::optional<PageSettings> page;
 
-    // Returns true when the other line has the same address, places, records and page.
-    bool sameStation(const LineFile &other) const;
+    bool operator==(const Site &) const = default;
+};
+
+struct LineFile : Site, Job {
+    std::filesystem::path planPath, planFiles;  // of loadPlan()
+
+    bool sameStation(const LineFile &other) const { return Site::operator==(other); }
 };
 
 // Returns true when the file is a line's rather than a plan.

@@ -1,10 +1,6 @@
 #include "station/line/signals.h"
 
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <system_error>
@@ -42,65 +38,55 @@ bool stopsWithin(std::chrono::seconds duration) {
 struct Signals::Reloading {
     Mutex mutex;
     bool wanted GUARDED_BY(mutex) = true;
-    bool busy GUARDED_BY(mutex) = false;   // a thread is reading
-    bool again GUARDED_BY(mutex) = false;  // SIGHUP came meanwhile
+    int signals GUARDED_BY(mutex) = 0;  // that the thread, which reads the file, has not served; 0: there is none
 };
 
 Signals::Signals(SignalActions actions)
-    : actions_(std::move(actions)),
-      reloading_(std::make_shared<Reloading>()),
-      signals_(-1),
-      done_(eventfd(0, EFD_CLOEXEC)) {
-    const sigset_t set = held();
-    signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
-    thread_ = std::thread([this] { watch(); });
-}
+    : actions_(std::move(actions)), reloading_(std::make_shared<Reloading>()), thread_([this] { watch(); }) {}
 
 Signals::~Signals() {
-    eventfd_write(done_.descriptor(), 1);
+    ends_ = true;
+    pthread_kill(thread_.native_handle(), SIGHUP);
     thread_.join();
     const Lock lock(reloading_->mutex);
     reloading_->wanted = false;
 }
 
 void Signals::watch() {
-    bool stopped = false;
-    for (;;) {
-        pollfd polled[] = {{signals_.descriptor(), POLLIN, 0}, {done_.descriptor(), POLLIN, 0}};
-        if (poll(polled, 2, -1) < 0) continue;
-        if (polled[1].revents != 0) return;
-        signalfd_siginfo signal{};
-        if (read(signals_.descriptor(), &signal, sizeof signal) != sizeof signal) continue;
-        if (signal.ssi_signo == SIGHUP) {
+    sigset_t set = held();
+    int signal = 0;
+    for (bool stopped = false; sigwait(&set, &signal) == 0 && !ends_;) {
+        if (signal == SIGHUP) {
             reload();
-        } else if (stopped) {
-            const sigset_t set = held();
+        } else if (!std::exchange(stopped, true)) {
+            actions_.stop();
+        } else {
+            sigdelset(&set, SIGHUP);                      // with which the destructor wakes this thread
             pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // the next signal ends the process
             actions_.end();
-        } else {
-            stopped = true;
-            actions_.stop();
         }
     }
 }
 
 void Signals::reload() {
     const Lock lock(reloading_->mutex);
-    reloading_->again = std::exchange(reloading_->busy, true);
-    if (reloading_->again) return;
+    if (reloading_->signals++ > 0) return;
     const auto work = [load = actions_.reload, state = reloading_] {
-        for (;;) {
+        for (bool more = true; more;) {
+            {
+                const Lock reading(state->mutex);
+                state->signals = 1;
+            }
             const std::function<void()> adopt = load();
             const Lock adopting(state->mutex);
             if (state->wanted) adopt();
-            state->busy = std::exchange(state->again, false) && state->wanted;
-            if (!state->busy) return;
+            more = --state->signals > 0 && state->wanted;
         }
     };
     try {
         std::thread(work).detach();
     } catch (const std::system_error &error) {
-        reloading_->busy = false;
+        reloading_->signals = 0;
         printError(fmt::format("not reloaded, try again later: {}\n", error.what()));
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 // The signals with which a person or the system stops the line or makes it read its file again.
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -8,7 +9,6 @@
 #include <string>
 #include <thread>
 
-#include "station/base/descriptor.h"
 #include "station/base/mutex.h"
 #include "station/run/observer.h"
 
@@ -43,7 +43,7 @@ private:
 
     SignalActions actions_;
     const std::shared_ptr<Reloading> reloading_;
-    Descriptor signals_, done_;
+    std::atomic<bool> ends_ = false;
     std::thread thread_;
 };
 

@@ -31,9 +31,7 @@ private:
         Clock::time_point since{};
     };
 
-    std::string known(const std::string &where, Milliseconds within) const;
-
-    mutable Mutex mutex_;
+    Mutex mutex_;
     std::map<std::string, Answer> answers_ GUARDED_BY(mutex_);  // by the place's name; "": the line's
 };
 

@@ -16,9 +16,6 @@ namespace {
 
 using re2::RE2;
 
-// What is wrong with an argument; empty for nothing.
-using ArgumentFault = std::string (*)(std::string_view argument, const Command &command);
-
 std::string size(std::string_view argument, const Command &command) {
     const std::string bytes = std::to_string(command.payload.value_or(0));
     if (command.payload > kLargestPayload) return fmt::format("the board takes at most {} bytes", kLargestPayload);
@@ -26,7 +23,7 @@ std::string size(std::string_view argument, const Command &command) {
     return fmt::format("announces \"{}\", but its payload has {} bytes: write {{size}}", argument, bytes);
 }
 
-// The one character behind SHELL may be any.
+// The one character after SHELL may be any.
 std::string sizeOfScript(std::string_view argument, const Command &command) {
     return size(argument.substr(std::min<size_t>(argument.size(), 1)), command);
 }
@@ -37,28 +34,19 @@ std::string address(std::string_view argument, const Command &) {
     const std::string text(argument);
     const auto withColons = text.find(':') == 2 ? parseMac(text) : std::nullopt;
     if (!withColons && (!RE2::FullMatch(text, "([0-9]{1,15})", &number) || number >> 48 != 0)) {
-        return fmt::format("\"{}\" is no MAC address: six pairs of hexadecimal digits with colons, or a decimal number",
-                           argument);
+        return fmt::format("\"{}\" is not a MAC address, such as 02:00:00:00:00:FE or a decimal number", argument);
     }
     if (isIndividual(withColons.value_or(number))) return {};
-    return fmt::format("no board may have the MAC address \"{}\": it is zero, or a group's", argument);
+    return fmt::format("no board may have the MAC address \"{}\": it is zero or a multicast address", argument);
 }
 
 std::string country(std::string_view argument, const Command &) {
     if (RE2::FullMatch(std::string(argument), "[0-9A-Z]{2}")) return {};
-    return fmt::format("\"{}\" is no country code: two capital letters or digits", argument);
+    return fmt::format("\"{}\" is not a country code: two capital letters or digits", argument);
 }
 
-struct Row {
-    std::string_view word;  // in the board's order: the first that the command begins with wins
-    Role role = Role::kPlain;
-    bool payload = false;
-    bool takesLong = false;
-    int partition = 0;
-    ArgumentFault fault = nullptr;
-};
-
-constexpr Row kRows[] = {
+// In the board's order: the first that the command begins with wins.
+constexpr BoardCommand kCommands[] = {
     {"VERSION ", Role::kPlain, true, false, 0, size},
     {"FW IMAGE ", Role::kPlain, true, true, 0, size},
     {"FW KERNEL ", Role::kPlain, true, true, 2, size},
@@ -76,35 +64,31 @@ constexpr Row kRows[] = {
     {""},
 };
 
-const Row &rowOf(std::string_view command) {
-    return *std::find_if(std::begin(kRows), std::end(kRows),
-                         [&](const Row &row) { return command.starts_with(row.word); });
-}
-
 }  // namespace
 
+const BoardCommand &boardCommand(std::string_view text) {
+    return *std::find_if(std::begin(kCommands), std::end(kCommands),
+                         [&](const BoardCommand &row) { return text.starts_with(row.word); });
+}
+
 std::string faultOf(const Command &command) {
-    const Row &row = rowOf(command.text);
+    const BoardCommand &row = boardCommand(command.text);
     if (command.complete && !command.bare && command.text.size() > kFrame) {
         return fmt::format("a command has at most {} bytes, this one {}", kFrame, command.text.size());
     }
     if (row.payload && !command.payload) return "the board would take this for an empty payload: it needs \"upload\"";
     if (!row.payload && command.payload && command.complete) {
-        return "the board takes no payload behind this, and would run its bytes as commands";
+        return "the board takes no payload after this, and would run its bytes as commands";
     }
-    return row.fault != nullptr && command.complete ? row.fault(command.text.substr(row.word.size()), command) : "";
+    return row.faultOf != nullptr && command.complete ? row.faultOf(command.text.substr(row.word.size()), command) : "";
 }
 
-Role roleOf(std::string_view command) { return rowOf(command).role; }
 int addressesIn(std::string_view command, std::string_view reply) {
-    const Row &row = rowOf(command);
+    const BoardCommand &row = boardCommand(command);
     if (row.role != Role::kAddress) return 1;
     int count = 0;
     if (reply.starts_with(row.word)) std::from_chars(&reply[row.word.size()], reply.data() + reply.size(), count);
     return count;
 }
-
-int partitionOf(std::string_view command) { return rowOf(command).partition; }
-bool takesLong(std::string_view command) { return rowOf(command).takesLong; }
 
 }  // namespace station

@@ -9,9 +9,6 @@
 
 namespace station {
 
-// The effect of a command on the steps after it.
-enum class Role { kPlain, kAddress, kPing, kReport, kReset, kWait, kReboot, kEnd };
-
 // A command as a step is about to send it.
 struct Command {
     std::string_view text;
@@ -23,16 +20,23 @@ struct Command {
 // Returns why the command would spoil the board or not be understood; empty when it is all right.
 std::string faultOf(const Command &command);
 
-Role roleOf(std::string_view command);
+// The effect of a command on the steps after it.
+enum class Role { kPlain, kAddress, kPing, kReport, kReset, kWait, kReboot, kEnd };
+
+// What the board does with the commands that begin with a word.
+struct BoardCommand {
+    std::string_view word;
+    Role role = Role::kPlain;
+    bool payload = false;    // bytes follow
+    bool takesLong = false;  // it must not be cut short, as flashing must not
+    int partition = 0;       // number of the MTD partition that it writes; 0: none that is known
+    // Returns what is wrong with the argument; empty: nothing.
+    std::string (*faultOf)(std::string_view argument, const Command &command) = nullptr;
+};
+const BoardCommand &boardCommand(std::string_view text);
 
 // Returns how many addresses the board programs, as its reply to the command says; 0 when the reply does not say it, 1
 // for commands that program none.
 int addressesIn(std::string_view command, std::string_view reply);
-
-// Returns the number of the MTD partition that the command writes; 0 when it writes none that is known.
-int partitionOf(std::string_view command);
-
-// Returns true when the command takes long and must not be cut short, as flashing must not.
-bool takesLong(std::string_view command);
 
 }  // namespace station

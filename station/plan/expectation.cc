@@ -23,18 +23,10 @@ std::shared_ptr<const RE2> compile(const std::string &text) {
     return expression;
 }
 
-Variables examples(const std::set<std::string> &names) {
-    Variables values;
-    for (const std::string &name : names) values.emplace(name, "x");
-    return values;
-}
-
 // Returns the line of a text in which the byte is, with its end.
 std::string lineAt(const std::string &text, size_t at) {
-    const size_t before = at == 0 ? std::string::npos : text.rfind('\n', at - 1);
-    const size_t start = before == std::string::npos ? 0 : before + 1;
-    const size_t end = text.find('\n', start);
-    return text.substr(start, end == std::string::npos ? end : end - start + 1);
+    const size_t start = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;
+    return text.substr(start, std::min(text.find('\n', start), text.size() - 1) - start + 1);
 }
 
 // Says what differs first: of several lines the line.
@@ -57,9 +49,10 @@ std::string unexpected(const std::string &actual) {
 }  // namespace
 
 Expression::Expression(std::string text) : text_(std::move(text)) {
-    const std::set<std::string> names = namesInExpression(text_);
-    compiled_ = compile(expandExpression(text_, examples(names)));
-    open_ = !names.empty();
+    Variables examples;
+    for (const std::string &name : namesIn(text_, Syntax::kExpression)) examples[name] = "x";
+    compiled_ = compile(expand(text_, examples, Syntax::kExpression));
+    open_ = !examples.empty();
 }
 
 std::set<std::string> Expression::groups() const {
@@ -69,7 +62,7 @@ std::set<std::string> Expression::groups() const {
 }
 
 Expression Expression::with(const Variables &variables) const {
-    return open_ ? Expression(expandExpression(text_, variables)) : *this;
+    return open_ ? Expression(expand(text_, variables, Syntax::kExpression)) : *this;
 }
 
 std::optional<Variables> Expression::find(const std::string &text) const {

@@ -18,92 +18,53 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// An operator may be at another place of the line.
-constexpr std::chrono::hours kAnswerTime(1);
-
 constexpr size_t kMostSteps = 1000;
-constexpr int kMostAttempts = 100;
 constexpr int kMostTaken = 256;  // addresses of a unit: without a carry into the fifth byte
 
-struct Loader;
-
-// A step while it is read.
-struct Draft {
-    Loader &loader;
-    YAML::Node node;
-    Step step = {};
-    bool timed = false;
-    std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
-    std::vector<PlanFile> files = {};
-    std::optional<PlanFile> program = {};  // that its command runs; it may be empty
-    int take = 0;                          // rows of each pool; 0: as many as the step needs
-    std::string sha256 = {};               // that its files must have; empty: any
-    bool empty = false;                    // they may be empty
-
-    YAML::Mark mark(const std::string &key) const { return node[key] ? node[key].Mark() : node.Mark(); }
-};
-
 // The part of a plan that has been read so far.
-struct Loader {
-    fs::path folder;  // of its files
-    bool ownFolder;   // which the plan may choose
-    Names names;      // with what the steps so far find out
-    Plan plan = {};
-    std::chrono::milliseconds timeout{10000};
-    bool timed = false;  // somebody chose that
-    YAML::Node steps = {};
+struct Loader : Plan {
+    bool ownFolder = false;                            // the plan may choose the folder of its files
+    Names known = {};                                  // with what the steps so far find out
+    std::optional<std::chrono::milliseconds> timeout;  // of steps without one
+    YAML::Node list = {};                              // of steps
     std::map<fs::path, Payload> payloads = {};
     std::map<std::string, int> taken = {};  // rows that a run takes of each pool
-    std::vector<Draft> drafts = {};
-    std::vector<Fault> faults = {}, warnings = {};
+    Faults faults = {}, warned = {};
+    Course course{faults, warned};
 };
 
-const Payload &payloadAt(Loader &loader, const Entry &value, const std::string &name) {
+// A step while it is read.
+struct Draft : Step {
+    Loader &loader;
+    const YAML::Node node;                         // const, because the other operator [] adds keys
+    std::map<std::string, YAML::Mark> names = {};  // in its texts, and where each stands
+    std::vector<PlanFile> files = {};
+    std::vector<PlanFile> others = {};  // a picture, the program that its command runs: they may be empty
+    int take = 0;                       // rows of each pool; 0: as many as the step needs
+    std::string pin = {};               // the SHA-256 that its files must have; empty: any
+    bool emptyAllowed = false;          // its files may be empty
+
+    // Adds a fault of the key, or of the step, unless the text is empty.
+    void fault(const char *key, const std::string &text) {
+        if (!text.empty()) loader.faults.push_back({node[key] ? node[key].Mark() : node.Mark(), text});
+    }
+    void faultIf(bool wrong, const char *key, const char *text) { fault(key, wrong ? text : ""); }
+};
+
+// Returns the text, after noting its names.
+std::string note(Draft &draft, const Entry &value, const std::string &text, Syntax syntax = Syntax::kText) {
+    for (const std::string &name : namesIn(text, syntax)) draft.names.emplace(name, value.node.Mark());
+    return text;
+}
+
+// Reads a file once, however many steps use it.
+const Payload &payloadAt(Loader &loader, const std::string &name) {
     const fs::path path = loader.folder / name;
     const auto known = loader.payloads.find(path);
-    if (known != loader.payloads.end()) return known->second;
-    try {
-        return loader.payloads[path] = readPayload(path);
-    } catch (const std::runtime_error &error) {
-        value.fail(error.what());
-    }
+    return known != loader.payloads.end() ? known->second : loader.payloads[path] = readPayload(path);
 }
 
 PlanFile fileOf(const std::string &name, const Payload &file) { return {0, name, file.bytes->size(), file.sha256}; }
-
-void checkName(const std::string &name, const Entry &value) {
-    if (const std::string fault = faultOfName(name); !fault.empty()) value.fail(fault);
-}
-
-// Notes the names in a text, or in an expression.
-void noteNames(Draft &draft, const Entry &value, std::set<std::string> (*find)(const std::string &)) {
-    try {
-        for (const std::string &name : find(value.text())) draft.names.emplace(name, value.node.Mark());
-    } catch (const std::invalid_argument &error) {
-        value.fail(error.what());
-    }
-}
-
-void readSend(Draft &draft, const Entry &value) {
-    noteNames(draft, value, namesIn);
-    draft.step.send = value.text();
-    if (draft.step.send.empty()) value.fail("an empty command cannot be sent");
-}
-
-void readPrompt(Draft &draft, const Entry &value) {
-    noteNames(draft, value, namesIn);
-    draft.step.prompt = value.line();
-}
-
-void readProblem(Draft &draft, const Entry &value) {
-    noteNames(draft, value, namesIn);
-    draft.step.expected.problem = value.line();
-}
-
-void readAsk(Draft &draft, const Entry &value) {
-    checkName(value.text(), value);
-    draft.step.ask = value.text();
-}
 
 // Returns the file that the shell's command begins with, "./check.sh" or "python3 check.py"; empty: none of the plan's.
 std::string programIn(const std::string &command, const fs::path &folder) {
@@ -118,257 +79,157 @@ std::string programIn(const std::string &command, const fs::path &folder) {
 
 // The shell reads braces itself, and a value in its text could be a command: it finds the variables in its environment.
 void readRun(Draft &draft, const Entry &value) {
-    draft.step.run = value.text();
-    if (draft.step.run.empty()) value.fail("a command is missing");
-    const std::string program = programIn(draft.step.run, draft.loader.folder);
-    if (!program.empty()) draft.program = fileOf(program, payloadAt(draft.loader, value, program));
+    draft.run = value.command();
+    const std::string program = programIn(draft.run, draft.loader.folder);
+    if (!program.empty()) draft.others.push_back(fileOf(program, payloadAt(draft.loader, program)));
 }
 
 const Payload &addFile(Draft &draft, const Entry &value) {
-    const Payload &file = payloadAt(draft.loader, value, value.text());
+    const Payload &file = payloadAt(draft.loader, value.text());
     const auto same = [&](const PlanFile &known) { return known.name == value.text(); };
-    if (std::any_of(draft.files.begin(), draft.files.end(), same)) return file;
-    draft.files.push_back(fileOf(value.text(), file));
+    if (std::none_of(draft.files.begin(), draft.files.end(), same)) draft.files.push_back(fileOf(value.text(), file));
     return file;
 }
 
-void readFileKey(Draft &draft, const Entry &value) { draft.step.file = addFile(draft, value); }
+void readFileKey(Draft &draft, const Entry &value) { draft.file = addFile(draft, value); }
 
 void readPicture(Draft &draft, const Entry &value) {
-    const Payload &file = payloadAt(draft.loader, value, value.text());
+    const Payload &file = payloadAt(draft.loader, value.text());
     if (file.bytes->size() > kLargestPicture || pictureType(*file.bytes) == nullptr)
         value.fail("expected a picture of at most 1 MiB: PNG, JPEG or WebP");
-    draft.step.picture = file;
+    draft.picture = file;
+    draft.others.push_back(fileOf(file.name, file));
 }
 
 void readSha256(Draft &draft, const Entry &value) {
-    draft.sha256 = value.text();
-    for (char &c : draft.sha256) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (draft.sha256.size() == 64 && draft.sha256.find_first_not_of("0123456789abcdef") == std::string::npos) return;
+    draft.pin = value.text();
+    for (char &c : draft.pin) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (draft.pin.size() == 64 && draft.pin.find_first_not_of("0123456789abcdef") == std::string::npos) return;
     value.fail("expected 64 hexadecimal digits, as \"sha256sum\" prints them");
 }
 
 void readUpload(Draft &draft, const Entry &value) {
     readFileKey(draft, value);
-    draft.step.known["size"] = std::to_string(draft.step.file->bytes->size());
+    draft.known["size"] = std::to_string(draft.file->bytes->size());
 }
 
-// Who made an image, and what for, as the product block at its start says.
+// Finds out who made an image, and what for, from the product block at its start.
 void readImage(Draft &draft, const Entry &value) {
-    addFile(draft, value);
-    try {
-        const fwimage::Contents image = fwimage::inspect(draft.loader.folder / value.text());
-        if (!image.fault.empty()) value.fail("this is not a firmware image: " + image.fault);
-        const fwimage::Product &product = image.product;
-        draft.step.known.insert({{"vendor", product.vendor},
-                                 {"product", product.product},
-                                 {"version", product.version},
-                                 {"mark", product.mark}});
-    } catch (const std::runtime_error &error) {
-        value.fail(error.what());
-    }
+    const fwimage::Contents image = fwimage::inspectBytes(*addFile(draft, value).bytes);
+    if (!image.fault.empty()) value.fail("this is not a firmware image: " + image.fault);
+    const auto &[vendor, product, version, mark] = image.product;
+    draft.known.insert({{"vendor", vendor}, {"product", product}, {"version", version}, {"mark", mark}});
 }
+
+void readAsk(Draft &draft, const Entry &value) {
+    draft.ask = value.text();
+    value.check(faultOfName(draft.ask));
+}
+
+void readText(Draft &draft, const Entry &value) { draft.expected.text = note(draft, value, value.text()); }
 
 void readMatch(Draft &draft, const Entry &value) {
-    noteNames(draft, value, namesInExpression);
-    try {
-        draft.step.expected.match.emplace(value.text());
-        for (const std::string &group : draft.step.expected.match->groups()) checkName(group, value);
-    } catch (const std::invalid_argument &error) {
-        value.fail(error.what());
-    }
+    draft.expected.match.emplace(note(draft, value, value.text(), Syntax::kExpression));
+    for (const std::string &group : draft.expected.match->groups()) value.check(faultOfName(group));
 }
 
-void readTimeout(Draft &draft, const Entry &value) {
-    draft.step.timeout = value.seconds();
-    draft.timed = true;
-}
-
-const Keys<Limit> kLimitKeys = {
-    {"min", [](Limit &limit, const Entry &value) { limit.min = value.number(); }},
-    {"max", [](Limit &limit, const Entry &value) { limit.max = value.number(); }},
-    {"unit", [](Limit &limit, const Entry &value) { limit.unit = value.line(); }},
-};
+const Keys<Limit> kLimitKeys = {"a limit",
+                                {{"min", set<&Limit::min>}, {"max", set<&Limit::max>}, {"unit", set<&Limit::unit>}}};
 
 void readLimits(Draft &draft, const Entry &value) {
-    std::vector<Fault> &faults = draft.loader.faults;
+    Faults &faults = draft.loader.faults;
     eachEntry(value.node, "named groups", faults, [&](const Entry &group, const Entry &keys) {
         Limit limit{group.text(), {}, {}, {}};
-        readMap(keys.node, kLimitKeys, "in a limit", limit, faults);
+        readMap(keys.node, kLimitKeys, limit, faults);
         if (limit.min && limit.max && *limit.min > *limit.max) keys.fail("\"min\" is above \"max\"");
-        draft.step.limits.push_back(std::move(limit));
+        draft.limits.push_back(std::move(limit));
     });
 }
 
-template <bool Step::*Flag>
-void readFlag(Draft &draft, const Entry &value) {
-    draft.step.*Flag = value.flag();
-}
-
-// A text for people, whose names are filled in as far as they are known.
+// Reads a text for people, whose names are filled in as far as they are known.
 template <std::string Step::*Text>
-void readShown(Draft &draft, const Entry &value) try {
-    namesIn(draft.step.*Text = value.line());
-} catch (const std::invalid_argument &error) {
-    value.fail(error.what());
+void readShown(Draft &draft, const Entry &value) {
+    namesIn(draft.*Text = value.line());
 }
 
-template <int Step::*Number, int Least, int Most>
-void readWhole(Draft &draft, const Entry &value) {
-    draft.step.*Number = value.whole(Least, Most);
-}
+// The words that say of which kind a step is, in the order of Kind, and sets of kinds.
+constexpr std::array<const char *, 5> kWords = {"send", "script", "verify", "ask", "run"};
+constexpr unsigned kSend = 1, kScript = 2, kVerify = 4, kAsk = 8, kRun = 16;
+constexpr unsigned kOnBoard = kSend | kScript | kVerify, kRepeated = kOnBoard | kRun, kAll = kRepeated | kAsk;
+constexpr unsigned kJudged = kAll & ~kVerify, kPrinting = kScript | kRun, kReturning = kSend | kScript | kRun;
 
-void readText(Draft &draft, const Entry &value) {
-    noteNames(draft, value, namesIn);
-    draft.step.expected.text = value.text();
-}
-
-// A kind of step: the first word says which it is.
-struct KindOfStep {
-    std::string word;
-    bool needsBoard;
-    std::string (*title)(const Step &step, const Variables &variables);
-    Keys<Draft> keys;
+// A key and the kinds of steps that may have it.
+struct KeyOfStep {
+    const char *key;
+    unsigned kinds;
+    void (*read)(Draft &draft, const Entry &value);
 };
 
-Keys<Draft> join(Keys<Draft> keys, const Keys<Draft> &more) {
-    keys.insert(more.begin(), more.end());
+const KeyOfStep kKeys[] = {
+    {"name", kAll, readShown<&Step::name>},
+    {"hint", kAll, readShown<&Step::hint>},
+    {"picture", kAll, readPicture},
+    {"timeout", kAll, set<&Step::timeout>},
+    {"required", kAll, set<&Step::required>},
+    {"always", kAll, set<&Step::always>},
+    {"take", kAll, setWhole<&Draft::take, 1, kMostTaken>},
+    {"show", kRepeated, set<&Step::show>},
+    {"retries", kRepeated, setWhole<&Step::retries, 0, 1000>},
+    {"image", kOnBoard, readImage},
+    {"sha256", kOnBoard, readSha256},
+    {"empty", kOnBoard, set<&Draft::emptyAllowed>},
+    {"match", kJudged, readMatch},
+    {"limits", kJudged, readLimits},
+    {"problem", kJudged,
+     [](Draft &draft, const Entry &value) { draft.expected.problem = note(draft, value, value.line()); }},
+    {"whose", kJudged, set<&Step::whose>},
+    {"reconnect", kReturning, set<&Step::reconnect>},
+    {"output", kPrinting, readText},
+    {"status", kPrinting, setWhole<&Step::status, 0, 255>},
+    {"send", kSend, [](Draft &draft, const Entry &value) { draft.send = note(draft, value, value.command()); }},
+    {"upload", kSend, readUpload},
+    {"expect", kSend, readText},
+    {"bare", kSend, set<&Step::bare>},
+    {"closes", kSend, set<&Step::closes>},
+    {"script", kScript, readFileKey},
+    {"verify", kVerify, readFileKey},
+    {"partition", kVerify, setWhole<&Step::partition, 0, 1000>},
+    {"erased", kVerify, set<&Step::erased>},
+    {"ask", kAsk, readAsk},
+    {"prompt", kAsk, [](Draft &draft, const Entry &value) { draft.prompt = note(draft, value, value.line()); }},
+    {"run", kRun, readRun},
+};
+
+Keys<Draft> keysOf(Kind kind) {
+    Keys<Draft> keys = {fmt::format("a \"{}\" step", kWords[static_cast<size_t>(kind)]), {}};
+    for (const auto &[key, kinds, read] : kKeys) {
+        if ((kinds >> static_cast<unsigned>(kind) & 1) != 0) keys.readers[key] = read;
+    }
     return keys;
 }
 
-const Keys<Draft> kEveryStep = {
-    {"name", readShown<&Step::name>},
-    {"hint", readShown<&Step::hint>},
-    {"picture", readPicture},
-    {"timeout", readTimeout},
-    {"required", readFlag<&Step::required>},
-    {"always", readFlag<&Step::always>},
-    {"take", [](Draft &draft, const Entry &value) { draft.take = value.whole(1, kMostTaken); }},
-};
-
-const Keys<Draft> kRepeated =
-    join(kEveryStep, {{"show", readFlag<&Step::show>}, {"retries", readWhole<&Step::retries, 0, 1000>}});
-const Keys<Draft> kOnBoard =
-    join(kRepeated, {{"image", readImage}, {"sha256", readSha256}, {"empty", [](Draft &draft, const Entry &value) {
-                                                                        draft.empty = value.flag();
-                                                                    }}});
-const Keys<Draft>::value_type kReconnect = {"reconnect", readFlag<&Step::reconnect>};
-
-const Keys<Draft> kJudged = {{"match", readMatch},
-                             {"limits", readLimits},
-                             {"problem", readProblem},
-                             {"whose", [](Draft &draft, const Entry &value) { draft.step.whose = value.line(); }}};
-
-const Keys<Draft> kPrinting = {{"output", readText}, {"status", readWhole<&Step::status, 0, 255>}};
-
-// In the order of Kind.
-const std::array<KindOfStep, 5> kKinds = {{
-    {"send", true,
-     [](const Step &step, const Variables &variables) {
-         Variables values = step.known;
-         values.insert(variables.begin(), variables.end());
-         const std::string command = fill(step.send, values);
-         return step.file ? fmt::format("{}  [{}]", command, step.file->name) : command;
-     },
-     join(join(kOnBoard, kJudged), {{"send", readSend},
-                                    {"upload", readUpload},
-                                    {"expect", readText},
-                                    {"bare", readFlag<&Step::bare>},
-                                    {"closes", readFlag<&Step::closes>},
-                                    kReconnect})},
-    {"script", true, [](const Step &step, const Variables &) { return "script " + step.file->name; },
-     join(join(kOnBoard, kJudged), join(kPrinting, {{"script", readFileKey}, kReconnect}))},
-    {"verify", true,
-     [](const Step &step, const Variables &) {
-         return fmt::format("verify partition {} against {}", step.partition, step.file->name);
-     },
-     join(kOnBoard, {{"verify", readFileKey},
-                     {"partition", readWhole<&Step::partition, 0, 1000>},
-                     {"erased", readFlag<&Step::erased>}})},
-    {"ask", false, [](const Step &step, const Variables &) { return "ask " + step.ask; },
-     join(join(kEveryStep, kJudged), {{"ask", readAsk}, {"prompt", readPrompt}})},
-    // Of the command only its first word: what follows may be a password.
-    {"run", false,
-     [](const Step &step, const Variables &) { return "run " + step.run.substr(0, step.run.find_first_of(" \n")); },
-     join(join(kRepeated, kJudged), join(kPrinting, {{"run", readRun}, kReconnect}))},
-}};
-
-size_t kindOf(const YAML::Node &node) {
+Kind kindOf(const YAML::Node &node) {
     if (!node.IsMap()) throw Fault{node.Mark(), "a step is a map of keys"};
-    const auto *const kind =
-        std::find_if(kKinds.begin(), kKinds.end(), [&](const KindOfStep &row) { return node[row.word].IsDefined(); });
-    if (kind == kKinds.end())
-        throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\", \"ask\" or \"run\""};
-    return static_cast<size_t>(kind - kKinds.begin());
+    for (size_t kind = 0; kind < kWords.size(); ++kind) {
+        if (node[kWords[kind]]) return static_cast<Kind>(kind);
+    }
+    throw Fault{node.Mark(), "a step needs \"send\", \"script\", \"verify\", \"ask\" or \"run\""};
 }
-
-// What can only be told when all keys of a step are known.
-struct Rule {
-    const char *key;  // that is wrong; empty: the step
-    bool (*broken)(const Step &step);
-    const char *text;
-};
-
-bool isGroup(const Step &step, const std::string &name) {
-    return step.expected.match && step.expected.match->groups().contains(name);
-}
-
-constexpr Rule kRules[] = {
-    {"match", [](const Step &step) { return step.expected.text && step.expected.match; },
-     "the whole text and a match exclude each other"},
-    {"", [](const Step &step) { return step.kind == Kind::kVerify && step.partition < 0; },
-     "\"verify\" needs \"partition\""},
-    {"", [](const Step &step) { return step.kind == Kind::kCommand && !step.expected && !step.reconnect; },
-     "a command needs \"expect\" or \"match\""},
-    {"", [](const Step &step) { return step.kind == Kind::kAsk && step.prompt.empty(); }, "\"ask\" needs \"prompt\""},
-    {"problem",
-     [](const Step &step) {
-         const bool status = step.kind == Kind::kScript || step.kind == Kind::kRun;
-         return !step.expected.problem.empty() && !step.expected && !status;
-     },
-     "\"problem\" is what people read when a \"match\" or a text is not met: the step has none"},
-    {"bare", [](const Step &step) { return step.bare && step.file; },
-     "the board would take the payload for a part of a bare command"},
-    {"retries",
-     [](const Step &step) {
-         return step.retries > 0 && !step.reconnect && (step.closes || roleOf(step.send) == Role::kEnd);
-     },
-     "a step that ends the session cannot be tried again"},
-    {"limits",
-     [](const Step &step) {
-         return std::any_of(step.limits.begin(), step.limits.end(),
-                            [&](const Limit &limit) { return !isGroup(step, limit.group); });
-     },
-     "a limit is of a named group of \"match\", as in (?P<volt>[0-9.]+)"},
-    {"whose", [](const Step &step) { return !step.whose.empty() && !isGroup(step, step.whose); },
-     "the address is a named group of \"match\", as in (?P<wire>[0-9A-F:]+)"},
-};
 
 // Returns the fault, empty for none.
 std::string takeFrom(Draft &draft, const std::string &pool) {
-    Loader &loader = draft.loader;
-    if (!loader.names.variables.contains("serial")) {
+    if (!draft.loader.known.variables.contains("serial"))
         return fmt::format("{{{}}} is taken for a unit: no step before says its {{serial}}", pool);
-    }
-    const int needed = addressesIn(draft.step.send, draft.step.expected.text.value_or(""));
+    const int needed = addressesIn(draft.send, draft.expected.text.value_or(""));
     const int count = draft.take > 0 ? draft.take : needed;
-    if (count < 1 || count > kMostTaken) {
-        return fmt::format("how many addresses are taken? Say \"take\", or \"expect\" the reply with their number,"
+    if (count < 1 || count > kMostTaken)
+        return fmt::format("how many addresses are taken? Add \"take\", or \"expect\" the reply with their number,"
                            " 1 to {}",
                            kMostTaken);
-    }
-    draft.step.takes.push_back({pool, count});
-    loader.taken[pool] = std::max(loader.taken[pool], count);
+    draft.takes.push_back({pool, count});
+    int &most = draft.loader.taken[pool];
+    most = std::max(most, count);
     return {};
-}
-
-// Returns why nobody could say whose the step's address is; empty: the store can.
-std::string faultOfWhose(const Draft &draft) {
-    const Names &names = draft.loader.names;
-    if (draft.step.whose.empty()) return {};
-    if (names.pools.empty()) return "addresses are looked up in the pools of the line's store, which has none";
-    const bool named = names.variables.contains("serial") || isGroup(draft.step, "serial");
-    return named ? "" : "the address is compared with those of a unit: no step before says its {serial}";
 }
 
 std::string faultOfTwo(const std::string &name) {
@@ -377,11 +238,10 @@ std::string faultOfTwo(const std::string &name) {
 
 // Returns what is wrong with {name} in a text of the step, empty for nothing.
 std::string resolve(Draft &draft, const std::string &name) {
-    const Names &names = draft.loader.names;
-    const bool pool = names.pools.contains(name), variable = names.variables.contains(name);
-    if (pool && variable) return faultOfTwo(name);
-    if (draft.step.known.contains(name) || variable) return {};
-    if (pool) return takeFrom(draft, name);
+    const auto &[variables, pools] = draft.loader.known;
+    if (pools.contains(name) && variables.contains(name)) return faultOfTwo(name);
+    if (draft.known.contains(name) || variables.contains(name)) return {};
+    if (pools.contains(name)) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
     return fmt::format("nothing fills {{{}}}: no step before, nothing of the line, no pool of its store", name);
 }
@@ -389,171 +249,176 @@ std::string resolve(Draft &draft, const std::string &name) {
 // What the step is about to send, as far as it is known now.
 std::string faultOfSend(const Step &step) {
     if (step.kind != Kind::kCommand) return {};
-    const auto unknown = [&](const std::string &name) { return !step.known.contains(name); };
     const std::set<std::string> names = namesIn(step.send);
-    const bool complete = std::none_of(names.begin(), names.end(), unknown);
+    const bool complete =
+        std::all_of(names.begin(), names.end(), [&](const std::string &name) { return step.known.contains(name); });
     const std::string start = fill(step.send, step.known);
     const std::string text = complete ? expand(step.send, step.known) : start.substr(0, start.find('{'));
     const auto payload = step.file ? std::optional<uint64_t>(step.file->bytes->size()) : std::nullopt;
     return faultOf({text, complete, payload, step.bare});
 }
 
-void checkFiles(const Draft &draft, std::vector<Fault> &faults) {
-    const auto fail = [&](const char *key, std::string text) { faults.push_back({draft.mark(key), std::move(text)}); };
-    if (draft.files.empty() && (draft.empty || !draft.sha256.empty())) fail("sha256", "the step has no file");
+void checkFiles(Draft &draft) {
+    draft.faultIf(draft.files.empty() && (draft.emptyAllowed || !draft.pin.empty()), "sha256", "the step has no file");
     for (const PlanFile &file : draft.files) {
-        if (file.size == 0 && !draft.empty)
-            fail("", fmt::format("{} is empty: if it must be, say \"empty: true\"", file.name));
-        if (draft.sha256.empty() || draft.sha256 == file.sha256) continue;
-        fail("sha256", fmt::format("{} is another file: its SHA-256 is {}", file.name, file.sha256));
+        if (file.size == 0 && !draft.emptyAllowed)
+            draft.fault("", fmt::format("{} is empty: if it must be, add \"empty: true\"", file.name));
+        if (!draft.pin.empty() && draft.pin != file.sha256)
+            draft.fault("sha256", fmt::format("{} is another file: its SHA-256 is {}", file.name, file.sha256));
     }
 }
 
-void completeStep(Draft &draft) {
-    std::vector<Fault> &faults = draft.loader.faults;
-    checkFiles(draft, faults);
-    if (const auto &picture = draft.step.picture) draft.files.push_back(fileOf(picture->name, *picture));
-    if (draft.program) draft.files.push_back(*draft.program);
-    for (const Rule &rule : kRules) {
-        if (rule.broken(draft.step)) faults.push_back({draft.mark(rule.key), rule.text});
+// Checks what can only be told when all keys of a step are known.
+void checkKeys(Draft &draft) {
+    const auto &[text, match, problem] = draft.expected;
+    const std::set<std::string> groups = match ? match->groups() : std::set<std::string>();
+    const bool ends = (draft.closes || boardCommand(draft.send).role == Role::kEnd) && !draft.reconnect;
+    draft.faultIf(text && match, "match", "the whole text and a match exclude each other");
+    draft.faultIf(draft.kind == Kind::kVerify && draft.partition < 0, "", "\"verify\" needs \"partition\"");
+    draft.faultIf(draft.kind == Kind::kAsk && draft.prompt.empty(), "", "\"ask\" needs \"prompt\"");
+    draft.faultIf(draft.kind == Kind::kCommand && !draft.expected && !draft.reconnect, "",
+                  "a command needs \"expect\" or \"match\"");
+    draft.faultIf(!problem.empty() && !draft.expected && draft.kind != Kind::kScript && draft.kind != Kind::kRun,
+                  "problem",
+                  "\"problem\" is what people read when a \"match\" or a text is not met: the step has none");
+    draft.faultIf(draft.bare && draft.file, "bare", "the board would take the payload for a part of a bare command");
+    draft.faultIf(draft.retries > 0 && ends, "retries", "a step that ends the session cannot be tried again");
+    for (const Limit &limit : draft.limits) {
+        if (!groups.contains(limit.group))
+            draft.fault("limits", fmt::format("\"match\" has no group (?P<{}>...) to limit", limit.group));
     }
+    if (draft.whose.empty()) return;
+    const Names &known = draft.loader.known;
+    draft.faultIf(!groups.contains(draft.whose), "whose",
+                  "the address is a named group of \"match\", as in (?P<wire>[0-9A-F:]+)");
+    draft.faultIf(known.pools.empty(), "whose",
+                  "addresses are looked up in the pools of the line's store, which has none");
+    draft.faultIf(!known.pools.empty() && !known.variables.contains("serial") && !groups.contains("serial"), "whose",
+                  "the address is compared with those of a unit: no step before says its {serial}");
+}
+
+void checkStep(Draft &draft) {
+    checkFiles(draft);
+    checkKeys(draft);
     for (const auto &[name, mark] : draft.names) {
-        if (const std::string fault = resolve(draft, name); !fault.empty()) faults.push_back({mark, fault});
+        if (const std::string fault = resolve(draft, name); !fault.empty())
+            draft.loader.faults.push_back({mark, fault});
     }
-    if (draft.take > 0 && draft.step.takes.empty())
-        faults.push_back({draft.mark("take"), "\"take\" needs a text that names a pool, as {mac}"});
-    if (const std::string fault = faultOfWhose(draft); !fault.empty()) faults.push_back({draft.mark("whose"), fault});
-    if (const std::string fault = faultOfSend(draft.step); !fault.empty())
-        faults.push_back({draft.mark("send"), fault});
+    draft.faultIf(draft.take > 0 && draft.takes.empty(), "take", "\"take\" needs a text that names a pool, as {mac}");
+    draft.fault("send", faultOfSend(draft));
 }
 
-// From here on the later steps know what this one finds out.
-void learn(const Draft &draft) {
-    Loader &loader = draft.loader;
-    std::set<std::string> found;
-    if (draft.step.expected.match) found = draft.step.expected.match->groups();
-    if (!draft.step.ask.empty()) found.insert(draft.step.ask);
-    for (const std::string &name : found) {
-        if (loader.taken.contains(name)) loader.faults.push_back({draft.node.Mark(), faultOfTwo(name)});
-        loader.names.variables.insert(name);
+// Makes the step, and what it finds out, known to the later steps.
+void addStep(Loader &loader, Draft &draft) {
+    for (const std::string &name : draft.fills()) {
+        if (loader.taken.contains(name)) draft.fault("", faultOfTwo(name));
+        loader.known.variables.insert(name);
     }
+    draft.files.insert(draft.files.end(), draft.others.begin(), draft.others.end());
+    for (PlanFile &file : draft.files) {
+        file.step = loader.steps.size() + 1;
+        loader.files.push_back(std::move(file));
+    }
+    loader.course.follow(draft, draft.node.Mark(), loader.timeout || draft.node["timeout"]);
+    loader.steps.push_back(std::move(draft));
 }
 
-Draft readStep(Loader &loader, const YAML::Node &node) {
-    Draft draft{loader, node};
+void readStep(Loader &loader, const YAML::Node &node) {
     const size_t before = loader.faults.size();
-    try {
-        const size_t kind = kindOf(node);
-        draft.step.kind = static_cast<Kind>(kind);
-        draft.step.timeout = draft.step.kind == Kind::kAsk ? kAnswerTime : loader.timeout;
-        draft.timed = loader.timed;
-        readMap(node, kKinds[kind].keys, fmt::format("in a \"{}\" step", kKinds[kind].word), draft, loader.faults);
-    } catch (Fault &fault) {
-        loader.faults.push_back(std::move(fault));
-    }
+    Draft draft{{}, loader, node};
+    draft.kind = kindOf(node);
+    draft.timeout = draft.kind == Kind::kAsk ? kAnswerTime : loader.timeout.value_or(draft.timeout);
+    readMap(node, keysOf(draft.kind), draft, loader.faults);
     // A step with a wrong key would only be found incomplete for that.
-    if (loader.faults.size() == before) completeStep(draft);
-    learn(draft);
-    return draft;
+    if (loader.faults.size() == before) checkStep(draft);
+    addStep(loader, draft);
 }
 
 const Keys<Loader> kDefaultKeys = {
-    {"timeout",
-     [](Loader &loader, const Entry &value) {
-         loader.timeout = value.seconds();
-         loader.timed = true;
-     }},
-    {"files",
-     [](Loader &loader, const Entry &value) {
-         if (loader.ownFolder) loader.folder /= value.text();
-     }},
-};
+    "\"defaults\"", {{"timeout", set<&Loader::timeout>}, {"files", [](Loader &loader, const Entry &value) {
+                                                              if (loader.ownFolder) loader.folder /= value.text();
+                                                          }}}};
 
 void readAgain(Loader &loader, const Entry &value) {
-    static const std::map<std::string, Again> kWords = {
+    static const std::map<std::string, Again> kChoices = {
         {"ask", Again::kAsk}, {"refuse", Again::kRefuse}, {"allow", Again::kAllow}};
-    const auto found = kWords.find(value.text());
-    if (found == kWords.end()) value.fail("expected ask, refuse or allow");
-    loader.plan.again = found->second;
+    const auto found = kChoices.find(value.text());
+    if (found == kChoices.end()) value.fail("expected ask, refuse or allow");
+    loader.again = found->second;
 }
 
 const Keys<Loader> kPlanKeys = {
-    {"name", [](Loader &loader, const Entry &value) { loader.plan.name = value.part(); }},
-    {"probe", [](Loader &loader, const Entry &value) { loader.plan.probe = value.flag(); }},
-    {"again", readAgain},
-    {"attempts", [](Loader &loader, const Entry &value) { loader.plan.attempts = value.whole(1, kMostAttempts); }},
-    {"defaults",
-     [](Loader &loader, const Entry &value) {
-         readMap(value.node, kDefaultKeys, "in \"defaults\"", loader, loader.faults);
-     }},
-    {"steps", [](Loader &loader, const Entry &value) { loader.steps.reset(value.node); }},
-};
+    "a plan",
+    {{"name", [](Loader &loader, const Entry &value) { loader.name = value.part(); }},
+     {"probe", set<&Plan::probe>},
+     {"again", readAgain},
+     {"attempts", setWhole<&Plan::attempts, 1, 100>},
+     {"defaults", [](Loader &loader, const Entry &value) { readMap(value.node, kDefaultKeys, loader, loader.faults); }},
+     {"steps", [](Loader &loader, const Entry &value) { loader.list.reset(value.node); }}}};
 
-void readPlan(Loader &loader, const YAML::Node &document) {
-    if (document.IsMap()) {
-        readMap(document, kPlanKeys, "in a plan", loader, loader.faults);
-    } else {
-        loader.steps.reset(document);
-    }
-    if (!loader.steps.IsSequence() || loader.steps.size() == 0) {
+void readSteps(Loader &loader, const YAML::Node &document) {
+    loader.list.reset(document);
+    if (document.IsMap()) readMap(document, kPlanKeys, loader, loader.faults);
+    if (!loader.list.IsSequence() || loader.list.size() == 0)
         throw Fault{document.Mark(), "a plan is a list of steps, or a map with \"steps\""};
-    }
-    if (loader.steps.size() > kMostSteps) {
+    if (loader.list.size() > kMostSteps)
         throw Fault{document.Mark(), fmt::format("a plan has at most {} steps", kMostSteps)};
-    }
-    for (const YAML::Node &node : loader.steps) loader.drafts.push_back(readStep(loader, node));
-}
-
-// Numbers the files. Digests the plan and them.
-void digestPlan(Loader &loader, const std::string &text) {
-    Digest digest("SHA256");
-    digest.feed(text);
-    for (size_t i = 0; i < loader.drafts.size(); ++i) {
-        for (PlanFile &file : loader.drafts[i].files) {
-            file.step = i + 1;
-            digest.feed(file.sha256);
-            loader.plan.files.push_back(std::move(file));
+    for (const YAML::Node &node : loader.list) {
+        try {
+            readStep(loader, node);
+        } catch (Fault &fault) {
+            loader.faults.push_back(std::move(fault));
         }
     }
-    loader.plan.digest = digest.text();
-}
-
-void finishPlan(Loader &loader) {
-    std::vector<StepSource> sources;
-    for (Draft &draft : loader.drafts) {
-        for (Taken &taken : draft.step.takes) taken.count = loader.taken[taken.pool];
-        sources.push_back({draft.step, draft.node, draft.timed});
+    loader.course.end();
+    for (Step &step : loader.steps) {
+        for (Taken &taken : step.takes) taken.count = loader.taken[taken.pool];
     }
-    review(sources, loader.faults, loader.warnings);
-    for (Draft &draft : loader.drafts) loader.plan.steps.push_back(std::move(draft.step));
 }
 
 }  // namespace
 
-bool Step::needsBoard() const { return kKinds[static_cast<size_t>(kind)].needsBoard; }
+bool Step::needsBoard() const { return kind != Kind::kAsk && kind != Kind::kRun; }
+
+std::set<std::string> Step::fills() const {
+    std::set<std::string> names = expected.match ? expected.match->groups() : std::set<std::string>();
+    if (!ask.empty()) names.insert(ask);
+    return names;
+}
 
 std::string Step::title(const Variables &variables) const {
-    return name.empty() ? kKinds[static_cast<size_t>(kind)].title(*this, variables) : fill(name, variables);
+    if (!name.empty()) return fill(name, variables);
+    if (kind == Kind::kScript) return "script " + file->name;
+    if (kind == Kind::kVerify) return fmt::format("verify partition {} against {}", partition, file->name);
+    if (kind == Kind::kAsk) return "ask " + ask;
+    // Of a command for the shell only its first word: what follows may be a password.
+    if (kind == Kind::kRun) return "run " + run.substr(0, run.find_first_of(" \n"));
+    Variables values = known;
+    values.insert(variables.begin(), variables.end());
+    return fill(send, values) + (file ? fmt::format("  [{}]", file->name) : "");
 }
 
 Plan loadPlan(const fs::path &path, const fs::path &files, const Names &names) {
-    Loader loader{files.empty() ? path.parent_path() : files, files.empty(), names};
-    loader.plan.name = path.stem().string();
+    Loader loader;
+    loader.ownFolder = files.empty();
+    loader.folder = files.empty() ? path.parent_path() : files;
+    loader.known = names;
+    loader.name = path.stem().string();
+    Digest digest("SHA256");
     try {
         std::string text;
-        readPlan(loader, loadDocument(path, &text));
-        digestPlan(loader, text);
-        if (const std::string fault = faultOfPart(loader.plan.name); !fault.empty()) {
+        readSteps(loader, loadDocument(path, &text));
+        digest.feed(text);
+        if (const std::string fault = faultOfPart(loader.name); !fault.empty())
             throw Fault{YAML::Mark::null_mark(), "without \"name\" a plan has its file's: " + fault};
-        }
-        finishPlan(loader);
-        loader.plan.folder = loader.folder;
     } catch (Fault &fault) {
         loader.faults.push_back(std::move(fault));
     }
     if (!loader.faults.empty()) throw PlanError(describe(path, loader.faults));
-    loader.plan.warnings = describe(path, loader.warnings);
-    return std::move(loader.plan);
+    for (const PlanFile &file : loader.files) digest.feed(file.sha256);
+    loader.digest = digest.text();
+    loader.warnings = describe(path, loader.warned);
+    return loader;
 }
 
 }  // namespace station

@@ -17,6 +17,8 @@
 
 namespace station {
 
+constexpr std::chrono::hours kAnswerTime(1);  // for an operator, who may be at another place of the line
+
 enum class Kind { kCommand, kScript, kVerify, kAsk, kRun };
 
 // The limits of a named group, which must be a number.
@@ -61,6 +63,9 @@ struct Step {
 
     // Returns true when the step needs a connection to the board.
     bool needsBoard() const;
+
+    // Returns the variables that the step fills: the operator's answer, and the named groups of its match.
+    std::set<std::string> fills() const;
 
     // Returns the step's title for people: its name, its command, or what it does with which file. Fills in {name} as
     // far as the variables are known.

@@ -1,5 +1,6 @@
 #include "station/plan/yaml.h"
 
+#include <yaml-cpp/depthguard.h>
 #include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/parser.h>
 
@@ -13,29 +14,37 @@
 #include "station/base/text.h"
 
 namespace station {
-
 namespace {
 
 // Lets one document pass. The library's LoadAll() never ends on some texts: a ',' at a line's start is an empty
 // document to it, again and again; and Load() ignores what follows the first.
 class OneDocument : public YAML::EventHandler {
-public:
-    void OnDocumentStart(const YAML::Mark &mark) override {
+    using Mark = YAML::Mark;
+    using Text = std::string;
+    using Style = YAML::EmitterStyle::value;
+
+    void OnDocumentStart(const Mark &mark) override {
         if (std::exchange(started_, true))
             throw Fault{mark, "a second document begins here, and a file has one: look for a wrong character"};
     }
     void OnDocumentEnd() override {}
-    void OnNull(const YAML::Mark &, YAML::anchor_t) override {}
-    void OnAlias(const YAML::Mark &, YAML::anchor_t) override {}
-    void OnScalar(const YAML::Mark &, const std::string &, YAML::anchor_t, const std::string &) override {}
-    void OnSequenceStart(const YAML::Mark &, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnNull(const Mark &, size_t) override {}
+    void OnAlias(const Mark &, size_t) override {}
+    void OnScalar(const Mark &, const Text &, size_t, const Text &) override {}
+    void OnSequenceStart(const Mark &, const Text &, size_t, Style) override {}
     void OnSequenceEnd() override {}
-    void OnMapStart(const YAML::Mark &, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override {}
+    void OnMapStart(const Mark &, const Text &, size_t, Style) override {}
     void OnMapEnd() override {}
 
-private:
     bool started_ = false;
 };
+
+template <typename T>
+T readAs(const Entry &value, const char *kind) try {
+    return value.node.as<T>();
+} catch (const YAML::Exception &) {
+    value.fail(fmt::format("expected {}", kind));
+}
 
 }  // namespace
 
@@ -46,8 +55,10 @@ YAML::Node parseDocument(const std::string &text) try {
     while (parser.HandleNextDocument(one)) {
     }
     return YAML::Load(text);
+} catch (const YAML::DeepRecursion &error) {
+    throw Fault{error.mark, "brackets or indents are nested too deeply here"};
 } catch (const YAML::Exception &error) {
-    throw Fault{error.mark, error.msg};
+    throw Fault{error.mark, fmt::format("not YAML: {}; look for a wrong character, quote or indent", error.msg)};
 }
 
 YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) try {
@@ -58,16 +69,15 @@ YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) tr
     throw Fault{YAML::Mark::null_mark(), error.what()};
 }
 
-std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults) {
+std::string describe(const std::filesystem::path &path, const Faults &faults) {
     std::string text;
-    for (const Fault &fault : faults) {
-        text += text.empty() ? "" : "\n";
-        const std::string words = oneLine(fault.text);  // what it quotes may have several
-        text += fault.mark.is_null()
-                    ? fmt::format("{}: {}", path.string(), words)
-                    : fmt::format("{}:{}:{}: {}", path.string(), fault.mark.line + 1, fault.mark.column + 1, words);
+    for (size_t i = 0; i < std::min(faults.size(), kMostFaults); ++i) {
+        const auto &[mark, words] = faults[i];
+        const std::string at = mark.is_null() ? "" : fmt::format("{}:{}:", mark.line + 1, mark.column + 1);
+        text += fmt::format("{}{}:{} {}", i == 0 ? "" : "\n", path.string(), at, oneLine(words));
     }
-    return text;
+    if (faults.size() <= kMostFaults) return text;
+    return text + fmt::format("\n{}: {} more faults", path.string(), faults.size() - kMostFaults);
 }
 
 std::string faultOfPart(const std::string &text) {
@@ -75,7 +85,7 @@ std::string faultOfPart(const std::string &text) {
     return fmt::format("a name that files get has at most {} bytes and no '/'", kLongestPart);
 }
 
-void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> &faults,
+void eachEntry(const YAML::Node &map, std::string_view what, Faults &faults,
                const std::function<void(const Entry &, const Entry &)> &take) {
     if (!map.IsMap()) return faults.push_back({map.Mark(), fmt::format("expected a map of {}", what)});
     std::set<std::string> seen;
@@ -86,12 +96,25 @@ void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> 
             take(key, {pair.second});
         } catch (Fault &fault) {
             faults.push_back(std::move(fault));
+        } catch (const std::exception &error) {
+            faults.push_back({pair.second.Mark(), error.what()});
         }
     }
 }
 
+void need(const YAML::Node &map, const std::string &name, const std::vector<std::string_view> &keys, Faults &faults) {
+    for (const std::string_view key : keys) {
+        if (!map[std::string(key)]) faults.push_back({map.Mark(), fmt::format("{} needs \"{}\"", name, key)});
+    }
+}
+
+void Entry::check(const std::string &fault) const {
+    if (!fault.empty()) fail(fault);
+}
+
 std::string Entry::text() const {
     if (!node.IsScalar()) fail("expected a text");
+    if (node.Tag().size() > 1) fail("a tag such as !!binary has no meaning here: remove it");
     return node.Scalar();
 }
 
@@ -105,26 +128,34 @@ std::string Entry::line() const {
 
 std::string Entry::part() const {
     std::string part = line();
-    if (const std::string fault = faultOfPart(part); !fault.empty()) fail(fault);
+    check(faultOfPart(part));
     return part;
 }
 
-double Entry::number() const {
-    const auto value = as<double>("a number");
-    if (!std::isfinite(value)) fail("expected a finite number");
-    return value;
+std::string Entry::command() const {
+    std::string command = text();
+    if (command.empty()) fail("a command is missing");
+    if (command.find('\0') != std::string::npos) fail("a command cannot have a NUL byte");
+    return command;
 }
 
 int Entry::whole(int least, int most) const {
-    const int value = as<int>("a whole number");
+    const int value = readAs<int>(*this, "a whole number");
     if (value < least || value > most) fail(fmt::format("expected a number from {} to {}", least, most));
     return value;
 }
 
-std::chrono::milliseconds Entry::seconds() const {
-    const auto value = as<double>("a number of seconds");
+void Entry::read(bool &to) const { to = readAs<bool>(*this, "true or false"); }
+
+void Entry::read(double &to) const {
+    to = readAs<double>(*this, "a number");
+    if (!std::isfinite(to)) fail("expected a finite number");
+}
+
+void Entry::read(std::chrono::milliseconds &to) const {
+    const auto value = readAs<double>(*this, "a number of seconds");
     if (!(value >= 0.001 && value <= 86400)) fail("a time limit lies between 0.001 and 86400 seconds");
-    return std::chrono::milliseconds(std::llround(value * 1000));
+    to = std::chrono::milliseconds(std::llround(value * 1000));
 }
 
 }  // namespace station

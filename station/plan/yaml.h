@@ -1,8 +1,8 @@
 #pragma once
 // Reads the station's YAML files, and finds all of their faults at once, each with its line and column.
 //
-//     const Keys<Limit> keys = {{"min", [](Limit &limit, const Entry &value) { limit.min = value.number(); }}};
-//     readMap(node, keys, "in a limit", limit, faults);
+//     const Keys<Limit> kKeys = {"a limit", {{"min", set<&Limit::min>}, {"unit", set<&Limit::unit>}}};
+//     readMap(node, kKeys, limit, faults);
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,8 +24,10 @@ struct Fault {
     YAML::Mark mark;
     std::string text;
 };
+using Faults = std::vector<Fault>;
 
 constexpr uint64_t kLargestFile = 1 << 18;  // bytes: a hundred times what people write
+constexpr size_t kMostFaults = 50;          // that are described
 
 // Reads the only document of a text, or of a file of at most kLargestFile bytes. Throws Fault, also for a second
 // document. Sets `read` to the file's text.
@@ -32,7 +35,7 @@ YAML::Node parseDocument(const std::string &text);
 YAML::Node loadDocument(const std::filesystem::path &path, std::string *read = nullptr);
 
 // Returns a line per fault: FILE:LINE:COLUMN: what is wrong.
-std::string describe(const std::filesystem::path &path, const std::vector<Fault> &faults);
+std::string describe(const std::filesystem::path &path, const Faults &faults);
 
 // The most bytes of a part of a file's name: the names of plan, place and run together stay below a file system's 255.
 constexpr size_t kLongestPart = 64;
@@ -45,42 +48,64 @@ struct Entry {
     YAML::Node node;
 
     [[noreturn]] void fail(std::string text) const { throw Fault{node.Mark(), std::move(text)}; }
+    void check(const std::string &fault) const;  // throws it unless it is empty
 
-    template <typename T>
-    T as(std::string_view kind) const {
-        try {
-            return node.as<T>();
-        } catch (const YAML::Exception &) {
-            fail(fmt::format("expected {}", kind));
-        }
-    }
     std::string text() const;
-    std::string line() const;  // a text without control characters that is not empty
-    std::string part() const;  // a line that can be part of a file's name, see kLongestPart
-    bool flag() const { return as<bool>("true or false"); }
-    double number() const;  // a finite one
+    std::string line() const;     // a text without control characters that is not empty
+    std::string part() const;     // a line that can be part of a file's name, see kLongestPart
+    std::string command() const;  // a text that is not empty
     int whole(int least, int most) const;
-    std::chrono::milliseconds seconds() const;  // 0.001 to a day
+
+    void read(std::string &to) const { to = line(); }
+    void read(bool &to) const;
+    void read(double &to) const;                     // a finite one
+    void read(std::chrono::milliseconds &to) const;  // 0.001 to 86400 seconds
+    template <typename T>
+    void read(std::optional<T> &to) const {
+        read(to.emplace());
+    }
 };
 
-// The keys that a map may have, each with the function that stores its value.
-template <typename Target>
-using Keys = std::map<std::string_view, void (*)(Target &target, const Entry &value)>;
+// Functions for Keys: they store the value in a member of the target.
+template <auto Member, typename Target>
+void set(Target &target, const Entry &value) {
+    value.read(target.*Member);
+}
+template <auto Member, int Least, int Most, typename Target>
+void setWhole(Target &target, const Entry &value) {
+    target.*Member = value.whole(Least, Most);
+}
 
-// Calls `take` for each entry of a map. Adds the faults that it throws, and duplicate keys, to `faults`. `what`
-// completes the message `expected a map of ...`.
-void eachEntry(const YAML::Node &map, std::string_view what, std::vector<Fault> &faults,
+// The functions that store the values of a map, by key.
+template <typename Target>
+using Readers = std::map<std::string_view, void (*)(Target &target, const Entry &value)>;
+
+// The keys that a map may have, and those that it needs.
+template <typename Target>
+struct Keys {
+    std::string name;  // of the map, as in: a line needs "plan"
+    Readers<Target> readers;
+    std::vector<std::string_view> needed = {};
+};
+
+// Calls `take` for each entry of a map. Adds duplicate keys and what it throws, Fault or an exception, to `faults`.
+// `what` completes the message `expected a map of ...`.
+void eachEntry(const YAML::Node &map, std::string_view what, Faults &faults,
                const std::function<void(const Entry &key, const Entry &value)> &take);
 
-// Reads a map into `target`, and adds its faults to `faults`. `where` completes the message `unknown key "KEY" ...`.
+// Adds a fault for each key that is not there.
+void need(const YAML::Node &map, const std::string &name, const std::vector<std::string_view> &keys, Faults &faults);
+
+// Reads a map into `target`, and adds its faults to `faults`.
 template <typename Target>
-void readMap(const YAML::Node &node, const Keys<Target> &keys, std::string_view where, Target &target,
-             std::vector<Fault> &faults) {
-    eachEntry(node, fmt::format("keys {}", where), faults, [&](const Entry &key, const Entry &value) {
-        const auto read = keys.find(key.text());
-        if (read == keys.end()) key.fail(fmt::format("unknown key \"{}\" {}", key.text(), where));
-        read->second(target, value);
+void readMap(const YAML::Node &node, const Keys<Target> &keys, Target &target, Faults &faults) {
+    const size_t before = faults.size();
+    eachEntry(node, "keys", faults, [&](const Entry &key, const Entry &value) {
+        const auto reader = keys.readers.find(key.text());
+        if (reader == keys.readers.end()) key.fail(fmt::format("unknown key \"{}\" in {}", key.text(), keys.name));
+        reader->second(target, value);
     });
+    if (faults.size() == before) need(node, keys.name, keys.needed, faults);  // a key may only be misspelled
 }
 
 }  // namespace station

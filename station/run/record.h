@@ -18,6 +18,7 @@ namespace station {
 struct Place {
     int number = 1;    // from 1, in the order of the line's file or of the interfaces
     std::string name;  // from the line's file, or the interface's, or the number; fit for a file's name
+    bool operator==(const Place &) const = default;
 };
 
 // The process that made a record.
