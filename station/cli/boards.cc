@@ -136,6 +136,7 @@ std::string startOf(const Task &task, uint16_t port) {
 // that makes the line do what the file says; if the file has a fault, only the observer is told.
 std::function<void()> reload(const Task &task, Line &line, Observer &observer) try {
     if (task.path.empty()) return [] {};
+    awaitWriters(task.path);
     const LineFile file = loadLine(task.path, poolNames);
     needAnswers(file, task.line.page.has_value(), task.json);
     return [job = std::make_shared<const Job>(file), path = file.sameStation(task.line) ? "" : task.path, &line,

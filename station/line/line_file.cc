@@ -4,6 +4,7 @@
 #include <re2/re2.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "station/base/text.h"
 #include "station/plan/yaml.h"
@@ -197,6 +198,18 @@ const Keys<LineDraft> kLineKeys = {
     {"places", "plan"}};
 
 }  // namespace
+
+void awaitWriters(const fs::path &path) {
+    const auto settle = [](const fs::path &file) {
+        std::error_code missing;
+        for (int looks = 0; looks < 50; ++looks) {
+            if (fs::file_time_type::clock::now() - fs::last_write_time(file, missing) > std::chrono::seconds(1)) return;
+            std::this_thread::sleep_for(Milliseconds(100));
+        }
+    };
+    settle(path);
+    settle(readLine(path).planPath);
+}
 
 bool isLineFile(const fs::path &path) try {
     const YAML::Node document = loadDocument(path);

@@ -50,6 +50,10 @@ struct LineFile : Site, Job {
     bool sameStation(const LineFile &other) const { return Site::operator==(other); }
 };
 
+// Waits, at most five seconds for each, until the line's file and its plan have not changed for a second: an editor or
+// a copy that still writes has left half a plan there, which can be one with fewer steps. Throws PlanError.
+void awaitWriters(const std::filesystem::path &path);
+
 // Returns true when the file is a line's rather than a plan.
 bool isLineFile(const std::filesystem::path &path);
 
