@@ -4,8 +4,8 @@
 The line's page in a real browser, driven by the keyboard alone: a station from the build in BUILD, boards that are a
 few lines of this file, and a headless Chromium, all in a network of their own.
 """
-import csv, glob, http.client, importlib.machinery, io, json, os, re, shutil, signal, socket, subprocess, sys, tarfile
-import tempfile, threading, unittest, urllib.parse, urllib.request
+import csv, glob, http.client, importlib.machinery, json, os, re, shutil, signal, socket, subprocess, sys, tarfile
+import tempfile, threading, unittest, urllib.parse
 
 if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
     user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
@@ -25,6 +25,7 @@ attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__
 # From scripts/setup, if npm is there.
 AXE = os.path.abspath(os.path.dirname(__file__) + '/../build/axe-core-4.14.1.tgz')
 SCHEMA = os.path.abspath(os.path.dirname(__file__) + '/../docs/api.schema.json')
+WORDS = os.path.dirname(SCHEMA) + '/../station/page/static/words.*.json'
 PATIENCE = 60  # seconds, for what takes much less on a machine that has nothing else to do
 PORT, PAGE = 55688, 8080
 AWAY = attack.STATION
@@ -59,6 +60,11 @@ MEASURE = '''
     }
     if (document.documentElement.scrollWidth > innerWidth) outside.push('the page is too wide');
     return outside;'''
+
+# Hints that end before their last line.
+CUT = '''
+    return [...document.querySelectorAll('.tile .hint')].filter(hint => hint.scrollHeight > hint.clientHeight + 2)
+        .map(hint => hint.textContent);'''
 
 # The heights of capital letters, in pixels.
 CAPS = '''
@@ -159,6 +165,15 @@ class Page(unittest.TestCase):
 
     def notice(self): return self.browser.find_element(By.ID, 'notice').text
 
+    def js(self, script, *arguments): return self.browser.execute_script(script, *arguments)
+
+    def serve(self, place, serial, verdict, *words, **replies):
+        """Has an operator name a board that comes to a place."""
+        Board(place, **replies)
+        self.asked(f'board {place}')
+        self.type(serial, Keys.ENTER)
+        self.sees(place, verdict, serial, *words)
+
     def question(self, place):
         tiles = json.loads(self.request('/api/line')[1])['places']
         return next(tile['ask']['question'] for tile in tiles if tile['number'] == place)
@@ -191,9 +206,8 @@ class Page(unittest.TestCase):
         self.asked('board 2')
         self.type('<script>alert(1)</script>', Keys.ENTER)
         self.sees(2, 'FAIL', '<script>a', 'PING <script>', 'See <b>cable 7</b>', '2/3')
-        width = 'return document.querySelector(".failed .picture").naturalWidth'
-        self.until(lambda: self.browser.execute_script(width) > 0)
-        self.assertEqual(self.browser.execute_script(MEASURE), [])
+        self.until(lambda: self.js('return document.querySelector(".failed .picture").naturalWidth') > 0)
+        self.assertEqual(self.js(MEASURE), [])
         self.asked('board 1')
         self.type('A-1', Keys.TAB)  # as some scanners end
         self.sees(1, 'PASS', 'A-1')
@@ -228,11 +242,14 @@ class Page(unittest.TestCase):
         self.type('9', Keys.ENTER, 'C-2', Keys.ENTER)
         self.sees(1, 'PASS', 'C-2')
 
+    def resize(self, width, height):
+        self.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', {
+            'width': width, 'height': height, 'deviceScaleFactor': 1, 'mobile': False})
+
     def pretend(self, tiles, size, **line):
         """Shows a made-up line in a window of that size, without the station."""
-        metrics = {'width': size[0], 'height': size[1], 'deviceScaleFactor': 1, 'mobile': False}
-        self.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', metrics)
-        self.browser.execute_script('''
+        self.resize(*size)
+        self.js('''
             connect = () => {};
             stream.onmessage = null;
             hear({data: JSON.stringify({version, places: arguments[0], line: arguments[1]})});
@@ -244,10 +261,9 @@ class Page(unittest.TestCase):
         """Has axe look for what keeps people from using the page that is shown; without axe, nothing looks."""
         if not os.path.exists(AXE): return
         with tarfile.open(AXE) as files: axe = files.extractfile('package/axe.min.js').read().decode()
-        self.browser.execute_script(axe)
-        found = self.browser.execute_async_script('axe.run().then(arguments[0])')
-        barriers = [(rule['id'], [node['html'] for node in rule['nodes']]) for rule in found['violations']]
-        self.assertEqual(barriers, [], page)
+        self.js(axe)
+        found = self.js('return axe.run()')['violations']
+        self.assertEqual([(rule['id'], [node['html'] for node in rule['nodes']]) for rule in found], [], page)
 
     def test_layout(self):
         """On each screen everything is on it. On the two that are read from afar it is large enough."""
@@ -271,9 +287,9 @@ class Page(unittest.TestCase):
             for count in 1, 4, 8, 16, 24, 64:
                 with self.subTest(size=size, count=count):
                     self.pretend([tiles[i % len(tiles)] for i in range(count)], size, troubles=3 * [40 * 'trouble '])
-                    self.assertEqual(self.browser.execute_script(MEASURE), [])
+                    self.assertEqual(self.js(MEASURE), [])
                     self.pretend([tiles[i % len(tiles)] for i in range(count)], size)
-                    caps = self.browser.execute_script(CAPS)
+                    caps = self.js(CAPS)
                     if count > 1: self.assertGreaterEqual(caps['.failed .verdict'], caps['.passed .verdict'])
                     for part, least in large.get((count, size[0]), {}).items():
                         self.assertGreaterEqual(caps['.failed .' + part], least, part)
@@ -285,14 +301,21 @@ class Page(unittest.TestCase):
         for words in 'longer than usual', 'Check this place', 'Switch the board off and on', 'HELD':
             self.assertIn(words, self.page())
         directions = "return [...document.querySelectorAll('.unit, .main')].map(e => getComputedStyle(e).direction)"
-        self.assertIn('rtl', self.browser.execute_script(directions))
+        self.assertIn('rtl', self.js(directions))
+        tiles[2:5] = [{'stage': 'again', 'name': 'bench-3', 'cause': cause, 'failure': failure, **ended}
+                      for cause in ('connection', 'station', 'operator')]
+        for path in glob.glob(WORDS):
+            with open(path) as file: self.js('words = arguments[0]', json.load(file))
+            for size in (1920, 1080), (1280, 800):
+                self.pretend(tiles, size)
+                self.assertEqual([self.js(script) for script in (MEASURE, CUT)], [[], []], path)
 
     def test_a_message_stays_with_its_board(self):
         """A label that is scanned twice says so beside its own board, and never beside the next one."""
         ask = lambda place: {'question': place, 'since': place, 'prompt': f'Scan {place}', 'problem': ''}
         asking = [{'stage': 'asking', 'name': f'bench-{place}', 'ask': ask(place)} for place in (1, 2)]
         self.pretend(asking, (1280, 800))
-        self.browser.execute_script('fetch = () => new Promise(() => {})')  # the station takes its time
+        self.js('fetch = () => new Promise(() => {})')  # the station takes its time
         self.type('A-1', Keys.ENTER, 'A-1', Keys.ENTER)
         self.until(lambda: 'A-1: not used' in self.notice())
         running = {'stage': 'running', 'name': 'bench-1', 'steps': 3, 'usual': 0}
@@ -305,19 +328,16 @@ class Page(unittest.TestCase):
         Board(1)
         self.asked('board 1')
         self.type('A-')
-        self.browser.execute_script('''
-            mark = 1;
-            hear({data: JSON.stringify({version: 'next', places: [...tiles.values()].map(tile => tile.place)})});''')
+        self.js("mark = 1; hear({data: JSON.stringify({version: 'next', places: [tiles.get(1).place]})})")
         self.type('6', Keys.ENTER)
+        self.until(lambda: self.js("return typeof mark === 'undefined' && tiles.size") == 2)
         self.sees(1, 'PASS', 'A-6')
-        self.until(lambda: self.browser.execute_script('return typeof mark') == 'undefined')
 
     def test_languages(self):
         """Each language has each word with its values. The line's file chooses one, or has a file of its own; it names
         places in any language."""
-        folder = os.path.dirname(SCHEMA) + '/../station/page/static/'
         texts = {}
-        for path in glob.glob(folder + 'words.*.json'):
+        for path in glob.glob(WORDS):
             with open(path) as file: texts[path.split('.')[-2]] = json.load(file)
         values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
         with open('own.json', 'w') as file: json.dump({**texts['en'], 'language': 'ar', 'direction': 'rtl'}, file)
@@ -333,9 +353,8 @@ class Page(unittest.TestCase):
                 self.open()
                 self.sees(1, words['waiting'])
                 self.assertIn(words['stepsKey'], self.page())
-                post = "post('/seen', {place: 1}).then(arguments[0])"
-                self.assertEqual(self.browser.execute_async_script(post), words['nothingSeen'])
-            self.assertEqual(self.browser.execute_script('return document.documentElement.dir'), 'rtl')
+                self.assertEqual(self.js("return post('/seen', {place: 1})"), words['nothingSeen'])
+            self.assertEqual(self.js('return document.documentElement.dir'), 'rtl')
             Board(1)
             self.asked('Prüfplatz 3')
             self.type('A-1', Keys.ENTER)
@@ -346,10 +365,7 @@ class Page(unittest.TestCase):
 
     def test_steps_and_seen(self):
         """An engineer looks at what a place did so far. Whoever has seen a verdict says so."""
-        Board(1, PING='PING 9')
-        self.asked('board 1')
-        self.type('A-1', Keys.ENTER)
-        self.sees(1, 'FAIL')
+        self.serve(1, 'A-1', 'FAIL', PING='PING 9')
         self.type(Keys.F6, '1', Keys.ENTER)
         look = self.browser.find_element(By.ID, 'look')
         self.until(lambda: all(word in look.text for word in ('A-1', 'ports 9 (1 – 4)', '3 BYE')))
@@ -380,13 +396,9 @@ class Page(unittest.TestCase):
     def test_history(self):
         """An engineer scans a label and reads why the unit failed. Chart, table, file and data say the same."""
         for serial, ports, verdict in (('<b>7</b>', 9, 'FAIL'), ('A-7', 2, 'PASS')):
-            Board(1, PING=f'PING {ports}')
-            self.asked('board 1')
-            self.type(serial, Keys.ENTER)
-            self.sees(1, verdict, serial)
+            self.serve(1, serial, verdict, PING=f'PING {ports}')
         find = lambda selector: self.browser.find_elements(By.CSS_SELECTOR, selector)
-        address = f'http://127.0.0.1:{PAGE}/'
-        self.browser.get(address + 'summary?since=7d')
+        self.browser.get(f'http://127.0.0.1:{PAGE}/summary?since=7d')
         self.until(lambda: len(find('canvas')) == 2)
         self.accessible('/summary')
         self.type('<b>7</b>', Keys.ENTER)
@@ -397,35 +409,30 @@ class Page(unittest.TestCase):
         run = urllib.parse.parse_qs(urllib.parse.urlsplit(self.browser.current_url).query)['run'][0]
         self.browser.find_element(By.LINK_TEXT, 'ports').send_keys(Keys.ENTER)
         self.until(lambda: find('canvas'))
-        with urllib.request.urlopen(address + 'value.csv?name=ports&table=readings', timeout=PATIENCE) as file:
-            lines = list(csv.DictReader(io.TextIOWrapper(file)))
+        content = lambda path: self.request(path)[1].decode()
+        lines = list(csv.DictReader(content('/value.csv?name=ports&table=readings').splitlines()))
         self.assertEqual([len(lines), len(find('details:last-of-type tbody tr'))], [2, 2])
-        hints = self.browser.execute_script('''
+        hints = self.js('''
             const chart = Chart.getChart(document.querySelector('canvas'));
-            return chart.data.datasets.flatMap((set, index) => set.data.map((point, at) => {
-                chart.tooltip.setActiveElements([{datasetIndex: index, index: at}], {x: 0, y: 0});
+            return chart.data.datasets.flatMap((set, datasetIndex) => set.data.map((point, index) => {
+                chart.tooltip.setActiveElements([{datasetIndex, index}], {x: 0, y: 0});
                 chart.update();
                 return chart.tooltip.body.flatMap(part => part.lines).join(' ');
             }));''')
         for line in lines:
             self.assertTrue(any(f'{line["value"]}  {line["verdict"]} {line["serial"]}' in hint for hint in hints), hints)
         self.assertIn('maximum 4 ', hints)
-        with urllib.request.urlopen(address + 'value?name=ports', timeout=PATIENCE) as file: plain = file.read().decode()
-        for line in lines: self.assertIn(f'title="{line["run"]}"', plain)
+        for line in lines: self.assertIn(f'title="{line["run"]}"', content('/value?name=ports'))
         with open(SCHEMA) as file: schema = jsonschema.Draft202012Validator(json.load(file))
         for page in 'summary', 'runs', f'run?run={run}', 'units', 'unit?serial=A-7', 'value?name=ports':
-            with self.subTest(page=page), urllib.request.urlopen(f'{address}api/{page}', timeout=PATIENCE) as file:
-                document = json.load(file)
+            with self.subTest(page=page):
+                document = json.loads(content('/api/' + page))
                 schema.validate(document)
                 self.assertTrue(any(table['rows'] for table in document['tables'].values()))
 
     def test_filters(self):
         """What an engineer chose stays chosen wherever a link leads, and paper has every column."""
-        for place, serial in (1, 'A-1'), (2, 'A-2'), (2, 'A-3'):
-            Board(place)
-            self.asked(f'board {place}')
-            self.type(serial, Keys.ENTER)
-            self.sees(place, 'PASS', serial)
+        for place, serial in (1, 'A-1'), (2, 'A-2'), (2, 'A-3'): self.serve(place, serial, 'PASS')
         self.browser.get(f'http://127.0.0.1:{PAGE}/summary?since=7d&plan=plan')
         Select(self.browser.find_element(By.NAME, 'place')).select_by_visible_text('2')
         self.browser.find_element(By.CSS_SELECTOR, '.period button').click()
@@ -438,11 +445,10 @@ class Page(unittest.TestCase):
         self.assertEqual([cell.text for cell in self.browser.find_elements(By.CSS_SELECTOR, 'td:nth-child(2)')],
                          ['A-2', 'A-3'])
         self.browser.execute_cdp_cmd('Emulation.setEmulatedMedia', {'media': 'print'})
-        self.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', {
-            'width': 1032, 'height': 700, 'deviceScaleFactor': 1, 'mobile': False})  # A4 across, without its margins
+        self.resize(1032, 700)  # A4 across, without its margins
         for page in 'runs?', 'summary?', 'value?name=ports&':
             self.browser.get(f'http://127.0.0.1:{PAGE}/{page}since=7d')
-            self.assertEqual(self.browser.execute_script("""
+            self.assertEqual(self.js("""
                 return [...document.querySelectorAll('table')].filter(table => table.offsetWidth > 1032 ||
                     getComputedStyle(table.parentElement).overflowX !== 'visible').length"""), 0)
         for command in 'Emulation.setEmulatedMedia', 'Emulation.clearDeviceMetricsOverride':
@@ -511,14 +517,12 @@ class Page(unittest.TestCase):
 
     def test_seven_tabs(self):
         """A browser shows the line in as many tabs as anybody opens."""
-        first = self.browser.current_window_handle
         for _ in range(7):
             self.browser.switch_to.new_window('tab')
             self.open()
-        for tab in self.browser.window_handles:
-            self.browser.switch_to.window(tab)
-            if tab != first: self.browser.close()
-        self.browser.switch_to.window(first)
+        while len(self.browser.window_handles) > 1:
+            self.browser.close()
+            self.browser.switch_to.window(self.browser.window_handles[0])
 
 
 if __name__ == '__main__': unittest.main(verbosity=2, warnings='ignore')

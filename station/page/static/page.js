@@ -101,7 +101,7 @@ function hear(event) {
     showLine();
     refresh();
     // Another station serves another page. What somebody types now comes first.
-    if (version !== served && !at('box').value && !drops) location.reload();
+    if (version !== served && !at('box').value && !drops && !judged) location.reload();
 }
 
 // A browser makes six connections to a station, and a stream keeps one: a tab that nobody sees has none.

@@ -3,6 +3,7 @@
 
 const kVerdicts = {passed: 'pass', failed: 'fail', again: 'again'};
 const kMostSpelled = 16;    // places whose tiles have room for hints; with more of them a list has the hints
+const kWidestBorder = 8;    // px, of a failed tile
 const kMostMarks = 24;      // a plan with more steps has several in a mark
 const kSilent = 120;        // seconds in which any board has booted and connected
 let layout = {mode: 'full', u: 16, v: 32, width: 100};  // lengths in px: u text, v the verdict, width of a text's line
@@ -202,18 +203,19 @@ function columnsFor(mode, width, height, gap) {
 }
 
 function longestVerdict(size) {
-    return Math.max(...Object.values(kVerdicts).map(name => widthOf(`✗ ${say(name)}`, size, 900)));
+    const texts = Object.values(kVerdicts).map(name => `✗ ${say(name)}`);
+    return Math.max(...[say('hold'), ...texts].map(text => widthOf(text, size, 900)));
 }
 
 // All verdicts have one size: the largest at which the longest of these words fits into what the other lines leave.
 // Returns it, and how many lines hints and texts have.
 function verdictSize({mode, u, w, h}, pad) {
-    const longest = longestVerdict(1) / layout.u;
+    const longest = longestVerdict(100 / layout.u) / 100;  // the widths of small letters are rounded
     const hints = Math.min(3, Math.max(1, Math.ceil(32 * u / w)));
     const others = {full: 1.2 + 1.2 + 1.2 * hints + 0.92 + 0.6, small: 1.2 + 0.95 + 0.55, tiny: 0}[mode];
     if (mode === 'tiny') return {hints, texts: 1, v: 0.85 * u};
     const rest = h - 2 * pad - u * others;
-    const v = Math.min(rest / 1.1, (w - 2 * pad) / longest / 1.01);
+    const v = Math.min(rest / 1.1, (w - 2 * pad) / longest / 1.02);
     const spare = Math.max(0, Math.floor((rest - 1.1 * v) / u / 1.2));
     return {hints: hints + Math.min(2, spare), texts: 1 + Math.max(0, spare - 2), v};
 }
@@ -229,7 +231,7 @@ function layOut() {
     if (best.u < 11) best = split('tiny', 0.73);
     const pad = best.u * (best.mode === 'full' ? 0.25 : 0.1) + 4;
     layout = {...best, width: best.w - 2 * pad - (best.mode === 'tiny' ? 6 : 12)};
-    const {hints, texts, v} = verdictSize(best, pad + 6);
+    const {hints, texts, v} = verdictSize(best, pad + kWidestBorder);
     layout.verdict = longestVerdict(v / layout.u) + 4;
     at('list').hidden = best.mode === 'full';
     main.className = `${best.mode} ${tall ? 'tall' : 'wide'}`;
