@@ -321,6 +321,8 @@ TEST_P(Store, BringsVersion1Forward) {
     EXPECT_EQ(records->bind("mac", again, 4).at(0), "02:00:00:00:00:FC");
     EXPECT_EQ(records->bind("mac", other, 4).at(0), "02:00:00:00:01:00");
     EXPECT_EQ(records->bind("key", other, 1).at(0), "a");
+    EXPECT_THAT(refusal([&] { addRange(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:0F", -1); }),
+                HasSubstr("06:00:00:00:00:01 is in the pool \"key\" already"));
     database.run("DELETE FROM steps WHERE run = 1");
     database.run("DELETE FROM measurements WHERE run = 1");
     EXPECT_EQ(database.run("DELETE FROM runs WHERE id = 1"), 1);

@@ -52,4 +52,5 @@ INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) VALUES
     (1, '02:00:00:00:00:FD', 2199023255805, 1, 1, '2026-11-21T17:30:01.000Z', 0),
     (1, '02:00:00:00:00:FE', 2199023255806, 1, 1, '2026-11-21T17:30:01.000Z', 0),
     (1, '02:00:00:00:00:FF', 2199023255807, 1, 1, '2026-11-21T17:30:01.000Z', 0),
-    (2, 'a', NULL, NULL, NULL, NULL, 0), (2, 'b', NULL, NULL, NULL, NULL, 1);
+    (2, 'a', NULL, NULL, NULL, NULL, 0), (2, 'b', NULL, NULL, NULL, NULL, 1),
+    (2, '06:00:00:00:00:01', NULL, NULL, NULL, NULL, 0);

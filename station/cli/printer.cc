@@ -55,31 +55,25 @@ std::string Printer::csvStart(const Table &head) const { return (excel_ ? "\uFEF
 
 void Printer::flush(const Table &head) {
     std::vector<std::vector<std::string>> lines;
-    if (widths_.empty()) lines.push_back(head.columns);
+    const bool isFirst = widths_.empty();  // these rows decide the widths of all
+    if (isFirst) lines.push_back(head.columns);
     for (const auto &row : waiting_) {
         auto &line = lines.emplace_back();
         for (size_t i = 0; i < row.size(); ++i) line.push_back(cellText(row[i], head.isNumber(i)));
     }
     waiting_.clear();
-    if (widths_.empty()) measure(lines);
-    for (const auto &line : lines) printLine(head, line);
-}
-
-void Printer::measure(const std::vector<std::vector<std::string>> &lines) {
-    widths_.resize(lines[0].size());
+    widths_.resize(head.columns.size());
+    for (size_t i = 0; isFirst && i < widths_.size(); ++i) {
+        for (const auto &line : lines) widths_[i] = std::max(widths_[i], charactersOf(line[i]));
+    }
     for (const auto &line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) widths_[i] = std::max(widths_[i], charactersOf(line[i]));
+        std::string shown;
+        for (size_t i = 0; i < line.size(); ++i) {
+            const std::string blanks(widths_[i] - std::min(widths_[i], charactersOf(line[i])), ' ');
+            shown += (i ? "  " : "") + (head.isNumber(i) ? blanks + line[i] : line[i] + blanks);
+        }
+        fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
     }
-}
-
-void Printer::printLine(const Table &head, const std::vector<std::string> &line) const {
-    std::string shown;
-    for (size_t i = 0; i < line.size(); ++i) {
-        const size_t width = charactersOf(line[i]);
-        const std::string blanks(width < widths_[i] ? widths_[i] - width : 0, ' ');
-        shown += (i ? "  " : "") + (head.isNumber(i) ? blanks + line[i] : line[i] + blanks);
-    }
-    fmt::print("{}\n", shown.substr(0, shown.find_last_not_of(' ') + 1));
 }
 
 }  // namespace station

@@ -24,8 +24,6 @@ public:
 private:
     std::string csvStart(const Table &head) const;
     void flush(const Table &head);
-    void measure(const std::vector<std::vector<std::string>> &lines);
-    void printLine(const Table &head, const std::vector<std::string> &line) const;
 
     const std::string format_;
     const bool excel_, several_;

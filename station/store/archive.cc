@@ -15,6 +15,7 @@
 #include "station/run/record_json.h"
 #include "station/store/load.h"
 #include "station/store/save.h"
+#include "station/store/sql.h"
 
 namespace station {
 namespace {
@@ -22,6 +23,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kAtOnce = 100;  // runs that are removed in one transaction: stations wait for it
+
+[[noreturn]] void fail(const std::string &name) { throw std::runtime_error(describeError("cannot write " + name)); }
+
+void sync(const fs::path &path, int flags) {
+    const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
+    if (::fsync(file.descriptor()) != 0) fail(path.string());
+}
 
 // A new file that has the name PATH.part until keep() is called, and is removed otherwise.
 class Part {
@@ -43,16 +51,9 @@ public:
     }
 
 private:
-    static void sync(const fs::path &path, int flags) {
-        const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
-        if (::fsync(file.descriptor()) != 0) throw std::runtime_error(describeError("cannot write " + path.string()));
-    }
-
     const fs::path path_;
     const std::string part_;
 };
-
-[[noreturn]] void fail(const std::string &name) { throw std::runtime_error(describeError("cannot write " + name)); }
 
 // A text file, compressed with gzip.
 class Lines {
@@ -104,15 +105,6 @@ size_t writeRecords(Database &database, const std::string &before, const std::st
     throw std::runtime_error(fmt::format("{} reads back otherwise than it was written", name));
 }
 
-// Removes the run unless its verdict has changed since it was read: a late record has then arrived.
-void removeRun(Database &database, const std::string &run, const Value &verdict) {
-    for (const char *const table : {"measurements", "steps"}) {
-        const std::string sql = "DELETE FROM {} WHERE run = (SELECT id FROM runs WHERE run = $1 AND verdict = $2)";
-        database.queue(fmt::format(fmt::runtime(sql), table), {run, verdict});
-    }
-    database.queue("DELETE FROM runs WHERE run = $1 AND verdict = $2", {run, verdict});
-}
-
 }  // namespace
 
 size_t archiveRuns(Database &database, const std::string &before, const fs::path &path) {
@@ -120,13 +112,15 @@ size_t archiveRuns(Database &database, const std::string &before, const fs::path
     const size_t count = writeRecords(database, before, part.name());
     if (count == 0) return 0;
     part.keep();
-    database.run("INSERT INTO archives (file, runs, since, until, made)"
-                 " SELECT $1, $2, min(started), max(started), $3 FROM runs WHERE started < $4 AND verdict <> 'running'",
+    database.run(sqlOf(database.shared(), "archive_made"),
                  {fs::absolute(path).string(), number(count), isoTime(WallClock::now()), before});
+    const std::vector<std::string> removal = statementsOf(database.shared(), "archive_remove");
     std::vector<RunRecord> some;
     const auto remove = [&] {
         database.transact([&] {
-            for (const RunRecord &run : some) removeRun(database, run.id, verdictIn(run));
+            for (const RunRecord &run : some) {
+                for (const std::string &sql : removal) database.queue(sql, {run.id, verdictIn(run)});
+            }
         });
         some.clear();
     };

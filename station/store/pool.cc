@@ -161,6 +161,7 @@ void refuseOverlaps(Database &database, const Pool &pool, const Addition &added)
 // Returns the ranges in order. Joins consecutive ones, so that blocks can be taken across their borders.
 std::vector<Range> joined(const std::vector<Entry> &entries) {
     std::vector<Range> ranges, all;
+    ranges.reserve(entries.size());
     for (const Entry &entry : entries) ranges.push_back(*entry.range);
     std::sort(ranges.begin(), ranges.end(), [](Range a, Range b) { return a.first < b.first; });
     for (const Range range : ranges) {

@@ -71,6 +71,7 @@ std::vector<Section> sectionsOf(Database &database, const char *file, const std:
                                 const Value &key) {
     std::vector<Section> sections;
     const std::vector<std::string> statements = statementsOf(database.shared(), file);
+    sections.reserve(names.size());
     for (size_t i = 0; i < names.size(); ++i) sections.push_back({names[i], database.ask(statements.at(i), {key})});
     return sections;
 }
