@@ -11,15 +11,14 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <utility>
 
 namespace station {
 namespace {
 
-constexpr size_t kMacSize = 6;
-constexpr size_t kSource = 6;
-constexpr size_t kEtherType = 12;
-constexpr size_t kPayload = 14;
+constexpr size_t kMacSize = 6, kSource = 6, kEtherType = 12, kPayload = 14;  // bytes, and offsets in a frame
 constexpr size_t kLongestAnswer = 1024;
 constexpr int kAnswers = 3;
 constexpr Milliseconds kRepeat{1000};
@@ -33,86 +32,64 @@ Mac macAt(std::string_view frame, size_t offset) {
     return mac;
 }
 
-std::string receiveFrame(int socket, Clock::time_point deadline) {
-    while (waitFor(socket, POLLIN, deadline)) {
-        std::string frame(65536, '\0');
-        const ssize_t length = recv(socket, frame.data(), frame.size(), 0);
-        if (length <= 0) continue;
-        frame.resize(static_cast<size_t>(length));
-        return frame;
-    }
-    return {};
+// Throws SessionError if the call has failed.
+void require(ssize_t result, const std::string &what) {
+    if (result < 0) throw SessionError(describeError(what));
 }
 
-// A packet socket on a network interface.
-class InterfaceLink : public FrameLink {
+class SocketLink : public FrameLink {
 public:
-    explicit InterfaceLink(const std::string &name)
-        : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL))) {
-        if (socket_.descriptor() < 0) throw SessionError(describeError("cannot open a packet socket"));
-        ifreq request{};
-        name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-        if (ioctl(socket_.descriptor(), SIOCGIFHWADDR, &request) < 0)
-            throw SessionError(describeError("interface " + name));
-        address_ = macAt({request.ifr_hwaddr.sa_data, kMacSize}, 0);
-        sockaddr_ll bound{};
-        bound.sll_family = AF_PACKET;
-        bound.sll_protocol = htons(ETH_P_ALL);
-        bound.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
-        if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0) {
-            throw SessionError(describeError("interface " + name));
-        }
-    }
+    SocketLink(Socket socket, Mac address) : socket_(std::move(socket)), address_(address) {}
 
+    // The other end of a datagram link may not be there yet.
     void send(const std::string &frame) override {
-        if (::send(socket_.descriptor(), frame.data(), frame.size(), 0) < 0)
-            throw SessionError(describeError("sending"));
+        const ssize_t sent = ::send(socket_.descriptor(), frame.data(), frame.size(), 0);
+        if (sent < 0 && errno != ECONNREFUSED) require(sent, "sending");
     }
-    std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
+    std::string receive(Clock::time_point deadline) override {
+        std::string frame(65536, '\0');
+        while (waitFor(socket_.descriptor(), POLLIN, deadline)) {
+            const ssize_t length = recv(socket_.descriptor(), frame.data(), frame.size(), 0);
+            if (length > 0) return frame.substr(0, static_cast<size_t>(length));
+        }
+        return {};
+    }
     Mac address() const override { return address_; }
 
 private:
-    Socket socket_;
-    Mac address_ = 0;
+    const Socket socket_;
+    const Mac address_;
 };
 
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+std::unique_ptr<FrameLink> openInterface(const std::string &name) {
+    Socket packets(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
+    require(packets.descriptor(), "cannot open a packet socket");
+    ifreq request{};
+    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    require(ioctl(packets.descriptor(), SIOCGIFHWADDR, &request), "interface " + name);
+    sockaddr_ll bound{};
+    bound.sll_family = AF_PACKET;
+    bound.sll_protocol = htons(ETH_P_ALL);
+    bound.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
+    require(bind(packets.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound), "interface " + name);
+    return std::make_unique<SocketLink>(std::move(packets), macAt({request.ifr_hwaddr.sa_data, kMacSize}, 0));
 }
 
-class DatagramLink : public FrameLink {
-public:
-    DatagramLink(uint16_t local, uint16_t remote) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_in here = loopback(local);
-        const sockaddr_in there = loopback(remote);
-        if (bind(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&here), sizeof here) != 0 ||
-            connect(socket_.descriptor(), reinterpret_cast<const sockaddr *>(&there), sizeof there) != 0) {
-            throw SessionError(describeError("the datagram link"));
-        }
-    }
-
-    // Ignores a failure: the other end may not be there yet.
-    void send(const std::string &frame) override { ::send(socket_.descriptor(), frame.data(), frame.size(), 0); }
-    std::string receive(Clock::time_point deadline) override { return receiveFrame(socket_.descriptor(), deadline); }
-    Mac address() const override { return kDatagramStation; }
-
-private:
-    Socket socket_;
-};
+std::unique_ptr<FrameLink> openDatagrams(uint16_t local, uint16_t remote) {
+    Socket datagrams(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in here = {AF_INET, htons(local), {htonl(INADDR_LOOPBACK)}, {}};
+    const sockaddr_in there = {AF_INET, htons(remote), {htonl(INADDR_LOOPBACK)}, {}};
+    require(bind(datagrams.descriptor(), reinterpret_cast<const sockaddr *>(&here), sizeof here), "the datagram link");
+    require(connect(datagrams.descriptor(), reinterpret_cast<const sockaddr *>(&there), sizeof there),
+            "the datagram link");
+    return std::make_unique<SocketLink>(std::move(datagrams), kDatagramStation);
+}
 
 std::string makeRequest(Mac destination, Mac source, size_t size) {
     std::string frame = bytesOf(destination) + bytesOf(source);
     frame += kRequestType;
     for (size_t i = frame.size(); i < size; ++i) frame += static_cast<char>(i);
     return frame;
-}
-
-bool isAnswer(const std::string &frame) {
-    return frame.size() >= kPayload && frame.compare(kEtherType, kAnswerType.size(), kAnswerType) == 0;
 }
 
 // Returns the answer that a board of this address must give to a request.
@@ -125,21 +102,22 @@ std::string expectedAnswer(const std::string &request, Mac board) {
 std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
     for (;;) {
         std::string frame = link.receive(deadline);
-        if (frame.empty() || isAnswer(frame)) return frame;
+        const bool whole = frame.size() >= kPayload;
+        if (frame.empty() || (whole && frame.compare(kEtherType, kAnswerType.size(), kAnswerType) == 0)) return frame;
     }
 }
 
 }  // namespace
 
 std::unique_ptr<FrameLink> openLink(const std::string &name) {
-    if (!name.starts_with("udp:")) return std::make_unique<InterfaceLink>(name);
+    if (!name.starts_with("udp:")) return openInterface(name);
     unsigned local = 0, remote = 0;
     int length = 0;
     const int fields = std::sscanf(name.c_str(), "udp:%5u:%5u%n", &local, &remote, &length);
     if (fields != 2 || name.c_str()[length] != '\0' || std::max(local, remote) > UINT16_MAX) {
         throw SessionError(fmt::format("\"{}\" is not udp:LOCAL:REMOTE", name));
     }
-    return std::make_unique<DatagramLink>(static_cast<uint16_t>(local), static_cast<uint16_t>(remote));
+    return openDatagrams(static_cast<uint16_t>(local), static_cast<uint16_t>(remote));
 }
 
 Mac discover(FrameLink &link, Mac destination, size_t size, Milliseconds limit) {

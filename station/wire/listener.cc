@@ -2,17 +2,14 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <linux/inet_diag.h>
-#include <linux/netlink.h>
-#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <utility>
 
 namespace station {
@@ -28,9 +25,6 @@ sockaddr_in addressOf(const std::string &address, uint16_t port) {
     return result;
 }
 
-// Connections that wait to be accepted on a cable of their own, and where many boards share a socket.
-constexpr int kBacklogOfCable = 8, kBacklog = SOMAXCONN;
-
 // How soon a board is missed that disappears silently. After three seconds of silence the kernel probes it, and repeats
 // that every three seconds: a board that was restarted answers with a reset. One that is off or unplugged is given up
 // half a minute after its last sign of life. So is a board that takes nothing of an upload for that long: boards take
@@ -45,21 +39,15 @@ void watchPeer(int socket) {
 
 void setLeastTtl(int socket, int ttl) { setsockopt(socket, IPPROTO_IP, IP_MINTTL, &ttl, sizeof ttl); }
 
-Socket bindTo(const sockaddr_in &bound, const std::string &interface) {
+// Returns a socket at the address, or none (-1), with errno. On a cable of its own, few connections wait in the kernel.
+Socket socketAt(const sockaddr_in &bound, const std::string &interface, bool listens = true) {
     Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const int on = 1, made = socket.descriptor();
+    setsockopt(made, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const auto length = static_cast<socklen_t>(interface.size());
-    if ((length > 0 && setsockopt(socket.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
-        bind(socket.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0) {
-        return Socket(-1);
-    }
-    return socket;
-}
-
-Socket listenAt(const sockaddr_in &bound, const std::string &interface) {
-    Socket socket = bindTo(bound, interface);
-    if (socket.descriptor() >= 0 && listen(socket.descriptor(), interface.empty() ? kBacklog : kBacklogOfCable) != 0) {
+    if ((length > 0 && setsockopt(made, SOL_SOCKET, SO_BINDTODEVICE, interface.data(), length) != 0) ||
+        bind(made, reinterpret_cast<const sockaddr *>(&bound), sizeof bound) != 0 ||
+        (listens && listen(made, length > 0 ? 8 : SOMAXCONN) != 0)) {
         return Socket(-1);
     }
     return socket;
@@ -84,11 +72,11 @@ std::string hintFor(int error, const std::string &address, const std::string &in
 }
 
 int tryAddress(const std::string &address, uint16_t port, const std::string &interface) {
-    return bindTo(addressOf(address, port), interface).descriptor() < 0 ? errno : 0;
+    return socketAt(addressOf(address, port), interface, false).descriptor() < 0 ? errno : 0;
 }
 
 Listener::Listener(const std::string &address, uint16_t port, const std::string &interface, bool patient)
-    : interface_(interface), bound_(addressOf(address, port)), socket_(listenAt(bound_, interface)) {
+    : interface_(interface), bound_(addressOf(address, port)), socket_(socketAt(bound_, interface)) {
     const bool later = patient && !interface.empty() && (errno == ENODEV || errno == EADDRNOTAVAIL);
     if (descriptor() < 0 && !later) {
         const std::string hint = hintFor(errno, address, interface);
@@ -125,7 +113,7 @@ std::optional<Session> Listener::take() const {
 // To the kernel an interface that comes back is a new one, while the socket stays bound to the old one.
 bool Listener::renew() {
     if (interface_.empty() || boundTo(descriptor()) == interface_) return true;
-    Socket fresh = listenAt(bound_, interface_);
+    Socket fresh = socketAt(bound_, interface_);
     if (fresh.descriptor() < 0) return false;
     socket_ = std::move(fresh);
     setLeastTtl(descriptor(), admits_ ? 0 : 255);
@@ -145,26 +133,16 @@ bool Listener::quiet() const {
     return poll(&polled, 1, 0) == 0;
 }
 
-// Asks the kernel for connections to this port whose handshake has begun. It answers at once; a kernel without the
-// module tcp_diag knows of none.
+// Returns true when a handshake has begun here. The table's columns: number, local and remote ADDRESS:PORT, state.
 bool Listener::handshaking() const {
-    const Descriptor kernel(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    struct {
-        nlmsghdr header;
-        inet_diag_req_v2 question;
-    } request{};
-    request.header.nlmsg_len = sizeof request;
-    request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request.question.sdiag_family = AF_INET;
-    request.question.sdiag_protocol = IPPROTO_TCP;
-    request.question.idiag_states = 1U << TCP_SYN_RECV;
-    request.question.id.idiag_sport = bound_.sin_port;
-    if (send(kernel.descriptor(), &request, sizeof request, 0) < 0) return false;
-    alignas(nlmsghdr) std::array<char, 16384> answer;
-    const ssize_t length = recv(kernel.descriptor(), answer.data(), answer.size(), 0);
-    const auto *const first = reinterpret_cast<const nlmsghdr *>(answer.data());
-    return length >= static_cast<ssize_t>(sizeof *first) && first->nlmsg_type == SOCK_DIAG_BY_FAMILY;
+    std::ifstream table("/proc/thread-self/net/tcp");
+    const std::string here = fmt::format(":{:04X}", port());
+    std::string number, local, remote, state, rest;
+    std::getline(table, rest);
+    while (table >> number >> local >> remote >> state && std::getline(table, rest)) {
+        if (local.ends_with(here) && state == fmt::format("{:02X}", int(TCP_SYN_RECV))) return true;
+    }
+    return false;
 }
 
 }  // namespace station

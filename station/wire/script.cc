@@ -72,7 +72,7 @@ Session acceptResult(const Listener &results, const Session &session, Clock::tim
 ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
     constexpr size_t kLongestStatus = 4;  // "255" and the line end
     ScriptResult result;
-    const std::string bytes = connection.receiveAll(until(deadline), kLongestStatus + kLongestOutput, &result.cut);
+    const std::string bytes = connection.receiveAll(until(deadline), kLongestStatus + kLongestOutput, result.cut);
     const size_t lineEnd = bytes.find('\n');
     const auto [behind, error] = std::from_chars(bytes.data(), bytes.data() + bytes.size(), result.status);
     const bool whole = error == std::errc() && lineEnd != std::string::npos && behind == bytes.data() + lineEnd;

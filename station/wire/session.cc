@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -12,8 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <limits>
-#include <utility>
+#include <fstream>
 
 namespace station {
 namespace {
@@ -40,6 +40,13 @@ std::string textOf(const sockaddr_in &address) {
 
 }  // namespace
 
+std::string boundTo(int socket) {
+    std::array<char, IFNAMSIZ> name{};
+    socklen_t length = name.size();
+    getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
+    return name.data();
+}
+
 void Session::sendCommand(std::string_view text) {
     if (text.size() > kFrame) throw std::invalid_argument(fmt::format("a command has at most {} bytes", kFrame));
     std::string frame(text);
@@ -63,14 +70,21 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
     }
 }
 
-Session::Arrival Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
-    if (!waitFor(socket_.descriptor(), POLLIN, deadline)) return Arrival::kNothing;
-    std::array<char, kLongestReply + 1> part;
-    const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), MSG_DONTWAIT);
-    if (received < 0 && isTemporary(errno)) return receiveSome(bytes, deadline);
+Session::Arrival Session::receivePart(std::string &bytes, size_t most) {
+    std::array<char, 65536> part;
+    const ssize_t received = recv(socket_.descriptor(), part.data(), std::min(part.size(), most), MSG_DONTWAIT);
+    if (received < 0 && isTemporary(errno)) return Arrival::kNothing;
     if (received < 0) throw SessionError(describeError("receiving failed"));
     bytes.append(part.data(), static_cast<size_t>(received));
     return received > 0 ? Arrival::kBytes : Arrival::kEnd;
+}
+
+Session::Arrival Session::receiveSome(std::string &bytes, Clock::time_point deadline) {
+    Arrival arrival = Arrival::kNothing;
+    while (arrival == Arrival::kNothing && waitFor(socket_.descriptor(), POLLIN, deadline)) {
+        arrival = receivePart(bytes, SIZE_MAX);
+    }
+    return arrival;
 }
 
 std::string Session::receiveReply(Milliseconds limit) {
@@ -81,7 +95,7 @@ std::string Session::receiveReply(Milliseconds limit) {
         if (arrival == Arrival::kBytes) continue;
         if (!bytes.empty()) throw WrongReply(fmt::format("the reply ended after {} bytes", bytes.size()));
         if (arrival == Arrival::kEnd) throw SessionError("the board closed the connection");
-        throw SessionError(fmt::format("no reply within {:.1f} s", double(limit.count()) / 1000));
+        throw SessionError(fmt::format("no reply within {:.1f} s", inSeconds(limit)));
     }
     // 64 characters are a whole frame, or the first of a longer one.
     while (bytes.find('\0') == std::string::npos && bytes.size() <= kLongestReply &&
@@ -110,15 +124,9 @@ bool Session::gone() const {
 }
 
 void Session::receiveNow(std::string &bytes, size_t most) {
-    std::array<char, kFrame> part;
-    while (bytes.size() < most) {
-        const size_t room = std::min(part.size(), most - bytes.size());
-        const ssize_t received = recv(socket_.descriptor(), part.data(), room, MSG_DONTWAIT);
-        if (received == 0) throw SessionError("closed the connection");
-        if (received < 0 && isTemporary(errno)) return;
-        if (received < 0) throw SessionError(describeError("receiving failed"));
-        bytes.append(part.data(), static_cast<size_t>(received));
-    }
+    Arrival arrival = Arrival::kBytes;
+    while (bytes.size() < most && arrival == Arrival::kBytes) arrival = receivePart(bytes, most - bytes.size());
+    if (arrival == Arrival::kEnd) throw SessionError("closed the connection");
 }
 
 void Session::expectClose(Milliseconds limit) {
@@ -130,23 +138,17 @@ void Session::expectClose(Milliseconds limit) {
         throw WrongReply("the board sent more instead of closing");
 }
 
-std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t *cut) {
+std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t &cut) {
     const auto deadline = Clock::now() + limit;
     std::string bytes;
-    std::array<char, 65536> part;
-    for (;;) {
-        if (!waitFor(socket_.descriptor(), POLLIN, deadline)) {
-            throw SessionError(fmt::format("the board did not finish within {:.1f} s", double(limit.count()) / 1000));
+    for (Arrival arrival; (arrival = receiveSome(bytes, deadline)) != Arrival::kEnd;) {
+        if (arrival == Arrival::kNothing) {
+            throw SessionError(fmt::format("the board did not finish within {:.1f} s", inSeconds(limit)));
         }
-        const ssize_t received = recv(socket_.descriptor(), part.data(), part.size(), MSG_DONTWAIT);
-        if (received < 0 && isTemporary(errno)) continue;
-        if (received < 0) throw SessionError(describeError("receiving failed"));
-        if (received == 0) return bytes;
-        const auto length = static_cast<size_t>(received);
-        const size_t kept = std::min(length, most - bytes.size());
-        bytes.append(part.data(), kept);
-        if (cut != nullptr) *cut += length - kept;
+        cut += bytes.size() - std::min(bytes.size(), most);
+        bytes.resize(std::min(bytes.size(), most));
     }
+    return bytes;
 }
 
 std::string Session::localAddress() const {
@@ -167,6 +169,18 @@ std::string Session::peerAddress() const { return textOf(board_); }
 std::string Session::peer() const {
     const std::string bound = interface();
     return fmt::format("{}:{}{}{}", peerAddress(), ntohs(board_.sin_port), bound.empty() ? "" : "%", bound);
+}
+
+// The table's columns: address, type, flags, hardware address, mask, interface. After the heading, one line per peer.
+std::optional<Mac> Session::hardwareAddress() const {
+    std::ifstream table("/proc/thread-self/net/arp");
+    const std::string bound = interface();
+    std::string line, address, mac, device, other;
+    std::getline(table, line);
+    while (table >> address >> other >> other >> mac >> other >> device) {
+        if (address == peerAddress() && (bound.empty() || device == bound)) return parseMac(mac);
+    }
+    return std::nullopt;
 }
 
 }  // namespace station

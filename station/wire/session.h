@@ -13,12 +13,31 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
-#include "station/wire/socket.h"
+#include "station/base/descriptor.h"
+#include "station/base/mac.h"
+#include "station/base/time.h"
 
 namespace station {
+
+using Socket = Descriptor;
+
+// Says what went wrong on a connection, in words for the line engineer.
+struct SessionError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The board answered, but not as it must: the fault is the board's, not the cable's.
+struct WrongReply : SessionError {
+    using SessionError::SessionError;
+};
+
+// Returns the interface that a socket is bound to; empty when it is not bound, or when the interface has gone.
+std::string boundTo(int socket);
 
 constexpr size_t kFrame = 64;           // bytes of a padded command, and of a short reply
 constexpr size_t kLongestReply = 1500;  // bytes, its NUL included
@@ -56,8 +75,8 @@ public:
     bool gone() const;
 
     // Receives until the board closes the connection. Returns the first `most` bytes; adds the number of further ones
-    // to `cut`, if that is given. Throws when the board does not close within the limit.
-    std::string receiveAll(Milliseconds limit, size_t most = SIZE_MAX, uint64_t *cut = nullptr);
+    // to `cut`. Throws when the board does not close within the limit.
+    std::string receiveAll(Milliseconds limit, size_t most, uint64_t &cut);
 
     // Resets the connection instead of closing it.
     void reset();
@@ -66,10 +85,14 @@ public:
     std::string peer() const;          // the board's ADDRESS:PORT, with %INTERFACE if the socket is bound to one
     std::string peerAddress() const;   // the board's ADDRESS
     std::string interface() const { return boundTo(descriptor()); }  // empty if the socket is not bound to one
+    // Returns the address of the board's network card as the kernel knows it; nothing for a board on another network.
+    std::optional<Mac> hardwareAddress() const;
     int descriptor() const { return socket_.descriptor(); }
 
 private:
     enum class Arrival { kBytes, kNothing, kEnd };
+    // Appends at most `most` of the bytes that have arrived. Does not wait.
+    Arrival receivePart(std::string &bytes, size_t most);
     // Waits until something arrives or the deadline passes, and appends it to `bytes`.
     Arrival receiveSome(std::string &bytes, Clock::time_point deadline);
 
