@@ -39,7 +39,11 @@ class Cable:
 
     def plug(self, there):
         """Plugs the board's end in, or pulls it out: the station sees the carrier come or go."""
-        shell(f'nsenter --net=/proc/{self.holder.pid}/ns/net ip link set eth0 {"up" if there else "down"}')
+        self.inside(f'ip link set eth0 {"up" if there else "down"}')
+
+    def inside(self, line):
+        """Runs a command in the network at the cable's other end."""
+        shell(f'nsenter --net=/proc/{self.holder.pid}/ns/net {line}')
 
     def socket(self, ttl=64):
         """Returns a socket in the network at the cable's other end."""

@@ -258,8 +258,14 @@ TEST_P(Station, KnowsHowAUnitWasJudged) {
     RunRecord there = runOf("A");
     other->begins(there);
     EXPECT_THAT(refusal([&] { other->named(there); }), HasSubstr("the unit A is in work at place left of the station"));
-    there.unit = "B";
-    other->named(there);
+    for (const char *const unit : {"B", ""}) {
+        there.unit = unit;
+        other->named(there);
+    }
+    other->begins(runOf("C"));  // returns after the unit is released
+    RunRecord next = runOf("B");
+    station_->begins(next);
+    EXPECT_TRUE(station_->named(next));
     Database(store_).run("UPDATE runs SET unit = (SELECT id FROM units WHERE serial = 'A') WHERE run = $1", {there.id});
     EXPECT_THAT(refusal([&] { station_->bind("mac", here, 1); }), HasSubstr("is in work"))
         << "taken while this was away";

@@ -130,7 +130,7 @@ TEST(HookTest, KeepsTheEndOfWhatIsPrintedAlone) {
     const station::Hook hook{
         "head -c 50000000 /dev/zero; stat -Lc ' %s bytes kept' /dev/stdout; exit 3", Milliseconds(60000), {}};
     const std::string failure = station::runHook(hook, {}, "before");
-    EXPECT_THAT(failure, testing::StartsWith("The command before the test failed (status 3): "));
+    EXPECT_THAT(failure, testing::StartsWith("The command before the test, head, failed (status 3): "));
     EXPECT_THAT(failure, testing::EndsWith(" 0 bytes kept\n"));
 }
 
@@ -480,7 +480,12 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=;Y", "FP", "X;Y", "this is no serial number"},
         {"send: X, match: 'v=(?P<serial>.*)'|send: Y, expect: Y", "v=\xB1;Y", "FP", "X;Y", "this is no serial number"},
         {"ask: serial, prompt: S, match: '^unit'|send: 'MAC {pool}', expect: MAC 2|send: X, match: '(?P<serial>.+)'",
-         "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X", "this board was unit-7 before"},
+         "MAC 2;other", "PPF", "S?;S!;2 pool of unit-7;MAC 02:00:00:00:00:01;X",
+         "is other, and it was tested as unit-7", "operator"},
+        {"ask: serial, prompt: S, match: '^unit'|send: X, match: '(?P<serial>.+)'|send: Y, expect: Y", "unit-8", "PF-",
+         "S?;S!;X", "is unit-8, and it was tested as unit-7", "operator"},
+        {"send: X, match: '(?P<serial>.+)'|ask: serial, prompt: S|send: X, match: '(?P<serial>.+)'", "unit-7;unit-7",
+         "PPP", "X;S?;S!;X", ""},
         {"ask: lamp, prompt: L|run: 'grep -q prompt; echo \"v=$QC_lamp\"', match: 'v=(?P<v>.*)'|send: 'X {v}', expect: "
          "X",
          "X", "PPP", "L?;X oops", ""},

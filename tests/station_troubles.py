@@ -294,6 +294,21 @@ def reused(line):
     line.run('SN-1', MAC='MAC 1', INFO='INFO 02:00:00:00:99:00')
 
 
+@trouble('another board comes back')
+def exchanged(line):
+    def address(text): line.cable.inside(f'ip link set eth0 address {text}')
+    line.addresses('00:00:5e:00:53:10', '00:00:5e:00:53:1f')
+    line.start(ASK, "{send: 'MAC {mac}', expect: MAC 2}", '{send: REBOOT, reconnect: true, timeout: 60}')
+    for serial, back in ('SN-1', '00:00:5e:00:53:11'), ('SN-2', '00:00:5e:00:53:11'):
+        address('00:00:5e:00:53:01')
+        board = Board(line.cable, MAC='MAC 2', REBOOT=lambda board, payload: address(back))
+        line.answer(serial)
+        board.join(PATIENCE)
+        Board(line.cable)
+        line.wait('passed', 'again')
+    assert [record['verdict'] for record in line.records()] == ['passed', 'failed']
+
+
 # ---- the operator
 
 

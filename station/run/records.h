@@ -50,7 +50,8 @@ public:
     }
     // Records which unit the run is about; no other station can take that unit meanwhile. Returns what the store knows
     // of earlier runs of this plan on the unit; nothing when no store is available. Throws RecordsError when the run
-    // cannot be about that unit, for example because another station has it in work.
+    // cannot be about that unit, for example because another station has it in work. A run without a unit releases the
+    // one that it had.
     virtual std::optional<UnitHistory> named(const RunRecord & /*run*/) { return std::nullopt; }
     // Returns whose the address ("02:00:00:00:00:FE") is. Throws RecordsError when that is not known.
     virtual AddressOwner ownerOf(const std::string & /*address*/, const RunRecord & /*run*/) {

@@ -39,6 +39,8 @@ struct Course {
     bool refused = false;              // the unit that was named last
     Clock::time_point linked = start;  // when the cable was last seen with a link
     std::string over = {};             // why only steps with "always" are run; empty: all are
+    std::vector<Mac> given = {};       // the addresses that the board was told to take
+    std::optional<Mac> address = board.session().hardwareAddress();  // of the board that is connected, or was last
 };
 
 // One attempt of a step, with its texts filled in.
@@ -103,6 +105,15 @@ void prepare(Attempt &attempt) {
     if (!fault.empty()) throw std::invalid_argument("not sent: " + fault);
 }
 
+// Notes the addresses that the command has given the board, from the first one on.
+void noteAddresses(const Attempt &attempt) {
+    if (boardCommand(attempt.command).role != Role::kAddress) return;
+    const std::string text = attempt.command.substr(attempt.command.find(' ') + 1);
+    const Mac first = text.find(':') == std::string::npos ? std::stoll(text) : parseMac(text).value_or(0);
+    const int count = addressesIn(attempt.command, attempt.result.reply);
+    for (int i = 0; i < std::clamp(count, 1, 256); ++i) attempt.course.given.push_back(first + i);
+}
+
 void runCommand(Attempt &attempt) {
     const Step &step = attempt.step;
     if (step.bare) {
@@ -115,6 +126,7 @@ void runCommand(Attempt &attempt) {
     if (!step.expected) return;
     attempt.result.reply = attempt.session().receiveReply(attempt.left());
     attempt.judge(attempt.result.reply);
+    noteAddresses(attempt);
     if (step.closes && attempt.result.failure.empty()) attempt.session().expectClose(attempt.left());
 }
 
@@ -185,16 +197,30 @@ bool isSerial(const std::string &text) {
     return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
 }
 
+// Ends the plan of a board that is not the run's unit. Removes the unit from the run unless something was taken for it.
+void disown(Course &course) {
+    course.refused = true;
+    if (course.taken) return;
+    course.run.variables.erase(kUnit);
+    course.context.units.release(course.run, course.context.records);
+}
+
 // Makes the run one of this unit. Returns an empty text, or why it is refused; the plan then ends, unless the step
-// names another unit. A run that has taken from a pool keeps its unit. `unconfirmed`: see Units.
+// names another unit. A run never changes its unit: the label and the board must agree. `unconfirmed`: see Units.
 std::string nameUnit(Course &course, const std::string &serial, std::string *unconfirmed = nullptr) {
     RunRecord &run = course.run;
     course.refused = false;
     if (!isSerial(serial)) return fmt::format("this is no serial number: \"{}\"", shorten(serial, kQuoted));
     if (serial == run.unit) return {};
-    if (course.taken) return fmt::format("this board was {} before, and was given addresses as that", run.unit);
-    std::string why = course.context.units.admit(run, serial, course.plan, course.context, unconfirmed);
-    course.refused = !why.empty();
+    if (run.unit.empty()) {
+        std::string why = course.context.units.admit(run, serial, course.plan, course.context, unconfirmed);
+        course.refused = !why.empty();
+        return why;
+    }
+    if (unconfirmed != nullptr) return fmt::format("this is the board of {}: scan its own label", run.unit);
+    std::string why =
+        fmt::format("the board says that it is {}, and it was tested as {}: compare the labels", serial, run.unit);
+    disown(course);
     return why;
 }
 
@@ -308,16 +334,6 @@ std::string faultOfAddress(const RunRecord &run, const std::string &address, Rec
                        address);
 }
 
-// Ends the plan of a board that is not the run's unit. Removes the unit from the run unless something was taken for it.
-void disown(Course &course) {
-    course.refused = true;
-    if (course.taken) return;
-    course.context.units.releaseAt(course.run.place);
-    course.run.variables.erase(kUnit);
-    course.run.unit.clear();
-    course.run.reference = false;
-}
-
 // Compares the address that the board reports with those of the unit.
 void checkOwner(Attempt &attempt) try {
     const RunRecord &run = attempt.course.run;
@@ -375,10 +391,34 @@ void exchange(Attempt &attempt) try {
     if (attempt.step.needsBoard() || hasGone(attempt.course)) attempt.course.connected = false;
 }
 
+// Locally administered addresses are often made up at each start.
+bool isFixed(const std::optional<Mac> &address) {
+    return address && isIndividual(*address) && (*address >> 41 & 1) == 0;
+}
+
+// Returns true if the board may come back with this address: with its own, or one that it was given, by a MAC command
+// or by a script that knows it as a variable.
+bool mayReturnAs(const Course &course, const std::optional<Mac> &after) {
+    if (course.address == after || !isFixed(course.address) || !isFixed(after)) return true;
+    const auto isAfter = [&](const auto &variable) { return parseMac(variable.second) == after; };
+    return std::find(course.given.begin(), course.given.end(), *after) != course.given.end() ||
+           std::any_of(course.run.variables.begin(), course.run.variables.end(), isAfter);
+}
+
+// Another board at the same cable must not get this one's verdict.
 void reconnect(Attempt &attempt) try {
-    attempt.course.connected = false;
-    attempt.course.board.reconnect(attempt.deadline);
-    attempt.course.connected = true;
+    Course &course = attempt.course;
+    course.connected = false;
+    course.board.reconnect(attempt.deadline);
+    const std::optional<Mac> after = attempt.session().hardwareAddress();
+    course.connected = mayReturnAs(course, after);
+    if (course.connected) {
+        if (after) course.address = after;
+    } else if (attempt.result.failure.empty()) {
+        attempt.result.cause = Cause::kOperator;
+        attempt.result.failure = fmt::format("another board came back: it has the address {}, the one before had {}",
+                                             formatMac(*after), formatMac(*course.address));
+    }
 } catch (const std::exception &error) {
     if (attempt.result.failure.empty()) fail(attempt, error);
 }
@@ -476,7 +516,6 @@ RunRecord newRun(const Plan &plan, const Place &place) {
 
 RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &context) {
     Course course{board, plan, run, context};
-    if (const auto unit = run.variables.find(kUnit); unit != run.variables.end()) run.unit = unit->second;
     for (size_t i = 0; i < plan.steps.size(); ++i) {
         StepResult &result = run.steps[i];
         const std::string reason = reasonAgainst(plan.steps[i], course);

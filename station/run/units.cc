@@ -51,26 +51,29 @@ Doubt doubtOf(const UnitHistory &history, const std::string &unit, const Plan &p
 
 std::string Units::admit(RunRecord &run, const std::string &serial, const Plan &plan, const Context &context,
                          std::string *unconfirmed) {
-    const Reference &reference = context.reference;
-    const std::string before = std::exchange(run.unit, serial);
+    run.unit = serial;
+    run.reference = serial == context.reference.serial;
     const bool confirmed = unconfirmed != nullptr && std::exchange(*unconfirmed, "") == serial;
     std::string why = claim(run);
-    const bool claimed = why.empty();
-    if (claimed) try {
+    if (why.empty()) try {
             const auto known = context.records.named(run);
             Doubt doubt = doubtOf(known ? *known : historyOf(run), serial, plan, unconfirmed != nullptr);
-            if (confirmed || serial == reference.serial) doubt = {};
-            if (serial != reference.serial) why = doubtOfPlace(run, reference);
+            if (confirmed || run.reference) doubt = {};
+            if (!run.reference) why = doubtOfPlace(run, context.reference);
             if (why.empty()) why = doubt.text;
             if (doubt.asks) *unconfirmed = serial;
         } catch (const RecordsError &error) {
             why = error.what();
         }
-    const Lock lock(mutex_);
-    if (claimed) inWork_.erase(why.empty() ? before : serial);
-    if (!why.empty()) run.unit = before;
-    run.reference = !run.unit.empty() && run.unit == reference.serial;
+    if (!why.empty()) release(run, context.records);
     return why;
+}
+
+void Units::release(RunRecord &run, Records &records) {
+    releaseAt(run.place);
+    run.unit.clear();
+    run.reference = false;
+    records.named(run);
 }
 
 std::string Units::doubtOfPlace(const RunRecord &run, const Reference &reference) const {

@@ -20,8 +20,8 @@ struct Reference {
 
 class Units {
 public:
-    // Makes the run one of this unit, which no other place gets until ended() or releaseAt(). Returns an empty text, or
-    // why the unit is rejected, for the operator; the run then keeps the unit that it had.
+    // Makes a run without a unit one of this unit, which no other place gets until ended() or releaseAt(). Returns an
+    // empty text, or why the unit is rejected, for the operator; the run then has none.
     //
     // Rejects a unit that is in work: one label was scanned for two boards. Rejects a unit that has passed or has
     // failed too often, as far as the plan says so; an operator confirms by scanning it once more. Rejects all units
@@ -29,6 +29,8 @@ public:
     // keep it between the calls for a run. Null: nobody can confirm.
     std::string admit(RunRecord &run, const std::string &serial, const Plan &plan, const Context &context,
                       std::string *unconfirmed);
+    // Makes the run one of no unit again.
+    void release(RunRecord &run, Records &records);
     // Releases the run's unit, and remembers its verdict for lines without a store.
     void ended(const RunRecord &run);
     // Releases whatever unit is in work at the place.

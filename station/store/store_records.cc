@@ -266,7 +266,22 @@ void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
     }
 }
 
+// Takes the unit from the run in the store, where other stations see it in work.
+void StoreRecords::release(const RunRecord &named) {
+    const Shared run = mine(unfinished(named));
+    {
+        const Lock lock(mutex_);
+        const auto found = inWork_.find(run->id);
+        if (found == inWork_.end() || std::exchange(found->second.unit, "").empty()) return;
+    }
+    writer_.later({[run](Database &store) { save(store, *run, true, run->steps.size()); }});
+}
+
 std::optional<UnitHistory> StoreRecords::named(const RunRecord &run) try {
+    if (run.unit.empty()) {
+        release(run);
+        return std::nullopt;
+    }
     const auto history = std::make_shared<UnitHistory>();
     asUnit(run, "*", [=](Database &database, const RunRecord &known) { *history = historyOf(database, known); });
     return *history;

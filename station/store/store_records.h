@@ -81,6 +81,7 @@ private:
     Course courseOf(const RunRecord &run);
     void asUnit(const RunRecord &named, const std::string &pool,
                 const std::function<void(Database &, const RunRecord &)> &take);
+    void release(const RunRecord &named);
     bool persist(const Shared &run, std::string &why);
     void forget(const std::string &id);
     std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
