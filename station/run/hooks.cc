@@ -56,7 +56,8 @@ Descriptor memoryFile(const std::string &content) {
     return file;
 }
 
-// Starts the command in a process group of its own. Returns its process ID, or a negative error number.
+// Starts the command in a session of its own, where it has no terminal. Returns its process ID, or a negative error
+// number.
 pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     std::vector<std::string> environment = environmentFor(run);
     std::vector<char *> entries;
@@ -80,7 +81,7 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     sigaddset(&pipe, SIGPIPE);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &pipe);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     pid_t pid = 0;
     const int error = posix_spawn(&pid, shell.c_str(), &files, &attributes, words, entries.data());
     posix_spawnattr_destroy(&attributes);
@@ -133,8 +134,13 @@ int runShell(const Hook &command, const RunRecord &run, const Take &take) {
     childs = Descriptor(-1);
     if (pid < 0) throw std::runtime_error(fmt::format("did not start: {}", strerror(-pid)));
     const std::optional<int> status = await(pid, command.limit, output.descriptor(), take);
-    if (!status) throw std::runtime_error(fmt::format("did not end within {:.1f} s", inSeconds(command.limit)));
-    if (WIFSIGNALED(*status)) throw std::runtime_error(fmt::format("ended by signal {}", WTERMSIG(*status)));
+    if (!status) {
+        throw std::runtime_error(fmt::format("did not end within {:.1f} s, and was killed", inSeconds(command.limit)));
+    }
+    if (WIFSIGNALED(*status)) {
+        throw std::runtime_error(
+            fmt::format("ended by signal {} ({})", WTERMSIG(*status), strsignal(WTERMSIG(*status))));
+    }
     return WEXITSTATUS(*status);
 }
 
@@ -152,7 +158,10 @@ std::string runHook(const Hook &hook, const RunRecord &run, std::string_view whe
         failure = error.what();
     }
     // cppcheck-suppress knownConditionTrueFalse ; the lambda changes it
-    return fmt::format("The command {} the test failed ({}){}{}", when, failure, printed.empty() ? "" : ": ", printed);
+    const std::string program =
+        hook.command.substr(0, hook.command.find_first_of(" \n"));  // the rest may be a password
+    return fmt::format("The command {} the test, {}, failed ({}){}{}", when, program, failure,
+                       printed.empty() ? "" : ": ", printed);
 }
 
 }  // namespace station

@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <csignal>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -162,8 +163,8 @@ void runOnStation(Attempt &attempt) {
         result.reply += part.substr(0, kept);
         result.cut += part.size() - kept;
     });
-    // These are the shell's own.
-    if ((status == 126 || status == 127) && status != attempt.step.status) {
+    // The shell's own: 126 and 127 of a program that cannot be run, more for one that a signal has ended.
+    if (status >= 126 && status < 128 + NSIG && status != attempt.step.status) {
         throw std::runtime_error(
             fmt::format("the station cannot run the command, status {}: {}", status, shorten(result.reply, kQuoted)));
     }
