@@ -1,5 +1,6 @@
 #pragma once
-// How long each step of a plan took in earlier runs. A progress bar follows it while there are no bytes to count.
+// How long each step of a plan took in earlier runs of this station. A progress bar follows it while there are no bytes
+// to count.
 
 #include <map>
 #include <string>
@@ -8,14 +9,8 @@
 
 namespace station {
 
-// Loads the times from the user's cache folder, and saves them there at its end. Belongs to one thread.
 class Durations {
 public:
-    Durations();
-    ~Durations();
-    Durations(const Durations &) = delete;
-    Durations &operator=(const Durations &) = delete;
-
     // Returns how many seconds a step takes; 0 when it has never passed.
     double of(const RunRecord &run, size_t step) const;
     // Returns how many seconds this step and all later ones take; 0 when one of them has never passed.

@@ -8,23 +8,23 @@
 namespace station {
 namespace {
 
-// Returns an event as a line of JSON: time, name, particulars.
-std::string line(const char *event, const Json &particulars) {
+// Returns an event as a line of JSON: time, name, what it is about, particulars.
+std::string line(const char *event, const Json &about, const Json &particulars = Json::object()) {
     Json result = {{"time", isoTime(WallClock::now())}, {"event", event}};
+    result.update(about);
     result.update(particulars);
     return dump(result) + "\n";
 }
 
-Json with(const RunRecord &run, const Json &particulars) {
+Json of(const RunRecord &run) {
     Json result = {{"run", run.id}, {"place", toJson(run.place)}};
     if (!run.unit.empty()) result["unit"] = run.unit;
-    result.update(particulars);
     return result;
 }
 
-Json with(const RunRecord &run, size_t step, const Json &particulars) {
-    Json result = with(run, {{"step", step + 1}});
-    result.update(particulars);
+Json of(const RunRecord &run, size_t step) {
+    Json result = of(run);
+    result["step"] = step + 1;
     return result;
 }
 
@@ -41,34 +41,34 @@ void Events::lineStarts(const std::vector<Place> &places) {
 void Events::boardConnects(const RunRecord &run) {
     Json titles = Json::array();
     for (const StepResult &step : run.steps) titles.push_back(step.title);
-    output_.put(line("board_connects", with(run, {{"peer", run.peer}, {"plan", run.plan}, {"steps", titles}})));
+    output_.put(line("board_connects", of(run), {{"peer", run.peer}, {"plan", run.plan}, {"steps", titles}}));
 }
 
 void Events::stepStarts(const RunRecord &run, size_t step) {
-    output_.put(line("step_starts", with(run, step, {{"title", run.steps[step].title}})));
+    output_.put(line("step_starts", of(run, step), {{"title", run.steps[step].title}}));
 }
 
 void Events::progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) {
-    output_.progress(line("progress", with(run, step, {{"sent", sent}, {"total", total}})));
+    output_.progress(line("progress", of(run, step), {{"sent", sent}, {"total", total}}));
 }
 
 void Events::asks(const RunRecord &run, size_t step, const std::string &prompt) {
-    output_.put(line("asks", with(run, step, {{"prompt", prompt}})));
+    output_.put(line("asks", of(run, step), {{"prompt", prompt}}));
 }
 
 void Events::stepEnds(const RunRecord &run, size_t step) {
-    output_.put(line("step_ends", with(run, step, {{"result", toJson(run.steps[step])}})));
+    output_.put(line("step_ends", of(run, step), {{"result", toJson(run.steps[step])}}));
 }
 
 void Events::boardEnds(const RunRecord &run) {
     Json particulars = {{"verdict", run.passed() ? "passed" : "failed"},
                         {"failures", run.failures()},
-                        {"seconds", std::chrono::duration<double>(run.end - run.start).count()},
+                        {"seconds", inSeconds(run.end - run.start)},
                         {"interrupted", run.interrupted}};
     if (!run.failure.empty()) particulars["failure"] = run.failure;
     if (run.cause != Cause::kNone) particulars["cause"] = textOf(run.cause);
     if (!todoAbout(run).empty()) particulars["todo"] = todoAbout(run);
-    output_.put(line("board_ends", with(run, particulars)));
+    output_.put(line("board_ends", of(run), particulars));
 }
 
 void Events::placeFree(const Place &place) { output_.put(line("place_free", {{"place", toJson(place)}})); }

@@ -27,15 +27,11 @@ constexpr std::chrono::seconds kPatience{1};
 struct Output::Queue {
     Mutex mutex;
     Condition changed;
-    std::string waiting GUARDED_BY(mutex);
-    size_t writing GUARDED_BY(mutex) = 0;    // bytes that the thread has taken and not yet written
+    std::string waiting GUARDED_BY(mutex);   // what is being written comes first
     size_t dropped GUARDED_BY(mutex) = 0;    // lines since the reader fell behind
     uint64_t written GUARDED_BY(mutex) = 0;  // bytes in all
     bool ends GUARDED_BY(mutex) = false;
     std::string failure GUARDED_BY(mutex);
-
-    bool idle() const REQUIRES(mutex) { return waiting.empty() && writing == 0; }
-    size_t size() const REQUIRES(mutex) { return waiting.size() + writing; }
 };
 
 Output::Output(int descriptor, Describe describe) : describe_(std::move(describe)), queue_(std::make_shared<Queue>()) {
@@ -52,7 +48,7 @@ Output::~Output() {
 void Output::put(const std::string &text) {
     const Lock lock(queue_->mutex);
     const size_t room = queue_->dropped > 0 ? kMost / 2 : kMost;
-    if (queue_->size() > room) {
+    if (queue_->waiting.size() > room) {
         queue_->dropped += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
         return;
     }
@@ -64,7 +60,7 @@ void Output::put(const std::string &text) {
 void Output::progress(const std::string &text) {
     {
         const Lock lock(queue_->mutex);
-        if (queue_->size() > kMostForProgress) return;
+        if (queue_->waiting.size() > kMostForProgress) return;
     }
     put(text);
 }
@@ -74,7 +70,7 @@ std::string Output::finish(const std::function<bool()> &hurry) {
     if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));
     queue_->changed.notifyAll();
     uint64_t written = queue_->written;
-    for (auto since = Clock::now(); !queue_->idle() && queue_->failure.empty();) {
+    for (auto since = Clock::now(); !queue_->waiting.empty() && queue_->failure.empty();) {
         queue_->changed.waitFor(lock, kGlimpse);
         if (std::exchange(written, queue_->written) != queue_->written) since = Clock::now();
         if (hurry() && Clock::now() - since > kPatience) queue_->failure = "nobody reads it";
@@ -82,41 +78,23 @@ std::string Output::finish(const std::function<bool()> &hurry) {
     return queue_->failure;
 }
 
-// Writes the text in pieces, and calls `piece` after each. Returns what failed, or an empty text.
-template <typename Piece>
-static std::string writeAll(int descriptor, const std::string &text, const Piece &piece) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t length = ::write(descriptor, text.data() + done, std::min(kPiece, text.size() - done));
-        if (length < 0 && errno == EAGAIN) {
-            pollfd polled{descriptor, POLLOUT, 0};
-            poll(&polled, 1, -1);
-        } else if (length < 0 && errno != EINTR) {
-            return strerror(errno);
-        } else if (length > 0) {
-            done += static_cast<size_t>(length);
-            piece(static_cast<size_t>(length));
-        }
-    }
-    return {};
-}
-
+// Gives up for good at the first failure.
 void Output::write(const std::shared_ptr<Queue> &queue, int descriptor) {
     Lock lock(queue->mutex);
     for (;;) {
         queue->changed.wait(lock, [&]() REQUIRES(queue->mutex) { return queue->ends || !queue->waiting.empty(); });
         if (queue->ends) return;
-        const std::string text = std::exchange(queue->waiting, {});
-        queue->writing = text.size();
+        const std::string piece = queue->waiting.substr(0, kPiece);
         lock.unlock();
-        const std::string failure = writeAll(descriptor, text, [&](size_t length) {
-            const Lock counting(queue->mutex);
-            queue->writing -= length;
-            queue->written += length;
-            queue->changed.notifyAll();
-        });
+        pollfd polled{descriptor, POLLOUT, 0};
+        poll(&polled, 1, -1);
+        const ssize_t length = ::write(descriptor, piece.data(), piece.size());
+        const std::string failure = length < 0 && errno != EAGAIN && errno != EINTR ? strerror(errno) : "";
         lock.lock();
-        queue->writing = 0;
         if (queue->failure.empty()) queue->failure = failure;
+        if (length > 0) queue->written += static_cast<size_t>(length);
+        queue->waiting.erase(0,
+                             failure.empty() ? static_cast<size_t>(std::max<ssize_t>(length, 0)) : std::string::npos);
         queue->changed.notifyAll();
     }
 }
