@@ -37,6 +37,7 @@
 #include "station/base/text.h"
 #include "station/line/line_file.h"
 #include "station/plan/plan.h"
+#include "station/run/record_json.h"
 #include "station/store/pool.h"
 #include "station/wire/discovery.h"
 #include "station/wire/script.h"
@@ -258,6 +259,17 @@ void results(std::string input) {
     }
 }
 
+// Input: the record of a run, which a person may have edited. What is read of it is kept: it is the same when it is
+// written and read again.
+void record(std::string input) {
+    try {
+        const std::string text = station::dump(station::parseRecord(input));
+        require(station::dump(station::parseRecord(text)) == text);
+    } catch (const std::runtime_error &error) {
+        require(std::string(error.what()).starts_with("this is not the record of a run: "));
+    }
+}
+
 // Input: frames that answer the discovery of a board.
 void discovery(std::string input) {
     struct Frames : station::FrameLink {
@@ -371,6 +383,7 @@ const std::map<std::string, void (*)(std::string input)> kTargets = {{"configura
                                                                      {"listener", listener},
                                                                      {"plan", plan},
                                                                      {"pool", pool},
+                                                                     {"record", record},
                                                                      {"replies", replies},
                                                                      {"results", results},
                                                                      {"session", session},
