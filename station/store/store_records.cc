@@ -21,10 +21,10 @@ constexpr Seconds kSilence{30};      // of a living process with a board in work
 constexpr Seconds kGone{24 * 3600};  // a station that was not seen for so long runs nothing any more
 constexpr Seconds kGhost{15};        // after which a server has noticed that a connection is dead
 constexpr Seconds kPoolsLook{3600};  // between two looks at what is left of the pools, which count a week of units
-constexpr char kRunsOfUnit[] =       // those that count, the last one first
+constexpr char kRunsOfUnit[] =       // those that count, the last one first, whatever the stations' clocks said
     "SELECT r.verdict, r.ended, r.place, r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit"
     " JOIN stations s ON s.id = r.station WHERE u.serial = $1 AND r.plan = $2 AND r.attempt IS NOT NULL"
-    " ORDER BY r.started DESC LIMIT 100";
+    " ORDER BY r.id DESC LIMIT 100";
 
 // Returns the time in SQL by the store's own clock, as the clocks of stations differ.
 std::string clockOf(const Database &database) {
