@@ -502,6 +502,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
         {"run: head -c 50000000 /dev/zero, match: ''", "", "F", "", "printed 50000000 bytes"},
         {"run: kill -9 $$", "", "F", "", "ended by signal 9", "station"},
         {"run: ./none", "", "F", "", "cannot run the command, status 127", "station"},
+        {"run: '(sh -c \"kill -9 \\$\\$\"); exit $?'", "", "F", "", "cannot run the command, status 137", "station"},
+        {"run: 'read -r a b c d e session f < /proc/$$/stat && test $session = $$'", "", "P", "", ""},
         {"run: exit 1, name: pull, retries: 1|send: X, expect: X", "", "F-", "", "no link: the board has gone",
          "connection"},
         {"run: exec 9> lock; flock 9; sleep 1000 & wait, timeout: 0.3|run: flock lock true", "", "FP", "",
