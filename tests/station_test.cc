@@ -207,7 +207,7 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
         {"- {send: PING}\n- PING", "1:3: a command needs \"expect\" or \"match\"\n"},
         {"- {send: PING}\n- PING", "2:3: a step is a map of keys"},
         {"- {send: PING, expct: OK}", "1:16: unknown key \"expct\" in a \"send\" step"},
-        {"- {send: PING, expect: OK, match: OK}", "1:35: the whole text and a match exclude each other"},
+        {"- {send: PING, expect: OK, match: OK}", "1:35: a step has either"},
         {"- {send: PING, match: '(['}", "1:23: bad expression"},
         {"- {send: PING, expect: OK, upload: none}", ": No such file or directory"},
         {"- {verify: ., partition: 1}", "1:12: cannot read"},

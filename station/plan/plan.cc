@@ -219,7 +219,7 @@ Kind kindOf(const YAML::Node &node) {
 // Returns the fault, empty for none.
 std::string takeFrom(Draft &draft, const std::string &pool) {
     if (!draft.loader.known.variables.contains("serial"))
-        return fmt::format("{{{}}} is taken for a unit: no step before says its {{serial}}", pool);
+        return fmt::format("{{{}}} is taken for a unit: let an earlier step fill {{serial}}", pool);
     const int needed = addressesIn(draft.send, draft.expected.text.value_or(""));
     const int count = draft.take > 0 ? draft.take : needed;
     if (count < 1 || count > kMostTaken)
@@ -243,7 +243,7 @@ std::string resolve(Draft &draft, const std::string &name) {
     if (draft.known.contains(name) || variables.contains(name)) return {};
     if (pools.contains(name)) return takeFrom(draft, name);
     if (name == "size") return "{size} needs \"upload\"";
-    return fmt::format("nothing fills {{{}}}: no step before, nothing of the line, no pool of its store", name);
+    return fmt::format("nothing fills {{{}}}: no earlier step, no variable of the line, no pool of its store", name);
 }
 
 // What the step is about to send, as far as it is known now.
@@ -273,7 +273,7 @@ void checkKeys(Draft &draft) {
     const auto &[text, match, problem] = draft.expected;
     const std::set<std::string> groups = match ? match->groups() : std::set<std::string>();
     const bool ends = (draft.closes || boardCommand(draft.send).role == Role::kEnd) && !draft.reconnect;
-    draft.faultIf(text && match, "match", "the whole text and a match exclude each other");
+    draft.faultIf(text && match, "match", "a step has either \"match\" or the whole text, not both");
     draft.faultIf(draft.kind == Kind::kVerify && draft.partition < 0, "", "\"verify\" needs \"partition\"");
     draft.faultIf(draft.kind == Kind::kAsk && draft.prompt.empty(), "", "\"ask\" needs \"prompt\"");
     draft.faultIf(draft.kind == Kind::kCommand && !draft.expected && !draft.reconnect, "",
@@ -294,7 +294,7 @@ void checkKeys(Draft &draft) {
     draft.faultIf(known.pools.empty(), "whose",
                   "addresses are looked up in the pools of the line's store, which has none");
     draft.faultIf(!known.pools.empty() && !known.variables.contains("serial") && !groups.contains("serial"), "whose",
-                  "the address is compared with those of a unit: no step before says its {serial}");
+                  "the address is compared with those of a unit: let an earlier step fill {serial}");
 }
 
 void checkStep(Draft &draft) {
