@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <ranges>
 #include <utility>
 
 #include "station/base/machine.h"
@@ -85,13 +84,15 @@ bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
 }
 
 Json Shift::toJson() const {
+    const auto count = [](const Passed &all, bool passed) {
+        return std::count_if(all.begin(), all.end(), [=](const auto &one) { return one.second == passed; });
+    };
     Json json = {{"since", fmt::format("{:%H:%M}", fmt::localtime(WallClock::to_time_t(begin_)))},
                  {"seconds", inSeconds(WallClock::now() - begin_)},
                  {"units", units_.size()},
-                 {"failed", std::ranges::count(units_ | std::views::values, false)}};
+                 {"failed", count(units_, false)}};
     if (target_ > 0) json["target"] = target_;
-    const auto firstPasses = std::ranges::count(firsts_ | std::views::values, true);
-    if (!firsts_.empty()) json["yield"] = 100.0 * double(firstPasses) / double(firsts_.size());
+    if (!firsts_.empty()) json["yield"] = 100.0 * double(count(firsts_, true)) / double(firsts_.size());
     if (seconds_.empty()) return json;
     std::vector<double> sorted = seconds_;
     const auto middle = sorted.begin() + static_cast<ptrdiff_t>((sorted.size() - 1) / 2);  // as the store's median
