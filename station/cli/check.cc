@@ -127,8 +127,9 @@ void checkRoutes(Check &check) {
 
 void checkPage(Check &check) try {
     if (!check.line.page) return;
-    checkAddress(check, "page", check.line.page->address, check.line.page->port);
-    for (const std::string &text : readWords(check.line.page->language).warnings) check.warn("page", text);
+    const PageSettings &page = *check.line.page;
+    checkAddress(check, "page", page.address, page.port);
+    for (const std::string &text : readWords(page.language).warnings) check.warn("page", page.language + ": " + text);
 } catch (const std::runtime_error &error) {
     check.fault("page", error.what());
 }
