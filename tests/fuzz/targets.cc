@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <span>
 #include <sstream>
@@ -36,6 +37,8 @@
 #include "image/firmware_image.h"
 #include "station/base/text.h"
 #include "station/line/line_file.h"
+#include "station/page/guard.h"
+#include "station/page/query.h"
 #include "station/plan/plan.h"
 #include "station/run/record_json.h"
 #include "station/store/pool.h"
@@ -337,6 +340,32 @@ void links(std::string input) {
     for (const char *part : {"link:", ":up", "full-duplex"}) require(input.find(part) != std::string::npos);
 }
 
+// Input: the head of a request to the page, and the names and values of its query. Nothing may be changed by another
+// site, nor by another machine without the token. What a page may ask of the store is a period, and links are ASCII.
+void requests(std::string input) {
+    station::RequestHead head;
+    for (std::string *const field :
+         {&head.method, &head.path, &head.local, &head.peer, &head.host, &head.origin, &head.type, &head.authorization})
+        *field = next(input).c_str();
+    station::PageRequest request{head.path, {}, {}};
+    for (std::string name; !input.empty(); request.parameters.emplace(name, next(input))) name = next(input);
+    const station::Route route{head.path, {}, station::RouteKind::kChange};
+    station::Guard guard(8080, "token", [](const std::string &) {});
+    if (const auto refusal = guard.refusal(&route, head)) {
+        require(nlohmann::json::accept(refusal->body));
+    } else {
+        require(head.method == "POST" && (head.peer.starts_with("127.") || head.authorization == "Bearer token"));
+        require(head.origin.empty() || strcasecmp(head.origin.c_str(), ("http://" + head.host).c_str()) == 0);
+    }
+    try {
+        const station::Query query(request);
+        require(station::parseIsoTime(query.filter.period.since).has_value());
+        const std::string link = query.link("/runs");
+        require(std::all_of(link.begin(), link.end(), [](unsigned char c) { return c > ' ' && c < 0x7F; }));
+    } catch (const station::Refusal &) {
+    }
+}
+
 std::string decode(const std::string &encoded) {
     std::string text;
     for (size_t i = 0; i < encoded.size(); i += encoded[i] == '%' ? 3 : 1) {
@@ -385,6 +414,7 @@ const std::map<std::string, void (*)(std::string input)> kTargets = {{"configura
                                                                      {"pool", pool},
                                                                      {"record", record},
                                                                      {"replies", replies},
+                                                                     {"requests", requests},
                                                                      {"results", results},
                                                                      {"session", session},
                                                                      {"texts", texts}};
