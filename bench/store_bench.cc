@@ -219,9 +219,7 @@ void bench(const std::string &store, int runs) {
     report("summary of 30 days --by hour", [&] { yields(database, month, By::kHour); });
     report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
     report("summary of 30 days --by value", [&] { measuredValues(database, month); });
-    report("a value of 30 days in 500 groups", [&] {
-        readingGroups(database, {month.period, "line"}, "volts 1", 500);
-    });
+    report("a value of 30 days as a group", [&] { readingGroup(database, {month.period, "line"}, "volts 1"); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
     StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool", nullptr);

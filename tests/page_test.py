@@ -401,6 +401,9 @@ class Page(unittest.TestCase):
         self.browser.get(f'http://127.0.0.1:{PAGE}/summary?since=7d')
         self.until(lambda: len(find('canvas')) == 2)
         self.accessible('/summary')
+        counted = find('#failures td a')[0].get_attribute('href').replace('/runs', '/api/runs')
+        with urllib.request.urlopen(counted, timeout=PATIENCE) as file:
+            self.assertEqual([row['serial'] for row in json.load(file)['tables']['runs']['rows']], ['<b>7</b>'])
         self.type('<b>7</b>', Keys.ENTER)
         self.until(lambda: 'Unit <b>7</b>' in self.page())
         self.accessible('/unit')

@@ -13,50 +13,53 @@ constexpr std::chrono::seconds kLimit{5};  // of a question
 
 }  // namespace
 
-void Archive::connect() try {
-    use(nullptr);
+Archive::Connection *Archive::take() {
+    const Lock lock(mutex_);
+    const auto any = [this]() REQUIRES(mutex_) { return !free_.empty(); };
+    if (!freed_.waitUntil(lock, Clock::now() + 2 * kLimit, any)) {
+        throw TooSlow("the store has others to answer, or hangs");
+    }
+    Connection *const connection = free_.back();
+    free_.pop_back();
+    return connection;
+}
+
+void Archive::giveBack(Connection *connection) {
+    const Lock lock(mutex_);
+    free_.push_back(connection);
+    freed_.notifyOne();
+}
+
+void Archive::connect(Connection &connection) try {
+    use(connection, nullptr);
     auto database = std::make_unique<Database>(store_, Database::Missing::kIsAnError);
     database->onlyAsk(kLimit);
-    use(std::move(database));
+    use(connection, std::move(database));
 } catch (const StoreError &error) {
     throw StoreError(fmt::format("the store {} is away: {}", shownName(store_), error.what()));
 }
 
-void Archive::use(std::unique_ptr<Database> database) {
+void Archive::use(Connection &connection, Connection database) {
     const Lock lock(mutex_);
-    database_ = std::move(database);
-    if (stops_ && database_) database_->interrupt();
+    connection = std::move(database);
+    if (stops_ && connection) connection->interrupt();
 }
 
 void Archive::stop() {
     const Lock lock(mutex_);
     stops_ = true;
-    if (database_) database_->interrupt();
-}
-
-void Archive::takeTurn() {
-    const Lock lock(mutex_);
-    const auto free = [this]() REQUIRES(mutex_) { return !busy_; };
-    if (!free_.waitUntil(lock, Clock::now() + 2 * kLimit, free)) {
-        throw TooSlow("the store has others to answer, or hangs");
+    for (const Connection &connection : connections_) {
+        if (connection) connection->interrupt();
     }
-    busy_ = true;
-}
-
-void Archive::endTurn() {
-    const Lock lock(mutex_);
-    busy_ = false;
-    free_.notifyOne();
 }
 
 void Archive::ask(const std::function<void(Database &)> &work) {
-    takeTurn();
-    const auto end = [](Archive *archive) { archive->endTurn(); };
-    const std::unique_ptr<Archive, decltype(end)> turn(this, end);
-    const bool fresh = !database_;
-    if (fresh) connect();
+    const auto giveBack = [this](Connection *connection) { this->giveBack(connection); };
+    const std::unique_ptr<Connection, decltype(giveBack)> taken(take(), giveBack);
+    const bool fresh = !*taken;
+    if (fresh) connect(*taken);
     try {
-        return work(*database_);
+        return work(**taken);
     } catch (const Refusal &) {
         throw;
     } catch (const TooSlow &) {
@@ -64,8 +67,8 @@ void Archive::ask(const std::function<void(Database &)> &work) {
     } catch (const StoreError &) {  // perhaps no more than that the connection broke since it was last used
         if (fresh) throw;
     }
-    connect();
-    work(*database_);
+    connect(*taken);
+    work(**taken);
 }
 
 }  // namespace station

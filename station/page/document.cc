@@ -6,68 +6,51 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <map>
+#include <future>
+#include <ranges>
 
 #include "station/page/local_time.h"
+#include "station/page/shift.h"
 #include "station/store/format.h"
 #include "station/store/load.h"
+#include "station/store/sql.h"
 
 namespace station {
 namespace {
 
 constexpr size_t kMostOfFile = 100000;  // rows
 constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
+constexpr size_t kMostPlaced = 200000;  // readings of a histogram that is split by place
 constexpr int kGroups = 200, kBars = 30;
-constexpr std::time_t kMostHours = 96;  // of a period that is shown by the hour
+constexpr std::time_t kHour = 3600, kDay = 24 * kHour;
 
 // ---- tables
 
-size_t indexOf(const Table &table, const std::string &column) {
+size_t indexOf(const Table &table, std::string_view column) {
     return size_t(std::find(table.columns.begin(), table.columns.end(), column) - table.columns.begin());
 }
 
-Table without(Table table, const std::string &column) {
-    const size_t index = indexOf(table, column);
-    if (index == table.columns.size()) return table;
-    const auto remove = [index](auto &cells) {
-        if (index < cells.size()) cells.erase(cells.begin() + ptrdiff_t(index));
-    };
-    remove(table.columns);
-    remove(table.numbers);
-    for (auto &row : table.rows) remove(row);
-    return table;
-}
-
-// Sorts the rows by a column. Compares numbers within texts as numbers, and puts empty cells last.
-void sortBy(Table &table, const std::string &column, bool descending) {
-    const size_t at = indexOf(table, column);
+// Sorts the rows by a column, with a "-" in front in descending order. Compares numbers within texts as numbers, and
+// puts empty cells last.
+void sortBy(Table &table, std::string_view column) {
+    const bool descending = column.starts_with('-');
+    const size_t at = indexOf(table, column.substr(descending ? 1 : 0));
     if (at == table.columns.size()) return;
-    const bool number = table.isNumber(at);
-    const auto compare = [number](const std::string &a, const std::string &b) {
-        if (!number) return strverscmp(a.c_str(), b.c_str());
-        const double x = std::strtod(a.c_str(), nullptr), y = std::strtod(b.c_str(), nullptr);
-        return x < y ? -1 : int(x > y);
+    const auto less = [number = table.isNumber(at)](const std::string &a, const std::string &b) {
+        return number ? std::strtod(a.c_str(), nullptr) < std::strtod(b.c_str(), nullptr)
+                      : strverscmp(a.c_str(), b.c_str()) < 0;
     };
     std::stable_sort(table.rows.begin(), table.rows.end(), [&](const auto &a, const auto &b) {
         if (!a[at] || !b[at]) return a[at].has_value() > b[at].has_value();
-        return descending ? compare(*b[at], *a[at]) < 0 : compare(*a[at], *b[at]) < 0;
+        return descending ? less(*b[at], *a[at]) : less(*a[at], *b[at]);
     });
 }
 
 // Returns the column by which the query sorts this table, with a "-" in front for descending; empty: none.
-std::string orderOf(const Part &part, const Query &query) {
-    std::string order = query["sort"];
-    const std::string sign = order.starts_with('-') ? "-" : "", prefix = fmt::format("{}{}.", sign, part.name);
-    return order.starts_with(prefix) ? sign + order.substr(prefix.size()) : part.order;
-}
-
-Table ask(Archive &archive, const Part &part, const Query &query, size_t most) {
-    Table table;
-    archive.ask([&](Database &database) { table = part.ask(database, query, most); });
-    const std::string order = orderOf(part, query);
-    const bool descending = order.starts_with('-');
-    sortBy(table, order.substr(descending ? 1 : 0), descending);
-    return table;
+std::string orderOf(std::string_view table, const Query &query) {
+    const std::string order = query["sort"], sign = order.starts_with('-') ? "-" : "";
+    const std::string prefix = fmt::format("{}{}.", sign, table);
+    return order.starts_with(prefix) ? sign + order.substr(prefix.size()) : table == "places" ? "place" : "";
 }
 
 Json cellOf(const Value &cell, bool number) {
@@ -76,119 +59,136 @@ Json cellOf(const Value &cell, bool number) {
     return parsed.is_number() ? parsed : Json(*cell);
 }
 
-Json rowOf(const Table &table, const std::vector<Value> &row) {
-    Json json = Json::object();
-    for (size_t i = 0; i < row.size(); ++i) json[table.columns[i]] = cellOf(row[i], table.isNumber(i));
-    return json;
-}
-
 Json jsonOf(const Table &table, size_t from, size_t most) {
     Json rows = Json::array();
     const size_t end = std::min(table.rows.size(), from + most);
-    for (size_t i = from; i < end; ++i) rows.push_back(rowOf(table, table.rows[i]));
+    for (size_t at = from; at < end; ++at) {
+        Json &row = rows.emplace_back(Json::object());
+        for (size_t i = 0; i < table.columns.size(); ++i) {
+            row[table.columns[i]] = cellOf(table.rows[at][i], table.isNumber(i));
+        }
+    }
     return {{"columns", table.columns}, {"rows", rows}, {"more", table.rows.size() > end}};
 }
 
+// ---- times
+
 std::time_t endOf(const Period &period) { return period.until.empty() ? std::time(nullptr) : timeOf(period.until); }
+
+// Returns the first time after `time`, within `most` seconds, that has another key.
+template <typename KeyOf>
+std::time_t nextChange(std::time_t time, std::time_t most, const KeyOf &keyOf) {
+    const auto same = [&, key = keyOf(time)](std::time_t other) { return keyOf(other) == key; };
+    return *std::ranges::partition_point(std::views::iota(time, time + most), same);
+}
 
 // Returns how many minutes the station's zone is ahead of UTC in the period, and from when on, for charts.
 Json zonesOf(const Period &period) {
-    constexpr std::time_t kStep = 1800;
-    const std::time_t end = endOf(period);
     Json zones = Json::array();
-    long last = 0;
-    for (std::time_t time = timeOf(period.since); zones.empty() || time < end; time += kStep) {
-        const long minutes = aheadOfUtc(time) / 60;
-        if (zones.empty() || minutes != last) zones.push_back({{"from", utcTime(time) + "Z"}, {"minutes", minutes}});
-        last = minutes;
+    const auto add = [&](std::time_t time) {
+        zones.push_back({{"from", isoTime(WallClock::from_time_t(time))}, {"minutes", aheadOfUtc(time) / 60}});
+    };
+    std::time_t time = timeOf(period.since);
+    add(time);
+    for (const std::time_t end = endOf(period); time < end; time += kDay) {
+        if (aheadOfUtc(time) != aheadOfUtc(time + kDay)) add(nextChange(time, kDay, aheadOfUtc));
     }
     return zones;
 }
 
-// ---- runs and units
+// Returns where the period's hours, shifts, days or months begin, whichever suits its length: from its beginning to its
+// end, both included.
+std::vector<std::string> timesOf(const Period &period, const std::vector<int> &shifts) {
+    constexpr std::time_t kHours = 2 * kDay + kHour, kShifts = 14 * kDay + kHour, kDays = 366 * kDay;
+    const std::time_t end = endOf(period), length = end - timeOf(period.since);
+    const char *const form = length <= kHours ? "%Y-%m-%d %H" : length <= kDays ? "%Y-%m-%d" : "%Y-%m";
+    const auto keyOf = [&](std::time_t time) {
+        if (length <= kHours || length > kShifts) return localTime(time, form);
+        return isoTime(shiftBegin(shifts, WallClock::from_time_t(time)));
+    };
+    std::vector<std::string> times = {period.since};
+    for (std::time_t time = timeOf(period.since); (time = nextChange(time, 32 * kDay, keyOf)) < end;) {
+        times.push_back(isoTime(WallClock::from_time_t(time)));
+    }
+    times.push_back(period.until);
+    return times;
+}
 
-Table runs(Database &database, const Query &query, size_t most) {
-    Table found = listRuns(database, {query.filter, query["failed"] == "1", int(most), query["step"], query["file"]});
-    std::reverse(found.rows.begin(), found.rows.end());
+// Asks about the runs between each time and the next one, and returns the rows of all answers.
+Table inParts(const Asked &asked, const std::vector<std::string> &times,
+              const std::function<Table(const Filter &)> &ask) {
+    Table all;
+    Filter part = asked.query.filter;
+    for (size_t i = 1; i < times.size(); ++i) {
+        part.period = {times[i - 1], times[i]};
+        Table found = ask(part);
+        std::ranges::move(found.rows, std::back_inserter(all.rows));
+        found.rows = std::exchange(all.rows, {});
+        for (size_t c = 0; c < all.numbers.size(); ++c) found.numbers[c] = found.numbers[c] || all.numbers[c];
+        all = std::move(found);
+    }
+    return all;
+}
+
+// ---- units and runs
+
+// Returns the table of this name among those of the query's unit.
+Table unitTable(const Asked &asked, std::string_view name) {
+    const auto sections = show(asked.database, asked.query["serial"]);
+    if (sections[0].name != "unit") throw Refusal(fmt::format("the store knows no unit \"{}\"", asked.query["serial"]));
+    return std::ranges::find(sections, name, &Section::name)->table;
+}
+
+Part ofUnit(std::string_view name) {
+    return {name, [=](const Asked &asked) { return unitTable(asked, name); }};
+}
+
+// Returns what the SQL file says about the last run of each plan of the query's unit.
+Part ofLastRuns(std::string_view name, const char *file) {
+    return {name, [=](const Asked &asked) {
+                return asked.database.ask(sqlOf(asked.database.shared(), file), {unitTable(asked, "unit").rows[0][0]});
+            }};
+}
+
+Part ofRun(std::string_view name) {
+    return {name, [=](const Asked &asked) {
+                const auto sections = showRun(asked.database, asked.query["run"]);
+                return std::ranges::find(sections, name, &Section::name)->table;
+            }};
+}
+
+Table runs(const Asked &asked) {
+    const Query &query = asked.query;
+    Table found =
+        listRuns(asked.database, {query.filter, query["failed"] == "1", int(asked.most), query["step"], query["file"]});
+    std::ranges::reverse(found.rows);
     return found;
 }
 
-Table units(Database &database, const Query &query, size_t most) { return unitsLike(database, query["q"], int(most)); }
-
-template <size_t kSection>
-Table ofUnit(Database &database, const Query &query, size_t) {
-    const auto found = show(database, query["serial"]);
-    if (found[0].name != "unit") throw Refusal(fmt::format("the store knows no unit \"{}\"", query["serial"]));
-    return found[kSection].table;
-}
-
-template <size_t kSection>
-Table ofRun(Database &database, const Query &query, size_t) {
-    return showRun(database, query["run"])[kSection].table;
-}
-
-Table variables(Database &database, const Query &query, size_t) {
+Table variables(const Asked &asked) {
     Table table{{"variable", "is"}, {}};
-    for (const auto &[name, value] : loadRun(database, query["run"]).variables) table.rows.push_back({name, value});
-    return table;
-}
-
-// Returns the last run of each plan among a unit's runs.
-std::vector<RunRecord> lastRuns(Database &database, const Query &query) {
-    const Table runs = ofUnit<2>(database, query, 0);
-    std::map<Value, std::string> names;
-    for (const auto &row : runs.rows) names[row[indexOf(runs, "plan")]] = row[indexOf(runs, "run")].value_or("");
-    std::vector<RunRecord> records;
-    records.reserve(names.size());
-    for (const auto &[plan, name] : names) records.push_back(loadRun(database, name));
-    return records;
-}
-
-Table lastValues(Database &database, const Query &query, size_t) {
-    Table table{{"plan", "name", "value", "unit", "minimum", "maximum", "verdict", "run"},
-                {},
-                {false, false, true, false, true, true}};
-    const auto limit = [](const std::optional<double> &value) { return value ? number(*value) : std::nullopt; };
-    for (const RunRecord &run : lastRuns(database, query)) {
-        for (const StepResult &step : run.steps) {
-            for (const Measurement &found : step.measurements) {
-                table.rows.push_back({run.plan, found.name, number(found.value), text(found.unit), limit(found.min),
-                                      limit(found.max), found.passed ? "passed" : "failed", run.id});
-            }
-        }
+    for (const auto &[name, value] : loadRun(asked.database, asked.query["run"]).variables) {
+        table.rows.push_back({name, value});
     }
     return table;
 }
 
-Table lastFiles(Database &database, const Query &query, size_t) {
-    Table table{{"plan", "step", "file", "size", "sha256"}, {}, {false, true, false, true, false}};
-    for (const RunRecord &run : lastRuns(database, query)) {
-        for (const PlanFile &file : run.files) {
-            table.rows.push_back({run.plan, number(file.step), file.name, number(file.size), file.sha256});
-        }
-    }
-    return table;
-}
+using Facts = std::vector<std::pair<std::string, Value>>;  // name and value
 
-// ---- the runs of a unit side by side
-
-constexpr ptrdiff_t kNeighbours = 3;  // before and after the run
-
-// Returns the facts of a run that may differ from those of another run of the unit: name and value.
-std::vector<std::pair<std::string, Value>> factsOf(const RunRecord &run) {
+// Returns the facts of a run that may differ from those of another run of the unit.
+Facts factsOf(const RunRecord &run) {
     const StepResult *const failed = run.firstFailed();
-    std::vector<std::pair<std::string, Value>> facts = {{"started", isoTime(run.start)},
-                                                        {"verdict", run.passed()      ? "passed"
-                                                                    : run.interrupted ? "interrupted"
-                                                                                      : "failed"},
-                                                        {"plan", run.plan},
-                                                        {"station", run.station.name},
-                                                        {"place", run.place.name},
-                                                        {"failed step", failed ? Value(failed->title) : std::nullopt},
-                                                        {"why", text(failed ? failed->failure : run.failure)},
-                                                        {"cause", text(std::string(textOf(run.cause)))},
-                                                        {"operator", text(run.operatorName)},
-                                                        {"plan_sha256", text(run.planDigest.substr(0, 16))}};
+    const char *const verdict = run.passed() ? "passed" : run.interrupted ? "interrupted" : "failed";
+    Facts facts = {{"started", isoTime(run.start)},
+                   {"verdict", verdict},
+                   {"plan", run.plan},
+                   {"station", run.station.name},
+                   {"place", run.place.name},
+                   {"failed step", failed ? Value(failed->title) : std::nullopt},
+                   {"why", text(failed ? failed->failure : run.failure)},
+                   {"cause", text(std::string(textOf(run.cause)))},
+                   {"operator", text(run.operatorName)},
+                   {"plan_sha256", text(run.planDigest.substr(0, 16))}};
     for (const PlanFile &file : run.files) facts.emplace_back(file.name, file.sha256.substr(0, 16));
     for (const StepResult &step : run.steps) {
         for (const Measurement &found : step.measurements) {
@@ -200,157 +200,162 @@ std::vector<std::pair<std::string, Value>> factsOf(const RunRecord &run) {
     return facts;
 }
 
-void addColumn(Table &table, const RunRecord &run) {
-    table.columns.push_back(run.id);
+void addColumn(Table &table, const std::string &name, const Facts &facts) {
+    table.columns.push_back(name);
     for (auto &row : table.rows) row.emplace_back();
-    for (const auto &[what, value] : factsOf(run)) {
+    for (const auto &[what, value] : facts) {
         // Steps may measure values of the same name.
         const auto holds = [&name = what](const auto &cells) { return cells[0] == name && !cells.back(); };
-        auto row = std::find_if(table.rows.begin(), table.rows.end(), holds);
+        auto row = std::ranges::find_if(table.rows, holds);
         if (row == table.rows.end()) row = table.rows.insert(row, std::vector<Value>(table.columns.size()));
         row->front() = what;
         row->back() = value;
     }
 }
 
-Table attempts(Database &database, const Query &query, size_t) {
-    const std::string serial = loadRun(database, query["run"]).unit;
+// Returns the unit's runs before and after the query's run side by side.
+Table attempts(const Asked &asked) {
     Table table{{"what"}, {}, {}};
-    if (serial.empty()) return table;
-    const Table all = show(database, serial)[2].table;
-    const size_t name = indexOf(all, "run");
-    const auto &rows = all.rows;
-    const auto here =
-        std::find_if(rows.begin(), rows.end(), [&](const auto &row) { return row[name] == query["run"]; });
-    const auto first = here - std::min(kNeighbours, here - rows.begin());
-    const auto end = here + std::min(kNeighbours + 1, rows.end() - here);
-    for (auto row = first; row != end; ++row) addColumn(table, loadRun(database, *(*row)[name]));
+    const Table names = asked.database.ask(sqlOf(asked.database.shared(), "runs_around"), {asked.query["run"]});
+    for (const auto &row : names.rows) addColumn(table, *row[0], factsOf(loadRun(asked.database, *row[0])));
     return table;
 }
 
 // ---- measured values
 
-template <By kBy>
-Table measuredBy(Database &database, const Query &query, size_t) {
-    return measuredValues(database, query.filter, query["name"], kBy);
+Table oldestReadings(const Asked &asked, size_t most) {
+    return readings(asked.database, asked.query.filter, asked.query["name"], int(most));
 }
 
-Table everyReading(Database &database, const Query &query, size_t most) {
-    return readings(database, query.filter, query["name"], int(most));
-}
-
-// Returns no rows when there are too many.
-Table fewReadings(Database &database, const Query &query, size_t most) {
-    if (most > kMostReadings) return everyReading(database, query, most);
-    Table table = everyReading(database, query, kMostReadings + 1);
-    if (table.rows.size() > kMostReadings) table.rows.clear();
+// Returns each reading; for a chart, no rows when there are too many for it.
+Table everyReading(const Asked &asked) {
+    Table table = oldestReadings(asked, std::max(asked.most, kMostReadings + 1));
+    if (asked.most <= kMostReadings && table.rows.size() > kMostReadings) table.rows.clear();
     return table;
 }
 
-Table groups(Database &database, const Query &query, size_t) {
-    if (everyReading(database, query, kMostReadings + 1).rows.size() <= kMostReadings) return {};
-    return readingGroups(database, query.filter, query["name"], kGroups);
+// Returns the readings in groups, by parts of the period of equal length; no rows when there are few readings.
+Table groups(const Asked &asked) {
+    const Table oldest = oldestReadings(asked, kMostReadings + 1);
+    if (oldest.rows.size() <= kMostReadings) return {};
+    const Period &period = asked.query.filter.period;
+    const std::time_t start = timeOf(*oldest.rows[0][0]), length = endOf(period) - start;
+    std::vector<std::string> times = {period.since};
+    for (int i = 1; i < kGroups; ++i) times.push_back(isoTime(WallClock::from_time_t(start + length * i / kGroups)));
+    times.push_back(period.until);
+    return inParts(asked, times,
+                   [&](const Filter &part) { return readingGroup(asked.database, part, asked.query["name"]); });
 }
 
-Table bars(Database &database, const Query &query, size_t) {
-    return histogram(database, query.filter, query["name"], kBars);
+// Returns the histogram, by place unless the look-up of so many places would take too long.
+Table bars(const Asked &asked) {
+    const Query &query = asked.query;
+    const Table group = readingGroup(asked.database, query.filter, query["name"]);
+    const size_t measured = group.empty() ? 0 : std::stoul(*group.rows[0][indexOf(group, "measured")]);
+    return histogram(asked.database, query.filter, query["name"], kBars,
+                     measured <= kMostPlaced ? By::kPlace : By::kAll);
+}
+
+Part valuesBy(std::string_view name, By by) {
+    return {name, [=](const Asked &asked) {
+                return measuredValues(asked.database, asked.query.filter, asked.query["name"], by);
+            }};
 }
 
 // ---- yields
 
-template <By kBy>
-Table yieldsBy(Database &database, const Query &query, size_t) {
-    const Table table = yields(database, query.filter, kBy);
-    return kBy == By::kAll ? without(table, "period") : table;
+// Returns the yields of the whole period, or of its parts.
+Part yieldsOf(std::string_view name, bool parts) {
+    return {name, [=](const Asked &asked) {
+                const Period &period = asked.query.filter.period;
+                const auto times = parts ? timesOf(period, asked.settings.shifts)
+                                         : std::vector<std::string>{period.since, period.until};
+                return inParts(asked, times, [&](const Filter &part) {
+                    Table table = yields(asked.database, part, By::kAll);
+                    table.columns[0] = "since";
+                    table.columns.insert(table.columns.begin() + 1, "until");
+                    table.numbers.insert(table.numbers.begin(), false);
+                    for (auto &row : table.rows) {
+                        row[0] = part.period.since;
+                        row.insert(row.begin() + 1, text(part.period.until));
+                    }
+                    return table;
+                });
+            }};
 }
 
-// A period of more than kMostHours is shown by the day, others by the hour. Days begin by the zone at the period's end.
-bool isLong(const Period &period) { return endOf(period) - timeOf(period.since) > kMostHours * 3600; }
+const Part kChoices = {"choices", [](const Asked &asked) { return choices(asked.database); }};
 
-Table hours(Database &database, const Query &query, size_t) {
-    return isLong(query.filter.period) ? Table() : yields(database, query.filter, By::kHour);
+Table askPart(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, size_t most) {
+    Table table;
+    archive.ask([&](Database &database) { table = part.ask({database, query, settings, most}); });
+    sortBy(table, orderOf(part.name, query));
+    return table;
 }
 
-Table days(Database &database, const Query &query, size_t) {
-    const std::chrono::minutes zone(aheadOfUtc(endOf(query.filter.period)) / 60);
-    return isLong(query.filter.period) ? yields(database, query.filter, By::kDay, zone) : Table();
+// Returns the table as a page shows it; a `list` of any length is sorted before it is cut.
+Json partOf(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, bool list) try {
+    const size_t end = query["sort"].empty() ? query.offset + query.rows + 1 : kMostOfFile;
+    const size_t most = list ? std::min(end, kMostOfFile) : kMostReadings;
+    const Table table = askPart(archive, part, query, settings, most);
+    return jsonOf(table, list ? query.offset : 0, list ? query.rows : kMostOfFile);
+} catch (const TooSlow &error) {
+    return {{"columns", Json::array()}, {"rows", Json::array()}, {"error", error.what()}};
 }
-
-// Adapts a query with a filter to Part::ask.
-template <Table (*kAsk)(Database &, const Filter &)>
-Table ofFilter(Database &database, const Query &query, size_t) {
-    return kAsk(database, query.filter);
-}
-
-Table toChoose(Database &database, const Query &, size_t) { return choices(database); }
 
 }  // namespace
 
 const std::vector<Content> kContents = {
     {"summary",
-     {{"yields", yieldsBy<By::kAll>},
-      {"failures", ofFilter<failuresByStep>},
-      {"causes", ofFilter<failuresByCause>},
-      {"hours", hours},
-      {"days", days},
-      {"places", yieldsBy<By::kPlace>, "place"},
-      {"values", measuredBy<By::kAll>},
-      {"choices", toChoose}}},
-    {"runs", {{"runs", runs}, {"choices", toChoose}}},
-    {"units", {{"units", units}}},
+     {yieldsOf("yields", false),
+      {"failures", [](const Asked &asked) { return failuresByStep(asked.database, asked.query.filter); }},
+      {"causes", [](const Asked &asked) { return failuresByCause(asked.database, asked.query.filter); }},
+      yieldsOf("times", true),
+      {"places", [](const Asked &asked) { return yields(asked.database, asked.query.filter, By::kPlace); }},
+      valuesBy("values", By::kAll),
+      kChoices}},
+    {"runs", {{"runs", runs}, kChoices}},
+    {"units",
+     {{"units", [](const Asked &asked) { return unitsLike(asked.database, asked.query["q"], int(asked.most)); }}}},
     {"unit",
-     {{"unit", ofUnit<0>},
-      {"given", ofUnit<1>},
-      {"values", lastValues},
-      {"files", lastFiles},
-      {"runs", ofUnit<2>},
-      {"archives", ofUnit<3>}}},
+     {ofUnit("unit"), ofUnit("given"), ofLastRuns("values", "unit_values"), ofLastRuns("files", "unit_files"),
+      ofUnit("runs"), ofUnit("archives")}},
     {"run",
-     {{"run", ofRun<0>},
-      {"steps", ofRun<1>},
-      {"values", ofRun<2>},
-      {"attempts", attempts},
-      {"variables", variables},
-      {"files", ofRun<3>}}},
+     {ofRun("run"), ofRun("steps"), ofRun("values"), {"attempts", attempts}, {"variables", variables}, ofRun("files")}},
     {"value",
-     {{"values", measuredBy<By::kAll>},
-      {"places", measuredBy<By::kPlace>, "place"},
+     {valuesBy("values", By::kAll),
+      valuesBy("places", By::kPlace),
       {"histogram", bars},
-      {"readings", fewReadings},
+      {"readings", everyReading},
       {"groups", groups},
-      {"choices", toChoose}}},
+      kChoices}},
 };
 
-Json documentOf(Archive &archive, const Content &content, const Query &query) {
-    Json tables = Json::object();
+Json documentOf(Archive &archive, const Content &content, const Query &query, const PageSettings &settings) {
+    std::vector<std::future<Json>> answers;
+    answers.reserve(content.parts.size());
     for (const Part &part : content.parts) {
-        const bool pages = part.name == content.page;  // a list of any length, sorted before it is cut
-        const size_t shown = pages ? query.rows : kMostOfFile, from = pages ? query.offset : 0;
-        const bool sorts = !query["sort"].empty();
-        const size_t most = !pages ? kMostReadings : sorts ? kMostOfFile : std::min(from + shown + 1, kMostOfFile);
-        try {
-            tables[std::string(part.name)] = jsonOf(ask(archive, part, query, most), from, shown);
-        } catch (const TooSlow &error) {
-            tables[std::string(part.name)] = {
-                {"columns", Json::array()}, {"rows", Json::array()}, {"error", error.what()}};
-        }
+        answers.push_back(std::async(
+            std::launch::async, [&] { return partOf(archive, part, query, settings, part.name == content.page); }));
     }
+    Json tables = Json::object();
+    for (size_t i = 0; i < answers.size(); ++i) tables[std::string(content.parts[i].name)] = answers[i].get();
     return {{"page", content.page},
             {"query", query.parameters},
             {"since", query.filter.period.since},
             {"until", query.filter.period.until},
             {"zone", zonesOf(query.filter.period)},
+            {"target", settings.target},
             {"tables", tables}};
 }
 
-Table tableOf(Archive &archive, const Content &content, const std::string &name, const Query &query) {
-    for (const Part &part : content.parts) {
-        if (part.name != name && (!name.empty() || &part != &content.parts.front())) continue;
-        Table table = ask(archive, part, query, kMostOfFile + 1);
-        if (table.rows.size() <= kMostOfFile) return table;
-        throw Refusal(fmt::format("more than {} rows: choose a shorter period, or ask the store in SQL", kMostOfFile));
-    }
-    throw Refusal(fmt::format("the page has no table \"{}\"", name));
+Table tableOf(Archive &archive, const Content &content, const std::string &name, const Query &query,
+              const PageSettings &settings) {
+    const auto part = name.empty() ? content.parts.begin() : std::ranges::find(content.parts, name, &Part::name);
+    if (part == content.parts.end()) throw Refusal(fmt::format("the page has no table \"{}\"", name));
+    Table table = askPart(archive, *part, query, settings, kMostOfFile + 1);
+    if (table.rows.size() <= kMostOfFile) return table;
+    throw Refusal(fmt::format("more than {} rows: choose a shorter period, or ask the store in SQL", kMostOfFile));
 }
 
 }  // namespace station

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "station/line/line_file.h"
 #include "station/page/archive.h"
 #include "station/page/reply.h"
 
@@ -12,6 +13,6 @@ namespace station {
 
 // Returns the routes of the pages. They query the archive, one query at a time, each with a timeout. Without a store,
 // the pages say how to get one. Any thread may call the routes.
-std::vector<Route> historyRoutes(const std::shared_ptr<Archive> &archive, bool hasStore);
+std::vector<Route> historyRoutes(const std::shared_ptr<Archive> &archive, bool hasStore, const PageSettings &settings);
 
 }  // namespace station

@@ -10,9 +10,7 @@ namespace station {
 std::time_t timeOf(const std::string &utc);
 
 // Returns the time in the station's zone. `form` is one for strftime().
-std::string localTime(std::time_t time, const char *form = "%Y-%m-%d %H:%M:%S");
-// Returns the time in UTC: 2026-11-21T17:30:00.
-std::string utcTime(std::time_t time);
+std::string localTime(std::time_t time, std::string_view form = "%Y-%m-%d %H:%M:%S");
 
 // Returns by how many seconds the station's zone is ahead of UTC at this time.
 long aheadOfUtc(std::time_t time);

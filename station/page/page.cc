@@ -43,7 +43,7 @@ Page::Page(const PageSettings &settings, const std::string &store)
       archive_(std::make_shared<Archive>(store)),
       server_(settings, [this](uint64_t &seen) { return floor_.since(seen); }) {
     server_.add(staticRoutes());
-    server_.add(historyRoutes(archive_, !store.empty()));
+    server_.add(historyRoutes(archive_, !store.empty(), settings));
     server_.add(shows(settings.language));
     server_.add(changes());
 }

@@ -24,32 +24,26 @@ std::string percentEncoded(const std::string &text) {
     return encoded;
 }
 
-// Replaces the page's period by the one that was entered in the form's fields (from, to).
-void takeEntered(Parameters &parameters) {
-    for (const auto &[entered, name] : {std::pair{"from", "since"}, {"to", "until"}}) {
-        const auto found = parameters.find(entered);
-        if (found == parameters.end()) continue;
-        parameters[name] = found->second;
-        parameters.erase(found);
-    }
-}
-
 }  // namespace
 
 std::string urlOf(const std::string &path, const Parameters &parameters) {
     std::string url = path;
     for (const auto &[name, value] : parameters) {
         if (value.empty()) continue;
-        url += fmt::format("{}{}={}", url.size() == path.size() ? '?' : '&', name, percentEncoded(value));
+        url +=
+            fmt::format("{}{}={}", url.size() == path.size() ? '?' : '&', percentEncoded(name), percentEncoded(value));
     }
     return url;
 }
 
 Query::Query(const PageRequest &request) : path(request.path) {
     for (const auto &[name, value] : request.parameters) {
-        if (!value.empty()) parameters[name] = text(value).value_or("");
+        if (!value.empty()) parameters[text(name).value_or("")] = *text(value);
     }
-    takeEntered(parameters);
+    // What was entered in the form's fields replaces the page's period.
+    for (const auto &[entered, name] : {std::pair{"from", "since"}, {"to", "until"}}) {
+        if (const auto field = parameters.extract(entered)) parameters[name] = field.mapped();
+    }
     const auto since = parameters.emplace("since", "24h").first->second, until = (*this)["until"];
     const Period period{parseLocalTime(since), until.empty() ? "" : parseLocalTime(until)};
     if (!until.empty() && period.until <= period.since) throw Refusal("the period ends before it begins");
@@ -64,8 +58,8 @@ std::string Query::operator[](const std::string &name) const {
 }
 
 Parameters Query::kept() const {
-    Parameters all;
-    for (const char *const name : kKept) all[name] = (*this)[name];
+    Parameters all = parameters;
+    std::erase_if(all, [](const auto &parameter) { return std::ranges::count(kKept, parameter.first) == 0; });
     return all;
 }
 

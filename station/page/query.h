@@ -11,6 +11,8 @@ namespace station {
 
 using Parameters = std::map<std::string, std::string>;
 
+constexpr const char *kFilterFields[] = {"plan", "product", "station", "place", "cause"};
+
 // Returns a path with its query: "/runs?plan=a%26b". Leaves out empty parameters.
 std::string urlOf(const std::string &path, const Parameters &parameters);
 

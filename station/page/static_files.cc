@@ -4,10 +4,9 @@
 
 namespace station {
 
-std::optional<std::string_view> staticFile(std::string_view name) {
-    const auto file =
-        std::find_if(kStaticFiles.begin(), kStaticFiles.end(), [=](auto &one) { return one.name == name; });
-    return file == kStaticFiles.end() ? std::nullopt : std::optional(file->content);
+std::optional<std::string_view> staticFile(std::string_view name, const std::vector<StaticFile> &files) {
+    const auto file = std::ranges::find(files, name, &StaticFile::name);
+    return file == files.end() ? std::nullopt : std::optional(file->content);
 }
 
 std::vector<Route> staticRoutes() {

@@ -17,8 +17,8 @@ extern const std::string_view kStaticVersion;
 extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
 extern const std::string_view kTemplateVersion;
 
-// Returns the content of the static file with this name, or nothing if the program has no such file.
-std::optional<std::string_view> staticFile(std::string_view name);
+// Returns the content of the file with this name, or nothing if the program has no such file.
+std::optional<std::string_view> staticFile(std::string_view name, const std::vector<StaticFile> &files = kStaticFiles);
 
 // Returns a route for each static file, at its name; operator.html is at /.
 std::vector<Route> staticRoutes();

@@ -11,6 +11,6 @@ namespace station {
 std::string pageOf(const Json &document, const Query &query);
 
 // Returns a page without tables, from the template `name`. `what`: the message on it.
-std::string messagePage(const std::string &name, const std::string &title, const std::string &what);
+std::string messagePage(const std::string &name, const std::string &title = "", const std::string &what = "");
 
 }  // namespace station

@@ -25,8 +25,7 @@ constexpr std::pair<std::string Filter::*, const char *> kConditions[] = {
     {&Filter::station, " AND r.station IN (SELECT id FROM stations WHERE name = ?)"},
     {&Filter::place, " AND r.place_name = ?"},
     {&Filter::cause, " AND r.verdict IN ('failed', 'interrupted') AND {cause} = ?"}};
-constexpr const char *kReference =
-    " AND m.run NOT IN (SELECT id FROM runs WHERE reference AND started >= $1 AND started < $2)";
+constexpr const char *kReference = "SELECT id FROM runs WHERE reference AND started >= $1 AND started < $2";
 
 // A query about the runs of a filter.
 class Question {
@@ -50,8 +49,11 @@ public:
         return each(database, name, words, {});
     }
     // The same for the measured values of this name; empty: of all names. {readings} are the conditions on one, m.
-    Table askReadings(Database &database, const char *file, const std::string &name, Words words) {
-        std::string readings = std::string("m.started >= $1 AND m.started < $2") + kReference;
+    Table askReadings(Database &database, const char *file, const std::string &name, Words words = {}) {
+        std::string readings = "m.started >= $1 AND m.started < $2";
+        // Only with reference units among the runs: the index of measured values does not have the run.
+        const bool any = !database.ask(fmt::format("{} LIMIT 1", kReference), {values_[0], values_[1]}).empty();
+        if (any) readings += fmt::format(" AND m.run NOT IN ({})", kReference);
         if (plan_) readings += " AND m.plan = $3";
         if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
         if (!name.empty()) values_.emplace_back(name);
@@ -142,13 +144,10 @@ Table eachRun(Database &database, const RunFilter &wanted, const Database::EachR
 
 Table listRuns(Database &database, const RunFilter &filter) { return eachRun(database, filter, {}); }
 
-Table yields(Database &database, const Filter &filter, By by, std::chrono::minutes zone) {
+Table yields(Database &database, const Filter &filter, By by) {
     const auto begin = [&](int length, const char *form) {
-        if (database.shared()) {
-            return fmt::format("to_char(r.started + interval '{} minutes', '{}')", zone.count(), form);
-        }
-        const std::string local = fmt::format("strftime('%Y-%m-%dT%H', r.started, '{:+} minutes')", zone.count());
-        return fmt::format("substr({}, 1, {})", zone.count() == 0 ? "r.started" : local, length);
+        return fmt::format(fmt::runtime(database.shared() ? "to_char(r.started, '{1}')" : "substr(r.started, 1, {0})"),
+                           length, form);
     };
     const std::map<By, std::pair<std::string, const char *>> groups = {
         {By::kAll, {"'all' AS period", "period"}},
@@ -207,12 +206,16 @@ Table readings(Database &database, const Filter &filter, const std::string &name
     return Question(filter).askReadings(database, "readings", name, {{"count", std::to_string(limit)}});
 }
 
-Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups) {
-    return Question(filter).askReadings(database, "reading_groups", name, {{"count", std::to_string(groups)}});
+Table readingGroup(Database &database, const Filter &filter, const std::string &name) {
+    return Question(filter).askReadings(database, "reading_group", name);
 }
 
-Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges) {
-    return Question(filter).askReadings(database, "histogram", name, {{"count", std::to_string(ranges)}});
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges, By by) {
+    const bool places = by == By::kPlace;
+    return Question(filter).askReadings(database, "histogram", name,
+                                        {{"count", std::to_string(ranges)},
+                                         {"place", places ? "r.place_name" : "NULL"},
+                                         {"join", places ? "JOIN runs r ON r.id = m.run" : ""}});
 }
 
 Table choices(Database &database) { return database.ask(sqlOf(database.shared(), "choices")); }

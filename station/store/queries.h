@@ -2,7 +2,6 @@
 // The queries of a store. docs/database.md explains each column, and has the same queries in SQL. Each throws
 // StoreError or a type derived from it (database.h).
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -49,9 +48,8 @@ Table eachRun(Database &database, const RunFilter &wanted, const Database::EachR
 
 enum class By { kAll, kHour, kDay, kPlace, kPlan };
 // Returns yield and cycle time: one row in all, or one per hour, day, place or plan. A unit counts once per plan, where
-// its last run is. Only runs that say something about units count (RunRecord::counts). Hours and days begin by a clock
-// that is `zone` ahead of UTC.
-Table yields(Database &database, const Filter &filter, By by, std::chrono::minutes zone = {});
+// its last run is. Only runs that say something about units count (RunRecord::counts). Hours and days are UTC.
+Table yields(Database &database, const Filter &filter, By by);
 // Returns failures by step, the most frequent first: the unit's, unless the filter names another cause.
 Table failuresByStep(Database &database, const Filter &filter);
 // Returns the failures that were not the unit's, by cause, place and step.
@@ -60,12 +58,13 @@ Table failuresByCause(Database &database, const Filter &filter);
 // or with By::kPlace also per place. Includes runs that have not ended, but no reference units.
 Table measuredValues(Database &database, const Filter &filter, const std::string &name = "", By by = By::kAll);
 
-// Return the readings of a measured value in the order of time: the oldest `limit` of them, one per row; or all of them
-// in `groups` groups of the same size, each with its lowest, mean and highest.
+// Return the readings of a measured value: the oldest `limit` of them in the order of time, one per row; or one row
+// with the lowest, mean and highest of all of them.
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
-Table readingGroups(Database &database, const Filter &filter, const std::string &name, int groups);
-// Returns how many readings lie in each of `ranges` ranges of the same width. A range without any has no row.
-Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges);
+Table readingGroup(Database &database, const Filter &filter, const std::string &name);
+// Returns how many readings lie in each of `ranges` ranges of the same width; with By::kPlace one row per place. A
+// range without any has no row.
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges, By by = By::kAll);
 
 // Returns what a filter can select: one row per combination of plan, product, station and place in the last 5000 runs.
 Table choices(Database &database);

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cmath>
 #include <map>
-#include <numeric>
 #include <set>
 
 #include "station/store/driver.h"
@@ -71,15 +70,27 @@ void nearestRank(sqlite3_context *context) {
     sqlite3_result_double(context, *rank);
 }
 
-// stddev_samp(value): the sample's standard deviation.
+// stddev_samp(value): the sample's standard deviation. Keeps the mean so far and the sum of squares about it, which
+// loses no digits, as a plain sum of squares would.
+struct Spread {
+    double count, mean, squares;
+};
+
+Spread &spread(sqlite3_context *context) {  // all 0 at first
+    return *static_cast<Spread *>(sqlite3_aggregate_context(context, sizeof(Spread)));
+}
+
+void addToSpread(sqlite3_context *context, int, sqlite3_value **values) {
+    if (sqlite3_value_type(values[0]) == SQLITE_NULL) return;
+    auto &[count, mean, squares] = spread(context);
+    const double value = sqlite3_value_double(values[0]), distance = value - mean;
+    mean += distance / ++count;
+    squares += distance * (value - mean);
+}
+
 void deviation(sqlite3_context *context) {
-    const std::unique_ptr<std::vector<double>> numbers(&collected(context));
-    const double count = double(numbers->size());
+    const auto &[count, mean, squares] = spread(context);
     if (count < 2) return sqlite3_result_null(context);
-    const double mean = std::accumulate(numbers->begin(), numbers->end(), 0.0) / count;
-    const double squares = std::accumulate(numbers->begin(), numbers->end(), 0.0, [&](double sum, double each) {
-        return sum + (each - mean) * (each - mean);
-    });
     sqlite3_result_double(context, std::sqrt(squares / (count - 1)));
 }
 
@@ -120,7 +131,7 @@ Sqlite::Sqlite(const std::string &name) {
     sqlite3_extended_result_codes(connection, 1);
     sqlite3_busy_timeout(connection, kBusy);
     sqlite3_create_function(connection, "nearest_rank", 2, SQLITE_UTF8, nullptr, nullptr, collect, nearestRank);
-    sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, collect, deviation);
+    sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, addToSpread, deviation);
     const auto mustEnd = [](void *driver) {
         const auto &self = *static_cast<const Sqlite *>(driver);
         return int(self.interrupted_ || self.deadline_ < Clock::now());

@@ -10,8 +10,6 @@ const HOUR = 3600e3, DAY = 24 * HOUR;
 
 const zones = data.zone.map(zone => [Date.parse(zone.from), zone.minutes * 60e3]);
 const ahead = time => (zones.findLast(zone => zone[0] <= time) ?? zones[0])[1];
-const midnight = day => Date.parse(day) - ahead(Date.parse(day) - ahead(Date.parse(day)));
-const utc = time => new Date(time).toISOString().slice(0, 19) + 'Z';
 const local = time => new Date(time + ahead(time)).toISOString().replace('T', ' ');
 const clock = time => local(time).slice(0, 16);
 
@@ -53,14 +51,8 @@ function drawAgain() {
         one.chart = new Chart(one.canvas, one.make());
     }
 }
-const visit = (path, more) => {
-    const url = new URL(path, location.href);
-    for (const key of ['since', 'until', 'plan', 'product', 'station', 'place', 'cause']) {
-        if (data.query[key]) url.searchParams.set(key, data.query[key]);
-    }
-    for (const [key, value] of Object.entries(more)) url.searchParams.set(key, value);
-    location.href = url;
-};
+// Goes where the row of a table leads.
+const follow = (table, index) => document.querySelectorAll(`#${table} tbody tr`)[index]?.querySelector('a')?.click();
 // `to` says where a click on a mark leads.
 const options = (lines, scales, to, more) => ({
     animation: false, maintainAspectRatio: false, scales, ...more,
@@ -69,6 +61,9 @@ const options = (lines, scales, to, more) => ({
     plugins: {legend: {display: false}, tooltip: {displayColors: false, callbacks: {title: () => '', label: lines}},
               ...more?.plugins},
 });
+
+const limitLine = (points, name) => ({type: 'line', label: name, data: points, borderColor: colour('--text'), borderWidth: 1.5,
+    borderDash: [7, 5], pointRadius: 0, pointHitRadius: 4, stepped: 'before'});
 
 // ---- failures by step
 
@@ -89,58 +84,63 @@ function failures() {
             {type: 'bar', data: steps.map(row => row.percent), backgroundColor: colour('--bar'), maxBarThickness: 22}]},
         options: options(lines, {x: {min: 0, max: 100, ticks: {callback: value => value + ' %'}, grid: {color: colour('--rule')}},
             y: {grid: {display: false}, ticks: {autoSkip: false}}},
-            (_, index) => visit('/runs', {failed: 1, step: steps[index].step}), {indexAxis: 'y'}),
+            (_, index) => follow('failures', index), {indexAxis: 'y'}),
     };
 }
 
-// ---- yield and runs by the hour or day
+// ---- yield and units over time
 
-// Returns the lower end of the axis, below the yields of all hours but those of a few runs.
+// Returns the lower end of the axis, below all yields but those of a few runs.
 function lowest(all) {
     const busy = Math.max(...all.map(row => row.runs)) / 4;
     const low = Math.min(...all.filter(row => row.runs >= busy).map(row => row.first_pass_yield ?? 100));
     return [99, 98, 95, 90, 80, 60].find(bound => bound < low) ?? 0;
 }
-function hours() {
-    const byDay = rows('days').length > 0, step = byDay ? DAY : HOUR, all = rows(byDay ? 'days' : 'hours');
+function times() {
+    const all = rows('times').map((row, index) => ({row, index, from: Date.parse(row.since), to: row.until ? Date.parse(row.until) : Date.now()}));
+    all.sort((a, b) => a.from - b.from);  // the reader may have sorted the table
     if (!all.length) return null;
-    const begin = row => byDay ? midnight(row.day) : Date.parse(row.hour + ':00Z');
-    const first = begin(all[0]), last = Math.max(begin(all.at(-1)) + step, first + 6 * step);
-    const known = new Map(all.map(row => [Math.round((begin(row) - first) / step), row]));  // a day may have 25 hours
-    const low = lowest(all), below = row => row && row.first_pass_yield < low;
-    const points = [];  // without a value where an hour has none, so that the line ends there
-    for (let index = 0; first + index * step < last; ++index) points.push({time: first + index * step, row: known.get(index)});
-    const at = value => points.map(point => ({x: point.time + step / 2, y: point.row ? value(point.row) : null, ...point}));
+    const step = Math.max(...all.map(one => one.to - one.from)), low = lowest(all.map(one => one.row));
+    const first = all[0].to - Math.max(step, all[0].to - all[0].from), last = Math.max(all.at(-1).from + step, first + 6 * step);
+    // The first and the last one may be cut by the period; between two that are no neighbours the line ends.
+    const points = all.flatMap((one, index) => [
+        ...index && all[index - 1].to < one.from ? [{x: (all[index - 1].to + one.from) / 2}] : [],
+        {...one, x: index ? one.from + step / 2 : one.to - step / 2}]);
+    const at = value => points.map(point => ({...point, y: point.row ? value(point.row) : null}));
+    const below = row => row && row.first_pass_yield < low;
     const lines = mark => {
-        const row = mark.raw.row;
-        return [byDay ? row.day : clock(begin(row)),
+        const {row, from, to, target} = mark.raw;
+        if (target) return `target ${target}`;
+        return [`${clock(from)} to ${clock(to)}`,
                 row.first_pass_yield === null ? 'no first run' : `first pass ${row.first_pass_yield.toFixed(1)} %`,
                 `${row.runs} runs of ${row.units} units, ${row.retests} of them retests`];
     };
-    const next = row => byDay ? local(begin(row) + 26 * HOUR).slice(0, 10) : utc(begin(row) + HOUR);
+    const target = step <= 12 * HOUR ? Math.round(data.target * step / HOUR) : 0;
     return {
         data: {datasets: [
             {type: 'line', yAxisID: 'y', borderColor: colour('--text'), borderWidth: 1.5, clip: 8, pointRotation: 180,
              data: at(row => row.first_pass_yield === null ? null : Math.max(row.first_pass_yield, low)),
              pointStyle: mark => below(mark.raw?.row) ? 'triangle' : 'circle', pointRadius: points.length > 200 ? 1.5 : 3,
              pointBackgroundColor: colour('--back'), pointBorderColor: colour('--text')},
-            {type: 'bar', yAxisID: 'runs', data: at(row => row.runs), backgroundColor: colour('--bar'), barPercentage: 1,
-             categoryPercentage: .85}]},
+            {type: 'bar', yAxisID: 'units', data: at(row => row.units), backgroundColor: colour('--bar'), barPercentage: 1,
+             categoryPercentage: .85},
+            ...target ? [{...limitLine([first, last].map(x => ({x, y: target, target})), 'target'), yAxisID: 'units'}] : []]},
         options: options(lines, {
             x: timeAxis(first, last),
-            runs: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'runs'},
-                   ticks: {precision: 0, maxTicksLimit: 4,
-                           callback: (count, index, all) => index && index === all.length - 1 ? '' : count},
-                   grid: {color: colour('--rule')}},
+            units: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'units'},
+                    ticks: {precision: 0, maxTicksLimit: 4,
+                            callback: (count, index, all) => index && index === all.length - 1 ? '' : count},
+                    grid: {color: colour('--rule')}},
             y: {position: 'left', min: low, max: 100, weight: 1, stack: 'one', stackWeight: 4,
                 title: {display: true, text: 'first pass yield, %'}, grid: {color: colour('--rule')}}},
-            raw => raw.row && visit('/runs', {since: byDay ? raw.row.day : utc(begin(raw.row)), until: next(raw.row)})),
+            raw => raw.row && follow('times', raw.index)),
     };
 }
 
 // ---- a value over time, beside its histogram
 
-const readings = rows('readings'), groups = rows('groups');
+const byTime = name => [...rows(name)].sort((a, b) => Date.parse(a.started) - Date.parse(b.started));
+const readings = byTime('readings'), groups = byTime('groups');
 const marks = readings.length ? readings : groups;
 const numbers = marks.flatMap(row => [row.value ?? row.lowest, row.value ?? row.highest]).filter(value => value !== null);
 const limits = marks.flatMap(row => [row.minimum, row.maximum]).filter(value => value !== null && value !== undefined);
@@ -159,10 +159,8 @@ function ticks(value, index, all) {
     return value.toFixed(Math.max(0, Math.ceil(-Math.log10(step) - 1e-9)));
 }
 
+const placesOf = rows => [...new Set(rows.map(row => row.place))].sort((a, b) => a.localeCompare(b, 'en', {numeric: true}));
 const SHAPES = ['circle', 'rect', 'triangle', 'rectRot', 'star', 'cross'];
-const limitLine = (points, name) => ({type: 'line', label: name, data: points, borderColor: colour('--text'), borderWidth: 1.5,
-    borderDash: [7, 5], pointRadius: 0, pointHitRadius: 4, stepped: 'before'});
-
 function overTime() {
     if (!marks.length) return null;
     const times = marks.map(row => Date.parse(row.started));
@@ -171,7 +169,7 @@ function overTime() {
         const points = marks.map((row, index) => ({x: times[index], y: row[name], limit: name}));
         return limitLine([{...points[0], x: first}, ...points, {...points.at(-1), x: last}], name);
     };
-    const places = [...new Set(readings.map(row => row.place))].sort((a, b) => a.localeCompare(b, 'en', {numeric: true}));
+    const places = placesOf(readings);
     const failed = row => row.verdict === 'failed' || row.failed > 0;
     const point = row => ({x: Date.parse(row.started), y: row.value ?? row.mean, row});
     const sets = readings.length ? places.map((place, index) => ({label: place, type: 'scatter',
@@ -196,15 +194,15 @@ function overTime() {
     };
     return {data: {datasets: [...sets, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
             options: options(lines, {x: timeAxis(first, last), y: valueAxis()},
-                raw => raw.row?.run && visit('/run', {run: raw.row.run}),
+                raw => raw.row?.run && follow('readings', rows('readings').indexOf(raw.row)),
                 {plugins: {legend: {display: places.length > 1 && places.length <= 6, position: 'bottom',
                     labels: {usePointStyle: true, boxHeight: 6, filter: item => !/imum$/.test(item.text)}}}})};
 }
 
 function histogram() {
-    const bars = rows('histogram');
-    if (bars.length < 2) return null;
-    const most = Math.max(...bars.map(row => row.measured));
+    const bars = rows('histogram'), levels = [...new Set(bars.map(row => row.lowest))];
+    if (levels.length < 2) return null;
+    const most = Math.max(...levels.map(level => bars.filter(row => row.lowest === level).reduce((sum, row) => sum + row.measured, 0)));
     const beside = Chart.getChart(document.querySelector('[data-chart=readings] canvas'));  // on the same level
     const bound = name => {
         const limit = rows('values').map(row => row[name]).find(value => value !== null) ?? null;
@@ -213,12 +211,17 @@ function histogram() {
     const lines = mark => {
         const {row, limit} = mark.raw;
         if (limit) return `${limit} ${mark.parsed.y} ${unit}`;
-        return [`${+row.lowest.toPrecision(6)} to ${+row.highest.toPrecision(6)} ${unit}`, `${row.measured} measured, ${row.failed} failed`];
+        return [`${+row.lowest.toPrecision(6)} to ${+row.highest.toPrecision(6)} ${unit}`, row.place ?? 'all places',
+                `${row.measured} measured, ${row.failed} failed`];
     };
-    const area = {type: 'bar', label: 'measured', data: bars.map(row => ({x: row.measured, y: (row.lowest + row.highest) / 2, row})),
-        backgroundColor: bars.map(row => row.failed ? colour('--bad') : colour('--bar')), barPercentage: 1, categoryPercentage: .9};
-    return {data: {datasets: [area, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
-            options: options(lines, {x: {type: 'linear', min: 0, max: most, ticks: {precision: 0, maxTicksLimit: 4}, grid: {color: colour('--rule')}},
+    const parts = placesOf(bars).map((place, index) => {
+        const own = bars.filter(row => row.place === place);
+        return {type: 'bar', label: place, stack: 'all', barPercentage: 1, categoryPercentage: .9, backgroundColor: place === null ? colour('--bar') : hue(index),
+                data: own.map(row => ({x: row.measured, y: (row.lowest + row.highest) / 2, row})),
+                borderColor: own.map(row => colour(row.failed ? '--bad' : '--back')), borderWidth: own.map(row => row.failed ? 2 : 0)};
+    });
+    return {data: {datasets: [...parts, bound('minimum'), bound('maximum')].filter(set => set.data.some(one => one.y !== null))},
+            options: options(lines, {x: {type: 'linear', min: 0, max: most, stacked: true, ticks: {precision: 0, maxTicksLimit: 4}, grid: {color: colour('--rule')}},
                 y: {...valueAxis(), title: {display: false}, grid: {color: colour('--rule'), offset: false}, offset: false}},
                 null, {indexAxis: 'y', layout: {padding: {bottom: beside?.legend.options.display ? beside.legend.height : 0}}})};
 }
@@ -230,7 +233,7 @@ function start() {
     Chart.defaults.color = colour('--text');
     if (charts.length) return drawAgain();
     draw('failures', 'Failures by step, the most frequent first', failures);
-    draw('hours', 'First pass yield and number of runs by the hour', hours);
+    draw('times', 'First pass yield and number of units over time', times);
     draw('readings', 'The measured values over time, with their limits', overTime);
     draw('histogram', 'How often values were measured, with their limits', histogram);
 }
