@@ -71,7 +71,7 @@ function failures() {
     const steps = rows('failures').slice(0, 20);
     if (!steps.length) return null;
     document.querySelector('[data-chart=failures]').style.height = `${3 + 2 * steps.length}rem`;
-    const cut = text => text.length > 44 ? text.slice(0, 43) + '…' : text;
+    const most = innerWidth < 600 ? 16 : 44, cut = text => text.length > most ? text.slice(0, most - 1) + '…' : text;
     const lines = mark => {
         const row = steps[mark.dataIndex];
         return [row.step, `${row.failures} failures, ${row.percent.toFixed(1)} %`,
@@ -127,7 +127,8 @@ function times() {
             ...target ? [{...limitLine([first, last].map(x => ({x, y: target, target})), 'target'), yAxisID: 'units'}] : []]},
         options: options(lines, {
             x: timeAxis(first, last),
-            units: {position: 'left', min: 0, stack: 'one', stackWeight: 2, title: {display: true, text: 'units'},
+            units: {position: 'left', min: 0, suggestedMax: target * 1.25, stack: 'one', stackWeight: 2,
+                    title: {display: true, text: target ? `units (target ${target})` : 'units'},
                     ticks: {precision: 0, maxTicksLimit: 4,
                             callback: (count, index, all) => index && index === all.length - 1 ? '' : count},
                     grid: {color: colour('--rule')}},
