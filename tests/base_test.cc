@@ -3,11 +3,9 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
-#include "station/base/file.h"
 #include "station/base/text.h"
 #include "station/base/time.h"
+#include "tests/folder.h"
 
 namespace station {
 namespace {
@@ -66,8 +64,8 @@ TEST(Base, TextsAreCutBetweenCharacters) {
 // umask, which other threads' files need, alone.
 TEST(Base, ANewFileHasTheModeOfTheUmask) {
     const mode_t before = umask(027);
-    char folder[] = "/tmp/base.XXXXXX";
-    const std::filesystem::path path = std::filesystem::path(mkdtemp(folder)) / "file";
+    const Folder folder;
+    const std::filesystem::path path = folder.path / "file";
     NewFile file(path);
     file.write("content");
     file.keep();
@@ -77,7 +75,6 @@ TEST(Base, ANewFileHasTheModeOfTheUmask) {
     EXPECT_EQ(readFile(path, 7), "content");
     EXPECT_THROW(readFile(path, 6), std::runtime_error) << "too long";
     EXPECT_EQ(umask(before), 027U);
-    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

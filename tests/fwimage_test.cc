@@ -3,11 +3,8 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "image/firmware_image.h"
+#include "tests/folder.h"
 
 using namespace std::string_literals;
 using testing::HasSubstr;
@@ -18,14 +15,6 @@ namespace fs = std::filesystem;
 using Sources = std::vector<fwimage::Source>;
 
 const fwimage::Product kProduct = {"ACME", "AP-2", "1.2.3", "00012001"};
-
-void write(const std::string &name, const std::string &content) { std::ofstream(name, std::ios::binary) << content; }
-
-std::string read(const std::string &name) {
-    std::ostringstream content;
-    content << std::ifstream(name, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 // Returns why the image is not made; empty when it is.
 std::string refusal(const std::string &image, const fwimage::Product &product, const Sources &sources) try {
@@ -39,15 +28,13 @@ std::string refusal(const std::string &image, const fwimage::Product &product, c
 class Image : public testing::Test {
 protected:
     Image() {
-        fs::current_path(folder_);
-        write("root", "the root");
-        write("kernel", std::string(100000, 'k'));
-        write("empty", "");
+        fs::current_path(folder_.path);
+        folder_.write("root", "the root");
+        folder_.write("kernel", std::string(100000, 'k'));
+        folder_.write("empty", "");
     }
-    ~Image() override { fs::remove_all(folder_); }
 
-    char name_[18] = "/tmp/image.XXXXXX";
-    fs::path folder_ = mkdtemp(name_);
+    const Folder folder_;
 };
 
 // docs/image-format.md refuses fields that are one character longer.
@@ -61,7 +48,7 @@ TEST_F(Image, MayHaveTheLongestFieldsAndPayloadsOfAnySize) {
 }
 
 TEST_F(Image, OnlyARegularFileIsReplaced) {
-    write("old", "old");
+    folder_.write("old", "old");
     ASSERT_EQ(mkfifo("fifo", 0600), 0);
     fs::create_directory("folder");
     const struct {
@@ -74,14 +61,14 @@ TEST_F(Image, OnlyARegularFileIsReplaced) {
     for (const auto &[link, target, written, refused] : cases) {
         fs::create_symlink(target, link);
         EXPECT_THAT(refusal(link, kProduct, {{"2.bin", "root"}}), HasSubstr(refused)) << link;
-        EXPECT_EQ(read(written).substr(0, 4), *written != '\0' ? "ACME" : "") << link;
+        if (*written != '\0') EXPECT_EQ(contentOf(written).substr(0, 4), "ACME") << link;
         EXPECT_TRUE(fs::is_symlink(link) && fs::is_fifo("fifo")) << link;
     }
 }
 
 TEST_F(Image, TheFirstThingWrongIsNamed) {
     EXPECT_EQ(refusal("image", kProduct, {{"2.bin", "root"}, {"3.bin", "root"}}), "");
-    const std::string good = read("image");
+    const std::string good = contentOf("image");
     const auto changed = [&](size_t position, const std::string &bytes) {
         return std::string(good).replace(position, bytes.size(), bytes);
     };
@@ -103,7 +90,7 @@ TEST_F(Image, TheFirstThingWrongIsNamed) {
         {good + "more", "is cut off after 4 bytes"},
     };
     for (const auto &test : cases) {
-        write("bad", test.bytes);
+        folder_.write("bad", test.bytes);
         EXPECT_THAT(fwimage::inspect("bad").fault, HasSubstr(test.fault));
     }
     fs::resize_file("image", 2147483648);
