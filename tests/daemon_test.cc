@@ -179,63 +179,6 @@ TEST_F(Sessions, OfTheTests) { playAll("/src/tests/sessions/sessions", "session"
 
 class Modes : public ServiceTest {};
 
-TEST_F(Modes, UsageIsPrintedForAnythingElse) {
-    const char *const usage =
-        "fabtestd command:\n\nfabtestd [daemon | qconly | info | switch | domcheck | country | image | kernel | rootfs "
-        "| config]\n\tdaemon - normal\n\tqconly - recv packet 0x55aa & run QC Client\n\tinfo - get "
-        "Information\n\tswitch - reset switch & set QC ip\n\tdomcheck - rewrite DOMCheck\n\tmac - set mac\n"
-        "\tcountry XX - set Country\n\timage filename - write image\n\tkernel filename - write kernel\n"
-        "\trootfs filename - write rootfs\n\tconfig filename - write config\n\n\n";
-    for (const char *words : {"", "foo", "''", "'daemon '", "Daemon", "infos", "help me"}) {
-        EXPECT_EQ(board::run("fabtestd "s + words), usage);
-    }
-}
-
-TEST_F(Modes, PortsAreAddressedAndPairsSwappedUntilOneIsMalformed) {
-    const struct {
-        const char *mode, *setting, *log;
-    } cases[] = {
-        {"switch", "SYSTEM_MAC_ARGS = \"x 4 2 1_0\"", "0:1 1:2 2:3 3:4 ping "},
-        {"switch", "SYSTEM_MAC_ARGS = \"x 2\"", "0:1 1:2 ping "},
-        {"switch", "SYSTEM_MAC_ARGS = \"x\"", "ping "},
-        {"switch", "SYSTEM_MAC_ARGS = \"x  1\"", "0:1 ping "},
-        {"switch", "SYSTEM_MAC_ARGS = \"x -1 2\"", "ping "},
-        {"switch", "SYSTEM_MAC_ARGS = \"x many 2\"", "ping "},
-        {"port_change", "SYSTEM_PORT_CHANGE = \"a_b c_d\"", "-a -b a=t b=a t=b +a +b -c -d c=t d=c t=d +c +d "},
-        {"port_change", "SYSTEM_PORT_CHANGE = \"ab c_d\"", ""},
-        {"port_change", "SYSTEM_PORT_CHANGE = \"a_b c d_e\"", "-a -b a=t b=a t=b +a +b "},
-        {"port_change", "SYSTEM_PORT_CHANGE = \"a_b \"", "-a -b a=t b=a t=b +a +b "},
-        {"port_change", "SYSTEM_PORT_CHANGE = a_b_x", "-a -b_x a=t b_x=a t=b_x +a +b_x "},
-        {"port_change", "SYSTEM_PORT_CHANGE = \"\"", ""},
-        {"port_change", "", ""},
-    };
-    // Abbreviations of log texts.
-    const std::pair<const char *, const char *> shortened[] = {
-        {"/sbin/ifconfig eth(.) 192\\.168\\.(.)\\.1 > /dev/null 2>&1\n", "$1:$2 "},
-        {"/bin/ping -c 30 192\\.168\\.1\\.2 > /dev/null 2>&1 &\n", "ping "},
-        {"/sbin/ifconfig (\\w+) down\n", "-$1 "},
-        {"/sbin/ifconfig (\\w+) up\n", "+$1 "},
-        {"eth_temp", "t"},
-        {"/bin/ip link set dev (\\w+) name (\\w+)\n", "$1=$2 "},
-    };
-    for (const auto &[mode, setting, expected] : cases) {
-        SetUp();
-        board::writeFile("/tmp/busybox", "");
-        configure(setting + "\n"s);
-        EXPECT_EQ(board::run("fabtestd "s + mode + " 2> /dev/null"), "");
-        std::string log;
-        for (const std::string &line : board::log()) log += line + "\n";
-        for (const auto &[text, letters] : shortened) log = std::regex_replace(log, std::regex(text), letters);
-        EXPECT_EQ(log, expected) << setting;
-    }
-    configure("SYSTEM_PORT_CHANGE = wlan0_wlan1\n");
-    const std::string show = "ip -o link show wlan0 | sed 's/.*ether//'; ip -o link show wlan1 | sed 's/.*ether//'";
-    const std::string before = board::run(show);
-    board::run("fabtestd port_change");
-    const size_t half = before.find('\n') + 1;
-    EXPECT_EQ(board::run(show), before.substr(half) + before.substr(0, half)) << "the names are really swapped";
-}
-
 // Storing an address takes a turn of its own. Signals interrupt the wait and must not prolong it.
 TEST_F(Modes, AProcessThatKeepsItsTurnIsWaitedForOnce) {
     sembuf taken = {0, 1, SEM_UNDO}, givenBack = {0, -1, SEM_UNDO};
