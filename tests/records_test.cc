@@ -20,27 +20,6 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-RunRecord fullRun() {
-    RunRecord run = runOf("A");
-    run.end += std::chrono::milliseconds(1234);
-    run.station = {"pc", "0123456789abcdef"};
-    run.peer = "192.168.1.1:1024%line1";
-    run.failure = "after: \"no\"";
-    run.variables = {{"serial", "A"}, {"text", "\u00e9\n\\"}};
-    StepResult &step = run.steps[0];
-    step.verdict = Verdict::kFailed;
-    step.title = "PING of A";
-    step.reply = std::string("a\0b", 3);
-    step.cut = 5000000000;
-    step.failure = "f";
-    step.hint = "h";
-    step.offset = std::chrono::milliseconds(1001);
-    step.duration = std::chrono::milliseconds(2002);
-    step.attempts = 3;
-    step.measurements = {{"volts", 0.1, 1, std::nullopt, "V", false}, {"amps", 1e-30, std::nullopt, 2, "", true}};
-    return run;
-}
-
 TEST(Record, IsReadBackAsItWasWritten) {
     const RunRecord run = fullRun(), again = parseRecord(dump(run));
     EXPECT_EQ(dump(again, 2), dump(run, 2));
@@ -52,16 +31,6 @@ TEST(Record, IsReadBackAsItWasWritten) {
     for (size_t size = 0; size < text.size(); ++size)
         EXPECT_THROW(parseRecord(text.substr(0, size)), std::runtime_error);
 }
-
-// A folder that is gone with the test.
-struct Folder {
-    fs::path path;
-    Folder() {
-        std::string name = "/tmp/records-XXXXXX";
-        path = ::mkdtemp(name.data());
-    }
-    ~Folder() { fs::remove_all(path); }
-};
 
 std::set<std::string> kinds(const fs::path &folder) {
     std::set<std::string> kinds;
@@ -171,26 +140,6 @@ TEST_P(Station, WaitsForAFileThatCannotBeReadNow) {
     while (!station_->away().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(verdicts(run), "passed passed");
     EXPECT_EQ(fs::status(file).permissions() & fs::perms::others_all, fs::perms::none);
-}
-
-TEST_P(Station, RecordsEachStepInItsPlace) {
-    start();
-    RunRecord run = runOf("A"), other = runOf("B");
-    run.steps.resize(3);
-    station_->begins(run);
-    run.steps[0].verdict = Verdict::kFailed;
-    station_->stepEnded(run, 0);
-    run.steps[1].failure = "not run: a required step had failed";
-    run.steps[2].verdict = Verdict::kPassed;
-    run.steps[2].measurements = {{"volts", 2, 1, 3, "V", true}};
-    station_->stepEnded(run, 2);
-    station_->begins(other);  // returns after the steps are written
-    station_->ends(run);
-    Database database(store_);
-    const RunRecord stored = loadRun(database, run.id);
-    ASSERT_EQ(stored.steps.size(), 3);
-    EXPECT_EQ(stored.steps[1].failure, run.steps[1].failure);
-    EXPECT_EQ(stored.steps[2].measurements.size(), 1);
 }
 
 TEST_P(Station, SetsAsideWhatTheStoreRefusesUntilItIsReplayed) {

@@ -7,10 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <thread>
 
 #include "station/store/store_records.h"
+#include "tests/folder.h"
 
 namespace station {
 
@@ -33,24 +33,17 @@ inline std::string refusal(const std::function<void()> &call) try {
     return error.what();
 }
 
-inline std::string contentOf(const fs::path &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 // A database that can be stopped, and a folder for it that is gone with it.
 class Store : public testing::TestWithParam<const char *> {
 protected:
     void SetUp() override {
-        std::string name = "/tmp/store-XXXXXX";
-        folder_ = ::mkdtemp(name.data());
         shared_ = std::string(GetParam()) == "PostgreSQL";
-        store_ = shared_ ? fmt::format("postgresql:///postgres?host={}&user=station", name) : name + "/line.db";
+        store_ = shared_ ? fmt::format("postgresql:///postgres?host={}&user=station", folder_.string())
+                         : (folder_ / "line.db").string();
         comeBack();
     }
     void TearDown() override {
         if (shared_ && server_) goAway();
-        fs::remove_all(folder_);
     }
 
     // Takes the store away: another process locks the SQLite file, or PostgreSQL stops.
@@ -73,7 +66,8 @@ protected:
         return records;
     }
 
-    fs::path folder_;
+    const Folder made_;
+    const fs::path folder_ = made_.path;
     std::string store_, said_;
     bool shared_ = false;
     pid_t server_ = 0;
@@ -89,6 +83,38 @@ inline RunRecord runOf(const std::string &serial) {
     run.steps.resize(2);
     run.steps[0].title = run.steps[0].planned = "PING";
     run.steps[1].title = run.steps[1].planned = "MAC {mac}";
+    return run;
+}
+
+// Returns a run in which all has a value, and whose second step was not run.
+inline RunRecord fullRun() {
+    RunRecord run = runOf("A");
+    run.end += std::chrono::milliseconds(1234);
+    run.station = {"pc", "0123456789abcdef"};
+    run.peer = "192.168.1.1:1024%line1";
+    run.failure = "after: \"no\"";
+    run.variables = {{"serial", "A"}, {"text", "\u00e9\n\\"}};
+    run.planDigest = std::string(64, 'a');
+    run.files = {{1, "kernel.bin", 5'000'000'000, std::string(64, 'b')}, {2, "root.bin", 0, std::string(64, 'c')}};
+    run.operatorName = "Eve";
+    run.reference = true;
+    run.cause = Cause::kConnection;
+    StepResult step = run.steps[0];
+    step.title = "PING of A";
+    step.reply = "a\u00e9b";
+    step.cut = 5000000000;
+    step.failure = "f";
+    step.hint = "h";
+    step.verdict = Verdict::kFailed;
+    step.cause = Cause::kConnection;
+    step.offset = std::chrono::milliseconds(1001);
+    step.duration = std::chrono::milliseconds(2002);
+    step.attempts = 3;
+    step.measurements = {{"amps", 1e-30, std::nullopt, 2, "", true}, {"volts", 0.1, 1, std::nullopt, "V", false}};
+    run.steps[0] = step;
+    run.steps[1].failure = "not run: a required step had failed";
+    step.verdict = Verdict::kPassed;
+    run.steps.push_back(step);
     return run;
 }
 
