@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +87,15 @@ std::string next(std::string &input) {
     const std::string text = input.substr(0, input.find("\n%%\n"));
     input.erase(0, text.size() + strlen("\n%%\n"));
     return text;
+}
+
+// Returns the ends of a connection. At the first one these bytes arrive, and then the end.
+std::array<int, 2> connectionWith(const std::string &bytes) {
+    std::array<int, 2> ends;
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0);
+    require(send(ends[1], bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()));
+    shutdown(ends[1], SHUT_WR);
+    return ends;
 }
 
 template <size_t Size>
@@ -161,9 +171,7 @@ void session(std::string input) {
     put("/etc/html.info", next(input));
     put("/etc/entry.info", next(input));
     const std::string sent = next(input);
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    require(send(ends[1], sent.data(), sent.size(), 0) == static_cast<ssize_t>(sent.size()));
+    const auto ends = connectionWith(sent);
     close(ends[1]);
     std::vector<char> pkbuf(kPkbufSize);
     for (;;) {
@@ -226,12 +234,9 @@ void pool(std::string input) {
 
 // Input: the bytes of a board. The station must read valid replies until the first fault.
 void replies(std::string input) {
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    station::Session session{station::Socket(ends[0])};
+    const auto ends = connectionWith(input);
     const station::Socket board(ends[1]);
-    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
-    shutdown(ends[1], SHUT_WR);
+    station::Session session{station::Socket(ends[0])};
     try {
         for (;;) {
             const std::string reply = session.receiveReply(station::Milliseconds(1000));
@@ -245,12 +250,9 @@ void replies(std::string input) {
 // Input: what a board sends of a script. The station must keep the whole output, and take no status that no program
 // has.
 void results(std::string input) {
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    station::Session session{station::Socket(ends[0])};
+    const auto ends = connectionWith(input);
     const station::Socket board(ends[1]);
-    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
-    shutdown(ends[1], SHUT_WR);
+    station::Session session{station::Socket(ends[0])};
     try {
         const station::ScriptResult result =
             station::receiveResult(std::move(session), station::Clock::now() + station::Milliseconds(1000));
@@ -293,10 +295,7 @@ void discovery(std::string input) {
 // a longer text and its NUL.
 void connection(std::string input) {
     loadSettings("");
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    require(send(ends[1], input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()));
-    shutdown(ends[1], SHUT_WR);
+    const auto ends = connectionWith(input);
     connected = ends[0];
     std::vector<char> pkbuf(kPkbufSize);
     serveStation(pkbuf.data());
