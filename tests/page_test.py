@@ -7,26 +7,23 @@ few lines of this file, and a headless Chromium, all in a network of their own.
 import csv, glob, http.client, importlib.machinery, json, os, re, shutil, signal, socket, subprocess, sys, tarfile
 import tempfile, threading, unittest, urllib.parse
 
-if 'PAGE_TEST' not in os.environ:  # not yet in a network of its own
-    user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
-    os.execvpe('unshare', ['unshare', *user, '--net', 'sh', '-c', 'ip link set lo up; exec "$@"', 'sh', *sys.argv],
-               {**os.environ, 'PAGE_TEST': '1'})
-
 import jsonschema
 from selenium import webdriver
-from selenium.common.exceptions import TimeoutException
+from selenium.common.exceptions import StaleElementReferenceException, TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select, WebDriverWait
+from line_box import PATIENCE, ROOT, converse, enter, read, write
 
-attack = importlib.machinery.SourceFileLoader('attack', os.path.dirname(__file__) + '/../scripts/attack').load_module()
+enter()
+
+attack = importlib.machinery.SourceFileLoader('attack', ROOT + '/scripts/attack').load_module()
 
 # From scripts/setup, if npm is there.
-AXE = os.path.abspath(os.path.dirname(__file__) + '/../build/axe-core-4.14.1.tgz')
-SCHEMA = os.path.abspath(os.path.dirname(__file__) + '/../docs/api.schema.json')
-WORDS = os.path.dirname(SCHEMA) + '/../station/page/static/words.*.json'
-PATIENCE = 60  # seconds, for what takes much less on a machine that has nothing else to do
+AXE = ROOT + '/build/axe-core-4.14.1.tgz'
+WORDS = ROOT + '/station/page/static/words.*.json'
+OUTSIDE, CAPITALS = [read(f'{ROOT}/tests/page/{name}.js') for name in ('outside', 'capitals')]
 PORT, PAGE = 55688, 8080
 AWAY = attack.STATION
 PLAN = '''probe: false
@@ -36,64 +33,26 @@ steps:
      hint: See <b>cable 7</b>, picture: plug.png}
   - {send: BYE, expect: BYE, closes: true}
 '''
-
-
-# Where the parts of the page are that are not on the screen, or not within their tile.
-MEASURE = '''
-    const outside = [];
-    const check = (element, frame) => {
-        const box = element.getBoundingClientRect();
-        if (box.width === 0) return;
-        const off = Math.max(frame.left - box.left, box.right - frame.right, frame.top - box.top,
-                             box.bottom - frame.bottom);
-        if (off > 1) outside.push(`${element.id || element.className} of ${element.parentElement.className}: ${off}`);
-    };
-    const screen = new DOMRect(0, 0, innerWidth, innerHeight);
-    const parts = 'header, #scan, #scan *, #shift dd, main, .tile, #list, footer, #line, nav *';
-    for (const element of document.querySelectorAll(parts)) check(element, screen);
-    for (const tile of document.querySelectorAll('.tile')) {
-        for (const part of tile.children) check(part, tile.getBoundingClientRect());
-        const verdict = tile.querySelector('.verdict');
-        if (verdict && verdict.scrollWidth > verdict.clientWidth + 1) outside.push(`${tile.className}: verdict is cut`);
-        const name = tile.querySelector('.name');
-        if (name.clientHeight > 1.9 * parseFloat(getComputedStyle(name).fontSize)) outside.push('a name breaks');
-    }
-    if (document.documentElement.scrollWidth > innerWidth) outside.push('the page is too wide');
-    return outside;'''
-
 # Hints that end before their last line.
 CUT = '''
     return [...document.querySelectorAll('.tile .hint')].filter(hint => hint.scrollHeight > hint.clientHeight + 2)
         .map(hint => hint.textContent);'''
 
-# The heights of capital letters, in pixels.
-CAPS = '''
-    const pen = document.createElement('canvas').getContext('2d'), caps = {};
-    for (const name of ['.failed .verdict', '.passed .verdict', '.failed .name', '.failed .unit', '.failed .hint']) {
-        const element = document.querySelector('.tile' + name);
-        if (!element) continue;
-        pen.font = getComputedStyle(element).font;
-        caps[name] = pen.measureText('H').actualBoundingBoxAscent;
-    }
-    return caps;'''
-
 
 class Board(threading.Thread):
-    """Connects from an address of its own, and answers each command with its reply or, without any, with itself."""
+    """Connects from an address of its own, and answers like converse()."""
 
     def __init__(self, number, **replies):
         super().__init__(daemon=True)
         self.socket = socket.socket()
         self.socket.settimeout(PATIENCE)
         self.socket.bind((f'127.0.0.{number + 1}', 0))
-        self.replies = {'PING': 'PING 2', **replies}
+        self.replies = replies
         self.start()
 
     def run(self):
         self.socket.connect(('127.0.0.1', PORT))
-        while command := self.socket.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
-            self.socket.sendall(self.replies.get(command, command).encode().ljust(64, b'\0'))
-            if command == 'BYE': break
+        converse(self.socket, self.replies)
         self.socket.close()
 
 
@@ -103,8 +62,8 @@ class Page(unittest.TestCase):
         cls.folder = tempfile.mkdtemp()
         os.environ.update(HOME=cls.folder, XDG_CACHE_HOME=cls.folder)
         os.chdir(cls.folder)
-        with open('plan.yaml', 'w') as file: file.write(PLAN)
-        shutil.copy(os.path.dirname(SCHEMA) + '/page.png', 'plug.png')
+        write('plan.yaml', PLAN)
+        shutil.copy(ROOT + '/docs/page.png', 'plug.png')
         with open('line.yaml', 'w') as file:
             file.write(f'listen: 127.0.0.1:{PORT}\nplaces: 2\nplan: plan.yaml\nstore: line.db\n'
                        f'page: {{listen: "0.0.0.0:{PAGE}", token: long%41enough}}\n')
@@ -148,7 +107,8 @@ class Page(unittest.TestCase):
         self.until(lambda: len(self.browser.find_elements(By.CLASS_NAME, 'tile')) == 2)
 
     def until(self, condition):
-        try: WebDriverWait(self.browser, PATIENCE, 0.1).until(lambda _: condition())
+        absent = IndexError, StaleElementReferenceException  # while the page is loaded again
+        try: WebDriverWait(self.browser, PATIENCE, 0.1, absent).until(lambda _: condition())
         except TimeoutException: self.fail(self.page())
 
     def page(self): return self.browser.find_element(By.TAG_NAME, 'body').text
@@ -207,7 +167,7 @@ class Page(unittest.TestCase):
         self.type('<script>alert(1)</script>', Keys.ENTER)
         self.sees(2, 'FAIL', '<script>a', 'PING <script>', 'See <b>cable 7</b>', '2/3')
         self.until(lambda: self.js('return document.querySelector(".failed .picture").naturalWidth') > 0)
-        self.assertEqual(self.js(MEASURE), [])
+        self.assertEqual(self.js(OUTSIDE), [])
         self.asked('board 1')
         self.type('A-1', Keys.TAB)  # as some scanners end
         self.sees(1, 'PASS', 'A-1')
@@ -287,9 +247,9 @@ class Page(unittest.TestCase):
             for count in 1, 4, 8, 16, 24, 64:
                 with self.subTest(size=size, count=count):
                     self.pretend([tiles[i % len(tiles)] for i in range(count)], size, troubles=3 * [40 * 'trouble '])
-                    self.assertEqual(self.js(MEASURE), [])
+                    self.assertEqual(self.js(OUTSIDE), [])
                     self.pretend([tiles[i % len(tiles)] for i in range(count)], size)
-                    caps = self.js(CAPS)
+                    caps = self.js(CAPITALS)
                     if count > 1: self.assertGreaterEqual(caps['.failed .verdict'], caps['.passed .verdict'])
                     for part, least in large.get((count, size[0]), {}).items():
                         self.assertGreaterEqual(caps['.failed .' + part], least, part)
@@ -308,7 +268,7 @@ class Page(unittest.TestCase):
             with open(path) as file: self.js('words = arguments[0]', json.load(file))
             for size in (1920, 1080), (1280, 800):
                 self.pretend(tiles, size)
-                self.assertEqual([self.js(script) for script in (MEASURE, CUT)], [[], []], path)
+                self.assertEqual([self.js(script) for script in (OUTSIDE, CUT)], [[], []], path)
 
     def test_a_message_stays_with_its_board(self):
         """A label that is scanned twice says so beside its own board, and never beside the next one."""
@@ -338,7 +298,7 @@ class Page(unittest.TestCase):
         places in any language."""
         texts = {}
         for path in glob.glob(WORDS):
-            with open(path) as file: texts[path.split('.')[-2]] = json.load(file)
+            texts[path.split('.')[-2]] = json.loads(read(path))
         values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
         with open('own.json', 'w') as file: json.dump({**texts['en'], 'language': 'ar', 'direction': 'rtl'}, file)
         with open('line.yaml') as file: line = file.read()
@@ -426,7 +386,7 @@ class Page(unittest.TestCase):
             self.assertTrue(any(f'{line["value"]}  {line["verdict"]} {line["serial"]}' in hint for hint in hints), hints)
         self.assertIn('maximum 4 ', hints)
         for line in lines: self.assertIn(f'title="{line["run"]}"', content('/value?name=ports'))
-        with open(SCHEMA) as file: schema = jsonschema.Draft202012Validator(json.load(file))
+        schema = jsonschema.Draft202012Validator(json.loads(read(ROOT + '/docs/api.schema.json')))
         for page in 'summary', 'runs', f'run?run={run}', 'units', 'unit?serial=A-7', 'value?name=ports':
             with self.subTest(page=page):
                 document = json.loads(content('/api/' + page))

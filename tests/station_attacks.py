@@ -5,21 +5,14 @@ Attacks a line of two cables, in network namespaces. Traffic on one cable must n
 descriptors, or delay a stop. A surplus board must not get a connection that is then lost.
 """
 import contextlib, os, select, signal, socket, subprocess, sys, tempfile, threading
-from cables import Cable, PATIENCE, STATION, enter
+from line_box import Cable, PATIENCE, STATION, converse, enter, write
 
 enter()
 PLAN = '[{send: PING, expect: PING 2, timeout: 5}, {send: BYE, expect: BYE, closes: true}]'
-REPLIES = {'QCSTATION': 'UNKNOWN', 'PING': 'PING 2', 'BYE': 'BYE'}
-
-
-def serve(board):
-    while command := board.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
-        board.sendall(REPLIES[command].encode().ljust(64, b'\0'))
-        if command == 'BYE': return
 
 
 def session(cable):
-    with cable.connect() as board: serve(board)
+    with cable.connect() as board: converse(board)
 
 
 @contextlib.contextmanager
@@ -57,6 +50,16 @@ def flood(cable, size, ttl, answer):
         thread.join()
 
 
+def batch():
+    """Of a batch, the board that never connects is reported at its interface."""
+    command = [QCSTATION, 'run', 'plan.yaml', '--interface', 'line1', '--interface', 'line2', '--wait', '5']
+    run = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+    session(cables[0])
+    output = run.communicate()[0]
+    assert run.returncode == 1 and 'line2  AGAIN  0.0 s  no board connected' in output, output
+    assert output.endswith('plan plan: 2 boards, 0 failed, 1 to be tested again\n'), output
+
+
 def drops():
     """Returns how many segments the station's kernel has dropped because of their time to live."""
     with open('/proc/thread-self/net/netstat') as file: names, values = [line.split() for line in file][:2]
@@ -68,7 +71,7 @@ def surplus(cable, station):
     with cable.socket() as first:
         first.settimeout(PATIENCE)
         first.connect(STATION)
-        first.sendall(REPLIES['QCSTATION'].encode().ljust(64, b'\0'))
+        first.sendall(b'UNKNOWN'.ljust(64, b'\0'))
         while first.recv(64, socket.MSG_WAITALL).rstrip(b'\0') != b'PING': pass
         before, poller, others = drops(), select.poll(), [cable.socket() for _ in range(200)]
         for other in others:
@@ -78,8 +81,8 @@ def surplus(cable, station):
         while drops() - before < len(others) and not poller.poll(0): pass
         assert not poller.poll(0), 'a surplus board got a connection'
         for other in others: other.close()
-        first.sendall(REPLIES['PING'].encode().ljust(64, b'\0'))
-        serve(first)
+        first.sendall(b'PING 2'.ljust(64, b'\0'))
+        converse(first)
 
 
 def silent(cable, station):
@@ -100,10 +103,11 @@ def impostors(cable, station):
 
 QCSTATION = os.path.abspath(sys.argv[1]) + '/qcstation'
 os.chdir(tempfile.mkdtemp())
-for path, text in (('plan.yaml', PLAN), ('line.yaml', 'plan: plan.yaml\nplaces: [{interface: line1}, {interface: line2}]')):
-    with open(path, 'w') as file: file.write(text)
-cables = [Cable(1), Cable(2)]
+write('plan.yaml', PLAN)
+write('line.yaml', 'plan: plan.yaml\nplaces: [{interface: line1}, {interface: line2}]')
+cables, station = [Cable(1), Cable(2)], None
 try:
+    batch()
     station = subprocess.Popen([QCSTATION, 'serve', 'line.yaml'], stdout=subprocess.PIPE)
     station.stdout.readline()
     reader = threading.Thread(target=station.stdout.read)
@@ -112,5 +116,5 @@ try:
         attack(cables[1], station)
         print(attack.__doc__)
 finally:
-    station.kill()
+    if station: station.kill()
     for cable in cables: cable.holder.kill()

@@ -7,26 +7,20 @@ others, places are held and released, the line's file is read again, and the sta
 build. All of it runs in a network namespace.
 """
 import glob, http.client, json, os, random, signal, socket, subprocess, sys, tempfile, threading, time
+from line_box import converse, enter, read, write
 
-if 'STRESS' not in os.environ:  # not yet in a network of its own
-    user = [] if os.geteuid() == 0 else ['--user', '--map-root-user']
-    os.execvpe('unshare', ['unshare', *user, '--net', 'sh', '-c', 'ip link set lo up; exec "$@"', 'sh', *sys.argv],
-               {**os.environ, 'STRESS': '1'})
-
+enter()
 BOARDS, PLACES, PORT, PAGE, LIMIT = int((sys.argv + ['600'])[1]), 8, 55688, 8080, 240
 STATION = os.path.realpath(os.environ.get('BUILD', 'build/tsan')) + '/qcstation'
 folder = tempfile.mkdtemp()
 os.chdir(folder)
 os.environ['TSAN_OPTIONS'] = f'log_path={folder}/race exitcode=66'
-with open('plan.yaml', 'w') as file:
-    file.write("- {send: NUMBER, match: '(?P<serial>[0-9]+)'}\n- {send: PING, match: '(?P<ports>[0-9]+)', "
-               'limits: {ports: {min: 1}}}\n- {ask: lamp, prompt: Lit}\n- {send: BYE, expect: BYE, closes: true}\n')
-with open('line.yaml', 'w') as file:
-    file.write(f'listen: 127.0.0.1:{PORT}\nplaces: {PLACES}\nplan: plan.yaml\nstore: line.db\nresults: results\n'
-               f'page: {PAGE}\nafter: cat > /dev/null\n')
+write('plan.yaml', "- {send: NUMBER, match: '(?P<serial>[0-9]+)'}\n- {send: PING, match: '(?P<ports>[0-9]+)', "
+      'limits: {ports: {min: 1}}}\n- {ask: lamp, prompt: Lit}\n- {send: BYE, expect: BYE, closes: true}\n')
+write('line.yaml', f'listen: 127.0.0.1:{PORT}\nplaces: {PLACES}\nplan: plan.yaml\nstore: line.db\nresults: results\n'
+      f'page: {PAGE}\nafter: cat > /dev/null\n')
 over = threading.Event()
-waiting = iter(range(1, BOARDS + 1))
-lock = threading.Lock()
+waiting = [None] * (PLACES + 4) + list(range(BOARDS, 0, -1))
 served = []
 
 
@@ -75,13 +69,9 @@ def hold():
 
 def work():
     """Puts in boards until all are done. A board that a stop has interrupted comes again."""
-    for number in iter(lambda: next_board(), None):
+    for number in iter(waiting.pop, None):
         while not over.is_set() and not serve(number): pause()
-        with lock: served.append(number)
-
-
-def next_board():
-    with lock: return next(waiting, None)
+        served.append(number)
 
 
 def serve(number):
@@ -90,13 +80,9 @@ def serve(number):
             board.settimeout(20)
             board.bind((f'127.0.{1 + number // 250}.{1 + number % 250}', 0))
             board.connect(('127.0.0.1', PORT))
-            while command := board.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
-                reply = {'NUMBER': str(number), 'PING': '2', 'BYE': 'BYE'}.get(command, 'UNKNOWN')
-                board.sendall(reply.encode().ljust(64, b'\0'))
-                if command == 'BYE': return True
+            return converse(board, {'NUMBER': str(number), 'PING': '2'})
     except OSError:
-        pass
-    return False
+        return False
 
 
 def start(): return subprocess.Popen([STATION, 'serve', 'line.yaml'], stdout=subprocess.DEVNULL)
@@ -130,6 +116,6 @@ status = end(station)
 if status not in (0, 5): problems.append(f'the station ended with {status}')
 if len(served) < BOARDS: problems.append(f'{len(served)} of {BOARDS} boards were served')
 for path in glob.glob('race*'):
-    with open(path) as file: problems.append(file.read())
+    problems.append(read(path))
 print('\n'.join(problems) or f'{BOARDS} boards, nothing found')
 sys.exit(bool(problems))

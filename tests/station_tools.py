@@ -6,8 +6,7 @@ and "init" makes for one. Root tries the service's user and PostgreSQL, too.
 """
 
 import glob, os, signal, socket, sqlite3, subprocess, sys, tempfile
-
-SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "postgresql")
+from line_box import ROOT, await_line, free_port, write
 
 QCSTATION = os.path.join(os.path.abspath(sys.argv[1]), "qcstation")
 PLAN = "[{send: PING, match: '^PING'}, {send: INFO, match: '^INFO'}]"
@@ -18,11 +17,6 @@ def call(*arguments, status=0, **environment):
                            env={"PATH": os.environ["PATH"], **environment}, timeout=60)
     assert ended.returncode == status, f"{arguments}: {ended.returncode} {ended.stdout}"
     return ended.stdout
-
-
-def write(path, text):
-    with open(path, "w") as file:
-        file.write(text)
 
 
 def check_choice_of_store():
@@ -43,12 +37,11 @@ def check_arguments():
     for arguments in wrong:
         call(*arguments.split(), status=2, QCSTATION_STORE="c.db")
     call("pool", "list", "--line", "nope.yaml", status=2)
+    write("asks.yaml", "[{ask: serial, prompt: Scan}]")  # where nobody can answer
+    write("who.yaml", "{places: 1, plan: plan.yaml, operator: {prompt: Badge}}")
+    for arguments in "run asks.yaml --json", "run asks.yaml", "serve who.yaml":
+        assert "give the line a page" in call(*arguments.split(), status=2), arguments
     call("discover", "nope", status=3)
-
-
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        return server.getsockname()[1]
 
 
 def line_of(**changes):
@@ -110,8 +103,7 @@ def check_line():
         assert files() == before, changes
     line_of()
     station = subprocess.Popen([QCSTATION, "serve", "line.yaml"], stdout=subprocess.PIPE, text=True)
-    while "waiting for boards" not in station.stdout.readline():
-        pass
+    await_line(station, "waiting for boards")
     assert "in use" in call("check", "line.yaml")
     station.send_signal(signal.SIGTERM)
     assert station.wait(60) == 0
@@ -139,7 +131,7 @@ def check_init_of_postgresql():
     """As the documents say: a role for the service, whose the database is. To read its tables is not enough."""
     os.remove("made/results")
     os.mkdir("server")
-    server = subprocess.Popen([SERVER, "server"])
+    server = subprocess.Popen([f"{ROOT}/tests/postgresql", "server"])
     url = f"postgresql:///line?host={os.getcwd()}/server"
     psql = ["psql", "-qd", f"postgresql:///postgres?host={os.getcwd()}/server&user=station", "-c"]
     while subprocess.run([*psql, "CREATE ROLE nobody LOGIN"], stderr=subprocess.DEVNULL).returncode:

@@ -9,12 +9,14 @@ troubles that have one of them in their names.
 import contextlib, glob, hashlib, http.client, json, os, re, signal, socket, sqlite3, subprocess, sys, tempfile
 import threading, time, traceback
 from concurrent.futures import ThreadPoolExecutor
-from cables import Cable, PATIENCE, STATION, enter
+from line_box import Cable, PATIENCE, ROOT, STATION, converse, enter, read, write
 
 enter()
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 QCSTATION = os.path.abspath(sys.argv[1]) + '/qcstation'
 ASK = "{ask: serial, prompt: Scan the label, match: '^SN-[0-9]+$', problem: Scan the label with SN and a number.}"
+TAKE = "{send: 'MAC {mac}', expect: MAC 1}"
+OWN = "{send: INFO, match: '^INFO (?P<reported>.*)$', whose: reported}"
+UPLOAD = "{send: 'FW KERNEL {size}', upload: kernel.bin, expect: OK, timeout: 60}"
 BYE = '{send: BYE, expect: BYE, closes: true}'
 troubles = {}
 
@@ -24,49 +26,46 @@ def trouble(name):
     return lambda provoke: troubles.setdefault(name, provoke)
 
 
+def simple(name, *steps, pool=0, before=(), scans=(), replies=lambda line: {}, **keys):
+    """Adds a trouble: after whole runs of the units `before` comes a board whose place gets these scans. The place
+    refuses a scan with a "!". One with a "+" comes a second later, from a person and not a scanner's trigger."""
+    @trouble(name)
+    def provoke(line):
+        if pool: line.addresses(pool)
+        line.start(*steps, **keys)
+        for serial in before: line.run(serial, **replies(line))
+        Board(line.cable, **replies(line))
+        for scan in scans:
+            if scan[0] == '+': time.sleep(1)
+            assert bool(line.answer(scan.strip('!+'))) == scan.endswith('!'), scan
+
+
 def documented():
     """Returns by the name of a trouble the other cells of its row: verdict, cause, text."""
-    with open(ROOT + '/docs/troubleshooting.md') as file: section = file.read().split('## What was tried')[1]
-    lines = [line for line in section.split('## ')[0].splitlines() if line.startswith('|')]
-    rows = [[cell.strip(' `') for cell in line.strip('|').split('|')] for line in lines]
+    section = read(ROOT + '/docs/troubleshooting.md').split('## What was tried')[1].split('## ')[0]
+    rows = [[cell.strip(' `') for cell in line.strip('|').split('|')] for line in section.splitlines() if '|' in line]
     return {name: cells for name, *cells in rows[2:]}
 
 
 class Board(threading.Thread):
-    """A board in its place: answers each command with its reply or, without one, with itself. A reply that can be
-    called gets the board and the payload, and returns the reply; None hangs up."""
+    """A board in its place, which answers like converse()."""
 
     def __init__(self, cable, **replies):
         super().__init__(daemon=True)
-        self.cable, self.replies, self.received = cable, {'QCSTATION': 'UNKNOWN', 'PING': 'PING 2', **replies}, []
+        self.cable, self.replies, self.received = cable, replies, []
         self.start()
 
     def run(self):
-        with contextlib.suppress(OSError), self.cable.connect() as self.station:
-            while command := self.station.recv(64, socket.MSG_WAITALL).rstrip(b'\0').decode():
-                word, *rest = command.split()
-                self.received.append(command)
-                payload = self.payload(int(rest[-1])) if word in ('FW', 'SHELL') else b''
-                reply = self.replies.get(word, command)
-                if callable(reply): reply = reply(self, payload)
-                if reply is None: return
-                self.station.sendall(reply.encode().ljust(64, b'\0'))
-                if word == 'BYE': return
-
-    def payload(self, left):
-        parts = []
-        while left and (part := self.station.recv(left)):
-            parts.append(part)
-            left -= len(part)
-        return b''.join(parts)
+        with contextlib.suppress(OSError), self.cable.connect() as station:
+            converse(station, self.replies, self.received)
 
 
-def prints(output, status=0):
+def prints(line, output):
     """The reply to a script: it printed this."""
-    def reply(board, script):
-        with board.cable.socket() as result:
+    def reply(script):
+        with line.cable.socket() as result:
             result.connect((STATION[0], int(re.search(rb'nc \S+ (\d+)', script)[1])))
-            result.sendall(f'{status}\n{output}'.encode())
+            result.sendall(f'0\n{output}'.encode())
         return f'SHELL {len(script)}'
     return reply
 
@@ -82,17 +81,15 @@ class Line:
         self.write('kernel.bin', 'kernel' * 100000)
         self.write('output', '')
 
-    def write(self, name, content, mode=0o644):
-        with open(f'{self.folder}/{name}', 'w') as file: file.write(content)
-        os.chmod(f'{self.folder}/{name}', mode)
+    def write(self, name, *content): write(f'{self.folder}/{name}', *content)
 
     def tool(self, *words):
         return subprocess.run([QCSTATION, *words], cwd=self.folder, check=True, capture_output=True, text=True).stdout
 
-    def addresses(self, first, last):
+    def addresses(self, count):
         """Gives the store of the line a pool "mac"."""
         self.tool('store', 'upgrade', '--store', 'line.db')
-        self.tool('pool', 'add', first, last, '--store', 'line.db')
+        self.tool('pool', 'add', '02:00:00:00:10:00', f'02:00:00:00:10:{count - 1:02x}', '--store', 'line.db')
 
     def start(self, *steps, plan='', line=''):
         """Starts the station with this plan, whose last step is BYE, and more keys of the line's file."""
@@ -172,12 +169,12 @@ class Line:
 
     def said(self):
         """What the station has printed, and what its tile has shown."""
-        with open(f'{self.folder}/output') as output: return '\n'.join([output.read(), *self.seen])
+        return '\n'.join([read(f'{self.folder}/output'), *self.seen])
 
     def records(self):
         """The runs' records, in their order."""
-        names = glob.glob(f'{self.folder}/results/*.json')
-        return sorted((json.load(open(name)) for name in names), key=lambda record: record['start'])
+        records = [json.loads(read(name)) for name in glob.glob(f'{self.folder}/results/*.json')]
+        return sorted(records, key=lambda record: record['start'])
 
     def rows(self):
         with contextlib.closing(sqlite3.connect(f'{self.folder}/line.db')) as store:
@@ -215,31 +212,17 @@ def prove(number, name):
 # ---- the unit
 
 
-@trouble('a value is out of its limits')
-def limits(line):
-    line.start("{send: PING, match: '^PING (?P<ports>[0-9]+)$', limits: {ports: {min: 3}}, hint: regulator U7}")
-    Board(line.cable)
-
-
-@trouble('the board is of another model')
-def model(line):
-    line.start('{send: PING, expect: PING 3, required: true, hint: another model}', ASK)
-    Board(line.cable)
-
-
-@trouble('the flash does not keep what was sent')
-def flash(line):
-    line.start("{send: 'FW KERNEL {size}', upload: kernel.bin, expect: OK}",
-               '{verify: kernel.bin, partition: 2, hint: replace the flash}')
-    Board(line.cable, FW='OK', SHELL=prints(hashlib.md5(b'').hexdigest() + ' 0\n'))
-
-
-@trouble('the wrong label is scanned')
-def label(line):
-    line.start(ASK)
-    Board(line.cable)
-    assert line.answer('4006381333931')
-    line.answer('SN-1')
+simple('a value is out of its limits',
+       "{send: PING, match: '^PING (?P<ports>[0-9]+)$', limits: {ports: {min: 3}}, hint: regulator U7}")
+simple('the board is of another model', '{send: PING, expect: PING 3, required: true, hint: another model}', ASK)
+simple('the flash does not keep what was sent', UPLOAD, '{verify: kernel.bin, partition: 2, hint: replace the flash}',
+       replies=lambda line: dict(FW='OK', SHELL=prints(line, hashlib.md5(b'').hexdigest() + ' 0\n')))
+simple('the wrong label is scanned', ASK, scans=['4006381333931!', 'SN-1'])
+simple('the unit has passed before', ASK, before=['SN-1'], scans=['SN-1!', 'SN-1!', '+SN-1'])
+simple('the unit failed too often', ASK, '{send: PING, expect: PING 3}', plan='attempts: 2', before=['SN-1', 'SN-1'],
+       scans=['SN-1!', 'SN-2'])
+simple('the board has the address of another unit', ASK, TAKE, OWN, pool=16, before=['SN-1'], scans=['SN-2'],
+       replies=lambda _: dict(MAC='MAC 1', INFO='INFO 02:00:00:00:10:00'))
 
 
 @trouble('the unit is in work at another place')
@@ -255,41 +238,10 @@ def elsewhere(line):
     line.answer('yes')
 
 
-@trouble('the unit has passed before')
-def passed(line):
-    line.start(ASK)
-    line.run('SN-1')
-    Board(line.cable)
-    assert line.answer('SN-1')
-    assert line.answer('SN-1'), 'a trigger that was pressed twice'
-    time.sleep(1)
-    assert not line.answer('SN-1')
-
-
-@trouble('the unit failed too often')
-def repair(line):
-    line.start(ASK, '{send: PING, expect: PING 3}', plan='attempts: 2')
-    for _ in range(2): line.run('SN-1')
-    Board(line.cable)
-    assert line.answer('SN-1')
-    line.answer('SN-2')
-
-
-@trouble('the board has the address of another unit')
-def address(line):
-    line.addresses('02:00:00:00:10:00', '02:00:00:00:10:ff')
-    line.start(ASK, "{send: 'MAC {mac}', expect: MAC 1}",
-               "{send: INFO, match: '^INFO (?P<reported>.*)$', whose: reported}")
-    line.run('SN-1', MAC='MAC 1', INFO='INFO 02:00:00:00:10:00')
-    Board(line.cable, MAC='MAC 1', INFO='INFO 02:00:00:00:10:00')
-    line.answer('SN-2')
-
-
 @trouble('another board had this serial before')
 def reused(line):
-    line.addresses('02:00:00:00:10:00', '02:00:00:00:10:ff')
-    line.start(ASK, "{send: 'MAC {mac}', expect: MAC 1}",
-               "{send: INFO, match: '^INFO (?P<reported>.*)$', whose: reported}", plan='again: allow')
+    line.addresses(16)
+    line.start(ASK, TAKE, OWN, plan='again: allow')
     line.run('SN-1', MAC='MAC 1', INFO='INFO 02:00:00:00:10:00')
     line.run('SN-1', MAC='MAC 1', INFO='INFO 02:00:00:00:99:00')
 
@@ -312,10 +264,7 @@ def exchanged(line):
 # ---- the operator
 
 
-@trouble('nobody answers')
-def nobody(line):
-    line.start('{ask: lamp, prompt: Press Enter, timeout: 1}')
-    Board(line.cable)
+simple('nobody answers', '{ask: lamp, prompt: Press Enter, timeout: 1}')
 
 
 @trouble('the station is stopped while it asks')
@@ -333,7 +282,7 @@ def silent(line, *steps, word, **replies):
     """A line whose board does not answer this command. Returns an event: it has come."""
     come = threading.Event()
     line.start(*steps)
-    Board(line.cable, **{word: lambda board, payload: come.set() or time.sleep(2 * PATIENCE), **replies})
+    Board(line.cable, **{word: lambda payload: come.set() or time.sleep(2 * PATIENCE), **replies})
     return come
 
 
@@ -352,25 +301,20 @@ pull('while the board flashes', 'FW',
 pull('while the flash is read back', 'SHELL', '{verify: kernel.bin, partition: 2, timeout: 60, hint: regulator U7}')
 
 
-@trouble('the cable is pulled between two steps')
-def between(line):
-    line.start('{send: PING, expect: PING 2}', "{run: 'touch begun; while [ -e begun ]; do sleep 0.1; done'}",
-               '{send: INFO, expect: INFO, timeout: 5, hint: regulator U7}')
-    Board(line.cable)
-    while not os.path.exists(f'{line.folder}/begun'): time.sleep(0.05)
-    line.cable.plug(False)
-    os.remove(f'{line.folder}/begun')
-    assert 'U7' not in json.dumps(line.wait('again'))
+def pull_while_running(name, *steps, end=''):
+    @trouble(f'the cable is pulled {name}')
+    def provoke(line):
+        command = 'touch begun; while [ -e begun ]; do sleep 0.1; done'
+        line.start(f"{{run: '{command}{end}', hint: regulator U7}}", *steps)
+        Board(line.cable)
+        while not os.path.exists(f'{line.folder}/begun'): time.sleep(0.05)
+        line.cable.plug(False)
+        os.remove(f'{line.folder}/begun')
+        assert 'U7' not in json.dumps(line.wait('again'))
 
 
-@trouble('the cable is pulled while the station measures')
-def measured(line):
-    line.start("{run: 'touch begun; while [ -e begun ]; do sleep 0.1; done; exit 1', hint: regulator U7}")
-    Board(line.cable)
-    while not os.path.exists(f'{line.folder}/begun'): time.sleep(0.05)
-    line.cable.plug(False)
-    os.remove(f'{line.folder}/begun')
-    assert 'U7' not in json.dumps(line.wait('again'))
+pull_while_running('between two steps', '{send: INFO, expect: INFO, timeout: 5, hint: regulator U7}')
+pull_while_running('while the station measures', end='; exit 1')
 
 
 @trouble('the cable is pulled while the place asks')
@@ -411,13 +355,8 @@ def power(line):
 # ---- the station
 
 
-@trouble('the addresses are used up')
-def pool(line):
-    line.addresses('02:00:00:00:10:00', '02:00:00:00:10:00')
-    line.start(ASK, "{send: 'MAC {mac}', expect: MAC 1}")
-    line.run('SN-1')
-    Board(line.cable)
-    line.answer('SN-2')
+simple('the addresses are used up', ASK, TAKE, pool=1, before=['SN-1'], scans=['SN-2'])
+simple('the label printer fails', ASK, line='after: echo no paper; exit 1', scans=['SN-1'])
 
 
 @trouble('the store does not answer')
@@ -447,17 +386,11 @@ def disk(line):
     while 'end' not in line.records()[0]: time.sleep(0.05)
 
 
-@trouble('the label printer fails')
-def printer(line):
-    line.start(ASK, line='after: echo no paper; exit 1')
-    line.run('SN-1')
-
-
 def mes(name, command, more=''):
     @trouble(f'the MES {name}')
     def provoke(line):
-        line.addresses('02:00:00:00:10:00', '02:00:00:00:10:0f')
-        line.start(ASK, f"{{run: '{command}', required: true{more}}}", "{send: 'MAC {mac}', expect: MAC 1}")
+        line.addresses(16)
+        line.start(ASK, f"{{run: '{command}', required: true{more}}}", TAKE)
         board = Board(line.cable)
         line.answer('SN-1')
         line.wait('again', 'failed')
@@ -473,7 +406,7 @@ mes('prints without end', 'yes', ', timeout: 1')
 def killed(name, *steps, after='', answers=(), word=None):
     @trouble(f'the station is killed {name}')
     def provoke(line):
-        replies = {word: lambda board, payload: come.set() or time.sleep(2 * PATIENCE)} if word else {}
+        replies = {word: lambda payload: come.set() or time.sleep(2 * PATIENCE)} if word else {}
         come = threading.Event()
         if after: line.write('after', '#!/bin/sh\n[ -e again ] || { touch begun; sleep 600; }\n', 0o755)
         line.start(*steps, line=f'after: ./after' if after else '')
@@ -487,16 +420,17 @@ def killed(name, *steps, after='', answers=(), word=None):
         line.write('again', '')
         line.tile = {}
         line.resume()
-        line.run('SN-1', FW='OK', SHELL=prints(''))
+        line.run('SN-1', FW='OK', SHELL=prints(line, ''))
         first = line.records()[0]
         assert first['interrupted'] and first['verdict'] == 'failed' and 'end' not in first, first
-        assert line.rows()[first['id']] == ('interrupted', first.get('cause')), line.rows()
+        assert line.rows()[first['id']] == ('interrupted', 'station'), line.rows()
+        files = {name[-3:]: read(name) for name in glob.glob(f'{line.folder}/results/*{first["id"]}*')}
+        assert re.search('^AGAIN .*died', files['log'], re.M) and 'failures="0" errors="1"' in files['xml'], files
 
 
 killed('while it asks', ASK)
 killed('while a script runs', ASK, '{script: kernel.bin, timeout: 60}', answers=['SN-1'], word='SHELL')
-killed('while the board flashes', ASK, "{send: 'FW KERNEL {size}', upload: kernel.bin, expect: OK, timeout: 60}",
-       answers=['SN-1'], word='FW')
+killed('while the board flashes', ASK, UPLOAD, answers=['SN-1'], word='FW')
 killed('while the label is printed', ASK, after='after', answers=['SN-1'])
 
 
