@@ -115,12 +115,14 @@ def check_shift(folder):
     """Who works is asked once and recorded; units that fail one after the other hold their place."""
     port = free_port()
     write(f"{folder}/shift.yaml", f"{{listen: '127.0.0.1:{port}', places: 1, plan: info.yaml, results: shift, "
-          "operator: {prompt: Badge, match: '^[0-9]+$'}, hold_after: 2, reference: {serial: GOLD, hours: 1}}")
+          "operator: {prompt: Badge, match: '^[0-9]+$'}, hold_after: 2, reference: {serial: GOLD, hours: 1}, "
+          f"before: 'echo $QC_PLACE >> {folder}/begun'}}")
     write(f"{folder}/info.yaml", "[{send: INFO, match: '^I am (?P<serial>.*)$'}, {send: BYE, expect: BYE, closes: true}]")
     talk = [("waiting for boards", lambda _: serve(port, ["I am GOLD"])), (r"Badge > ", lambda _: "me\n"),
             (r'"me" does not look right: .*Badge > ', lambda _: "17\n"), (r"PASS ", lambda _: serve(port, ["bad"])),
             (r"FAIL ", lambda _: serve(port, ["bad"])), (r"board 1 is held: 2 runs in a row failed", lambda _: "\x03")]
     output, status = on_terminal(talk, [QCSTATION, "serve", f"{folder}/shift.yaml"])
+    assert read(f"{folder}/begun") == "1\n1\n1\n", output
     assert status == 0 and [record["operator"] for record in records(folder, "shift")] == ["17"] * 3, output
     assert [record["verdict"] for record in records(folder, "shift") if record.get("reference")] == ["passed"], output
 
