@@ -86,10 +86,10 @@ class Line:
     def tool(self, *words):
         return subprocess.run([QCSTATION, *words], cwd=self.folder, check=True, capture_output=True, text=True).stdout
 
-    def addresses(self, count):
+    def addresses(self, count, prefix='02:00:00:00:10'):
         """Gives the store of the line a pool "mac"."""
         self.tool('store', 'upgrade', '--store', 'line.db')
-        self.tool('pool', 'add', '02:00:00:00:10:00', f'02:00:00:00:10:{count - 1:02x}', '--store', 'line.db')
+        self.tool('pool', 'add', f'{prefix}:00', f'{prefix}:{count - 1:02x}', '--store', 'line.db')
 
     def start(self, *steps, plan='', line=''):
         """Starts the station with this plan, whose last step is BYE, and more keys of the line's file."""
@@ -249,11 +249,11 @@ def reused(line):
 @trouble('another board comes back')
 def exchanged(line):
     def address(text): line.cable.inside(f'ip link set eth0 address {text}')
-    line.addresses('00:00:5e:00:53:10', '00:00:5e:00:53:1f')
+    line.addresses(16, '00:00:5e:00:53')
     line.start(ASK, "{send: 'MAC {mac}', expect: MAC 2}", '{send: REBOOT, reconnect: true, timeout: 60}')
-    for serial, back in ('SN-1', '00:00:5e:00:53:11'), ('SN-2', '00:00:5e:00:53:11'):
-        address('00:00:5e:00:53:01')
-        board = Board(line.cable, MAC='MAC 2', REBOOT=lambda board, payload: address(back))
+    for serial, back in ('SN-1', '00:00:5e:00:53:01'), ('SN-2', '00:00:5e:00:53:01'):
+        address('00:00:5e:00:53:99')
+        board = Board(line.cable, MAC='MAC 2', REBOOT=lambda payload: address(back))
         line.answer(serial)
         board.join(PATIENCE)
         Board(line.cable)
