@@ -176,7 +176,7 @@ try:
     for number in range(1, STATIONS + 1):
         for disk in ('results', 'spool'):
             os.makedirs(f'{folder}/{number}/{disk}')
-            if DISKS: subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=32m', 'disk', f'{folder}/{number}/{disk}'], check=True)
+            if DISKS: subprocess.run(['mount', '-t', 'tmpfs', '-o', f'size={32 + 2 * KILLS}m', 'disk', f'{folder}/{number}/{disk}'], check=True)
         with open(f'{folder}/{number}/plan.yaml', 'w') as file: file.write(PLAN)
         with open(f'{folder}/{number}/line.yaml', 'w') as file:
             file.write(f'{{listen: "127.0.{number}.1:{port}", places: {BOARDS}, plan: plan.yaml, store: "{store}", '
