@@ -421,5 +421,23 @@ TEST_P(Store, ShowsRunsSideBySideWhateverTheirStepsMeasure) {
     EXPECT_THAT(page, Not(testing::AnyOf(HasSubstr("href=\"\""), HasSubstr("serial\":\"</script"))));
 }
 
+TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {
+    auto records = station();
+    RunRecord inWork = runOf("A"), later = runOf("B");
+    records->begins(inWork);
+    goAway();
+    EXPECT_THAT(refusal([&] { records->begins(later); }), HasSubstr(" is away: "));
+    EXPECT_THAT(refusal([&] { records->bind("mac", inWork, 4); }), HasSubstr(" is away: "));
+    EXPECT_THAT(records->away(), HasSubstr(" is away: "));
+    endSteps(*records, inWork, {Verdict::kPassed, Verdict::kPassed});
+    records.reset();  // the station ends, and the next process finds what it kept
+    comeBack();
+    records = station();
+    EXPECT_EQ(records->away(), "");
+    Database database(store_);
+    EXPECT_EQ(show(database, inWork.id)[0].table.rows[0][7], "passed");
+    EXPECT_EQ(show(database, inWork.id)[1].table.rows.size(), 2);
+}
+
 }  // namespace
 }  // namespace station
