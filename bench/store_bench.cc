@@ -1,9 +1,12 @@
 // Measures a store that holds a million runs: queries, and recording boards.
-// usage: store_bench STORE [RUNS]      STORE is empty, or was filled by this program
+// usage: store_bench STORE [RUNS]                          STORE is empty, or was filled by this program
+//        store_bench STORE STATIONS PLACES ROUNDS SECONDS  only how long boards wait for addresses, when so many
+//                                                          stations with so many places each run so many sessions
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -24,7 +27,7 @@
 namespace station {
 namespace {
 
-constexpr int kRunsADay = 50000;
+constexpr int kRunsADay = 27000;
 
 // From 2026-01-01 on; three steps and two values a run; each tenth unit is tested twice, each twentieth run fails.
 void fill(Database &database, int runs) {
@@ -92,28 +95,97 @@ void report(const std::string &name, const std::function<void()> &call) {
     std::fflush(stdout);
 }
 
-// Records one board: its run, four addresses, ten steps, the verdict.
-void record(StoreRecords &records, int board) {
+constexpr int kBoards = 64;
+constexpr int kSteps = 10;
+
+// How long boards waited for their addresses.
+class Waits {
+public:
+    void add(double milliseconds) {
+        const Lock lock(mutex_);
+        waits_.push_back(milliseconds);
+    }
+    void fail(const std::string &why) {
+        const Lock lock(mutex_);
+        if (failed_++ == 0) fmt::print("{}\n", why);
+    }
+    void print(double seconds) {
+        const Lock lock(mutex_);
+        std::ranges::sort(waits_);
+        fmt::print("{} boards in {:.1f} s, {} failed", waits_.size(), seconds, failed_);
+        for (const int percent : {50, 90, 99, 100}) {
+            if (!waits_.empty())
+                fmt::print(", {} %: {:.1f} ms", percent, waits_[(waits_.size() - 1) * size_t(percent) / 100]);
+        }
+        fmt::print("\n");
+    }
+
+private:
+    Mutex mutex_;
+    std::vector<double> waits_ GUARDED_BY(mutex_);
+    int failed_ GUARDED_BY(mutex_) = 0;
+};
+
+// Records one board: its run, four addresses, ten steps that take so long each, the verdict. Returns how many
+// milliseconds it waited for the addresses.
+double record(Records &records, int board, Milliseconds step = {}) {
     RunRecord run;
     run.start = run.end = WallClock::now();
     run.id = makeRunId(run.start);
     run.plan = "bench";
     run.place = {board, "bench"};
     run.unit = run.id;
-    run.steps.resize(10);
-    for (StepResult &step : run.steps) step.title = "PING", step.verdict = Verdict::kPassed;
+    run.steps.resize(kSteps);
+    for (StepResult &each : run.steps) each.title = "PING", each.verdict = Verdict::kPassed;
     records.begins(run);
+    const auto asked = Clock::now();
     records.bind("bench", run, 4);
-    for (size_t i = 0; i < run.steps.size(); ++i) records.stepEnded(run, i);
+    const auto waited = Clock::now() - asked;
+    for (size_t i = 0; i < run.steps.size(); ++i) {
+        std::this_thread::sleep_for(step);
+        records.stepEnded(run, i);
+    }
     records.ends(run);
+    return std::chrono::duration<double, std::milli>(waited).count();
 }
 
-void recordBoards(StoreRecords &records, int boards) {
+void recordBoards(Records &records, int boards) {
     std::vector<std::jthread> all;
+    all.reserve(size_t(boards));
     for (int i = 1; i <= boards; ++i) all.emplace_back([&records, i] { record(records, i); });
 }
 
-constexpr int kBoards = 64;
+// Works at one place. Adds the waits for addresses, and counts boards that failed.
+void workAtPlace(StoreRecords &records, int place, int rounds, Milliseconds session, Waits &waits) {
+    std::this_thread::sleep_for(session * (place % 97) / 97);  // boards do not come all at once
+    for (int i = 0; i < rounds; ++i) try {
+            waits.add(record(records, place, session / kSteps));
+        } catch (const RecordsError &error) {
+            waits.fail(error.what());
+        }
+}
+
+void workAtStations(const std::string &store, int stations, int places, int rounds, Milliseconds session) {
+    const auto folder = std::filesystem::temp_directory_path() / fmt::format("store_bench-{}", ::getpid());
+    std::vector<std::unique_ptr<StoreRecords>> all;
+    for (int i = 0; i < stations; ++i) {
+        all.push_back(std::make_unique<StoreRecords>(store, folder / std::to_string(i), nullptr));
+        if (const std::string why = all.back()->away(); !why.empty()) throw StoreAway(why);
+    }
+    Waits waits;
+    const auto start = Clock::now();
+    {
+        std::vector<std::jthread> threads;
+        threads.reserve(size_t(stations * places));
+        for (int i = 0; i < stations * places; ++i) {
+            threads.emplace_back([&, i] { workAtPlace(*all[size_t(i % stations)], i, rounds, session, waits); });
+        }
+    }
+    waits.print(std::chrono::duration<double>(Clock::now() - start).count());
+    all.clear();
+    std::filesystem::remove_all(folder);
+}
+
 constexpr int kCommands = 12;  // per session
 
 // Plays a board with a serial number of its own, which takes so long for each command.
@@ -180,20 +252,22 @@ double serveBoards(Records &records, const std::shared_ptr<Job> &job, Millisecon
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Runs with and without the store in turns, so that other work of the machine disturbs both alike.
-void compareLines(Records &records, Milliseconds session) {
+// Prints the median of pairs of neighbouring runs, without and with the store: other work of the machine disturbs both
+// of a pair alike.
+void compareLines(Records &records, Milliseconds session, int pairs) {
     const auto job = planOfSession();
     NoRecords none;
-    std::vector<double> with, without;
-    for (int i = 0; i < 9; ++i) {
+    std::vector<double> with, without, ratios;
+    for (int i = 0; i < pairs; ++i) {
         without.push_back(serveBoards(none, job, session / kCommands));
         with.push_back(serveBoards(records, job, session / kCommands));
+        ratios.push_back(with.back() / without.back());
     }
-    const double best = *std::min_element(with.begin(), with.end());
-    const double bare = *std::min_element(without.begin(), without.end());
-    fmt::print("{:40} {:9.2f} s, without a store {:.2f} s: {:+.1f} %\n",
-               fmt::format("64 boards at once, sessions of {:.1f} s", double(session.count()) / 1000), best, bare,
-               100 * (best / bare - 1));
+    for (auto *const all : {&with, &without, &ratios}) std::ranges::sort(*all);
+    fmt::print("{:40} {:9.2f} s, without a store {:.2f} s; pairs: median {:+.1f} %, from {:+.1f} % to {:+.1f} %\n",
+               fmt::format("64 boards at once, sessions of {:.1f} s", inSeconds(session)), with[size_t(pairs) / 2],
+               without[size_t(pairs) / 2], 100 * (ratios[size_t(pairs) / 2] - 1), 100 * (ratios.front() - 1),
+               100 * (ratios.back() - 1));
 }
 
 void bench(const std::string &store, int runs) {
@@ -203,10 +277,17 @@ void bench(const std::string &store, int runs) {
         addRange(database, "bench", "06:00:00:00:00:00", "06:00:00:FF:FF:FF", 0);
         if (!database.shared()) database.ask("PRAGMA wal_checkpoint(TRUNCATE)");
     }
-    const Filter day{{"2026-01-20", "2026-01-21"}}, month{{"2026-01-05", "2026-02-04"}};
-    report("show SERIAL", [&] { show(database, "U123456"); });
-    report("show ADDRESS", [&] { show(database, "02:00:00:12:34:56"); });
-    report("show RUN", [&] { show(database, "R123456"); });
+    const auto cell = [&](const char *sql) { return database.ask(sql).rows.at(0).at(0).value_or(""); };
+    const auto daysBefore = [last = parseIsoTime(cell("SELECT max(started) FROM runs WHERE plan = 'line'"))](int days) {
+        return isoTime(*last - std::chrono::days(days));
+    };
+    const Filter day{{daysBefore(2), daysBefore(1)}}, month{{daysBefore(31), daysBefore(1)}};
+    const std::string serial = cell("SELECT serial FROM units WHERE id = 123456"),
+                      address = cell("SELECT value FROM pool_rows WHERE id = 123456"),
+                      run = cell("SELECT run FROM runs WHERE id = 123456");
+    report("show SERIAL", [&] { show(database, serial); });
+    report("show ADDRESS", [&] { show(database, address); });
+    report("show RUN", [&] { show(database, run); });
     report("runs --failed, the newest 100", [&] { listRuns(database, {.filter = {}, .failed = true}); });
     report("summary of a day, all three tables", [&] {
         yields(database, day, By::kAll);
@@ -222,19 +303,25 @@ void bench(const std::string &store, int runs) {
     report("a value of 30 days as a group", [&] { readingGroup(database, {month.period, "line"}, "volts 1"); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
+    report("pool list", [&] { listPools(database); });
     StoreRecords records(store, std::filesystem::temp_directory_path() / "store_bench-spool", nullptr);
     report("records of a board", [&] { record(records, 1); });
     report("records of 64 boards at once", [&] { recordBoards(records, kBoards); });
-    compareLines(records, Milliseconds(1200));
-    compareLines(records, Milliseconds(6000));  // as long as plans/production.yaml takes on the virtual board
+    compareLines(records, Milliseconds(1200), 15);
+    compareLines(records, Milliseconds(6000), 3);  // as long as plans/production.yaml takes on the virtual board
 }
 
 }  // namespace
 }  // namespace station
 
 int main(int argc, char **argv) try {
-    if (argc < 2) throw std::runtime_error("usage: store_bench STORE [RUNS]");
-    station::bench(argv[1], argc > 2 ? std::stoi(argv[2]) : 1'000'000);
+    if (argc < 2) throw std::runtime_error("usage: store_bench STORE [RUNS | STATIONS PLACES ROUNDS SECONDS]");
+    const auto number = [&](int at) { return std::stoi(argv[at]); };
+    if (argc > 5) {
+        station::workAtStations(argv[1], number(2), number(3), number(4), std::chrono::seconds(number(5)));
+    } else {
+        station::bench(argv[1], argc > 2 ? number(2) : 1'000'000);
+    }
 } catch (const std::exception &error) {
     fmt::print(stderr, "{}\n", error.what());
     return 1;

@@ -27,7 +27,7 @@ int exitCodeOf(const std::exception &error) {
     using namespace station;
     if (isOneOf<PlanError, Refusal>(error)) return kWrongInput;
     if (isOneOf<ListenError>(error)) return kCannotListen;
-    if (isOneOf<RecordsError, StoreError, std::system_error>(error)) return kCannotWrite;
+    if (isOneOf<RecordsError, std::system_error>(error)) return kCannotWrite;
     return kFailed;
 }
 

@@ -97,6 +97,14 @@ void Database::lock(const std::string &name) {
     if (shared_) queue("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {name});
 }
 
+std::string Database::timeBefore(std::chrono::seconds ago, const std::string &column) const {
+    if (shared_) {
+        return fmt::format("({} - interval '{} seconds')", column.empty() ? "CURRENT_TIMESTAMP" : column, ago.count());
+    }
+    return fmt::format("strftime('%Y-%m-%dT%H:%M:%fZ', {}, '-{} seconds')", column.empty() ? "'now'" : column,
+                       ago.count());
+}
+
 int Database::version() {
     const Table known = ask(shared_ ? "SELECT tablename FROM pg_tables WHERE tablename = 'schema_version'"
                                       " AND schemaname = current_schema()"

@@ -26,17 +26,18 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "station/run/records.h"
 
 namespace station {
 
 class Driver;
 
 // Says what the database does not allow, in words for the line engineer.
-struct StoreError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct StoreError : RecordsError {
+    using RecordsError::RecordsError;
 };
 struct StoreAway : StoreError {
     using StoreError::StoreError;
@@ -123,6 +124,10 @@ public:
     // Takes the lock of this name, and keeps it until the transaction ends. Needed only by PostgreSQL: in SQLite only
     // one transaction writes at a time anyway.
     void lock(const std::string &name);
+
+    // Returns SQL for a time that lies so long before another one: a column, or by default the present by the store's
+    // own clock, since the clocks of stations differ.
+    std::string timeBefore(std::chrono::seconds ago, const std::string &column = {}) const;
 
     // Ends the query that another thread has begun, and every later one, with TooSlow. Any thread may call this.
     void interrupt();

@@ -2,6 +2,9 @@
 // The interface between Database and the libraries of SQLite and PostgreSQL, with a class for each. The code above it
 // differs between the two only in some SQL.
 
+#include <fmt/format.h>
+
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -9,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "station/base/time.h"
 #include "station/store/database.h"
 
 namespace station {
@@ -26,24 +30,31 @@ struct Answer {
     }
 };
 
+// giveUpAfter(), onlyAsk() and interrupt() are as in Database.
 class Driver {
 public:
     virtual ~Driver() = default;
     // Does the statement now or when finish() is called. `answer` may be null.
     virtual void queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) = 0;
     // Returns when all queued statements are done. Throws the first error; statements queued after it are not done.
-    virtual void finish() = 0;
+    virtual void finish() {}
     // Drops queued statements, and ends the transaction if there is one. A statement in progress may still be done, but
     // nobody gets its answer.
     virtual void rollBack() = 0;
-    // As in Database.
-    virtual void giveUpAfter(std::chrono::milliseconds limit) = 0;
-    virtual void onlyAsk(std::chrono::milliseconds limit) = 0;
-    virtual void interrupt() = 0;  // for any thread
-};
+    virtual void giveUpAfter(Milliseconds) {}
+    virtual void onlyAsk(Milliseconds limit) { question_ = limit; }
+    virtual void interrupt() { interrupted_ = true; }
 
-// Returns what statements throw after interrupt().
-inline TooSlow interrupted() { return TooSlow("the question was broken off"); }
+protected:
+    // Returns what a question throws that has no answer.
+    TooSlow tooSlow() const {
+        if (interrupted_) return TooSlow("the question was broken off");
+        return TooSlow(fmt::format("no answer within {} seconds", question_.count() / 1000));
+    }
+
+    Milliseconds question_{0};  // limit of a question; 0: none
+    std::atomic<bool> interrupted_ = false;
+};
 
 // Connect to a file, which is made if it is missing, or to postgresql://... Throw StoreError or StoreAway.
 std::unique_ptr<Driver> openSqlite(const std::string &name);

@@ -24,13 +24,11 @@ void add(Runs &all, const RunRecord &run) { consider(all.try_emplace(run.id, run
 // was off for more than a day. Returns the latter: their ends may be in their files.
 std::set<std::string> addRunning(Database &database, const std::set<std::string> &keys, Runs &all) {
     std::set<std::string> doubtful;
-    const std::string begun =
-        database.shared() ? "s.seen - interval '1 day'" : "strftime('%Y-%m-%dT%H:%M:%fZ', s.seen, '-1 day')";
     for (const std::string &key : keys) {
         const Table running = database.ask("SELECT r.run, r.verdict FROM runs r JOIN stations s ON s.id = r.station"
                                            " WHERE s.key = $1 AND r.ended IS NULL AND (r.verdict = 'running'"
                                            " OR r.verdict = 'interrupted' AND r.started > " +
-                                               begun + ")",
+                                               database.timeBefore(std::chrono::days(1), "s.seen") + ")",
                                            {key});
         for (const auto &row : running.rows) {
             if (all.try_emplace(*row[0]).second && row[1] == "interrupted") doubtful.insert(*row[0]);
@@ -54,28 +52,21 @@ void complete(Database &database, const FileRecords *files, const std::string &i
 void settle(Database &database, Spool &spool, FileRecords *files, const RunRecord &run, const Spool::Say &say) {
     try {
         if (files) files->ends(run);
-    } catch (const std::runtime_error &error) {
+    } catch (const RecordsError &error) {
         say(fmt::format("the result of the run {} is not written yet: {}", run.id, error.what()));
     }
-    writeLate(database, spool, run, say);
+    writeLate(database, spool, run);
 }
 
 }  // namespace
 
-void setAside(Spool &spool, const RunRecord &run, const std::string &why, const Spool::Say &say) {
-    const std::string file = spool.refuse(run).string();
-    say(fmt::format("the store refuses the run {}: {}. Its record is kept in {}: mend what is wrong, then use qcstation"
-                    " store replay",
-                    run.id, why, file));
-}
-
-void writeLate(Database &database, Spool &spool, const RunRecord &run, const Spool::Say &say) try {
+void writeLate(Database &database, Spool &spool, const RunRecord &run) try {
     database.transact([&] { save(database, run); });
     spool.forget(run.id);
 } catch (const StoreAway &) {
     throw;
 } catch (const StoreError &error) {
-    setAside(spool, run, error.what(), say);
+    spool.refuse(run, error.what());
 }
 
 void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say &say) {
@@ -85,6 +76,9 @@ void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say
     for (const RunRecord &run : files ? files->left(keys) : std::vector<RunRecord>()) add(all, run);
     const std::set<std::string> doubtful = addRunning(database, keys, all);
     std::string interrupted, judged;
+    const auto unclear = [&](const std::string &id, const std::exception &error) {
+        say(fmt::format("what is known of the run {} cannot be put together: {}", id, error.what()));
+    };
     for (auto &[id, run] : all) try {
             complete(database, files, id, run);
             if (!run.ended() && doubtful.contains(id)) continue;
@@ -93,10 +87,12 @@ void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say
             (run.ended() ? judged : interrupted) += " " + id;
         } catch (const StoreAway &) {
             throw;
-        } catch (const RecordsError &) {
+        } catch (const StoreError &error) {
+            unclear(id, error);
+        } catch (const RecordsError &) {  // a file
             throw;
         } catch (const std::exception &error) {
-            say(fmt::format("what is known of the run {} cannot be put together: {}", id, error.what()));
+            unclear(id, error);
         }
     if (!interrupted.empty()) say("a station that died has left runs, which are now interrupted:" + interrupted);
     if (!judged.empty()) say("runs that had ended were brought up to date in store and results:" + judged);

@@ -15,9 +15,6 @@ void mend(Database &database, Spool &spool, FileRecords *files, const Spool::Say
 
 // Writes a record to the store, in a transaction of its own, and drops it from the spool. The run has ended, or its
 // process died. Sets a record aside that the store refuses. Throws StoreAway.
-void writeLate(Database &database, Spool &spool, const RunRecord &run, const Spool::Say &say);
-
-// Sets aside a record that the store refuses, for `qcstation store replay`, and reports it.
-void setAside(Spool &spool, const RunRecord &run, const std::string &why, const Spool::Say &say);
+void writeLate(Database &database, Spool &spool, const RunRecord &run);
 
 }  // namespace station

@@ -1,27 +1,22 @@
 // PostgreSQL. Statements are queued in libpq's pipeline: those of a transaction travel together, as do their answers.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <libpq-fe.h>
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <string_view>
 
 #include "station/base/descriptor.h"
 #include "station/store/driver.h"
+#include "station/store/sql.h"
 
 namespace station::postgresql {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-using Milliseconds = std::chrono::milliseconds;
 
 constexpr size_t kPrepared = 200;  // statements that the server keeps; the program has some fifty
 constexpr size_t kQueued = 256;    // statements that may be queued before their answers are fetched
@@ -45,22 +40,11 @@ constexpr Milliseconds kForSession{11000};  // to answer the first statement
 constexpr std::string_view kCancelled = "57014";
 
 // Defaults of the connection, which the address may override. The timeouts detect a server that vanished without a
-// close within seconds; kSession asks the server to detect a vanished client likewise.
+// close within seconds; session.postgresql.sql asks the server to detect a vanished client likewise.
 constexpr std::pair<const char *, const char *> kConnection[] = {
     {"connect_timeout", "3"},     {"tcp_user_timeout", "3000"}, {"keepalives_idle", "5"},
     {"keepalives_interval", "2"}, {"keepalives_count", "3"},    {"fallback_application_name", "qcstation"},
     {"client_encoding", "UTF8"}};
-
-// Settings of the session, as far as the server knows them. The timeouts free the locks of a station that loses its
-// power within a transaction before the other stations give up. random_page_cost is that of an SSD: with the default, a
-// query for one day of a million runs scans all of them.
-constexpr const char *kSession = R"(
-SELECT set_config(p.name, v.setting, false) FROM pg_settings p JOIN (VALUES
-    ('idle_in_transaction_session_timeout', '5s'), ('client_connection_check_interval', '2s'),
-    ('tcp_keepalives_idle', '5'), ('tcp_keepalives_interval', '2'), ('tcp_keepalives_count', '3'),
-    ('synchronous_commit', 'on'), ('work_mem', '64MB'), ('client_min_messages', 'warning'), ('random_page_cost', '1.1'),
-    ('TimeZone', 'UTC'), ('DateStyle', 'ISO'), ('bytea_output', 'hex'))
-    AS v(name, setting) ON p.name = v.name)";
 
 struct Close {
     void operator()(PGconn *connection) const { PQfinish(connection); }
@@ -85,7 +69,7 @@ std::map<std::string, std::string> partsOf(const std::string &name) {
 
 bool holdsNumbers(Oid type) {
     constexpr Oid kNumbers[] = {kBool, kInt8, kInt2, kInt4, kFloat4, kFloat8, kNumeric};
-    return std::find(std::begin(kNumbers), std::end(kNumbers), type) != std::end(kNumbers);
+    return std::ranges::find(kNumbers, type) != std::end(kNumbers);
 }
 
 // Returns the value in SQLite's form: 1 and 0, no NaN, "2026-11-21T17:30:00.120Z" for "2026-11-21 17:30:00.12+00".
@@ -135,7 +119,7 @@ public:
     void onlyAsk(Milliseconds limit) override;
     void interrupt() override {
         interrupted_ = true;
-        ::eventfd_write(wake_.descriptor(), 1);
+        hangUp();
     }
 
 private:
@@ -151,18 +135,17 @@ private:
     Result next();
     void take(const PGresult *result, Sent &sent);
     void noteError(const PGresult *result);
+    void hangUp() { ::shutdown(socket_.descriptor(), SHUT_RDWR); }
     [[noreturn]] void lost();
 
-    std::unique_ptr<PGconn, Close> connection_;
-    std::map<std::string, std::string> names_;  // of prepared statements, by their SQL
-    size_t counted_ = 0;                        // names that were ever given
+    std::unique_ptr<PGconn, Close> connection_;  // null: given up
+    Descriptor socket_{-1};                      // a duplicate of its own, for interrupt(): no other has its number
+    std::map<std::string, std::string> names_;   // of prepared statements, by their SQL
+    size_t counted_ = 0;                         // names that were ever given
     std::deque<Sent> pipeline_;
-    std::exception_ptr error_;                                         // the first one of the pipeline
-    const Descriptor wake_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};  // readable after interrupt()
-    std::atomic<bool> interrupted_ = false;
+    std::exception_ptr error_;         // the first one of the pipeline
     Milliseconds limit_{kForSession};  // of a wait for the server; 0: none
     Clock::time_point deadline_ = Clock::time_point::max();
-    bool asksOnly_ = false;
 };
 
 Postgresql::Postgresql(const std::string &name) {
@@ -178,7 +161,8 @@ Postgresql::Postgresql(const std::string &name) {
         connection_.get(), [](void *, const char *) {}, nullptr);
     if (PQstatus(connection_.get()) != CONNECTION_OK || PQsetnonblocking(connection_.get(), 1) != 0) lost();
     if (PQenterPipelineMode(connection_.get()) != 1) lost();
-    Postgresql::queue(kSession, {}, nullptr);
+    socket_ = Descriptor(::fcntl(PQsocket(connection_.get()), F_DUPFD_CLOEXEC, 0));
+    Postgresql::queue(std::string(sqlFile("session.postgresql")), {}, nullptr);
     Postgresql::finish();
     limit_ = Milliseconds(0);
 }
@@ -195,13 +179,12 @@ void Postgresql::onlyAsk(Milliseconds limit) {
     queue("SET plan_cache_mode = force_custom_plan", {}, nullptr);  // by this question's period
     giveUpAfter(limit);
     limit_ = 2 * limit;
-    asksOnly_ = true;
+    question_ = limit;
 }
 
 void Postgresql::lost() {
-    if (!interrupted_) throw StoreAway(inOneLine(PQerrorMessage(connection_.get())));
-    connection_.reset();  // the server notices it within seconds
-    throw interrupted();
+    if (interrupted_) throw tooSlow();  // the server notices it within seconds
+    throw StoreAway(connection_ ? inOneLine(PQerrorMessage(connection_.get())) : "the connection is lost");
 }
 
 void Postgresql::sent(int success, Sent what) {
@@ -226,41 +209,29 @@ void Postgresql::queue(const std::string &sql, const std::vector<Value> &values,
     std::vector<const char *> cells;
     cells.reserve(values.size());
     for (const Value &value : values) cells.push_back(value ? value->c_str() : nullptr);
-    const int count = int(cells.size());
-    PGconn *const to = connection_.get();
-    const int success = count == 0 ? PQsendQueryParams(to, sql.c_str(), 0, nullptr, nullptr, nullptr, nullptr, 0)
-                                   : PQsendQueryPrepared(to, prepared(sql, cells.size()).c_str(), count, cells.data(),
-                                                         nullptr, nullptr, 0);
-    sent(success, {std::move(answer), sql == "COMMIT"});
+    sent(PQsendQueryPrepared(connection_.get(), prepared(sql, cells.size()).c_str(), int(cells.size()), cells.data(),
+                             nullptr, nullptr, 0),
+         {std::move(answer), sql == "COMMIT"});
 }
 
 // Returns the next result; null at the end of a statement's results.
 Result Postgresql::next() {
     PGconn *const from = connection_.get();
     for (;;) {
-        if (interrupted_) lost();
         const int unsent = PQflush(from);
         if (unsent < 0) lost();
         if (!PQisBusy(from)) return Result(PQgetResult(from));
-        const auto left = std::chrono::ceil<Milliseconds>(deadline_ - Clock::now());
-        const int most = limit_.count() > 0 ? int(std::max<int64_t>(left.count(), 0)) : -1;
-        std::array<pollfd, 2> files = {
-            {{wake_.descriptor(), POLLIN, 0}, {PQsocket(from), short(POLLIN | (unsent > 0 ? POLLOUT : 0)), 0}}};
-        const int ready = ::poll(files.data(), files.size(), most);
-        if (ready < 0 && errno != EINTR) throw StoreAway(std::strerror(errno));
-        if (ready == 0) {
-            connection_.reset();
-            if (asksOnly_) throw TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 1000));
-            throw StoreAway(
-                fmt::format("the server does not answer: nothing came for {} seconds", limit_.count() / 1000));
-        }
-        if (files[1].revents != 0 && !PQconsumeInput(from)) lost();
+        if (!waitFor(socket_.descriptor(), short(POLLIN | (unsent > 0 ? POLLOUT : 0)), deadline_)) break;
+        if (!PQconsumeInput(from)) lost();
     }
+    hangUp();
+    connection_.reset();
+    if (question_.count() > 0) throw tooSlow();
+    throw StoreAway(fmt::format("the server does not answer: nothing came for {} seconds", limit_.count() / 1000));
 }
 
 void Postgresql::finish() {
-    if (!connection_ && !interrupted_) throw StoreAway("the connection is lost");
-    if (!connection_) lost();
+    if (!connection_ || interrupted_) lost();
     if (pipeline_.empty()) return;
     if (!PQpipelineSync(connection_.get())) lost();
     for (; !pipeline_.empty(); pipeline_.pop_front()) {
@@ -306,12 +277,13 @@ void Postgresql::noteError(const PGresult *result) {
     const std::string_view code = state ? state : "08";  // libpq's own: the connection
     const char *const primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
     const std::string words = inOneLine(primary ? primary : PQresultErrorMessage(result));
-    const bool away =
-        std::any_of(std::begin(kAway), std::end(kAway), [&](auto group) { return code.starts_with(group); });
-    if (asksOnly_ && code == kCancelled) {
-        error_ = std::make_exception_ptr(TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 2000)));
+    const auto isOfIt = [&](std::string_view group) { return code.starts_with(group); };
+    if (question_.count() > 0 && code == kCancelled) {
+        error_ = std::make_exception_ptr(tooSlow());
+    } else if (std::ranges::any_of(kAway, isOfIt)) {
+        error_ = std::make_exception_ptr(StoreAway(words));
     } else {
-        error_ = away ? std::make_exception_ptr(StoreAway(words)) : std::make_exception_ptr(StoreError(words));
+        error_ = std::make_exception_ptr(StoreError(words));
     }
 }
 

@@ -3,13 +3,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <random>
-#include <utility>
 
 #include "station/base/descriptor.h"
 #include "station/base/file.h"
@@ -24,7 +21,7 @@ namespace fs = std::filesystem;
 constexpr off_t kRoom = 64 << 10;  // bytes that are reserved for a record; a longer one needs a disk that is not full
 
 [[noreturn]] void fail(const fs::path &path, const char *what) {
-    throw RecordsError(fmt::format("cannot {} {}: {}", what, path.string(), std::strerror(errno)));
+    throw RecordsError(describeError(fmt::format("cannot {} {}", what, path.string())));
 }
 
 Descriptor openFile(const fs::path &path, int flags) {
@@ -33,22 +30,10 @@ Descriptor openFile(const fs::path &path, int flags) {
     return file;
 }
 
-void writeAll(int file, std::string_view bytes, const fs::path &path) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(file, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) fail(path, "keep a record in");
-        bytes.remove_prefix(written < 0 ? 0 : size_t(written));
-    }
-}
-
-// Makes the names of the folder's files durable.
-void syncFolder(const fs::path &folder) {
-    const Descriptor descriptor = openFile(folder, O_RDONLY | O_DIRECTORY);
-    if (::fsync(descriptor.descriptor()) != 0) fail(folder, "write to");
-}
-
-void renameTo(const fs::path &from, const fs::path &to) {
-    if (::rename(from.c_str(), to.c_str()) != 0) fail(to, "make");
+fs::path renamed(const fs::path &from, const char *extension) {
+    fs::path to = from;
+    if (::rename(from.c_str(), to.replace_extension(extension).c_str()) != 0) fail(to, "make");
+    return to;
 }
 
 // Returns the file's text; empty when there is no such file.
@@ -66,14 +51,11 @@ std::string newKey() {
     return fmt::format("{:08x}{:08x}", random(), random());
 }
 
-// Locks the file of a key; returns its descriptor, or -1 when another process has the lock. The lock ends with the
-// process, however that ends. The file is never removed: otherwise two processes could lock two files of one name.
-int lock(const fs::path &path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-    if (file < 0) fail(path, "open");
-    if (::flock(file, LOCK_EX | LOCK_NB) == 0) return file;
-    ::close(file);
-    return -1;
+// Locks the file of a key; returns no descriptor when another process has the lock. The lock ends with the process,
+// however that ends. The file is never removed: otherwise two processes could lock two files of one name.
+Descriptor lock(const fs::path &path) {
+    Descriptor file = openFile(path, O_RDWR | O_CREAT);
+    return ::flock(file.descriptor(), LOCK_EX | LOCK_NB) == 0 ? std::move(file) : Descriptor(-1);
 }
 
 }  // namespace
@@ -82,8 +64,8 @@ Spool::Spool(fs::path folder, Say say) : folder_(std::move(folder)), say_(std::m
     std::error_code error;
     fs::create_directories(folder_, error);
     for (const auto &entry : fs::directory_iterator(folder_, error)) {
-        const int file = isKey(entry.path()) ? lock(entry.path()) : -1;
-        if (file >= 0) locks_[entry.path().stem()] = file;
+        Descriptor file = isKey(entry.path()) ? lock(entry.path()) : Descriptor(-1);
+        if (file.descriptor() >= 0) locks_.emplace(entry.path().stem(), std::move(file));
     }
     std::vector<fs::path> files;
     for (const auto &entry : fs::directory_iterator(folder_, error)) files.push_back(entry.path());
@@ -92,16 +74,12 @@ Spool::Spool(fs::path folder, Say say) : folder_(std::move(folder)), say_(std::m
     key_ = locks_.begin()->first;
 }
 
-Spool::~Spool() {
-    for (const auto &[key, file] : locks_) ::close(file);
-}
-
 void Spool::lockNew() {
     const std::string key = newKey();
-    locks_[key] = lock(folder_ / (key + ".spool"));
+    locks_.emplace(key, lock(folder_ / (key + ".spool")));
 }
 
-// Takes over a file of a key that this process has locked. An earlier version kept statements in the key's file.
+// Takes over a file of a key that this process has locked.
 void Spool::adopt(const fs::path &path) {
     const std::string stem = path.stem(), key = stem.substr(0, stem.find('-'));
     std::error_code error;
@@ -109,10 +87,7 @@ void Spool::adopt(const fs::path &path) {
     if (path.extension() == ".room") fs::remove(path, error);
     if (path.extension() == ".json") waiting_[stem.substr(stem.find('-') + 1)] = stem;
     if (path.extension() != ".spool" || fs::file_size(path, error) == 0) return;
-    const fs::path old = folder_ / (key + "-statements");
-    fs::copy_file(path, old, fs::copy_options::overwrite_existing, error);
-    if (!error) fs::resize_file(path, 0, error);
-    setAside(old, "an earlier version of this program kept it, which alone can write it to the store");
+    say_(path.string() + " holds what version 1.0 of this program kept, which alone can write it to the store");
 }
 
 std::string Spool::key() const {
@@ -129,7 +104,6 @@ std::set<std::string> Spool::keys() const {
 
 void Spool::surrender(const std::string &key) {
     const Lock guard(mutex_);
-    ::close(locks_.at(key));
     locks_.erase(key);
     if (locks_.empty()) lockNew();
     key_ = locks_.begin()->first;
@@ -144,42 +118,42 @@ fs::path Spool::pathOf(const std::string &id, const char *extension) const {
 void Spool::reserve(const std::string &id) {
     const fs::path path = pathOf(id, ".room");
     const Descriptor file = openFile(path, O_WRONLY | O_CREAT);
-    if (::fallocate(file.descriptor(), FALLOC_FL_KEEP_SIZE, 0, kRoom) == 0 || errno == EOPNOTSUPP) return;
-    const int reason = std::exchange(errno, 0);
+    const int error = ::posix_fallocate(file.descriptor(), 0, kRoom);
+    if (error == 0) return;
     ::unlink(path.c_str());
-    errno = reason;
+    errno = error;
     fail(path, "reserve room for a record in");
 }
 
 void Spool::keep(const RunRecord &run) {
-    const fs::path room = pathOf(run.id, ".room"), path = pathOf(run.id, ".json");
+    const fs::path room = pathOf(run.id, ".room");
     const std::string text = dump(run) + "\n";
     const Descriptor file = openFile(room, O_WRONLY | O_CREAT);
-    writeAll(file.descriptor(), text, room);
-    // This also frees the reserved blocks beyond the end.
-    if (::ftruncate(file.descriptor(), off_t(text.size())) != 0 || ::fsync(file.descriptor()) != 0) {
+    errno = ENOSPC;  // the only reason to write less than all, and then not set
+    if (::write(file.descriptor(), text.data(), text.size()) != ssize_t(text.size()) ||
+        ::ftruncate(file.descriptor(), off_t(text.size())) != 0 || ::fsync(file.descriptor()) != 0) {
         fail(room, "keep a record in");
     }
-    renameTo(room, path);
-    syncFolder(folder_);
+    const fs::path kept = renamed(room, ".json");
+    if (::fsync(openFile(folder_, O_RDONLY | O_DIRECTORY).descriptor()) != 0) fail(folder_, "write to");
     const Lock guard(mutex_);
-    waiting_[run.id] = path.stem();
+    waiting_[run.id] = kept.stem();
 }
 
 void Spool::forget(const std::string &id) {
-    ::unlink(pathOf(id, ".room").c_str());
-    ::unlink(pathOf(id, ".json").c_str());
+    for (const char *const extension : {".room", ".json"}) ::unlink(pathOf(id, extension).c_str());
     const Lock guard(mutex_);
     waiting_.erase(id);
 }
 
-fs::path Spool::refuse(const RunRecord &run) {
+void Spool::refuse(const RunRecord &run, const std::string &why) {
     keep(run);
-    const fs::path path = pathOf(run.id, ".json");
-    fs::path refused = path;
-    renameTo(path, refused.replace_extension(".refused"));
+    const fs::path refused = renamed(pathOf(run.id, ".json"), ".refused");
     forget(run.id);
-    return refused;
+    say_(
+        fmt::format("the store refuses the run {}: {}. Its record is kept in {}: mend what is wrong, then use qcstation"
+                    " store replay",
+                    run.id, why, refused.string()));
 }
 
 std::string Spool::away() const { return fullness(folder_); }
@@ -197,19 +171,13 @@ std::vector<RunRecord> Spool::kept() {
         try {
             records.push_back(parseRecord(text));
         } catch (const std::runtime_error &error) {
-            setAside(path, error.what());
+            say_(fmt::format("{} cannot be read and is set aside: {}", renamed(path, ".refused").string(),
+                             error.what()));
             const Lock guard(mutex_);
             waiting_.erase(id);
         }
     }
     return records;
-}
-
-void Spool::setAside(const fs::path &path, const std::string &why) {
-    fs::path refused = path;
-    std::error_code error;
-    fs::rename(path, refused.replace_extension(".refused"), error);
-    say_(fmt::format("{} cannot be read and is set aside: {}", refused.string(), why));
 }
 
 size_t replay(const fs::path &folder, const std::function<void(const RunRecord &)> &take, const Spool::Say &say) {

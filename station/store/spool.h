@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "station/base/descriptor.h"
 #include "station/base/mutex.h"
 #include "station/run/record.h"
 
@@ -34,9 +35,6 @@ public:
     // Makes the folder if needed. Takes over every key in it that no living process holds; makes a key when there is
     // none. Calls `say` for files that it sets aside.
     Spool(std::filesystem::path folder, Say say);
-    ~Spool();
-    Spool(const Spool &) = delete;
-    Spool &operator=(const Spool &) = delete;
 
     std::string key() const;  // of this process
     // Returns the keys that this process is responsible for: its own, and those of dead processes.
@@ -51,8 +49,8 @@ public:
     void keep(const RunRecord &run);
     // Removes the run's record and its reserved blocks.
     void forget(const std::string &id);
-    // Keeps the record as one that the store refuses. Returns the file.
-    std::filesystem::path refuse(const RunRecord &run);
+    // Sets the record aside as one that the store refuses, for `qcstation store replay`, and reports it.
+    void refuse(const RunRecord &run, const std::string &why);
 
     // Returns why no more can be kept: the folder is gone, read-only or full. Empty when it can. Writes nothing.
     std::string away() const;
@@ -64,12 +62,11 @@ private:
     std::filesystem::path pathOf(const std::string &id, const char *extension) const;
     void lockNew() REQUIRES(mutex_);
     void adopt(const std::filesystem::path &path) REQUIRES(mutex_);
-    void setAside(const std::filesystem::path &path, const std::string &why);
 
     const std::filesystem::path folder_;
     const Say say_;
     mutable Mutex mutex_;
-    std::map<std::string, int> locks_ GUARDED_BY(mutex_);            // descriptors by key
+    std::map<std::string, Descriptor> locks_ GUARDED_BY(mutex_);     // by key
     std::string key_ GUARDED_BY(mutex_);                             // of locks_, this process's own
     std::map<std::string, std::string> waiting_ GUARDED_BY(mutex_);  // file names without extension, by the run's ID
 };

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <map>
 #include <set>
@@ -14,8 +13,6 @@
 
 namespace station::sqlite {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kBusy = 3000;  // milliseconds that another process may keep the file to itself
 constexpr int kInstructions =
@@ -33,18 +30,13 @@ struct Close {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, Close>;
 
+// Returns the value of a cell; a number as number() writes it.
 Value valueOf(sqlite3_stmt *row, int column) {
-    switch (sqlite3_column_type(row, column)) {
-    case SQLITE_NULL:
-        return std::nullopt;
-    case SQLITE_INTEGER:
-        return number(sqlite3_column_int64(row, column));
-    case SQLITE_FLOAT:
-        return number(sqlite3_column_double(row, column));
-    default:
-        const auto *const text = static_cast<const char *>(sqlite3_column_blob(row, column));
-        return std::string(text ? text : "", size_t(sqlite3_column_bytes(row, column)));
-    }
+    const int type = sqlite3_column_type(row, column);
+    if (type == SQLITE_NULL) return std::nullopt;
+    if (type == SQLITE_FLOAT) return number(sqlite3_column_double(row, column));
+    const auto *const text = static_cast<const char *>(sqlite3_column_blob(row, column));
+    return std::string(text ? text : "", size_t(sqlite3_column_bytes(row, column)));
 }
 
 // Returns the numbers that the aggregate has collected so far.
@@ -99,13 +91,13 @@ public:
     explicit Sqlite(const std::string &name);
 
     void queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) override;
-    void finish() override {}
     void rollBack() override {
         if (!sqlite3_get_autocommit(connection_.get())) queue("ROLLBACK", {}, {});
     }
-    void giveUpAfter(std::chrono::milliseconds) override {}  // nothing but a disk can hang
-    void onlyAsk(std::chrono::milliseconds limit) override;
-    void interrupt() override { interrupted_ = true; }
+    void onlyAsk(Milliseconds limit) override {
+        Driver::onlyAsk(limit);
+        queue("PRAGMA query_only = ON", {}, {});
+    }
 
 private:
     sqlite3_stmt *prepared(const std::string &sql);
@@ -114,9 +106,7 @@ private:
 
     std::unique_ptr<sqlite3, Close> connection_;
     std::map<std::string, Statement> statements_;
-    std::chrono::milliseconds limit_{0};  // of a question; 0: none
     Clock::time_point deadline_ = Clock::time_point::max();
-    std::atomic<bool> interrupted_ = false;
 };
 
 // Makes a new file with mode 0640, because it may contain keys; SQLite gives the files beside it the same mode. O_EXCL:
@@ -142,16 +132,9 @@ Sqlite::Sqlite(const std::string &name) {
     Sqlite::queue("PRAGMA cache_size = -32000", {}, {});  // kB
 }
 
-void Sqlite::onlyAsk(std::chrono::milliseconds limit) {
-    limit_ = limit;
-    queue("PRAGMA query_only = ON", {}, {});
-}
-
 void Sqlite::fail(int code) const {
     const std::string words = connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
-    if (interrupted_) throw interrupted();
-    if ((code & 0xFF) == SQLITE_INTERRUPT)
-        throw TooSlow(fmt::format("no answer within {} seconds", limit_.count() / 1000));
+    if (interrupted_ || (code & 0xFF) == SQLITE_INTERRUPT) throw tooSlow();
     if (kAway.contains(code & 0xFF)) throw StoreAway(words);
     throw StoreError(words);
 }
@@ -167,8 +150,8 @@ sqlite3_stmt *Sqlite::prepared(const std::string &sql) {
 }
 
 void Sqlite::queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) {
-    if (interrupted_) throw interrupted();
-    if (limit_.count() > 0) deadline_ = Clock::now() + limit_;
+    if (interrupted_) throw tooSlow();
+    if (question_.count() > 0) deadline_ = Clock::now() + question_;
     sqlite3_stmt *const statement = prepared(sql);
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> used(statement, sqlite3_reset);
     sqlite3_clear_bindings(statement);

@@ -10,6 +10,7 @@
 #include "station/store/mend.h"
 #include "station/store/pool.h"
 #include "station/store/save.h"
+#include "station/store/sql.h"
 
 namespace station {
 namespace {
@@ -21,38 +22,14 @@ constexpr Seconds kSilence{30};      // of a living process with a board in work
 constexpr Seconds kGone{24 * 3600};  // a station that was not seen for so long runs nothing any more
 constexpr Seconds kGhost{15};        // after which a server has noticed that a connection is dead
 constexpr Seconds kPoolsLook{3600};  // between two looks at what is left of the pools, which count a week of units
-constexpr char kRunsOfUnit[] =       // those that count, the last one first, whatever the stations' clocks said
-    "SELECT r.verdict, r.ended, r.place, r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit"
-    " JOIN stations s ON s.id = r.station WHERE u.serial = $1 AND r.plan = $2 AND r.attempt IS NOT NULL"
-    " ORDER BY r.id DESC LIMIT 100";
-
-// Returns the time in SQL by the store's own clock, as the clocks of stations differ.
-std::string clockOf(const Database &database) {
-    return database.shared() ? "CURRENT_TIMESTAMP" : "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')";
-}
 
 // Returns an SQL condition: the station s was seen within the last `ago` seconds.
-std::string wasSeen(const Database &database, Seconds ago) {
-    return database.shared()
-               ? fmt::format("s.seen > CURRENT_TIMESTAMP - interval '{} seconds'", ago.count())
-               : fmt::format("s.seen > strftime('%Y-%m-%dT%H:%M:%fZ', 'now', '-{} seconds')", ago.count());
-}
+std::string wasSeen(const Database &database, Seconds ago) { return "s.seen > " + database.timeBefore(ago); }
 
-// Throws Refusal when another process that was active lately has the unit in work.
-void refuseInWork(Database &database, const std::string &serial, const std::string &key) {
-    const Table found = database.ask(
-        "SELECT r.place_name, s.name FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON s.id = r.station"
-        " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
-            wasSeen(database, kSilence),
-        {serial, key});
-    if (found.empty()) return;
-    throw Refusal(fmt::format("the unit {} is in work at place {} of the station {}", serial, *found.rows[0][0],
-                              *found.rows[0][1]));
-}
-
+// Looks at the runs that count, the last one first.
 UnitHistory historyOf(Database &database, const RunRecord &run) {
     UnitHistory history;
-    for (const auto &row : database.ask(kRunsOfUnit, {text(run.unit), text(run.plan)}).rows) {
+    for (const auto &row : database.ask(std::string(sqlFile("runs_of_unit")), {text(run.unit), text(run.plan)}).rows) {
         if (history.where.empty()) {
             history.when = parseIsoTime(row[1].value_or("")).value_or(run.start);
             history.where = nameOf(Place{std::stoi(*row[2]), *row[3]});
@@ -64,24 +41,39 @@ UnitHistory historyOf(Database &database, const RunRecord &run) {
     return history;
 }
 
-// Throws Refusal when the serial number belongs to a unit of another product: the label may be the wrong one.
-void refuseOtherProduct(Database &database, const RunRecord &run) {
-    const auto product = run.variables.find("product");
-    if (product == run.variables.end() || product->second.empty()) return;
-    const Table found = database.ask("SELECT product FROM units WHERE serial = $1 AND product <> $2",
-                                     {text(run.unit), text(product->second)});
-    if (found.empty()) return;
-    throw Refusal(fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check"
-                              " the label. Products that count alike need the product in their serial numbers",
-                              run.unit, *found.rows[0][0], product->second));
+// Locks the key (16 hexadecimal digits) until the connection ends. Returns false when another connection has the lock.
+// SQLite needs none: its processes are on one machine, where the spool's own lock decides.
+bool holdsKey(Database &database, const std::string &key) {
+    if (!database.shared()) return true;
+    const Value number = station::number(static_cast<int64_t>(std::stoull(key, nullptr, 16)));
+    return !database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {number}).empty();
 }
 
-template <typename Call>
-auto asRecordsError(Call &&call) {
-    try {
-        return call();
-    } catch (const StoreError &error) {
-        throw RecordsError(error.what());
+std::string productOf(const RunRecord &run) {
+    const auto product = run.variables.find("product");
+    return product == run.variables.end() ? "" : product->second;
+}
+
+// Throws Refusal when another process that was active lately has the unit in work, or when the serial number belongs to
+// a unit of another product: the label may be the wrong one.
+void refuseTaken(Database &database, const RunRecord &run) {
+    const std::string product = productOf(run);  // an empty one becomes NULL, from which no product differs
+    const Table found =
+        database.ask("SELECT r.place_name, s.name, NULL FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON "
+                     "s.id = r.station"
+                     " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
+                         wasSeen(database, kSilence) +
+                         " UNION ALL SELECT NULL, NULL, product FROM units WHERE serial = $1 AND product <> $3",
+                     {text(run.unit), run.station.key, text(product)});
+    for (const auto &row : found.rows) {
+        if (row[0]) {
+            throw Refusal(
+                fmt::format("the unit {} is in work at place {} of the station {}", run.unit, *row[0], *row[1]));
+        }
+        throw Refusal(fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}:"
+                                  " check the label. Products that count alike need the product in their serial"
+                                  " numbers",
+                                  run.unit, *row[2], product));
     }
 }
 
@@ -118,8 +110,8 @@ void StoreRecords::greet(Database &database, bool fresh) {
         mended_ = true;
     }
     if (fresh) introduce(database);
-    for (const RunRecord &run : spool_.kept()) writeLate(database, spool_, run, sayer());
-    retryUnkept([&](const RunRecord &run) { writeLate(database, spool_, run, sayer()); });
+    for (const RunRecord &run : spool_.kept()) writeLate(database, spool_, run);
+    retryUnkept([&](const RunRecord &run) { writeLate(database, spool_, run); });
     heartbeat(database);
     warnOfPools(database);
 }
@@ -142,20 +134,12 @@ void StoreRecords::holdKeys(Database &database) {
 }
 
 void StoreRecords::introduce(Database &database) {
-    database.run("INSERT INTO stations (key, name, seen) VALUES ($1, $2, " + clockOf(database) +
+    database.run("INSERT INTO stations (key, name, seen) VALUES ($1, $2, " + database.timeBefore(Seconds(0)) +
                      ") ON CONFLICT (key) DO UPDATE SET name = excluded.name, seen = excluded.seen",
                  {spool_.key(), text(machine_)});
     database.run("UPDATE runs SET verdict = 'interrupted' WHERE verdict = 'running'"
                  " AND station IN (SELECT s.id FROM stations s WHERE NOT " +
                  wasSeen(database, kGone) + ")");
-}
-
-// Locks the key (16 hexadecimal digits) until the connection ends. Returns false when another connection has the lock.
-// SQLite needs none: its processes are on one machine, where the spool's own lock decides.
-bool StoreRecords::holdsKey(Database &database, const std::string &key) {
-    if (!database.shared()) return true;
-    const auto number = static_cast<int64_t>(std::stoull(key, nullptr, 16));
-    return !database.ask("SELECT 1 WHERE pg_try_advisory_lock(CAST($1 AS BIGINT))", {station::number(number)}).empty();
 }
 
 // Renews the station's `seen`. A line without a board in work writes nothing.
@@ -164,7 +148,7 @@ void StoreRecords::heartbeat(Database &database) {
         const Lock lock(mutex_);
         if (inWork_.empty() || Clock::now() < lastSeen_ + kHeartbeat) return;
     }
-    database.run("UPDATE stations SET seen = " + clockOf(database) + " WHERE key = $1", {spool_.key()});
+    database.run("UPDATE stations SET seen = " + database.timeBefore(Seconds(0)) + " WHERE key = $1", {spool_.key()});
     lastSeen_ = Clock::now();
 }
 
@@ -209,10 +193,10 @@ StoreRecords::Shared StoreRecords::mine(RunRecord run) const {
     return std::make_shared<const RunRecord>(std::move(run));
 }
 
-StoreRecords::Course StoreRecords::courseOf(const RunRecord &run) {
+std::shared_ptr<StoreRecords::Course> StoreRecords::courseOf(const RunRecord &run) {
     const Lock lock(mutex_);
     const auto course = inWork_.find(run.id);
-    return course == inWork_.end() ? Course() : course->second;
+    return course == inWork_.end() ? std::make_shared<Course>() : course->second;
 }
 
 void StoreRecords::begins(const RunRecord &begun) {
@@ -220,10 +204,10 @@ void StoreRecords::begins(const RunRecord &begun) {
     spool_.reserve(run->id);
     {
         const Lock lock(mutex_);
-        inWork_[run->id] = {};
+        inWork_[run->id] = std::make_shared<Course>();
     }
     try {
-        asRecordsError([&] { writer_.now({[run](Database &store) { save(store, *run, true); }}); });
+        writer_.now({[run](Database &store) { save(store, *run, true); }});
         if (files_) files_->begins(*run);
     } catch (const RecordsError &) {
         forget(run->id);
@@ -245,35 +229,24 @@ void StoreRecords::forget(const std::string &id) {
 void StoreRecords::asUnit(const RunRecord &named, const std::string &pool,
                           const std::function<void(Database &, const RunRecord &)> &take) {
     const Shared run = mine(unfinished(named));
-    const Course course = courseOf(named);
-    const auto variable = named.variables.find("product");
-    const std::string product = variable == named.variables.end() ? "" : variable->second;
-    const bool known = course.unit == named.unit && course.product == product;
+    const auto course = courseOf(named);
+    const std::string product = productOf(named);
+    const bool known = course->unit == named.unit && course->product == product;
     const auto write = [=](Database &store) {
         store.lock("unit " + *text(run->unit));
-        refuseInWork(store, *text(run->unit), run->station.key);  // another may have taken it while this one was away
-        if (!known) {
-            refuseOtherProduct(store, *run);
-            save(store, *run, true, run->steps.size());
-        }
+        refuseTaken(store, *run);  // another may have taken it while this one was away
+        if (!known) save(store, *run, true, run->steps.size());
         take(store, *run);
     };
     writer_.now({write, {}, pool});
-    const Lock lock(mutex_);
-    if (const auto found = inWork_.find(run->id); found != inWork_.end()) {
-        found->second.unit = run->unit;
-        found->second.product = product;
-    }
+    course->unit = run->unit;
+    course->product = product;
 }
 
 // Takes the unit from the run in the store, where other stations see it in work.
 void StoreRecords::release(const RunRecord &named) {
+    if (std::exchange(courseOf(named)->unit, "").empty()) return;
     const Shared run = mine(unfinished(named));
-    {
-        const Lock lock(mutex_);
-        const auto found = inWork_.find(run->id);
-        if (found == inWork_.end() || std::exchange(found->second.unit, "").empty()) return;
-    }
     writer_.later({[run](Database &store) { save(store, *run, true, run->steps.size()); }});
 }
 
@@ -285,8 +258,8 @@ std::optional<UnitHistory> StoreRecords::named(const RunRecord &run) try {
     const auto history = std::make_shared<UnitHistory>();
     asUnit(run, "*", [=](Database &database, const RunRecord &known) { *history = historyOf(database, known); });
     return *history;
-} catch (const Refusal &error) {
-    throw RecordsError(error.what());
+} catch (const Refusal &) {
+    throw;
 } catch (const StoreError &) {  // away: neither the other stations nor its earlier runs are known
     return std::nullopt;
 }
@@ -294,13 +267,11 @@ std::optional<UnitHistory> StoreRecords::named(const RunRecord &run) try {
 std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRecord &run, int count) {
     if (run.unit.empty()) throw RecordsError(fmt::format("\"{}\" is given to a unit, whose serial is not known", pool));
     const auto given = std::make_shared<std::shared_ptr<Given>>();
-    auto values = asRecordsError([&] {
-        asUnit(run, pool, [=](Database &database, const RunRecord &taker) {
-            *given = take(database, pool, *text(taker.unit), taker.id, count);
-        });
-        return valuesOf(**given);
+    asUnit(run, pool, [=](Database &database, const RunRecord &taker) {
+        *given = take(database, pool, *text(taker.unit), taker.id, count);
     });
     const Given &found = **given;
+    auto values = valuesOf(found);
     if (found.had > 0) {
         say(fmt::format(
             "the unit {} had {} addresses of the pool \"{}\", which are no block of {}: it has new ones now", run.unit,
@@ -314,12 +285,11 @@ std::vector<std::string> StoreRecords::bind(const std::string &pool, const RunRe
 
 AddressOwner StoreRecords::ownerOf(const std::string &address, const RunRecord &run) {
     const auto found = std::make_shared<AddressOwner>();
-    const auto look = [=, unit = text(run.unit)](Database &database) {
+    writer_.now({[=, unit = text(run.unit)](Database &database) {
         const Table owner = database.ask("SELECT serial FROM addresses WHERE address = $1", {address});
         found->unit = owner.empty() ? "" : *owner.rows[0][0];
         found->hasOthers = !database.ask("SELECT 1 FROM addresses WHERE serial = $1 LIMIT 1", {unit}).empty();
-    };
-    asRecordsError([&] { writer_.now({look}); });
+    }});
     return *found;
 }
 
@@ -334,9 +304,9 @@ bool StoreRecords::isNews(const std::string &pool, int64_t left) {
 
 void StoreRecords::stepEnded(const RunRecord &ended, size_t step) {
     const Shared run = mine(unfinished(ended));
-    const auto stored = courseOf(ended).steps;
+    const auto course = courseOf(ended);
     if (files_) files_->stepEnded(*run, step);
-    writer_.later({[=](Database &store) { saveSteps(store, *run, *stored); }, [=] { *stored = step + 1; }});
+    writer_.later({[=](Database &store) { saveSteps(store, *run, course->steps); }, [=] { course->steps = step + 1; }});
 }
 
 void StoreRecords::ends(const RunRecord &ended) {
@@ -361,27 +331,21 @@ void StoreRecords::ends(const RunRecord &ended) {
 
 // Writes the end of a run to the store, otherwise to the spool. Returns false and adds the reasons when both fail.
 bool StoreRecords::persist(const Shared &run, std::string &why) {
-    const auto add = [&](const std::string &reason) { why += (why.empty() ? "" : "; and ") + reason; };
-    std::string refusal;
+    std::string away, refusal;
     try {
-        writer_.now({[run, steps = courseOf(*run).steps](Database &store) { save(store, *run, false, *steps); }});
+        writer_.now({[run, course = courseOf(*run)](Database &store) { save(store, *run, false, course->steps); }});
         spool_.forget(run->id);
         return true;
     } catch (const StoreAway &error) {
-        add(error.what());
+        away = error.what();
     } catch (const StoreError &error) {
         refusal = error.what();
     }
     try {
-        if (refusal.empty()) {
-            spool_.keep(*run);
-        } else {
-            setAside(spool_, *run, refusal, sayer());
-        }
+        refusal.empty() ? spool_.keep(*run) : spool_.refuse(*run, refusal);
         return true;
     } catch (const RecordsError &error) {
-        if (!refusal.empty()) add(refusal);
-        add(error.what());
+        why += fmt::format("{}{}; and {}", why.empty() ? "" : "; and ", away + refusal, error.what());
         return false;
     }
 }

@@ -29,7 +29,6 @@
 // settles the runs (mend.h): a run whose end is in any of the three has ended; every other one is interrupted.
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -62,23 +61,21 @@ public:
     void ends(const RunRecord &ended) override;
 
 private:
-    using Clock = std::chrono::steady_clock;
     using Shared = std::shared_ptr<const RunRecord>;
-    struct Course {                           // of a run in work
-        std::string unit = {}, product = {};  // that the store knows it by
-        std::shared_ptr<std::atomic<size_t>> steps = std::make_shared<std::atomic<size_t>>(0);  // that it has
+    struct Course {                     // of a run in work; its board's thread alone uses the texts
+        std::string unit, product;      // that the store knows it by
+        std::atomic<size_t> steps = 0;  // that the store has
     };
 
     // In the writer's thread:
     void greet(Database &database, bool fresh);
     void holdKeys(Database &database);
     void introduce(Database &database);
-    bool holdsKey(Database &database, const std::string &key);
     void heartbeat(Database &database);
     void warnOfPools(Database &database);
 
     Shared mine(RunRecord run) const;
-    Course courseOf(const RunRecord &run);
+    std::shared_ptr<Course> courseOf(const RunRecord &run);
     void asUnit(const RunRecord &named, const std::string &pool,
                 const std::function<void(Database &, const RunRecord &)> &take);
     void release(const RunRecord &named);
@@ -91,10 +88,10 @@ private:
         return [this](const std::string &trouble) { say(trouble); };
     }
 
-    Mutex mutex_;                                              // of what follows
-    std::map<std::string, Course> inWork_ GUARDED_BY(mutex_);  // by the run's ID
-    std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);   // what was left of a pool when it was last said
-    std::vector<Shared> unkept_ GUARDED_BY(mutex_);            // nothing has taken their ends
+    Mutex mutex_;                                                               // of what follows
+    std::map<std::string, std::shared_ptr<Course>> inWork_ GUARDED_BY(mutex_);  // by the run's ID
+    std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);  // what was left of a pool when it was last said
+    std::vector<Shared> unkept_ GUARDED_BY(mutex_);           // nothing has taken their ends
     std::function<void(const std::string &)> trouble_ GUARDED_BY(mutex_);
     std::vector<std::string> unsaid_ GUARDED_BY(mutex_);  // while nobody listened
 

@@ -18,13 +18,6 @@ constexpr Seconds kPatience{10};                // after which a store counts as
 
 }  // namespace
 
-void Writer::Job::settle(const std::exception_ptr &error) {
-    if (std::exchange(done, true)) return;
-    if (error) return promise.set_exception(error);
-    if (change.written) change.written();
-    promise.set_value();
-}
-
 Writer::Writer(std::string store, Greeting greeting, Database::Say say)
     : store_(std::move(store)), greeting_(std::move(greeting)), say_(std::move(say)) {
     round({});
@@ -52,28 +45,26 @@ std::string Writer::away() const {
     return busySince_ < Clock::now() - kPatience ? silence() : away_;
 }
 
-void Writer::later(Change change) { submit(std::move(change)); }
-
 void Writer::now(Change change) {
-    const auto job = submit(std::move(change));
+    std::future<void> done = later(std::move(change));
     auto deadline = Clock::now();
     {
         const Lock lock(mutex_);
         deadline = std::min(deadline, busySince_) + kPatience;
     }
-    std::future<void> done = job->promise.get_future();
     if (done.wait_until(deadline) != std::future_status::ready) throw StoreAway(silence());
     done.get();
 }
 
-std::shared_ptr<Writer::Job> Writer::submit(Change change) {
-    auto job = std::make_shared<Job>(Job{std::move(change)});
+std::future<void> Writer::later(Change change) {
+    Job job{std::move(change), {}};
+    std::future<void> done = job.promise.get_future();
     {
         const Lock lock(mutex_);
-        queue_.push_back(job);
+        queue_.push_back(std::move(job));
     }
     changed_.notifyAll();
-    return job;
+    return done;
 }
 
 void Writer::loop() {
@@ -81,10 +72,10 @@ void Writer::loop() {
     do {
         changed_.waitUntil(lock, Clock::now() + (away_.empty() ? kIdle : kRetry),
                            [&]() REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });
-        const Jobs jobs = std::exchange(queue_, {});
+        Jobs jobs = std::exchange(queue_, {});
         busySince_ = Clock::now();
         lock.unlock();
-        round(jobs);
+        round(std::move(jobs));
         lock.lock();
         busySince_ = Clock::time_point::max();
         // Changes that arrive during this pause share a transaction.
@@ -92,12 +83,12 @@ void Writer::loop() {
     } while (!stopping_ || !queue_.empty());
 }
 
-void Writer::round(const Jobs &jobs) {
+void Writer::round(Jobs jobs) {
     std::string why;
     try {
         if (Clock::now() < retry_) throw StoreAway(away());
         connect();
-        writeTogether(jobs);
+        writeAll(jobs);
     } catch (const std::exception &error) {
         database_.reset();
         why = error.what();
@@ -106,13 +97,11 @@ void Writer::round(const Jobs &jobs) {
             retry_ = Clock::now() + kRetry;
         }
     }
-    setAway(why);
-    for (const auto &job : jobs) job->settle(std::make_exception_ptr(StoreAway(why)));
-}
-
-void Writer::setAway(const std::string &why) {
-    const Lock lock(mutex_);
-    away_ = why;
+    {
+        const Lock lock(mutex_);
+        away_ = why;
+    }
+    for (Job &job : jobs) job.promise.set_exception(std::make_exception_ptr(StoreAway(why)));
 }
 
 void Writer::connect() {
@@ -124,34 +113,35 @@ void Writer::connect() {
 
 // Writes all changes in one transaction; if that fails, each in its own, so that a bad one spoils no other. Sorts those
 // that lock a pool to the front, by pool: no station then waits for a pool while it holds what another one needs.
-void Writer::writeTogether(const Jobs &jobs) {
+void Writer::writeAll(Jobs &jobs) {
     if (jobs.empty()) return (void)database_->ask("SELECT 1");  // else nobody would notice that it is away
-    Jobs all = jobs;
-    std::stable_sort(all.begin(), all.end(), [](const auto &a, const auto &b) {
-        return std::pair(a->change.lock.empty(), a->change.lock) < std::pair(b->change.lock.empty(), b->change.lock);
-    });
+    std::ranges::stable_sort(jobs, {},
+                             [](const Job &job) { return std::pair(job.change.lock.empty(), job.change.lock); });
     try {
-        database_->transact([&] {
-            for (const auto &job : all) job->change.write(*database_);
-        });
-        for (const auto &job : all) job->settle({});
-        return;
+        return write(jobs, jobs.size());
     } catch (const StoreAway &) {
         database_.reset();
     } catch (const StoreError &) {  // the connection is sound
     }
     connect();
-    for (const auto &job : all) writeAlone(*job);
+    while (!jobs.empty()) try {
+            write(jobs, 1);
+        } catch (const StoreAway &) {
+            throw;
+        } catch (const StoreError &) {
+            jobs.front().promise.set_exception(std::current_exception());
+            jobs.pop_front();
+        }
 }
 
-void Writer::writeAlone(Job &job) {
-    try {
-        database_->transact([&] { job.change.write(*database_); });
-        job.settle({});
-    } catch (const StoreAway &) {
-        throw;
-    } catch (const StoreError &) {
-        job.settle(std::current_exception());
+// Writes the first changes in one transaction, and drops them.
+void Writer::write(Jobs &jobs, size_t count) {
+    database_->transact([&] {
+        for (size_t i = 0; i < count; ++i) jobs[i].change.write(*database_);
+    });
+    for (; count > 0; --count, jobs.pop_front()) {
+        if (jobs.front().change.written) jobs.front().change.written();
+        jobs.front().promise.set_value();
     }
 }
 

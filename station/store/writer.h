@@ -6,15 +6,15 @@
 //     writer.later({[=](Database &store) { save(store, run, true); }});       // returns at once
 //     writer.now({[=](Database &store) { save(store, run); }});               // returns when it is durable
 
-#include <chrono>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "station/base/mutex.h"
+#include "station/base/time.h"
 #include "station/store/database.h"
 
 namespace station {
@@ -44,31 +44,25 @@ public:
 
     // Returns why nothing can be written at present; empty when it can.
     std::string away() const;
-    // Queues a change, which is never written if the store stays away.
-    void later(Change change);
+    // Queues a change, which is never written if the store stays away. Returns its outcome, as now() has it.
+    std::future<void> later(Change change);
     // Writes a change, and returns when it is durable. Throws StoreAway when the store is away or takes too long; the
     // change may then still be written. Otherwise throws what `write` threw, or the database's error.
     void now(Change change);
 
 private:
-    using Clock = std::chrono::steady_clock;
     struct Job {
         Change change;
-        std::promise<void> promise{};
-        bool done = false;  // the promise is kept
-
-        void settle(const std::exception_ptr &error);
+        std::promise<void> promise;
     };
-    using Jobs = std::vector<std::shared_ptr<Job>>;
+    using Jobs = std::deque<Job>;
 
-    std::shared_ptr<Job> submit(Change change);
     void loop();
-    void round(const Jobs &jobs);
+    void round(Jobs jobs);
     void connect();
-    void writeTogether(const Jobs &jobs);
-    void writeAlone(Job &job);
+    void writeAll(Jobs &jobs);
+    void write(Jobs &jobs, size_t count);
     std::string silence() const;
-    void setAway(const std::string &why);
 
     const std::string store_;
     const Greeting greeting_;
