@@ -189,8 +189,8 @@ Table measuredValues(Database &database, const Filter &filter, const std::string
         return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);
     });
     Filter one = filter;
-    Table all =
-        Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", name, words);  // without rows
+    // The head, without rows. It needs a name: without one, the database would read all values.
+    Table all = Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", "-", words);
     for (const auto &row : names) {
         one.plan = *row[1];
         const Table found = Question(one).askReadings(database, "values", *row[0], words);
