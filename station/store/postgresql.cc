@@ -40,7 +40,7 @@ constexpr Milliseconds kForSession{11000};  // to answer the first statement
 constexpr std::string_view kCancelled = "57014";
 
 // Defaults of the connection, which the address may override. The timeouts detect a server that vanished without a
-// close within seconds; session.postgresql.sql asks the server to detect a vanished client likewise.
+// close within seconds; the session's settings ask the server to detect a vanished client likewise.
 constexpr std::pair<const char *, const char *> kConnection[] = {
     {"connect_timeout", "3"},     {"tcp_user_timeout", "3000"}, {"keepalives_idle", "5"},
     {"keepalives_interval", "2"}, {"keepalives_count", "3"},    {"fallback_application_name", "qcstation"},
@@ -162,7 +162,7 @@ Postgresql::Postgresql(const std::string &name) {
     if (PQstatus(connection_.get()) != CONNECTION_OK || PQsetnonblocking(connection_.get(), 1) != 0) lost();
     if (PQenterPipelineMode(connection_.get()) != 1) lost();
     socket_ = Descriptor(::fcntl(PQsocket(connection_.get()), F_DUPFD_CLOEXEC, 0));
-    Postgresql::queue(std::string(sqlFile("session.postgresql")), {}, nullptr);
+    Postgresql::queue(sqlOf(true, "session"), {}, nullptr);
     Postgresql::finish();
     limit_ = Milliseconds(0);
 }

@@ -29,7 +29,8 @@ std::string wasSeen(const Database &database, Seconds ago) { return "s.seen > " 
 // Looks at the runs that count, the last one first.
 UnitHistory historyOf(Database &database, const RunRecord &run) {
     UnitHistory history;
-    for (const auto &row : database.ask(std::string(sqlFile("runs_of_unit")), {text(run.unit), text(run.plan)}).rows) {
+    for (const auto &row :
+         database.ask(sqlOf(database.shared(), "runs_of_unit"), {text(run.unit), text(run.plan)}).rows) {
         if (history.where.empty()) {
             history.when = parseIsoTime(row[1].value_or("")).value_or(run.start);
             history.where = nameOf(Place{std::stoi(*row[2]), *row[3]});
