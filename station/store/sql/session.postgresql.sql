@@ -1,6 +1,6 @@
--- Settings of the session, as far as the server knows them. The timeouts free the locks of a station that loses its power
--- within a transaction before the other stations give up. random_page_cost is that of an SSD: with the default, a query
--- for one day of a million runs scans all of them.
+-- Settings of the session, as far as the server knows them. The timeouts free the locks of a station that loses its
+-- power within a transaction before the other stations give up. random_page_cost is that of an SSD: with the default, a
+-- query for one day of a million runs scans all of them.
 SELECT set_config(p.name, v.setting, false) FROM pg_settings p JOIN (VALUES
     ('idle_in_transaction_session_timeout', '5s'), ('client_connection_check_interval', '2s'),
     ('tcp_keepalives_idle', '5'), ('tcp_keepalives_interval', '2'), ('tcp_keepalives_count', '3'),
