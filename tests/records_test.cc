@@ -287,8 +287,8 @@ TEST_P(Station, GoesOnFromABackupWithoutGivingAnAddressTwice) {
         " && createdb copy && pg_restore --dbname=copy {1}";
     const auto copyStore = [&] {
         if (!shared_) return backUp(store_, copy);
-        const std::string line = fmt::format(fmt::runtime(dump), folder_.string(), copy.string());
-        EXPECT_EQ(std::system(line.c_str()), 0);
+        const std::string command = fmt::format(fmt::runtime(dump), folder_.string(), copy.string());
+        EXPECT_EQ(std::system(command.c_str()), 0);
     };
     const std::string first = give("before");
     std::set<std::string> given = {first};
