@@ -33,27 +33,27 @@ steps:
      hint: See <b>cable 7</b>, picture: plug.png}
   - {send: BYE, expect: BYE, closes: true}
 '''
+LINE = f'''listen: 127.0.0.1:{PORT}
+places: 2
+plan: plan.yaml
+store: line.db
+page: {{listen: "0.0.0.0:{PAGE}", token: long%41enough}}
+'''
 # Hints that end before their last line.
 CUT = '''
     return [...document.querySelectorAll('.tile .hint')].filter(hint => hint.scrollHeight > hint.clientHeight + 2)
         .map(hint => hint.textContent);'''
 
 
-class Board(threading.Thread):
-    """Connects from an address of its own, and answers like converse()."""
+def board(number, **replies):
+    """Connects from an address of its own, and answers like converse(). Returns the connection."""
+    connection = socket.create_connection(('127.0.0.1', PORT), PATIENCE, (f'127.0.0.{number + 1}', 0))
 
-    def __init__(self, number, **replies):
-        super().__init__(daemon=True)
-        self.socket = socket.socket()
-        self.socket.settimeout(PATIENCE)
-        self.socket.bind((f'127.0.0.{number + 1}', 0))
-        self.replies = replies
-        self.start()
+    def answer():
+        with connection: converse(connection, replies)
 
-    def run(self):
-        self.socket.connect(('127.0.0.1', PORT))
-        converse(self.socket, self.replies)
-        self.socket.close()
+    threading.Thread(target=answer, daemon=True).start()
+    return connection
 
 
 class Page(unittest.TestCase):
@@ -64,9 +64,6 @@ class Page(unittest.TestCase):
         os.chdir(cls.folder)
         write('plan.yaml', PLAN)
         shutil.copy(ROOT + '/docs/page.png', 'plug.png')
-        with open('line.yaml', 'w') as file:
-            file.write(f'listen: 127.0.0.1:{PORT}\nplaces: 2\nplan: plan.yaml\nstore: line.db\n'
-                       f'page: {{listen: "0.0.0.0:{PAGE}", token: long%41enough}}\n')
         options = webdriver.ChromeOptions()
         options.binary_location = '/usr/bin/chromium'
         for argument in ('--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage',
@@ -91,7 +88,8 @@ class Page(unittest.TestCase):
     def tearDown(self):
         self.assertIn(self.end(signal.SIGTERM), (0, 5))
 
-    def start(self):
+    def start(self, line=LINE):
+        write('line.yaml', line)
         self.station = subprocess.Popen([os.environ['BUILD'] + '/qcstation', 'serve', 'line.yaml'],
                                         stdout=subprocess.PIPE, text=True)
         for line in self.station.stdout:
@@ -129,7 +127,7 @@ class Page(unittest.TestCase):
 
     def serve(self, place, serial, verdict, *words, **replies):
         """Has an operator name a board that comes to a place."""
-        Board(place, **replies)
+        board(place, **replies)
         self.asked(f'board {place}')
         self.type(serial, Keys.ENTER)
         self.sees(place, verdict, serial, *words)
@@ -156,9 +154,9 @@ class Page(unittest.TestCase):
     def test_two_boards_pass_and_fail(self):
         """An operator scans two units, one of them wrongly at first, and sees which is good."""
         self.sees(1, 'Waiting')
-        Board(1)
+        board(1)
         self.asked('board 1')
-        Board(2, PING='PING <script>document.title="taken"</script>')
+        board(2, PING='PING <script>document.title="taken"</script>')
         self.sees(2, 'Scan the label')
         self.type('no!', Keys.ENTER)
         self.until(lambda: 'does not look right' in self.notice())
@@ -180,12 +178,12 @@ class Page(unittest.TestCase):
 
     def test_a_scan_reaches_the_board_that_was_shown(self):
         """Half a serial is typed; then somebody else answers, the board leaves, or a board asks only now."""
-        def elsewhere(board): self.assertEqual(self.answer(1, self.question(1), 'C-1'), 200)
-        def leaves(board): board.socket.shutdown(socket.SHUT_RDWR)
+        def elsewhere(_): self.assertEqual(self.answer(1, self.question(1), 'C-1'), 200)
+        def leaves(first): first.shutdown(socket.SHUT_RDWR)
         for number, take_question in enumerate((elsewhere, leaves)):
-            first = Board(1)
+            first = board(1)
             self.asked('board 1')
-            Board(2)
+            board(2)
             self.sees(2, 'Scan the label')
             self.type('A-')
             old = self.question(1)
@@ -197,7 +195,7 @@ class Page(unittest.TestCase):
             self.type(f'B-{number}', Keys.ENTER)
             self.sees(2, 'PASS', f'B-{number}')
         self.type('B-')
-        Board(1)
+        board(1)
         self.until(lambda: 'board 1 asks only now' in self.notice())
         self.type('9', Keys.ENTER, 'C-2', Keys.ENTER)
         self.sees(1, 'PASS', 'C-2')
@@ -285,7 +283,7 @@ class Page(unittest.TestCase):
 
     def test_a_new_version_waits(self):
         """The page of another station replaces this one when nobody types."""
-        Board(1)
+        board(1)
         self.asked('board 1')
         self.type('A-')
         self.js("mark = 1; hear({data: JSON.stringify({version: 'next', places: [tiles.get(1).place]})})")
@@ -300,28 +298,23 @@ class Page(unittest.TestCase):
         for path in glob.glob(WORDS):
             texts[path.split('.')[-2]] = json.loads(read(path))
         values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
-        with open('own.json', 'w') as file: json.dump({**texts['en'], 'language': 'ar', 'direction': 'rtl'}, file)
-        with open('line.yaml') as file: line = file.read()
-        names = 'places: [{name: Prüfplatz 3, interface: lo}, {name: 左边, interface: missing}]'
-        try:
-            for language, words in [*sorted(texts.items()), ('own.json', texts['en'])]:
-                self.assertEqual(values(words), values(texts['en']), language)
-                self.end(signal.SIGTERM)
-                with open('line.yaml', 'w') as file:
-                    file.write(line.replace('{listen', f'{{language: {language}, listen').replace('places: 2', names))
-                self.start()
-                self.open()
-                self.sees(1, words['waiting'])
-                self.assertIn(words['stepsKey'], self.page())
-                self.assertEqual(self.js("return post('/seen', {place: 1})"), words['nothingSeen'])
-            self.assertEqual(self.js('return document.documentElement.dir'), 'rtl')
-            Board(1)
-            self.asked('Prüfplatz 3')
-            self.type('A-1', Keys.ENTER)
-            self.sees(1, texts['en']['pass'])
-            self.assertIn(b'A-1,', self.request('/runs.csv?place=Pr%C3%BCfplatz%203')[1])
-        finally:
-            with open('line.yaml', 'w') as file: file.write(line)
+        write('own.json', json.dumps({**texts['en'], 'language': 'ar', 'direction': 'rtl'}))
+        names = 'places: [{name: Prüfplatz 3, interface: lo}, {name: 左边, interface: unplugged}]'
+        subprocess.run('ip link add unplugged type veth peer name end'.split(), check=True)
+        for language, words in [*sorted(texts.items()), ('own.json', texts['en'])]:
+            self.assertEqual(values(words), values(texts['en']), language)
+            self.end(signal.SIGTERM)
+            self.start(LINE.replace('{listen', f'{{language: {language}, listen').replace('places: 2', names))
+            self.open()
+            self.sees(2, words['waiting'])
+            self.assertIn(words['stepsKey'], self.page())
+            self.assertEqual(self.js("return post('/seen', {place: 2})"), words['nothingSeen'])
+        self.assertEqual(self.js('return document.documentElement.dir'), 'rtl')
+        board(1)
+        self.asked('Prüfplatz 3')
+        self.type('A-1', Keys.ENTER)
+        self.sees(1, texts['en']['pass'])
+        self.assertIn(b'A-1,', self.request('/runs.csv?place=Pr%C3%BCfplatz%203')[1])
 
     def test_steps_and_seen(self):
         """An engineer looks at what a place did so far. Whoever has seen a verdict says so."""
@@ -340,11 +333,11 @@ class Page(unittest.TestCase):
         self.type(Keys.F2)
         self.type('1', Keys.ENTER)
         self.sees(1, 'HELD')
-        taken = Board(3)
+        taken = board(3)
         self.asked('board 2')
-        taken.socket.shutdown(socket.SHUT_RDWR)
+        taken.shutdown(socket.SHUT_RDWR)
         self.sees(2, 'AGAIN', 'the board has gone', 'Cable or power')
-        Board(4)
+        board(4)
         self.asked('board 2')
         self.end(signal.SIGKILL)
         self.until(lambda: 'No connection to the station' in self.page())
@@ -414,23 +407,19 @@ class Page(unittest.TestCase):
             self.assertEqual(self.js("""
                 return [...document.querySelectorAll('table')].filter(table => table.offsetWidth > 1032 ||
                     getComputedStyle(table.parentElement).overflowX !== 'visible').length"""), 0)
-        for command in 'Emulation.setEmulatedMedia', 'Emulation.clearDeviceMetricsOverride':
-            self.browser.execute_cdp_cmd(command, {})
+        self.browser.execute_cdp_cmd('Emulation.setEmulatedMedia', {})
 
     def test_refusals(self):
         """Only this page may change anything; from another machine only who has the token."""
         json_type, away = ('Content-Type', 'application/json'), {'host': f'{AWAY}:{PAGE}', 'address': AWAY}
         hold, token = json.dumps({'place': 1, 'hold': True}), ('Authorization', 'Bearer long%41enough')
         for status, path, headers, more in (
-                (200, '/', (), {}),
                 (200, '/', (), away),
                 (404, '/nothing', (), {}),
                 (405, '/hold', (), {}),
-                (405, '/%68old', (), {}),
                 (431, '/', [('Cookie', 'x' * 20000)], {}),
                 (403, '/', (), {'host': f'evil.example:{PAGE}'}),
                 (403, '/', [('Origin', 'http://10.9.9.9')], {}),
-                (403, '/hold', [json_type, ('Origin', 'http://10.9.9.9')], {'body': hold}),
                 (415, '/hold', [('Content-Type', 'text/plain')], {'body': hold}),
                 (400, '/hold', [json_type], {'body': '{"place": "1"}'}),
                 (400, '/scan', [json_type], {'body': '[' * 9000}),
@@ -449,12 +438,8 @@ class Page(unittest.TestCase):
         self.until(lambda: change(token[1]) == 200)
         self.until(lambda: f'{AWAY} sent the page a wrong token' in self.page())
 
-    def test_a_request_is_what_it_says(self):
-        """However a request asks for a file it gets this file once; however its path is written, what takes long holds
-        nobody up."""
-        plain = self.request('/page.js')
-        for headers in [('Range', 'bytes=' + ','.join(['0-'] * 1000))], [('Accept-Encoding', 'gzip')]:
-            self.assertEqual(self.request('/page.js', headers), plain)
+    def test_slow_pages(self):
+        """However its path is written, a page that takes long holds nobody up."""
         attack.fill('line.db')
         with socket.create_connection(('127.0.0.1', PAGE), PATIENCE) as slow:
             slow.sendall(f'GET /%73ummary?since=9d HTTP/1.1\r\nHost: 127.0.0.1:{PAGE}\r\n\r\n'.encode())
