@@ -13,21 +13,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <span>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "daemon/board.h"
 #include "daemon/discovery.h"
@@ -328,17 +319,6 @@ void listener(std::string input) {
     require(answered == std::vector(3, back + own + "\xAA\x55" + frame.substr(14)));
 }
 
-// Input: a port, and what the switch's tool prints. No port passes without a line of a link that is up.
-void links(std::string input) {
-    loadSettings("");
-    add_configuration("SYSTEM_CHECK_ETH_STATUS", ("switch0_swconfig_" + next(input)).c_str());
-    printed = input;
-    std::vector<char> report(kReportSize);
-    getInfo(report.data(), 1);
-    if (strstr(report.data(), "Ethernet ERROR") != nullptr) return;
-    for (const char *part : {"link:", ":up", "full-duplex"}) require(input.find(part) != std::string::npos);
-}
-
 // Input: the head of a request to the page, and the names and values of its query. Nothing may be changed by another
 // site, nor by another machine without the token. What a page may ask of the store is a period, and links are ASCII.
 void requests(std::string input) {
@@ -365,29 +345,12 @@ void requests(std::string input) {
     }
 }
 
-std::string decode(const std::string &encoded) {
-    std::string text;
-    for (size_t i = 0; i < encoded.size(); i += encoded[i] == '%' ? 3 : 1) {
-        text += encoded[i] == '%' ? static_cast<char>(std::stoi(encoded.substr(i + 1, 2), nullptr, 16)) : encoded[i];
-    }
-    return text;
-}
-
-void replaceAll(std::string &text, const std::string &old, const std::string &replacement) {
-    for (size_t at = 0; !old.empty() && (at = text.find(old, at)) != std::string::npos; at += replacement.size()) {
-        text.replace(at, old.size(), replacement);
-    }
-}
-
 // Input: a text, a part to be replaced, and its replacement.
 void texts(std::string input) {
     const std::string bytes = next(input), text = bytes.c_str(), old = next(input).c_str(), added = input.c_str();
     using Heap = std::unique_ptr<char, decltype(&free)>;
-    const std::string encoded = url_encode(text.c_str()), decoded = decode(encoded);
-    require(text.starts_with(decoded) && (decoded == text || encoded.size() > 1023 - 3));
-    std::string replaced = text;
-    replaceAll(replaced, old, added);
-    require(replaced == Heap(my_replaceStr(text.c_str(), old.c_str(), added.c_str()), free).get());
+    url_encode(text.c_str());
+    const Heap replaced(my_replaceStr(text.c_str(), old.c_str(), added.c_str()), free);
     const Heap line(strdup(text.c_str()), free), pieces(strdup(text.c_str()), free);
     char *tokens[11];
     const int count = string_parse(tokens, 10, line.get());
@@ -403,20 +366,11 @@ void texts(std::string input) {
     }
 }
 
-const std::map<std::string, void (*)(std::string input)> kTargets = {{"configuration", configuration},
-                                                                     {"connection", connection},
-                                                                     {"discovery", discovery},
-                                                                     {"image", image},
-                                                                     {"links", links},
-                                                                     {"listener", listener},
-                                                                     {"plan", plan},
-                                                                     {"pool", pool},
-                                                                     {"record", record},
-                                                                     {"replies", replies},
-                                                                     {"requests", requests},
-                                                                     {"results", results},
-                                                                     {"session", session},
-                                                                     {"texts", texts}};
+#define TARGET(name) std::make_pair(#name, name)
+const std::map<std::string, void (*)(std::string input)> kTargets = {
+    TARGET(configuration), TARGET(connection), TARGET(discovery), TARGET(image),   TARGET(listener),
+    TARGET(plan),          TARGET(pool),       TARGET(record),    TARGET(replies), TARGET(requests),
+    TARGET(results),       TARGET(session),    TARGET(texts)};
 
 // Resets the board before a run.
 void reset() {
