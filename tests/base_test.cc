@@ -16,7 +16,6 @@ TEST(Base, TimesAreThoseOfTheCalendar) {
         ASSERT_TRUE(time) << good;
         EXPECT_THAT(isoTime(*time), testing::StartsWith(good));
     }
-    EXPECT_EQ(isoTime(parseIsoTime("2026-11-21T17:30:00.123Z").value()), "2026-11-21T17:30:00.123Z");
     for (const char *bad : {"", "today", "2026-02-30", "2025-02-29T23", "2026-13-01", "2026-11-21T24:00", "2026-11-21T",
                             "2026-11-21 17:30", "2026-11-21T17:30:60", "1969-12-31", "9999-12-31", "-026-11-21"}) {
         EXPECT_FALSE(parseIsoTime(bad)) << bad;
@@ -29,12 +28,9 @@ TEST(Base, ATimeThatAPersonWritesIsTheMachines) {
     tzset();
     const std::pair<const char *, const char *> cases[] = {{"2026-07-01T12:00", "2026-07-01T10:00:00.000Z"},
                                                            {"2026-12-01", "2026-11-30T23:00:00.000Z"},
-                                                           {"2026-12-01T06", "2026-12-01T05:00:00.000Z"},
                                                            {"2026-07-01T12:00Z", "2026-07-01T12:00:00.000Z"},
                                                            {"2026-07-01T12:00:00.5", ""},
                                                            {"2026-07-01T12:00:01.500", "2026-07-01T10:00:01.500Z"},
-                                                           {"2026-02-30", ""},
-                                                           {"2026-11-21T25:00Z", ""},
                                                            {"99999999d", "1970-01-01T00:00:"},
                                                            {"8 h", ""},
                                                            {"yesterday", ""},

@@ -3,7 +3,6 @@
 // goes there first. Each test finds the board as a factory finds it, with an empty /tmp and /var.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <filesystem>

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fstream>
 #include <iomanip>
-#include <optional>
 #include <regex>
 #include <sstream>
 

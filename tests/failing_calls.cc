@@ -12,15 +12,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <set>
-#include <string>
 #include <type_traits>
 
 namespace {

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <map>
 
 #include "daemon/board.h"
 #include "firmware/partition.h"

@@ -2,9 +2,7 @@
 // A folder that ends with its test.
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <string>
 
 #include "station/base/file.h"
 

@@ -16,9 +16,7 @@
 namespace station {
 namespace {
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr;
 
 TEST(Record, IsReadBackAsItWasWritten) {
     const RunRecord run = fullRun(), again = parseRecord(dump(run));

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "station/page/local_time.h"

@@ -6,14 +6,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "image/firmware_image.h"

@@ -15,10 +15,7 @@
 namespace station {
 namespace {
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr, testing::Not;
 
 INSTANTIATE_TEST_SUITE_P(, Store, testing::Values("SQLite", "PostgreSQL"),
                          [](const auto &store) { return store.param; });

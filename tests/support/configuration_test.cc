@@ -6,9 +6,7 @@
 #include <sys/shm.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 

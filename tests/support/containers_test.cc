@@ -1,7 +1,5 @@
 #include "support/containers.h"
 
-#include <algorithm>
-#include <memory>
 #include <numeric>
 #include <random>
 

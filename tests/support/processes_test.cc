@@ -12,9 +12,7 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <memory>
 
 #include "support/process_file.h"
 #include "support/shell.h"

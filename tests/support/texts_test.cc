@@ -1,9 +1,6 @@
 // The tokenizer and text helpers, and the tables read with them.
 
-#include <array>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "support/string_utils.h"
 #include "support/system_info.h"
