@@ -103,5 +103,4 @@ class Cable:
                 board.connect(STATION)
                 board.settimeout(PATIENCE)
                 return board
-            except OSError:
-                board.close()
+            except OSError: board.close()

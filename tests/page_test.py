@@ -295,8 +295,7 @@ class Page(unittest.TestCase):
         """Each language has each word with its values. The line's file chooses one, or has a file of its own; it names
         places in any language."""
         texts = {}
-        for path in glob.glob(WORDS):
-            texts[path.split('.')[-2]] = json.loads(read(path))
+        for path in glob.glob(WORDS): texts[path.split('.')[-2]] = json.loads(read(path))
         values = lambda words: {name: sorted(re.findall(r'{\w+}', text)) for name, text in words.items()}
         write('own.json', json.dumps({**texts['en'], 'language': 'ar', 'direction': 'rtl'}))
         names = 'places: [{name: Prüfplatz 3, interface: lo}, {name: 左边, interface: unplugged}]'

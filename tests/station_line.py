@@ -9,6 +9,7 @@ passed in exactly one run, at its own place, and the station must hold no more m
 itself on the native board (board/native), from the build in BUILD.
 """
 import glob, json, os, random, signal, subprocess, sys, threading, time
+from line_box import write
 
 os.environ['ASAN_OPTIONS'] = 'quarantine_size_mb=1'  # otherwise freed memory would count as growth
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 16
@@ -29,11 +30,10 @@ os.makedirs('/var/line/results')
 for path in glob.glob('/flash/mtd?'): os.truncate(path, 1 << 20)  # each board gets a copy: keep it small
 os.chdir('/var/line')
 with open('kernel.bin', 'wb') as file: file.write(os.urandom(1000000))
-with open('serial.sh', 'w') as file: file.write('#!/bin/sh\ncat /tmp/serial\n')
-with open('plan.yaml', 'w') as file: file.write(PLAN)
-with open('line.yaml', 'w') as file:
-    file.write('plan: plan.yaml\nresults: results\nplaces:\n')
-    file.writelines(f'- {{name: place{i}, interface: line{i}}}\n' for i in range(PLACES))
+write('serial.sh', '#!/bin/sh\ncat /tmp/serial\n')
+write('plan.yaml', PLAN)
+write('line.yaml', 'plan: plan.yaml\nresults: results\nplaces:\n' +
+      ''.join(f'- {{name: place{i}, interface: line{i}}}\n' for i in range(PLACES)))
 
 lock = threading.Lock()
 tally = {'passed': 0, 'cut': 0, 'interrupted': 0, 'stops': 0, 'kills': 0, 'strangers': 0, 'replugs': 0}
@@ -117,8 +117,7 @@ def work(cable):
         cut = random.random() < 0.15
         for attempt in range(20):
             board = cable.board(serial)
-            try:
-                board.wait(random.uniform(1, 3) if cut else 40)
+            try: board.wait(random.uniform(1, 3) if cut else 40)
             except subprocess.TimeoutExpired:
                 if not cut: problems.append(f'board {serial} at place{cable.number} waits')
             cable.take_out(board)

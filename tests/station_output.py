@@ -31,8 +31,7 @@ def visit(port, info="", go=None):
 
 def serve(port, infos, go=None):
     """Starts a board for each of `infos`."""
-    for info in infos:
-        threading.Thread(target=visit, args=(port, info, go), daemon=True).start()
+    for info in infos: threading.Thread(target=visit, args=(port, info, go), daemon=True).start()
 
 
 def words(folder, plan, boards, *more):
@@ -48,15 +47,12 @@ def on_terminal(talk, command):
     """Runs the command on a terminal of 80 x 24. Returns its output and its status. `talk` is a list of pairs: a
     pattern to wait for, and a function to call then; the text that the function returns is typed."""
     pid, terminal = pty.fork()
-    if pid == 0:
-        os.execvp(command[0], command)
+    if pid == 0: os.execvp(command[0], command)
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
     output, seen = "", 0
     while True:
-        try:
-            output += os.read(terminal, 65536).decode(errors="replace")
-        except OSError:
-            break
+        try: output += os.read(terminal, 65536).decode(errors="replace")
+        except OSError: break
         if talk and (found := re.search(talk[0][0], output[seen:])):
             seen += found.end()
             os.write(terminal, (talk.pop(0)[1](found) or "").encode())
@@ -107,8 +103,7 @@ def knock(port):
         stranger.setsockopt(socket.IPPROTO_IP, socket.IP_TTL, 255)  # not dropped while the place looks at another one
         stranger.connect(("127.0.0.1", port))
         stranger.sendall(b"?" * 64)
-        while stranger.recv(64):
-            pass
+        while stranger.recv(64): pass
 
 
 def check_shift(folder):
@@ -144,8 +139,7 @@ def check_strangers(folder):
     station, port = line_of(folder, "line.yaml")
     with socket.create_connection(("127.0.0.1", port)) as hasty:
         hasty.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    for _ in range(300):
-        knock(port)
+    for _ in range(300): knock(port)
     station.send_signal(signal.SIGTERM)
     told = [event for event in map(json.loads, station.communicate(timeout=60)[0].splitlines())
             if event["event"] == "stranger_refused"]
@@ -169,8 +163,7 @@ def check_signals(folder):
     station, port = line_of(folder, "slow.yaml", stderr=full)
     os.set_blocking(full, False)
     with contextlib.suppress(BlockingIOError):
-        while os.write(full, b"x"):
-            pass
+        while os.write(full, b"x"): pass
     os.set_blocking(full, True)
     with socket.create_connection(("127.0.0.1", port)) as silent:
         for awaited in b"step_starts", b"line_stops":
@@ -232,10 +225,8 @@ def check_schemas(folder):
 
 
 with tempfile.TemporaryDirectory() as scratch:
-    for name, text in [("line", PLAN), ("question", QUESTION)]:
-        write(f"{scratch}/{name}.yaml", text)
-    with open(f"{scratch}/{LONG}", "wb") as payload:
-        payload.truncate(16 << 20)
+    for name, text in [("line", PLAN), ("question", QUESTION)]: write(f"{scratch}/{name}.yaml", text)
+    with open(f"{scratch}/{LONG}", "wb") as payload: payload.truncate(16 << 20)
     write(f"{scratch}/slow.yaml", "[{send: PING, expect: PING 2, timeout: 3600}]")
     for check in (check_schemas, check_questions, check_shift, check_terminal, check_unread_output, check_strangers,
                   check_signals, check_examples):

@@ -30,10 +30,8 @@ def pause(most=0.1): over.wait(random.random() * most)
 def until_over(work):
     def repeat():
         while not over.is_set():
-            try:
-                work()
-            except (OSError, http.client.HTTPException, ValueError):
-                pause()  # the station is being started again
+            try: work()
+            except (OSError, http.client.HTTPException, ValueError): pause()  # the station is being started again
     return threading.Thread(target=repeat, daemon=True)
 
 
@@ -81,8 +79,7 @@ def serve(number):
             board.bind((f'127.0.{1 + number // 250}.{1 + number % 250}', 0))
             board.connect(('127.0.0.1', PORT))
             return converse(board, {'NUMBER': str(number), 'PING': '2'})
-    except OSError:
-        return False
+    except OSError: return False
 
 
 def start(): return subprocess.Popen([STATION, 'serve', 'line.yaml'], stdout=subprocess.DEVNULL)
@@ -90,8 +87,7 @@ def start(): return subprocess.Popen([STATION, 'serve', 'line.yaml'], stdout=sub
 
 def end(station):
     station.send_signal(signal.SIGTERM)
-    try:
-        return station.wait(60)
+    try: return station.wait(60)
     except subprocess.TimeoutExpired:
         station.kill()
         return 'not at all'
@@ -115,7 +111,6 @@ over.set()
 status = end(station)
 if status not in (0, 5): problems.append(f'the station ended with {status}')
 if len(served) < BOARDS: problems.append(f'{len(served)} of {BOARDS} boards were served')
-for path in glob.glob('race*'):
-    problems.append(read(path))
+for path in glob.glob('race*'): problems.append(read(path))
 print('\n'.join(problems) or f'{BOARDS} boards, nothing found')
 sys.exit(bool(problems))

@@ -23,8 +23,7 @@ def check_choice_of_store():
     """--store, then --line, then the environment; what changes a store says which."""
     write("stored.yaml", "{places: 1, plan: not-read.yaml, store: b.db}")
     choices = [("a", ["--store", "a.db", "--line", "stored.yaml"]), ("b", ["--line", "stored.yaml"]), ("c", [])]
-    for name, _ in choices:
-        call("store", "upgrade", "--store", f"{name}.db")
+    for name, _ in choices: call("store", "upgrade", "--store", f"{name}.db")
     for name, how in choices:
         changed = call("pool", "add", "02:00:00:00:00:00", "02:00:00:00:00:00", *how, QCSTATION_STORE="c.db")
         assert f"{name}.db: pool mac" in changed, changed
@@ -34,8 +33,7 @@ def check_arguments():
     wrong = ["nope", "run nope.yaml", "run --listen here plan.yaml", "discover udp:a:b", "discover lo --board x",
              "runs --since 2026-02-30", "runs --until 25:00", "runs --limit -1", "archive --before x --to y",
              "pool add 02:00:00:00:00:00 x", "pool import nope", "summary --table x", "show X", "export out nope"]
-    for arguments in wrong:
-        call(*arguments.split(), status=2, QCSTATION_STORE="c.db")
+    for arguments in wrong: call(*arguments.split(), status=2, QCSTATION_STORE="c.db")
     call("pool", "list", "--line", "nope.yaml", status=2)
     write("asks.yaml", "[{ask: serial, prompt: Scan}]")  # where nobody can answer
     write("who.yaml", "{places: 1, plan: plan.yaml, operator: {prompt: Badge}}")
@@ -115,8 +113,7 @@ def check_init():
     os.mkdir("root")
     call("store", "upgrade", "--line", "line.yaml")
     user = ["--user", "nobody"] if os.getuid() == 0 else []
-    if user:
-        assert "nobody cannot write" in call("check", "line.yaml", *user, status=2)
+    if user: assert "nobody cannot write" in call("check", "line.yaml", *user, status=2)
     assert "made/results made" in call("init", "line.yaml", *user)
     assert call("init", "line.yaml", *user).startswith("all is there")
     assert "no faults" in call("check", "line.yaml", *user)
@@ -157,6 +154,5 @@ with tempfile.TemporaryDirectory() as scratch:
     write("plan.yaml", PLAN)
     write("ok.sh", "exit 0")
     as_root = [check_init_of_postgresql] if os.getuid() == 0 else []
-    for check in check_choice_of_store, check_arguments, check_line, check_init, *as_root:
-        check()
+    for check in check_choice_of_store, check_arguments, check_line, check_init, *as_root: check()
     os.chdir("/")

@@ -203,10 +203,8 @@ def prove(number, name):
         troubles[name](line)
         if line.process.poll() is None: line.wait('passed', 'failed', 'again')
         return check(line, *documented()[name])
-    except Exception as error:
-        return [''.join(traceback.format_exception(error)), line.said()]
-    finally:
-        line.end()
+    except Exception as error: return [''.join(traceback.format_exception(error)), line.said()]
+    finally: line.end()
 
 
 # ---- the unit

@@ -75,8 +75,7 @@ async def board(here, there):
     """Plays a board that comes again and again, each time as some unit, and notes what it was sent."""
     while not over:
         await asyncio.sleep(random.uniform(0, 0.3))
-        try:
-            reader, writer = await asyncio.open_connection(there, port, local_addr=(here, 0))
+        try: reader, writer = await asyncio.open_connection(there, port, local_addr=(here, 0))
         except OSError: continue
         visit = Visit(f'S{random.randrange(8 * STATIONS * BOARDS)}', '%s:%d' % writer.get_extra_info('sockname'), [])
         replies = {'QCSTATION': 'UNKNOWN', 'INFO': 'INFO ' + visit.serial, 'BYE': 'BYE'}
