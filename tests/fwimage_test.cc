@@ -86,7 +86,6 @@ TEST_F(Image, TheFirstThingWrongIsNamed) {
         {changed(132, "9 3.bin"), "section at 132 (3.bin) is 9 bytes long, but only 8 follow"},
         {changed(132, "99999999999 3.bin"), "is 99999999999 bytes long"},
         {good.substr(0, 140) + good.substr(good.size() - 33), "cut off after 8 bytes of its header"},
-        {changed(125, "x"), "digest in the trailer"},
         {changed(good.size() - 33, "X"), "digest in the trailer"},
         {good + "more", "is cut off after 4 bytes"},
     };
@@ -97,9 +96,8 @@ TEST_F(Image, TheFirstThingWrongIsNamed) {
     fs::resize_file("image", 2147483648);
     int pipe[2];
     ASSERT_EQ(::pipe(pipe), 0);
-    for (const std::string &file : {"image"s, "none"s, "."s, "/proc/self/fd/" + std::to_string(pipe[0])}) {
+    for (const std::string &file : {"image"s, "none"s, "."s, "/proc/self/fd/" + std::to_string(pipe[0])})
         EXPECT_THROW(fwimage::inspect(file), fwimage::ImageError) << file;
-    }
 }
 
 }  // namespace

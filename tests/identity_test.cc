@@ -174,7 +174,6 @@ std::string row(int port, const std::string &verdicts) {
                 "   ");
 }
 
-// Every combination of the ping flag, the fitted and present radios, the memory and the ports.
 TEST_F(Identity, TheReportIsExactUnderEveryCombinationOfFlags) {
     CountryRW(1, "US"s.data());
     const int memory = std::stoi(board::readFile("/proc/meminfo").substr(strlen("MemTotal:")));

@@ -171,9 +171,8 @@ TEST_P(Station, CountsARunThatArrivesLate) {
     }
     database.transact([&] { save(database, unfinished(runs[0])); });  // comes too late: the run has ended
     const Table attempts = database.ask("SELECT attempt, verdict FROM runs ORDER BY started");
-    for (size_t i = 0; i < runs.size(); ++i) {
+    for (size_t i = 0; i < runs.size(); ++i)
         EXPECT_THAT(cells(attempts, i), ElementsAre(std::to_string(i + 1), "passed"));
-    }
 }
 
 TEST_P(Station, KnowsHowAUnitWasJudged) {

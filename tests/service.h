@@ -16,9 +16,8 @@ class ServiceTest : public board::BoardTest {
 protected:
     void SetUp() override {
         BoardTest::SetUp();
-        for (const char *flash : {"/flash/mtd2", "/flash/mtd3", "/flash/mtd5", "/flash/mtd6"}) {
+        for (const char *flash : {"/flash/mtd2", "/flash/mtd3", "/flash/mtd5", "/flash/mtd6"})
             board::writeFile(flash, std::string(kPartition, 'U'));
-        }
         board::run("ip link set eth0 up; ip addr flush dev eth0; ip addr add 192.168.1.1/24 dev eth0");
         board::inStationNetwork([&] { link_ = station::openLink("station"); });
         setenv("HURRY", "100", 1);
@@ -36,7 +35,6 @@ protected:
         return std::move(*listener);
     }
 
-    // Starts the service and returns its session.
     station::Session startSession() {
         station::Listener listener = listen();
         start("daemon");

@@ -56,9 +56,8 @@ protected:
         stranger_.reset();
         const auto serve = [this] { ::execl(SOURCES "/tests/postgresql", "postgresql", folder_.c_str(), nullptr); };
         if (shared_) server_ = start(serve);
-        for (int i = 0; i < 600 && !refusal([&] { Database(store_).run("SELECT 1"); }).empty(); ++i) {
+        for (int i = 0; i < 600 && !refusal([&] { Database(store_).run("SELECT 1"); }).empty(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
     }
     std::unique_ptr<StoreRecords> station() {
         auto records = std::make_unique<StoreRecords>(store_, folder_ / "spool", nullptr);

@@ -110,9 +110,8 @@ void configuration(std::string input) {
     const std::string key = next(input), value = next(input);
     init_configuration();
     checkTable();
-    if (add_configuration(key.c_str(), value.c_str()) == 0 && strlen(key.c_str()) < 32) {
+    if (add_configuration(key.c_str(), value.c_str()) == 0 && strlen(key.c_str()) < 32)
         require(strncmp(RETURN_DEF_STR(key.c_str()), value.c_str(), 63) == 0);
-    }
     checkTable();
     del_configuration(key.c_str());
     checkTable();
@@ -402,9 +401,8 @@ void syslog(int, const char *format, ...) {
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     const std::string message = text, begin = "====== send pkbuf=", end = " ======\n";
-    if (message.starts_with(begin)) {
+    if (message.starts_with(begin))
         logged.push_back(message.substr(begin.size(), message.size() - begin.size() - end.size()));
-    }
 }
 
 // Closing a packet socket takes long, and its calls are replaced anyway.

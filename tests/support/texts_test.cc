@@ -41,7 +41,6 @@ std::string split(const char *text, const char *separator) {
     return join(tokens);
 }
 
-// Returns the number and the text after it.
 std::string convert(const char *text, int base) {
     const char *rest = nullptr;
     const uint32_t value = my_strtou32(text, &rest, base);
