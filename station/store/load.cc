@@ -40,7 +40,10 @@ RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &m
         all.push_back(step);
         all.back()["measurements"] = Json::array();
     }
-    for (const Json &found : measurements) all.at(found["step"].get<size_t>() - 1)["measurements"].push_back(found);
+    for (const Json &found : measurements) {
+        const size_t step = found["step"].get<size_t>() - 1;
+        if (step < all.size()) all[step]["measurements"].push_back(found);  // else another program has written it
+    }
     return parseRecord(dump(run));
 }
 
