@@ -152,7 +152,8 @@ std::string denialOf(Database &database) {
 void checkStore(Check &check) try {
     const std::string &store = check.line.store, name = shownName(store);
     if (store.empty()) return;
-    if (store.find("://") == std::string::npos && !fs::exists(store))
+    std::error_code denied;
+    if (store.find("://") == std::string::npos && !fs::exists(store, denied) && !denied)
         return check.warn("store", store + " is not there yet: qcstation init makes it");
     const auto database = openStore(store, Database::Missing::kIsIgnored);
     database->onlyAsk(kForStore);

@@ -402,7 +402,8 @@ int64_t retire(Database &database, const std::string &name, const std::string &f
 std::set<std::string> poolNames(const std::string &store) {
     std::set<std::string> names;
     const bool file = store.find("://") == std::string::npos;
-    if (file && !std::filesystem::exists(store)) return names;
+    std::error_code denied;
+    if (file && !std::filesystem::exists(store, denied) && !denied) return names;
     const auto database = openStore(store, Database::Missing::kIsIgnored);
     database->giveUpAfter(kForNames);
     if (database->version() == 0) return names;
