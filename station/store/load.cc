@@ -27,6 +27,13 @@ Json jsonOf(const Table &table) {
     return rows;
 }
 
+// Returns the step that a row belongs to. Those of an interrupted run may have gaps, which are filled.
+Json &stepOf(Json &steps, const Json &row) {
+    const size_t number = std::clamp<size_t>(row["step"], 1, kMostSteps);
+    while (steps.size() < number) steps.push_back(toJson(StepResult()));
+    return steps[number - 1];
+}
+
 // Reads the answers to load_run.sql as the JSON of a record: the run, its files, steps and measurements.
 RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &measurements) {
     run["interrupted"] = run["verdict"] == "interrupted";
@@ -34,16 +41,8 @@ RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &m
     run["variables"] = Json::parse(run["variables"].get<std::string>());
     run["files"] = files;
     Json &all = run["steps"] = Json::array();
-    for (const Json &step : steps) {
-        // An interrupted run may lack steps.
-        while (all.size() + 1 < std::min(step["step"].get<size_t>(), kMostSteps)) all.push_back(toJson(StepResult()));
-        all.push_back(step);
-        all.back()["measurements"] = Json::array();
-    }
-    for (const Json &found : measurements) {
-        const size_t step = found["step"].get<size_t>() - 1;
-        if (step < all.size()) all[step]["measurements"].push_back(found);  // else another program has written it
-    }
+    for (const Json &step : steps) stepOf(all, step).update(step);
+    for (const Json &found : measurements) stepOf(all, found)["measurements"].push_back(found);
     return parseRecord(dump(run));
 }
 
