@@ -87,7 +87,8 @@ int addressesIn(std::string_view command, std::string_view reply) {
     const BoardCommand &row = boardCommand(command);
     if (row.role != Role::kAddress) return 1;
     int count = 0;
-    if (reply.starts_with(row.word)) std::from_chars(&reply[row.word.size()], reply.data() + reply.size(), count);
+    if (reply.starts_with(row.word))
+        std::from_chars(reply.data() + row.word.size(), reply.data() + reply.size(), count);
     return count;
 }
 
