@@ -123,8 +123,9 @@ TEST(OutputTest, ASlowReaderLosesProgressFirstThenWholeLines) {
 }
 
 TEST(HookTest, KeepsTheEndOfWhatIsPrintedAlone) {
-    const station::Hook hook{
-        "head -c 50000000 /dev/zero; stat -Lc ' %s bytes kept' /dev/stdout; exit 3", Milliseconds(60000), {}};
+    const station::Hook hook{"A='1 2' B=3 head -c 50000000 /dev/zero; stat -Lc ' %s bytes kept' /dev/stdout; exit 3",
+                             Milliseconds(60000),
+                             {}};
     const std::string failure = station::runHook(hook, {}, "before");
     EXPECT_THAT(failure, testing::StartsWith("The command before the test, head, failed (status 3): "));
     EXPECT_THAT(failure, testing::EndsWith(" 0 bytes kept\n"));
@@ -196,8 +197,9 @@ TEST_F(PlanTest, FaultsAreNamedWithTheirPlace) {
 }
 
 TEST_F(PlanTest, EveryRunNamesThePlanAndItsFiles) {
-    const fs::path path = write(
-        "plan.yaml", "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n- {run: sh tool 1}\n");
+    const fs::path path =
+        write("plan.yaml",
+              "- {send: 'VERSION {size}', upload: five, expect: OK}\n- {script: script}\n- {run: A=1 sh tool 1}\n");
     write("tool", "");
     const auto started = [&] { return station::newRun(station::loadPlan(path), {}); };
     const RunRecord run = started();

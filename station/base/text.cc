@@ -41,6 +41,19 @@ std::string oneLine(const std::string &text) {
     return line;
 }
 
+std::string withoutAssignments(const std::string &command) {
+    static const re2::RE2 kAssignments(R"(\s*(?:\w+=(?:"[^"]*"|'[^']*'|[^\s"'])*\s+)*)", re2::RE2::Latin1);
+    re2::StringPiece rest(command);
+    re2::RE2::Consume(&rest, kAssignments);
+    return {rest.data(), rest.size()};
+}
+
+// Ends it before a '=', too: an assignment that was not recognized.
+std::string programOf(const std::string &command) {
+    const std::string rest = withoutAssignments(command);
+    return rest.substr(0, rest.find_first_of(" \t\n="));
+}
+
 size_t charactersOf(const std::string &text) {
     return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), continues));
 }

@@ -19,6 +19,12 @@ std::string trim(const std::string &text);
 // Returns the text as one line of UTF-8 that is fit for XML: line ends and control characters become visible.
 std::string oneLine(const std::string &text);
 
+// Returns a command for the shell without the blanks and assignments before its program: A="1 2" ./check 3.
+std::string withoutAssignments(const std::string &command);
+
+// Returns the program that a command for the shell begins with. What is before and after it may be a password.
+std::string programOf(const std::string &command);
+
 // Returns the number of UTF-8 characters in the text, which is its width on most terminals.
 size_t charactersOf(const std::string &text);
 

@@ -9,6 +9,7 @@
 
 #include "image/firmware_image.h"
 #include "station/base/digest.h"
+#include "station/base/text.h"
 #include "station/plan/commands.h"
 #include "station/plan/review.h"
 #include "station/plan/yaml.h"
@@ -71,7 +72,8 @@ std::string programIn(const std::string &command, const fs::path &folder) {
     static const re2::RE2 kWord("[ \\t]*([\\w./+-]+)");
     std::error_code unknown;
     std::string word;
-    for (re2::StringPiece rest(command); re2::RE2::Consume(&rest, kWord, &word);) {
+    const std::string words = withoutAssignments(command);
+    for (re2::StringPiece rest(words); re2::RE2::Consume(&rest, kWord, &word);) {
         if (!fs::path(word).is_absolute() && fs::is_regular_file(folder / word, unknown)) return word;
     }
     return {};
@@ -391,8 +393,7 @@ std::string Step::title(const Variables &variables) const {
     if (kind == Kind::kScript) return "script " + file->name;
     if (kind == Kind::kVerify) return fmt::format("verify partition {} against {}", partition, file->name);
     if (kind == Kind::kAsk) return "ask " + ask;
-    // Of a command for the shell only its first word: what follows may be a password.
-    if (kind == Kind::kRun) return "run " + run.substr(0, run.find_first_of(" \n"));
+    if (kind == Kind::kRun) return "run " + programOf(run);
     Variables values = known;
     values.insert(variables.begin(), variables.end());
     return fill(send, values) + (file ? fmt::format("  [{}]", file->name) : "");

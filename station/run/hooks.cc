@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "station/base/descriptor.h"
+#include "station/base/text.h"
 #include "station/plan/variables.h"
 #include "station/run/record_json.h"
 
@@ -158,9 +159,7 @@ std::string runHook(const Hook &hook, const RunRecord &run, std::string_view whe
         failure = error.what();
     }
     // cppcheck-suppress knownConditionTrueFalse ; the lambda changes it
-    const std::string program =
-        hook.command.substr(0, hook.command.find_first_of(" \n"));  // the rest may be a password
-    return fmt::format("The command {} the test, {}, failed ({}){}{}", when, program, failure,
+    return fmt::format("The command {} the test, {}, failed ({}){}{}", when, programOf(hook.command), failure,
                        printed.empty() ? "" : ": ", printed);
 }
 
