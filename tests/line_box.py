@@ -63,8 +63,7 @@ def converse(station, replies=(), received=None, go=None):
     return False
 
 
-def shell(line, **variables):
-    subprocess.run(line, shell=True, check=True, env={**os.environ, **variables})
+def shell(line, **variables): subprocess.run(line, shell=True, check=True, env={**os.environ, **variables})
 
 
 class Cable:

@@ -85,8 +85,7 @@ class Page(unittest.TestCase):
         self.start()
         self.open()
 
-    def tearDown(self):
-        self.assertIn(self.end(signal.SIGTERM), (0, 5))
+    def tearDown(self): self.assertIn(self.end(signal.SIGTERM), (0, 5))
 
     def start(self, line=LINE):
         write('line.yaml', line)

@@ -1,7 +1,6 @@
 #pragma once
 // The service on the board, and the station's library at the other end of the cable.
 
-#include <memory>
 #include <optional>
 
 #include "station/wire/discovery.h"

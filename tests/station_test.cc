@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
