@@ -2,13 +2,15 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <random>
 #include <stdexcept>
+
+#include "station/base/descriptor.h"
 
 namespace station {
 namespace {
@@ -17,6 +19,16 @@ namespace fs = std::filesystem;
 
 [[noreturn]] void fail(const char *what, const fs::path &path, std::string_view why = strerror(errno)) {
     throw std::runtime_error(fmt::format("cannot {} {}: {}", what, path.string(), why));
+}
+
+// Opens a file for reading. A pipe or a device could keep the reader waiting, or have no end.
+Descriptor openRegular(const fs::path &path) {
+    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (file.descriptor() < 0 || fstat(file.descriptor(), &status) != 0) fail("read", path);
+    if (S_ISDIR(status.st_mode)) fail("read", path, strerror(EISDIR));
+    if (!S_ISREG(status.st_mode)) fail("read", path, "not a regular file");
+    return file;
 }
 
 // Returns the file that the path leads to. Throws when something is there that a new file must not replace.
@@ -33,19 +45,18 @@ fs::path replaceable(fs::path path) {
 }  // namespace
 
 std::string readFile(const fs::path &path, uint64_t most) {
-    std::error_code unknown;
-    const fs::file_status there = fs::status(path, unknown);
-    if (fs::is_directory(there)) fail("read", path, strerror(EISDIR));
-    // A pipe or a device could keep the reader waiting, or have no end.
-    if (fs::is_other(there)) fail("read", path, "not a regular file");
-    std::ifstream file(path, std::ios::binary);
-    if (!file) fail("read", path);
-    std::string bytes, part(65536, '\0');
-    while (file.read(part.data(), std::streamsize(part.size())), file.gcount() > 0) {
-        bytes.append(part, 0, size_t(file.gcount()));
-        if (bytes.size() > most) fail("read", path, fmt::format("it has more than {} bytes", most));
+    const Descriptor file = openRegular(path);
+    const std::string tooLong = fmt::format("it has more than {} bytes", most);
+    if (fs::file_size(path) > most) fail("read", path, tooLong);
+    std::string bytes;
+    for (ssize_t length = 1; length > 0;) {  // to its end: it may have grown
+        const size_t before = bytes.size();
+        bytes.resize(before + 65536);
+        length = TEMP_FAILURE_RETRY(read(file.descriptor(), bytes.data() + before, bytes.size() - before));
+        if (length < 0) fail("read", path);
+        bytes.resize(before + static_cast<size_t>(length));
+        if (bytes.size() > most) fail("read", path, tooLong);
     }
-    if (file.bad()) fail("read", path);
     return bytes;
 }
 
