@@ -37,7 +37,7 @@ private:
     Mutex mutex_;
     Condition freed_;
     std::array<Connection, 3> connections_;
-    std::vector<Connection *> free_ GUARDED_BY(mutex_) = {&connections_[2], &connections_[1], &connections_[0]};
+    std::vector<Connection *> free_ GUARDED_BY(mutex_) = {&connections_[2], &connections_[1], connections_.data()};
     bool stops_ GUARDED_BY(mutex_) = false;
 };
 

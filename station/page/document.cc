@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <future>
-#include <ranges>
 
 #include "station/page/local_time.h"
 #include "station/page/shift.h"
@@ -78,8 +77,13 @@ std::time_t endOf(const Period &period) { return period.until.empty() ? std::tim
 // Returns the first time after `time`, within `most` seconds, that has another key.
 template <typename KeyOf>
 std::time_t nextChange(std::time_t time, std::time_t most, const KeyOf &keyOf) {
-    const auto same = [&, key = keyOf(time)](std::time_t other) { return keyOf(other) == key; };
-    return *std::ranges::partition_point(std::views::iota(time, time + most), same);
+    const auto key = keyOf(time);
+    std::time_t change = time + most;
+    while (change - time > 1) {
+        const std::time_t middle = time + (change - time) / 2;
+        (keyOf(middle) == key ? time : change) = middle;
+    }
+    return change;
 }
 
 // Returns how many minutes the station's zone is ahead of UTC in the period, and from when on, for charts.

@@ -28,10 +28,10 @@ constexpr size_t kLongText = 24;  // that may be broken into lines
 //     as            how to format a cell; empty: as it is
 //     link, of      the path of a cell's link, and the cells of the row that are its parameters
 //     with          its other parameters, unless the filter says otherwise
-Json columnOf(const std::string &table, const std::string &name) {
+Json columnOf(const std::string &table, const std::string &called) {
     static const Json kColumns = Json::parse(*staticFile("columns.json", kTemplateFiles));
-    Json column = {{"name", name}, {"heading", replaced(name, '_', " ")}, {"as", ""}};
-    for (const std::string &key : {name, fmt::format("{}.{}", table, name)}) {
+    Json column = {{"name", called}, {"heading", replaced(called, '_', " ")}, {"as", ""}};
+    for (const std::string &key : {called, fmt::format("{}.{}", table, called)}) {
         if (kColumns.contains(key)) column.update(kColumns[key]);
     }
     return column;
@@ -55,7 +55,7 @@ std::string numberText(const std::string &as, const Json &cell, const Json &row)
 std::string textOf(const std::string &as, const Json &cell, const Json &row) {
     if (cell.is_null() || as == "hidden") return "";
     if (cell.is_number()) return numberText(as, cell, row);
-    const std::string text = cell;
+    std::string text = cell;
     if (as == "time") return localTime(timeOf(text));
     if (as == "minute") return localTime(timeOf(text), "%Y-%m-%d %H:%M");
     if (as == "run") return text.substr(text.rfind('-') + 1);  // the first part is its start, which is shown beside it
@@ -182,7 +182,7 @@ std::string escape(const std::string &text) {
 
 // Returns the JSON as data for a template, which takes what is empty for false.
 Data dataOf(const Json &json) {
-    if (json.is_string() && json != "") return json.get<std::string>();
+    if (json.is_string() && !json.get_ref<const std::string &>().empty()) return json.get<std::string>();
     if (json.is_array()) {
         Data list{Data::type::list};
         for (const Json &one : json) list.push_back(dataOf(one));

@@ -58,8 +58,8 @@ std::vector<std::string> reviewed(const Texts &english, const Texts &theirs) {
 
 }  // namespace
 
-Words readWords(const std::string &language) try {
-    Words words{textsOf("en"), {}};
+PageWords readWords(const std::string &language) try {
+    PageWords words{textsOf("en"), {}};
     Texts theirs = textsOf(language);
     for (const auto &[name, text] : theirs) {
         if (!words.texts.contains(name)) throw std::runtime_error(fmt::format("unknown \"{}\"", name));

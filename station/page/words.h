@@ -7,7 +7,7 @@
 
 namespace station {
 
-struct Words {
+struct PageWords {
     std::map<std::string, std::string> texts;  // by their names; the page fills in {NAME}
     std::vector<std::string> warnings;  // about a line's own file: what is missing, or is not filled in as in English
 };
@@ -15,6 +15,6 @@ struct Words {
 // Reads the words of "de", "en", "zh", or of a file NAME.json. Words that the file leaves out are English. Throws
 // std::runtime_error for an unknown language, for a file that cannot be read, and for a name that the page does not
 // know.
-Words readWords(const std::string &language);
+PageWords readWords(const std::string &language);
 
 }  // namespace station
