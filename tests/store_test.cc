@@ -340,7 +340,7 @@ TEST_P(Store, KeepsRecordsWhole) {
     for (size_t i = 0; i < stored.steps.size(); ++i) stored.steps[i].planned = run.steps[i].planned;  // not kept
     EXPECT_EQ(dump(stored, 2), dump(run, 2));
     database.run("DELETE FROM steps");  // by another program
-    EXPECT_EQ(loadRun(database, run.id).steps.at(0).measurements.size(), 2);
+    EXPECT_TRUE(loadRun(database, run.id).steps.empty());
 }
 
 TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {

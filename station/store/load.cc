@@ -42,7 +42,11 @@ RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &m
     run["files"] = files;
     Json &all = run["steps"] = Json::array();
     for (const Json &step : steps) stepOf(all, step).update(step);
-    for (const Json &found : measurements) stepOf(all, found)["measurements"].push_back(found);
+    // A step that another program has removed is not made up: it would count as not run, and the run as failed.
+    for (const Json &found : measurements) {
+        const size_t index = found["step"].get<size_t>() - 1;
+        if (index < all.size()) all[index]["measurements"].push_back(found);
+    }
     return parseRecord(dump(run));
 }
 
