@@ -398,6 +398,11 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
     EXPECT_EQ(values[0] + " " + values[1], here + " left");
     EXPECT_THAT(cells(histogram(database, {{}, "line"}, values[3], 4, By::kPlace), 0),
                 ElementsAre(values[7], values[9], values[1], values[5], values[6]));
+    const size_t names = measuredValues(database, {{}, "line"}).rows.size();
+    for (const Value &unit : {Value("another"), Value()}) {
+        database.run("UPDATE measurements SET unit = $1 WHERE run = (SELECT min(run) FROM measurements)", {unit});
+        EXPECT_EQ(measuredValues(database, {{}, "line"}).rows.size(), 2 * names);
+    }
 }
 
 TEST_P(Store, ShowsRunsSideBySideWhateverTheirStepsMeasure) {

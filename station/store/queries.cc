@@ -57,7 +57,8 @@ public:
         if (plan_) readings += " AND m.plan = $3";
         if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
         if (!name.empty()) values_.emplace_back(name);
-        if (!name.empty()) readings += fmt::format(" AND m.name = ${}", values_.size());
+        words["name"] = fmt::format("${}", values_.size());
+        if (!name.empty()) readings += " AND m.name = {name}";
         words["readings"] = readings;
         return ask(database, file, words);
     }
@@ -159,11 +160,16 @@ Table yields(Database &database, const Filter &filter, By by) {
         {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place"}},
         {By::kPlan, {"r.plan", "plan"}}};
     const auto &[group, names] = groups.at(by);
+    // Without groups: SQLite would sort all runs to put them into one.
+    const char *const parts = by == By::kAll     ? "HAVING count(*) > 0"
+                              : by == By::kPlace ? "GROUP BY 1, 2"
+                                                 : "GROUP BY 1";
     const char *const rank =
         database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY r.seconds)" : "nearest_rank(r.seconds, {})";
     return Question(filter).ask(database, "yields",
                                 {{"group", group},
                                  {"names", names},
+                                 {"parts", parts},
                                  {"ordinals", by == By::kPlace ? "1, 2" : "1"},
                                  {"join", by == By::kPlace ? "JOIN stations s ON s.id = r.station" : ""},
                                  {"median", fmt::format(fmt::runtime(rank), 0.5)},
@@ -182,21 +188,29 @@ Table failuresByCause(Database &database, const Filter &filter) {
 
 Table measuredValues(Database &database, const Filter &filter, const std::string &name, By by) {
     const bool places = by == By::kPlace;
-    const Words words = {
+    const Words groups = {
         {"group", std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
         {"join", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
+        {"parts", places ? "GROUP BY 1, 2, 3, 4, 5" : "GROUP BY 1, 2, 3"},
         {"ordinals", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
-    // One query per plan and name: an index answers it. To group all values in one query, SQLite would sort them.
+    // One query per plan and name: an index answers it. To group all values in one query, SQLite would sort them. It
+    // sorts even those of one plan and name, unless all have the same unit and thus need no groups.
+    const Words oneUnit = {{"group", "CAST($3 AS TEXT) AS plan, CAST({name} AS TEXT) AS name, min(m.unit) AS unit"},
+                           {"join", ""},
+                           {"parts", "HAVING count(*) > 0 AND (count(m.unit) = 0 OR"
+                                     " count(m.unit) = count(*) AND min(m.unit) = max(m.unit))"},
+                           {"ordinals", "1, 2, 3"}};
     auto names = database.ask(sqlOf(database.shared(), "measured_names")).rows;
     std::erase_if(names, [&](const auto &row) {
         return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);
     });
     Filter one = filter;
     // The head, without rows. It needs a name: without one, the database would read all values.
-    Table all = Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", "-", words);
+    Table all = Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", "-", groups);
     for (const auto &row : names) {
         one.plan = *row[1];
-        const Table found = Question(one).askReadings(database, "values", *row[0], words);
+        Table found = places ? Table() : Question(one).askReadings(database, "values", *row[0], oneUnit);
+        if (found.empty()) found = Question(one).askReadings(database, "values", *row[0], groups);
         all.rows.insert(all.rows.end(), found.rows.begin(), found.rows.end());
         for (size_t i = 0; i < all.numbers.size(); ++i) all.numbers[i] = all.numbers[i] || found.numbers[i];
     }
@@ -218,6 +232,7 @@ Table histogram(Database &database, const Filter &filter, const std::string &nam
     return Question(filter).askReadings(database, "histogram", name,
                                         {{"count", std::to_string(ranges)},
                                          {"place", places ? "r.place_name" : "NULL"},
+                                         {"parts", places ? "part, placed.place" : "part"},
                                          {"join", places ? "JOIN runs r ON r.id = m.run" : ""}});
 }
 

@@ -11,5 +11,5 @@ FROM (SELECT {group}, count(r.attempt) AS runs,
              count(*) FILTER (WHERE r.verdict = 'interrupted') AS interrupted,
              {median} FILTER (WHERE r.attempt IS NOT NULL) AS median_seconds,
              {p90} FILTER (WHERE r.attempt IS NOT NULL) AS p90_seconds
-      FROM runs r {join} WHERE {runs} AND r.verdict <> 'running' AND NOT r.reference GROUP BY {ordinals}) AS parts
+      FROM runs r {join} WHERE {runs} AND r.verdict <> 'running' AND NOT r.reference {parts}) AS parts
 ORDER BY {ordinals}
