@@ -160,9 +160,10 @@ Table yields(Database &database, const Filter &filter, By by) {
         {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place"}},
         {By::kPlan, {"r.plan", "plan"}}};
     const auto &[group, names] = groups.at(by);
-    // Without groups: SQLite would sort all runs to put them into one.
+    // Without groups: SQLite would sort all runs to put them into one. Places first: it then compares most runs by the
+    // first key alone.
     const char *const parts = by == By::kAll     ? "HAVING count(*) > 0"
-                              : by == By::kPlace ? "GROUP BY 1, 2"
+                              : by == By::kPlace ? "GROUP BY 2, 1"
                                                  : "GROUP BY 1";
     const char *const rank =
         database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY r.seconds)" : "nearest_rank(r.seconds, {})";
