@@ -176,7 +176,7 @@ void workAtStations(const std::string &store, int stations, int places, int roun
     const auto start = Clock::now();
     {
         std::vector<std::jthread> threads;
-        threads.reserve(size_t(stations * places));
+        threads.reserve(size_t(stations) * size_t(places));
         for (int i = 0; i < stations * places; ++i) {
             threads.emplace_back([&, i] { workAtPlace(*all[size_t(i % stations)], i, rounds, session, waits); });
         }
