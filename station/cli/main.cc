@@ -1,6 +1,8 @@
 // qcstation: the test station of the factory line on the command line.
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -31,9 +33,18 @@ int exitCodeOf(const std::exception &error) {
     return kFailed;
 }
 
+// Opens the standard descriptors that the caller has closed. What is printed would otherwise go to a board or the
+// store, whose sockets would get their numbers.
+void openStandardDescriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0) open("/dev/null", O_RDWR);  // gets the lowest free number
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) try {
+    openStandardDescriptors();
     CLI::App app("The test station of the factory line: accepts boards and runs a plan on each.", "qcstation");
     app.require_subcommand(1);
     app.set_version_flag("--version", "qcstation " VERSION, "Print the version");

@@ -78,7 +78,7 @@ std::string Output::finish(const std::function<bool()> &hurry) {
     return queue_->failure;
 }
 
-// Gives up for good at the first failure.
+// Drops all that waits when a write fails, and tries again with what comes later.
 void Output::write(const std::shared_ptr<Queue> &queue, int descriptor) {
     Lock lock(queue->mutex);
     for (;;) {
