@@ -38,7 +38,7 @@ struct Discovery {
     Milliseconds limit() const { return Milliseconds(std::llround(wait * 1000)); }
 };
 
-// What "run" and "serve" do.
+// The work of "run" or "serve": a line, for so many boards.
 struct Task {
     std::string path;  // of the line's file; empty: "run", which has none
     LineFile line;

@@ -38,7 +38,7 @@ bool stopsWithin(std::chrono::seconds duration) {
 struct Signals::Reloading {
     Mutex mutex;
     bool wanted GUARDED_BY(mutex) = true;
-    int signals GUARDED_BY(mutex) = 0;  // that the thread, which reads the file, has not served; 0: there is none
+    int signals GUARDED_BY(mutex) = 0;  // that wait for the thread that reads the file; 0: there is no thread
 };
 
 Signals::Signals(SignalActions actions)

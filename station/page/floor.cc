@@ -41,7 +41,7 @@ Json failureOf(const RunRecord &run) {
 
 }  // namespace
 
-// Shows a step's picture with the tile. Returns its address; null: there is none.
+// Shows a step's picture with the tile. Returns its address, or null when the step has no picture.
 Json Floor::show(Tile &tile, const std::optional<Payload> &picture) {
     tile.picture = picture;
     return picture ? Json("/picture?sha256=" + picture->sha256) : Json();

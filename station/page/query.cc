@@ -40,7 +40,7 @@ Query::Query(const PageRequest &request) : path(request.path) {
     for (const auto &[name, value] : request.parameters) {
         if (!value.empty()) parameters[text(name).value_or("")] = *text(value);
     }
-    // What was entered in the form's fields replaces the page's period.
+    // The fields of the form replace the page's period.
     for (const auto &[entered, name] : {std::pair{"from", "since"}, {"to", "until"}}) {
         if (const auto field = parameters.extract(entered)) parameters[name] = field.mapped();
     }

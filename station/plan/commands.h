@@ -23,7 +23,7 @@ std::string faultOf(const Command &command);
 // The effect of a command on the steps after it.
 enum class Role { kPlain, kAddress, kPing, kReport, kReset, kWait, kReboot, kEnd };
 
-// What the board does with the commands that begin with a word.
+// The commands that begin with a word: their role and their payload.
 struct BoardCommand {
     std::string_view word;
     Role role = Role::kPlain;

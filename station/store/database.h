@@ -78,8 +78,8 @@ public:
     // database is upgraded by the versions that it does not have yet.
     static constexpr int kNewest = 4;
 
-    // What to do with a store that does not exist or has an older version: make or upgrade it; throw; or take it as it
-    // is, possibly without tables.
+    // A store that does not exist or has an older version is made or upgraded; is an error; or is taken as it is,
+    // possibly without tables.
     enum class Missing { kIsMade, kIsAnError, kIsIgnored };
     using EachRow = std::function<void(const Table &head, const std::vector<Value> &row)>;
     using Say = std::function<void(const std::string &)>;

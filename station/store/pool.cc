@@ -43,7 +43,7 @@ struct Entry {
     std::optional<Range> range;  // addresses
 };
 
-// What is added to a pool: the entries of a file, or one range without a file.
+// The entries that a pool gets: those of a file, or one range without a file.
 struct Addition {
     std::filesystem::path file;
     std::vector<Entry> entries;
@@ -262,7 +262,7 @@ Entry entryOf(int line, const std::string &text, bool addresses) {
     return {line, first, mac ? std::optional(Range{*mac, *mac}) : std::nullopt};
 }
 
-// Returns a fault for each entry that is an address, or for each that is none, whichever are fewer: a file with both is
+// Returns a fault for each address among the entries, or for each other entry, whichever are fewer: a file with both is
 // probably a file of addresses with a mistake.
 Strings mixtureIn(const Addition &values) {
     const auto isWritten = [](const Entry &entry) { return entry.range && entry.value.size() == 17; };
