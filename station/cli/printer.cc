@@ -16,8 +16,9 @@ constexpr size_t kMeasured = 1000;  // rows that decide the widths of all
 nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) {
     nlohmann::ordered_json json;
     for (size_t i = 0; i < row.size(); ++i) {
-        nlohmann::ordered_json &cell = json[head.columns[i]];
-        if (row[i]) cell = head.isNumber(i) ? nlohmann::ordered_json::parse(*row[i]) : nlohmann::ordered_json(*row[i]);
+        json[head.columns[i]] = !row[i]            ? nlohmann::ordered_json()
+                                : head.isNumber(i) ? nlohmann::ordered_json::parse(*row[i])
+                                                   : nlohmann::ordered_json(*row[i]);
     }
     return json;
 }

@@ -159,8 +159,9 @@ std::string runHook(const Hook &hook, const RunRecord &run, std::string_view whe
         failure = error.what();
     }
     // cppcheck-suppress knownConditionTrueFalse ; the lambda changes it
+    const char *const separator = printed.empty() ? "" : ": ";
     return fmt::format("The command {} the test, {}, failed ({}){}{}", when, programOf(hook.command), failure,
-                       printed.empty() ? "" : ": ", printed);
+                       separator, printed);
 }
 
 }  // namespace station
