@@ -428,7 +428,7 @@ Table listPools(Database &database) {
 Table listRanges(Database &database, const std::string &pool) {
     if (!findPool(database, pool)) throw Refusal(unknown(pool));
     Table ranges = database.ask(sqlOf(database.shared(), "pool_ranges"), {pool});
-    for (const size_t i : {0, 1}) {
+    for (const size_t i : {size_t{0}, size_t{1}}) {
         ranges.numbers[i] = false;
         for (auto &row : ranges.rows) row[i] = formatMac(integer(row[i]));
     }
