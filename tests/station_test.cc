@@ -173,7 +173,7 @@ Texts split(const std::string &text, char separator) {
 }
 
 // Reads a file of tests/plans, whose first paragraph explains the others. Returns the lines of each by the sign before
-// them, a blank where there is none.
+// them; a line without a sign stands under a blank.
 std::vector<std::map<char, Texts>> casesIn(const char *name) {
     std::vector<std::map<char, Texts>> cases;
     for (const std::string &line : split(contentOf(fs::path(SOURCES "/tests/plans") / name), '\n')) {

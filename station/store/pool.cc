@@ -65,7 +65,7 @@ std::string unknown(const std::string &name) {
                        name);
 }
 
-// Returns the pool of this name and kind; makes it if there is none. Throws Refusal when it is of another kind.
+// Returns the pool of this name, and makes it if it is new. Throws Refusal when it exists with another kind.
 Pool openPool(Database &database, const std::string &name, const std::string &kind, int low) {
     const std::string fault = faultOfName(name);
     if (!fault.empty() && !findPool(database, name)) throw Refusal("a plan cannot ask for this pool: " + fault);

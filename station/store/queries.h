@@ -73,7 +73,7 @@ Table choices(Database &database);
 // run.
 Table unitsLike(Database &database, const std::string &begin, int limit);
 
-// Returns all about a run, by its name. Throws Refusal when there is none.
+// Returns all about the run of this name. Throws Refusal when the store does not know it.
 std::vector<Section> showRun(Database &database, const std::string &name);
 
 }  // namespace station

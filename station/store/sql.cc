@@ -10,7 +10,7 @@ constexpr std::string_view kTypes[][3] = {
     {"@key", "TEXT", "TEXT COLLATE \"C\""},
     {"@time", "TEXT", "TIMESTAMPTZ(3)"}};
 
-// Returns the content of the file; empty when there is none.
+// Returns the content of the file, or an empty text when the program has no such file.
 std::string contentOf(const std::string &file) {
     for (const StaticFile &known : kSqlFiles) {
         if (known.name == file) return std::string(known.content);
