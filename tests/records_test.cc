@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <atomic>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "station/run/record_json.h"
@@ -28,6 +29,18 @@ TEST(Record, IsReadBackAsItWasWritten) {
     const std::string text = dump(run);
     for (size_t size = 0; size < text.size(); ++size)
         EXPECT_THROW(parseRecord(text.substr(0, size)), std::runtime_error);
+}
+
+TEST(Record, RefusesNumbersThatItsFieldsDoNotHold) {
+    for (const auto &[field, number] : {std::pair<const char *, Json>{"/place/number", 1.5},
+                                        {"/steps/0/attempts", 6.7e32},
+                                        {"/steps/0/cut", -1},
+                                        {"/files/0/size", "5"},
+                                        {"/steps/0/seconds", 1e300}}) {
+        Json json = toJson(fullRun());
+        json[Json::json_pointer(field)] = number;
+        EXPECT_THROW(parseRecord(json.dump()), std::runtime_error) << field;
+    }
 }
 
 std::set<std::string> kinds(const fs::path &folder) {

@@ -1,7 +1,10 @@
 #pragma once
 // Texts from boards and people may have any bytes. These functions make them fit to be shown and kept.
 
+#include <charconv>
+#include <concepts>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -31,5 +34,15 @@ size_t charactersOf(const std::string &text);
 // Returns the text if it has at most `most` bytes; otherwise its first `most` bytes, less an incomplete character at
 // the end, and "...".
 std::string shorten(const std::string &text, size_t most);
+
+// Returns the whole number that the text is, in decimal digits; nothing for any other text, and for a number that the
+// type does not hold.
+template <std::integral Number>
+std::optional<Number> wholeNumber(std::string_view text) {
+    Number number = 0;
+    const char *const end = text.data() + text.size();
+    const auto [behind, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && behind == end ? std::optional(number) : std::nullopt;
+}
 
 }  // namespace station

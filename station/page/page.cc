@@ -75,14 +75,14 @@ std::vector<Route> Page::changes() {
         const auto text = json.at("text").get<std::string>();
         if (text.size() > kLongestScan || text.find_first_of(std::string_view("\n\r\0", 3)) != std::string::npos)
             return refused(400, "expected a line of at most 1024 bytes");
-        return outcome(floor_.answer(json.at("place"), json.at("question"), text),
+        return outcome(floor_.answer(whole<int>(json.at("place")), whole<uint64_t>(json.at("question")), text),
                        "The question was answered meanwhile, or its board has gone.");
     };
     const auto seen = [this](const Json &json) {
-        return outcome(floor_.seen(json.at("place")), "There is nothing to be seen at this place.");
+        return outcome(floor_.seen(whole<int>(json.at("place"))), "There is nothing to be seen at this place.");
     };
     const auto hold = [this](const Json &json) {
-        return outcome(hold_(json.at("place"), json.at("hold")), "There is no such place.");
+        return outcome(hold_(whole<int>(json.at("place")), json.at("hold")), "There is no such place.");
     };
     return {change("/scan", R"({"place": NUMBER, "question": NUMBER, "text": TEXT})", scan),
             change("/seen", R"({"place": NUMBER})", seen),

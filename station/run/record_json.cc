@@ -6,12 +6,20 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "station/base/text.h"
 #include "station/base/time.h"
 
 namespace station {
 namespace {
 
-Milliseconds duration(const Json &json) { return Milliseconds(std::llround(json.get<double>() * 1000)); }
+constexpr double kLongestSeconds = 1e9;  // of a duration, which Clock counts in nanoseconds
+
+Milliseconds duration(const Json &json) {
+    const auto seconds = json.get<double>();
+    if (!(std::abs(seconds) <= kLongestSeconds))
+        throw std::invalid_argument(fmt::format("{} seconds are too long for a duration", seconds));
+    return Milliseconds(std::llround(seconds * 1000));
+}
 
 WallClock::time_point timeOf(const Json &json) {
     const auto time = parseIsoTime(json.get<std::string>());
@@ -54,9 +62,9 @@ StepResult stepOf(const Json &json) {
     step.verdict = verdictOf(json.at("verdict"));
     step.offset = duration(json.at("offset"));
     step.duration = duration(json.at("seconds"));
-    step.attempts = json.at("attempts");
+    step.attempts = whole<int>(json.at("attempts"));
     step.reply = json.at("reply");
-    step.cut = json.value("cut", uint64_t(0));
+    if (json.contains("cut")) step.cut = whole<uint64_t>(json["cut"]);
     step.failure = textIn(json, "failure");
     step.cause = causeOf(textIn(json, "cause"));
     step.hint = textIn(json, "hint");
@@ -70,9 +78,10 @@ RunRecord recordOf(const Json &json) {
     run.plan = json.at("plan");
     run.planDigest = textIn(json, "plan_sha256");
     for (const Json &file : json.value("files", Json::array())) {
-        run.files.push_back({file.at("step"), file.at("name"), file.at("size"), file.at("sha256")});
+        run.files.push_back(
+            {whole<size_t>(file.at("step")), file.at("name"), whole<uint64_t>(file.at("size")), file.at("sha256")});
     }
-    run.place = {json.at("place").at("number"), json.at("place").at("name")};
+    run.place = {whole<int>(json.at("place").at("number")), json.at("place").at("name")};
     if (json.contains("station")) run.station = {json["station"].at("name"), textIn(json["station"], "key")};
     run.peer = json.at("peer");
     run.unit = json.at("unit");
@@ -142,6 +151,15 @@ Cause causeOf(const std::string &text) {
     }
     throw std::invalid_argument(fmt::format("\"{}\" is not a cause", text));
 }
+
+template <std::integral Number>
+Number whole(const Json &json) {
+    const auto number = wholeNumber<Number>(json.dump());
+    if (!number) throw Json::type_error::create(302, "expected a whole number within range", &json);
+    return *number;
+}
+template int whole<int>(const Json &);
+template uint64_t whole<uint64_t>(const Json &);
 
 RunRecord parseRecord(const std::string &text) try {
     return recordOf(Json::parse(text));

@@ -5,6 +5,7 @@
 //     const std::string text = dump(run, 2);
 //     const RunRecord same = parseRecord(text);
 
+#include <concepts>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
@@ -25,6 +26,11 @@ std::string dump(const RunRecord &run, int indent = -1);
 
 // Returns the cause whose textOf() this is. Throws std::invalid_argument for any other text.
 Cause causeOf(const std::string &text);
+
+// Returns a whole number of a foreign document. Throws Json::type_error for other JSON, such as 1.5, and for a number
+// that the type does not hold: get<int>() would take both, with any result.
+template <std::integral Number>
+Number whole(const Json &json);
 
 // Reads a record. Fields that an older version left out are empty; fields that a newer one added are ignored;
 // StepResult::show is not part of a record. Throws std::runtime_error when the text is not a complete record.

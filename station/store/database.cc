@@ -38,6 +38,12 @@ Value text(const std::string &value) {
 
 Value number(double value) { return std::isfinite(value) ? Value(fmt::format("{}", value)) : std::nullopt; }
 
+int64_t integer(const Value &cell) {
+    const auto number = wholeNumber<int64_t>(cell.value_or("0"));
+    if (!number) throw StoreError(fmt::format("the store has \"{}\" in the place of a whole number", *cell));
+    return *number;
+}
+
 Database::Database(const std::string &name, Missing missing, const Say &say)
     : shared_(isShared(name)), driver_(connect(name, missing)) {
     if (missing == Missing::kIsIgnored) return;
@@ -109,7 +115,7 @@ int Database::version() {
     const Table known = ask(shared_ ? "SELECT tablename FROM pg_tables WHERE tablename = 'schema_version'"
                                       " AND schemaname = current_schema()"
                                     : "SELECT name FROM sqlite_master WHERE name = 'schema_version'");
-    return known.empty() ? 0 : std::stoi(ask("SELECT max(version) FROM schema_version").rows[0][0].value_or("0"));
+    return known.empty() ? 0 : int(integer(ask("SELECT max(version) FROM schema_version").rows[0][0]));
 }
 
 // SQLite drops a table that others refer to only while foreign keys are off. They can only be switched outside of a

@@ -70,6 +70,9 @@ std::string shownName(const std::string &name);
 Value text(const std::string &value);
 Value number(std::integral auto value) { return std::to_string(value); }
 Value number(double value);
+// Returns the whole number that a cell holds; 0 for NULL. Throws StoreError for another value, which this program has
+// not written.
+int64_t integer(const Value &cell);
 
 // Must be used by one thread at a time.
 class Database {

@@ -29,7 +29,7 @@ Json jsonOf(const Table &table) {
 
 // Returns the step that a row belongs to. Those of an interrupted run may have gaps, which are filled.
 Json &stepOf(Json &steps, const Json &row) {
-    const size_t number = std::clamp<size_t>(row["step"], 1, kMostSteps);
+    const size_t number = std::clamp<size_t>(whole<size_t>(row["step"]), 1, kMostSteps);
     while (steps.size() < number) steps.push_back(toJson(StepResult()));
     return steps[number - 1];
 }
@@ -44,7 +44,7 @@ RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &m
     for (const Json &step : steps) stepOf(all, step).update(step);
     // A step that another program has removed is not made up: it would count as not run, and the run as failed.
     for (const Json &found : measurements) {
-        const size_t index = found["step"].get<size_t>() - 1;
+        const size_t index = whole<size_t>(found["step"]) - 1;
         if (index < all.size()) all[index]["measurements"].push_back(found);
     }
     return parseRecord(dump(run));

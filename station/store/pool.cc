@@ -51,7 +51,6 @@ struct Addition {
     std::string at(int line) const { return line == 0 ? "" : fmt::format("{}:{}: ", file.string(), line); }
 };
 
-int64_t integer(const Value &value) { return value ? std::stoll(*value) : 0; }
 double realOf(const Value &value) { return value ? std::stod(*value) : 0; }
 
 std::optional<Pool> findPool(Database &database, const std::string &name) {

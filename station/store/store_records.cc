@@ -33,7 +33,7 @@ UnitHistory historyOf(Database &database, const RunRecord &run) {
          database.ask(sqlOf(database.shared(), "runs_of_unit"), {text(run.unit), text(run.plan)}).rows) {
         if (history.where.empty()) {
             history.when = parseIsoTime(row[1].value_or("")).value_or(run.start);
-            history.where = nameOf(Place{std::stoi(*row[2]), *row[3]});
+            history.where = nameOf(Place{int(integer(row[2])), *row[3]});
             if (*row[4] != run.station.name) history.where += " of the station " + *row[4];
         }
         if (row[0] == "passed") break;
