@@ -86,7 +86,12 @@ def surplus(cable, station):
 
 
 def silent(cable, station):
-    """Silent strangers on one cable do not delay the boards on the other."""
+    """Silent strangers on one cable do not delay the boards on the other. Those that fill the room have less time."""
+    strangers = [cables[1].socket(), *[cables[0].socket() for _ in range(8)]]
+    for stranger in strangers: stranger.connect(STATION)
+    session(cables[0])
+    assert len(strangers[0].recv(128)) == 64 and not select.select(strangers[:1], [], [], 0)[0]
+    for stranger in strangers: stranger.close()
     with flood(cables[0], 1000, 64, False):
         for _ in range(20): session(cables[1])
 

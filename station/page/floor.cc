@@ -118,7 +118,6 @@ void Floor::boardEnds(const RunRecord &run) {
     if (const StepResult *const failed = run.firstFailed(); failed != nullptr && failed->cause == Cause::kUnit)
         tile.json["failure"]["picture"] = show(tile, failed->picture);
     if (run.again()) tile.json["todo"] = todoAbout(run);
-    if (run.again() && todoAbout(run) == todoAbout(run.cause)) tile.json["cause"] = textOf(run.cause);
     tile.started = Clock::now();
     if (!run.counts()) return;
     shift_.renew();

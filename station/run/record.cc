@@ -17,7 +17,7 @@ constexpr std::array<std::string_view, 3> kVerdicts = {"not run", "passed", "fai
 constexpr std::array<std::string_view, 5> kCauses = {"", "unit", "connection", "station", "operator"};
 constexpr std::array<std::string_view, 5> kTodos = {
     "", "", "Cable or power: plug the board in, then switch it off and on.",
-    "Not the board's fault: tell the line engineer. To test the board again, switch it off and on.",
+    "Not the board's fault: call the engineer. Then switch it off and on.",
     "Switch the board off and on to test it again."};
 
 size_t count(const std::vector<StepResult> &steps, Verdict verdict) {

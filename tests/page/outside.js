@@ -10,6 +10,8 @@ const check = (element, frame) => {
 const screen = new DOMRect(0, 0, innerWidth, innerHeight);
 const parts = 'header, #scan, #scan *, #shift dd, main, .tile, #list, footer, #line, nav *';
 for (const element of document.querySelectorAll(parts)) check(element, screen);
+const list = document.querySelector('#list');
+for (const name of list.querySelectorAll('strong')) check(name, list.getBoundingClientRect());
 for (const tile of document.querySelectorAll('.tile')) {
     for (const part of tile.children) check(part, tile.getBoundingClientRect());
     const verdict = tile.querySelector('.verdict');

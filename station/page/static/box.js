@@ -185,12 +185,11 @@ async function look(number) {
     lookedAt = now();
     const reply = await fetch(`/api/steps?place=${number}`);
     if (!reply.ok) return;
-    const {place, steps} = await reply.json();
-    if (!looked) looked = place;
-    if (looked.number !== number) return;
-    looked = place;
+    const {steps} = await reply.json();
+    if (looked && looked.number !== number) return;
+    looked = tiles.get(number).place;
     at('look').hidden = false;
-    set(at('looked'), [place.name, place.unit].filter(Boolean).join('  '));
+    set(at('looked'), [looked.name, looked.unit].filter(Boolean).join('  '));
     const rows = at('look').querySelector('tbody');
     while (rows.children.length > steps.length) rows.lastChild.remove();
     steps.forEach((step, i) => {
@@ -198,7 +197,7 @@ async function look(number) {
         const passed = step.verdict === 'passed';
         row.className = passed ? 'p' : 'f';
         const texts = [`${i + 1} ${step.title}`, passed ? '✓' : '✗', say('seconds', {n: step.seconds.toFixed(1)}),
-                       step.measurements.map(valueText).join(', ') || step.failure || step.reply];
+                       step.measurements.map(valueText).join(', ') || translated(step.failure || '') || step.reply];
         texts.forEach((text, j) => set(row.children[j] || make(row, 'td'), text));
     });
 }

@@ -5,6 +5,7 @@
 const at = id => document.getElementById(id);
 const tiles = new Map();    // by the place's number: its elements, and what is known of the place
 let words = {};             // every text of the page, by its name
+let sayings = [];           // of each text that the station itself says: its name, and an expression for it in English
 let line = {};              // what concerns all places
 let shift = {};
 let version, served;        // of this page's files; of those that the station has now
@@ -15,6 +16,28 @@ const now = () => performance.now() / 1000;
 
 function say(name, values = {}) {
     return (words[name] ?? name).replace(/\{(\w+)\}/g, (all, key) => values[key] ?? all);
+}
+
+// A text of the station in the page's language, and what it quotes, too. One that has no words stays as it is.
+function translated(text) {
+    for (const [name, english] of sayings) {
+        const found = english.exec(text);
+        if (!found) continue;
+        return say(name, Object.fromEntries(Object.entries(found.groups ?? {})
+            .map(([key, value]) => [key, translated(value)])));
+    }
+    return text;
+}
+
+const expressionFor = text => new RegExp(
+    `^${text.replace(/[.*+?^$()|[\]\\]/g, '\\$&').replace(/\{(\w+)\}/g, '(?<$1>.+)')}$`, 's');
+
+async function learnWords() {
+    const [ours, english] = await Promise.all(['/words.json', '/words.en.json'].map(
+        async path => (await fetch(path)).json()));
+    sayings = Object.keys(english).filter(name => name.startsWith('said:'))
+        .map(name => [name, expressionFor(english[name])]);
+    words = ours;
 }
 
 function make(parent, tag, name = '') {
@@ -50,16 +73,19 @@ function showShift() {
 }
 
 function showLine() {
-    const urgent = line.stops ? say('stops') : line.waits ? say('waits', {why: line.waits}) : '';
+    const urgent = line.stops ? say('stops') : line.waits ? say('waits', {why: translated(line.waits)}) : '';
     const strangers = line.strangers ? say('strangers', {n: line.strangers, last: line.stranger}) : '';
-    const troubles = (line.troubles || []).toReversed();
+    const troubles = (line.troubles || []).toReversed().map(text => text.replace(/(?<=^\S+ ).*/, translated));
     set(at('line'), [urgent, ...troubles, strangers].filter(Boolean).join('   ·   '));
     at('line').classList.toggle('urgent', Boolean(urgent));
 }
 
 // ---- Sound, off until somebody wants it
 
-const kTones = {asking: [660, 880], failed: [330, 220, 165], again: [440, 440]};
+// Of each sound the tones, in Hz. None is below what the loudspeaker of a screen plays.
+const kTones = {asking: [660, 880], failed: [780, 585, 440], again: [525, 525]};
+const kTone = 0.25;         // seconds from one tone to the next
+const ends = {};            // when the last sound of each kind ends
 let speaker = null;
 
 const loud = () => localStorage.getItem('sound') === 'on';
@@ -70,12 +96,14 @@ function sound(stage) {
     // Until the first key or tap a browser plays nothing, and would play all of it at once after that.
     if (speaker.state !== 'running' && !navigator.userActivation?.hasBeenActive) return;
     speaker.resume();
+    if (ends[stage] > speaker.currentTime) return;
+    const start = Math.max(speaker.currentTime, ...Object.values(ends));  // two at once would be too loud to play
+    ends[stage] = start + kTones[stage].length * kTone;
     kTones[stage].forEach((frequency, i) => {
         const tone = new OscillatorNode(speaker, {frequency});
-        const volume = new GainNode(speaker, {gain: 0.2});
-        tone.connect(volume).connect(speaker.destination);
-        tone.start(speaker.currentTime + i * 0.25);
-        tone.stop(speaker.currentTime + i * 0.25 + 0.2);
+        tone.connect(new GainNode(speaker, {gain: 0.5})).connect(speaker.destination);
+        tone.start(start + i * kTone);
+        tone.stop(start + (i + 0.8) * kTone);
     });
 }
 
@@ -155,7 +183,7 @@ function watch() {
 
 window.addEventListener('DOMContentLoaded', async () => {
     while (!words.language) {
-        try { words = await (await fetch('/words.json')).json(); }
+        try { await learnWords(); }
         catch { await new Promise(resolve => setTimeout(resolve, 1000)); }
     }
     showWords();

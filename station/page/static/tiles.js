@@ -12,6 +12,10 @@ let layout = {mode: 'full', u: 16, v: 32, width: 100};  // lengths in px: u text
 function learn(place, first) {
     const tile = tileOf(place.number);
     const before = tile.place?.stage;
+    for (const [from, ...texts] of [[place, 'name', 'blocked', 'todo'], [place.ask, 'problem'],
+                                    [place.failure, 'text', 'hint']]) {
+        for (const text of texts) { if (from?.[text]) from[text] = translated(from[text]); }
+    }
     tile.place = place;
     tile.came = now();
     if (first || before === place.stage) return;
@@ -59,7 +63,7 @@ const stepOf = (number, place, title) => `${number}/${place.steps} ${title}`;
 
 function waitingView(place, waited) {
     if (place.held) return {state: 'held', verdict: say('hold'), text: say('held')};
-    const why = place.blocked || line.waits;
+    const why = place.blocked || translated(line.waits || '');
     const blocked = {state: 'blocked', short: '!'};
     if (why) return {...blocked, words: say('noBoards', {why}), hint: say(place.blocked ? 'placeHint' : 'lineHint')};
     if (place.powered === undefined) return {words: say('waiting')};
@@ -83,7 +87,7 @@ function runningView(place, waited) {
 function endedView(place, waited) {
     const failure = place.failure || {};
     const age = say(place.seen ? 'seenFor' : 'for', {time: duration(place.age + waited)});
-    return {verdict: say(kVerdicts[place.stage]), hint: place.cause ? say(place.cause) : place.todo || failure.hint,
+    return {verdict: say(kVerdicts[place.stage]), hint: place.todo || failure.hint,
             time: place.stage === 'passed' ? say('took', {time: duration(place.seconds)}) : age,
             text: failure.step ? `${stepOf(failure.step, place, failure.title)}: ${failure.text}` : failure.text};
 }
@@ -251,11 +255,11 @@ function showList() {
     set(at('count'), failed.length ? say('count', {n: failed.length}) : say('noneFailed'));
     const list = at('list').querySelector('ul');
     while (list.children.length > failed.length) list.lastChild.remove();
-    failed.forEach(({place, came}, i) => {
+    failed.forEach(({place, came, name}, i) => {
         const item = list.children[i] || make(list, 'li');
         const view = endedView(place, now() - came);
         item.className = place.stage;
-        const texts = [[`${place.name} ${view.verdict}`, 'strong'], [view.time, 'span'],
+        const texts = [[name.textContent, 'strong'], [view.verdict, 'b'], [view.time, 'span'],
                        [view.hint || view.text || '', 'p']];
         texts.forEach(([text, tag], j) => {
             const part = item.children[j] || make(item, tag);
@@ -263,4 +267,9 @@ function showList() {
             set(part, text);
         });
     });
+    // If there are too many, each has one line; of still more only the names are there.
+    for (const form of ['', 'lines', 'names']) {
+        list.className = form;
+        if (list.scrollHeight <= list.clientHeight) return;
+    }
 }
