@@ -337,7 +337,8 @@ TEST_F(PlanTest, StepsAreRunAsTheySay) {
     const std::map<std::string, std::string> replaced = {{"long", lines.substr(0, station::kLongestOutput)},
                                                          {"longer", lines.substr(0, station::kLongestOutput + 1)},
                                                          {"longest", lines},
-                                                         {"bytes", "v=\xB1"}};
+                                                         {"bytes", "v=\xB1"},
+                                                         {"torn", "X\0Y"s}};
     for (auto &test : casesIn("runs")) {
         for (const char sign : {'<', '!', '?'}) test[sign].resize(1);
         std::string text;

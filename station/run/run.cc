@@ -6,7 +6,6 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <csignal>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -155,6 +154,10 @@ void runScriptStep(Attempt &attempt) {
     judgeOutput(attempt, script.status);
 }
 
+// Returns true for a status with which the shell says that a program cannot be run or, above 128, which signal ended
+// it. A program's own status can be the same.
+bool isShells(int status) { return status == 126 || status == 127 || (status > 128 && status < 160); }
+
 void runOnStation(Attempt &attempt) {
     StepResult &result = attempt.result;
     const Hook command{attempt.step.run, attempt.left(), attempt.course.plan.folder};
@@ -163,8 +166,7 @@ void runOnStation(Attempt &attempt) {
         result.reply += part.substr(0, kept);
         result.cut += part.size() - kept;
     });
-    // The shell's own: 126 and 127 of a program that cannot be run, more for one that a signal has ended.
-    if (status >= 126 && status < 128 + NSIG && status != attempt.step.status) {
+    if (isShells(status) && status != attempt.step.status) {
         throw std::runtime_error(
             fmt::format("the station cannot run the command, status {}: {}", status, shorten(result.reply, kQuoted)));
     }
