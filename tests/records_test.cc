@@ -62,6 +62,7 @@ TEST(Spool, HandsTheRecordsOfTheDeadToTheNext) {
         key = first.key();
         first.reserve(kept.id);
         first.reserve(reserved.id);
+        EXPECT_EQ(fs::file_size(folder.path / (key + "-" + reserved.id + ".room")), 64 << 10);
         first.keep(unfinished(kept));
         first.keep(kept);
         EXPECT_TRUE(living.kept().empty());
@@ -126,6 +127,10 @@ TEST_P(Station, MendsWhatADeadOneHasLeftInOnePlaceOnly) {
     EXPECT_EQ(verdicts(runs[3]), "interrupted interrupted");
     EXPECT_THAT(all_, HasSubstr("which are now interrupted: " + runs[3].id + "\n"));
     EXPECT_EQ(kinds(folder_ / "spool"), std::set<std::string>{".spool"});
+    die();
+    start();
+    station_->begins(runOf("later"));
+    EXPECT_EQ(std::count(all_.begin(), all_.end(), '\n'), 2) << "mended once: " << all_;
 }
 
 TEST_P(Station, WaitsForAFileThatCannotBeReadNow) {
