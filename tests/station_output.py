@@ -4,8 +4,8 @@
 Checks what qcstation prints on a terminal and as JSON in real runs, and that it stops whatever happens to its output.
 """
 
-import contextlib, fcntl, json, os, pty, re, shutil, signal, socket, struct, subprocess, sys, tempfile, termios
-import threading
+import contextlib, fcntl, json, os, pty, re, select, shutil, signal, socket, struct, subprocess, sys, tempfile
+import termios, threading, time
 import jsonschema
 from line_box import ROOT, await_line, converse, free_port, read, write
 
@@ -158,19 +158,47 @@ def check_signals(folder):
         database.accept()
         station.send_signal(signal.SIGTERM)
         assert station.wait(60) == 0
-    write(f"{folder}/slow.yaml", "{probe: false, steps: [{send: PING, expect: PING 2, timeout: 3600}]}")
+    os.mkfifo(f"{folder}/fifo")
+    command = "exec > fifo; ls /proc/self/fd; echo end; sleep 3600 & wait"
+    write(f"{folder}/slow.yaml", f"{{probe: false, steps: [{{run: '{command}', timeout: 3600}}]}}")
     reader, full = os.pipe()
     station, port = line_of(folder, "slow.yaml", stderr=full)
     os.set_blocking(full, False)
     with contextlib.suppress(BlockingIOError):
         while os.write(full, b"x"): pass
     os.set_blocking(full, True)
-    with socket.create_connection(("127.0.0.1", port)) as silent:
-        for awaited in b"step_starts", b"line_stops":
-            await_line(station, awaited)
+    station.send_signal(signal.SIGSTOP)
+    os.waitpid(station.pid, os.WUNTRACED)
+    with socket.create_connection(("127.0.0.1", port)), socket.create_connection(("127.0.0.1", port)) as second:
+        station.send_signal(signal.SIGCONT)
+        with open(f"{folder}/fifo") as command:
+            await_line(station, b"step_starts")
+            second.close()
+            await_line(station, b"it has gone before its turn")
+            inherited = list(iter(command.readline, "end\n"))
+            assert inherited == ["0\n", "1\n", "2\n", "3\n"], f"with one of ls: {inherited}"
             station.send_signal(signal.SIGTERM)
-        assert station.wait(60) == 5
+            await_line(station, b"line_stops")
+            station.send_signal(signal.SIGTERM)
+            assert station.wait(60) == 5
+            assert select.select([command], [], [], 60)[0] and not command.read(), "it goes on, or what it has started"
     os.close(reader)
+
+
+def check_reload(folder):
+    """A plan that is half written is not taken."""
+    whole = "- {send: PING, expect: PING 2}\n- {send: INFO, match: INFO}\n"
+    write(f"{folder}/written.yaml", whole * 2)
+    station, _ = line_of(folder, "written.yaml", stderr=subprocess.PIPE)
+    write(f"{folder}/written.yaml", whole[:31])
+    for name, age in ("serve", 60), ("written", -3): os.utime(f"{folder}/{name}.yaml", (time.time() - age,) * 2)
+    station.send_signal(signal.SIGHUP)
+    time.sleep(0.5)  # in which a hasty station takes it
+    write(f"{folder}/written.yaml", whole)
+    while b"read again" not in (said := station.stderr.readline()): assert said
+    assert b"plan written with 2 steps, instead of written with 4 steps" in said, said
+    station.send_signal(signal.SIGTERM)
+    assert station.wait(60) == 0
 
 
 def check_examples(folder):
@@ -229,5 +257,5 @@ with tempfile.TemporaryDirectory() as scratch:
     with open(f"{scratch}/{LONG}", "wb") as payload: payload.truncate(16 << 20)
     write(f"{scratch}/slow.yaml", "[{send: PING, expect: PING 2, timeout: 3600}]")
     for check in (check_schemas, check_questions, check_shift, check_terminal, check_unread_output, check_strangers,
-                  check_signals, check_examples):
+                  check_signals, check_reload, check_examples):
         check(scratch)

@@ -19,6 +19,7 @@
 #include "station/line/signals.h"
 #include "station/page/page.h"
 #include "station/run/events.h"
+#include "station/run/hooks.h"
 #include "station/run/results.h"
 #include "station/store/pool.h"
 #include "station/store/store_records.h"
@@ -132,27 +133,38 @@ std::string startOf(const Task &task, uint16_t port) {
 
 // ---- with boards
 
-// Reads the line's file again, without a look at `line` and `observer`, which may be gone by then. Returns the function
-// that makes the line do what the file says; if the file has a fault, only the observer is told.
-std::function<void()> reload(const Task &task, Line &line, Observer &observer) try {
+// Says what a reload has changed.
+std::string adopted(const std::string &path, const Plan &plan, const Plan &before) {
+    const std::string was = plan.digest == before.digest
+                                ? "as before"
+                                : fmt::format("instead of {} with {} steps", before.name, before.steps.size());
+    return fmt::format("line {} read again: plan {} with {} steps, {}\n", path, plan.name, plan.steps.size(), was);
+}
+
+// Reads the line's file again, without a look at what `line`, `observer` and `console` refer to, which may be gone by
+// then. Returns the function that makes the line do what the file says; if the file has a fault, only the observer is
+// told.
+std::function<void()> reload(const Task &task, Line &line, Observer &observer, Console &console) try {
     if (task.path.empty()) return [] {};
     awaitWriters(task.path);
     const LineFile file = loadLine(task.path, poolNames);
     needAnswers(file, task.line.page.has_value(), task.json);
-    return [job = std::make_shared<const Job>(file), path = file.sameStation(task.line) ? "" : task.path, &line,
-            &observer] {
-        if (!path.empty())
+    return [job = std::make_shared<const Job>(file), same = file.sameStation(task.line), path = task.path, &line,
+            &observer, &console] {
+        if (!same)
             observer.trouble(path + ": a change of address, places, records or page takes effect at the next start");
         if (!job->plan.warnings.empty()) observer.trouble(job->plan.warnings);
-        line.change(job);
+        console.say(adopted(path, job->plan, line.change(job)->plan));
     };
 } catch (const std::exception &error) {
     return [why = fmt::format("the line goes on as before: {}", error.what()), &observer] { observer.trouble(why); };
 }
 
-[[noreturn]] void endAtOnce(const Unfinished &unfinished) {
-    printError("ended at once\n" + unfinished.describe());
-    _exit(kInterrupted);
+void endAtOnce(const Unfinished &unfinished) {
+    killCommands([&] {
+        printError("ended at once\n" + unfinished.describe());
+        _exit(kInterrupted);
+    });
 }
 
 std::string summaryOf(const Task &task, const Outcome &outcome) {
@@ -192,8 +204,8 @@ int work(const Task &task, Console &console, Records &records) {
         stop.request();
         line.wake();
     };
-    const Signals signals(
-        {end, [&] { endAtOnce(unfinished); }, [task, &line, &observers] { return reload(task, line, observers); }});
+    const Signals signals({end, [&] { endAtOnce(unfinished); },
+                           [task, &line, &observers, &console] { return reload(task, line, observers, console); }});
     const auto tell = [&](const std::string &trouble) { observers.trouble(trouble); };
     std::shared_ptr<void> quiet(nullptr, [&](void *) {
         if (page) page->stop();

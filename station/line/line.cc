@@ -111,9 +111,9 @@ Outcome Line::run(int boards, Milliseconds wait) {
     return serve();
 }
 
-void Line::change(std::shared_ptr<const Job> job) {
+std::shared_ptr<const Job> Line::change(std::shared_ptr<const Job> job) {
     const Lock lock(mutex_);
-    job_ = std::move(job);
+    return std::exchange(job_, std::move(job));
 }
 
 bool Line::hold(int number, bool held) {

@@ -54,8 +54,8 @@ public:
     // Runs the job on every board that comes, until the stop is requested.
     Outcome serve() UNCHECKED_THREADS;  // begins and ends all other threads
 
-    // Sets the job for boards that come from now on. May be called by any thread.
-    void change(std::shared_ptr<const Job> job);
+    // Sets the job for boards that come from now on, and returns the one before. May be called by any thread.
+    std::shared_ptr<const Job> change(std::shared_ptr<const Job> job);
     // Holds or releases a place; a held place takes no board. Returns false when there is no such place. May be called
     // by any thread.
     bool hold(int number, bool held);

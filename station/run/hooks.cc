@@ -13,12 +13,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
 #include "station/base/descriptor.h"
+#include "station/base/mutex.h"
 #include "station/base/text.h"
 #include "station/plan/variables.h"
 #include "station/run/record_json.h"
@@ -28,25 +29,27 @@ namespace {
 
 constexpr size_t kOutputShown = 400;  // bytes, from the end
 
+// The commands in work. While the mutex is locked, none starts, and the end of none is noticed.
+struct {
+    Mutex mutex;
+    std::set<pid_t> groups GUARDED_BY(mutex);
+} commands;
+
 std::string verdictOf(const RunRecord &run) {
     if (run.passed()) return "passed";
     return run.ended() || run.interrupted || run.failures() > 0 || !run.failure.empty() ? "failed" : "";
 }
 
-// Returns the environment as "NAME=VALUE" texts. The station's own names come last, so that no variable replaces them.
+// Returns the environment as "NAME=VALUE" texts. The shell takes the last one of a name: the station's own.
 std::vector<std::string> environmentFor(const RunRecord &run) {
-    std::map<std::string, std::string> values;
-    for (char **entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const size_t end = text.find('=');
-        if (end != std::string::npos) values[text.substr(0, end)] = text.substr(end + 1);
-    }
-    for (const auto &[name, value] : run.variables) values["QC_" + name] = value.substr(0, value.find('\0'));
-    const std::array<std::string, kStationNames.size()> own = {run.id, run.place.name, verdictOf(run)};
-    for (size_t i = 0; i < own.size(); ++i) values[fmt::format("QC_{}", kStationNames[i])] = own[i];
     std::vector<std::string> environment;
-    environment.reserve(values.size());
-    for (const auto &[name, value] : values) environment.push_back(fmt::format("{}={}", name, value));
+    for (char **entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
+    const auto add = [&](std::string_view name, const std::string &value) {
+        environment.push_back(fmt::format("QC_{}={}", name, value.c_str()));  // up to the first NUL
+    };
+    for (const auto &[name, value] : run.variables) add(name, value);
+    const std::array<std::string, kStationNames.size()> own = {run.id, run.place.name, verdictOf(run)};
+    for (size_t i = 0; i < own.size(); ++i) add(kStationNames[i], own[i]);
     return environment;
 }
 
@@ -84,7 +87,9 @@ pid_t start(const Hook &hook, const RunRecord &run, int input, int output) {
     posix_spawnattr_setsigdefault(&attributes, &pipe);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     pid_t pid = 0;
+    const Lock lock(commands.mutex);
     const int error = posix_spawn(&pid, shell.c_str(), &files, &attributes, words, entries.data());
+    if (error == 0) commands.groups.insert(pid);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
     return error == 0 ? pid : -error;
@@ -111,9 +116,10 @@ std::optional<int> await(pid_t pid, Milliseconds limit, int output, const Take &
         ended = polled[0].revents != 0;
         if (polled[1].revents != 0 && !takeOutput(output, take)) output = -1;
     }
-    if (!ended) {
-        kill(-pid, SIGKILL);
-        kill(pid, SIGKILL);  // it may have left its process group
+    if (!ended) kill(-pid, SIGKILL);
+    {
+        const Lock lock(commands.mutex);
+        commands.groups.erase(pid);
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -143,6 +149,12 @@ int runShell(const Hook &command, const RunRecord &run, const Take &take) {
             fmt::format("ended by signal {} ({})", WTERMSIG(*status), strsignal(WTERMSIG(*status))));
     }
     return WEXITSTATUS(*status);
+}
+
+void killCommands(const std::function<void()> &then) {
+    const Lock lock(commands.mutex);
+    for (const pid_t group : commands.groups) kill(-group, SIGKILL);
+    then();
 }
 
 std::string runHook(const Hook &hook, const RunRecord &run, std::string_view when) {

@@ -24,6 +24,10 @@ struct Hook {
 // its limit, or is ended by a signal.
 int runShell(const Hook &command, const RunRecord &run, const std::function<void(std::string_view part)> &take);
 
+// Kills all commands that run, with their process groups. Calls `then`, which is to end this process, before any thread
+// can notice that, or start another command.
+void killCommands(const std::function<void()> &then);
+
 // Runs a hook. `when` is "before" or "after". Returns an empty text when it ended with status 0, otherwise what failed,
 // with the last 400 bytes of its output.
 std::string runHook(const Hook &hook, const RunRecord &run, std::string_view when);
