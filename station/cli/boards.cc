@@ -52,7 +52,7 @@ struct Task {
 struct Console {
     explicit Console(bool events)
         : json(events), output(STDOUT_FILENO, [events](size_t dropped) {
-              return events ? Events::linesDropped(dropped)
+              return events ? linesDropped(dropped)
                             : fmt::format("{} lines are missing here, because they were not read in time\n", dropped);
           }) {}
     // Prints whole lines for people.
@@ -189,11 +189,11 @@ int work(const Task &task, Console &console, Records &records) {
     if (page) console.say(fmt::format("page {}\n", page->url()));
     console.say(startOf(task, listeners.front().port()));
     Terminal terminal(console.output, task.boards);
-    Events events(console.output);
+    const std::unique_ptr<Observer> events = eventsTo(console.output);
     Unfinished unfinished;
     Observers observers;
     observers.add(unfinished);
-    observers.add(console.json ? static_cast<Observer &>(events) : terminal);
+    observers.add(console.json ? *events : terminal);
     if (page) observers.add(page->observer());
     Stop stop;
     Units units;
@@ -249,7 +249,7 @@ bool awaitLine(Task &task, Console &console) {
         } catch (const StoreError &error) {
             if (std::exchange(told, error.what()) == error.what()) continue;
             console.say(fmt::format("line {}: waits for {}\n", task.path, told));
-            if (console.json) Events(console.output).lineWaits(told);
+            if (console.json) eventsTo(console.output)->lineWaits(told);
         }
     } while (!stopsWithin(kStoreRetry));
     return false;

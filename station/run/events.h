@@ -1,6 +1,7 @@
 #pragma once
 // Prints the line's events for programs, as lines of JSON. docs/event.schema.json describes them.
 
+#include <memory>
 #include <string>
 
 #include "station/run/observer.h"
@@ -8,30 +9,10 @@
 
 namespace station {
 
-class Events : public Observer {
-public:
-    // `output` must outlive this.
-    explicit Events(Output &output) : output_(output) {}
+// Returns an observer that prints each event. `output` must outlive it.
+std::unique_ptr<Observer> eventsTo(Output &output);
 
-    // Returns the line that reports how many lines were dropped because the reader was too slow.
-    static std::string linesDropped(size_t count);
-
-    void lineStarts(const std::vector<Place> &places) override;
-    void boardConnects(const RunRecord &run) override;
-    void stepStarts(const RunRecord &run, size_t step) override;
-    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
-    void asks(const RunRecord &run, size_t step, const std::string &prompt) override;
-    void stepEnds(const RunRecord &run, size_t step) override;
-    void boardEnds(const RunRecord &run) override;
-    void placeFree(const Place &place) override;
-    void placeHeld(const Place &place, bool held) override;
-    void strangerRefused(const std::string &peer, const std::string &why) override;
-    void lineWaits(const std::string &why) override;
-    void lineStops() override;
-    void trouble(const std::string &text) override;
-
-private:
-    Output &output_;
-};
+// Returns the line that reports how many lines were dropped because the reader was too slow.
+std::string linesDropped(size_t count);
 
 }  // namespace station

@@ -58,8 +58,6 @@ std::string summaryOf(const RunRecord &run) {
                         : "the station was stopped, or died, before the run had ended";
 }
 
-std::string_view wordOf(const RunRecord &run) { return run.passed() ? "PASS" : run.again() ? "AGAIN" : "FAIL"; }
-
 std::string todoAbout(Cause cause) { return std::string(kTodos[static_cast<size_t>(cause)]); }
 
 std::string todoAbout(const RunRecord &run) {
@@ -69,7 +67,8 @@ std::string todoAbout(const RunRecord &run) {
 
 std::string endLine(const RunRecord &run) {
     const std::string todo = todoAbout(run);
-    return oneLine(fmt::format("{}  {}{:.1f} s  {}{}", wordOf(run), run.unit.empty() ? "" : run.unit + "  ",
+    const char *const word = run.passed() ? "PASS" : run.again() ? "AGAIN" : "FAIL";
+    return oneLine(fmt::format("{}  {}{:.1f} s  {}{}", word, run.unit.empty() ? "" : run.unit + "  ",
                                run.ended() ? inSeconds(run.end - run.start) : 0, summaryOf(run),
                                todo.empty() ? "" : "  -> " + todo));
 }

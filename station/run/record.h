@@ -104,15 +104,13 @@ std::string nameOf(const Place &place);
 // passed, the number of its steps.
 std::string summaryOf(const RunRecord &run);
 
-// Returns the verdict for people: PASS, FAIL, or AGAIN when the failure is not the unit's.
-std::string_view wordOf(const RunRecord &run);
-
 // Returns what to do about a failure with this cause; empty for the unit's, for which the plan has hints.
 std::string todoAbout(Cause cause);
 // Returns what to do about the run's failure: the failed step's hint, or what its cause asks for. May be empty.
 std::string todoAbout(const RunRecord &run);
 
-// Returns a run's end in one line: verdict, unit, seconds, reason, and what to do.
+// Returns a run's end in one line: verdict (PASS, FAIL, or AGAIN when the failure is not the unit's), unit, seconds,
+// reason, and what to do.
 std::string endLine(const RunRecord &run);
 
 // Returns "20261121T173000.123Z-" and eight random hexadecimal digits.
