@@ -35,21 +35,20 @@ bool stopsWithin(std::chrono::seconds duration) {
     return signal == SIGINT || signal == SIGTERM;
 }
 
-struct Signals::Reloading {
+struct Signals::Reloads {
     Mutex mutex;
-    bool wanted GUARDED_BY(mutex) = true;
-    int signals GUARDED_BY(mutex) = 0;  // that wait for the thread that reads the file; 0: there is no thread
+    int newest GUARDED_BY(mutex) = 0;  // its number; the others are not adopted
 };
 
 Signals::Signals(SignalActions actions)
-    : actions_(std::move(actions)), reloading_(std::make_shared<Reloading>()), thread_([this] { watch(); }) {}
+    : actions_(std::move(actions)), reloads_(std::make_shared<Reloads>()), thread_([this] { watch(); }) {}
 
 Signals::~Signals() {
     ends_ = true;
     pthread_kill(thread_.native_handle(), SIGHUP);
     thread_.join();
-    const Lock lock(reloading_->mutex);
-    reloading_->wanted = false;
+    const Lock lock(reloads_->mutex);
+    ++reloads_->newest;
 }
 
 void Signals::watch() {
@@ -68,27 +67,15 @@ void Signals::watch() {
     }
 }
 
-void Signals::reload() {
-    const Lock lock(reloading_->mutex);
-    if (reloading_->signals++ > 0) return;
-    const auto work = [load = actions_.reload, state = reloading_] {
-        for (bool more = true; more;) {
-            {
-                const Lock reading(state->mutex);
-                state->signals = 1;
-            }
-            const std::function<void()> adopt = load();
-            const Lock adopting(state->mutex);
-            if (state->wanted) adopt();
-            more = --state->signals > 0 && state->wanted;
-        }
-    };
-    try {
-        std::thread(work).detach();
-    } catch (const std::system_error &error) {
-        reloading_->signals = 0;
-        printError(fmt::format("not reloaded, try again later: {}\n", error.what()));
-    }
+void Signals::reload() try {
+    const Lock lock(reloads_->mutex);
+    std::thread([load = actions_.reload, reloads = reloads_, number = ++reloads_->newest] {
+        const std::function<void()> adopt = load();
+        const Lock adopting(reloads->mutex);
+        if (number == reloads->newest) adopt();
+    }).detach();
+} catch (const std::system_error &error) {
+    printError(fmt::format("not reloaded, try again later: {}\n", error.what()));
 }
 
 void Unfinished::stepStarts(const RunRecord &run, size_t step) {

@@ -24,8 +24,8 @@ bool stopsWithin(std::chrono::seconds duration);
 struct SignalActions {
     std::function<void()> stop;  // at the first SIGINT or SIGTERM
     std::function<void()> end;   // at the second; the third ends the process, whatever this waits for
-    // Called at SIGHUP, in a detached thread: it must not refer to anything that it could outlive. The function
-    // that it returns is called in that thread, unless the Signals object is gone by then.
+    // Called at SIGHUP, in a detached thread: it must not refer to anything that it could outlive. The function that it
+    // returns is called in that thread, unless another SIGHUP has come, or the Signals object is gone by then.
     std::function<std::function<void()>()> reload;
 };
 
@@ -37,12 +37,12 @@ public:
     Signals(const Signals &) = delete;
 
 private:
-    struct Reloading;
+    struct Reloads;
     void watch();
     void reload();
 
     SignalActions actions_;
-    const std::shared_ptr<Reloading> reloading_;
+    const std::shared_ptr<Reloads> reloads_;
     std::atomic<bool> ends_ = false;
     std::thread thread_;
 };
