@@ -16,6 +16,10 @@
 namespace station {
 namespace {
 
+constexpr uint64_t kLargestFile = 1 << 18;  // bytes: a hundred times what people write
+constexpr size_t kMostFaults = 50;          // that are described
+constexpr size_t kLongestPart = 64;  // bytes: the names of plan, place and run together stay below a file system's 255
+
 // Lets one document pass. The library's LoadAll() never ends on some texts: a ',' at a line's start is an empty
 // document to it, again and again; and Load() ignores what follows the first.
 class OneDocument : public YAML::EventHandler {
@@ -48,7 +52,9 @@ T readAs(const Entry &value, const char *kind) try {
 
 }  // namespace
 
-YAML::Node parseDocument(const std::string &text) try {
+YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) try {
+    const std::string text = readFile(path, kLargestFile);
+    if (read != nullptr) *read = text;
     std::istringstream stream(text);
     YAML::Parser parser(stream);
     OneDocument one;
@@ -59,12 +65,6 @@ YAML::Node parseDocument(const std::string &text) try {
     throw Fault{error.mark, "brackets or indents are nested too deeply here"};
 } catch (const YAML::Exception &error) {
     throw Fault{error.mark, fmt::format("not YAML: {}; look for a wrong character, quote or indent", error.msg)};
-}
-
-YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) try {
-    const std::string text = readFile(path, kLargestFile);
-    if (read != nullptr) *read = text;
-    return parseDocument(text);
 } catch (const std::runtime_error &error) {
     throw Fault{YAML::Mark::null_mark(), error.what()};
 }
@@ -99,12 +99,6 @@ void eachEntry(const YAML::Node &map, std::string_view what, Faults &faults,
         } catch (const std::exception &error) {
             faults.push_back({pair.second.Mark(), error.what()});
         }
-    }
-}
-
-void need(const YAML::Node &map, const std::string &name, const std::vector<std::string_view> &keys, Faults &faults) {
-    for (const std::string_view key : keys) {
-        if (!map[std::string(key)]) faults.push_back({map.Mark(), fmt::format("{} needs \"{}\"", name, key)});
     }
 }
 

@@ -26,21 +26,14 @@ struct Fault {
 };
 using Faults = std::vector<Fault>;
 
-constexpr uint64_t kLargestFile = 1 << 18;  // bytes: a hundred times what people write
-constexpr size_t kMostFaults = 50;          // that are described
-
-// Reads the only document of a text, or of a file of at most kLargestFile bytes. Throws Fault, also for a second
-// document. Sets `read` to the file's text.
-YAML::Node parseDocument(const std::string &text);
+// Reads the only document of a file of at most 256 KiB. Throws Fault, also for a second document. Sets `read` to the
+// file's text.
 YAML::Node loadDocument(const std::filesystem::path &path, std::string *read = nullptr);
 
-// Returns a line per fault: FILE:LINE:COLUMN: what is wrong.
+// Returns a line per fault, at most 50: FILE:LINE:COLUMN: what is wrong.
 std::string describe(const std::filesystem::path &path, const Faults &faults);
 
-// The most bytes of a part of a file's name: the names of plan, place and run together stay below a file system's 255.
-constexpr size_t kLongestPart = 64;
-
-// Returns why a text cannot be part of a file's name; empty when it can.
+// Returns why a text cannot be part of a file's name, at most 64 bytes without '/'; empty when it can.
 std::string faultOfPart(const std::string &text);
 
 // A value of a map. Each function throws Fault when the value is not of its type.
@@ -52,7 +45,7 @@ struct Entry {
 
     std::string text() const;
     std::string line() const;     // a text without control characters that is not empty
-    std::string part() const;     // a line that can be part of a file's name, see kLongestPart
+    std::string part() const;     // a line that can be part of a file's name
     std::string command() const;  // a text that is not empty
     int whole(int least, int most) const;
 
@@ -76,25 +69,18 @@ void setWhole(Target &target, const Entry &value) {
     target.*Member = value.whole(Least, Most);
 }
 
-// The functions that store the values of a map, by key.
-template <typename Target>
-using Readers = std::map<std::string_view, void (*)(Target &target, const Entry &value)>;
-
-// The keys that a map may have, and those that it needs.
+// The keys that a map may have, with the functions that store their values, and the keys that it needs.
 template <typename Target>
 struct Keys {
     std::string name;  // of the map, as in: a line needs "plan"
-    Readers<Target> readers;
-    std::vector<std::string_view> needed = {};
+    std::map<std::string_view, void (*)(Target &target, const Entry &value)> readers;
+    std::vector<std::string> needed = {};
 };
 
 // Calls `take` for each entry of a map. Adds duplicate keys and what it throws, Fault or an exception, to `faults`.
 // `what` completes the message `expected a map of ...`.
 void eachEntry(const YAML::Node &map, std::string_view what, Faults &faults,
                const std::function<void(const Entry &key, const Entry &value)> &take);
-
-// Adds a fault for each key that is not there.
-void need(const YAML::Node &map, const std::string &name, const std::vector<std::string_view> &keys, Faults &faults);
 
 // Reads a map into `target`, and adds its faults to `faults`.
 template <typename Target>
@@ -105,7 +91,10 @@ void readMap(const YAML::Node &node, const Keys<Target> &keys, Target &target, F
         if (reader == keys.readers.end()) key.fail(fmt::format("unknown key \"{}\" in {}", key.text(), keys.name));
         reader->second(target, value);
     });
-    if (faults.size() == before) need(node, keys.name, keys.needed, faults);  // a key may only be misspelled
+    if (faults.size() != before) return;  // a key may only be misspelled
+    for (const std::string &key : keys.needed) {
+        if (!node[key]) faults.push_back({node.Mark(), fmt::format("{} needs \"{}\"", keys.name, key)});
+    }
 }
 
 }  // namespace station
