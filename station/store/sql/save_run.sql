@@ -1,12 +1,24 @@
+-- The rows of a run and its unit. $1 is an array with the run in JSON: its record, where `verdict`, `attempt`, `seconds`,
+-- `failed_step` and `failure` are those of the table.
+INSERT INTO units (serial, product, first_seen, last_seen)
+SELECT r.unit, nullif(r.variables ->> 'product', ''), r.start, r.start FROM {run_of} WHERE r.unit <> ''
+ON CONFLICT (serial) DO UPDATE SET
+    product = coalesce(units.product, excluded.product),
+    first_seen = CASE WHEN excluded.first_seen < units.first_seen THEN excluded.first_seen ELSE units.first_seen END,
+    last_seen = CASE WHEN excluded.last_seen > units.last_seen THEN excluded.last_seen ELSE units.last_seen END;
+
 -- A run that counts keeps its number when it is written again. A new one gets it from save_attempts.sql.
 INSERT INTO runs (run, unit, plan, station, place, place_name, peer, started, ended, seconds, verdict, attempt,
                   failed_step, failure, cause, operator, reference, plan_version, variables)
-VALUES ($1, (SELECT id FROM units WHERE serial = $2), $3, (SELECT id FROM stations WHERE key = $4), $5, $6, $7, $8, $9,
-        $10, $11, $12, $13, $14, $15, $16, $17, (SELECT id FROM plan_versions WHERE digest = $18), $19)
-ON CONFLICT (run) DO UPDATE SET
+SELECT r.id, (SELECT id FROM units WHERE serial = r.unit), r.plan,
+       (SELECT id FROM stations WHERE key = r.station ->> 'key'), CAST(r.place ->> 'number' AS BIGINT),
+       r.place ->> 'name', nullif(r.peer, ''), r.start, r."end", r.seconds, r.verdict, r.attempt, r.failed_step,
+       r.failure, r.cause, r.operator, coalesce(r.reference, FALSE),
+       (SELECT id FROM plan_versions WHERE digest = r.plan_sha256), r.variables
+FROM {run_of} WHERE TRUE ON CONFLICT (run) DO UPDATE SET
     unit = excluded.unit, ended = excluded.ended, seconds = excluded.seconds, verdict = excluded.verdict,
     attempt = CASE WHEN excluded.attempt IS NOT NULL THEN coalesce(runs.attempt, excluded.attempt) END,
     failed_step = excluded.failed_step, failure = excluded.failure, cause = excluded.cause,
     operator = excluded.operator, reference = excluded.reference, plan_version = excluded.plan_version,
     variables = excluded.variables
-WHERE runs.ended IS NULL OR excluded.ended IS NOT NULL
+WHERE runs.ended IS NULL OR excluded.ended IS NOT NULL;

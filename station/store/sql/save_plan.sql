@@ -1,1 +1,0 @@
-INSERT INTO plan_versions (name, digest) VALUES ($1, $2) ON CONFLICT (digest) DO NOTHING
