@@ -73,11 +73,21 @@ TEST(Spool, HandsTheRecordsOfTheDeadToTheNext) {
     EXPECT_EQ(next.keys().size(), 2);
     ASSERT_EQ(next.kept().size(), 1);
     EXPECT_THAT(said, HasSubstr("-torn.refused cannot be read and is set aside"));
-    EXPECT_THAT(said, HasSubstr(key + ".spool holds what version 1.0"));
+    EXPECT_THAT(said, HasSubstr(key + ".spool holds runs that version 1.0"));
     EXPECT_EQ(dump(next.kept()[0]), dump(kept));
     next.forget(kept.id);
     EXPECT_TRUE(next.kept().empty());
     EXPECT_EQ(kinds(folder.path), (std::set<std::string>{".refused", ".spool"}));
+    std::vector<std::string> refused, replayed;  // in the order of their starts
+    for (const int second : {0, 1, 2, 3, 4, 5}) {
+        RunRecord run = runOf("C");
+        run.id = makeRunId(run.start + std::chrono::seconds(second));
+        next.refuse(run, "");
+        refused.push_back(run.id);
+    }
+    replay(
+        folder.path, [&](const RunRecord &run) { replayed.push_back(run.id); }, say);
+    EXPECT_EQ(replayed, refused);
 }
 
 // A station with results, on either database.

@@ -37,8 +37,8 @@ Verdict verdictOf(const Json &json) {
 // Returns the member's text, or an empty one without such a member.
 std::string textIn(const Json &json, const char *name) { return json.value(name, std::string()); }
 
-std::optional<double> limitIn(const Json &json, const char *name) {
-    return json.contains(name) ? std::optional(json.at(name).get<double>()) : std::nullopt;
+std::optional<double> numberIn(const Json &json, const char *name) {
+    return json.value(name, Json()).is_null() ? std::nullopt : std::optional(json[name].get<double>());
 }
 
 Json toJson(const Measurement &measurement) {
@@ -51,8 +51,9 @@ Json toJson(const Measurement &measurement) {
 }
 
 Measurement measurementOf(const Json &json) {
-    return {json.at("name"),      json.at("value"),     limitIn(json, "min"),
-            limitIn(json, "max"), textIn(json, "unit"), verdictOf(json.at("verdict")) == Verdict::kPassed};
+    return {json.at("name"),       numberIn(json, "value").value_or(NAN),
+            numberIn(json, "min"), numberIn(json, "max"),
+            textIn(json, "unit"),  verdictOf(json.at("verdict")) == Verdict::kPassed};
 }
 
 StepResult stepOf(const Json &json) {
@@ -71,6 +72,8 @@ StepResult stepOf(const Json &json) {
     for (const Json &measurement : json.at("measurements")) step.measurements.push_back(measurementOf(measurement));
     return step;
 }
+
+}  // namespace
 
 RunRecord recordOf(const Json &json) {
     RunRecord run;
@@ -96,8 +99,6 @@ RunRecord recordOf(const Json &json) {
     for (const Json &step : json.at("steps")) run.steps.push_back(stepOf(step));
     return run;
 }
-
-}  // namespace
 
 Json toJson(const Place &place) { return {{"number", place.number}, {"name", place.name}}; }
 

@@ -35,5 +35,7 @@ Number whole(const Json &json);
 // Reads a record. Fields that an older version left out are empty; fields that a newer one added are ignored;
 // StepResult::show is not part of a record. Throws std::runtime_error when the text is not a complete record.
 RunRecord parseRecord(const std::string &text);
+// The same from JSON. Throws any std::exception.
+RunRecord recordOf(const Json &json);
 
 }  // namespace station

@@ -35,7 +35,7 @@ Json &stepOf(Json &steps, const Json &row) {
 }
 
 // Reads the answers to load_run.sql as the JSON of a record: the run, its files, steps and measurements.
-RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &measurements) {
+RunRecord recordFrom(Json run, const Json &files, const Json &steps, const Json &measurements) {
     run["interrupted"] = run["verdict"] == "interrupted";
     run["reference"] = run["reference"] == 1;
     run["variables"] = Json::parse(run["variables"].get<std::string>());
@@ -47,7 +47,7 @@ RunRecord recordOf(Json run, const Json &files, const Json &steps, const Json &m
         const size_t index = whole<size_t>(found["step"]) - 1;
         if (index < all.size()) all[index]["measurements"].push_back(found);
     }
-    return parseRecord(dump(run));
+    return recordOf(run);
 }
 
 }  // namespace
@@ -64,17 +64,17 @@ void eachName(Database &database, const Period &period, const std::function<void
     }
 }
 
-RunRecord loadRun(Database &database, const std::string &name) {
+RunRecord loadRun(Database &database, const std::string &name) try {
     std::vector<Json> parts;
     for (const std::string &sql : statementsOf(database.shared(), "load_run")) {
         parts.push_back(jsonOf(database.ask(sql, {name})));
         if (parts[0].empty()) throw Refusal(fmt::format("the store knows no run \"{}\"", name));
     }
-    try {
-        return recordOf(parts[0][0], parts[1], parts[2], parts[3]);
-    } catch (const std::exception &error) {
-        throw Refusal(fmt::format("the run {} cannot be read from the store: {}", name, error.what()));
-    }
+    return recordFrom(parts[0][0], parts[1], parts[2], parts[3]);
+} catch (const StoreError &) {
+    throw;
+} catch (const std::exception &error) {
+    throw Refusal(fmt::format("the run {} cannot be read from the store: {}", name, error.what()));
 }
 
 }  // namespace station

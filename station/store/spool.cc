@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <random>
 
@@ -46,6 +47,12 @@ bool isKey(const fs::path &path) {
     return path.extension() == ".spool" && key.size() == 16 && digits;
 }
 
+// Returns the ID of the run that a file KEY-ID.EXTENSION is about.
+std::string idOf(const fs::path &path) {
+    const std::string stem = path.stem();
+    return stem.substr(stem.find('-') + 1);
+}
+
 std::string newKey() {
     std::random_device random;
     return fmt::format("{:08x}{:08x}", random(), random());
@@ -85,9 +92,11 @@ void Spool::adopt(const fs::path &path) {
     std::error_code error;
     if (!locks_.contains(key)) return;
     if (path.extension() == ".room") fs::remove(path, error);
-    if (path.extension() == ".json") waiting_[stem.substr(stem.find('-') + 1)] = stem;
+    if (path.extension() == ".json") waiting_[idOf(path)] = stem;
     if (path.extension() != ".spool" || fs::file_size(path, error) == 0) return;
-    say_(path.string() + " holds what version 1.0 of this program kept, which alone can write it to the store");
+    say_(path.string() +
+         " holds runs that version 1.0 of this program kept, and which this version cannot read: look them"
+         " up in the result files, then remove this file");
 }
 
 std::string Spool::key() const {
@@ -185,6 +194,7 @@ size_t replay(const fs::path &folder, const std::function<void(const RunRecord &
     for (const auto &entry : fs::directory_iterator(folder)) {
         if (entry.path().extension() == ".refused") files.push_back(entry.path());
     }
+    std::ranges::sort(files, {}, [](const fs::path &file) { return idOf(file); });  // which begins with the start
     size_t taken = 0;
     for (const fs::path &file : files) try {
             take(parseRecord(textOf(file)));

@@ -16,5 +16,5 @@ SELECT t.step, t.title, t.verdict, coalesce(t.reply, '') AS reply, t.cut, t.fail
            AND f.verdict = 'failed') THEN r.failed_step END AS planned
 FROM runs r JOIN steps t ON t.run = r.id WHERE r.run = $1 ORDER BY t.step;
 
-SELECT m.step, m.name, coalesce(m.value, 0) AS value, m.minimum AS min, m.maximum AS max, m.unit, m.verdict
+SELECT m.step, m.name, m.value, m.minimum AS min, m.maximum AS max, m.unit, m.verdict
 FROM runs r JOIN measurements m ON m.run = r.id WHERE r.run = $1 ORDER BY m.step, m.name;
