@@ -30,12 +30,24 @@ Json rowOf(const RunRecord &run, bool inWork) {
     row["station"] = {{"name", run.station.name}, {"key", run.station.key}};  // also when only the key is known
     row["verdict"] = verdictIn(run, inWork);
     if (run.ended()) row["seconds"] = inSeconds(run.end - run.start);
-    if (run.counts()) row["attempt"] = run.unit.empty() ? 1 : 0;
+    row["counts"] = run.counts();
     if (const StepResult *const failed = run.firstFailed()) {
         row["failed_step"] = failed->planned.empty() ? failed->title : failed->planned;
         if (run.failure.empty() && !failed->failure.empty()) row["failure"] = failed->failure;
     }
     return row;
+}
+
+void addSteps(Json &rows, const RunRecord &run, size_t first) {
+    for (size_t i = first; i < run.steps.size(); ++i) {
+        const StepResult &step = run.steps[i];
+        const bool passedOver = !step.failure.empty();  // says why it was not run, while later steps may still run
+        if (!run.ended() && step.verdict == Verdict::kNotRun && !passedOver) continue;
+        Json &row = rows.emplace_back(toJson(step));
+        row["run"] = run.id;
+        row["step"] = i + 1;
+        if (!step.hint.empty()) row["hint"] = step.hint;  // also of a step that passed
+    }
 }
 
 }  // namespace
@@ -46,24 +58,17 @@ std::string verdictIn(const RunRecord &run, bool inWork) {
     return run.passed() ? "passed" : "failed";
 }
 
-void saveSteps(Database &database, const RunRecord &run, size_t first) {
-    Json steps = Json::array();
-    for (size_t i = first; i < run.steps.size(); ++i) {
-        const StepResult &step = run.steps[i];
-        const bool passedOver = !step.failure.empty();  // says why it was not run, while later steps may still run
-        if (!run.ended() && step.verdict == Verdict::kNotRun && !passedOver) continue;
-        Json &row = steps.emplace_back(toJson(step));
-        row["step"] = i + 1;
-        if (!step.hint.empty()) row["hint"] = step.hint;  // also of a step that passed
-    }
-    if (!steps.empty()) queue(database, "save_steps", {run.id, parameter(steps)});
+void saveSteps(Database &database, const std::vector<StepsOf> &all) {
+    Json rows = Json::array();
+    for (const StepsOf &part : all) addSteps(rows, part.run, part.first);
+    if (!rows.empty()) queue(database, "save_steps", {parameter(rows)});
 }
 
 void save(Database &database, const RunRecord &run, bool inWork, size_t first) {
     const std::string row = parameter(Json::array({rowOf(run, inWork)}));
     if (first == 0) queue(database, "save_references", {row});
     queue(database, "save_run", {row});
-    saveSteps(database, run, first);
+    saveSteps(database, {{run, first}});
     if (run.counts() && !run.unit.empty())
         queue(database, "save_attempts", {text(run.unit), text(run.plan).value_or("")});
 }

@@ -2,6 +2,7 @@
 // Writes records of runs to a store. Only this file turns a record into rows; load.h reads them back.
 
 #include <string>
+#include <vector>
 
 #include "station/run/record.h"
 #include "station/store/database.h"
@@ -16,8 +17,14 @@ namespace station {
 //     database.transact([&] { save(database, run); });
 void save(Database &database, const RunRecord &run, bool inWork = false, size_t first = 0);
 
-// Writes only the steps, from `first` on, of a run in work that the store knows.
-void saveSteps(Database &database, const RunRecord &run, size_t first);
+// The steps of a run from `first` on.
+struct StepsOf {
+    const RunRecord &run;
+    size_t first;
+};
+
+// Writes only those steps that have ended, of runs that the store knows.
+void saveSteps(Database &database, const std::vector<StepsOf> &all);
 
 // Returns the verdict as the store spells it: running, passed, failed, interrupted.
 std::string verdictIn(const RunRecord &run, bool inWork = false);

@@ -71,8 +71,8 @@ private:
     std::map<std::string, std::string> waiting_ GUARDED_BY(mutex_);  // file names without extension, by the run's ID
 };
 
-// Passes each refused record of the folder to `take`, in the order of their starts. Removes it, or keeps it when `take` throws. Returns how many were
-// removed.
+// Passes each refused record of the folder to `take`, in the order of their starts. Removes it, or keeps it when `take`
+// throws. Returns how many were removed.
 size_t replay(const std::filesystem::path &folder, const std::function<void(const RunRecord &)> &take,
               const Spool::Say &say);
 

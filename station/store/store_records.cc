@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "station/base/machine.h"
+#include "station/base/text.h"
 #include "station/store/mend.h"
 #include "station/store/pool.h"
 #include "station/store/save.h"
@@ -26,14 +27,13 @@ constexpr Seconds kPoolsLook{3600};  // between two looks at what is left of the
 // Returns an SQL condition: the station s was seen within the last `ago` seconds.
 std::string wasSeen(const Database &database, Seconds ago) { return "s.seen > " + database.timeBefore(ago); }
 
-// Looks at the runs that count, the last one first.
-UnitHistory historyOf(Database &database, const RunRecord &run) {
+// Returns the history from the runs that count, the last one first.
+UnitHistory historyOf(const Table &runs, const RunRecord &run) {
     UnitHistory history;
-    for (const auto &row :
-         database.ask(sqlOf(database.shared(), "runs_of_unit"), {text(run.unit), text(run.plan)}).rows) {
+    for (const auto &row : runs.rows) {
         if (history.where.empty()) {
             history.when = parseIsoTime(row[1].value_or("")).value_or(run.start);
-            history.where = nameOf(Place{int(integer(row[2])), *row[3]});
+            history.where = nameOf(Place{wholeNumber<int>(*row[2]).value_or(0), *row[3]});
             if (*row[4] != run.station.name) history.where += " of the station " + *row[4];
         }
         if (row[0] == "passed") break;
@@ -257,7 +257,10 @@ std::optional<UnitHistory> StoreRecords::named(const RunRecord &run) try {
         return std::nullopt;
     }
     const auto history = std::make_shared<UnitHistory>();
-    asUnit(run, "*", [=](Database &database, const RunRecord &known) { *history = historyOf(database, known); });
+    asUnit(run, "*", [=](Database &database, const RunRecord &known) {
+        database.queue(sqlOf(database.shared(), "runs_of_unit"), {text(known.unit), text(known.plan)},
+                       [history, known](const Table &runs) { *history = historyOf(runs, known); });
+    });
     return *history;
 } catch (const Refusal &) {
     throw;
@@ -307,7 +310,23 @@ void StoreRecords::stepEnded(const RunRecord &ended, size_t step) {
     const Shared run = mine(unfinished(ended));
     const auto course = courseOf(ended);
     if (files_) files_->stepEnded(*run, step);
-    writer_.later({[=](Database &store) { saveSteps(store, *run, course->steps); }, [=] { course->steps = step + 1; }});
+    {
+        const Lock lock(mutex_);
+        behind_[run->id] = {run, course, step + 1};
+    }
+    const auto taken = std::make_shared<std::map<std::string, Behind>>();  // what all boards have reported until then
+    const auto write = [this, taken](Database &store) {
+        std::vector<StepsOf> steps;
+        {
+            const Lock lock(mutex_);
+            taken->merge(behind_);
+        }
+        for (const auto &[id, behind] : *taken) steps.push_back({*behind.run, behind.course->steps});
+        saveSteps(store, steps);
+    };
+    writer_.later({write, [taken] {
+                       for (const auto &[id, behind] : *taken) behind.course->steps = behind.steps;
+                   }});
 }
 
 void StoreRecords::ends(const RunRecord &ended) {

@@ -74,6 +74,13 @@ private:
     void heartbeat(Database &database);
     void warnOfPools(Database &database);
 
+    // A run that has steps which the store does not have yet.
+    struct Behind {
+        Shared run;
+        std::shared_ptr<Course> course;
+        size_t steps;  // that have ended
+    };
+
     Shared mine(RunRecord run) const;
     std::shared_ptr<Course> courseOf(const RunRecord &run);
     void asUnit(const RunRecord &named, const std::string &pool,
@@ -90,6 +97,7 @@ private:
 
     Mutex mutex_;                                                               // of what follows
     std::map<std::string, std::shared_ptr<Course>> inWork_ GUARDED_BY(mutex_);  // by the run's ID
+    std::map<std::string, Behind> behind_ GUARDED_BY(mutex_);                   // likewise
     std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);  // what was left of a pool when it was last said
     std::vector<Shared> unkept_ GUARDED_BY(mutex_);           // nothing has taken their ends
     std::function<void(const std::string &)> trouble_ GUARDED_BY(mutex_);

@@ -1,5 +1,5 @@
--- The rows of a run and its unit. $1 is an array with the run in JSON: its record, where `verdict`, `attempt`, `seconds`,
--- `failed_step` and `failure` are those of the table.
+-- The rows of a run and its unit. $1 is an array with the run in JSON: its record, where `verdict`, `seconds`,
+-- `failed_step` and `failure` are those of the table, and `counts` says that it has an `attempt`.
 INSERT INTO units (serial, product, first_seen, last_seen)
 SELECT r.unit, nullif(r.variables ->> 'product', ''), r.start, r.start FROM {run_of} WHERE r.unit <> ''
 ON CONFLICT (serial) DO UPDATE SET
@@ -7,13 +7,16 @@ ON CONFLICT (serial) DO UPDATE SET
     first_seen = CASE WHEN excluded.first_seen < units.first_seen THEN excluded.first_seen ELSE units.first_seen END,
     last_seen = CASE WHEN excluded.last_seen > units.last_seen THEN excluded.last_seen ELSE units.last_seen END;
 
--- A run that counts keeps its number when it is written again. A new one gets it from save_attempts.sql.
+-- A run that counts keeps its number when it is written again. That of a new one is right unless runs come late, when
+-- save_attempts.sql corrects it.
 INSERT INTO runs (run, unit, plan, station, place, place_name, peer, started, ended, seconds, verdict, attempt,
                   failed_step, failure, cause, operator, reference, plan_version, variables)
 SELECT r.id, (SELECT id FROM units WHERE serial = r.unit), r.plan,
        (SELECT id FROM stations WHERE key = r.station ->> 'key'), CAST(r.place ->> 'number' AS BIGINT),
-       r.place ->> 'name', nullif(r.peer, ''), r.start, r."end", r.seconds, r.verdict, r.attempt, r.failed_step,
-       r.failure, r.cause, r.operator, coalesce(r.reference, FALSE),
+       r.place ->> 'name', nullif(r.peer, ''), r.start, r."end", r.seconds, r.verdict,
+       CASE WHEN r.counts THEN 1 + (SELECT coalesce(max(o.attempt), 0) FROM runs o JOIN units u ON u.id = o.unit
+           WHERE u.serial = r.unit AND o.plan = r.plan) END,
+       r.failed_step, r.failure, r.cause, r.operator, coalesce(r.reference, FALSE),
        (SELECT id FROM plan_versions WHERE digest = r.plan_sha256), r.variables
 FROM {run_of} WHERE TRUE ON CONFLICT (run) DO UPDATE SET
     unit = excluded.unit, ended = excluded.ended, seconds = excluded.seconds, verdict = excluded.verdict,

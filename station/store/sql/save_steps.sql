@@ -1,12 +1,12 @@
--- Steps of the run $1, with what they found. $2 is an array of them in JSON: as in a record, with their numbers. Refused
--- without the row of the run.
+-- Steps, with what they found. $1 is an array of them in JSON: as in a record, with the run's name and their numbers.
+-- Refused without the row of the run.
 INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts, cause)
 SELECT r.id, s.step, s.title, s.verdict, nullif(s.reply, ''), coalesce(s.cut, 0), s.failure, s.hint, s."offset", s.seconds,
        s.attempts, s.cause
-FROM {steps_of} LEFT JOIN runs r ON r.run = $1 WHERE TRUE ON CONFLICT (run, step) DO NOTHING;
+FROM {steps_of} LEFT JOIN runs r ON r.run = s.run WHERE TRUE ON CONFLICT (run, step) DO NOTHING;
 
 INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)
 SELECT r.id, s.step, m.value ->> 'name', CAST(m.value ->> 'value' AS DOUBLE PRECISION),
        CAST(m.value ->> 'min' AS DOUBLE PRECISION), CAST(m.value ->> 'max' AS DOUBLE PRECISION), m.value ->> 'unit',
        m.value ->> 'verdict', r.plan, r.started
-FROM {steps_of} LEFT JOIN runs r ON r.run = $1, @each(s.measurements) AS m WHERE TRUE ON CONFLICT (run, step, name) DO NOTHING;
+FROM {steps_of} LEFT JOIN runs r ON r.run = s.run, @each(s.measurements) AS m WHERE TRUE ON CONFLICT (run, step, name) DO NOTHING;
