@@ -46,5 +46,5 @@ protected:
         return session.receiveReply(kSoon);
     }
 
-    std::unique_ptr<station::FrameLink> link_;
+    std::optional<station::FrameLink> link_;
 };

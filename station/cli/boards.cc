@@ -2,12 +2,10 @@
 
 #include <fmt/format.h>
 #include <malloc.h>
-#include <re2/re2.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -29,15 +27,7 @@ namespace station {
 namespace {
 
 constexpr std::chrono::seconds kStoreRetry{1};  // of a store that is away at the start
-
-struct Discovery {
-    std::string link;  // an interface or udp:LOCAL:REMOTE; empty: no discovery
-    std::string board = "FF:FF:FF:FF:FF:FF";
-    size_t size = 60;  // of the frame, in bytes
-    double wait = 60;  // seconds: until a board answers; in "run", until all have connected
-
-    Milliseconds limit() const { return Milliseconds(std::llround(wait * 1000)); }
-};
+constexpr size_t kRequest = 60;                 // bytes of a discovery frame: network cards send none that is shorter
 
 // The work of "run" or "serve": a line, for so many boards.
 struct Task {
@@ -45,7 +35,7 @@ struct Task {
     LineFile line;
     int boards = 0;  // to serve; 0: no limit
     bool json = false;
-    Discovery discovery;
+    int wait = 60;  // seconds: until all boards of "run" have connected
 };
 
 // The command's output. People read standard output. With --json it has the events, and people read standard error.
@@ -63,20 +53,6 @@ struct Console {
 };
 
 // ---- before the first board
-
-// Returns a line of text that says which board answered. Throws SessionError when none does, ListenError when the link
-// is unavailable.
-std::string discover(const Discovery &discovery) {
-    const auto open = [&] {
-        try {
-            return openLink(discovery.link);
-        } catch (const SessionError &error) {
-            throw ListenError(error.what());
-        }
-    };
-    const Mac board = discover(*open(), parseMac(discovery.board).value(), discovery.size, discovery.limit());
-    return fmt::format("board {} answered three times\n", formatMac(board));
-}
 
 // Makes room for a thousand boards: raises the limit of descriptors, and limits malloc's arenas, of which each thread
 // would otherwise get its own.
@@ -213,7 +189,7 @@ int work(const Task &task, Console &console, Records &records) {
     });
     records.tell(tell);
     if (page) page->start([&](int place, bool held) { return line.hold(place, held); }, tell);
-    const Outcome outcome = task.boards == 0 ? line.serve() : line.run(task.boards, task.discovery.limit());
+    const Outcome outcome = task.boards == 0 ? line.serve() : line.run(task.boards, std::chrono::seconds(task.wait));
     quiet.reset();
     console.say(summaryOf(task, outcome));
     return exitCodeOf(task, outcome, console.output.finish([&] { return stop.requested(); }));
@@ -231,10 +207,8 @@ int run(Task &task) {
         line.places.push_back({i + 1, i < cables ? line.cables[size_t(i)] : std::to_string(i + 1)});
     }
     const auto records = recordsOf(line, task.json);
-    const std::string found = task.discovery.link.empty() ? "" : discover(task.discovery);
     holdSignals();  // before the first board can connect
     Console console(task.json);
-    if (!found.empty()) console.say(found);
     return work(task, console, *records);
 }
 
@@ -263,27 +237,8 @@ int serve(Task &task) {
 
 // ---- how they are called
 
-CLI::Validator matching(const char *expression, const char *kind) {
-    return {[=](const std::string &text) {
-                return re2::RE2::FullMatch(text, expression) ? "" : fmt::format("\"{}\" is not {}", text, kind);
-            },
-            ""};
-}
-
-// Adds the options. `link` is the name of the one that fills in Discovery::link; returns that one.
-CLI::Option *addDiscovery(CLI::App *command, const char *link, Discovery &discovery) {
-    command->add_option("--board", discovery.board, "The board's MAC address, or broadcast")
-        ->check(kMac)
-        ->capture_default_str();
-    command->add_option("--size", discovery.size, "Bytes of the discovery frame")
-        ->check(CLI::Range(kShortestRequest, kLongestRequest))
-        ->capture_default_str();
-    command->add_option("--wait", discovery.wait, "Seconds to wait for the boards")
-        ->check(matching("[0-9.]+", "a number of seconds"))
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-    return command->add_option(link, discovery.link, "Discover a board on this network interface, or udp:LOCAL:REMOTE")
-        ->check(matching("[^:/]+|udp:[0-9]{1,5}:[0-9]{1,5}", "a network interface or udp:LOCAL:REMOTE"));
+void addWait(CLI::App *command, int &wait, const char *help) {
+    command->add_option("--wait", wait, help)->check(CLI::Range(0, 86400))->capture_default_str();
 }
 
 void addJson(CLI::App *command, bool &json) { command->add_flag("--json", json, "Print each event as a line of JSON"); }
@@ -291,10 +246,23 @@ void addJson(CLI::App *command, bool &json) { command->add_flag("--json", json, 
 }  // namespace
 
 void addDiscover(CLI::App &app) {
+    struct Discovery {
+        std::string link, board = "FF:FF:FF:FF:FF:FF";
+        int wait = 60;
+    };
     CLI::App *const command = app.add_subcommand("discover", "Discover a board that waits in the mode qconly");
-    const auto discovery = std::make_shared<Discovery>();
-    addDiscovery(command, "link", *discovery)->required();
-    command->callback([discovery] { fmt::print("{}", discover(*discovery)); });
+    const auto all = std::make_shared<Discovery>();
+    command->add_option("link", all->link, "The network interface of the board's cable, or udp:LOCAL:REMOTE")
+        ->required();
+    command->add_option("--board", all->board, "The board's MAC address, or broadcast")
+        ->check(kMac)
+        ->capture_default_str();
+    addWait(command, all->wait, "Seconds to wait for an answer");
+    command->callback([all] {
+        const Mac board =
+            discover(openLink(all->link), *parseMac(all->board), kRequest, std::chrono::seconds(all->wait));
+        fmt::print("board {} answered three times\n", formatMac(board));
+    });
 }
 
 void addRun(CLI::App &app, int &status) {
@@ -314,7 +282,7 @@ void addRun(CLI::App &app, int &status) {
     command->add_option("--port", line.port, "TCP port to listen on")->capture_default_str();
     command->add_option("--interface", line.cables,
                         "Listen on this interface only; give several if each board has its own cable");
-    addDiscovery(command, "--discover", task->discovery);
+    addWait(command, task->wait, "Seconds to wait for all boards to connect");
     command->callback([task, &status] { status = run(*task); });
 }
 

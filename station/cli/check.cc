@@ -19,6 +19,7 @@
 #include "station/cli/service.h"
 #include "station/page/words.h"
 #include "station/store/pool.h"
+#include "station/store/sql.h"
 #include "station/wire/listener.h"
 
 namespace station {
@@ -32,32 +33,24 @@ constexpr std::chrono::seconds kForStore{5};  // to answer
 struct Check {
     std::string path;
     LineFile line;
-    Table pools = {};  // of the store, as listPools() returns it; empty: not known
-    int faults = 0, warnings = 0;
-    bool served = false;  // something listens at the line's address already
+    Table pools = {};                      // of the store, as listPools() returns it; empty: not known
+    bool served = false;                   // something listens at the line's address already
+    std::map<std::string, int> told = {};  // how many of each grade
 
-    void fine(const std::string &about, const std::string &text) { tell("ok", about, text); }
     // With a warning the line works, but not as it should; a fault keeps it from working.
-    void warn(const std::string &about, const std::string &text) {
-        ++warnings;
-        tell("warning", about, text);
-    }
-    void fault(const std::string &about, const std::string &text) {
-        ++faults;
-        tell("fault", about, text);
-    }
-    static void tell(const char *grade, const std::string &about, const std::string &text) {
+    void fine(const std::string &about, const std::string &text) { tell("ok", about, text); }
+    void warn(const std::string &about, const std::string &text) { tell("warning", about, text); }
+    void fault(const std::string &about, const std::string &text) { tell("fault", about, text); }
+    void tell(const char *grade, const std::string &about, const std::string &text) {
+        ++told[grade];
         fmt::print("{:8} {:16} {}\n", grade, about, text);
     }
+    std::string count(const char *grade) const {
+        const auto found = told.find(grade);
+        if (found == told.end()) return fmt::format("no {}s", grade);
+        return fmt::format("{} {}{}", found->second, grade, found->second == 1 ? "" : "s");
+    }
 };
-
-// Returns why this user cannot do this to a file or folder, and how to mend it; empty: he can.
-std::string denial(const fs::path &path, int wanted) {
-    if (access(path.c_str(), wanted) == 0 || errno == ENOENT) return {};
-    if (errno == EROFS) return path.string() + " is read-only here: the service may write below /var/lib/qcstation";
-    return fmt::format("{} cannot write {}: qcstation init, run as root, mends what root has made", userName(),
-                       path.string());
-}
 
 // ---- the network
 
@@ -139,10 +132,7 @@ void checkPage(Check &check) try {
 // Returns what the database denies to this user, and how to mend it; empty: nothing.
 std::string denialOf(Database &database) {
     if (!database.shared()) return {};
-    const Table denied = database.ask(
-        "SELECT current_user, string_agg(tablename, ', ') FROM pg_tables WHERE schemaname = current_schema() AND NOT"
-        " (SELECT bool_and(has_table_privilege(format('%I.%I', schemaname, tablename), privilege))"
-        " FROM unnest(ARRAY['SELECT', 'INSERT', 'UPDATE', 'DELETE']) AS privilege)");
+    const Table denied = database.ask(sqlOf(true, "denied"));
     if (!denied.rows.at(0)[1]) return {};
     return fmt::format("the role {0} may not write {1}. Their owner mends that: "
                        "GRANT ALL ON ALL TABLES IN SCHEMA public TO {0}",
@@ -253,16 +243,29 @@ void checkCommands(Check &check) {
 
 // ---- the folders
 
+// Returns why this user cannot write to `path`, which is there, or make it in `there`; and how to mend it. Empty: he
+// can.
+std::string denial(const fs::path &path, const fs::path &there) {
+    std::error_code error;
+    const bool folder = fs::is_directory(there, error);
+    if (access(there.c_str(), W_OK | (folder ? X_OK : R_OK)) == 0 || errno == ENOENT) return {};
+    if (errno == EROFS) return there.string() + " is read-only here: the service may write below /var/lib/qcstation";
+    const std::string user = userName();
+    if (path == there) return fmt::format("{0} cannot write {1}. As root: chown {0} {1}", user, path.string());
+    if (access(there.c_str(), X_OK) != 0)
+        return fmt::format("{} may not enter {}: choose a folder below /var/lib/qcstation", user, there.string());
+    return fmt::format("{} cannot make {}: qcstation init, run as root, makes it", user, path.string());
+}
+
 void checkFolder(Check &check, const Room &room) {
     const std::string about = "folder " + room.about;
     std::error_code error;
     fs::path there = room.folder;
     while (!fs::exists(there, error) && there.has_relative_path()) there = there.parent_path();
     if (!fs::is_directory(there)) return check.fault(about, there.string() + " is not a folder");
-    std::string why = denial(there, W_OK | X_OK);
+    std::string why = denial(room.folder, there);
     for (const fs::path &file : room.files) {
-        const bool anybodys = room.about == "results";
-        if (why.empty() && !anybodys) why = denial(file, R_OK | W_OK);
+        if (why.empty()) why = denial(file, file);
     }
     if (!why.empty()) return check.fault(about, why);
     check.fine(about, room.folder.string() + (there == room.folder ? " can be written" : " can be made"));
@@ -280,11 +283,8 @@ int checkLine(const std::string &path, const std::string &user) {
     Check check{.path = path, .line = readLine(path)};
     fmt::print("line {}, checked as the user {}\n", path, userName());
     for (const auto each : kChecks) each(check);
-    const auto counted = [](int count, const char *what) {
-        return fmt::format("{} {}{}", count == 0 ? "no" : std::to_string(count), what, count == 1 ? "" : "s");
-    };
-    fmt::print("{}, {}\n", counted(check.faults, "fault"), counted(check.warnings, "warning"));
-    return check.faults == 0 ? kPassed : kWrongInput;
+    fmt::print("{}, {}\n", check.count("fault"), check.count("warning"));
+    return !check.told.contains("fault") ? kPassed : kWrongInput;
 }
 
 void checkPlanFile(const std::string &path, const std::string &files, const std::string &store) {

@@ -25,34 +25,31 @@ nlohmann::ordered_json jsonOf(const Table &head, const std::vector<Value> &row) 
 
 }  // namespace
 
-void Printer::begin(const std::string &name) {
-    if (several_ && format_ == "json") fmt::print("{}\"{}\": ", tables_ == 0 ? "{" : ",\n", name);
-    if (several_ && format_ == "table") fmt::print("{}{}\n", tables_ == 0 ? "" : "\n", name);
+size_t Printer::print(const std::string &name, const std::function<Table(const Database::EachRow &)> &each) {
+    const bool json = format_ == "json", csv = format_ == "csv", table = format_ == "table";
+    if (several_ && json) fmt::print("{}\"{}\": ", tables_ == 0 ? "{" : ",\n", name);
+    if (several_ && table) fmt::print("{}{}\n", tables_ == 0 ? "" : "\n", name);
     ++tables_;
-    rows_ = 0;
     widths_.clear();
-}
-
-void Printer::row(const Table &head, const std::vector<Value> &row) {
-    if (format_ == "json") fmt::print("{}{}", rows_ == 0 ? "[\n" : ",\n", jsonOf(head, row).dump());
-    if (format_ == "csv") fmt::print("{}{}", rows_ == 0 ? csvStart(head) : "", csvLine(head, row));
-    if (format_ == "table") waiting_.push_back(row);
-    if (waiting_.size() == kMeasured) flush(head);
-    ++rows_;
-}
-
-void Printer::end(const Table &head) {
-    if (format_ == "json") fmt::print("{}{}", rows_ == 0 ? "[]" : "\n]", several_ ? "" : "\n");
-    if (format_ == "csv" && rows_ == 0) fmt::print("{}", csvStart(head));
-    if (format_ == "table" && rows_ == 0) fmt::print("none\n");
-    if (format_ == "table" && rows_ > 0) flush(head);
+    const std::string mark = excel_ ? "\uFEFF" : "";
+    size_t rows = 0;
+    const Table head = each([&](const Table &all, const std::vector<Value> &row) {
+        if (json) fmt::print("{}{}", rows == 0 ? "[\n" : ",\n", jsonOf(all, row).dump());
+        if (csv) fmt::print("{}{}", rows == 0 ? mark + csvHead(all) : "", csvLine(all, row));
+        if (table) waiting_.push_back(row);
+        if (waiting_.size() == kMeasured) flush(all);
+        ++rows;
+    });
+    if (json) fmt::print("{}{}", rows == 0 ? "[]" : "\n]", several_ ? "" : "\n");
+    if (csv && rows == 0) fmt::print("{}{}", mark, csvHead(head));
+    if (table && rows == 0) fmt::print("none\n");
+    if (table && rows > 0) flush(head);
+    return rows;
 }
 
 void Printer::finish() const {
     if (format_ == "json" && several_) fmt::print("}}\n");
 }
-
-std::string Printer::csvStart(const Table &head) const { return (excel_ ? "\uFEFF" : "") + csvHead(head); }
 
 void Printer::flush(const Table &head) {
     std::vector<std::vector<std::string>> lines;

@@ -1,22 +1,18 @@
 #include "station/cli/service.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
-#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
 #include <system_error>
 
-#include "station/base/descriptor.h"
 #include "station/base/file.h"
 #include "station/cli/commands.h"
+#include "station/run/output.h"
 #include "station/store/store_records.h"
 
 namespace station {
@@ -36,61 +32,26 @@ const passwd *userOf(const std::string &name) {
     return user;
 }
 
-// Returns what the path leads to; none, with errno ELOOP, when it leads there over a link.
-Descriptor openUnlinked(const fs::path &path) {
-    open_how how{};
-    how.flags = O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    return Descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
-}
-
-bool holdsOnly(const Descriptor &folder, const fs::path &path, const std::set<fs::path> &own) {
-    const fs::directory_iterator entries(fmt::format("/proc/self/fd/{}", folder.descriptor()));
-    return std::all_of(begin(entries), end(entries),
-                       [&](const auto &entry) { return own.contains(path / entry.path().filename()); });
-}
-
 // Returns the path from the root, without following links.
 fs::path wholePath(const fs::path &path) {
     const fs::path whole = fs::absolute(path).lexically_normal();
     return whole.has_filename() ? whole : whole.parent_path();
 }
 
-// Returns a folder of files. None of them is the station's own if it has other folders.
-Room roomAt(const char *about, const fs::path &path) {
-    Room room{about, wholePath(path), {}};
+std::vector<fs::path> filesIn(const fs::path &folder) {
     std::error_code none;
-    for (const auto &file : fs::directory_iterator(room.folder, none)) {
-        if (!file.is_regular_file(none)) return {about, room.folder, {}};
-        room.files.push_back(file.path());
-    }
-    return room;
+    const fs::directory_iterator entries(folder, none);
+    return {begin(entries), end(entries)};
 }
 
-// Gives the service what root has made, as it could not write it. A folder that holds anything else stays root's, and
-// so does what a link leads to: the service may have put the link there to get any file of root's.
-void give(const fs::path &path, const std::set<fs::path> &own, const passwd *user) {
-    if (user == nullptr) return;
-    const Descriptor file = openUnlinked(path);
-    struct stat status {};
-    const bool there = file.descriptor() >= 0 && fstat(file.descriptor(), &status) == 0;
-    if ((!there && errno == ELOOP) || (S_ISREG(status.st_mode) && status.st_nlink > 1 && status.st_uid == 0)) {
-        fmt::print("{} is a link, or behind one, and stays as it is\n", path.string());
-        return;
-    }
-    if (!there || status.st_uid != 0) return;
-    if (S_ISDIR(status.st_mode) && !holdsOnly(file, path, own)) return;
-    if (fchownat(file.descriptor(), "", user->pw_uid, user->pw_gid, AT_EMPTY_PATH) != 0) {
-        throw std::system_error(errno, std::generic_category(), path.string());
-    }
-    fmt::print("{} is {}'s now\n", path.string(), user->pw_name);
-}
-
-void makeFolder(const fs::path &folder) {
+// Makes a folder, and gives it to the user, if there is one.
+void makeFolder(const fs::path &folder, const passwd *user) {
     fs::create_directories(folder.parent_path());
     const bool made = mkdir(folder.c_str(), 0750) == 0;
-    if (!made && errno != EEXIST) throw std::system_error(errno, std::generic_category(), folder.string());
-    if (made) fmt::print("{} made\n", folder.string());
+    if (!made && errno == EEXIST) return;
+    if (!made || (user != nullptr && lchown(folder.c_str(), user->pw_uid, user->pw_gid) != 0))
+        throw std::system_error(errno, std::generic_category(), folder.string());
+    fmt::print("{} made\n", folder.string());
 }
 
 void makeStore(const std::string &store) {
@@ -112,15 +73,14 @@ void init(const fs::path &path, const std::string &name) {
     const passwd *const user = userOf(name);
     if (!fs::exists(path)) makeExample(path);
     const LineFile line = readLine(path);
-    for (const Room &room : roomsOf(line)) makeFolder(room.folder);
-    std::set<fs::path> own;
-    for (const Room &room : roomsOf(line)) {
-        own.insert(room.folder);
-        own.insert(room.files.begin(), room.files.end());
-    }
-    for (const fs::path &each : own) give(each, own, user);
+    for (const Room &room : roomsOf(line)) makeFolder(room.folder, user);
     becomeUser(name);
-    if (!line.store.empty()) makeStore(line.store);
+    try {
+        if (!line.store.empty()) makeStore(line.store);
+    } catch (const StoreError &) {
+        printError(fmt::format("the store cannot be made: qcstation check {} says more\n", path.string()));
+        throw;
+    }
     fmt::print("all is there. Next: qcstation check {}\n", path.string());
 }
 
@@ -155,9 +115,11 @@ std::vector<Room> roomsOf(const LineFile &line) {
         const fs::path file = wholePath(line.store);
         rooms.push_back({"store", file.parent_path(), {file, file.string() + "-wal", file.string() + "-shm"}});
     }
-    if (!line.results.empty()) rooms.push_back(roomAt("results", line.results));
-    if (!line.store.empty())
-        rooms.push_back(roomAt("spool", line.spool.empty() ? defaultSpool(line.store) : line.spool));
+    if (!line.results.empty()) rooms.push_back({"results", wholePath(line.results), {}});
+    if (!line.store.empty()) {
+        const fs::path spool = wholePath(line.spool.empty() ? defaultSpool(line.store) : line.spool);
+        rooms.push_back({"spool", spool, filesIn(spool)});
+    }
     return rooms;
 }
 

@@ -31,7 +31,7 @@ std::string userName();
 // Returns what of the line asks its operator: "the plan NAME", for instance; empty: nothing does.
 std::string askerOf(const LineFile &line);
 
-// A folder that the line writes to, and the station's own files in it, which need not exist.
+// A folder that the line writes to, and the files in it that the station must be able to write; they need not exist.
 struct Room {
     std::string about;  // its key in the line's file: "results", "spool", "store"
     std::filesystem::path folder;

@@ -50,10 +50,11 @@ void print(const Options &options, std::vector<Section> sections) {
         throw Refusal(fmt::format("CSV has one table per file: choose one with --table: {}", names));
     }
     Printer printer(options.format, options.excel, sections.size() > 1);
-    for (const auto &[name, table] : sections) {
-        printer.begin(name);
-        for (const auto &row : table.rows) printer.row(table, row);
-        printer.end(table);
+    for (const Section &section : sections) {
+        printer.print(section.name, [&](const Database::EachRow &tell) {
+            for (const auto &row : section.table.rows) tell(section.table, row);
+            return section.table;
+        });
     }
     printer.finish();
 }
@@ -89,11 +90,11 @@ void retirePool(Options &options, Database &database) {
 
 void printRuns(Options &options, Database &database) {
     Printer printer(options.format, options.excel, false);
-    printer.begin("runs");
     const RunFilter filter{options.runs, options.failed, options.limit, {}, options.file};
-    printer.end(eachRun(database, filter, [&](const Table &head, const auto &row) { printer.row(head, row); }));
+    const size_t rows =
+        printer.print("runs", [&](const Database::EachRow &tell) { return eachRun(database, filter, tell); });
     printer.finish();
-    if (options.limit > 0 && printer.rows() == size_t(options.limit)) {
+    if (options.limit > 0 && rows == size_t(options.limit)) {
         note(fmt::format("these are the newest {}: --limit 0 shows all", options.limit));
     }
 }

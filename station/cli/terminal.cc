@@ -16,16 +16,13 @@ namespace {
 constexpr Milliseconds kTyping{100};
 constexpr size_t kLongestAnswer = 4096;  // bytes of a line, as a terminal limits it
 
-// Returns the text with its line ends and colours. Replaces every other control sequence: it could move the cursor or
-// erase what is shown.
+// Returns the text with its line ends and colours, without other control sequences: they could move the cursor or erase
+// what is shown.
 std::string harmless(const std::string &text) {
-    static const re2::RE2 kKept("(?s)((?:\\PC|\\r?\\n|\\t|\\x1B\\[[0-9;]*m)*)(.?)");
-    const std::string clean = asUtf8(text);
-    std::string result, kept, other;
-    for (re2::StringPiece rest(clean); !rest.empty() && re2::RE2::Consume(&rest, kKept, &kept, &other);) {
-        result += kept + (other.empty() ? "" : "?");
-    }
-    return result + "\033[0m";
+    static const re2::RE2 kControl("(\\x1B\\[[0-9;]*m|\\r?\\n|\\t)|\\pC");
+    std::string shown = asUtf8(text);
+    re2::RE2::GlobalReplace(&shown, kControl, "\\1");
+    return shown + "\033[0m";
 }
 
 // Returns the replies that the plan shows, as the board sent them. `named`: precedes each with its place.

@@ -7,13 +7,15 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <re2/re2.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
+
+#include "station/wire/listener.h"
 
 namespace station {
 namespace {
@@ -32,36 +34,12 @@ Mac macAt(std::string_view frame, size_t offset) {
     return mac;
 }
 
-// Throws SessionError if the call has failed.
+// Throws ListenError if the call has failed.
 void require(ssize_t result, const std::string &what) {
-    if (result < 0) throw SessionError(describeError(what));
+    if (result < 0) throw ListenError(describeError(what));
 }
 
-class SocketLink : public FrameLink {
-public:
-    SocketLink(Socket socket, Mac address) : socket_(std::move(socket)), address_(address) {}
-
-    // The other end of a datagram link may not be there yet.
-    void send(const std::string &frame) override {
-        const ssize_t sent = ::send(socket_.descriptor(), frame.data(), frame.size(), 0);
-        if (sent < 0 && errno != ECONNREFUSED) require(sent, "sending");
-    }
-    std::string receive(Clock::time_point deadline) override {
-        std::string frame(65536, '\0');
-        while (waitFor(socket_.descriptor(), POLLIN, deadline)) {
-            const ssize_t length = recv(socket_.descriptor(), frame.data(), frame.size(), 0);
-            if (length > 0) return frame.substr(0, static_cast<size_t>(length));
-        }
-        return {};
-    }
-    Mac address() const override { return address_; }
-
-private:
-    const Socket socket_;
-    const Mac address_;
-};
-
-std::unique_ptr<FrameLink> openInterface(const std::string &name) {
+FrameLink openInterface(const std::string &name) {
     Socket packets(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
     require(packets.descriptor(), "cannot open a packet socket");
     ifreq request{};
@@ -72,17 +50,17 @@ std::unique_ptr<FrameLink> openInterface(const std::string &name) {
     bound.sll_protocol = htons(ETH_P_ALL);
     bound.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
     require(bind(packets.descriptor(), reinterpret_cast<const sockaddr *>(&bound), sizeof bound), "interface " + name);
-    return std::make_unique<SocketLink>(std::move(packets), macAt({request.ifr_hwaddr.sa_data, kMacSize}, 0));
+    return {std::move(packets), macAt({request.ifr_hwaddr.sa_data, kMacSize}, 0)};
 }
 
-std::unique_ptr<FrameLink> openDatagrams(uint16_t local, uint16_t remote) {
+FrameLink openDatagrams(uint16_t local, uint16_t remote) {
     Socket datagrams(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_in here = {AF_INET, htons(local), {htonl(INADDR_LOOPBACK)}, {}};
     const sockaddr_in there = {AF_INET, htons(remote), {htonl(INADDR_LOOPBACK)}, {}};
     require(bind(datagrams.descriptor(), reinterpret_cast<const sockaddr *>(&here), sizeof here), "the datagram link");
     require(connect(datagrams.descriptor(), reinterpret_cast<const sockaddr *>(&there), sizeof there),
             "the datagram link");
-    return std::make_unique<SocketLink>(std::move(datagrams), kDatagramStation);
+    return {std::move(datagrams), kDatagramStation};
 }
 
 std::string makeRequest(Mac destination, Mac source, size_t size) {
@@ -99,7 +77,7 @@ std::string expectedAnswer(const std::string &request, Mac board) {
 }
 
 // Returns the next frame of the answers' EtherType; empty: none came before the deadline.
-std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
+std::string receiveAnswer(const FrameLink &link, Clock::time_point deadline) {
     for (;;) {
         std::string frame = link.receive(deadline);
         const bool whole = frame.size() >= kPayload;
@@ -109,18 +87,29 @@ std::string receiveAnswer(FrameLink &link, Clock::time_point deadline) {
 
 }  // namespace
 
-std::unique_ptr<FrameLink> openLink(const std::string &name) {
-    if (!name.starts_with("udp:")) return openInterface(name);
-    unsigned local = 0, remote = 0;
-    int length = 0;
-    const int fields = std::sscanf(name.c_str(), "udp:%5u:%5u%n", &local, &remote, &length);
-    if (fields != 2 || name.c_str()[length] != '\0' || std::max(local, remote) > UINT16_MAX) {
-        throw SessionError(fmt::format("\"{}\" is not udp:LOCAL:REMOTE", name));
-    }
-    return openDatagrams(static_cast<uint16_t>(local), static_cast<uint16_t>(remote));
+// The other end of a datagram link may not be there yet.
+void FrameLink::send(const std::string &frame) const {
+    const ssize_t sent = ::send(socket_.descriptor(), frame.data(), frame.size(), 0);
+    if (sent < 0 && errno != ECONNREFUSED) require(sent, "sending");
 }
 
-Mac discover(FrameLink &link, Mac destination, size_t size, Milliseconds limit) {
+std::string FrameLink::receive(Clock::time_point deadline) const {
+    std::string frame(65536, '\0');
+    while (waitFor(socket_.descriptor(), POLLIN, deadline)) {
+        const ssize_t length = recv(socket_.descriptor(), frame.data(), frame.size(), 0);
+        if (length >= 0) return frame.substr(0, static_cast<size_t>(length));
+    }
+    return {};
+}
+
+FrameLink openLink(const std::string &name) {
+    static const re2::RE2 kDatagrams("udp:(\\d+):(\\d+)");
+    uint16_t local = 0, remote = 0;
+    if (re2::RE2::FullMatch(name, kDatagrams, &local, &remote)) return openDatagrams(local, remote);
+    return openInterface(name);
+}
+
+Mac discover(const FrameLink &link, Mac destination, size_t size, Milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     const std::string request = makeRequest(destination, link.address(), size);
     std::string answer;

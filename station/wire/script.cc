@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "station/base/text.h"
 #include "station/wire/listener.h"
 
 namespace station {
@@ -31,16 +32,11 @@ std::string wrapperFor(const std::string &exports, uint16_t port, size_t ownLeng
                        exports, ownLength + 1, kDefaultAddress, port);
 }
 
-// Returns a line that puts the variable into the environment; between single quotes the shell changes nothing.
-std::string exportOf(const std::string &name, const std::string &value) {
-    std::string quoted;
-    for (const char c : value) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return fmt::format("export QC_{}='{}'\n", name, quoted);
-}
-
+// Between single quotes the shell changes nothing.
 std::string wrap(const std::string &script, const std::map<std::string, std::string> &variables, uint16_t port) {
     std::string exports;
-    for (const auto &[name, value] : variables) exports += exportOf(name, value);
+    for (const auto &[name, value] : variables)
+        exports += fmt::format("export QC_{}='{}'\n", name, replaced(value, '\'', "'\\''"));
     return wrapperFor(exports, port, wrapperFor(exports, port, 0).size()) + script;
 }
 

@@ -267,15 +267,17 @@ void record(std::string input) {
 
 // Input: frames that answer the discovery of a board.
 void discovery(std::string input) {
-    struct Frames : station::FrameLink {
-        void send(const std::string &) override {}
-        std::string receive(station::Clock::time_point) override { return next(rest); }
-        station::Mac address() const override { return 0x020000000002; }
-        std::string rest;
-    } frames;
-    frames.rest = std::move(input);
+    std::array<int, 2> ends;
+    require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends.data()) == 0);
+    const station::FrameLink link(station::Socket(ends[0]), 0x020000000002);
+    const station::Socket other(ends[1]);
+    while (!input.empty()) {
+        const std::string frame = next(input);
+        send(ends[1], frame.data(), frame.size(), 0);
+    }
+    shutdown(ends[1], SHUT_WR);
     try {
-        const station::Mac board = station::discover(frames, station::kBroadcast, 60, station::Milliseconds(1));
+        const station::Mac board = station::discover(link, station::kBroadcast, 60, station::Milliseconds(1));
         require(station::parseMac(station::formatMac(board)) == board);
     } catch (const station::SessionError &) {
     }
