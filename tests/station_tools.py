@@ -46,7 +46,8 @@ def line_of(**changes):
     """Writes a line without a fault, but for these keys."""
     keys = {"listen": f"127.0.0.1:{free_port()}", "places": 1, "plan": "plan.yaml", "results": "line/results",
             "store": "line/line.db", "page": free_port(), "before": "sh ok.sh", **changes}
-    write("line.yaml", "".join(f"{key}: {value}\n" for key, value in keys.items() if value))
+    lines = "".join(f"{key}: {value}\n" for key, value in keys.items() if value)
+    with open("line.yaml", "wb") as file: file.write(lines.encode(errors="surrogateescape"))
 
 
 def files():
@@ -72,6 +73,8 @@ def check_line():
     taken, silent = socket.create_server(("127.0.0.1", 0)), socket.create_server(("127.0.0.1", 0))
     cases = [({}, 0, "no faults, no warnings"),
              ({"listen": "here"}, 2, 'line.yaml:1:9: "here" is not an IPv4 address'),
+             ({"plan": "Pr\udcfcf.yaml"}, 2, "line.yaml:3:9: this is not UTF-8"),
+             ({"results": "~/results"}, 2, "line.yaml:4:10: '~' stands for a home folder"),
              ({"listen": "192.0.2.1"}, 2, "no interface has the address"),
              ({"places": "[{interface: nope}]"}, 2, "no place can take a board"),
              ({"places": "[{interface: nope}, {interface: lo}]"}, 0, "there is no interface nope"),

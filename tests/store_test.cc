@@ -102,7 +102,7 @@ TEST_P(Store, ImportsAFileWholeOrNotAtAll) {
         {"key", "d\ne\tf\n", "", "file:2: a tab"},
         {"key", "d\n\xFF\n", "", "file:2: this is not text in UTF-8"},
         {"key", "d\n\"e\n", "", "file:2: a quote"},
-        {"key", "d;1\n", "", "file:1: a quote or a semicolon"},
+        {"key", "d;1\n", "", "file:1: columns are separated with commas"},
         {"key", "d,\n", "", "file:1: a column is empty"},
         {"key", "", "", "no lines"},
         {"key", "06:00:00:00:00:00\n", "addresses", "has values"},

@@ -306,6 +306,8 @@ void addCheck(CLI::App &app, int &status) {
                         "The store whose pools the plan takes from; the file of a line names its own");
     addUser(command, *user);
     command->callback([=, &status] {
+        if (*path == kServiceLine && !fs::exists(kServiceLine))
+            throw PlanError(fmt::format("there is no {}: qcstation init, run as root, makes an example", *path));
         if (isLineFile(*path)) {
             status = checkLine(*path, *user);
         } else {

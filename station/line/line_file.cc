@@ -25,7 +25,7 @@ struct LineDraft : LineFile {
 
 template <auto Member>
 void setPath(LineDraft &draft, const Entry &value) {
-    draft.*Member = draft.folder / value.line();
+    draft.*Member = draft.folder / value.path();
 }
 
 // Reads what the expression allows of ADDRESS:PORT.
@@ -62,10 +62,13 @@ void readCable(LineDraft &draft, const YAML::Node &node) {
     readMap(node, kCableKeys, cable, draft.faults);
     if (cable.interface.empty()) return;
     if (cable.name.empty()) cable.name = cable.interface;
-    const auto twice = [&](const Place &place) { return place.name == cable.name; };
-    if (std::any_of(draft.places.begin(), draft.places.end(), twice) ||
-        std::find(draft.cables.begin(), draft.cables.end(), cable.interface) != draft.cables.end())
-        draft.faults.push_back({node.Mark(), "another place has this name or this interface already"});
+    for (size_t i = 0; i < draft.cables.size(); ++i) {
+        const bool name = draft.places[i].name == cable.name;
+        if (!name && draft.cables[i] != cable.interface) continue;
+        draft.faults.push_back(
+            {node.Mark(), fmt::format("another place has the {} {} already", name ? "name" : "interface",
+                                      name ? cable.name : cable.interface)});
+    }
     draft.places.push_back({static_cast<int>(draft.places.size()) + 1, cable.name});
     draft.cables.push_back(cable.interface);
 }
@@ -108,7 +111,7 @@ void readVariables(LineDraft &draft, const Entry &value) {
 // Reads a file's path or a server's URL.
 void readStore(LineDraft &draft, const Entry &value) {
     const bool url = value.line().find("://") != std::string::npos;
-    draft.store = url ? value.line() : (draft.folder / value.line()).string();
+    draft.store = url ? value.line() : (draft.folder / value.path()).string();
 }
 
 void readPageListen(PageSettings &page, const Entry &value) {
@@ -223,6 +226,8 @@ LineFile readLine(const fs::path &path) {
     draft.folder = path.parent_path();
     try {
         const YAML::Node document = loadDocument(path);
+        if (document.IsSequence())
+            throw Fault{document.Mark(), "this is a plan, and not the file of a line that uses it"};
         readMap(document, kLineKeys, draft, draft.faults);
         if (draft.spool.empty() && draft.store.find("://") != std::string::npos)
             throw Fault{document["store"].Mark(), "a server needs \"spool\": a folder for what it cannot take yet"};

@@ -19,7 +19,10 @@ std::shared_ptr<const RE2> compile(const std::string &text) {
     RE2::Options options(RE2::Latin1);  // what boards send need not be UTF-8
     options.set_log_errors(false);
     auto expression = std::make_shared<const RE2>(text, options);
-    if (!expression->ok()) throw std::invalid_argument(fmt::format("bad expression: {}", expression->error()));
+    const std::string &why = expression->error();
+    if (!expression->ok())
+        throw std::invalid_argument(fmt::format("bad expression: {}{}", why,
+                                                why.ends_with("(?<") ? ": write a named group as (?P<name>...)" : ""));
     return expression;
 }
 

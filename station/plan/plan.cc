@@ -360,6 +360,8 @@ const Keys<Loader> kPlanKeys = {
 
 void readSteps(Loader &loader, const YAML::Node &document) {
     loader.list.reset(document);
+    if (document.IsMap() && document["places"])
+        throw Fault{document.Mark(), "this is the file of a line: serve the line with qcstation serve"};
     if (document.IsMap()) readMap(document, kPlanKeys, loader, loader.faults);
     if (!loader.list.IsSequence() || loader.list.size() == 0)
         throw Fault{document.Mark(), "a plan is a list of steps, or a map with \"steps\""};

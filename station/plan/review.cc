@@ -25,6 +25,14 @@ void Course::follow(const Step &step, const YAML::Mark &mark, bool timed) {
     followSession(step, mark);
     if (step.kind == Kind::kVerify) written_.erase(step.partition);
     const BoardCommand &command = boardCommand(step.send);  // without one: a plain one
+    const std::string expected =
+        step.expected.text.value_or("") + (step.expected.match ? step.expected.match->text() : "");
+    if (step.kind == Kind::kCommand && command.word.empty() && !step.send.starts_with('{') &&
+        expected.find("UNKNOWN") == std::string::npos)
+        warn(mark, "boards know no such command, and reply UNKNOWN: commands are written as in docs/protocol.md");
+    if (step.file && step.kind == Kind::kScript && step.file->bytes->find("\r\n") < step.file->bytes->find('\0'))
+        warn(mark, "the script has Windows line ends, which the board's shell takes as part of each line: save it with"
+                   " Unix line ends");
     if (command.role == Role::kAddress && namesIn(step.send).empty())
         warn(mark, "every board of this plan gets the same MAC address");
     if (command.role == Role::kReport && step.expected && !pinged_)

@@ -43,6 +43,23 @@ class OneDocument : public YAML::EventHandler {
     bool started_ = false;
 };
 
+// Throws Fault for a text that an editor has saved in another encoding. UTF-16, which has NUL bytes, is read.
+void needUtf8(const std::string &text) {
+    const std::string clean = asUtf8(text);
+    if (clean == text || text.find('\0') != std::string::npos) return;
+    const auto wrong = std::mismatch(text.begin(), text.end(), clean.begin(), clean.end()).first;
+    const std::string before(text.begin(), wrong);
+    YAML::Mark mark;
+    mark.line = static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+    mark.column = static_cast<int>(before.size() - (before.rfind('\n') + 1));
+    throw Fault{mark, "this is not UTF-8: save the file as UTF-8 in your editor"};
+}
+
+// To the library, a quote that is still open at the text's end is closed by the last line's end, but not by a comment.
+std::string withComment(const std::string &text) {
+    return text.substr(0, text.find_last_not_of(" \t\r\n") + 1) + "\n#";
+}
+
 template <typename T>
 T readAs(const Entry &value, const char *kind) try {
     return value.node.as<T>();
@@ -55,16 +72,22 @@ T readAs(const Entry &value, const char *kind) try {
 YAML::Node loadDocument(const std::filesystem::path &path, std::string *read) try {
     const std::string text = readFile(path, kLargestFile);
     if (read != nullptr) *read = text;
-    std::istringstream stream(text);
+    needUtf8(text);
+    std::istringstream stream(withComment(text));
     YAML::Parser parser(stream);
     OneDocument one;
     while (parser.HandleNextDocument(one)) {
     }
-    return YAML::Load(text);
+    YAML::Node document = YAML::Load(text);
+    if (document.IsNull()) throw std::runtime_error("the file is empty");
+    return document;
 } catch (const YAML::DeepRecursion &error) {
     throw Fault{error.mark, "brackets or indents are nested too deeply here"};
 } catch (const YAML::Exception &error) {
-    throw Fault{error.mark, fmt::format("not YAML: {}; look for a wrong character, quote or indent", error.msg)};
+    throw Fault{error.mark,
+                fmt::format("not YAML: {}; look here and in the line above for a tab, a wrong indent, an open"
+                            " quote, or a ':' without a blank after it",
+                            error.msg)};
 } catch (const std::runtime_error &error) {
     throw Fault{YAML::Mark::null_mark(), error.what()};
 }
@@ -118,6 +141,11 @@ std::string Entry::line() const {
     const auto control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
     if (line.empty() || std::any_of(line.begin(), line.end(), control)) fail("expected one line of text");
     return line;
+}
+
+std::string Entry::path() const {
+    if (text().starts_with('~')) fail("'~' stands for a home folder in a shell only: write the whole path");
+    return line();
 }
 
 std::string Entry::part() const {

@@ -45,6 +45,7 @@ struct Entry {
 
     std::string text() const;
     std::string line() const;     // a text without control characters that is not empty
+    std::string path() const;     // a line that is a path
     std::string part() const;     // a line that can be part of a file's name
     std::string command() const;  // a text that is not empty
     int whole(int least, int most) const;
@@ -86,7 +87,8 @@ void eachEntry(const YAML::Node &map, std::string_view what, Faults &faults,
 template <typename Target>
 void readMap(const YAML::Node &node, const Keys<Target> &keys, Target &target, Faults &faults) {
     const size_t before = faults.size();
-    eachEntry(node, "keys", faults, [&](const Entry &key, const Entry &value) {
+    const std::string what = keys.needed.empty() ? "keys" : fmt::format("keys, such as {{{}: ...}}", keys.needed[0]);
+    eachEntry(node, what, faults, [&](const Entry &key, const Entry &value) {
         const auto reader = keys.readers.find(key.text());
         if (reader == keys.readers.end()) key.fail(fmt::format("unknown key \"{}\" in {}", key.text(), keys.name));
         reader->second(target, value);

@@ -232,8 +232,10 @@ Strings columnsOf(re2::StringPiece line) {
     std::string quoted, plain, comma = ",";
     while (comma == ",") {
         if (!re2::RE2::Consume(&line, kColumn, &quoted, &plain, &comma)) {
-            throw Refusal("a quote or a semicolon is out of place: separate columns with commas, and write a value that"
-                          " has one of these as \"a;b\" or \"a\"\"b\"");
+            throw Refusal(line.find(';') != line.npos
+                              ? "columns are separated with commas, not with semicolons; write a value that has one as"
+                                " \"a;b\""
+                              : "a quote is out of place: write a value that has one as \"a\"\"b\"");
         }
         re2::RE2::GlobalReplace(&quoted, kQuotes, "\"");
         columns.push_back(trim(quoted + plain));
