@@ -81,7 +81,7 @@ def check_line():
              ({"page": taken.getsockname()[1]}, 2, "fault    page"),
              (speaking("nope"), 2, "cannot read nope.json"),
              (speaking("none"), 2, "expected a file of words in JSON"),
-             (speaking("more"), 2, 'unknown "nope"'),
+             (speaking("more"), 0, 'not used by the page: nope'),
              (speaking("few"), 0, '"took" must have {time}, as'),
              ({"page": None, "operator": "{prompt: Badge}"}, 0, '"operator" of the line asks: without a page'),
              ({"before": "./plain.sh 1"}, 2, "cannot run ./plain.sh"),

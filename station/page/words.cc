@@ -40,19 +40,23 @@ std::set<std::string> valuesIn(const std::string &text) {
 
 // Returns what differs from the English texts, although the page can be shown.
 std::vector<std::string> reviewed(const Texts &english, const Texts &theirs) {
-    std::vector<std::string> warnings;
-    std::string missing;
+    std::vector<std::string> missing, surplus, warnings;
+    for (const auto &[name, text] : theirs) {
+        if (!english.contains(name)) surplus.push_back(name);
+    }
     for (const auto &[name, text] : english) {
         const auto found = theirs.find(name);
         if (found == theirs.end()) {
-            missing += (missing.empty() ? "" : ", ") + name;
+            missing.push_back(name);
         } else if (const auto values = valuesIn(text); valuesIn(found->second) != values) {
             warnings.push_back(
                 fmt::format("\"{}\" must have {}, as the English text", name,
-                            values.empty() ? "nothing in braces" : fmt::format("{}", fmt::join(values, ", "))));
+                            values.empty() ? "nothing in braces" : fmt::to_string(fmt::join(values, ", "))));
         }
     }
-    if (!missing.empty()) warnings.push_back("English, because they are missing: " + missing);
+    if (!missing.empty())
+        warnings.push_back(fmt::format("English, because they are missing: {}", fmt::join(missing, ", ")));
+    if (!surplus.empty()) warnings.push_back(fmt::format("not used by the page: {}", fmt::join(surplus, ", ")));
     return warnings;
 }
 
@@ -61,9 +65,6 @@ std::vector<std::string> reviewed(const Texts &english, const Texts &theirs) {
 PageWords readWords(const std::string &language) try {
     PageWords words{textsOf("en"), {}};
     Texts theirs = textsOf(language);
-    for (const auto &[name, text] : theirs) {
-        if (!words.texts.contains(name)) throw std::runtime_error(fmt::format("unknown \"{}\"", name));
-    }
     words.warnings = reviewed(words.texts, theirs);
     theirs.merge(words.texts);
     words.texts = std::move(theirs);

@@ -9,12 +9,11 @@ namespace station {
 
 struct PageWords {
     std::map<std::string, std::string> texts;  // by their names; the page fills in {NAME}
-    std::vector<std::string> warnings;  // about a line's own file: what is missing, or is not filled in as in English
+    std::vector<std::string> warnings;  // about a line's own file: what it lacks, has too much, or fills in otherwise
 };
 
 // Reads the words of "de", "en", "zh", or of a file NAME.json. Words that the file leaves out are English. Throws
-// std::runtime_error for an unknown language, for a file that cannot be read, and for a name that the page does not
-// know.
+// std::runtime_error for an unknown language and for a file that cannot be read.
 PageWords readWords(const std::string &language);
 
 }  // namespace station
