@@ -260,8 +260,8 @@ class Page(unittest.TestCase):
             self.assertIn(words, self.page())
         directions = "return [...document.querySelectorAll('.unit, .main')].map(e => getComputedStyle(e).direction)"
         self.assertIn('rtl', self.js(directions))
-        english = json.loads(read(WORDS.replace('*', 'en')))
-        tiles[2:5] = [{'stage': 'again', 'name': 'bench-3', 'todo': english['said:' + cause], 'failure': failure, **ended}
+        texts = json.loads(read(WORDS.replace('*', 'en')))
+        tiles[2:5] = [{'stage': 'again', 'name': 'bench-3', 'todo': texts['said:' + cause], 'failure': failure, **ended}
                       for cause in ('connection', 'station', 'operator')]
         for path in glob.glob(WORDS):
             with open(path) as file: self.js('words = arguments[0]', json.load(file))

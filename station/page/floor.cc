@@ -1,10 +1,9 @@
 #include "station/page/floor.h"
 
-#include <fmt/chrono.h>
-
 #include <algorithm>
 
 #include "station/base/text.h"
+#include "station/page/local_time.h"
 #include "station/page/static_files.h"
 
 namespace station {
@@ -277,8 +276,7 @@ std::string Floor::since(uint64_t &seen) {
     if (lineVersion_ > seen) {
         json["line"] = line_;
         for (const auto &[text, time] : troubles_) {
-            json["line"]["troubles"].push_back(
-                fmt::format("{:%H:%M} {}", fmt::localtime(WallClock::to_time_t(time)), text));
+            json["line"]["troubles"].push_back(localTime(WallClock::to_time_t(time), "%H:%M ") + text);
         }
     }
     seen = version_;

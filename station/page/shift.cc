@@ -1,6 +1,6 @@
 #include "station/page/shift.h"
 
-#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,6 +10,7 @@
 
 #include "station/base/machine.h"
 #include "station/base/time.h"
+#include "station/page/local_time.h"
 #include "station/store/queries.h"
 
 namespace station {
@@ -87,7 +88,7 @@ Json Shift::toJson() const {
     const auto count = [](const Passed &all, bool passed) {
         return std::count_if(all.begin(), all.end(), [=](const auto &one) { return one.second == passed; });
     };
-    Json json = {{"since", fmt::format("{:%H:%M}", fmt::localtime(WallClock::to_time_t(begin_)))},
+    Json json = {{"since", localTime(WallClock::to_time_t(begin_), "%H:%M")},
                  {"seconds", inSeconds(WallClock::now() - begin_)},
                  {"units", units_.size()},
                  {"failed", count(units_, false)}};

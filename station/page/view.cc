@@ -269,9 +269,7 @@ Json frameOf(const Query &query) {
             {"kept", listOf(query.kept())},
             {"all_runs", query.changed({{"failed", ""}, {"step", ""}, {"skip", ""}})},
             {"failed_runs", query.changed({{"failed", "1"}, {"skip", ""}})},
-            {"to_summary", query.link("/summary")},
-            {"to_runs", query.link("/runs")},
-            {"to_units", query.link("/units")},
+            {"with_kept", query.link("")},
             {"since", bound(query.filter.period.since)},
             {"until", bound(query.filter.period.until)}};
 }
