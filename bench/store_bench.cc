@@ -55,9 +55,9 @@ void fill(Database &database, int runs) {
             " 1 + i % 10 / 9, i % 10 = 8, CASE i % 20 WHEN 0 THEN 'step ' || (i % 7) END, '{}' FROM n",
         "INSERT INTO steps (run, step, title, verdict, reply, cut, started_after, seconds, attempts)"
         " SELECT i / 3 + 1, i % 3 + 1, 'step ' || (i % 3), 'passed', 'OK', 0, i % 3, 1, 1 FROM n",
-        "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)"
-        " SELECT i / 2 + 1, 1, 'volts ' || (i % 2), 2 + i % 101 / 200.0, 1, 3, 'V', 'passed', 'line', " +
-            timeOf("(i / 2)") + " FROM n",
+        "INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started, station,"
+        " place_name) SELECT i / 2 + 1, 1, 'volts ' || (i % 2), 2 + i % 101 / 200.0, 1, 3, 'V', 'passed', 'line', " +
+            timeOf("(i / 2)") + ", 1, 'place ' || (i / 2 % 16) FROM n",
         "INSERT INTO pool_rows (pool, value, number, unit, run, bound, retired) SELECT 1, '02:00:' || " +
             two("i / 1000000 % 100") + " || ':' || " + two("i / 10000 % 100") + " || ':' || " + two("i / 100 % 100") +
             " || ':' || " + two("i % 100") + ", i, i + 1, 'R' || i, " + started + ", FALSE FROM n"};
@@ -300,6 +300,9 @@ void bench(const std::string &store, int runs) {
     report("summary of 30 days --by hour", [&] { yields(database, month, By::kHour); });
     report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
     report("summary of 30 days --by value", [&] { measuredValues(database, month); });
+    report("summary of 30 days --by place", [&] { yields(database, month, By::kPlace); });
+    report("a value of 30 days by place", [&] { measuredValues(database, month, "volts 1", By::kPlace); });
+    report("histogram of 30 days by place", [&] { histogram(database, month, "volts 1", 30); });
     report("a value of 30 days as a group", [&] { readingGroup(database, {month.period, "line"}, "volts 1"); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });

@@ -373,6 +373,8 @@ class Page(unittest.TestCase):
         self.browser.find_element(By.LINK_TEXT, 'ports').send_keys(Keys.ENTER)
         self.until(lambda: find('canvas'))
         content = lambda path: self.request(path)[1].decode()
+        months = csv.DictReader(content('/summary.csv?since=1970-01-01&table=times').splitlines())
+        self.assertEqual([month['runs'] for month in months], ['2'])
         lines = list(csv.DictReader(content('/value.csv?name=ports&table=readings').splitlines()))
         self.assertEqual([len(lines), len(find('details:last-of-type tbody tr'))], [2, 2])
         hints = self.js('''

@@ -287,7 +287,7 @@ TEST_P(Store, BringsVersion3Forward) {
     Database database(storeOf(store_, folder_, shared_, {2, 3}));
     // A failure without a cause was the unit's.
     EXPECT_THAT(cells(yields(database, {}, By::kAll), 0),
-                ElementsAre("all", "1", "2", "0", "100", "1", "1", "10.25", "10.25"));
+                ElementsAre("all", "1", "2", "0", "100", "1", "1", "10.3", "10.3"));
     EXPECT_EQ(loadRun(database, "20261121T173000.000Z-00000001").cause, Cause::kNone);
     // An interruption was the station's.
     EXPECT_EQ(listRuns(database, {{.cause = "unit"}}).rows.size(), 1);
@@ -314,7 +314,7 @@ TEST_P(Store, BringsVersion1Forward) {
     EXPECT_THAT(cells(show(database, "A")[1].table, 3),
                 ElementsAre("mac", "02:00:00:00:00:FF", run.id, "2026-11-21T17:30:01.000Z"));
     EXPECT_THAT(cells(yields(database, {{"2026-11-21", "2026-11-22"}}, By::kHour), 0).front(), "2026-11-21T17");
-    EXPECT_EQ(measuredValues(database, {{"2026-11-21T17:30", "2026-11-21T17:31"}}).rows.size(), 1);
+    EXPECT_EQ(measuredValues(database, {{"2026-11-21T17:30", "2026-11-21T17:31"}}, "", By::kPlace).rows.size(), 1);
     RunRecord again = runOf("A"), other = runOf("C");
     records->begins(again);
     records->begins(other);
@@ -408,7 +408,7 @@ TEST_P(Store, CountsWhatSaysSomethingAboutUnits) {
     EXPECT_THAT(cells(yields(database, {}, By::kPlace), 0), testing::Contains("left"));
     const auto values = cells(measuredValues(database, {{}, "line"}, "", By::kPlace), 0);
     EXPECT_EQ(values[0] + " " + values[1], here + " left");
-    EXPECT_THAT(cells(histogram(database, {{}, "line"}, values[3], 4, By::kPlace), 0),
+    EXPECT_THAT(cells(histogram(database, {{}, "line"}, values[3], 4), 0),
                 ElementsAre(values[7], values[9], values[1], values[5], values[6]));
     const size_t names = measuredValues(database, {{}, "line"}).rows.size();
     for (const Value &unit : {Value("another"), Value()}) {

@@ -19,7 +19,6 @@ namespace {
 
 constexpr size_t kMostOfFile = 100000;  // rows
 constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
-constexpr size_t kMostPlaced = 200000;  // readings of a histogram that is split by place
 constexpr int kGroups = 200, kBars = 30;
 constexpr std::time_t kHour = 3600, kDay = 24 * kHour;
 
@@ -116,6 +115,16 @@ std::vector<std::string> timesOf(const Period &period, const std::vector<int> &s
     }
     times.push_back(period.until);
     return times;
+}
+
+// Drops the parts of the period before the first run and after the last one: decades without runs cost nothing.
+void keepWithRuns(Database &database, std::vector<std::string> &times) {
+    const auto after = [&](const Value &run) {
+        return std::find_if(times.begin() + 1, times.end() - 1, [&](const auto &time) { return time > run; });
+    };
+    const auto runs = database.ask(sqlOf(database.shared(), "run_span")).rows[0];
+    times.erase(after(runs[1]) + 1, times.end());
+    times.erase(times.begin(), after(runs[0]) - 1);
 }
 
 // Asks about the runs between each time and the next one, and returns the rows of all answers.
@@ -251,14 +260,7 @@ Table groups(const Asked &asked) {
                    [&](const Filter &part) { return readingGroup(asked.database, part, asked.query["name"]); });
 }
 
-// Returns the histogram, by place unless the look-up of so many places would take too long.
-Table bars(const Asked &asked) {
-    const Query &query = asked.query;
-    const Table group = readingGroup(asked.database, query.filter, query["name"]);
-    const size_t measured = group.empty() ? 0 : std::stoul(*group.rows[0][indexOf(group, "measured")]);
-    return histogram(asked.database, query.filter, query["name"], kBars,
-                     measured <= kMostPlaced ? By::kPlace : By::kAll);
-}
+Table bars(const Asked &asked) { return histogram(asked.database, asked.query.filter, asked.query["name"], kBars); }
 
 Part valuesBy(std::string_view name, By by) {
     return {name, [=](const Asked &asked) {
@@ -272,8 +274,9 @@ Part valuesBy(std::string_view name, By by) {
 Part yieldsOf(std::string_view name, bool parts) {
     return {name, [=](const Asked &asked) {
                 const Period &period = asked.query.filter.period;
-                const auto times = parts ? timesOf(period, asked.settings.shifts)
-                                         : std::vector<std::string>{period.since, period.until};
+                auto times = parts ? timesOf(period, asked.settings.shifts)
+                                   : std::vector<std::string>{period.since, period.until};
+                if (parts) keepWithRuns(asked.database, times);
                 return inParts(asked, times, [&](const Filter &part) {
                     Table table = yields(asked.database, part, By::kAll);
                     table.columns[0] = "since";

@@ -18,26 +18,34 @@ namespace {
 
 constexpr const char *kFirstDay = "0001-01-01", *kLastDay = "9999-12-31";
 
-// A filter's conditions on a run r, with its value as "?".
-constexpr std::pair<std::string Filter::*, const char *> kConditions[] = {
-    {&Filter::plan, " AND r.plan = ?"},
-    {&Filter::product, " AND r.unit IN (SELECT id FROM units WHERE product = ?)"},
-    {&Filter::station, " AND r.station IN (SELECT id FROM stations WHERE name = ?)"},
-    {&Filter::place, " AND r.place_name = ?"},
-    {&Filter::cause, " AND r.verdict IN ('failed', 'interrupted') AND {cause} = ?"}};
-constexpr const char *kReference = "SELECT id FROM runs WHERE reference AND started >= $1 AND started < $2";
+// A filter's conditions with its value as "?": on a run r, and on a measurement m where that has the column, too.
+struct FilterPart {
+    std::string Filter::*member;
+    const char *ofRun, *ofReading = nullptr;
+};
+constexpr FilterPart kConditions[] = {{&Filter::plan, " AND r.plan = ?", " AND m.plan = ?"},
+                                      {&Filter::station, " AND r.station IN (SELECT id FROM stations WHERE name = ?)",
+                                       " AND m.station IN (SELECT id FROM stations WHERE name = ?)"},
+                                      {&Filter::place, " AND r.place_name = ?", " AND m.place_name = ?"},
+                                      {&Filter::product, " AND r.unit IN (SELECT id FROM units WHERE product = ?)"},
+                                      {&Filter::cause, " AND r.verdict IN ('failed', 'interrupted') AND {cause} = ?"}};
 
 // A query about the runs of a filter.
 class Question {
 public:
     explicit Question(const Filter &filter) : plan_(!filter.plan.empty()), values_(bounds(filter.period)) {
-        for (const auto &[member, condition] : kConditions) add(condition, filter.*member);
+        for (const FilterPart &one : kConditions) {
+            const std::string &value = filter.*one.member;
+            add(one.ofRun, value);
+            if (one.ofReading && !value.empty()) readings_ += numbered(one.ofReading);
+            throughRuns_ |= !one.ofReading && !value.empty();
+        }
     }
     // Adds a condition. An empty value adds none.
     void add(const char *condition, const std::string &value) {
         if (value.empty()) return;
         values_.emplace_back(value);
-        runs_ += replaced(condition, '?', fmt::format("${}", values_.size()));
+        runs_ += numbered(condition);
     }
 
     // Runs the query of the file NAME.sql, in which {runs} are the conditions on a run r.
@@ -50,23 +58,36 @@ public:
     }
     // The same for the measured values of this name; empty: of all names. {readings} are the conditions on one, m.
     Table askReadings(Database &database, const char *file, const std::string &name, Words words = {}) {
-        std::string readings = "m.started >= $1 AND m.started < $2";
-        // Only with reference units among the runs: the index of measured values does not have the run.
-        const bool any = !database.ask(fmt::format("{} LIMIT 1", kReference), {values_[0], values_[1]}).empty();
-        if (any) readings += fmt::format(" AND m.run NOT IN ({})", kReference);
-        if (plan_) readings += " AND m.plan = $3";
-        if (values_.size() > (plan_ ? 3 : 2)) readings += " AND m.run IN (SELECT r.id FROM runs r WHERE " + runs_ + ")";
-        if (!name.empty()) values_.emplace_back(name);
+        std::string readings = readings_;
+        if (throughRuns_) readings += fmt::format(" AND m.run IN (SELECT r.id FROM runs r WHERE {})", runs_);
+        if (!plan_) readings += planOf(database, name);
+        if (!name.empty()) values_.emplace_back(name), readings += " AND m.name = {name}";
         words["name"] = fmt::format("${}", values_.size());
-        if (!name.empty()) readings += " AND m.name = {name}";
         words["readings"] = readings;
         return ask(database, file, words);
     }
 
 private:
-    const bool plan_;  // the first value after the period is a plan
+    std::string numbered(const char *condition) const {
+        return replaced(condition, '?', fmt::format("${}", values_.size()));
+    }
+    // Returns the condition that the plan is one of those with this value. Without it, a database would read the
+    // value's part of the index from the first run on.
+    std::string planOf(Database &database, const std::string &name) {
+        std::string plans;
+        for (const auto &row : database.ask(sqlOf(database.shared(), "measured_plans"), {name}).rows) {
+            values_.push_back(row[0]);
+            plans += fmt::format("{}${}", plans.empty() ? "" : ", ", values_.size());
+        }
+        return plans.empty() ? "" : fmt::format(" AND m.plan IN ({})", plans);
+    }
+
+    const bool plan_;           // the first value after the period is a plan
+    bool throughRuns_ = false;  // there are conditions on readings that only their runs can answer
     std::vector<Value> values_;
     std::string runs_ = "r.started >= $1 AND r.started < $2";
+    std::string readings_ = "m.started >= $1 AND m.started < $2 AND m.run NOT IN"
+                            " (SELECT id FROM runs WHERE reference AND started >= $1 AND started < $2)";
 };
 
 // Answers the statements of an SQL file for this key, a section each.
@@ -149,32 +170,32 @@ Table eachRun(Database &database, const RunFilter &wanted, const Database::EachR
 Table listRuns(Database &database, const RunFilter &filter) { return eachRun(database, filter, {}); }
 
 Table yields(Database &database, const Filter &filter, By by) {
-    const auto begin = [&](int length, const char *form) {
-        return fmt::format(fmt::runtime(database.shared() ? "to_char(r.started, '{1}')" : "substr(r.started, 1, {0})"),
-                           length, form);
+    struct Grouping {
+        std::string group, names, shown;  // the expressions of a run r, what they are called, and how they are shown
     };
-    const std::map<By, std::pair<std::string, const char *>> groups = {
-        {By::kAll, {"'all' AS period", "period"}},
-        {By::kHour, {begin(13, "YYYY-MM-DD\"T\"HH24") + " AS hour", "hour"}},
-        {By::kDay, {begin(10, "YYYY-MM-DD") + " AS day", "day"}},
-        {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place"}},
-        {By::kPlan, {"r.plan", "plan"}}};
-    const auto &[group, names] = groups.at(by);
-    // Without groups: SQLite would sort all runs to put them into one. Places first: it then compares most runs by the
-    // first key alone.
-    const char *const parts = by == By::kAll     ? "HAVING count(*) > 0"
-                              : by == By::kPlace ? "GROUP BY 2, 1"
-                                                 : "GROUP BY 1";
-    const char *const rank =
-        database.shared() ? "percentile_disc({}) WITHIN GROUP (ORDER BY r.seconds)" : "nearest_rank(r.seconds, {})";
+    const auto since = [&](const char *unit, int length, const char *form) {
+        return database.shared() ? Grouping{fmt::format("date_trunc('{0}', r.started) AS {0}", unit), unit,
+                                            fmt::format("to_char({0}, '{1}') AS {0}", unit, form)}
+                                 : Grouping{fmt::format("substr(r.started, 1, {}) AS {}", length, unit), unit, unit};
+    };
+    const std::map<By, Grouping> groupings = {
+        {By::kAll, {"'all' AS period", "period", "period"}},
+        {By::kHour, since("hour", 13, "YYYY-MM-DD\"T\"HH24")},
+        {By::kDay, since("day", 10, "YYYY-MM-DD")},
+        {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place", "station, place"}},
+        {By::kPlan, {"r.plan", "plan", "plan"}}};
+    const auto &[group, names, shown] = groupings.at(by);
+    const bool places = by == By::kPlace;
+    std::string groups = places ? "GROUP BY 1, 2, 3" : "GROUP BY 1, 2";  // the first is the time
+    // SQLite sorts what it groups, even into one group. Places first: it then compares most runs by the first key
+    // alone.
+    if (!database.shared()) groups = by == By::kAll ? "HAVING count(*) > 0" : places ? "GROUP BY 2, 1" : "GROUP BY 1";
     return Question(filter).ask(database, "yields",
                                 {{"group", group},
                                  {"names", names},
-                                 {"parts", parts},
-                                 {"ordinals", by == By::kPlace ? "1, 2" : "1"},
-                                 {"join", by == By::kPlace ? "JOIN stations s ON s.id = r.station" : ""},
-                                 {"median", fmt::format(fmt::runtime(rank), 0.5)},
-                                 {"p90", fmt::format(fmt::runtime(rank), 0.9)}});
+                                 {"shown", shown},
+                                 {"groups", groups},
+                                 {"join", places ? "JOIN stations s ON s.id = r.station" : ""}});
 }
 
 Table failuresByStep(Database &database, const Filter &filter) {
@@ -189,25 +210,25 @@ Table failuresByCause(Database &database, const Filter &filter) {
 
 Table measuredValues(Database &database, const Filter &filter, const std::string &name, By by) {
     const bool places = by == By::kPlace;
-    const Words groups = {
-        {"group", std::string(places ? "s.name AS station, r.place_name AS place, " : "") + "m.plan, m.name, m.unit"},
-        {"join", places ? "JOIN runs r ON r.id = m.run JOIN stations s ON s.id = r.station" : ""},
-        {"parts", places ? "GROUP BY 1, 2, 3, 4, 5" : "GROUP BY 1, 2, 3"},
-        {"ordinals", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
-    // One query per plan and name: an index answers it. To group all values in one query, SQLite would sort them. It
-    // sorts even those of one plan and name, unless all have the same unit and thus need no groups.
-    const Words oneUnit = {{"group", "CAST($3 AS TEXT) AS plan, CAST({name} AS TEXT) AS name, min(m.unit) AS unit"},
+    const std::string named = "CAST($3 AS TEXT) AS plan, CAST({name} AS TEXT) AS name, ";
+    const Words groups = {{"group", (places ? "s.name AS station, m.place_name AS place, " : "") + named + "m.unit"},
+                          {"join", places ? "JOIN stations s ON s.id = m.station" : ""},
+                          {"parts", places ? "GROUP BY 2, 1, 5" : "GROUP BY 3"},
+                          {"ordinals", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
+    // SQLite sorts what it groups. If all have the same unit, which is usual, no groups are needed.
+    const Words oneUnit = {{"group", named + "min(m.unit) AS unit"},
                            {"join", ""},
                            {"parts", "HAVING count(*) > 0 AND (count(m.unit) = 0 OR"
                                      " count(m.unit) = count(*) AND min(m.unit) = max(m.unit))"},
                            {"ordinals", "1, 2, 3"}};
+    // One query per plan and name: an index answers it.
     auto names = database.ask(sqlOf(database.shared(), "measured_names")).rows;
     std::erase_if(names, [&](const auto &row) {
         return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);
     });
     Filter one = filter;
-    // The head, without rows. It needs a name: without one, the database would read all values.
-    Table all = Question({.period = {kLastDay, kLastDay}}).askReadings(database, "values", "-", groups);
+    // The head, without rows.
+    Table all = Question({.period = {kLastDay, kLastDay}, .plan = "-"}).askReadings(database, "values", "-", groups);
     for (const auto &row : names) {
         one.plan = *row[1];
         Table found = places ? Table() : Question(one).askReadings(database, "values", *row[0], oneUnit);
@@ -228,13 +249,8 @@ Table readingGroup(Database &database, const Filter &filter, const std::string &
     return Question(filter).askReadings(database, "reading_group", name);
 }
 
-Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges, By by) {
-    const bool places = by == By::kPlace;
-    return Question(filter).askReadings(database, "histogram", name,
-                                        {{"count", std::to_string(ranges)},
-                                         {"place", places ? "r.place_name" : "NULL"},
-                                         {"parts", places ? "part, placed.place" : "part"},
-                                         {"join", places ? "JOIN runs r ON r.id = m.run" : ""}});
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges) {
+    return Question(filter).askReadings(database, "histogram", name, {{"count", std::to_string(ranges)}});
 }
 
 Table choices(Database &database) { return database.ask(sqlOf(database.shared(), "choices")); }

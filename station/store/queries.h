@@ -48,7 +48,8 @@ Table eachRun(Database &database, const RunFilter &wanted, const Database::EachR
 
 enum class By { kAll, kHour, kDay, kPlace, kPlan };
 // Returns yield and cycle time: one row in all, or one per hour, day, place or plan. A unit counts once per plan, where
-// its last run is. Only runs that say something about units count (RunRecord::counts). Hours and days are UTC.
+// its last run is. Only runs that say something about units count (RunRecord::counts). Hours and days are UTC. Median
+// and 90th percentile are rounded to a tenth of a second, from 100 seconds on to a second.
 Table yields(Database &database, const Filter &filter, By by);
 // Returns failures by step, the most frequent first: the unit's, unless the filter names another cause.
 Table failuresByStep(Database &database, const Filter &filter);
@@ -62,9 +63,9 @@ Table measuredValues(Database &database, const Filter &filter, const std::string
 // with the lowest, mean and highest of all of them.
 Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
 Table readingGroup(Database &database, const Filter &filter, const std::string &name);
-// Returns how many readings lie in each of `ranges` ranges of the same width; with By::kPlace one row per place. A
-// range without any has no row.
-Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges, By by = By::kAll);
+// Returns how many readings lie in each of `ranges` ranges of the same width, one row per range and place. A range
+// without any has no row.
+Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges);
 
 // Returns what a filter can select: one row per combination of plan, product, station and place in the last 5000 runs.
 Table choices(Database &database);

@@ -6,9 +6,11 @@ SELECT (SELECT id FROM runs WHERE run = s.run), s.step, s.title, s.verdict, null
        s.failure, s.hint, s."offset", s.seconds, s.attempts, s.cause
 FROM {steps_of} WHERE TRUE ON CONFLICT (run, step) DO NOTHING;
 
-INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started)
+INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started, station,
+                          place_name)
 SELECT (SELECT id FROM runs WHERE run = s.run), s.step, m.value ->> 'name',
        CAST(m.value ->> 'value' AS DOUBLE PRECISION), CAST(m.value ->> 'min' AS DOUBLE PRECISION),
        CAST(m.value ->> 'max' AS DOUBLE PRECISION), m.value ->> 'unit', m.value ->> 'verdict',
-       (SELECT plan FROM runs WHERE run = s.run), (SELECT started FROM runs WHERE run = s.run)
+       (SELECT plan FROM runs WHERE run = s.run), (SELECT started FROM runs WHERE run = s.run),
+       (SELECT station FROM runs WHERE run = s.run), (SELECT place_name FROM runs WHERE run = s.run)
 FROM {steps_of}, @each(s.measurements) AS m WHERE TRUE ON CONFLICT (run, step, name) DO NOTHING;
