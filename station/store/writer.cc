@@ -4,17 +4,17 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace station {
 namespace {
 
 using Seconds = std::chrono::seconds;
 
-constexpr Seconds kIdle{5};                        // between two greetings when there is nothing to write
-constexpr std::chrono::milliseconds kPause{2};     // in which stations that share a file have their turns
-constexpr std::chrono::milliseconds kGather{100};  // in which changes wait for others that nobody waits for
-constexpr Seconds kRetry{1};                       // between two attempts to reach a store that is away
-constexpr Seconds kPatience{10};                   // after which a store counts as away that neither works nor fails
+constexpr Seconds kIdle{5};                     // between two greetings when there is nothing to write
+constexpr std::chrono::milliseconds kPause{2};  // in which stations that share a file have their turns
+constexpr Seconds kRetry{1};                    // between two attempts to reach a store that is away
+constexpr Seconds kPatience{10};                // after which a store counts as away that neither works nor fails
 
 }  // namespace
 
@@ -46,7 +46,7 @@ std::string Writer::away() const {
 }
 
 void Writer::now(Change change) {
-    std::future<void> done = add(std::move(change), true);
+    std::future<void> done = later(std::move(change));
     auto deadline = Clock::now();
     {
         const Lock lock(mutex_);
@@ -56,13 +56,12 @@ void Writer::now(Change change) {
     done.get();
 }
 
-std::future<void> Writer::add(Change change, bool urgent) {
+std::future<void> Writer::later(Change change) {
     Job job{std::move(change), {}};
     std::future<void> done = job.promise.get_future();
     {
         const Lock lock(mutex_);
         queue_.push_back(std::move(job));
-        urgent_ |= urgent;
     }
     changed_.notifyAll();
     return done;
@@ -73,10 +72,6 @@ void Writer::loop() {
     do {
         changed_.waitUntil(lock, Clock::now() + (away_.empty() ? kIdle : kRetry),
                            [&]() REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });
-        if (!queue_.empty()) {
-            changed_.waitUntil(lock, Clock::now() + kGather, [&]() REQUIRES(mutex_) { return stopping_ || urgent_; });
-        }
-        urgent_ = false;
         Jobs jobs = std::exchange(queue_, {});
         busySince_ = Clock::now();
         lock.unlock();

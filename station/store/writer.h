@@ -12,7 +12,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "station/base/mutex.h"
 #include "station/base/time.h"
@@ -45,9 +44,8 @@ public:
 
     // Returns why nothing can be written at present; empty when it can.
     std::string away() const;
-    // Queues a change that is written with the next one for which somebody waits, or within a tenth of a second; never
-    // if the store stays away.
-    void later(Change change) { (void)add(std::move(change), false); }
+    // Queues a change, which is never written if the store stays away. Returns its outcome, as now() has it.
+    std::future<void> later(Change change);
     // Writes a change, and returns when it is durable. Throws StoreAway when the store is away or takes too long; the
     // change may then still be written. Otherwise throws what `write` threw, or the database's error.
     void now(Change change);
@@ -59,7 +57,6 @@ private:
     };
     using Jobs = std::deque<Job>;
 
-    std::future<void> add(Change change, bool urgent);
     void loop();
     void round(Jobs jobs);
     void connect();
@@ -78,7 +75,6 @@ private:
     mutable Mutex mutex_;
     Condition changed_;
     Jobs queue_ GUARDED_BY(mutex_);
-    bool urgent_ GUARDED_BY(mutex_) = false;  // somebody waits for one of the queue
     std::string away_ GUARDED_BY(mutex_) = "the store was not reached yet";
     Clock::time_point busySince_ GUARDED_BY(mutex_) = Clock::time_point::max();
     bool stopping_ GUARDED_BY(mutex_) = false;
