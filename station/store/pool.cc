@@ -232,7 +232,7 @@ Strings columnsOf(re2::StringPiece line) {
     std::string quoted, plain, comma = ",";
     while (comma == ",") {
         if (!re2::RE2::Consume(&line, kColumn, &quoted, &plain, &comma)) {
-            throw Refusal(line.find(';') != line.npos
+            throw Refusal(line.find(';') != std::string::npos
                               ? "columns are separated with commas, not with semicolons; write a value that has one as"
                                 " \"a;b\""
                               : "a quote is out of place: write a value that has one as \"a\"\"b\"");
