@@ -1,13 +1,11 @@
 -- Steps, with what they found. $1 is an array of them in JSON: as in a record, with the run's name and their numbers.
--- Refused without the row of the run. With a join instead of look-ups, PostgreSQL
--- may read all runs.
+-- Refused without the row of the run. Runs are looked up one by one: for a join, PostgreSQL may read all of them.
 INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts, cause)
 SELECT (SELECT id FROM runs WHERE run = s.run), s.step, s.title, s.verdict, nullif(s.reply, ''), coalesce(s.cut, 0),
        s.failure, s.hint, s."offset", s.seconds, s.attempts, s.cause
 FROM {steps_of} WHERE TRUE ON CONFLICT (run, step) DO NOTHING;
 
-INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started, station,
-                          place_name)
+INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started, station, place_name)
 SELECT (SELECT id FROM runs WHERE run = s.run), s.step, m.value ->> 'name',
        CAST(m.value ->> 'value' AS DOUBLE PRECISION), CAST(m.value ->> 'min' AS DOUBLE PRECISION),
        CAST(m.value ->> 'max' AS DOUBLE PRECISION), m.value ->> 'unit', m.value ->> 'verdict',
