@@ -90,10 +90,7 @@ void Database::queue(const std::string &sql, const std::vector<Value> &values, s
 // SQLite: IMMEDIATE takes the write lock at once. A transaction that begins with a read may fail to get it later.
 void Database::begin() { queue(shared_ ? "BEGIN ISOLATION LEVEL READ COMMITTED" : "BEGIN IMMEDIATE"); }
 
-void Database::commit() {
-    driver_->finish();  // COMMIT must not travel with statements whose answers may still be refused
-    run("COMMIT");
-}
+void Database::commit() { run("COMMIT"); }
 
 void Database::rollBack() noexcept {
     try {

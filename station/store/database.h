@@ -108,8 +108,7 @@ public:
     long long run(const std::string &sql, const std::vector<Value> &values = {});
     // Queues a statement within transact(). It travels together with its neighbours, and is done by the next ask(),
     // each() or run() or at the end of the transaction; that call throws its error. Statements after a failed one are
-    // not done. `done` gets the answer; it must not use this connection. What it throws is an error of the
-    // statement, with which the transaction ends. SQLite does it at once.
+    // not done. `done` gets the answer; it must neither throw nor use this connection. SQLite does it at once.
     void queue(const std::string &sql, const std::vector<Value> &values = {}, std::function<void(Table)> done = {});
 
     // Calls `work` within a transaction and commits it. When `work` throws, nothing of it is done.

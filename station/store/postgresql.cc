@@ -240,11 +240,7 @@ void Postgresql::finish() {
         if (first.answer && first.answer->each) PQsetSingleRowMode(connection_.get());
         while (const Result result = next()) take(result.get(), first);
         if (PQstatus(connection_.get()) != CONNECTION_OK) lost();
-        if (!error_ && first.answer && first.answer->done) try {
-                first.answer->done(std::move(first.answer->table));
-            } catch (...) {
-                error_ = std::current_exception();
-            }
+        if (!error_ && first.answer && first.answer->done) first.answer->done(std::move(first.answer->table));
     }
     // Deferred constraints of a statement outside a transaction fail here.
     for (Result end = next(); PQresultStatus(end.get()) != PGRES_PIPELINE_SYNC; end = next()) {

@@ -55,29 +55,27 @@ std::string productOf(const RunRecord &run) {
     return product == run.variables.end() ? "" : product->second;
 }
 
-// Throws what the answer to refuseTaken() means.
-void refuse(const Table &found, const std::string &unit, const std::string &product) {
-    if (found.empty()) return;
-    const auto &row = found.rows[0];
-    if (row[0])
-        throw Refusal(fmt::format("the unit {} is in work at place {} of the station {}", unit, *row[0], *row[1]));
-    throw Refusal(
-        fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}: check the"
-                    " label. Products that count alike need the product in their serial numbers",
-                    unit, *row[2], product));
-}
-
-// Makes the transaction end with Refusal when another process that was active lately has the unit in work, or when the
-// serial number belongs to a unit of another product: the label may be the wrong one.
+// Throws Refusal when another process that was active lately has the unit in work, or when the serial number belongs to
+// a unit of another product: the label may be the wrong one.
 void refuseTaken(Database &database, const RunRecord &run) {
     const std::string product = productOf(run);  // an empty one becomes NULL, from which no product differs
-    database.queue("SELECT r.place_name, s.name, NULL FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON "
-                   "s.id = r.station"
-                   " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
-                       wasSeen(database, kSilence) +
-                       " UNION ALL SELECT NULL, NULL, product FROM units WHERE serial = $1 AND product <> $3",
-                   {text(run.unit), run.station.key, text(product)},
-                   [unit = run.unit, product](const Table &found) { refuse(found, unit, product); });
+    const Table found =
+        database.ask("SELECT r.place_name, s.name, NULL FROM runs r JOIN units u ON u.id = r.unit JOIN stations s ON "
+                     "s.id = r.station"
+                     " WHERE u.serial = $1 AND r.verdict = 'running' AND s.key <> $2 AND " +
+                         wasSeen(database, kSilence) +
+                         " UNION ALL SELECT NULL, NULL, product FROM units WHERE serial = $1 AND product <> $3",
+                     {text(run.unit), run.station.key, text(product)});
+    for (const auto &row : found.rows) {
+        if (row[0]) {
+            throw Refusal(
+                fmt::format("the unit {} is in work at place {} of the station {}", run.unit, *row[0], *row[1]));
+        }
+        throw Refusal(fmt::format("the serial number {} is that of a unit of the product {}, and this one is a {}:"
+                                  " check the label. Products that count alike need the product in their serial"
+                                  " numbers",
+                                  run.unit, *row[2], product));
+    }
 }
 
 }  // namespace
