@@ -35,3 +35,11 @@ INSERT INTO runs (run, unit, plan, station, place, place_name, peer, started, en
      'interrupted', NULL, 'PING', 'no reply', '{"serial":"B"}'),
     ('20261121T173200.000Z-00000003', 1, 'line', 1, 1, 'left', '127.0.0.1:1', '2026-11-21T17:32:00.000Z',
      '2026-11-21T17:32:10.250Z', 10.25, 'passed', 2, NULL, NULL, '{"serial":"A"}');
+INSERT INTO steps (run, step, title, verdict, reply, cut, failure, hint, started_after, seconds, attempts) VALUES
+    (1, 1, 'PING', 'failed', 'PING 2', 0, 'no reply', 'ask', 0, 0.5, 2);
+INSERT INTO measurements (run, step, name, value, minimum, maximum, unit, verdict, plan, started) VALUES
+    (1, 1, 'volts', 2.125, 1, NULL, 'V', 'passed', 'line', '2026-11-21T17:30:00.000Z');
+INSERT INTO pools (name, kind, low) VALUES ('mac', 'addresses', 5), ('key', 'values', 100);
+INSERT INTO ranges (pool, first, last, next, retired) VALUES (1, 2199023255552, 2199023255561, 2199023255552, FALSE);
+-- Of version 1, which did not know its number.
+INSERT INTO pool_rows (pool, value, number, retired) VALUES (2, '06-00-00-00-00-1f', NULL, FALSE);

@@ -121,19 +121,6 @@ void insertRows(Database &database, const std::string &head, const Rows &rows, c
     }
 }
 
-// Gives their numbers to values that are addresses, and were added before version 2 of the schema.
-void numberOldValues(Database &database) {
-    const Table old = database.ask("SELECT id, value FROM pool_rows WHERE number IS NULL AND length(value) = 17");
-    for (const auto &row : old.rows) {
-        const auto mac = parseMac(*row[1]);
-        if (!mac) continue;
-        database.queue(fmt::format("UPDATE pool_rows SET number = {0} WHERE id = $1"
-                                   " AND NOT EXISTS (SELECT 1 FROM pool_rows WHERE number = {0})",
-                                   *mac),
-                       {row[0]});
-    }
-}
-
 // Throws Refusal when an address of the entries, which the store has now, is there twice.
 void refuseOverlaps(Database &database, const Pool &pool, const Addition &added) {
     Range all{INT64_MAX, 0};
@@ -216,7 +203,6 @@ Imported add(Database &database, const std::string &name, const std::string &kin
     database.transact([&] {
         database.lock("pools");
         const Pool pool = openPool(database, name, kind, low);
-        numberOldValues(database);
         result = (kind == "addresses" ? addRanges : addValues)(database, pool, added);
     });
     result.first = added.entries.front().value;
