@@ -4,7 +4,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "station/page/local_time.h"
 #include "station/page/shift.h"
 
 namespace station {

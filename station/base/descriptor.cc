@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -39,5 +40,10 @@ bool waitFor(int descriptor, short events, Clock::time_point deadline) {
 }
 
 std::string describeError(std::string_view what) { return fmt::format("{}: {}", what, strerror(errno)); }
+
+std::string hostName() {
+    std::array<char, 256> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data() : "station";
+}
 
 }  // namespace station

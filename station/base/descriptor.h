@@ -1,5 +1,5 @@
 #pragma once
-// Open descriptors, waiting for them, and the text of a system error.
+// Open descriptors and waiting for them, the text of a system error, and the machine's name.
 
 #include <string>
 #include <string_view>
@@ -29,5 +29,8 @@ bool waitFor(int descriptor, short events, Clock::time_point deadline);
 
 // Returns "WHAT: " and the text of errno.
 std::string describeError(std::string_view what);
+
+// Returns the machine's host name; "station" when it has none.
+std::string hostName();
 
 }  // namespace station

@@ -1,5 +1,5 @@
 #pragma once
-// Whole files.
+// Whole files, and those that are compiled into the program.
 
 #include <sys/types.h>
 
@@ -36,6 +36,11 @@ private:
     std::filesystem::path path_;
     std::string temporary_;
     int descriptor_;
+};
+
+// A file that cmake/embed.cmake compiles into the program.
+struct StaticFile {
+    std::string_view name, content;
 };
 
 }  // namespace station

@@ -5,8 +5,6 @@
 #include <re2/re2.h>
 
 #include <algorithm>
-#include <ctime>
-#include <string_view>
 
 namespace station {
 namespace {
@@ -55,10 +53,25 @@ std::optional<WallClock::time_point> parseIsoTime(std::string text) {
 }
 
 std::optional<WallClock::time_point> parseTime(const std::string &text) {
-    if (text == "today") return parseTime(fmt::format("{:%Y-%m-%d}", fmt::localtime(std::time(nullptr))));
+    if (text == "today") return parseTime(localTime(std::time(nullptr), "%Y-%m-%d"));
     if (const auto ago = parseAgo(text)) return ago;
     const auto time = parseIsoTime(text);
     return time && !text.ends_with('Z') ? asLocal(*time) : time;
+}
+
+std::time_t timeOf(const std::string &utc) {
+    return WallClock::to_time_t(parseIsoTime(utc).value_or(WallClock::time_point()));
+}
+
+std::string localTime(std::time_t time, std::string_view form) {
+    return fmt::format(fmt::runtime(fmt::format("{{:{}}}", form)), fmt::localtime(time));
+}
+
+long aheadOfUtc(std::time_t time) { return fmt::localtime(time).tm_gmtoff; }
+
+std::string zone() {
+    const std::string zone = localTime(std::time(nullptr), "%Z, UTC%z");
+    return zone == "UTC, UTC+0000" ? "UTC" : std::string(zone).insert(zone.size() - 2, ":");
 }
 
 }  // namespace station

@@ -2,8 +2,10 @@
 // Clocks, and times as texts.
 
 #include <chrono>
+#include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace station {
 
@@ -25,5 +27,17 @@ std::optional<WallClock::time_point> parseIsoTime(std::string text);
 std::optional<WallClock::time_point> parseTime(const std::string &text);
 constexpr const char *kTimeForms =
     "2026-11-21 or 2026-11-21T17:30 (the station's time, or UTC with a Z), today, or 8h or 7d ago";
+
+// Returns the time that parseIsoTime() reads; 0 when it reads none.
+std::time_t timeOf(const std::string &utc);
+
+// Returns the time in this machine's time zone. `form` is one for strftime().
+std::string localTime(std::time_t time, std::string_view form = "%Y-%m-%d %H:%M:%S");
+
+// Returns by how many seconds this machine's zone is ahead of UTC at this time.
+long aheadOfUtc(std::time_t time);
+
+// Returns this machine's present zone: "CET, UTC+01:00".
+std::string zone();
 
 }  // namespace station

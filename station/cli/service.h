@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "station/base/static_file.h"
+#include "station/base/file.h"
 #include "station/line/line_file.h"
 
 namespace station {

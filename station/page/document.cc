@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <future>
 
-#include "station/page/local_time.h"
+#include "station/base/time.h"
 #include "station/page/shift.h"
 #include "station/store/format.h"
 #include "station/store/load.h"

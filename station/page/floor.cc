@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "station/base/text.h"
-#include "station/page/local_time.h"
 #include "station/page/static_files.h"
 
 namespace station {

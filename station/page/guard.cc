@@ -7,7 +7,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "station/base/machine.h"
+#include "station/base/descriptor.h"
 #include "station/run/record_json.h"
 
 namespace station {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "station/page/local_time.h"
+#include "station/base/time.h"
 
 namespace station {
 namespace {
@@ -22,6 +22,13 @@ std::string percentEncoded(const std::string &text) {
         encoded += safe ? std::string(1, letter) : fmt::format("%{:02X}", uint8_t(letter));
     }
     return encoded;
+}
+
+// Returns a time that a person wrote as the store has it.
+std::string storedTime(const std::string &text) {
+    const auto time = parseTime(text);
+    if (!time) throw Refusal(fmt::format("\"{}\" is not a time: {}", text, kTimeForms));
+    return isoTime(*time);
 }
 
 }  // namespace
@@ -45,7 +52,7 @@ Query::Query(const PageRequest &request) : path(request.path) {
         if (const auto field = parameters.extract(entered)) parameters[name] = field.mapped();
     }
     const auto since = parameters.emplace("since", "24h").first->second, until = (*this)["until"];
-    const Period period{parseLocalTime(since), until.empty() ? "" : parseLocalTime(until)};
+    const Period period{storedTime(since), until.empty() ? "" : storedTime(until)};
     if (!until.empty() && period.until <= period.since) throw Refusal("the period ends before it begins");
     filter = {period, (*this)["plan"], (*this)["product"], (*this)["station"], (*this)["place"], (*this)["cause"]};
     rows = kRowsOfPage;

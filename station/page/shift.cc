@@ -8,9 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "station/base/machine.h"
-#include "station/base/time.h"
-#include "station/page/local_time.h"
+#include "station/base/descriptor.h"
 #include "station/store/queries.h"
 
 namespace station {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "station/base/static_file.h"
+#include "station/base/file.h"
 #include "station/page/reply.h"
 
 namespace station {

@@ -9,7 +9,7 @@
 #include <set>
 
 #include "station/base/text.h"
-#include "station/page/local_time.h"
+#include "station/base/time.h"
 #include "station/page/static_files.h"
 #include "station/store/format.h"
 

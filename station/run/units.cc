@@ -1,6 +1,6 @@
 #include "station/run/units.h"
 
-#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <utility>
@@ -20,10 +20,9 @@ std::string keyOf(const Place &place, const std::string &unit, const std::string
 
 // Returns "14:02" in the station's time zone, with the date when that is not today.
 std::string localTimeOf(WallClock::time_point when) {
-    const std::tm then = fmt::localtime(WallClock::to_time_t(when));
-    const std::tm now = fmt::localtime(WallClock::to_time_t(WallClock::now()));
-    const bool today = then.tm_year == now.tm_year && then.tm_yday == now.tm_yday;
-    return today ? fmt::format("{:%H:%M}", then) : fmt::format("{:%Y-%m-%d %H:%M}", then);
+    const std::time_t then = WallClock::to_time_t(when);
+    const std::string day = localTime(then, "%Y-%m-%d "), today = localTime(std::time(nullptr), "%Y-%m-%d ");
+    return (day == today ? "" : day) + localTime(then, "%H:%M");
 }
 
 // Why a unit is not tested at once; an empty text: it is.

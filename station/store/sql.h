@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "station/base/static_file.h"
+#include "station/base/file.h"
 
 namespace station {
 

@@ -6,7 +6,7 @@
 #include <exception>
 #include <utility>
 
-#include "station/base/machine.h"
+#include "station/base/descriptor.h"
 #include "station/base/text.h"
 #include "station/store/mend.h"
 #include "station/store/pool.h"
