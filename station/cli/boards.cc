@@ -117,23 +117,26 @@ std::string adopted(const std::string &path, const Plan &plan, const Plan &befor
     return fmt::format("line {} read again: plan {} with {} steps, {}\n", path, plan.name, plan.steps.size(), was);
 }
 
-// Reads the line's file again, without a look at what `line`, `observer` and `console` refer to, which may be gone by
-// then. Returns the function that makes the line do what the file says; if the file has a fault, only the observer is
+// Reads the line's file again, without a look at what `line`, `observers` and `console` refer to, which may be gone by
+// then. Returns the function that makes the line do what the file says; if the file has a fault, only the observers are
 // told.
-std::function<void()> reload(const Task &task, Line &line, Observer &observer, Console &console) try {
+std::function<void()> reload(const Task &task, Line &line, const Observers &observers, Console &console) try {
     if (task.path.empty()) return [] {};
     awaitWriters(task.path);
     const LineFile file = loadLine(task.path, poolNames);
     needAnswers(file, task.line.page.has_value(), task.json);
     return [job = std::make_shared<const Job>(file), same = file.sameStation(task.line), path = task.path, &line,
-            &observer, &console] {
+            &observers, &console] {
         if (!same)
-            observer.trouble(path + ": a change of address, places, records or page takes effect at the next start");
-        if (!job->plan.warnings.empty()) observer.trouble(job->plan.warnings);
+            observers.tell(&Observer::trouble,
+                           path + ": a change of address, places, records or page takes effect at the next start");
+        if (!job->plan.warnings.empty()) observers.tell(&Observer::trouble, job->plan.warnings);
         console.say(adopted(path, job->plan, line.change(job)->plan));
     };
 } catch (const std::exception &error) {
-    return [why = fmt::format("the line goes on as before: {}", error.what()), &observer] { observer.trouble(why); };
+    return [why = fmt::format("the line goes on as before: {}", error.what()), &observers] {
+        observers.tell(&Observer::trouble, why);
+    };
 }
 
 void endAtOnce(const Unfinished &unfinished) {
@@ -182,7 +185,7 @@ int work(const Task &task, Console &console, Records &records) {
     };
     const Signals signals({end, [&] { endAtOnce(unfinished); },
                            [task, &line, &observers, &console] { return reload(task, line, observers, console); }});
-    const auto tell = [&](const std::string &trouble) { observers.trouble(trouble); };
+    const auto tell = [&](const std::string &trouble) { observers.tell(&Observer::trouble, trouble); };
     std::shared_ptr<void> quiet(nullptr, [&](void *) {
         if (page) page->stop();
         records.tell({});

@@ -5,7 +5,6 @@
 
 #include "station/base/mutex.h"
 #include "station/run/observer.h"
-#include "station/run/operator.h"
 #include "station/run/output.h"
 
 namespace station {

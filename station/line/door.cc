@@ -28,9 +28,9 @@ bool isAnswer(const std::string &bytes) {
 
 }  // namespace
 
-Door::Door(Listener &listener, Observer &observer)
+Door::Door(Listener &listener, const Observers &observers)
     : listener_(listener),
-      observer_(observer),
+      observers_(observers),
       cabled_(!listener.interface().empty()),
       most_(cabled_ ? kMost : kMostOfMany),
       wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
@@ -72,7 +72,7 @@ void Door::letIn() try {
         }
     }
 } catch (const SessionError &error) {
-    observer_.trouble(error.what());
+    observers_.tell(&Observer::trouble, error.what());
     pausedUntil_ = Clock::now() + kDescriptorPause;
 }
 
@@ -127,7 +127,8 @@ void Door::refuse(const Session &stranger, const std::string &why) {
 void Door::report() {
     if (unreported_ == 0) return;
     const size_t others = std::exchange(unreported_, 0) - 1;
-    observer_.strangerRefused(refused_, others == 0 ? why_ : fmt::format("{} ({} more were refused)", why_, others));
+    observers_.tell(&Observer::strangerRefused, refused_,
+                    others == 0 ? why_ : fmt::format("{} ({} more were refused)", why_, others));
     nextReport_ = Clock::now() + kReportPause;
 }
 

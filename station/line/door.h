@@ -27,7 +27,7 @@ struct Newcomer {
 // socket does not affect the others: further connections wait in the kernel.
 class Door {
 public:
-    Door(Listener &listener, Observer &observer);
+    Door(Listener &listener, const Observers &observers);
 
     Listener &listener() { return listener_; }
     // Ends the wait of attend(). Any thread may call this.
@@ -61,7 +61,7 @@ private:
     void refuse(const Session &stranger, const std::string &why);
 
     Listener &listener_;
-    Observer &observer_;
+    const Observers observers_;
     const bool cabled_;  // the socket has an interface of its own
     const size_t most_;  // limit for newcomers, and the same for boards that wait
     const Descriptor wakeup_;

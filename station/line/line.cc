@@ -10,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "station/base/text.h"
+
 namespace station {
 namespace {
 
@@ -25,11 +27,18 @@ bool hasCarrier(const std::string &interface) {
     return ioctl(any.descriptor(), SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) != 0;
 }
 
+// Returns what is wrong with the answer; empty: nothing.
+std::string faultOfAnswer(const std::string &answer, const AskWho &ask) {
+    if (answer.empty()) return "an answer is needed";
+    if (!ask.match || ask.match->find(answer)) return {};
+    return "\"" + shorten(answer, kQuoted) + "\" does not look right: scan or type it again";
+}
+
 }  // namespace
 
 // A socket and its places.
 struct Line::Gate {
-    Gate(Listener &listener, Observer &observer) : cable(listener.interface()), door(listener, observer) {}
+    Gate(Listener &listener, const Observers &observers) : cable(listener.interface()), door(listener, observers) {}
 
     const std::string cable;  // the interface of its one place; empty: its places share a network
     Door door;                // but for wake(), its thread's alone
@@ -86,6 +95,37 @@ struct Line::Orders {
     bool last = false;  // end when nobody is there or on the way
 };
 
+// The answers to who works at the line.
+struct Line::Staff {
+    // Returns who works at the run's place. Asks if the last answer is too old, and repeats the question until the
+    // answer is right. An answer at another place counts, too, unless each place asks for itself. Throws what `people`
+    // throws.
+    std::string at(const RunRecord &run, const AskWho &ask, Operator &people, const Needless &needless) {
+        const std::string where = ask.eachPlace ? run.place.name : "";
+        const auto known = [&]() -> std::string {
+            const Lock lock(mutex);
+            const auto &[name, since] = answers[where];
+            return Clock::now() < since + ask.within ? name : "";
+        };
+        const auto answered = [&] { return known().empty() ? needless() : "somebody has answered"; };
+        const auto deadline = Clock::now() + kAnswerTime;
+        std::string problem, name;
+        while ((name = known()).empty()) try {
+                const std::string answer = oneLine(trim(people.ask(run, 0, ask.prompt, problem, deadline, answered)));
+                problem = faultOfAnswer(answer, ask);
+                const Lock lock(mutex);
+                if (problem.empty()) answers[where] = {answer, Clock::now()};
+            } catch (const std::runtime_error &) {
+                if (known().empty()) throw;
+            }
+        return name;
+    }
+
+    Mutex mutex;
+    // The name and when it was given, by the place's name; "": the line's.
+    std::map<std::string, std::pair<std::string, Clock::time_point>> answers GUARDED_BY(mutex);
+};
+
 std::string Outcome::describe() const {
     return fmt::format("{} boards, {} failed{}", runs, failed,
                        again > 0 ? fmt::format(", {} to be tested again", again) : "");
@@ -93,8 +133,8 @@ std::string Outcome::describe() const {
 
 Line::Line(std::vector<Listener> &listeners, const std::vector<Place> &places, std::shared_ptr<const Job> job,
            const Context &context)
-    : context_(context), places_(places), job_(std::move(job)) {
-    for (Listener &listener : listeners) gates_.emplace_back(listener, context_.observer);
+    : context_(context), staff_(std::make_unique<Staff>()), places_(places), job_(std::move(job)) {
+    for (Listener &listener : listeners) gates_.emplace_back(listener, context_.observers);
     auto gate = gates_.begin();
     for (const Place &place : places) {
         gate->seats.push_back(&seats_.emplace_back(*this, *gate, place));
@@ -124,7 +164,7 @@ bool Line::hold(int number, bool held) {
         const Lock lock(mutex_);
         if (std::exchange(seat->held, held) == held) return true;
     }
-    context_.observer.placeHeld(seat->place, held);
+    context_.observers.tell(&Observer::placeHeld, seat->place, held);
     seat->gate.door.wake();
     return true;
 }
@@ -138,7 +178,7 @@ void Line::wake() {
 // ---- the calling thread
 
 Outcome Line::serve() {
-    context_.observer.lineStarts(places_);
+    context_.observers.tell(&Observer::lineStarts, places_);
     lookAtRecords();
     open_ = gates_.size();
     for (Seat &seat : seats_) seat.thread = std::jthread([&] { tendSeat(seat); });
@@ -159,7 +199,7 @@ bool Line::lookAtRecords() {
         const Lock lock(mutex_);
         if (std::exchange(away_, why) == why) return false;
     }
-    context_.observer.lineWaits(why);
+    context_.observers.tell(&Observer::lineWaits, why);
     return true;
 }
 
@@ -174,7 +214,7 @@ bool Line::look() {
         if (open_ == 0) return false;
         closed = closed_ |= context_.stop.requested() || Clock::now() >= deadline_;
     }
-    if (context_.stop.requested() && !std::exchange(stopped_, true)) context_.observer.lineStops();
+    if (context_.stop.requested() && !std::exchange(stopped_, true)) context_.observers.tell(&Observer::lineStops);
     if (lookAtRecords() || closed) wake();
     return true;
 }
@@ -194,8 +234,10 @@ void Line::endThreads() {
 void Line::nameLeftOut() {
     if (!context_.stop.requested()) return;
     const bool missing = !endless_ && wanted_ > 0;
-    if (!left_.empty()) context_.observer.trouble("connected, but not served, start their service again:" + left_);
-    if (missing) context_.observer.trouble(fmt::format("{} of the boards had not connected", wanted_));
+    if (!left_.empty())
+        context_.observers.tell(&Observer::trouble, "connected, but not served, start their service again:" + left_);
+    if (missing)
+        context_.observers.tell(&Observer::trouble, fmt::format("{} of the boards had not connected", wanted_));
     outcome_.interrupted |= missing || !left_.empty();
 }
 
@@ -294,14 +336,15 @@ void Line::watchCable(Gate &gate) {
     const bool plugged = gate.door.listener().renew(), powered = hasCarrier(gate.cable);
     const std::string missing = fmt::format("the interface {} is missing, or has no address", gate.cable);
     if (std::exchange(gate.plugged, plugged) != plugged)
-        context_.observer.placeBlocked(seat.place, plugged ? "" : missing);
-    if (std::exchange(gate.powered, powered) != powered) context_.observer.placePowered(seat.place, powered);
+        context_.observers.tell(&Observer::placeBlocked, seat.place, plugged ? "" : missing);
+    if (std::exchange(gate.powered, powered) != powered)
+        context_.observers.tell(&Observer::placePowered, seat.place, powered);
     if (powered) return;
     {
         const Lock lock(mutex_);
         if (seat.busy || !std::exchange(seat.verdict, false)) return;
     }
-    context_.observer.placeFree(seat.place);
+    context_.observers.tell(&Observer::placeFree, seat.place);
 }
 
 bool Line::closing() const { return closed_ || ended_ || (!endless_ && wanted_ <= 0) || context_.stop.requested(); }
@@ -341,7 +384,7 @@ void Line::serveBoard(Seat &seat, const Job &job) try {
     holdAfter(seat, job, run);
 } catch (const std::exception &error) {
     context_.units.releaseAt(seat.place);
-    context_.observer.trouble(fmt::format("place {}: {}", seat.place.name, error.what()));
+    context_.observers.tell(&Observer::trouble, fmt::format("place {}: {}", seat.place.name, error.what()));
 }
 
 // Returns false when the line stops before the run could be recorded.
@@ -350,14 +393,15 @@ bool Line::begin(const RunRecord &run) {
     for (;;) {
         try {
             context_.records.begins(run);
-            if (!told.empty()) context_.observer.lineWaits(context_.records.away());
-            context_.observer.boardConnects(run);
+            if (!told.empty()) context_.observers.tell(&Observer::lineWaits, context_.records.away());
+            context_.observers.tell(&Observer::boardConnects, run);
             return true;
         } catch (const RecordsError &error) {
-            if (std::exchange(told, error.what()) != error.what()) context_.observer.lineWaits(error.what());
+            if (std::exchange(told, error.what()) != error.what())
+                context_.observers.tell(&Observer::lineWaits, error.what());
         }
         if (!context_.stop.wait(kRetry)) continue;
-        context_.observer.trouble("connected, but not served, start its service again: " + run.peer);
+        context_.observers.tell(&Observer::trouble, "connected, but not served, start its service again: " + run.peer);
         const Lock lock(mutex_);
         outcome_.interrupted = true;
         return false;
@@ -370,7 +414,7 @@ void Line::askWho(Seat &seat, const Job &job, RunRecord &run) try {
         if (context_.stop.requested()) return "the station was stopped";
         return seat.session().gone() ? "the board has gone" : "";
     };
-    if (!job.who.prompt.empty()) run.operatorName = staff_.at(run, job.who, context_.operators, needless);
+    if (!job.who.prompt.empty()) run.operatorName = staff_->at(run, job.who, context_.operators, needless);
 } catch (const std::runtime_error &error) {
     run.failure = fmt::format("nobody said who works here: {}", error.what());
     run.cause = seat.session().gone() ? Cause::kConnection : Cause::kOperator;
@@ -382,8 +426,9 @@ void Line::holdAfter(Seat &seat, const Job &job, const RunRecord &run) {
     if (!run.counts()) return;
     seat.failed = run.passed() ? 0 : seat.failed + 1;
     if (job.holdAfter == 0 || seat.failed < job.holdAfter) return;
-    context_.observer.trouble(fmt::format("{} is held: {} runs in a row failed there. Find out why, then release it",
-                                          nameOf(seat.place), std::exchange(seat.failed, 0)));
+    context_.observers.tell(&Observer::trouble,
+                            fmt::format("{} is held: {} runs in a row failed there. Find out why, then release it",
+                                        nameOf(seat.place), std::exchange(seat.failed, 0)));
     hold(seat.place.number, true);
 }
 
@@ -412,10 +457,11 @@ void Line::finish(const RunRecord &run) {
     try {
         context_.records.ends(run);
     } catch (const RecordsError &error) {
-        context_.observer.trouble(fmt::format("the run {} is not recorded yet: {}", run.id, error.what()));
+        context_.observers.tell(&Observer::trouble,
+                                fmt::format("the run {} is not recorded yet: {}", run.id, error.what()));
     }
     context_.units.ended(run);
-    context_.observer.boardEnds(run);
+    context_.observers.tell(&Observer::boardEnds, run);
     const Lock lock(mutex_);
     ++outcome_.runs;
     outcome_.failed += run.passed() || run.again() ? 0 : 1;

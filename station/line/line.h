@@ -9,11 +9,18 @@
 
 #include "station/base/mutex.h"
 #include "station/line/door.h"
-#include "station/line/staff.h"
 #include "station/run/hooks.h"
 #include "station/run/run.h"
 
 namespace station {
+
+// The question who works at the line, or at each of its places, once a shift.
+struct AskWho {
+    std::string prompt;                // empty: nobody is asked
+    std::optional<Expression> match;   // of the answer
+    Milliseconds within{8 * 3600000};  // after this time it is asked again
+    bool eachPlace = false;            // each place asks for itself; otherwise one answer is for all
+};
 
 // What is done with a board.
 struct Job {
@@ -66,6 +73,7 @@ private:
     struct Gate;
     struct Seat;
     struct Orders;
+    struct Staff;
 
     bool look();
     bool lookAtRecords();
@@ -93,7 +101,7 @@ private:
     Seat *seatFor(const Gate &gate, const std::string &address) REQUIRES(mutex_);
 
     const Context context_;
-    Staff staff_;
+    const std::unique_ptr<Staff> staff_;
     const std::vector<Place> places_;
     std::list<Gate> gates_;  // these and the seats do not change while there are threads
     std::list<Seat> seats_;

@@ -6,7 +6,6 @@
 #include <system_error>
 #include <utility>
 
-#include "station/base/mutex.h"
 #include "station/base/text.h"
 #include "station/run/output.h"
 

@@ -1,6 +1,5 @@
 #include "station/page/floor.h"
 
-#include <algorithm>
 
 #include "station/base/text.h"
 #include "station/page/static_files.h"

@@ -15,7 +15,6 @@
 #include "station/page/shift.h"
 #include "station/run/durations.h"
 #include "station/run/observer.h"
-#include "station/run/operator.h"
 #include "station/run/record_json.h"
 
 namespace station {

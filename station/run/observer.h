@@ -1,8 +1,10 @@
 #pragma once
-// The interface for everything that follows a line: terminal, events, page. Called by the threads of all boards at
-// once.
+// The interfaces between a line and its surroundings: what follows it (terminal, events, page), and who answers its
+// questions (at the terminal or on the page). The threads of all boards call both at once.
 
 #include <exception>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,38 +47,15 @@ public:
     virtual void trouble(const std::string &) {}
 };
 
-// Forwards each call to all of them, in their order.
-class Observers : public Observer {
+// Some observers: tell(&Observer::stepStarts, run, step) calls each of them, in their order.
+class Observers {
 public:
+    Observers() = default;
+    Observers(Observer &only) : all_{&only} {}
     void add(Observer &observer) { all_.push_back(&observer); }
 
-    void lineStarts(const std::vector<Place> &places) override { tell(&Observer::lineStarts, places); }
-    void boardConnects(const RunRecord &run) override { tell(&Observer::boardConnects, run); }
-    void stepStarts(const RunRecord &run, size_t step) override { tell(&Observer::stepStarts, run, step); }
-    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override {
-        tell(&Observer::progress, run, step, sent, total);
-    }
-    void asks(const RunRecord &run, size_t step, const std::string &prompt) override {
-        tell(&Observer::asks, run, step, prompt);
-    }
-    void stepEnds(const RunRecord &run, size_t step) override { tell(&Observer::stepEnds, run, step); }
-    void boardEnds(const RunRecord &run) override { tell(&Observer::boardEnds, run); }
-    void placeFree(const Place &place) override { tell(&Observer::placeFree, place); }
-    void placeHeld(const Place &place, bool held) override { tell(&Observer::placeHeld, place, held); }
-    void placeBlocked(const Place &place, const std::string &why) override {
-        tell(&Observer::placeBlocked, place, why);
-    }
-    void placePowered(const Place &place, bool powered) override { tell(&Observer::placePowered, place, powered); }
-    void strangerRefused(const std::string &peer, const std::string &why) override {
-        tell(&Observer::strangerRefused, peer, why);
-    }
-    void lineWaits(const std::string &why) override { tell(&Observer::lineWaits, why); }
-    void lineStops() override { tell(&Observer::lineStops); }
-    void trouble(const std::string &text) override { tell(&Observer::trouble, text); }
-
-private:
     template <typename Call, typename... Arguments>
-    void tell(Call call, const Arguments &...arguments) {
+    void tell(Call call, const Arguments &...arguments) const {
         for (Observer *const observer : all_) {
             try {
                 (observer->*call)(arguments...);
@@ -85,7 +64,26 @@ private:
         }
     }
 
+private:
     std::vector<Observer *> all_;
+};
+
+// Returns why no answer is needed any more; empty: one is. Called several times a second.
+using Needless = std::function<std::string()>;
+
+// Nobody answered in time, or no answer is needed any more. The text says which.
+struct NoAnswer : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Answers a plan's questions.
+class Operator {
+public:
+    virtual ~Operator() = default;
+    // Returns the answer to the prompt of a run's step. `problem` says what was wrong with the answer before; empty at
+    // first. Throws NoAnswer; std::runtime_error when there is no way to ask.
+    virtual std::string ask(const RunRecord &run, size_t step, const std::string &prompt, const std::string &problem,
+                            Clock::time_point deadline, const Needless &needless) = 0;
 };
 
 }  // namespace station

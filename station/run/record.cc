@@ -7,7 +7,6 @@
 #include <random>
 
 #include "station/base/text.h"
-#include "station/base/time.h"
 
 namespace station {
 namespace {

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <pugixml.hpp>
 #include <sstream>
-#include <string>
 
 #include "station/base/descriptor.h"
 #include "station/base/file.h"

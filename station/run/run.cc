@@ -65,7 +65,7 @@ struct Attempt {
         return [this, told = Clock::time_point{}](uint64_t sent, uint64_t total) mutable {
             if (sent < total && Clock::now() - told < kProgressPause) return;
             told = Clock::now();
-            course.context.observer.progress(course.run, index, sent, total);
+            course.context.observers.tell(&Observer::progress, course.run, index, sent, total);
         };
     }
 };
@@ -262,7 +262,7 @@ void runAsk(Attempt &attempt) {
     const Context &context = attempt.course.context;
     StepResult &result = attempt.result;
     std::string problem, unconfirmed;
-    context.observer.asks(attempt.course.run, attempt.index, attempt.prompt);
+    context.observers.tell(&Observer::asks, attempt.course.run, attempt.index, attempt.prompt);
     while (Clock::now() < attempt.deadline) {
         const auto asked = Clock::now();
         result.reply = trim(answerTo(attempt, problem));
@@ -465,7 +465,7 @@ void runStep(Course &course, size_t index) {
     const auto start = Clock::now();
     result.offset = since(course.start);
     result.title = step.title(course.run.variables);
-    context.observer.stepStarts(course.run, index);
+    context.observers.tell(&Observer::stepStarts, course.run, index);
     do {
         if (result.attempts > 0) context.stop.wait(kRetryPause);
         ++result.attempts;
@@ -479,7 +479,7 @@ void runStep(Course &course, size_t index) {
     const Variables values = valuesOf(step, course.run);  // with what it has found
     result.title = step.title(values);
     result.hint = result.cause > Cause::kUnit ? todoAbout(result.cause) : fill(step.hint, values);
-    context.observer.stepEnds(course.run, index);
+    context.observers.tell(&Observer::stepEnds, course.run, index);
     context.records.stepEnded(course.run, index);
 }
 

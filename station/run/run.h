@@ -3,16 +3,19 @@
 //
 //     RunRecord run = newRun(plan, place);
 //     records.begins(run);                    // durable before the board's first command
-//     run = runPlan(board, plan, std::move(run), {observer, records, stop, operators, units});
+//     run = runPlan(board, plan, std::move(run), {observers, records, stop, operators, units});
 //     if (run.passed()) ...
 
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <atomic>
 #include <string>
 
+#include "station/base/descriptor.h"
 #include "station/plan/plan.h"
 #include "station/run/observer.h"
-#include "station/run/operator.h"
 #include "station/run/records.h"
-#include "station/run/stop.h"
 #include "station/run/units.h"
 #include "station/wire/session.h"
 
@@ -30,9 +33,27 @@ public:
     virtual bool linked() const { return true; }
 };
 
+// The request to stop the line: running steps end, and nothing new begins. May be used by any thread.
+class Stop {
+public:
+    void request() {
+        requested_ = true;
+        eventfd_write(event_.descriptor(), 1);
+    }
+    bool requested() const { return requested_; }
+    // Waits for this time, or until the stop is requested. Returns whether it has been.
+    bool wait(Milliseconds duration) const {
+        return waitFor(event_.descriptor(), POLLIN, Clock::now() + duration) || requested();
+    }
+
+private:
+    std::atomic<bool> requested_ = false;
+    const Descriptor event_{eventfd(0, EFD_CLOEXEC)};
+};
+
 // The services that a run uses. The caller owns them, and keeps them until the run has ended.
 struct Context {
-    Observer &observer;
+    Observers observers;
     Records &records;
     const Stop &stop;
     Operator &operators;

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "station/wire/listener.h"
 
