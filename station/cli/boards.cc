@@ -167,16 +167,16 @@ int work(const Task &task, Console &console, Records &records) {
     const auto page = task.line.page ? std::make_unique<Page>(*task.line.page, task.line.store) : nullptr;
     if (page) console.say(fmt::format("page {}\n", page->url()));
     console.say(startOf(task, listeners.front().port()));
-    Terminal terminal(console.output, task.boards);
+    const std::unique_ptr<Terminal> terminal = terminalOn(console.output, task.boards);
     const std::unique_ptr<Observer> events = eventsTo(console.output);
     Unfinished unfinished;
     Observers observers;
     observers.add(unfinished);
-    observers.add(console.json ? *events : terminal);
+    observers.add(console.json ? *events : *terminal);
     if (page) observers.add(page->observer());
     Stop stop;
     Units units;
-    Operator &people = page ? page->operators() : terminal;
+    Operator &people = page ? page->operators() : *terminal;
     Line line(listeners, task.line.places, std::make_shared<const Job>(task.line),
               {observers, records, stop, people, units});
     const auto end = [&] {

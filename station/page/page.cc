@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "station/page/history.h"
 #include "station/page/static_files.h"
@@ -39,9 +40,9 @@ std::string parameter(const PageRequest &request, const char *name) {
 }  // namespace
 
 Page::Page(const PageSettings &settings, const std::string &store)
-    : floor_(Shift(settings.shifts, settings.target, store)),
+    : floor_(floorWith(Shift(settings.shifts, settings.target, store))),
       archive_(std::make_shared<Archive>(store)),
-      server_(settings, [this](uint64_t &seen) { return floor_.since(seen); }) {
+      server_(settings, [this](uint64_t &seen) { return floor_->since(seen); }) {
     server_.add(staticRoutes());
     server_.add(historyRoutes(archive_, !store.empty(), settings));
     server_.add(shows(settings.language));
@@ -53,14 +54,14 @@ std::vector<Route> Page::shows(const std::string &language) {
     const auto words = [text = dump(readWords(language).texts)](const PageRequest &) { return said(text); };
     const auto line = [this](const PageRequest &) {
         uint64_t seen = 0;
-        return said(floor_.since(seen));
+        return said(floor_->since(seen));
     };
     const auto steps = [this](const PageRequest &request) {
-        const std::string found = floor_.steps(std::atoi(parameter(request, "place").c_str()));
+        const std::string found = floor_->steps(std::atoi(parameter(request, "place").c_str()));
         return found.empty() ? refused(404, "There is no such place.") : said(found);
     };
     const auto picture = [this](const PageRequest &request) -> PageReply {
-        const auto found = floor_.picture(parameter(request, "sha256"));
+        const auto found = floor_->picture(parameter(request, "sha256"));
         if (!found) return refused(404, "There is no such picture.");
         return {200, pictureType(*found->bytes), *found->bytes, {{"Cache-Control", "max-age=31536000, immutable"}}};
     };
@@ -75,11 +76,11 @@ std::vector<Route> Page::changes() {
         const auto text = json.at("text").get<std::string>();
         if (text.size() > kLongestScan || text.find_first_of(std::string_view("\n\r\0", 3)) != std::string::npos)
             return refused(400, "expected a line of at most 1024 bytes");
-        return outcome(floor_.answer(whole<int>(json.at("place")), whole<uint64_t>(json.at("question")), text),
+        return outcome(floor_->answer(whole<int>(json.at("place")), whole<uint64_t>(json.at("question")), text),
                        "The question was answered meanwhile, or its board has gone.");
     };
     const auto seen = [this](const Json &json) {
-        return outcome(floor_.seen(whole<int>(json.at("place"))), "There is nothing to be seen at this place.");
+        return outcome(floor_->seen(whole<int>(json.at("place"))), "There is nothing to be seen at this place.");
     };
     const auto hold = [this](const Json &json) {
         return outcome(hold_(whole<int>(json.at("place")), json.at("hold")), "There is no such place.");

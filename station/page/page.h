@@ -24,8 +24,8 @@ public:
     // Returns the page's URL: "http://127.0.0.1:8080/".
     std::string url() const { return server_.url(); }
     // Both live as long as the page.
-    Observer &observer() { return floor_; }
-    Operator &operators() { return floor_; }
+    Observer &observer() { return *floor_; }
+    Operator &operators() { return *floor_; }
 
     // Starts to answer. Calls `tell`, in a thread of the page, with what a person should look at. Throws
     // std::runtime_error.
@@ -39,7 +39,7 @@ private:
     std::vector<Route> changes();
 
     Hold hold_;
-    Floor floor_;
+    const std::unique_ptr<Floor> floor_;
     const std::shared_ptr<Archive> archive_;
     PageServer server_;
 };
