@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "station/base/mutex.h"
+#include "station/base/text.h"
 #include "station/cli/commands.h"
 #include "station/cli/options.h"
 #include "station/cli/service.h"
@@ -50,6 +53,44 @@ struct Console {
 
     const bool json;
     Output output;
+};
+
+// Keeps track of the running steps, for a station that is ended at once.
+class Unfinished : public Observer {
+public:
+    void stepStarts(const RunRecord &run, size_t step) override {
+        const Lock lock(mutex_);
+        running_[run.place.name] = {oneLine(run.steps[step].title)};
+    }
+
+    void progress(const RunRecord &run, size_t, uint64_t, uint64_t) override {
+        const Lock lock(mutex_);
+        running_[run.place.name].sent = true;
+    }
+
+    void stepEnds(const RunRecord &run, size_t) override {
+        const Lock lock(mutex_);
+        running_.erase(run.place.name);
+    }
+
+    // Returns a line per board: where it was left, and whether it may hold half of what was sent.
+    std::string describe() const {
+        const Lock lock(mutex_);
+        std::string text;
+        for (const auto &[place, left] : running_) {
+            text += fmt::format("place {}: left in the step {}{}\n", place, left.step,
+                                left.sent ? ": may hold half of what was sent" : "");
+        }
+        return text;
+    }
+
+private:
+    struct Left {
+        std::string step;
+        bool sent = false;  // some of a payload
+    };
+    mutable Mutex mutex_;
+    std::map<std::string, Left> running_ GUARDED_BY(mutex_);  // by the place's name
 };
 
 // ---- before the first board

@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "station/base/text.h"
+#include "station/base/mutex.h"
 #include "station/run/output.h"
 
 namespace station {
@@ -75,31 +75,6 @@ void Signals::reload() try {
     }).detach();
 } catch (const std::system_error &error) {
     printError(fmt::format("not reloaded, try again later: {}\n", error.what()));
-}
-
-void Unfinished::stepStarts(const RunRecord &run, size_t step) {
-    const Lock lock(mutex_);
-    running_[run.place.name] = {oneLine(run.steps[step].title)};
-}
-
-void Unfinished::progress(const RunRecord &run, size_t, uint64_t, uint64_t) {
-    const Lock lock(mutex_);
-    running_[run.place.name].sent = true;
-}
-
-void Unfinished::stepEnds(const RunRecord &run, size_t) {
-    const Lock lock(mutex_);
-    running_.erase(run.place.name);
-}
-
-std::string Unfinished::describe() const {
-    const Lock lock(mutex_);
-    std::string text;
-    for (const auto &[place, left] : running_) {
-        text += fmt::format("place {}: left in the step {}{}\n", place, left.step,
-                            left.sent ? ": may hold half of what was sent" : "");
-    }
-    return text;
 }
 
 }  // namespace station

@@ -4,13 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
-#include <string>
 #include <thread>
-
-#include "station/base/mutex.h"
-#include "station/run/observer.h"
 
 namespace station {
 
@@ -45,25 +40,6 @@ private:
     const std::shared_ptr<Reloads> reloads_;
     std::atomic<bool> ends_ = false;
     std::thread thread_;
-};
-
-// Keeps track of the running steps, for a station that is ended at once.
-class Unfinished : public Observer {
-public:
-    void stepStarts(const RunRecord &run, size_t step) override;
-    void progress(const RunRecord &run, size_t step, uint64_t sent, uint64_t total) override;
-    void stepEnds(const RunRecord &run, size_t step) override;
-
-    // Returns a line per board: where it was left, and whether it may hold half of what was sent.
-    std::string describe() const;
-
-private:
-    struct Left {
-        std::string step;
-        bool sent = false;  // some of a payload
-    };
-    mutable Mutex mutex_;
-    std::map<std::string, Left> running_ GUARDED_BY(mutex_);  // by the place's name
 };
 
 }  // namespace station
