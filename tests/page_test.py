@@ -326,8 +326,10 @@ class Page(unittest.TestCase):
     def test_steps_and_seen(self):
         """An engineer looks at what a place did so far. Whoever has seen a verdict says so."""
         self.serve(1, 'A-1', 'FAIL', PING='PING 9')
-        self.type(Keys.F6, '1', Keys.ENTER)
         look = self.browser.find_element(By.ID, 'look')
+        self.type(Keys.F6, '2', Keys.ENTER)
+        self.until(lambda: 'board 2' in look.text)
+        self.type(Keys.F6, '1', Keys.ENTER)
         self.until(lambda: all(word in look.text for word in ('A-1', 'ports 9 (1 – 4)', '3 BYE')))
         self.type(Keys.F8)
         self.sees(1, 'FAIL', 'seen')

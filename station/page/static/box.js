@@ -148,6 +148,7 @@ function start(wanted) {
 async function takeAnswer(text, mine) {
     if (!mine.question) return notice(say('nobody', {text}));
     if (judged) return notice(say('twice', {text}), judged);
+    notice('');
     judged = mine.question;
     answered = mine.place;
     const problem = await post('/scan', {place: mine.place, question: mine.question, text});
@@ -183,11 +184,11 @@ function valueText({name, value, unit, min, max}) {
 
 async function look(number) {
     lookedAt = now();
+    looked = tiles.get(number).place;
     const reply = await fetch(`/api/steps?place=${number}`);
     if (!reply.ok) return;
     const {steps} = await reply.json();
-    if (looked && looked.number !== number) return;
-    looked = tiles.get(number).place;
+    if (looked?.number !== number) return;  // meanwhile closed, or another place is looked at
     at('look').hidden = false;
     set(at('looked'), [looked.name, looked.unit].filter(Boolean).join('  '));
     const rows = at('look').querySelector('tbody');
