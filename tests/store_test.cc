@@ -463,6 +463,11 @@ TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {
     Database database(store_);
     EXPECT_EQ(show(database, inWork.id)[0].table.rows[0][7], "passed");
     EXPECT_EQ(show(database, inWork.id)[1].table.rows.size(), 2);
+    if (shared_) return;
+    fs::rename(store_, store_ + "-moved");  // by somebody: no empty store takes its place
+    for (int i = 0; i < 600 && records->away().find("no such file") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_THAT(refusal([&] { records->begins(later); }), HasSubstr("no such file"));
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missi
     if (isShared(name)) return openPostgresql(name);
     if (name.find("://") != std::string::npos) throw StoreError("neither a file nor postgresql://...");
     if (missing == Database::Missing::kIsAnError && !std::filesystem::exists(name)) {
-        throw StoreError("there is no such file; \"qcstation store upgrade\" makes it");
+        throw StoreError("there is no such file; \"qcstation store upgrade\" makes a new, empty one");
     }
     return openSqlite(name);
 }
@@ -126,7 +126,7 @@ void Database::migrate(Missing missing, const Say &say) {
     if (found == kNewest) return;
     const std::string change = fmt::format("version {}, and this program needs version {}", found, kNewest);
     if (missing == Missing::kIsAnError) {
-        throw StoreError(found == 0 ? "there are no tables yet; \"qcstation store upgrade\" makes them"
+        throw StoreError(found == 0 ? "there are no tables; \"qcstation store upgrade\" makes new, empty ones"
                                     : fmt::format("it is of {}: stop all stations that use it, then run"
                                                   " \"qcstation store upgrade\"",
                                                   change));

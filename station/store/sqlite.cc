@@ -102,6 +102,7 @@ public:
 private:
     sqlite3_stmt *prepared(const std::string &sql);
     void step(sqlite3_stmt *statement, Answer &answer);
+    void requireFile() const;
     [[noreturn]] void fail(int code) const;
 
     std::unique_ptr<sqlite3, Close> connection_;
@@ -149,8 +150,21 @@ sqlite3_stmt *Sqlite::prepared(const std::string &sql) {
     return statements_.emplace(sql, statement).first->second.get();
 }
 
+// Throws StoreAway if the store's name is no longer that of the open file. SQLite would go on with the old file: what
+// is recorded and given from now on would be missing in the store. A writer first empties the file's log, whose name
+// stays behind: SQLite would apply it to any file that takes the place, and damage that.
+void Sqlite::requireFile() const {
+    int moved = 0;
+    sqlite3_file_control(connection_.get(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved);
+    if (moved == 0) return;
+    if (question_.count() == 0)
+        sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    throw StoreAway("its file was moved, removed or replaced");
+}
+
 void Sqlite::queue(const std::string &sql, const std::vector<Value> &values, std::shared_ptr<Answer> answer) {
     if (interrupted_) throw tooSlow();
+    if (sqlite3_get_autocommit(connection_.get())) requireFile();
     if (question_.count() > 0) deadline_ = Clock::now() + question_;
     sqlite3_stmt *const statement = prepared(sql);
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> used(statement, sqlite3_reset);

@@ -106,9 +106,11 @@ void Writer::round(Jobs jobs) {
 
 void Writer::connect() {
     const bool fresh = !database_;
-    if (fresh) database_ = std::make_unique<Database>(store_, Database::Missing::kIsMade, say_);
+    const auto missing = reached_ ? Database::Missing::kIsAnError : Database::Missing::kIsMade;
+    if (fresh) database_ = std::make_unique<Database>(store_, missing, say_);
     if (fresh) database_->giveUpAfter(kPatience);
     greeting_(*database_, fresh);
+    reached_ = true;
 }
 
 // Writes all changes in one transaction; if that fails, each in its own, so that a bad one spoils no other. Sorts those

@@ -71,6 +71,7 @@ private:
     // Of the thread alone.
     std::unique_ptr<Database> database_;
     Clock::time_point retry_{};
+    bool reached_ = false;  // a store that is taken away later is awaited: an empty one would give its addresses again
 
     mutable Mutex mutex_;
     Condition changed_;
