@@ -445,6 +445,21 @@ TEST_P(Store, ShowsRunsSideBySideWhateverTheirStepsMeasure) {
     const std::string page = pageOf(documentOf(archive, *content, query), query);
     EXPECT_THAT(page, AllOf(HasSubstr("<td>0.5</td>"), HasSubstr("<td>1.5</td>"), HasSubstr("\\u003c/script>")));
     EXPECT_THAT(page, Not(testing::AnyOf(HasSubstr("href=\"\""), HasSubstr("serial\":\"</script"))));
+    if (!shared_) return;
+    // The writer keeps its connection, and the pages one of theirs.
+    std::vector<std::thread> asking;
+    for (int i = 0; i < 20; ++i)
+        asking.emplace_back([&] { archive.ask([](Database &open) { open.ask("SELECT pg_sleep(0.05)"); }); });
+    for (std::thread &each : asking) each.join();
+    Database database(store_);
+    const auto others = [&] {
+        return *database
+                    .ask("SELECT count(*) FROM pg_stat_activity WHERE application_name = 'qcstation'"
+                         " AND pid <> pg_backend_pid()")
+                    .rows[0][0];
+    };
+    for (int i = 0; i < 500 && others() != "2"; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(others(), "2");
 }
 
 TEST_P(Store, KeepsWhatABoardInWorkStillDoesWhileTheStoreIsAway) {

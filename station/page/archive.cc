@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "station/base/time.h"
@@ -16,17 +17,22 @@ constexpr std::chrono::seconds kLimit{5};  // of a question
 Archive::Connection *Archive::take() {
     const Lock lock(mutex_);
     const auto any = [this]() REQUIRES(mutex_) { return !free_.empty(); };
-    if (!freed_.waitUntil(lock, Clock::now() + 2 * kLimit, any)) {
-        throw TooSlow("the store has others to answer, or hangs");
-    }
+    ++waiting_;
+    const bool isFree = freed_.waitUntil(lock, Clock::now() + 2 * kLimit, any);
+    --waiting_;
+    if (!isFree) throw TooSlow("the store has others to answer, or hangs");
     Connection *const connection = free_.back();
     free_.pop_back();
     return connection;
 }
 
+// Those that are open come last, and are taken first.
 void Archive::giveBack(Connection *connection) {
+    Connection closed;  // after the lock
     const Lock lock(mutex_);
-    free_.push_back(connection);
+    const auto open = std::count_if(free_.begin(), free_.end(), [](const Connection *each) { return bool(*each); });
+    if (open >= std::max(waiting_, 1)) closed = std::move(*connection);
+    free_.insert(*connection ? free_.end() : free_.begin(), connection);
     freed_.notifyOne();
 }
 

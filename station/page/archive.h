@@ -12,7 +12,8 @@
 
 namespace station {
 
-// Any thread may call ask(); three calls are served at a time.
+// Any thread may call ask(); three calls are served at a time. Keeps one connection for later calls, and closes others
+// that no call waits for.
 class Archive {
 public:
     explicit Archive(std::string store) : store_(std::move(store)) {}
@@ -38,6 +39,7 @@ private:
     Condition freed_;
     std::array<Connection, 3> connections_;
     std::vector<Connection *> free_ GUARDED_BY(mutex_) = {&connections_[2], &connections_[1], connections_.data()};
+    int waiting_ GUARDED_BY(mutex_) = 0;  // for a connection
     bool stops_ GUARDED_BY(mutex_) = false;
 };
 
