@@ -5,7 +5,7 @@ Checks qcstation's commands that serve no board: their arguments, which store th
 and "init" makes for one. Root tries the service's user and PostgreSQL, too.
 """
 
-import glob, os, re, signal, socket, sqlite3, subprocess, sys, tempfile
+import glob, os, re, shlex, signal, socket, sqlite3, subprocess, sys, tempfile
 from line_box import ROOT, await_line, free_port, write
 
 QCSTATION = os.path.join(os.path.abspath(sys.argv[1]), "qcstation")
@@ -75,23 +75,23 @@ def check_line():
              ({"listen": "here"}, 2, 'line.yaml:1:9: "here" is not an IPv4 address'),
              ({"plan": "Pr\udcfcf.yaml"}, 2, "line.yaml:3:9: this is not UTF-8"),
              ({"results": "~/results"}, 2, "line.yaml:4:10: '~' stands for a home folder"),
-             ({"listen": "192.0.2.1"}, 2, "no interface has the address"),
-             ({"places": "[{interface: nope}]"}, 2, "no place can take a board"),
+             ({"listen": "192.0.2.1"}, 1, "no interface has the address"),
+             ({"places": "[{interface: nope}]"}, 1, "no place can take a board"),
              ({"places": "[{interface: nope}, {interface: lo}]"}, 0, "there is no interface nope"),
-             ({"page": taken.getsockname()[1]}, 2, "fault    page"),
-             (speaking("nope"), 2, "cannot read nope.json"),
-             (speaking("none"), 2, "expected a file of words in JSON"),
+             ({"page": taken.getsockname()[1]}, 1, "fault    page"),
+             (speaking("nope"), 1, "cannot read nope.json"),
+             (speaking("none"), 1, "expected a file of words in JSON"),
              (speaking("more"), 0, 'not used by the page: nope'),
              (speaking("few"), 0, '"took" must have {time}, as'),
              ({"page": None, "operator": "{prompt: Badge}"}, 0, '"operator" of the line asks: without a page'),
-             ({"before": "./plain.sh 1"}, 2, "cannot run ./plain.sh"),
-             ({"after": "no-such-program | cat"}, 2, "cannot run no-such-program"),
+             ({"before": "./plain.sh 1"}, 1, "cannot run ./plain.sh"),
+             ({"after": "no-such-program | cat"}, 1, "cannot run no-such-program"),
              ({"after": "'echo \"'"}, 2, "the shell does not understand"),
              ({"after": "'[ $QC_VERDICT = passed ]'"}, 0, "no faults"),
-             ({"results": "plan.yaml/results"}, 2, "plan.yaml is not a folder"),
-             ({"store": "newer.db"}, 2, "made by a newer program"),
+             ({"results": "plan.yaml/results"}, 1, "plan.yaml is not a folder"),
+             ({"store": "newer.db"}, 1, "made by a newer program"),
              ({"store": "new/line.db"}, 0, "is not there yet"),
-             ({"store": f"postgresql://127.0.0.1:{silent.getsockname()[1]}/x", "spool": "s"}, 2, "fault    store"),
+             ({"store": f"postgresql://127.0.0.1:{silent.getsockname()[1]}/x", "spool": "s"}, 1, "fault    store"),
              ({"store": "postgresql:///x"}, 2, 'a server needs "spool"'),
              ({"plan": "taking.yaml"}, 0, "enough for 4 units: fill it"),
              ({"plan": "wrong.yaml"}, 2, "wrong.yaml:1:22"),
@@ -117,11 +117,11 @@ def check_init():
     if user:
         os.mkdir("root")
         call("store", "upgrade", "--line", "line.yaml")
-        assert "init, run as root, makes it" in call("check", "line.yaml", *user, status=2)
+        assert "init, run as root, makes it" in call("check", "line.yaml", *user, status=1)
         assert "qcstation check line.yaml says more" in call("init", "line.yaml", *user, status=4)
     while user and (mend := re.search("cannot write .* As root: (.*)", subprocess.run(
             [QCSTATION, "check", "line.yaml", *user], text=True, stdout=subprocess.PIPE).stdout)):
-        subprocess.run(mend[1].split(), check=True)
+        subprocess.run(shlex.split(mend[1]), check=True)
     assert ("made/results made" in call("init", "line.yaml", *user)) != bool(user)
     assert call("init", "line.yaml", *user).startswith("all is there")
     assert "no faults" in call("check", "line.yaml", *user)
@@ -145,7 +145,7 @@ def check_init_of_postgresql():
     line_of(store=other, results="made/results", spool="made/spool", before=None)
     subprocess.run(["psql", "-qd", other + "&user=station", "-c", "GRANT SELECT ON ALL TABLES IN SCHEMA public TO nobody"],
                    check=True)
-    assert "GRANT ALL" in call("check", "line.yaml", "--user", "nobody", status=2)
+    assert "GRANT ALL" in call("check", "line.yaml", "--user", "nobody", status=1)
     server.send_signal(signal.SIGINT)
     server.wait(60)
 

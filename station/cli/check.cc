@@ -35,6 +35,7 @@ struct Check {
     LineFile line;
     Table pools = {};                      // of the store, as listPools() returns it; empty: not known
     bool served = false;                   // something listens at the line's address already
+    bool wrong = false;                    // the line's file or its plan has a fault: to wait does not help
     std::map<std::string, int> told = {};  // how many of each grade
 
     // With a warning the line works, but not as it should; a fault keeps it from working.
@@ -206,6 +207,7 @@ void checkPlan(Check &check) try {
 } catch (const StoreError &) {
     check.warn("plan", "is not checked, because it may take from pools, and the store does not name them");
 } catch (const PlanError &error) {
+    check.wrong = true;
     eachLine(error.what(), [&](const std::string &text) { check.fault("plan", text); });
 }
 
@@ -220,8 +222,10 @@ bool shell(const char *test, const std::string &text, const fs::path &folder) {
 void checkCommand(Check &check, const std::string &about, const std::string &command, const fs::path &folder) {
     static const re2::RE2 kProgram("\\s*([\\w./+-]+)(?:[\\s;|&<>](?s:.*))?");
     if (command.empty()) return;
-    if (!shell("sh -n -c \"$TEXT\"", command, folder))
+    if (!shell("sh -n -c \"$TEXT\"", command, folder)) {
+        check.wrong = true;
         return check.fault(about, "the shell does not understand: " + command);
+    }
     std::string program;
     if (re2::RE2::FullMatch(command, kProgram, &program) &&
         !shell("case $TEXT in */*) [ -f \"$TEXT\" ] && [ -x \"$TEXT\" ];; *) command -v \"$TEXT\";; esac", program,
@@ -251,7 +255,7 @@ std::string denial(const fs::path &path, const fs::path &there) {
     if (access(there.c_str(), W_OK | (folder ? X_OK : R_OK)) == 0 || errno == ENOENT) return {};
     if (errno == EROFS) return there.string() + " is read-only here: the service may write below /var/lib/qcstation";
     const std::string user = userName();
-    if (path == there) return fmt::format("{0} cannot write {1}. As root: chown {0} {1}", user, path.string());
+    if (path == there) return fmt::format("{0} cannot write {1}. As root: chown {0} \"{1}\"", user, path.string());
     if (access(there.c_str(), X_OK) != 0)
         return fmt::format("{} may not enter {}: choose a folder below /var/lib/qcstation", user, there.string());
     return fmt::format("{} cannot make {}: qcstation init, run as root, makes it", user, path.string());
@@ -284,7 +288,8 @@ int checkLine(const std::string &path, const std::string &user) {
     fmt::print("line {}, checked as the user {}\n", path, userName());
     for (const auto each : kChecks) each(check);
     fmt::print("{}, {}\n", check.count("fault"), check.count("warning"));
-    return !check.told.contains("fault") ? kPassed : kWrongInput;
+    if (!check.told.contains("fault")) return kPassed;
+    return check.wrong ? kWrongInput : kFailed;
 }
 
 void checkPlanFile(const std::string &path, const std::string &files, const std::string &store) {
