@@ -6,9 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <random>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 #include "station/base/descriptor.h"
 
@@ -17,7 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void fail(const char *what, const fs::path &path, std::string_view why = strerror(errno)) {
+[[noreturn]] void fail(const char *what, const fs::path &path, int error = errno) {
+    throw std::system_error(error, std::generic_category(), fmt::format("cannot {} {}", what, path.string()));
+}
+
+[[noreturn]] void fail(const char *what, const fs::path &path, const std::string &why) {
     throw std::runtime_error(fmt::format("cannot {} {}: {}", what, path.string(), why));
 }
 
@@ -26,7 +31,7 @@ Descriptor openRegular(const fs::path &path) {
     Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (file.descriptor() < 0 || fstat(file.descriptor(), &status) != 0) fail("read", path);
-    if (S_ISDIR(status.st_mode)) fail("read", path, strerror(EISDIR));
+    if (S_ISDIR(status.st_mode)) fail("read", path, EISDIR);
     if (!S_ISREG(status.st_mode)) fail("read", path, "not a regular file");
     return file;
 }
@@ -34,8 +39,7 @@ Descriptor openRegular(const fs::path &path) {
 // Returns the file that the path leads to. Throws when something is there that a new file must not replace.
 fs::path replaceable(fs::path path) {
     for (int links = 0; fs::is_symlink(fs::symlink_status(path)); ++links) {
-        errno = ELOOP;
-        if (links == 40) fail("write", path);  // as many as the kernel follows
+        if (links == 40) fail("write", path, ELOOP);  // as many as the kernel follows
         path = path.parent_path() / fs::read_symlink(path);
     }
     if (fs::exists(path) && !fs::is_regular_file(path)) fail("write", path, "it is there, and no regular file");
@@ -93,8 +97,11 @@ void NewFile::write(std::string_view bytes) {
 
 void NewFile::keep(bool durable) {
     if ((durable && fsync(descriptor_) != 0) || rename(temporary_.c_str(), path_.c_str()) != 0) fail("write", path_);
-    close(descriptor_);
-    descriptor_ = -1;
+    close(std::exchange(descriptor_, -1));
+    if (!durable) return;
+    const fs::path folder = path_.has_parent_path() ? path_.parent_path() : ".";
+    const Descriptor names(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fsync(names.descriptor()) != 0) fail("write", folder);
 }
 
 }  // namespace station

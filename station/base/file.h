@@ -29,7 +29,9 @@ public:
     NewFile &operator=(const NewFile &) = delete;
 
     void write(std::string_view bytes);
-    // Gives the file its name. `durable`: only after the content is on the disk.
+    // Returns the name that the file has until keep() is called, for a library that writes it.
+    const std::string &temporary() const { return temporary_; }
+    // Gives the file its name. `durable`: both content and name are on the disk when this returns.
     void keep(bool durable = true);
 
 private:

@@ -1,6 +1,5 @@
 #include "station/run/results.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -77,12 +76,6 @@ void writeWhole(const fs::path &path, const std::string &content, bool durable) 
     throw RecordsError(error.what());
 }
 
-// Makes the names of new files durable.
-void syncFolder(const fs::path &folder) {
-    const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fsync(descriptor.descriptor()) != 0) throw RecordsError(describeError("cannot write " + folder.string()));
-}
-
 fs::path fileOf(const fs::path &folder, const RunRecord &run, const char *extension) {
     return folder / fmt::format("{}-{}-{}{}", run.plan, run.id, run.place.name, extension);
 }
@@ -105,7 +98,6 @@ std::optional<RunRecord> readRecord(const fs::path &path) {
 
 void writeRecord(const fs::path &folder, const RunRecord &run, bool durable) {
     writeWhole(fileOf(folder, run, ".json"), dump(run, 2) + "\n", durable);
-    if (durable) syncFolder(folder);
 }
 
 }  // namespace
@@ -113,8 +105,7 @@ void writeRecord(const fs::path &folder, const RunRecord &run, bool durable) {
 void writeResult(const fs::path &folder, const RunRecord &run) {
     writeRecord(folder, run, true);
     writeWhole(fileOf(folder, run, ".xml"), reportOf(run), false);
-    writeWhole(fileOf(folder, run, ".log"), logOf(run), false);  // the last: without it the rest is written again
-    syncFolder(folder);
+    writeWhole(fileOf(folder, run, ".log"), logOf(run), true);  // the last: without it the rest is written again
 }
 
 std::string fullness(const fs::path &folder) {
