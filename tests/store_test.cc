@@ -5,6 +5,7 @@
 
 #include "station/page/view.h"
 #include "station/run/record_json.h"
+#include "station/store/archive.h"
 #include "station/store/format.h"
 #include "station/store/load.h"
 #include "station/store/pool.h"
@@ -307,6 +308,7 @@ TEST_P(Store, BringsVersion1Forward) {
     store_ = storeOf(store_, folder_, shared_, {1});
     EXPECT_EQ(poolNames(store_), (std::set<std::string>{"key", "mac"}));
     EXPECT_THAT(refusal([&] { Database(store_, Database::Missing::kIsAnError); }), HasSubstr("store upgrade"));
+    if (!shared_) backUp(store_, folder_ / "copy.db");
     const auto records = station();
     EXPECT_THAT(said_, HasSubstr("version 1"));
     Database database(store_, Database::Missing::kIsAnError);

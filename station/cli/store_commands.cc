@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "station/base/time.h"
 #include "station/cli/commands.h"
 #include "station/cli/options.h"
 #include "station/cli/printer.h"
@@ -144,6 +145,8 @@ void exportRuns(Options &options, Database &database) {
 }
 
 void archive(Options &options, Database &database) {
+    if (options.runs.period.until > isoTime(WallClock::now()))
+        throw Refusal("--before is a time to come, so that all runs would leave the store: is the year right?");
     const size_t runs = archiveRuns(database, options.runs.period.until, options.what);
     if (runs == 0) return options.report("no run is older: nothing was written");
     options.report("{} runs moved to {}", runs, options.what);
@@ -154,6 +157,11 @@ void replayRefused(Options &options, Database &database) {
         note(trouble);
         *options.status = 1;
     };
+    if (!std::filesystem::is_directory(options.spool)) {
+        throw Refusal(
+            fmt::format("there is no folder {}: name the station's spool with --spool, or its line with --line",
+                        options.spool.string()));
+    }
     const auto take = [&](const RunRecord &run) { database.transact([&] { save(database, run); }); };
     options.report("{} runs written to the store", replay(options.spool, take, say));
 }
@@ -170,16 +178,24 @@ public:
         addStore(command, *all);
         command->callback([options = all, work = std::move(work), missing] {
             options->resolve();
-            work(*options, *openStore(options->store, missing, note));
+            const auto &[since, until] = options->runs.period;
+            if (!since.empty() && !until.empty() && since >= until)
+                throw Refusal("no run is from --since on and before --until: swap the two");
+            const auto database = openStore(options->store, missing, note);
+            try {
+                work(*options, *database);
+            } catch (const StoreAway &error) {
+                throw StoreAway(fmt::format("the store {}: {}: try again", shownName(options->store), error.what()));
+            }
         });
         return command;
     }
     CLI::App *addQuestion(CLI::App &parent, const std::string &name, const std::string &help, Work work) {
         CLI::App *const command = add(parent, name, help, std::move(work));
-        command->add_option("--format", all->format, "table, json or csv")
-            ->check(CLI::IsMember({"table", "json", "csv"}))
-            ->capture_default_str();
-        command->add_flag("--excel", all->excel, "Begin CSV with a byte order mark, so that Excel reads UTF-8");
+        CLI::Option *const format = command->add_option("--format", all->format, "table, json or csv");
+        format->check(CLI::IsMember({"table", "json", "csv"}))->capture_default_str();
+        command->add_flag("--excel", all->excel, "Begin CSV with a byte order mark, so that Excel reads UTF-8")
+            ->needs(format);
         return command;
     }
     void addPeriod(CLI::App *command) {
@@ -253,13 +269,14 @@ void addUpkeep(CLI::App &app, Commands &commands) {
         ->required()
         ->transform(kTime);
     old->add_option("--to", options.what, "The new file: one record per line, compressed with gzip")->required();
-    const Work copy = [](Options &all, Database &) {
-        backUp(all.store, all.what);
-        fmt::print("{} is a copy of {}\n", all.what, shownName(all.store));
-    };
-    commands.add(app, "backup", "Copy an SQLite store while the line works", copy)
-        ->add_option("file", options.what, "The copy")
-        ->required();
+    CLI::App *const backup = app.add_subcommand("backup", "Copy an SQLite store while the line works");
+    addStore(backup, options);
+    backup->add_option("file", options.what, "The copy")->required();
+    backup->callback([all = commands.all] {
+        all->resolve();
+        backUp(all->store, all->what);
+        fmt::print("{} is a copy of {}\n", all->what, shownName(all->store));
+    });
 }
 
 }  // namespace

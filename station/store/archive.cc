@@ -1,17 +1,17 @@
 #include "station/store/archive.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <array>
+#include <cerrno>
 #include <functional>
 #include <memory>
+#include <system_error>
 #include <vector>
 
-#include "station/base/descriptor.h"
 #include "station/base/digest.h"
+#include "station/base/file.h"
 #include "station/run/record_json.h"
 #include "station/store/load.h"
 #include "station/store/save.h"
@@ -24,36 +24,14 @@ namespace fs = std::filesystem;
 
 constexpr size_t kAtOnce = 100;  // runs that are removed in one transaction: stations wait for it
 
-[[noreturn]] void fail(const std::string &name) { throw std::runtime_error(describeError("cannot write " + name)); }
-
-void sync(const fs::path &path, int flags) {
-    const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
-    if (::fsync(file.descriptor()) != 0) fail(path.string());
+[[noreturn]] void fail(const std::string &name) {
+    throw std::system_error(errno, std::generic_category(), "cannot write " + name);
 }
 
-// A new file that has the name PATH.part until keep() is called, and is removed otherwise.
-class Part {
-public:
-    explicit Part(const fs::path &path) : path_(path), part_(path.string() + ".part") {
-        if (fs::exists(path_)) throw Refusal(fmt::format("{} is there already: name a new file", path_.string()));
-        fs::remove(part_);
-    }
-    ~Part() { ::unlink(part_.c_str()); }
-    Part(const Part &) = delete;
-    Part &operator=(const Part &) = delete;
-
-    const std::string &name() const { return part_; }
-    // Makes the content durable, then gives the file its name.
-    void keep() {
-        sync(part_, O_RDONLY);
-        fs::rename(part_, path_);
-        sync(path_.has_parent_path() ? path_.parent_path() : ".", O_RDONLY | O_DIRECTORY);
-    }
-
-private:
-    const fs::path path_;
-    const std::string part_;
-};
+fs::path unused(const fs::path &path) {
+    if (!fs::exists(path)) return path;
+    throw Refusal(fmt::format("{} is there already: name a new file", path.string()));
+}
 
 // A text file, compressed with gzip.
 class Lines {
@@ -108,10 +86,10 @@ size_t writeRecords(Database &database, const std::string &before, const std::st
 }  // namespace
 
 size_t archiveRuns(Database &database, const std::string &before, const fs::path &path) {
-    Part part(path);
-    const size_t count = writeRecords(database, before, part.name());
+    NewFile file(unused(path), 0640);
+    const size_t count = writeRecords(database, before, file.temporary());
     if (count == 0) return 0;
-    part.keep();
+    file.keep();
     database.run(sqlOf(database.shared(), "archive_made"),
                  {fs::absolute(path).string(), number(count), isoTime(WallClock::now()), before});
     const std::vector<std::string> removal = statementsOf(database.shared(), "archive_remove");
@@ -137,15 +115,15 @@ void backUp(const std::string &store, const fs::path &path) {
         throw Refusal("PostgreSQL is backed up by its own tool, while the line works: pg_dump --format=custom"
                       " --file=FILE DATABASE");
     }
-    Part part(path);
-    const Descriptor made(::open(part.name().c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0640));
-    Database(store, Database::Missing::kIsAnError).run("VACUUM INTO $1", {part.name()});
+    NewFile file(unused(path), 0640);
+    if (!fs::exists(store)) throw StoreError(fmt::format("the store {}: there is no such file", store));
+    openStore(store, Database::Missing::kIsIgnored)->run("VACUUM INTO $1", {file.temporary()});
     {
-        Database copy(part.name(), Database::Missing::kIsIgnored);
+        Database copy(file.temporary(), Database::Missing::kIsIgnored);
         if (copy.ask("PRAGMA integrity_check").rows.at(0)[0] != "ok") throw StoreError("the copy is damaged");
         copy.ask("PRAGMA journal_mode = DELETE");  // all of it is in one file
     }
-    part.keep();
+    file.keep();
 }
 
 }  // namespace station

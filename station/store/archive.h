@@ -20,8 +20,9 @@ namespace station {
 //     // then, as with any such file: zcat 2025.jsonl.gz | jq 'select(.unit == "A-1")'
 size_t archiveRuns(Database &database, const std::string &before, const std::filesystem::path &path);
 
-// Copies an SQLite store into a new file, while stations write to it. When this returns, the copy is complete, checked
-// and on the disk. Throws Refusal for PostgreSQL, which has a tool of its own, and when the file exists already.
+// Copies an SQLite store of any version into a new file, while stations write to it. When this returns, the copy is
+// complete, checked and on the disk. Throws Refusal for PostgreSQL, which has a tool of its own, and when the file
+// exists already.
 void backUp(const std::string &store, const std::filesystem::path &path);
 
 }  // namespace station

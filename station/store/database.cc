@@ -21,6 +21,11 @@ std::unique_ptr<Driver> connect(const std::string &name, Database::Missing missi
     if (missing == Database::Missing::kIsAnError && !std::filesystem::exists(name)) {
         throw StoreError("there is no such file; \"qcstation store upgrade\" makes a new, empty one");
     }
+    const auto folder = std::filesystem::path(name).parent_path();
+    std::error_code denied;
+    if (!folder.empty() && !std::filesystem::exists(folder, denied) && !denied) {
+        throw StoreAway(fmt::format("there is no folder {}: make it", folder.string()));
+    }
     return openSqlite(name);
 }
 
