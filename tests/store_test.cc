@@ -66,6 +66,8 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_EQ(retire(database, "mac", "06:00:00:00:00:00", "06:00:00:00:00:FF", false), 12);
     EXPECT_THAT(refusal([&] { given("G", "mac", 1); }), HasSubstr("is empty"));
     EXPECT_THAT(refusal([&] { retire(database, "mac", "", "", true); }), HasSubstr("name the value"));
+    EXPECT_THAT(refusal([&] { retire(database, "mac", "06:00:00:00:00:FF", "06:00:00:00:00:00", false); }),
+                HasSubstr("swap them"));
     EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", true), 1);
     EXPECT_THAT(refusal([&] { given("G", "mac", 2); }), HasSubstr("is empty of blocks of 2"));
     EXPECT_EQ(given("G", "mac", 1), "02:00:00:00:01:06");
@@ -115,7 +117,12 @@ TEST_P(Store, ImportsAFileWholeOrNotAtAll) {
         {"mac", "Address\n06:00:00:00:00:01\nx\n", "", "file:1: \"Address\" is not a MAC address"},
         {"mac", "060000000011\n060000000001,060000000011", "", "file:2: 06:00:00:00:00:11 is in line 1 already"},
         {"mac", "06:00:00:00:00:02\n06:00:00:00:00:01 \n06-00-00-00-00-04,06-00-00-00-00-07", "", "6 added"},
-        {"new", "a\n", "", "add --kind"},
+        {"new", "Schl\u00fcssel\nA-1\nA-2\n", "values", "file:1: \"Schl\u00fcssel\" looks like a heading"},
+        {"new", "key\nA-1\n", "values", "\"key\" looks like a heading"},
+        {"new", "\"Key\"\nA-10\n", "values", "2 added"},
+        {"new", "ABCD\nABC1\nABC2\n", "", "3 added"},
+        {"new", "a\nbc\nAB1\n", "", "3 added"},
+        {"newer", "a\n", "", "add --kind"},
         {"", "a\n", "values", "a plan cannot ask for this pool"}};
     for (const auto &[pool, content, kind, said] : files) EXPECT_THAT(import(pool, content, kind), HasSubstr(said));
     EXPECT_THAT(cells(listRanges(database, "mac"), 1),

@@ -41,6 +41,7 @@ struct Entry {
     int line = 0;
     std::string value;           // the first column
     std::optional<Range> range;  // addresses
+    bool quoted = false;
 };
 
 // The entries that a pool gets: those of a file, or one range without a file.
@@ -246,7 +247,7 @@ Entry entryOf(int line, const std::string &text, bool addresses) {
         throw Refusal("a tab or another control character is in the value: remove it");
     }
     const auto mac = parseMac(first);
-    return {line, first, mac ? std::optional(Range{*mac, *mac}) : std::nullopt};
+    return {line, first, mac ? std::optional(Range{*mac, *mac}) : std::nullopt, text.starts_with('"')};
 }
 
 // Returns a fault for each address among the entries, or for each other entry, whichever are fewer: a file with both is
@@ -264,6 +265,21 @@ Strings mixtureIn(const Addition &values) {
                                      values.at(entry.line), entry.value, few ? "a" : "not a"));
     }
     return faults;
+}
+
+// Returns true when the first value is probably a heading: it has no digit, each other one has, and either another
+// length or the first is a usual word. Keys of one length are not taken for one.
+bool hasHeading(const std::vector<Entry> &all) {
+    static const re2::RE2 kWords("(?i)keys?|serials?|values?|passwords?|psk|pins?|codes?|tokens?|names?|numbers?|id");
+    const Entry &first = all.front();
+    const auto hasDigit = [](const Entry &entry) {
+        return entry.value.find_first_of("0123456789") != std::string::npos;
+    };
+    const bool isWord = re2::RE2::FullMatch(first.value, kWords);
+    const auto isOther = [&](const Entry &entry) {
+        return hasDigit(entry) && (isWord || entry.value.size() != first.value.size());
+    };
+    return all.size() > 1 && !first.quoted && !hasDigit(first) && std::all_of(all.begin() + 1, all.end(), isOther);
 }
 
 // Reads a file. Throws one Refusal with its faults.
@@ -288,6 +304,12 @@ Addition read(const std::filesystem::path &path, bool addresses) {
         throw Refusal(fmt::format("{} has no lines to import, or cannot be read", path.string()));
     }
     if (faults.empty() && !addresses) faults = mixtureIn(all);
+    if (faults.empty() && !addresses && hasHeading(all.entries)) {
+        const Entry &first = all.entries.front();
+        faults = {fmt::format("{}\"{}\" looks like a heading, because all other values have digits: remove the line, or"
+                              " write it in quotes if it is a value",
+                              all.at(first.line), first.value)};
+    }
     if (faults.empty()) return all;
     const size_t shown = std::min(faults.size(), kShownLines);
     std::string why = fmt::format("{}", fmt::join(faults.begin(), faults.begin() + ptrdiff_t(shown), "\n"));
@@ -371,7 +393,7 @@ int64_t retire(Database &database, const std::string &name, const std::string &f
         if (!pool) throw Refusal(unknown(name));
         if (pool->kind == "addresses") {
             std::optional<Range> range;
-            if (!first.empty()) range = {addressOf(first), addressOf(last.empty() ? first : last)};
+            if (!first.empty()) range = rangeOf(first, last.empty() ? first : last);
             count = retireRange(database, *pool, range, undo);
         } else {
             if (!last.empty()) {
@@ -413,7 +435,10 @@ Table listPools(Database &database) {
 }
 
 Table listRanges(Database &database, const std::string &pool) {
-    if (!findPool(database, pool)) throw Refusal(unknown(pool));
+    const auto known = findPool(database, pool);
+    if (!known) throw Refusal(unknown(pool));
+    if (known->kind == "values")
+        throw Refusal(fmt::format("the pool \"{}\" has values, no ranges: \"qcstation pool list\" counts them", pool));
     Table ranges = database.ask(sqlOf(database.shared(), "pool_ranges"), {pool});
     for (const size_t i : {size_t{0}, size_t{1}}) {
         ranges.numbers[i] = false;

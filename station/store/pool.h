@@ -39,9 +39,10 @@ struct Imported {
 };
 
 // Adds a file of comma-separated values. Each line is a value; or an address, or FIRST,LAST. A value with a comma, a
-// semicolon or a quote must be in quotes. `kind` is "addresses" or "values", or empty to use that of an existing pool.
-// Skips blanks and tabs around a value, empty lines, lines that begin with # and a byte order mark. Refuses the file,
-// naming the lines, if some of it is not of the kind, is twice in it, or is in the store already.
+// semicolon or a quote must be in quotes; any other may be. `kind` is "addresses" or "values", or empty to use that of
+// an existing pool. Skips blanks and tabs around a value, empty lines, lines that begin with # and a byte order mark.
+// Refuses the file, naming the lines, if some of it is not of the kind, is twice in it, or is in the store already, or
+// if it has a heading.
 Imported importFile(Database &database, const std::string &name, const std::filesystem::path &path,
                     const std::string &kind, int low);
 
