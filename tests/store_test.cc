@@ -58,7 +58,7 @@ TEST_P(Store, GivesEveryUnitABlockOfItsOwn) {
     EXPECT_THAT(said_, HasSubstr("had 2 addresses"));
     EXPECT_EQ(given("C", "mac", 4), "06:00:00:00:00:03");
     EXPECT_THAT(cells(listPools(database), 0),
-                ElementsAre("mac", "addresses", "16", "14", "0", "4", "3", "2", "5.25", "5.2 days left"));
+                ElementsAre("mac", "addresses", "16", "14", "0", "4", "3", "2", "5.25", "5.3 days left"));
     // Retire one address, then a range; then undo it.
     EXPECT_EQ(retire(database, "mac", "02:00:00:00:01:06", "", false), 1);
     EXPECT_EQ(given("F", "mac", 1), "02:00:00:00:01:07");

@@ -8,28 +8,30 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <unordered_map>
 
 #include "station/base/text.h"
 #include "station/base/time.h"
 #include "station/plan/variables.h"
+#include "station/run/record_json.h"
 #include "station/store/sql.h"
 
 namespace station {
 namespace {
 
 using Strings = std::vector<std::string>;
-using Rows = std::vector<std::vector<Value>>;
 
 constexpr int kBlock = 256;                    // addresses between two carries of the sixth byte
-constexpr size_t kRows = 500;                  // that one statement inserts
 constexpr size_t kShownLines = 10;             // of a file, when it is refused
 constexpr std::chrono::seconds kForNames{10};  // to answer, before a line starts or is read again
 
 struct Range {
     Mac first, last;
 };
+
+constexpr Range kAll = {0, int64_t{1} << 48};
 
 struct Pool {
     int64_t id = 0;
@@ -51,8 +53,6 @@ struct Addition {
 
     std::string at(int line) const { return line == 0 ? "" : fmt::format("{}:{}: ", file.string(), line); }
 };
-
-double realOf(const Value &value) { return value ? std::stod(*value) : 0; }
 
 std::optional<Pool> findPool(Database &database, const std::string &name) {
     const Table found = database.ask("SELECT id, kind FROM pools WHERE name = $1", {name});
@@ -104,24 +104,6 @@ void addUnusual(Strings &unusual, Range range) {
     }
 }
 
-// Inserts the rows, many per statement. `head` ends with "VALUES". `done` gets what the statements return.
-void insertRows(Database &database, const std::string &head, const Rows &rows, const std::string &tail = {},
-                const std::function<void(Table)> &done = {}) {
-    for (size_t begin = 0; begin < rows.size(); begin += kRows) {
-        std::string sql = head;
-        std::vector<Value> values;
-        for (size_t i = begin; i < std::min(begin + kRows, rows.size()); ++i) {
-            sql += i > begin ? ", (" : " (";
-            for (const Value &value : rows[i]) {
-                values.push_back(value);
-                sql += fmt::format("{}${}", &value == rows[i].data() ? "" : ", ", values.size());
-            }
-            sql += ")";
-        }
-        database.queue(sql + tail, values, done);
-    }
-}
-
 // Throws Refusal when an address of the entries, which the store has now, is there twice.
 void refuseOverlaps(Database &database, const Pool &pool, const Addition &added) {
     Range all{INT64_MAX, 0};
@@ -163,33 +145,30 @@ std::vector<Range> joined(const std::vector<Entry> &entries) {
 
 Imported addRanges(Database &database, const Pool &pool, const Addition &added) {
     Imported result;
-    Rows rows;
+    Json rows = Json::array();
     for (const Range range : joined(added.entries)) {
         result.added += range.last - range.first + 1;
-        rows.push_back({number(pool.id), number(range.first), number(range.last), number(range.first), "0"});
+        rows.push_back(Json::array({range.first, range.last}));
         if (result.unusual.size() < kShownLines) addUnusual(result.unusual, range);
     }
-    insertRows(database, "INSERT INTO ranges (pool, first, last, next, retired) VALUES", rows);
+    database.run(sqlOf(database.shared(), "pool_add_ranges"), {number(pool.id), rows.dump()});
     refuseOverlaps(database, pool, added);
     return result;
 }
 
 Imported addValues(Database &database, const Pool &pool, const Addition &added) {
     std::unordered_map<std::string, int> left;  // lines of those that the database has not taken, by their keys
-    Rows rows;
+    Json rows = Json::array();
     for (const Entry &entry : added.entries) {
         const auto [first, isNew] = left.try_emplace(storeForm(entry.value), entry.line);
         if (!isNew) {
             throw Refusal(fmt::format("{}\"{}\" is in line {} already: remove one of the two", added.at(entry.line),
                                       entry.value, first->second));
         }
-        const Value mac = entry.range ? number(entry.range->first) : std::nullopt;
-        rows.push_back({number(pool.id), entry.value, mac, "0"});
+        rows.push_back(Json::array({entry.value, entry.range ? Json(entry.range->first) : Json()}));
     }
-    insertRows(database, "INSERT INTO pool_rows (pool, value, number, retired) VALUES", rows,
-               " ON CONFLICT DO NOTHING RETURNING value", [&](const Table &taken) {
-                   for (const auto &row : taken.rows) left.erase(storeForm(*row[0]));
-               });
+    const Table taken = database.ask(sqlOf(database.shared(), "pool_add_values"), {number(pool.id), rows.dump()});
+    for (const auto &row : taken.rows) left.erase(storeForm(*row[0]));
     refuseOverlaps(database, pool, added);
     for (const Entry &entry : added.entries) {
         if (!left.contains(storeForm(entry.value))) continue;
@@ -319,42 +298,16 @@ Addition read(const std::filesystem::path &path, bool addresses) {
 
 // ---- retiring
 
-int64_t retireRange(Database &database, const Pool &pool, const std::optional<Range> &range, bool undo) {
-    std::string which;
-    if (range) {
-        for (const Mac at : {range->first, range->last + 1}) {
-            const Words words = {{"at", std::to_string(at)}};
-            for (const auto &sql : statementsOf(database.shared(), "pool_cut", words))
-                database.queue(sql, {number(pool.id)});
-        }
-        which = fmt::format(" AND first >= {} AND last <= {}", range->first, range->last);
+int64_t retireRange(Database &database, const Pool &pool, Range range, const Words &retired) {
+    for (const Mac at : {range.first, range.last + 1}) {
+        for (const auto &sql : statementsOf(database.shared(), "pool_cut", {{"at", std::to_string(at)}}))
+            database.queue(sql, {number(pool.id)});
     }
     int64_t count = 0;
-    const Table changed = database.ask(fmt::format("UPDATE ranges SET retired = {} WHERE pool = $1 AND next <= last"
-                                                   " AND {}retired{} RETURNING last - next + 1",
-                                                   undo ? "FALSE" : "TRUE", undo ? "" : "NOT ", which),
-                                       {number(pool.id)});
+    const Table changed = database.ask(sqlOf(database.shared(), "retire_ranges", retired),
+                                       {number(pool.id), number(range.first), number(range.last)});
     for (const auto &row : changed.rows) count += integer(row[0]);
     return count;
-}
-
-int64_t retireValues(Database &database, const Pool &pool, const std::string &value, bool undo) {
-    return database.run(fmt::format("UPDATE pool_rows SET retired = {} WHERE pool = $1 AND unit IS NULL AND {}retired"
-                                    " AND ($2 = '' OR value = $2)",
-                                    undo ? "FALSE" : "TRUE", undo ? "" : "NOT "),
-                        {number(pool.id), value});
-}
-
-// ---- looking
-
-enum : size_t { kName, kKind, kGiven, kLeft, kRetired, kBlockSize, kUnits, kLowLimit, kDays };  // columns of pools.sql
-
-std::string warningOf(const std::vector<Value> &pool, double days) {
-    const double units = realOf(pool[kUnits]), left = realOf(pool[kLeft]);
-    if (units == 0) return "empty";
-    if (units < realOf(pool[kLowLimit])) return "low";
-    if (days < 7) return fmt::format("{:.1f} days left", days);
-    return left * 10 < left + realOf(pool[kGiven]) ? "less than 10 % left" : "";
 }
 
 }  // namespace
@@ -385,6 +338,7 @@ int64_t retire(Database &database, const std::string &name, const std::string &f
         throw Refusal("a whole pool cannot be put back, since parts of it may be retired for a reason: name the value,"
                       " the address or the range");
     }
+    const Words retired = {{"retired", undo ? "FALSE" : "TRUE"}};
     int64_t count = 0;
     database.transact([&] {
         database.lock("pools");
@@ -392,14 +346,12 @@ int64_t retire(Database &database, const std::string &name, const std::string &f
         const auto pool = findPool(database, name);
         if (!pool) throw Refusal(unknown(name));
         if (pool->kind == "addresses") {
-            std::optional<Range> range;
-            if (!first.empty()) range = rangeOf(first, last.empty() ? first : last);
-            count = retireRange(database, *pool, range, undo);
+            const Range range = first.empty() ? kAll : rangeOf(first, last.empty() ? first : last);
+            count = retireRange(database, *pool, range, retired);
+        } else if (last.empty()) {
+            count = database.run(sqlOf(database.shared(), "retire_values", retired), {number(pool->id), first});
         } else {
-            if (!last.empty()) {
-                throw Refusal(fmt::format("the pool \"{}\" has values, which have no order: name one value", name));
-            }
-            count = retireValues(database, *pool, first, undo);
+            throw Refusal(fmt::format("the pool \"{}\" has values, which have no order: name one value", name));
         }
         if (count > 0) return;
         throw Refusal(fmt::format("nothing was changed: the pool \"{}\" has nothing {} of what was named", name,
@@ -422,16 +374,7 @@ std::set<std::string> poolNames(const std::string &store) {
 
 Table listPools(Database &database) {
     const std::string weekAgo = isoTime(WallClock::now() - std::chrono::hours(7 * 24));
-    Table pools = database.ask(sqlOf(database.shared(), "pools", {{"count", "q.block"}}), {weekAgo});
-    pools.columns.emplace_back("warning");
-    pools.numbers.push_back(false);
-    for (auto &row : pools.rows) {
-        const double perDay = realOf(row[kDays]) / 7;
-        const double days = realOf(row[kUnits]) * realOf(row[kBlockSize]) / perDay;
-        row[kDays] = number(days);  // nothing when none was given
-        row.push_back(text(warningOf(row, perDay > 0 ? days : 7)));
-    }
-    return pools;
+    return database.ask(sqlOf(database.shared(), "pools", {{"count", "q.block"}}), {weekAgo});
 }
 
 Table listRanges(Database &database, const std::string &pool) {
@@ -453,7 +396,7 @@ std::vector<std::string> poolWarnings(Database &database) {
         if (!row.back()) continue;
         warnings.push_back(fmt::format("the pool \"{}\" has enough for {} more units ({}): add to it with \"qcstation"
                                        " pool add\" or \"qcstation pool import\"",
-                                       *row[kName], *row[kUnits], *row.back()));
+                                       *row[0], *row[6], *row.back()));
     }
     return warnings;
 }
