@@ -55,7 +55,7 @@ std::string programOf(const std::string &command) {
 }
 
 size_t charactersOf(const std::string &text) {
-    return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), continues));
+    return text.size() - static_cast<size_t>(std::ranges::count_if(text, continues));
 }
 
 std::string shorten(const std::string &text, size_t most) {

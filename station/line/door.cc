@@ -55,7 +55,7 @@ void Door::attend(bool accept, bool probe, Milliseconds limit) {
 }
 
 size_t Door::undecided(const std::string &address) const {
-    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(), [&](const Newcomer &one) {
+    return static_cast<size_t>(std::ranges::count_if(newcomers_, [&](const Newcomer &one) {
         return !one.board && (address.empty() || one.session.peerAddress() == address);
     }));
 }
@@ -138,8 +138,8 @@ void Door::handOver(const std::function<bool(Session &)> &seat) {
 
 size_t Door::expected() const {
     const auto young = Clock::now() - kUsualAnswer;
-    return static_cast<size_t>(std::count_if(newcomers_.begin(), newcomers_.end(),
-                                             [&](const Newcomer &one) { return one.board || one.since > young; }));
+    return static_cast<size_t>(
+        std::ranges::count_if(newcomers_, [&](const Newcomer &one) { return one.board || one.since > young; }));
 }
 
 std::string Door::boards() const {

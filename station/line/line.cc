@@ -157,8 +157,7 @@ std::shared_ptr<const Job> Line::change(std::shared_ptr<const Job> job) {
 }
 
 bool Line::hold(int number, bool held) {
-    const auto seat =
-        std::find_if(seats_.begin(), seats_.end(), [&](const Seat &s) { return s.place.number == number; });
+    const auto seat = std::ranges::find(seats_, number, [](const Seat &one) { return one.place.number; });
     if (seat == seats_.end()) return false;
     {
         const Lock lock(mutex_);

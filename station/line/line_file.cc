@@ -135,7 +135,7 @@ void readShifts(PageSettings &page, const Entry &value) {
     page.shifts.clear();
     for (const YAML::Node &time : value.node) page.shifts.push_back(minuteOf({time}));
     if (page.shifts.empty()) value.fail("expected a list of times, such as [06:00, 14:00, 22:00]");
-    std::sort(page.shifts.begin(), page.shifts.end());
+    std::ranges::sort(page.shifts);
 }
 
 const Keys<PageSettings> kPageKeys = {"\"page\"",
@@ -244,8 +244,8 @@ LineFile loadLine(const fs::path &path, const AskPools &pools) {
     if (pools && !line.store.empty()) names.pools = pools(line.store);
     for (const auto &[name, value] : line.variables) names.variables.insert(name);
     line.plan = loadPlan(line.planPath, line.planFiles, names);
-    const bool named = std::any_of(line.plan.steps.begin(), line.plan.steps.end(),
-                                   [](const Step &step) { return step.fills().contains("serial"); });
+    const bool named =
+        std::ranges::any_of(line.plan.steps, [](const Step &step) { return step.fills().contains("serial"); });
     if (!line.reference.serial.empty() && !named)
         throw PlanError(path.string() + ": \"reference\" is a serial number, and no step of the plan fills {serial}");
     return line;

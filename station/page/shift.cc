@@ -84,7 +84,7 @@ bool Shift::renew(WallClock::time_point now, std::chrono::nanoseconds uptime) {
 
 Json Shift::toJson() const {
     const auto count = [](const Passed &all, bool passed) {
-        return std::count_if(all.begin(), all.end(), [=](const auto &one) { return one.second == passed; });
+        return std::ranges::count(all, passed, &Passed::value_type::second);
     };
     Json json = {{"since", localTime(WallClock::to_time_t(begin_), "%H:%M")},
                  {"seconds", inSeconds(WallClock::now() - begin_)},

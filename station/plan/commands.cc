@@ -67,8 +67,7 @@ constexpr BoardCommand kCommands[] = {
 }  // namespace
 
 const BoardCommand &boardCommand(std::string_view text) {
-    return *std::find_if(std::begin(kCommands), std::end(kCommands),
-                         [&](const BoardCommand &row) { return text.starts_with(row.word); });
+    return *std::ranges::find_if(kCommands, [&](const BoardCommand &row) { return text.starts_with(row.word); });
 }
 
 std::string faultOf(const Command &command) {

@@ -154,7 +154,7 @@ void readRun(Draft &draft, const Entry &value) {
 const Payload &addFile(Draft &draft, const Entry &value) {
     const Payload &file = payloadAt(draft.loader, value.text());
     const auto same = [&](const PlanFile &known) { return known.name == value.text(); };
-    if (std::none_of(draft.files.begin(), draft.files.end(), same)) draft.files.push_back(fileOf(value.text(), file));
+    if (std::ranges::none_of(draft.files, same)) draft.files.push_back(fileOf(value.text(), file));
     return file;
 }
 
@@ -318,7 +318,7 @@ std::string faultOfSend(const Step &step) {
     if (step.kind != Kind::kCommand) return {};
     const std::set<std::string> names = namesIn(step.send);
     const bool complete =
-        std::all_of(names.begin(), names.end(), [&](const std::string &name) { return step.known.contains(name); });
+        std::ranges::all_of(names, [&](const std::string &name) { return step.known.contains(name); });
     const std::string start = fill(step.send, step.known);
     const std::string text = complete ? expand(step.send, step.known) : start.substr(0, start.find('{'));
     const auto payload = step.file ? std::optional<uint64_t>(step.file->bytes->size()) : std::nullopt;

@@ -40,7 +40,7 @@ std::string faultOfName(std::string_view name) {
     const auto taken = [&](std::string_view own) {
         return own.size() == name.size() && strncasecmp(own.data(), name.data(), name.size()) == 0;
     };
-    if (std::none_of(kStationNames.begin(), kStationNames.end(), taken)) return {};
+    if (std::ranges::none_of(kStationNames, taken)) return {};
     return fmt::format("the station sets QC_{} itself: choose another name", name);
 }
 

@@ -50,7 +50,7 @@ void needUtf8(const std::string &text) {
     const auto wrong = std::mismatch(text.begin(), text.end(), clean.begin(), clean.end()).first;
     const std::string before(text.begin(), wrong);
     YAML::Mark mark;
-    mark.line = static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+    mark.line = static_cast<int>(std::ranges::count(before, '\n'));
     mark.column = static_cast<int>(before.size() - (before.rfind('\n') + 1));
     throw Fault{mark, "this is not UTF-8: save the file as UTF-8 in your editor"};
 }
@@ -139,7 +139,7 @@ std::string Entry::line() const {
     std::string line = text();
     if (line.ends_with('\n')) line.pop_back();  // of a text in the forms that begin with '|' and '>'
     const auto control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
-    if (line.empty() || std::any_of(line.begin(), line.end(), control)) fail("expected one line of text");
+    if (line.empty() || std::ranges::any_of(line, control)) fail("expected one line of text");
     return line;
 }
 

@@ -49,7 +49,7 @@ void Output::put(const std::string &text) {
     const Lock lock(queue_->mutex);
     const size_t room = queue_->dropped > 0 ? kMost / 2 : kMost;
     if (queue_->waiting.size() > room) {
-        queue_->dropped += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+        queue_->dropped += static_cast<size_t>(std::ranges::count(text, '\n'));
         return;
     }
     if (queue_->dropped > 0) queue_->waiting += describe_(std::exchange(queue_->dropped, 0));

@@ -20,8 +20,7 @@ constexpr std::array<std::string_view, 5> kTodos = {
     "Switch the board off and on to test it again."};
 
 size_t count(const std::vector<StepResult> &steps, Verdict verdict) {
-    return static_cast<size_t>(
-        std::count_if(steps.begin(), steps.end(), [=](const auto &step) { return step.verdict == verdict; }));
+    return static_cast<size_t>(std::ranges::count(steps, verdict, &StepResult::verdict));
 }
 
 }  // namespace
@@ -37,8 +36,7 @@ size_t RunRecord::notRun() const { return count(steps, Verdict::kNotRun); }
 bool RunRecord::counts() const { return ended() && !interrupted && !reference && !again(); }
 
 const StepResult *RunRecord::firstFailed() const {
-    const auto failed = std::find_if(steps.begin(), steps.end(),
-                                     [](const StepResult &step) { return step.verdict == Verdict::kFailed; });
+    const auto failed = std::ranges::find(steps, Verdict::kFailed, &StepResult::verdict);
     return failed == steps.end() ? nullptr : &*failed;
 }
 

@@ -47,7 +47,7 @@ std::string reportOf(const RunRecord &run) {
     suite.append_attribute("name") = oneLine(run.plan + "." + run.place.name).c_str();
     suite.append_attribute("tests") = run.steps.size() + 1;
     const auto isError = [](const StepResult &step) { return step.cause > Cause::kUnit; };
-    const auto errors = static_cast<size_t>(std::count_if(run.steps.begin(), run.steps.end(), isError));
+    const auto errors = static_cast<size_t>(std::ranges::count_if(run.steps, isError));
     const std::string problem = run.failure.empty() && run.interrupted ? summaryOf(run) : run.failure;
     suite.append_attribute("failures") = run.failures() - errors;
     suite.append_attribute("errors") = errors + (problem.empty() ? 0 : 1);

@@ -197,7 +197,7 @@ void runVerify(Attempt &attempt) {
 // Accepts UTF-8 without control characters only, so that the serial number is the same in every record.
 bool isSerial(const std::string &text) {
     const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; };
-    return !text.empty() && asUtf8(text) == text && std::none_of(text.begin(), text.end(), isControl);
+    return !text.empty() && asUtf8(text) == text && std::ranges::none_of(text, isControl);
 }
 
 // Ends the plan of a board that is not the run's unit. Removes the unit from the run unless something was taken for it.
@@ -404,8 +404,7 @@ bool isFixed(const std::optional<Mac> &address) {
 bool mayReturnAs(const Course &course, const std::optional<Mac> &after) {
     if (course.address == after || !isFixed(course.address) || !isFixed(after)) return true;
     const auto isAfter = [&](const auto &variable) { return parseMac(variable.second) == after; };
-    return std::find(course.given.begin(), course.given.end(), *after) != course.given.end() ||
-           std::any_of(course.run.variables.begin(), course.run.variables.end(), isAfter);
+    return std::ranges::count(course.given, *after) > 0 || std::ranges::any_of(course.run.variables, isAfter);
 }
 
 // Another board at the same cable must not get this one's verdict.
@@ -531,7 +530,7 @@ RunRecord runPlan(Board &board, const Plan &plan, RunRecord run, const Context &
     }
     const StepResult *const failed = run.firstFailed();
     run.cause = run.interrupted ? Cause::kOperator : failed != nullptr ? failed->cause : Cause::kNone;
-    if (run.passed() && run.unit.empty() && std::any_of(plan.steps.begin(), plan.steps.end(), mayName)) {
+    if (run.passed() && run.unit.empty() && std::ranges::any_of(plan.steps, mayName)) {
         run.failure = "nobody said the unit's {serial}, and every step let it pass";
         run.cause = Cause::kStation;
     }

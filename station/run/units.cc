@@ -106,9 +106,7 @@ void Units::ended(const RunRecord &run) {
     UnitHistory &history = histories_[keyOf(run)];
     history = {run.passed() ? 0 : history.failed + 1, run.end, nameOf(run.place)};
     if (histories_.size() <= kRemembered) return;
-    histories_.erase(std::min_element(histories_.begin(), histories_.end(), [](const auto &one, const auto &other) {
-        return one.second.when < other.second.when;
-    }));
+    histories_.erase(std::ranges::min_element(histories_, {}, [](const auto &one) { return one.second.when; }));
 }
 
 void Units::releaseAt(const Place &place) {
