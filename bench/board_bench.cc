@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -125,7 +126,8 @@ int main(int argc, char **argv) try {
     std::mt19937 random(1);  // the same bytes every time
     for (char &c : payload) c = static_cast<char>(random());
     station::Listener listener("127.0.0.1", station::kDefaultPort);
-    Session session = listener.accept(kLimit);
+    station::waitFor(listener.descriptor(), POLLIN, Clock::now() + kLimit);
+    Session session = listener.take().value();
     station::runScript(session, kKeepPayload, Clock::now() + kLimit);
     Sums warmUp;
     addRound(warmUp, session, port, payload);

@@ -90,7 +90,7 @@ protected:
     }
 
     void send(const std::string &line) {
-        if (line == " reset") session().reset();
+        if (line == " reset") resetAtEnd(session());
         if (line == " reset" || line == " close") {
             session_.reset();
         } else {
@@ -231,7 +231,7 @@ TEST_F(Discovery, AnswersThreeTimesAndThenConnects) {
             ASSERT_TRUE(board::waitForLog("wait 0x55aa"));
             EXPECT_EQ(station::discover(*link_, destination, size, kSoon), board_) << size;
             {
-                Session session = listener.accept(kSoon);
+                Session session = accept(listener);
                 EXPECT_EQ(ask(session, "PING"), "PING 2");
             }
             TearDown();
@@ -267,7 +267,7 @@ TEST_F(Discovery, WithoutTheInterfaceTheConnectionStartsAtOnce) {
     start("qconly");
     board::run("ip addr add 192.168.1.1/24 dev lan0 2> /dev/null || true");
     {
-        Session session = listener.accept(kSoon);
+        Session session = accept(listener);
         // The output of a script is discarded, but it is open.
         const std::string script = "#!/bin/sh\necho printed && echo printed >&2 && echo both > /tmp/printed\n";
         ask(session, "SHELL " + std::to_string(script.size()), script);
@@ -285,7 +285,7 @@ TEST_F(StationAway, WithoutASystemLogDescriptorZeroEndsTheService) {
     station::Listener listener = listen();
     board::stopLog();
     start("daemon");
-    EXPECT_NO_THROW(listener.accept(kSoon).expectClose(kSoon));
+    EXPECT_NO_THROW(accept(listener).expectClose(kSoon));
     board::startLog();
     EXPECT_EQ(serviceStatus(), 0);
 }
@@ -352,7 +352,7 @@ TEST_F(StationAway, IsTriedForEverAndServedWhenItComes) {
     const std::string waits = board::readFile("/var/waits");
     EXPECT_THAT(waits, testing::MatchesRegex("10000000\n1000000\n(3000000\n)+"));
     EXPECT_GT(std::count(waits.begin(), waits.end(), '\n'), lines.size() / 2 + 4);
-    Session session = listen().accept(kSoon);
+    Session session = accept(listen());
     EXPECT_EQ(ask(session, "PING"), "PING 2");
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 // The service on the board, and the station's library at the other end of the cable.
 
+#include <poll.h>
+
 #include <optional>
 
 #include "station/wire/discovery.h"
@@ -34,10 +36,22 @@ protected:
         return std::move(*listener);
     }
 
+    // Returns the service's next connection.
+    static station::Session accept(const station::Listener &listener) {
+        station::waitFor(listener.descriptor(), POLLIN, station::Clock::now() + kSoon);
+        return listener.take().value();
+    }
+
+    // Lets the end of a session reset its connection.
+    static void resetAtEnd(const station::Session &session) {
+        const linger now = {1, 0};
+        setsockopt(session.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    }
+
     station::Session startSession() {
         station::Listener listener = listen();
         start("daemon");
-        return listener.accept(kSoon);
+        return accept(listener);
     }
 
     static std::string ask(station::Session &session, const std::string &command, const std::string &payload = "") {

@@ -236,7 +236,8 @@ public:
         disconnect();
         if (next_ == replies_.size()) throw SessionError("it did not come back");
         thread_ = std::thread([this, board = connectTo(listener_.port())] { serve(board.descriptor()); });
-        session_.emplace(listener_.accept(Milliseconds(5000)));
+        station::waitFor(listener_.descriptor(), POLLIN, station::Clock::now() + std::chrono::seconds(5));
+        session_ = listener_.take();
     }
 
 private:

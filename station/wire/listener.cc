@@ -89,14 +89,6 @@ Listener::Listener(const std::string &address, uint16_t port, const std::string 
     getsockname(descriptor(), reinterpret_cast<sockaddr *>(&bound_), &length);
 }
 
-Session Listener::accept(Milliseconds limit) const {
-    const auto deadline = Clock::now() + limit;
-    while (waitFor(descriptor(), POLLIN, deadline)) {
-        if (std::optional<Session> session = take()) return std::move(*session);
-    }
-    throw SessionError("no board connected");
-}
-
 std::optional<Session> Listener::take() const {
     sockaddr_in from{};  // a board that has reset the connection is not named by it any more
     socklen_t length = sizeof from;

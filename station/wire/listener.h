@@ -31,8 +31,6 @@ public:
     const std::string &interface() const { return interface_; }  // empty for none
     int descriptor() const { return socket_.descriptor(); }
 
-    // Returns the next connection. Throws SessionError when none comes within the limit.
-    Session accept(Milliseconds limit) const;
     // Returns the next connection that waits in the kernel, if any. Throws ListenError when the process or the system
     // has no room for it; the connection then keeps waiting.
     std::optional<Session> take() const;

@@ -155,12 +155,6 @@ std::string Session::localAddress() const {
     return textOf(bound);
 }
 
-void Session::reset() {
-    const linger now = {1, 0};
-    setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-    socket_ = Socket(-1);
-}
-
 std::string Session::peerAddress() const { return textOf(board_); }
 
 std::string Session::peer() const {

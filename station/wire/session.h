@@ -78,9 +78,6 @@ public:
     // to `cut`. Throws when the board does not close within the limit.
     std::string receiveAll(Milliseconds limit, size_t most, uint64_t &cut);
 
-    // Resets the connection instead of closing it.
-    void reset();
-
     std::string localAddress() const;  // this machine's address on this connection
     std::string peer() const;          // the board's ADDRESS:PORT, with %INTERFACE if the socket is bound to one
     std::string peerAddress() const;   // the board's ADDRESS
