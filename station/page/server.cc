@@ -1,6 +1,5 @@
 #include "station/page/server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <microhttpd.h>
@@ -8,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <future>
 #include <stdexcept>
 #include <utility>
@@ -43,17 +41,9 @@ constexpr std::pair<const char *, const char *> kHeaders[] = {
     {"Cache-Control", "no-store"},
 };
 
-std::string textOf(const sockaddr *address) {
-    std::array<char, INET_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text.data(), text.size());
-    return text.data();
-}
-
-std::string localAddress(int socket) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(socket, reinterpret_cast<sockaddr *>(&address), &length);
-    return textOf(reinterpret_cast<sockaddr *>(&address));
+// Returns the address of a client, which has come by IPv4.
+std::string addressOf(const sockaddr *client) {
+    return station::textOf(*reinterpret_cast<const sockaddr_in *>(client));
 }
 
 Listener listenFor(const PageSettings &settings) try {
@@ -102,7 +92,7 @@ struct PageServer::Client {
     static MHD_Result admit(void *self, const sockaddr *peer, socklen_t) {
         auto &server = *static_cast<PageServer *>(self);
         const Lock lock(server.mutex_);
-        return server.hasRoom(textOf(peer), false) ? MHD_YES : MHD_NO;
+        return server.hasRoom(addressOf(peer), false) ? MHD_YES : MHD_NO;
     }
 
     static void changed(void *self, MHD_Connection *connection, void **, MHD_ConnectionNotificationCode code) {
@@ -112,7 +102,7 @@ struct PageServer::Client {
         const Lock lock(server.mutex_);
         server.clients_.erase(connection);
         if (code == MHD_CONNECTION_NOTIFY_STARTED)
-            server.clients_.emplace(connection, Client{&server, connection, socket, textOf(peer)});
+            server.clients_.emplace(connection, Client{&server, connection, socket, addressOf(peer)});
     }
 
     // Called with the head, with each piece of the body, at the end of the request, and when a slow reply is ready.

@@ -82,7 +82,7 @@ ScriptResult receiveResult(Session &&connection, Clock::time_point deadline) {
 
 ScriptResult runScript(Session &session, const std::string &script, Clock::time_point deadline,
                        const std::map<std::string, std::string> &variables, const Progress &progress) {
-    const Listener results(session.localAddress(), 0, session.interface());
+    const Listener results(localAddress(session.descriptor()), 0, session.interface());
     const std::string payload = wrap(script, variables, results.port());
     const std::string command = fmt::format("SHELL {}", payload.size());
     session.sendCommand(command);

@@ -30,11 +30,6 @@ size_t frameLength(std::string_view bytes) {
     return end <= kFrame ? kFrame : end + 1;
 }
 
-std::string textOf(const sockaddr_in &address) {
-    std::array<char, INET_ADDRSTRLEN> text{};
-    return inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
-}
-
 }  // namespace
 
 std::string boundTo(int socket) {
@@ -42,6 +37,18 @@ std::string boundTo(int socket) {
     socklen_t length = name.size();
     getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name.data(), &length);
     return name.data();
+}
+
+std::string textOf(const sockaddr_in &address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    return inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+}
+
+std::string localAddress(int socket) {
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(socket, reinterpret_cast<sockaddr *>(&bound), &length);
+    return textOf(bound);
 }
 
 void Session::sendCommand(std::string_view text) {
@@ -146,13 +153,6 @@ std::string Session::receiveAll(Milliseconds limit, size_t most, uint64_t &cut) 
         bytes.resize(std::min(bytes.size(), most));
     }
     return bytes;
-}
-
-std::string Session::localAddress() const {
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    getsockname(socket_.descriptor(), reinterpret_cast<sockaddr *>(&bound), &length);
-    return textOf(bound);
 }
 
 std::string Session::peerAddress() const { return textOf(board_); }

@@ -39,6 +39,12 @@ struct WrongReply : SessionError {
 // Returns the interface that a socket is bound to; empty when it is not bound, or when the interface has gone.
 std::string boundTo(int socket);
 
+// Returns "192.168.1.2", without the port.
+std::string textOf(const sockaddr_in &address);
+
+// Returns this machine's address on a connection.
+std::string localAddress(int socket);
+
 constexpr size_t kFrame = 64;           // bytes of a padded command, and of a short reply
 constexpr size_t kLongestReply = 1500;  // bytes, its NUL included
 
@@ -78,9 +84,8 @@ public:
     // to `cut`. Throws when the board does not close within the limit.
     std::string receiveAll(Milliseconds limit, size_t most, uint64_t &cut);
 
-    std::string localAddress() const;  // this machine's address on this connection
-    std::string peer() const;          // the board's ADDRESS:PORT, with %INTERFACE if the socket is bound to one
-    std::string peerAddress() const;   // the board's ADDRESS
+    std::string peer() const;         // the board's ADDRESS:PORT, with %INTERFACE if the socket is bound to one
+    std::string peerAddress() const;  // the board's ADDRESS
     std::string interface() const { return boundTo(descriptor()); }  // empty if the socket is not bound to one
     // Returns the address of the board's network card as the kernel knows it; nothing for a board on another network.
     std::optional<Mac> hardwareAddress() const;
