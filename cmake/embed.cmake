@@ -1,4 +1,4 @@
-# Writes the files' contents as C++ to OUTPUT, as the PREFIXFiles and PREFIXVersion that HEADER declares:
+# Writes the files' contents as C++ to OUTPUT, as PREFIXFiles and PREFIXVersion; HEADER declares those that are used:
 #     cmake -DOUTPUT=... -DHEADER=... -DPREFIX=kStatic -DFILES=FILE,FILE... -P cmake/embed.cmake
 string(REPLACE "," ";" FILES "${FILES}")
 set(rows "")
@@ -15,5 +15,5 @@ file(WRITE ${OUTPUT} "#include \"${HEADER}\"\n
 namespace station {\n
 const std::vector<StaticFile> ${PREFIX}Files = {
 ${rows}};
-const std::string_view ${PREFIX}Version = \"${version}\";\n
+[[maybe_unused]] const std::string_view ${PREFIX}Version = \"${version}\";\n
 }  // namespace station\n")

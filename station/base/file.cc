@@ -9,9 +9,6 @@
 #include <random>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
-
-#include "station/base/descriptor.h"
 
 namespace station {
 namespace {
@@ -72,32 +69,31 @@ std::optional<std::string> readFileIfThere(const fs::path &path, uint64_t most) 
 
 // Lets the kernel apply the process's umask to the mode. mkostemp() would make the file 0600, and the umask cannot be
 // read without changing it for all threads.
-NewFile::NewFile(const fs::path &path, mode_t mode) : path_(replaceable(path)), descriptor_(-1) {
+NewFile::NewFile(const fs::path &path, mode_t mode) : path_(replaceable(path)) {
     std::random_device random;
     do {
         temporary_ = fmt::format("{}.{:08x}", path_.string(), random());
-        descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    } while (descriptor_ < 0 && errno == EEXIST);
-    if (descriptor_ < 0) fail("write", path_);
+        file_ = Descriptor(open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    } while (file_.descriptor() < 0 && errno == EEXIST);
+    if (file_.descriptor() < 0) fail("write", path_);
 }
 
 NewFile::~NewFile() {
-    if (descriptor_ < 0) return;
-    close(descriptor_);
-    unlink(temporary_.c_str());
+    if (file_.descriptor() >= 0) unlink(temporary_.c_str());
 }
 
 void NewFile::write(std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t written = TEMP_FAILURE_RETRY(::write(descriptor_, bytes.data(), bytes.size()));
+        const ssize_t written = TEMP_FAILURE_RETRY(::write(file_.descriptor(), bytes.data(), bytes.size()));
         if (written < 0) fail("write", path_);
         bytes.remove_prefix(static_cast<size_t>(written));
     }
 }
 
 void NewFile::keep(bool durable) {
-    if ((durable && fsync(descriptor_) != 0) || rename(temporary_.c_str(), path_.c_str()) != 0) fail("write", path_);
-    close(std::exchange(descriptor_, -1));
+    if ((durable && fsync(file_.descriptor()) != 0) || rename(temporary_.c_str(), path_.c_str()) != 0)
+        fail("write", path_);
+    file_ = Descriptor(-1);
     if (!durable) return;
     const fs::path folder = path_.has_parent_path() ? path_.parent_path() : ".";
     const Descriptor names(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "station/base/descriptor.h"
+
 namespace station {
 
 // Returns the content of a regular file of at most `most` bytes. Throws std::runtime_error, which says why it cannot
@@ -25,8 +27,6 @@ class NewFile {
 public:
     explicit NewFile(const std::filesystem::path &path, mode_t mode = 0666);
     ~NewFile();
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
 
     void write(std::string_view bytes);
     // Returns the name that the file has until keep() is called, for a library that writes it.
@@ -37,7 +37,7 @@ public:
 private:
     std::filesystem::path path_;
     std::string temporary_;
-    int descriptor_;
+    Descriptor file_{-1};  // none: it has its name
 };
 
 // A file that cmake/embed.cmake compiles into the program.

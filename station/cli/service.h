@@ -16,7 +16,6 @@ namespace station {
 constexpr const char *kServiceLine = "/etc/qcstation/line.yaml";
 
 extern const std::vector<StaticFile> kExampleFiles;  // station/package/line.yaml, which is compiled in
-extern const std::string_view kExampleVersion;
 
 // Adds --user.
 void addUser(CLI::App *command, std::string &user);

@@ -53,7 +53,6 @@ public:
     Line(std::vector<Listener> &listeners, const std::vector<Place> &places, std::shared_ptr<const Job> job,
          const Context &context);
     ~Line();
-    Line(const Line &) = delete;
 
     // Runs the job on `boards` boards, which must connect within `wait`. A further board that has connected by then
     // gets its run, too. Call either run() or serve(), and only once.

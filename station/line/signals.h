@@ -29,7 +29,6 @@ class Signals {
 public:
     explicit Signals(SignalActions actions);
     ~Signals();
-    Signals(const Signals &) = delete;
 
 private:
     struct Reloads;

@@ -31,7 +31,6 @@ public:
     // Listens, and answers after start(). Throws ListenError. Several threads call `feed`, one at a time.
     PageServer(const PageSettings &settings, Feed feed);
     ~PageServer();
-    PageServer(const PageServer &) = delete;
 
     std::string url() const;
     // Adds routes. Must be called before start().

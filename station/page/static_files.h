@@ -15,7 +15,6 @@ extern const std::vector<StaticFile> kStaticFiles;  // from station/page/static,
 extern const std::string_view kStaticVersion;
 
 extern const std::vector<StaticFile> kTemplateFiles;  // NAME.mustache, from station/page/templates
-extern const std::string_view kTemplateVersion;
 
 // Returns the content of the file with this name, or nothing if the program has no such file.
 std::optional<std::string_view> staticFile(std::string_view name, const std::vector<StaticFile> &files = kStaticFiles);

@@ -11,7 +11,6 @@
 namespace station {
 
 extern const std::vector<StaticFile> kSqlFiles;
-extern const std::string_view kSqlVersion;  // changes with each of them
 
 using Words = std::map<std::string, std::string>;
 
