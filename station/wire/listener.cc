@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <utility>
 
 namespace station {
@@ -58,19 +59,15 @@ Socket socketAt(const sockaddr_in &bound, const std::string &interface, bool lis
 }  // namespace
 
 std::string hintFor(int error, const std::string &address, const std::string &interface) {
-    switch (error) {
-    case EADDRNOTAVAIL:
-        return fmt::format("no interface has the address: ip addr add {}/24 dev {}", address,
-                           interface.empty() ? "INTERFACE" : interface);
-    case EADDRINUSE:
-        return "another station runs here, or: ss -ltnp shows who has the port";
-    case ENODEV:
-        return fmt::format("there is no interface {}: ip link shows those there are", interface);
-    case EACCES:
-        return "ports below 1024 are root's";
-    default:
-        return strerror(error);
-    }
+    static const std::map<int, std::string_view> kHints = {
+        {EADDRNOTAVAIL, "no interface has the address: ip addr add {0}/24 dev {1}"},
+        {EADDRINUSE, "another station runs here, or: ss -ltnp shows who has the port"},
+        {ENODEV, "there is no interface {1}: ip link shows those there are"},
+        {EACCES, "ports below 1024 are root's"},
+    };
+    const auto hint = kHints.find(error);
+    if (hint == kHints.end()) return strerror(error);
+    return fmt::format(fmt::runtime(hint->second), address, interface.empty() ? "INTERFACE" : interface);
 }
 
 int tryAddress(const std::string &address, uint16_t port, const std::string &interface) {
