@@ -83,6 +83,10 @@ TEST(Frames, OfRepliesMustBeExact) {
     char bytes[100];
     EXPECT_EQ(std::string(bytes, static_cast<size_t>(recv(pair.ends[1], bytes, sizeof bytes, 0))), frame("PING"));
     EXPECT_THROW(pair.session.sendCommand(longer), std::invalid_argument);
+    pair.session.sendCommand("PING");
+    pair.board = Socket(-1);  // with a command unread: the connection is reset
+    EXPECT_THAT([&] { pair.session.receiveReply(Milliseconds(50)); },
+                testing::ThrowsMessage<SessionError>("the board closed the connection"));
 }
 
 TEST(Frames, ThatTrickleInEndAtTheLimit) {

@@ -21,7 +21,14 @@ constexpr Milliseconds kLongReplyGrace{300};
 // A board that is there acknowledges one probe of the kernel every three seconds (Listener).
 constexpr Milliseconds kLongestSilence{10000};
 
+constexpr const char *kClosed = "the board closed the connection";
+
 bool isTemporary(int error) { return error == EAGAIN || error == EINTR; }
+
+// Throws SessionError about errno. A board that has restarted answers with a reset.
+[[noreturn]] void fail(const char *what) {
+    throw SessionError(errno == ECONNRESET || errno == EPIPE ? kClosed : describeError(what));
+}
 
 // Returns the bytes of the frame at the start of `bytes`, as far as it can be told yet.
 size_t frameLength(std::string_view bytes) {
@@ -68,7 +75,7 @@ void Session::sendBytes(std::string_view bytes, const Progress &progress) {
         // cppcheck-suppress invalidLifetime
         const ssize_t sent = send(socket_.descriptor(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0 && isTemporary(errno)) continue;
-        if (sent < 0) throw SessionError(describeError("sending failed"));
+        if (sent < 0) fail("sending failed");
         done += static_cast<uint64_t>(sent);
         if (progress) progress(done, bytes.size());
     }
@@ -78,7 +85,7 @@ Session::Arrival Session::receivePart(std::string &bytes, size_t most) {
     std::array<char, 65536> part;
     const ssize_t received = recv(socket_.descriptor(), part.data(), std::min(part.size(), most), MSG_DONTWAIT);
     if (received < 0 && isTemporary(errno)) return Arrival::kNothing;
-    if (received < 0) throw SessionError(describeError("receiving failed"));
+    if (received < 0) fail("receiving failed");
     bytes.append(part.data(), static_cast<size_t>(received));
     return received > 0 ? Arrival::kBytes : Arrival::kEnd;
 }
@@ -98,7 +105,7 @@ std::string Session::receiveReply(Milliseconds limit) {
         const Arrival arrival = receiveSome(bytes, deadline);
         if (arrival == Arrival::kBytes) continue;
         if (!bytes.empty()) throw WrongReply(fmt::format("the reply ended after {} bytes", bytes.size()));
-        if (arrival == Arrival::kEnd) throw SessionError("the board closed the connection");
+        if (arrival == Arrival::kEnd) throw SessionError(kClosed);
         throw SessionError(fmt::format("no reply within {:.1f} s", inSeconds(limit)));
     }
     // 64 characters are a whole frame, or the first of a longer one.
