@@ -344,6 +344,10 @@ class Page(unittest.TestCase):
         self.sees(1, 'HELD')
         taken = board(3)
         self.asked('board 2')
+        for plan, faulty in ('[]', True), (PLAN, False):
+            write('plan.yaml', plan)
+            self.station.send_signal(signal.SIGHUP)
+            self.until(lambda: ('goes on as before' in self.page()) == faulty)
         taken.shutdown(socket.SHUT_RDWR)
         self.sees(2, 'AGAIN', 'the board has gone', 'Cable or power')
         board(4)

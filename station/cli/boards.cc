@@ -29,8 +29,9 @@
 namespace station {
 namespace {
 
-constexpr std::chrono::seconds kStoreRetry{1};  // of a store that is away at the start
-constexpr size_t kRequest = 60;                 // bytes of a discovery frame: network cards send none that is shorter
+constexpr std::chrono::seconds kStoreRetry{1};                   // of a store that is away at the start
+constexpr const char *kAsBefore = "the line goes on as before";  // after a file with a fault
+constexpr size_t kRequest = 60;  // bytes of a discovery frame: network cards send none that is shorter
 
 // The work of "run" or "serve": a line, for so many boards.
 struct Task {
@@ -168,6 +169,7 @@ std::function<void()> reload(const Task &task, Line &line, const Observers &obse
     needAnswers(file, task.line.page.has_value(), task.json);
     return [job = std::make_shared<const Job>(file), same = file.sameStation(task.line), path = task.path, &line,
             &observers, &console] {
+        observers.tell(&Observer::mended, kAsBefore);
         if (!same)
             observers.tell(&Observer::trouble,
                            path + ": a change of address, places, records or page takes effect at the next start");
@@ -175,9 +177,8 @@ std::function<void()> reload(const Task &task, Line &line, const Observers &obse
         console.say(adopted(path, job->plan, line.change(job)->plan));
     };
 } catch (const std::exception &error) {
-    return [why = fmt::format("the line goes on as before: {}", error.what()), &observers] {
-        observers.tell(&Observer::trouble, why);
-    };
+    return
+        [why = fmt::format("{}: {}", kAsBefore, error.what()), &observers] { observers.tell(&Observer::trouble, why); };
 }
 
 void endAtOnce(const Unfinished &unfinished) {

@@ -170,6 +170,7 @@ public:
     void placeHeld(const Place &place, bool held) override {
         const Lock lock(mutex_);
         change(place).lasting["held"] = held;
+        if (!held) endTroubles(WallClock::time_point::max(), nameOf(place) + " is held");
     }
 
     void placeBlocked(const Place &place, const std::string &why) override {
@@ -199,6 +200,10 @@ public:
         changeLine()["stops"] = true;
     }
 
+    void mended(const std::string &beginning) override {
+        const Lock lock(mutex_);
+        endTroubles(WallClock::time_point::max(), beginning);
+    }
     void trouble(const std::string &text) override {
         const Lock lock(mutex_);
         changeLine();
@@ -326,9 +331,12 @@ private:
         return picture ? Json("/picture?sha256=" + picture->sha256) : Json();
     }
 
-    // Ends the troubles that are older than this. Returns false when there are none.
-    bool endTroubles(WallClock::time_point before) REQUIRES(mutex_) {
-        if (std::erase_if(troubles_, [&](const auto &trouble) { return trouble.second < before; }) == 0) return false;
+    // Ends the troubles that are older than this and begin with this. Returns false when there are none.
+    bool endTroubles(WallClock::time_point before, const std::string &beginning = {}) REQUIRES(mutex_) {
+        const auto over = [&](const auto &trouble) {
+            return trouble.second < before && trouble.first.starts_with(beginning);
+        };
+        if (std::erase_if(troubles_, over) == 0) return false;
         changeLine();
         return true;
     }

@@ -45,6 +45,8 @@ public:
     virtual void lineStops() {}
     // What a person should look at, in words.
     virtual void trouble(const std::string &) {}
+    // The troubles whose text begins like this are over.
+    virtual void mended(const std::string &) {}
 };
 
 // Some observers: tell(&Observer::stepStarts, run, step) calls each of them, in their order.
