@@ -382,12 +382,7 @@ Table listRanges(Database &database, const std::string &pool) {
     if (!known) throw Refusal(unknown(pool));
     if (known->kind == "values")
         throw Refusal(fmt::format("the pool \"{}\" has values, no ranges: \"qcstation pool list\" counts them", pool));
-    Table ranges = database.ask(sqlOf(database.shared(), "pool_ranges"), {pool});
-    for (const size_t i : {size_t{0}, size_t{1}}) {
-        ranges.numbers[i] = false;
-        for (auto &row : ranges.rows) row[i] = formatMac(integer(row[i]));
-    }
-    return ranges;
+    return database.ask(sqlOf(database.shared(), "pool_ranges"), {pool});
 }
 
 std::vector<std::string> poolWarnings(Database &database) {
