@@ -301,9 +301,8 @@ void bench(const std::string &store, int runs) {
     report("summary of 30 days --by step", [&] { failuresByStep(database, month); });
     report("summary of 30 days --by value", [&] { measuredValues(database, month); });
     report("summary of 30 days --by place", [&] { yields(database, month, By::kPlace); });
-    report("a value of 30 days by place", [&] { measuredValues(database, month, "volts 1", By::kPlace); });
+    report("a value of 30 days by place", [&] { spreadsByPlace(database, month, "volts 1"); });
     report("histogram of 30 days by place", [&] { histogram(database, month, "volts 1", 30); });
-    report("a value of 30 days as a group", [&] { readingGroup(database, {month.period, "line"}, "volts 1"); });
     report("units, the newest 100", [&] { unitsLike(database, "", 100); });
     report("units that begin with U1234", [&] { unitsLike(database, "U1234", 100); });
     report("pool list", [&] { listPools(database); });

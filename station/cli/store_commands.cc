@@ -111,14 +111,10 @@ Table yieldsBy(Database &database, const Filter &filter) {
     return yields(database, filter, part);
 }
 constexpr Summary kSummaries[] = {
-    {"", "yield", true, yieldsBy<By::kAll>},
-    {"hour", "hours", false, yieldsBy<By::kHour>},
-    {"day", "days", false, yieldsBy<By::kDay>},
-    {"place", "places", false, yieldsBy<By::kPlace>},
-    {"plan", "plans", false, yieldsBy<By::kPlan>},
-    {"step", "failures", true, failuresByStep},
-    {"cause", "causes", true, failuresByCause},
-    {"value", "values", true, [](Database &all, const Filter &filter) { return measuredValues(all, filter); }},
+    {"", "yield", true, yieldsBy<By::kAll>},       {"hour", "hours", false, yieldsBy<By::kHour>},
+    {"day", "days", false, yieldsBy<By::kDay>},    {"place", "places", false, yieldsBy<By::kPlace>},
+    {"plan", "plans", false, yieldsBy<By::kPlan>}, {"step", "failures", true, failuresByStep},
+    {"cause", "causes", true, failuresByCause},    {"value", "values", true, measuredValues},
 };
 
 void printSummary(Options &options, Database &database) {

@@ -17,6 +17,8 @@
 namespace station {
 namespace {
 
+using Sections = std::vector<Section>;
+
 constexpr size_t kMostOfFile = 100000;  // rows
 constexpr size_t kMostReadings = 2000;  // that a chart shows one by one; beyond that it shows groups
 constexpr int kGroups = 200, kBars = 30;
@@ -134,40 +136,23 @@ Table inParts(const Asked &asked, const std::vector<std::string> &times,
     Filter part = asked.query.filter;
     for (size_t i = 1; i < times.size(); ++i) {
         part.period = {times[i - 1], times[i]};
-        Table found = ask(part);
-        std::ranges::move(found.rows, std::back_inserter(all.rows));
-        found.rows = std::exchange(all.rows, {});
-        for (size_t c = 0; c < all.numbers.size(); ++c) found.numbers[c] = found.numbers[c] || all.numbers[c];
-        all = std::move(found);
+        append(all, ask(part));
     }
     return all;
 }
 
 // ---- units and runs
 
-// Returns the table of this name among those of the query's unit.
-Table unitTable(const Asked &asked, std::string_view name) {
-    const auto sections = show(asked.database, asked.query["serial"]);
-    if (sections[0].name != "unit") throw Refusal(fmt::format("the store knows no unit \"{}\"", asked.query["serial"]));
-    return std::ranges::find(sections, name, &Section::name)->table;
-}
-
-Part ofUnit(std::string_view name) {
-    return {name, [=](const Asked &asked) { return unitTable(asked, name); }};
-}
-
-// Returns what the SQL file says about the last run of each plan of the query's unit.
-Part ofLastRuns(std::string_view name, const char *file) {
-    return {name, [=](const Asked &asked) {
-                return asked.database.ask(sqlOf(asked.database.shared(), file), {unitTable(asked, "unit").rows[0][0]});
-            }};
-}
-
-Part ofRun(std::string_view name) {
-    return {name, [=](const Asked &asked) {
-                const auto sections = showRun(asked.database, asked.query["run"]);
-                return std::ranges::find(sections, name, &Section::name)->table;
-            }};
+Sections unit(const Asked &asked) {
+    const std::string serial = asked.query["serial"];
+    Sections sections = show(asked.database, serial);
+    if (sections[0].name != "unit") throw Refusal(fmt::format("the store knows no unit \"{}\"", serial));
+    // Of the last run of each plan, not of all.
+    const std::vector<Value> known = {sections[0].table.rows[0][0]};
+    const auto ask = [&](const char *file) { return asked.database.ask(sqlOf(asked.database.shared(), file), known); };
+    sections.back() = {"files", ask("unit_files")};
+    sections.push_back({"values", ask("unit_values")});
+    return sections;
 }
 
 Table runs(const Asked &asked) {
@@ -176,14 +161,6 @@ Table runs(const Asked &asked) {
         listRuns(asked.database, {query.filter, query["failed"] == "1", int(asked.most), query["step"], query["file"]});
     std::ranges::reverse(found.rows);
     return found;
-}
-
-Table variables(const Asked &asked) {
-    Table table{{"variable", "is"}, {}};
-    for (const auto &[name, value] : loadRun(asked.database, asked.query["run"]).variables) {
-        table.rows.push_back({name, value});
-    }
-    return table;
 }
 
 using Facts = std::vector<std::pair<std::string, Value>>;  // name and value
@@ -226,115 +203,143 @@ void addColumn(Table &table, const std::string &name, const Facts &facts) {
     }
 }
 
-// Returns the unit's runs before and after the query's run side by side.
-Table attempts(const Asked &asked) {
-    Table table{{"what"}, {}, {}};
+// Returns all about the query's run, and beside it the unit's runs before and after it.
+Sections run(const Asked &asked) {
+    Sections sections = showRun(asked.database, asked.query["run"]);
+    Table variables{{"variable", "is"}, {}}, attempts{{"what"}, {}, {}};
     const Table names = asked.database.ask(sqlOf(asked.database.shared(), "runs_around"), {asked.query["run"]});
-    for (const auto &row : names.rows) addColumn(table, *row[0], factsOf(loadRun(asked.database, *row[0])));
-    return table;
+    for (const auto &row : names.rows) addColumn(attempts, *row[0], factsOf(loadRun(asked.database, *row[0])));
+    for (const auto &[name, value] : loadRun(asked.database, asked.query["run"]).variables) {
+        variables.rows.push_back({name, value});
+    }
+    sections.insert(sections.end(), {{"attempts", attempts}, {"variables", variables}});
+    return sections;
 }
 
 // ---- measured values
 
-Table oldestReadings(const Asked &asked, size_t most) {
-    return readings(asked.database, asked.query.filter, asked.query["name"], int(most));
-}
-
-// Returns each reading; for a chart, no rows when there are too many for it.
-Table everyReading(const Asked &asked) {
-    Table table = oldestReadings(asked, std::max(asked.most, kMostReadings + 1));
-    if (asked.most <= kMostReadings && table.rows.size() > kMostReadings) table.rows.clear();
-    return table;
-}
-
-// Returns the readings in groups, by parts of the period of equal length; no rows when there are few readings.
-Table groups(const Asked &asked) {
-    const Table oldest = oldestReadings(asked, kMostReadings + 1);
-    if (oldest.rows.size() <= kMostReadings) return {};
-    const Period &period = asked.query.filter.period;
-    const std::time_t start = timeOf(*oldest.rows[0][0]), length = endOf(period) - start;
+// Returns the bounds of the groups in which a chart shows many readings: parts of the period of equal length.
+std::vector<std::string> groupsOf(const Period &period, std::time_t start) {
+    const std::time_t length = endOf(period) - start;
     std::vector<std::string> times = {period.since};
     for (int i = 1; i < kGroups; ++i) times.push_back(isoTime(WallClock::from_time_t(start + length * i / kGroups)));
     times.push_back(period.until);
-    return inParts(asked, times,
-                   [&](const Filter &part) { return readingGroup(asked.database, part, asked.query["name"]); });
+    return times;
 }
 
-Table bars(const Asked &asked) { return histogram(asked.database, asked.query.filter, asked.query["name"], kBars); }
+// Adds the figures of the readings in a part of the period to those by kind and by place. Returns those of all
+// together, as the only row of a table.
+Table addSpreads(const Asked &asked, const Filter &part, Spreads &values, Spreads &places) {
+    Table table{{"started", "until", "measured", "failed", "lowest", "mean", "highest", "minimum", "maximum", "unit"},
+                {},
+                {false, false, true, true, true, true, true, true, true, false}};
+    Spread all;
+    Value unit;
+    for (const auto &[group, spread] : spreadsByPlace(asked.database, part, asked.query["name"])) {
+        values[{{}, {}, group[2], group[3], group[4]}] += spread;
+        places[group] += spread;
+        all += spread;
+        if (!unit || (group[4] && group[4] < unit)) unit = group[4];
+    }
+    if (all.measured == 0) return table;
+    table.rows = {{all.started, all.until, number(all.measured), number(all.failed), number(all.lowest),
+                   number(all.numbers > 0 ? all.mean : NAN), number(all.highest), number(all.minimum),
+                   number(all.maximum), unit}};
+    return table;
+}
 
-Part valuesBy(std::string_view name, By by) {
-    return {name, [=](const Asked &asked) {
-                return measuredValues(asked.database, asked.query.filter, asked.query["name"], by);
-            }};
+// Returns the readings of a value by kind, by place, in groups, and each of them; for a chart, each or groups.
+Sections value(const Asked &asked) {
+    const Filter &filter = asked.query.filter;
+    Table every = readings(asked.database, filter, asked.query["name"], std::max(asked.most, kMostReadings + 1));
+    const bool many = every.rows.size() > kMostReadings;
+    Spreads values, places;
+    std::vector<std::string> times = {filter.period.since, filter.period.until};
+    if (many) times = groupsOf(filter.period, timeOf(*every.rows[0][0]));
+    Table groups = inParts(asked, times, [&](const Filter &part) { return addSpreads(asked, part, values, places); });
+    if (!many) groups = {};
+    if (many && asked.most <= kMostReadings) every.rows.clear();
+    return {{"values", valuesTable(values, false)},
+            {"places", valuesTable(places, true)},
+            {"groups", groups},
+            {"readings", every}};
 }
 
 // ---- yields
 
+Part single(const std::string &name, const std::function<Table(const Asked &)> &ask) {
+    return {{name}, [=](const Asked &asked) { return Sections{{name, ask(asked)}}; }};
+}
+
 // Returns the yields of the whole period, or of its parts.
-Part yieldsOf(std::string_view name, bool parts) {
-    return {name, [=](const Asked &asked) {
-                const Period &period = asked.query.filter.period;
-                auto times = parts ? timesOf(period, asked.settings.shifts)
-                                   : std::vector<std::string>{period.since, period.until};
-                if (parts) keepWithRuns(asked.database, times);
-                return inParts(asked, times, [&](const Filter &part) {
-                    Table table = yields(asked.database, part, By::kAll);
-                    table.columns[0] = "since";
-                    table.columns.insert(table.columns.begin() + 1, "until");
-                    table.numbers.insert(table.numbers.begin(), false);
-                    for (auto &row : table.rows) {
-                        row[0] = part.period.since;
-                        row.insert(row.begin() + 1, text(part.period.until));
-                    }
-                    return table;
-                });
-            }};
+Part yieldsOf(const char *name, bool parts) {
+    return single(name, [=](const Asked &asked) {
+        const Period &period = asked.query.filter.period;
+        auto times =
+            parts ? timesOf(period, asked.settings.shifts) : std::vector<std::string>{period.since, period.until};
+        if (parts) keepWithRuns(asked.database, times);
+        return inParts(asked, times, [&](const Filter &part) {
+            Table table = yields(asked.database, part, By::kAll);
+            table.columns[0] = "since";
+            table.columns.insert(table.columns.begin() + 1, "until");
+            table.numbers.insert(table.numbers.begin(), false);
+            for (auto &row : table.rows) {
+                row[0] = part.period.since;
+                row.insert(row.begin() + 1, text(part.period.until));
+            }
+            return table;
+        });
+    });
 }
 
-const Part kChoices = {"choices", [](const Asked &asked) { return choices(asked.database); }};
+const Part kChoices = single("choices", [](const Asked &asked) { return choices(asked.database); });
 
-Table askPart(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, size_t most) {
-    Table table;
-    archive.ask([&](Database &database) { table = part.ask({database, query, settings, most}); });
-    sortBy(table, orderOf(part.name, query));
-    return table;
+Sections askPart(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, size_t most) {
+    Sections sections;
+    archive.ask([&](Database &database) { sections = part.ask({database, query, settings, most}); });
+    for (auto &[name, table] : sections) sortBy(table, orderOf(name, query));
+    return sections;
 }
 
-// Returns the table as a page shows it; a `list` of any length is sorted before it is cut.
-Json partOf(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, bool list) try {
+// Returns the tables as a page shows them; a `list` of any length is sorted before it is cut.
+Json partOf(Archive &archive, const Part &part, const Query &query, const PageSettings &settings, bool list) {
     const size_t end = query["sort"].empty() ? query.offset + query.rows + 1 : kMostOfFile;
     const size_t most = list ? std::min(end, kMostOfFile) : kMostReadings;
-    const Table table = askPart(archive, part, query, settings, most);
-    return jsonOf(table, list ? query.offset : 0, list ? query.rows : kMostOfFile);
-} catch (const TooSlow &error) {
-    return {{"columns", Json::array()}, {"rows", Json::array()}, {"error", error.what()}};
+    Json tables = Json::object();
+    try {
+        for (const auto &[name, table] : askPart(archive, part, query, settings, most)) {
+            tables[name] = jsonOf(table, list ? query.offset : 0, list ? query.rows : kMostOfFile);
+        }
+    } catch (const TooSlow &error) {
+        const Json none = {{"columns", Json::array()}, {"rows", Json::array()}, {"error", error.what()}};
+        for (const std::string &name : part.names) tables[name] = none;
+    }
+    return tables;
 }
 
 }  // namespace
 
+// The longest questions come first: three are asked at a time.
 const std::vector<Content> kContents = {
     {"summary",
      {yieldsOf("yields", false),
-      {"failures", [](const Asked &asked) { return failuresByStep(asked.database, asked.query.filter); }},
-      {"causes", [](const Asked &asked) { return failuresByCause(asked.database, asked.query.filter); }},
+      single("places", [](const Asked &asked) { return yields(asked.database, asked.query.filter, By::kPlace); }),
+      single("values", [](const Asked &asked) { return measuredValues(asked.database, asked.query.filter); }),
       yieldsOf("times", true),
-      {"places", [](const Asked &asked) { return yields(asked.database, asked.query.filter, By::kPlace); }},
-      valuesBy("values", By::kAll),
+      single("failures", [](const Asked &asked) { return failuresByStep(asked.database, asked.query.filter); }),
+      single("causes", [](const Asked &asked) { return failuresByCause(asked.database, asked.query.filter); }),
       kChoices}},
-    {"runs", {{"runs", runs}, kChoices}},
+    {"runs", {single("runs", runs), kChoices}},
     {"units",
-     {{"units", [](const Asked &asked) { return unitsLike(asked.database, asked.query["q"], int(asked.most)); }}}},
-    {"unit",
-     {ofUnit("unit"), ofUnit("given"), ofLastRuns("values", "unit_values"), ofLastRuns("files", "unit_files"),
-      ofUnit("runs"), ofUnit("archives")}},
-    {"run",
-     {ofRun("run"), ofRun("steps"), ofRun("values"), {"attempts", attempts}, {"variables", variables}, ofRun("files")}},
+     {single("units",
+             [](const Asked &asked) { return unitsLike(asked.database, asked.query["q"], int(asked.most)); })}},
+    {"unit", {{{"unit", "given", "runs", "archives", "files", "values"}, unit}}},
+    {"run", {{{"run", "steps", "values", "files", "attempts", "variables"}, run}}},
     {"value",
-     {valuesBy("values", By::kAll),
-      valuesBy("places", By::kPlace),
-      {"histogram", bars},
-      {"readings", everyReading},
-      {"groups", groups},
+     {{{"values", "places", "groups", "readings"}, value},
+      single(
+          "histogram",
+          [](const Asked &asked) { return histogram(asked.database, asked.query.filter, asked.query["name"], kBars); }),
       kChoices}},
 };
 
@@ -343,10 +348,10 @@ Json documentOf(Archive &archive, const Content &content, const Query &query, co
     answers.reserve(content.parts.size());
     for (const Part &part : content.parts) {
         answers.push_back(std::async(
-            std::launch::async, [&] { return partOf(archive, part, query, settings, part.name == content.page); }));
+            std::launch::async, [&] { return partOf(archive, part, query, settings, part.names[0] == content.page); }));
     }
     Json tables = Json::object();
-    for (size_t i = 0; i < answers.size(); ++i) tables[std::string(content.parts[i].name)] = answers[i].get();
+    for (auto &answer : answers) tables.update(answer.get());
     return {{"page", content.page},
             {"query", query.parameters},
             {"since", query.filter.period.since},
@@ -358,9 +363,12 @@ Json documentOf(Archive &archive, const Content &content, const Query &query, co
 
 Table tableOf(Archive &archive, const Content &content, const std::string &name, const Query &query,
               const PageSettings &settings) {
-    const auto part = name.empty() ? content.parts.begin() : std::ranges::find(content.parts, name, &Part::name);
+    const std::string &wanted = name.empty() ? content.parts[0].names[0] : name;
+    const auto part = std::ranges::find_if(
+        content.parts, [&](const Part &each) { return std::ranges::count(each.names, wanted) > 0; });
     if (part == content.parts.end()) throw Refusal(fmt::format("the page has no table \"{}\"", name));
-    Table table = askPart(archive, *part, query, settings, kMostOfFile + 1);
+    const Sections sections = askPart(archive, *part, query, settings, kMostOfFile + 1);
+    const Table &table = std::ranges::find(sections, wanted, &Section::name)->table;
     if (table.rows.size() <= kMostOfFile) return table;
     throw Refusal(fmt::format("more than {} rows: choose a shorter period, or ask the store in SQL", kMostOfFile));
 }

@@ -22,10 +22,10 @@ struct Asked {
     size_t most;  // limit for the rows of a long table
 };
 
-// One table of a page.
+// Tables of a page that one question to the store answers.
 struct Part {
-    std::string_view name;
-    std::function<Table(const Asked &)> ask;
+    std::vector<std::string> names;
+    std::function<std::vector<Section>(const Asked &)> ask;
 };
 
 struct Content {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "station/base/text.h"
@@ -29,6 +30,10 @@ constexpr FilterPart kConditions[] = {{&Filter::plan, " AND r.plan = ?", " AND m
                                       {&Filter::place, " AND r.place_name = ?", " AND m.place_name = ?"},
                                       {&Filter::product, " AND r.unit IN (SELECT id FROM units WHERE product = ?)"},
                                       {&Filter::cause, " AND r.verdict IN ('failed', 'interrupted') AND {cause} = ?"}};
+
+std::vector<std::vector<Value>> measuredPlans(Database &database, const std::string &name) {
+    return database.ask(sqlOf(database.shared(), "measured_plans"), {name}).rows;
+}
 
 // A query about the runs of a filter.
 class Question {
@@ -75,7 +80,7 @@ private:
     // value's part of the index from the first run on.
     std::string planOf(Database &database, const std::string &name) {
         std::string plans;
-        for (const auto &row : database.ask(sqlOf(database.shared(), "measured_plans"), {name}).rows) {
+        for (const auto &row : measuredPlans(database, name)) {
             values_.push_back(row[0]);
             plans += fmt::format("{}${}", plans.empty() ? "" : ", ", values_.size());
         }
@@ -118,6 +123,19 @@ std::vector<Section> showRunOf(Database &database, const Value &run) {
     return sectionsOf(database, "show_run", {"run", "steps", "values", "files"}, run);
 }
 
+// Returns figures in groups, by the SQL of the groups, of what tells one from another, and of the first and last start.
+Spreads spreadsOf(Database &database, const Filter &filter, const std::string &name, const Words &words) {
+    Spreads spreads;
+    for (auto &row : Question(filter).askReadings(database, "spreads", name, words).rows) {
+        const auto at = row.begin() + 5;
+        const auto real = [&](ptrdiff_t i) { return at[i] ? std::stod(*at[i]) : NAN; };
+        const Spread spread = {at[0],   at[1],   real(2), real(3), real(4), real(5),
+                               real(6), real(7), real(8), real(9), real(10)};
+        spreads[{row.begin(), at}] += spread;
+    }
+    return spreads;
+}
+
 Value onlyCell(const Table &table) { return table.empty() ? std::nullopt : table.rows[0][0]; }
 
 Value findRun(Database &database, const std::string &name) {
@@ -125,6 +143,13 @@ Value findRun(Database &database, const std::string &name) {
 }
 
 }  // namespace
+
+void append(Table &all, Table more) {
+    std::ranges::move(more.rows, std::back_inserter(all.rows));
+    for (size_t i = 0; i < all.numbers.size(); ++i) more.numbers[i] = more.numbers[i] || all.numbers[i];
+    more.rows = std::move(all.rows);
+    all = std::move(more);
+}
 
 std::vector<Value> bounds(const Period &period) {
     return {period.since.empty() ? kFirstDay : period.since, period.until.empty() ? kLastDay : period.until};
@@ -208,45 +233,92 @@ Table failuresByCause(Database &database, const Filter &filter) {
     return Question(filter).ask(database, "failures_by_cause");
 }
 
-Table measuredValues(Database &database, const Filter &filter, const std::string &name, By by) {
-    const bool places = by == By::kPlace;
-    const std::string named = "CAST($3 AS TEXT) AS plan, CAST({name} AS TEXT) AS name, ";
-    const Words groups = {{"group", (places ? "s.name AS station, m.place_name AS place, " : "") + named + "m.unit"},
-                          {"join", places ? "JOIN stations s ON s.id = m.station" : ""},
-                          {"parts", places ? "GROUP BY 2, 1, 5" : "GROUP BY 3"},
-                          {"ordinals", places ? "1, 2, 3, 4, 5" : "1, 2, 3"}};
-    // SQLite sorts what it groups. If all have the same unit, which is usual, no groups are needed.
-    const Words oneUnit = {{"group", named + "min(m.unit) AS unit"},
-                           {"join", ""},
-                           {"parts", "HAVING count(*) > 0 AND (count(m.unit) = 0 OR"
-                                     " count(m.unit) = count(*) AND min(m.unit) = max(m.unit))"},
-                           {"ordinals", "1, 2, 3"}};
-    // One query per plan and name: an index answers it.
-    auto names = database.ask(sqlOf(database.shared(), "measured_names")).rows;
-    std::erase_if(names, [&](const auto &row) {
-        return (!name.empty() && row[0] != name) || (!filter.plan.empty() && row[1] != filter.plan);
-    });
-    Filter one = filter;
-    // The head, without rows.
-    Table all = Question({.period = {kLastDay, kLastDay}, .plan = "-"}).askReadings(database, "values", "-", groups);
-    for (const auto &row : names) {
-        one.plan = *row[1];
-        Table found = places ? Table() : Question(one).askReadings(database, "values", *row[0], oneUnit);
-        if (found.empty()) found = Question(one).askReadings(database, "values", *row[0], groups);
-        all.rows.insert(all.rows.end(), found.rows.begin(), found.rows.end());
-        for (size_t i = 0; i < all.numbers.size(); ++i) all.numbers[i] = all.numbers[i] || found.numbers[i];
+// Adds means and squares up by Chan's formula, which loses no digits, as plain sums of squares would.
+void Spread::operator+=(const Spread &other) {
+    if (other.numbers > 0) {
+        const double distance = other.mean - mean, share = other.numbers / (numbers + other.numbers);
+        squares += other.squares + distance * distance * numbers * share;
+        mean += distance * share;
+        numbers += other.numbers;
     }
-    const auto cpk = [](const auto &row) { return row.back() ? std::stod(*row.back()) : HUGE_VAL; };
-    std::stable_sort(all.rows.begin(), all.rows.end(), [&](const auto &a, const auto &b) { return cpk(a) < cpk(b); });
+    if (!started || (other.started && other.started < started)) started = other.started;
+    until = std::max(until, other.until);
+    measured += other.measured;
+    failed += other.failed;
+    lowest = std::fmin(lowest, other.lowest);
+    highest = std::fmax(highest, other.highest);
+    minimum = std::fmax(minimum, other.minimum);
+    maximum = std::fmin(maximum, other.maximum);
+}
+
+Spreads spreadsByPlace(Database &database, const Filter &filter, const std::string &name) {
+    return spreadsOf(
+        database, filter, name,
+        {{"columns", "(SELECT s.name FROM stations s WHERE s.id = m.station), m.place_name, m.plan, m.name,"
+                     " m.unit, min(m.started), max(m.started)"},
+         {"groups", "GROUP BY m.place_name, m.station, m.plan, m.name, m.unit"}});
+}
+
+Table valuesTable(const Spreads &spreads, bool byPlace) {
+    Table table{{"station", "place", "plan", "name", "unit", "measured", "failed", "lowest", "mean", "highest",
+                 "deviation", "minimum", "maximum", "cpk"},
+                {},
+                std::vector<bool>(5)};
+    table.numbers.resize(table.columns.size(), true);
+    for (const auto &[group, of] : spreads) {
+        // A constant has no Cpk: what rounding leaves of its deviation means nothing.
+        const double mean = of.numbers > 0 ? of.mean : NAN, above = of.maximum - mean, below = mean - of.minimum;
+        const double deviation = of.lowest == of.highest ? 0 : std::sqrt(of.squares / (of.numbers - 1));
+        const double cpk = deviation > 0 ? std::fmin(above, below) / (3 * deviation) : NAN;
+        auto &row = table.rows.emplace_back(group);
+        for (const double cell :
+             {of.measured, of.failed, of.lowest, mean, of.highest, deviation, of.minimum, of.maximum, cpk}) {
+            row.push_back(number(cell));
+        }
+    }
+    std::ranges::stable_sort(table.rows, {}, [](const auto &row) {
+        return std::tuple(row.back() ? std::stod(*row.back()) : HUGE_VAL, row[3], row[2]);
+    });
+    if (byPlace) return table;
+    const auto drop = [](auto &list) { list.erase(list.begin(), list.begin() + 2); };
+    drop(table.columns), drop(table.numbers);
+    std::ranges::for_each(table.rows, drop);
+    return table;
+}
+
+// One query per plan and name: an index answers it. SQLite sorts what it groups. If all have the same unit, which is
+// usual, no groups are needed.
+Table measuredValues(Database &database, const Filter &filter) {
+    const Words oneUnit = {{"columns", "NULL, NULL, min(m.plan), min(m.name), min(m.unit), NULL, NULL"},
+                           {"groups", "HAVING count(*) > 0 AND (count(m.unit) = 0 OR"
+                                      " count(m.unit) = count(*) AND min(m.unit) = max(m.unit))"}},
+                units = {{"columns", "NULL, NULL, min(m.plan), min(m.name), m.unit, NULL, NULL"},
+                         {"groups", "GROUP BY m.unit"}};
+    Spreads all;
+    Filter one = filter;
+    for (const auto &row : database.ask(sqlOf(database.shared(), "measured_names")).rows) {
+        if (!filter.plan.empty() && row[1] != filter.plan) continue;
+        one.plan = *row[1];
+        Spreads found = spreadsOf(database, one, *row[0], oneUnit);
+        if (found.empty()) found = spreadsOf(database, one, *row[0], units);
+        all.merge(found);
+    }
+    return valuesTable(all, false);
+}
+
+// One query per plan: an index has the readings of a plan in the order of time.
+Table readings(Database &database, const Filter &filter, const std::string &name, size_t limit) {
+    Filter one = filter;
+    Table all;
+    auto plans = measuredPlans(database, name);
+    if (!filter.plan.empty() || plans.empty()) plans = {{filter.plan}};
+    for (const auto &row : plans) {
+        one.plan = *row[0];
+        append(all, Question(one).askReadings(database, "readings", name, {{"count", std::to_string(limit)}}));
+    }
+    std::ranges::stable_sort(all.rows, {}, [](const auto &row) { return row[0]; });
+    all.rows.resize(std::min(all.rows.size(), limit));
     return all;
-}
-
-Table readings(Database &database, const Filter &filter, const std::string &name, int limit) {
-    return Question(filter).askReadings(database, "readings", name, {{"count", std::to_string(limit)}});
-}
-
-Table readingGroup(Database &database, const Filter &filter, const std::string &name) {
-    return Question(filter).askReadings(database, "reading_group", name);
 }
 
 Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges) {

@@ -2,6 +2,8 @@
 // The queries of a store. docs/database.md explains each column, and has the same queries in SQL. Each throws
 // StoreError or a type derived from it (database.h).
 
+#include <cmath>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,9 @@ struct Section {
     std::string name;
     Table table;
 };
+
+// Adds the rows of the other table, which has the same columns. A table without columns becomes the other one.
+void append(Table &all, Table more);
 
 // Times in the store's form (UTC), or the beginning of one. Empty: no bound. `until` itself is not in the period.
 struct Period {
@@ -55,14 +60,28 @@ Table yields(Database &database, const Filter &filter, By by);
 Table failuresByStep(Database &database, const Filter &filter);
 // Returns the failures that were not the unit's, by cause, place and step.
 Table failuresByCause(Database &database, const Filter &filter);
-// Returns the measured values of this name (empty: of all) with their Cpk, the lowest first: one row per plan and name,
-// or with By::kPlace also per place. Includes runs that have not ended, but no reference units.
-Table measuredValues(Database &database, const Filter &filter, const std::string &name = "", By by = By::kAll);
+// Figures of readings, which can be added up. NAN: there is none.
+struct Spread {
+    Value started = {}, until = {};  // of the first reading and the last one
+    double measured = 0, failed = 0;
+    double numbers = 0, mean = 0, squares = 0;  // readings that are numbers, their mean, the sum of squares about it
+    double lowest = NAN, highest = NAN;
+    double minimum = NAN, maximum = NAN;  // the tightest limits
 
-// Return the readings of a measured value: the oldest `limit` of them in the order of time, one per row; or one row
-// with the lowest, mean and highest of all of them.
-Table readings(Database &database, const Filter &filter, const std::string &name, int limit);
-Table readingGroup(Database &database, const Filter &filter, const std::string &name);
+    void operator+=(const Spread &other);
+};
+using Spreads = std::map<std::vector<Value>, Spread>;  // by station, place, plan, name and unit of measure
+
+// Returns the figures of a measured value (empty name: of all) by place. Includes runs that have not ended, but no
+// reference units.
+Spreads spreadsByPlace(Database &database, const Filter &filter, const std::string &name);
+// Returns figures with their Cpk, the lowest first; without station and place unless by place.
+Table valuesTable(const Spreads &spreads, bool byPlace);
+// Returns such a table of all measured values: one row per plan, name and unit of measure.
+Table measuredValues(Database &database, const Filter &filter);
+
+// Returns the oldest `limit` readings of a measured value in the order of time, one per row.
+Table readings(Database &database, const Filter &filter, const std::string &name, size_t limit);
 // Returns how many readings lie in each of `ranges` ranges of the same width, one row per range and place. A range
 // without any has no row.
 Table histogram(Database &database, const Filter &filter, const std::string &name, int ranges);

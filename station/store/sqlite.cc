@@ -62,7 +62,7 @@ void nearestRank(sqlite3_context *context) {
     sqlite3_result_double(context, *rank);
 }
 
-// stddev_samp(value): the sample's standard deviation. Keeps the mean so far and the sum of squares about it, which
+// var_pop(value): the variance. Keeps the mean so far and the sum of squares about it, which
 // loses no digits, as a plain sum of squares would.
 struct Spread {
     double count, mean, squares;
@@ -80,10 +80,9 @@ void addToSpread(sqlite3_context *context, int, sqlite3_value **values) {
     squares += distance * (value - mean);
 }
 
-void deviation(sqlite3_context *context) {
+void variance(sqlite3_context *context) {
     const auto &[count, mean, squares] = spread(context);
-    if (count < 2) return sqlite3_result_null(context);
-    sqlite3_result_double(context, std::sqrt(squares / (count - 1)));
+    if (count > 0) sqlite3_result_double(context, squares / count);
 }
 
 class Sqlite : public Driver {
@@ -122,7 +121,7 @@ Sqlite::Sqlite(const std::string &name) {
     sqlite3_extended_result_codes(connection, 1);
     sqlite3_busy_timeout(connection, kBusy);
     sqlite3_create_function(connection, "nearest_rank", 2, SQLITE_UTF8, nullptr, nullptr, collect, nearestRank);
-    sqlite3_create_function(connection, "stddev_samp", 1, SQLITE_UTF8, nullptr, nullptr, addToSpread, deviation);
+    sqlite3_create_function(connection, "var_pop", 1, SQLITE_UTF8, nullptr, nullptr, addToSpread, variance);
     const auto mustEnd = [](void *driver) {
         const auto &self = *static_cast<const Sqlite *>(driver);
         return int(self.interrupted_ || self.deadline_ < Clock::now());
