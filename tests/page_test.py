@@ -252,6 +252,8 @@ class Page(unittest.TestCase):
                     for part, least in large.get((count, size[0]), {}).items():
                         self.assertGreaterEqual(caps['.failed .' + part], least, part)
         self.accessible('/')
+        self.pretend(12 * [{**tiles[0], 'unit': 'SN-7'}], (1280, 657))
+        self.assertEqual(self.js(CUT.replace('.hint', '.text')), [])
         self.pretend(tiles, (1920, 1080))
         self.accessible('/')
         self.assertRegex(self.tile(1), r'SN-7+…7+Z')

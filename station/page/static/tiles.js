@@ -5,8 +5,10 @@ const kVerdicts = {passed: 'pass', failed: 'fail', again: 'again'};
 const kMostSpelled = 16;    // places whose tiles have room for hints; with more of them a list has the hints
 const kWidestBorder = 8;    // px, of a failed tile
 const kMostMarks = 24;      // a plan with more steps has several in a mark
+const kWrapped = 1.25;      // a text of many lines, which end with words, compared with it in one line
 const kSilent = 120;        // seconds in which any board has booted and connected
-let layout = {mode: 'full', u: 16, v: 32, width: 100};  // lengths in px: u text, v the verdict, width of a text's line
+// Lengths in px: u text, v the verdict, width of a text's line; and lines of texts.
+let layout = {mode: 'full', u: 16, v: 32, width: 100, hints: 1, texts: 1};
 
 // Takes in the station's news of a place.
 function learn(place, first) {
@@ -120,6 +122,8 @@ function show(tile) {
     set(tile.main, main || '');
     set(tile.hint, view.hint || '');
     set(tile.text, view.problem || view.text || '');
+    const used = Math.ceil(kWrapped * widthOf(view.hint || '', 1) / layout.width);
+    tile.text.style.setProperty('--lines', layout.texts + Math.max(0, layout.hints - used));
     tile.text.classList.toggle('wrong', Boolean(view.problem));
     showPicture(tile.picture, pictureOf(place));
     showMarks(tile, place);
@@ -236,11 +240,12 @@ function layOut() {
     const pad = best.u * (best.mode === 'full' ? 0.25 : 0.1) + 4;
     layout = {...best, width: best.w - 2 * pad - (best.mode === 'tiny' ? 6 : 12)};
     const {hints, texts, v} = verdictSize(best, pad + kWidestBorder);
+    Object.assign(layout, {hints, texts});
     layout.verdict = longestVerdict(v / layout.u) + 4;
     at('list').hidden = best.mode === 'full';
     main.className = `${best.mode} ${tall ? 'tall' : 'wide'}`;
     for (const [name, value] of [['--columns', best.columns], ['--u', `${best.u}px`], ['--v', `${v}px`],
-                                 ['--pad', `${pad}px`], ['--gap', `${gap}px`], ['--hints', hints], ['--texts', texts]]) {
+                                 ['--pad', `${pad}px`], ['--gap', `${gap}px`], ['--hints', hints]]) {
         main.style.setProperty(name, value);
     }
     for (const tile of tiles.values()) { if (tile.place) show(tile); }
