@@ -203,12 +203,14 @@ Table yields(Database &database, const Filter &filter, By by) {
                                             fmt::format("to_char({0}, '{1}') AS {0}", unit, form)}
                                  : Grouping{fmt::format("substr(r.started, 1, {}) AS {}", length, unit), unit, unit};
     };
-    const std::map<By, Grouping> groupings = {
-        {By::kAll, {"'all' AS period", "period", "period"}},
-        {By::kHour, since("hour", 13, "YYYY-MM-DD\"T\"HH24")},
-        {By::kDay, since("day", 10, "YYYY-MM-DD")},
-        {By::kPlace, {"s.name AS station, r.place_name AS place", "station, place", "station, place"}},
-        {By::kPlan, {"r.plan", "plan", "plan"}}};
+    const std::map<By, Grouping> groupings = {{By::kAll, {"'all' AS period", "period", "period"}},
+                                              {By::kHour, since("hour", 13, "YYYY-MM-DD\"T\"HH24")},
+                                              {By::kDay, since("day", 10, "YYYY-MM-DD")},
+                                              {By::kPlace,
+                                               {database.shared() ? "r.station AS station_id, r.place_name AS place"
+                                                                  : "s.name AS station, r.place_name AS place",
+                                                "station, place", "station, place"}},
+                                              {By::kPlan, {"r.plan", "plan", "plan"}}};
     const auto &[group, names, shown] = groupings.at(by);
     const bool places = by == By::kPlace;
     std::string groups = places ? "GROUP BY 1, 2, 3" : "GROUP BY 1, 2";  // the first is the time
@@ -220,7 +222,10 @@ Table yields(Database &database, const Filter &filter, By by) {
                                  {"names", names},
                                  {"shown", shown},
                                  {"groups", groups},
-                                 {"join", places ? "JOIN stations s ON s.id = r.station" : ""}});
+                                 {"named", places ? "r.*, s.name AS station" : "r.*"},
+                                 {"join", !places             ? ""
+                                          : database.shared() ? "JOIN stations s ON s.id = r.station_id"
+                                                              : "JOIN stations s ON s.id = r.station"}});
 }
 
 Table failuresByStep(Database &database, const Filter &filter) {
