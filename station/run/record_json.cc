@@ -119,7 +119,7 @@ Json toJson(const StepResult &step) {
     return json;
 }
 
-Json toJson(const RunRecord &run) {
+Json headOf(const RunRecord &run) {
     Json json = {{"id", run.id}, {"plan", run.plan}};
     if (!run.planDigest.empty()) json["plan_sha256"] = run.planDigest;
     json["place"] = toJson(run.place);
@@ -137,6 +137,11 @@ Json toJson(const RunRecord &run) {
         json["files"].push_back(
             {{"step", file.step}, {"name", file.name}, {"size", file.size}, {"sha256", file.sha256}});
     }
+    return json;
+}
+
+Json toJson(const RunRecord &run) {
+    Json json = headOf(run);
     json["steps"] = Json::array();
     for (const StepResult &step : run.steps) json["steps"].push_back(toJson(step));
     return json;

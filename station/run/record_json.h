@@ -18,6 +18,7 @@ using Json = nlohmann::ordered_json;
 Json toJson(const Place &place);
 Json toJson(const StepResult &step);
 Json toJson(const RunRecord &run);
+Json headOf(const RunRecord &run);  // the same without its steps
 
 // Returns the JSON as text, indented by `indent` spaces, or in one line (-1). Bytes from a board that are not UTF-8
 // become U+FFFD.

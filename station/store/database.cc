@@ -4,9 +4,11 @@
 
 #include <cmath>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "station/base/text.h"
+#include "station/run/record_json.h"
 #include "station/store/driver.h"
 #include "station/store/sql.h"
 
@@ -104,8 +106,9 @@ void Database::rollBack() noexcept {
     }
 }
 
-void Database::lock(const std::string &name) {
-    if (shared_) queue("SELECT pg_advisory_xact_lock(hashtextextended($1, 0))", {name});
+void Database::lock(const std::set<std::string> &names) {
+    if (!shared_) return;
+    queue("SELECT pg_advisory_xact_lock(hashtextextended(json_array_elements_text($1), 0))", {dump(Json(names))});
 }
 
 std::string Database::timeBefore(std::chrono::seconds ago, const std::string &column) const {
@@ -140,7 +143,7 @@ void Database::migrate(Missing missing, const Say &say) {
         say(fmt::format("the store is of {}: it is brought forward, and older programs are refused", change));
     if (!shared_) run("PRAGMA foreign_keys = OFF");
     transact([&] {
-        lock("schema");
+        lock({"schema"});
         int now = version();  // another process may have done it meanwhile
         if (now == 0) run("CREATE TABLE IF NOT EXISTS schema_version (version BIGINT PRIMARY KEY)");
         while (now++ < kNewest) {

@@ -26,6 +26,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -124,9 +125,9 @@ public:
         }
     }
 
-    // Takes the lock of this name, and keeps it until the transaction ends. Needed only by PostgreSQL: in SQLite only
-    // one transaction writes at a time anyway.
-    void lock(const std::string &name);
+    // Queues taking the locks of these names, in their order, and keeps them until the transaction ends. Needed only by
+    // PostgreSQL: in SQLite only one transaction writes at a time anyway.
+    void lock(const std::set<std::string> &names);
 
     // Returns SQL for a time that lies so long before another one: a column, or by default the present by the store's
     // own clock, since the clocks of stations differ.

@@ -8,6 +8,8 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <unordered_map>
@@ -22,8 +24,8 @@ namespace station {
 namespace {
 
 using Strings = std::vector<std::string>;
+using Rows = std::vector<std::vector<Value>>;
 
-constexpr int kBlock = 256;                    // addresses between two carries of the sixth byte
 constexpr size_t kShownLines = 10;             // of a file, when it is refused
 constexpr std::chrono::seconds kForNames{10};  // to answer, before a line starts or is read again
 
@@ -181,7 +183,7 @@ Imported addValues(Database &database, const Pool &pool, const Addition &added) 
 Imported add(Database &database, const std::string &name, const std::string &kind, int low, const Addition &added) {
     Imported result;
     database.transact([&] {
-        database.lock("pools");
+        database.lock({"pools"});
         const Pool pool = openPool(database, name, kind, low);
         result = (kind == "addresses" ? addRanges : addValues)(database, pool, added);
     });
@@ -310,6 +312,63 @@ int64_t retireRange(Database &database, const Pool &pool, Range range, const Wor
     return count;
 }
 
+// ---- giving
+
+// Returns where a block of addresses begins among the unit's rows, or its first value; the number of rows when there is
+// none.
+size_t blockIn(const Rows &rows, const Given &given) {
+    const auto count = size_t(given.count);
+    size_t at = 0;
+    for (; at < rows.size(); ++at) {
+        if (given.kind == "values") return at;
+        const int64_t first = integer(rows[at][3]);
+        if (at + count > rows.size() || first % kBlock + given.count > kBlock) continue;
+        if (integer(rows[at + count - 1][3]) == first + given.count - 1) return at;
+    }
+    return at;
+}
+
+// Queues the question what the units have. Without a block `had` says how many they had, if `first`.
+void fetch(Database &database, const Givens &all, bool first) {
+    Json units = Json::array();
+    for (const Given *const given : all) units.push_back(given->unit);
+    database.queue(sqlOf(database.shared(), "taken"), {dump(units)}, [all, first](Table taken) {
+        std::map<std::pair<std::string, std::string>, Rows> byUnit;
+        for (auto &row : taken.rows) byUnit[{*row[0], *row[1]}].push_back(std::move(row));
+        for (Given *const given : all) {
+            const Rows &rows = byUnit[{given->unit, given->pool}];
+            const size_t at = blockIn(rows, *given);
+            given->values.clear();
+            for (size_t i = at; i < rows.size() && i < at + size_t(given->count); ++i)
+                given->values.push_back(*rows[i][2]);
+            if (first) given->had = given->values.empty() ? int64_t(rows.size()) : 0;
+        }
+    });
+}
+
+// Queues what gives as much of one pool to each of the units. The pool is locked.
+void giveOf(Database &database, const Givens &all) {
+    const Given &one = *all.front();
+    const std::string count = std::to_string(one.count);
+    const Words words = {{"count", count}, {"pool", "(SELECT id FROM pools WHERE name = $1)"}};
+    Json takers = Json::array();
+    for (const Given *const given : all) {
+        takers.push_back({{"run", given->run}, {"unit", given->unit}, {"place", takers.size()}});
+    }
+    for (const std::string &sql : statementsOf(database.shared(), "take_" + one.kind, words)) {
+        std::vector<Value> values = {one.pool, dump(takers), isoTime(WallClock::now())};
+        while (sql.find(fmt::format("${}", values.size())) == std::string::npos) values.pop_back();
+        database.queue(sql, values);
+    }
+    if (one.block != one.count) database.queue("UPDATE pools SET block = $2 WHERE name = $1", {one.pool, count});
+    database.queue(sqlOf(database.shared(), "left", words), {one.pool}, [all](const Table &left) {
+        for (Given *const given : all) {
+            given->left = integer(left.rows.at(0)[1]);
+            given->low = given->left < integer(left.rows[0][0]);
+        }
+    });
+}
+
 }  // namespace
 
 std::string storeForm(const std::string &value) {
@@ -341,8 +400,7 @@ int64_t retire(Database &database, const std::string &name, const std::string &f
     const Words retired = {{"retired", undo ? "FALSE" : "TRUE"}};
     int64_t count = 0;
     database.transact([&] {
-        database.lock("pools");
-        database.lock("pool " + name);
+        database.lock({"pool " + name, "pools"});
         const auto pool = findPool(database, name);
         if (!pool) throw Refusal(unknown(name));
         if (pool->kind == "addresses") {
@@ -396,32 +454,32 @@ std::vector<std::string> poolWarnings(Database &database) {
     return warnings;
 }
 
-std::shared_ptr<Given> take(Database &database, const std::string &pool, const std::string &serial,
-                            const std::string &run, int count) {
-    if (count < 1 || count > kBlock) throw Refusal(fmt::format("a unit takes 1 to {} of a pool", kBlock));
-    auto given = std::make_shared<Given>(Given{pool, serial, count});
-    std::map<size_t, std::function<void(Table)>> answers;  // by the statement of take.sql
-    answers[0] = [given](const Table &had) { given->had = integer(had.rows[0][0]); };
-    answers[6] = [given](const Table &found) {
-        for (const auto &row : found.rows) given->values.push_back(*row[0]);
-    };
-    answers[7] = [given](const Table &left) {
-        if (left.empty()) return;
-        given->kind = *left.rows[0][0];
-        given->left = integer(left.rows[0][2]);
-        given->low = given->left < integer(left.rows[0][1]);
-    };
-    const Words words = {{"count", std::to_string(count)},
-                         {"pool", "(SELECT id FROM pools WHERE name = $1)"},
-                         {"unit", "(SELECT unit FROM runs WHERE run = $2)"}};
-    const Strings statements = statementsOf(database.shared(), "take", words);
-    database.lock("pool " + pool);
-    for (size_t i = 0; i < statements.size(); ++i) {
-        std::vector<Value> values = {pool, run, isoTime(WallClock::now())};
-        while (statements[i].find(fmt::format("${}", values.size())) == std::string::npos) values.pop_back();
-        database.queue(statements[i], values, answers[i]);
+void askWhatUnitsHave(Database &database, const Givens &all) {
+    database.queue("SELECT name, kind, block FROM pools", {}, [all](const Table &pools) {
+        for (const auto &row : pools.rows) {
+            for (Given *const given : all) {
+                if (given->pool == row[0]) given->kind = *row[1], given->block = integer(row[2]);
+            }
+        }
+    });
+    fetch(database, all, true);
+}
+
+void give(Database &database, const Givens &all) {
+    std::map<std::pair<std::string, int>, Givens> lacking;
+    std::set<std::string> locks;
+    std::set<std::pair<std::string, std::string>> takers;
+    for (Given *const given : all) {
+        if (given->kind.empty() || !given->values.empty() || (given->kind == "values" && given->count > 1)) continue;
+        // A board that gave up waiting may ask again before it has its first answer.
+        if (!takers.emplace(given->pool, given->unit).second) continue;
+        lacking[{given->pool, given->count}].push_back(given);
+        locks.insert("pool " + given->pool);
     }
-    return given;
+    if (lacking.empty()) return;
+    database.lock(locks);
+    for (const auto &[group, givens] : lacking) giveOf(database, givens);
+    fetch(database, all, false);
 }
 
 const std::vector<std::string> &valuesOf(const Given &given) {
@@ -431,7 +489,7 @@ const std::vector<std::string> &valuesOf(const Given &given) {
                                   " needs a pool of addresses",
                                   given.pool, given.count));
     }
-    if (given.values.size() == size_t(given.count)) return given.values;
+    if (!given.values.empty()) return given.values;
     throw Refusal(fmt::format("the pool \"{}\" is empty{}: add to it with \"qcstation pool add\" or \"qcstation pool"
                               " import\"",
                               given.pool, given.count > 1 ? fmt::format(" of blocks of {}", given.count) : ""));

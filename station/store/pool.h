@@ -2,16 +2,19 @@
 // Pools, from which each unit is given its own MAC addresses and other values for ever.
 //
 //     addRange(database, "mac", "02:00:00:00:00:00", "02:00:00:00:FF:FF", 500);
-//     std::shared_ptr<Given> given;
-//     database.transact([&] { given = take(database, "mac", serial, run, 4); });  // one round trip
-//     const std::vector<std::string> addresses = valuesOf(*given);
+//     Given given{"mac", serial, run, 4};
+//     database.transact([&] {
+//         askWhatUnitsHave(database, {&given});
+//         database.ask("SELECT 1");
+//         give(database, {&given});
+//     });
+//     const std::vector<std::string> addresses = valuesOf(given);
 //
 // Each function either does everything that it says, or throws StoreError and changes nothing. The error is a Refusal
 // when the request is wrong.
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,7 +24,8 @@
 
 namespace station {
 
-constexpr int kLow = 100;  // the limit of a pool without its own: with enough for fewer units the pool is low
+constexpr int kBlock = 256;  // addresses between two carries of the sixth byte; a unit takes at most so many
+constexpr int kLow = 100;    // the limit of a pool without its own: with enough for fewer units the pool is low
 
 // Returns an address, in any form, in the store's form; any other text unchanged.
 std::string storeForm(const std::string &value);
@@ -64,23 +68,27 @@ Table listRanges(Database &database, const std::string &pool);
 // Returns a line for the people on the line for each pool with a warning. Slow: counts the units of a week.
 std::vector<std::string> poolWarnings(Database &database);
 
+// What a run takes of a pool for its unit.
 struct Given {
-    std::string pool, serial;
-    int count = 0;
+    std::string pool, unit, run;
+    int count = 0;                         // 1 to kBlock
     std::string kind = {};                 // of the pool; empty: there is no such pool
-    std::vector<std::string> values = {};  // fewer than `count`: the pool is empty
+    int64_t block = 0;                     // what the last unit took of it
+    std::vector<std::string> values = {};  // empty: the pool does not have so many
     int64_t had = 0;                       // how many the unit had of the pool, when they were too few
-    int64_t left = 0;                      // for how many more units the pool is enough; values count up to the limit
-    bool low = false;                      // `left` is below the pool's limit
+    int64_t left = 0;  // after new ones were given: for how many more units the pool is enough, up to a pool's limit
+    bool low = false;  // `left` is below that limit
 };
+using Givens = std::vector<Given *>;
 
-// Takes `count` values for the unit: those that it has already, otherwise the next ones of the pool. Addresses are
-// consecutive and have the same first five bytes; a unit that has fewer than `count` gets new ones and keeps the old
-// ones. Must be called inside transact(). The result is filled when the transaction has ended, or by the next ask() in
-// it. If a transaction takes from several pools, take in the order of their names: otherwise two stations may wait for
-// each other until the database ends one of them with StoreAway.
-std::shared_ptr<Given> take(Database &database, const std::string &pool, const std::string &serial,
-                            const std::string &run, int count);
+// Queues the questions what the units have of the pools already: `kind`, `block`, `values` and `had` are there after
+// the next ask(). Must be called inside transact().
+void askWhatUnitsHave(Database &database, const Givens &all);
+// Queues what gives `values` to those that have none. Addresses are consecutive and have the same first five bytes; a
+// unit that has too few gets new ones and keeps the old ones. The results are there when the transaction has ended.
+// Must be called after askWhatUnitsHave(), with locks on the units, and once in a transaction: two stations that lock
+// pools one after the other may wait for each other until the database ends one of them with StoreAway.
+void give(Database &database, const Givens &all);
 
 // Returns the values. Throws Refusal when the pool did not have `count` of them.
 const std::vector<std::string> &valuesOf(const Given &given);

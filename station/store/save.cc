@@ -9,11 +9,6 @@
 namespace station {
 namespace {
 
-// Queues the statements of the file NAME.sql.
-void queue(Database &database, const char *name, const std::vector<Value> &values) {
-    for (const std::string &sql : statementsOf(database.shared(), name)) database.queue(sql, values);
-}
-
 // Returns the JSON as text() does it for a text.
 std::string parameter(const Json &json) {
     std::string text = dump(json);
@@ -23,10 +18,16 @@ std::string parameter(const Json &json) {
     return text;
 }
 
+// Queues the statements of the file NAME.sql, if there are rows for them.
+void queue(Database &database, const char *name, const Json &rows) {
+    if (rows.empty()) return;
+    const std::string values = parameter(rows);
+    for (const std::string &sql : statementsOf(database.shared(), name)) database.queue(sql, {values});
+}
+
 // Returns the run as save_run.sql takes it.
 Json rowOf(const RunRecord &run, bool inWork) {
-    Json row = toJson(run);
-    row.erase("steps");
+    Json row = headOf(run);
     row["station"] = {{"name", run.station.name}, {"key", run.station.key}};  // also when only the key is known
     row["verdict"] = verdictIn(run, inWork);
     if (run.ended()) row["seconds"] = inSeconds(run.end - run.start);
@@ -58,19 +59,23 @@ std::string verdictIn(const RunRecord &run, bool inWork) {
     return run.passed() ? "passed" : "failed";
 }
 
-void saveSteps(Database &database, const std::vector<StepsOf> &all) {
-    Json rows = Json::array();
-    for (const StepsOf &part : all) addSteps(rows, part.run, part.first);
-    if (!rows.empty()) queue(database, "save_steps", {parameter(rows)});
+void save(Database &database, const std::vector<Saving> &all) {
+    Json rows = Json::array(), begun = rows, judged = rows, steps = rows;
+    for (const Saving &run : all) {
+        if (run.steps) addSteps(steps, *run.steps, run.first);
+        if (!run.row) continue;
+        rows.push_back(rowOf(*run.row, run.inWork));
+        if (run.isNew) begun.push_back(rows.back());
+        if (run.row->counts() && !run.row->unit.empty()) judged.push_back(rows.back());
+    }
+    queue(database, "save_references", begun);
+    queue(database, "save_run", rows);
+    queue(database, "save_steps", steps);
+    queue(database, "save_attempts", judged);
 }
 
-void save(Database &database, const RunRecord &run, bool inWork, size_t first) {
-    const std::string row = parameter(Json::array({rowOf(run, inWork)}));
-    if (first == 0) queue(database, "save_references", {row});
-    queue(database, "save_run", {row});
-    saveSteps(database, {{run, first}});
-    if (run.counts() && !run.unit.empty())
-        queue(database, "save_attempts", {text(run.unit), text(run.plan).value_or("")});
+void save(Database &database, const RunRecord &run) {
+    save(database, std::vector<Saving>{{.row = &run, .steps = &run}});
 }
 
 }  // namespace station

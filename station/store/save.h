@@ -9,22 +9,22 @@
 
 namespace station {
 
-// Writes a record within the caller's transaction: the run, its unit, and the steps that have ended, from `first`
-// (counted from 0) on. Updates what is there already, so a record may be written any number of times and in any order:
-// a record without an end never replaces one with an end. `inWork`: a run without an end is still running;
-// otherwise it counts as interrupted.
-//
-//     database.transact([&] { save(database, run); });
-void save(Database &database, const RunRecord &run, bool inWork = false, size_t first = 0);
-
-// The steps of a run from `first` on.
-struct StepsOf {
-    const RunRecord &run;
-    size_t first;
+// What is written of a run. Updates what is there already, so a record may be written any number of times and in any
+// order: a record without an end never replaces one with an end.
+struct Saving {
+    const RunRecord *row = nullptr;    // the record whose run and unit are written; null: the store knows both
+    bool inWork = false;               // the row is of a run in work; without an end, any other one is interrupted
+    const RunRecord *steps = nullptr;  // the record whose steps are written, as far as they have ended; may be null
+    size_t first = 0;                  // the first of these steps, counted from 0
+    bool isNew = true;                 // the store may not know the run's station and plan version yet
 };
 
-// Writes only those steps that have ended, of runs that the store knows.
-void saveSteps(Database &database, const std::vector<StepsOf> &all);
+// Writes the records of different runs within the caller's transaction.
+void save(Database &database, const std::vector<Saving> &all);
+// Writes a whole record.
+//
+//     database.transact([&] { save(database, run); });
+void save(Database &database, const RunRecord &run);
 
 // Returns the verdict as the store spells it: running, passed, failed, interrupted.
 std::string verdictIn(const RunRecord &run, bool inWork = false);

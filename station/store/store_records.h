@@ -28,7 +28,6 @@
 // in memory, and no board is taken until one of them takes it. After a crash, the next process that has the spool's key
 // settles the runs (mend.h): a run whose end is in any of the three has ended; every other one is interrupted.
 
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -61,33 +60,16 @@ public:
     void ends(const RunRecord &ended) override;
 
 private:
-    using Shared = std::shared_ptr<const RunRecord>;
-    struct Course {                     // of a run in work; its board's thread alone uses the texts
-        std::string unit, product;      // that the store knows it by
-        std::atomic<size_t> steps = 0;  // that the store has
-    };
-
     // In the writer's thread:
-    void greet(Database &database, bool fresh);
+    void greet(Database &database, bool fresh, bool working);
     void holdKeys(Database &database);
     void introduce(Database &database);
     void heartbeat(Database &database);
     void warnOfPools(Database &database);
 
-    // A run that has steps which the store does not have yet.
-    struct Behind {
-        Shared run;
-        std::shared_ptr<Course> course;
-        size_t steps;  // that have ended
-    };
-
-    Shared mine(RunRecord run) const;
-    std::shared_ptr<Course> courseOf(const RunRecord &run);
-    void asUnit(const RunRecord &named, const std::string &pool,
-                const std::function<void(Database &, const RunRecord &)> &take);
-    void release(const RunRecord &named);
-    bool persist(const Shared &run, std::string &why);
-    void forget(const std::string &id);
+    std::shared_ptr<const RunRecord> mine(RunRecord run) const;
+    std::shared_ptr<Change> claim(const RunRecord &run, const Given &given = {});
+    bool persist(const std::shared_ptr<const RunRecord> &run, std::string &why);
     std::string retryUnkept(const std::function<void(const RunRecord &)> &take);
     bool isNews(const std::string &pool, int64_t left);
     void say(const std::string &trouble);
@@ -95,11 +77,9 @@ private:
         return [this](const std::string &trouble) { say(trouble); };
     }
 
-    Mutex mutex_;                                                               // of what follows
-    std::map<std::string, std::shared_ptr<Course>> inWork_ GUARDED_BY(mutex_);  // by the run's ID
-    std::map<std::string, Behind> behind_ GUARDED_BY(mutex_);                   // likewise
+    Mutex mutex_;                                             // of what follows
     std::map<std::string, int64_t> told_ GUARDED_BY(mutex_);  // what was left of a pool when it was last said
-    std::vector<Shared> unkept_ GUARDED_BY(mutex_);           // nothing has taken their ends
+    std::vector<std::shared_ptr<const RunRecord>> unkept_ GUARDED_BY(mutex_);  // nothing has taken their ends
     std::function<void(const std::string &)> trouble_ GUARDED_BY(mutex_);
     std::vector<std::string> unsaid_ GUARDED_BY(mutex_);  // while nobody listened
 

@@ -1,11 +1,13 @@
--- The rows of a run and its unit. $1 is an array with the run in JSON: its record, where `verdict`, `seconds`,
+-- The rows of runs and their units. $1 is an array of runs in JSON, each once: its record, where `verdict`, `seconds`,
 -- `failed_step` and `failure` are those of the table, and `counts` says that it has an `attempt`.
 INSERT INTO units (serial, product, first_seen, last_seen)
-SELECT r.unit, nullif(r.variables ->> 'product', ''), r.start, r.start FROM {run_of} WHERE r.unit <> ''
-ON CONFLICT (serial) DO UPDATE SET
+SELECT r.unit, min(nullif(r.variables ->> 'product', '')), min(r.start), max(r.start) FROM {run_of} WHERE r.unit <> ''
+GROUP BY r.unit ORDER BY r.unit ON CONFLICT (serial) DO UPDATE SET
     product = coalesce(units.product, excluded.product),
     first_seen = CASE WHEN excluded.first_seen < units.first_seen THEN excluded.first_seen ELSE units.first_seen END,
-    last_seen = CASE WHEN excluded.last_seen > units.last_seen THEN excluded.last_seen ELSE units.last_seen END;
+    last_seen = CASE WHEN excluded.last_seen > units.last_seen THEN excluded.last_seen ELSE units.last_seen END
+WHERE excluded.first_seen < units.first_seen OR excluded.last_seen > units.last_seen
+    OR units.product IS NULL AND excluded.product IS NOT NULL;
 
 -- A run that counts keeps its number when it is written again. That of a new one is right unless runs come late, when
 -- save_attempts.sql corrects it.
