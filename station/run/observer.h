@@ -53,6 +53,7 @@ public:
 class Observers {
 public:
     Observers() = default;
+    // cppcheck-suppress noExplicitConstructor ; one observer may stand where several do
     Observers(Observer &only) : all_{&only} {}
     void add(Observer &observer) { all_.push_back(&observer); }
 
