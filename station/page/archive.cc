@@ -26,7 +26,7 @@ Archive::Connection *Archive::take() {
     return connection;
 }
 
-// Those that are open come last, and are taken first.
+// Open connections come last, and are taken first.
 void Archive::giveBack(Connection *connection) {
     Connection closed;  // after the lock
     const Lock lock(mutex_);

@@ -1,5 +1,5 @@
 #pragma once
-// What boards want of the store, and what their runs claim there: units, which no other run may have in work meanwhile.
+// Changes that boards want in the store, and their claims on units, which no other run may have in work meanwhile.
 
 #include <functional>
 #include <future>
@@ -12,7 +12,7 @@
 
 namespace station {
 
-// What a board wants of the store. Owns what it uses, since the board may give up waiting.
+// A change that a board wants in the store. Owns all that it uses, since the board may give up waiting.
 struct Change {
     enum What {
         kRun,    // the run: it begins, ends, or will not be served

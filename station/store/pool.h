@@ -68,7 +68,7 @@ Table listRanges(Database &database, const std::string &pool);
 // Returns a line for the people on the line for each pool with a warning. Slow: counts the units of a week.
 std::vector<std::string> poolWarnings(Database &database);
 
-// What a run takes of a pool for its unit.
+// Values that a run takes of a pool for its unit.
 struct Given {
     std::string pool, unit, run;
     int count = 0;                         // 1 to kBlock

@@ -9,8 +9,8 @@
 
 namespace station {
 
-// What is written of a run. Updates what is there already, so a record may be written any number of times and in any
-// order: a record without an end never replaces one with an end.
+// The parts of a run's record that are written. Rows that are there already are updated, so a record may be written any
+// number of times and in any order: one without an end never replaces one with an end.
 struct Saving {
     const RunRecord *row = nullptr;    // the record whose run and unit are written; null: the store knows both
     bool inWork = false;               // the row is of a run in work; without an end, any other one is interrupted

@@ -46,7 +46,7 @@ public:
     void now(const std::shared_ptr<Change> &change);
 
 private:
-    // What the store has of a run in work.
+    // The part of a run in work that the store has.
     struct Known {
         std::string unit, product;
         size_t steps = 0;
