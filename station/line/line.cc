@@ -191,9 +191,12 @@ Outcome Line::serve() {
     return outcome_;
 }
 
-// Looks whether records can be kept. Returns whether that has changed.
+// Looks whether records can be kept; if so, late ones have been written. Returns whether that has changed.
 bool Line::lookAtRecords() {
     const std::string why = context_.records.away();
+    for (const char *const late : {"the run ", "the result of the run "}) {
+        if (why.empty()) context_.observers.tell(&Observer::mended, std::string(late));
+    }
     {
         const Lock lock(mutex_);
         if (std::exchange(away_, why) == why) return false;
