@@ -406,7 +406,8 @@ def killed(name, *steps, after='', answers=(), word=None):
     def provoke(line):
         replies = {word: lambda payload: come.set() or time.sleep(2 * PATIENCE)} if word else {}
         come = threading.Event()
-        if after: line.write('after', '#!/bin/sh\n[ -e again ] || { touch begun; sleep 600; }\n', 0o755)
+        wait = 'timeout 60 sh -c "until [ -e again ]; do sleep 0.1; done"'  # nobody ends a killed station's hook
+        if after: line.write('after', f'#!/bin/sh\n[ -e again ] || touch begun\n{wait}\n', 0o755)
         line.start(*steps, line=f'after: ./after' if after else '')
         Board(line.cable, **replies)
         for answer in answers: line.answer(answer)
