@@ -60,7 +60,7 @@ Table yields(Database &database, const Filter &filter, By by);
 Table failuresByStep(Database &database, const Filter &filter);
 // Returns the failures that were not the unit's, by cause, place and step.
 Table failuresByCause(Database &database, const Filter &filter);
-// Figures of some readings; += adds those of others. NAN: there is none.
+// Number, mean, spread and limits of some readings; += adds other readings. A figure that does not exist is NAN.
 struct Spread {
     Value started = {}, until = {};  // of the first reading and the last one
     double measured = 0, failed = 0;
